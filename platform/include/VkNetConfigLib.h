@@ -1,0 +1,59 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * The device's network configuration: addresses, routes and DNS of an interface, and the packet filter. Requests are
+ * JSON texts, which are not kept. Each request is all or nothing and takes effect before the call returns. Calls may
+ * come from any thread; they are worked off one at a time. They return 0 on success; on failure nothing is changed
+ * and one line of the log names the key at fault.
+ */
+#ifndef VKNETCONFIGLIB_H
+#define VKNETCONFIGLIB_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* Puts an interface configuration in force; it replaces the one this interface had.
+ *
+ *   "ifName"             text, at most 15 characters; the interface must exist
+ *   "ifPriority"         whole number, accepted for other platforms
+ *   "networkTechnology", "networkScope"   texts, accepted for other platforms
+ *   "networkUsage"       texts, accepted for other platforms
+ *   "domainsOnIfDns"     texts: the DNS domains of this interface
+ *   "ipv4"               object:
+ *     "ip", "netmask", "gateway"   "0x" and eight hex digits: the network-order address read as a host integer
+ *     "dns"                        such texts: the DNS servers
+ *     "additionalIfRoutes"         objects of "ip", "netmask", "gateway" (dotted texts) and "metric" (0 to 2^32-1)
+ *
+ * Only "ifName" is required. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all traffic goes into
+ * the interface by two /1 routes; the device's own default routes stay. */
+int CmAddInterfaceCfg2(const char* json);
+
+/* Takes back what was put in force for the interface, and only that. Nothing in force is no failure. */
+int CmDelInterfaceCfg(const char* ifName);
+
+/* Sets up or removes a packet filter.
+ *
+ *   "label"        text: names the filter, at most 31 characters: a letter, then letters, digits, '_', '-', '.'
+ *   "chainNew"     text, for setting up: the chain's name; replaces the label's earlier filter in one step
+ *   "chainDelete"  text, for removing: the chain's name. What is not there is no failure.
+ *   "rules"        with "chainNew": objects of
+ *     "operation"                     "append"
+ *     "source", "destination"         dotted address, or address/dotted mask, or address/prefix length
+ *     "protocol"                      "ICMP", "TCP" or "UDP"
+ *     "interfaceName"                 text, with "interfaceDirection": "in" or "out"
+ *     "sourcePort", "destinationPort" 1 to 65535, not with "ICMP"
+ *     "jumpTo"                        "ACCEPT" or "DROP"
+ *
+ * Rules are tried in their order, for packets that come in, go out and pass through; "operation" and "jumpTo" are
+ * required. */
+int VkFirewallFullCtrl(const char* json);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the environment says about the log.
+#ifndef VKLOG_LOGSETTINGS_H
+#define VKLOG_LOGSETTINGS_H
+
+namespace vklog {
+
+/// VKLOG_LEVEL: 0 to 7; 6 when it is not set or makes no sense.
+int levelFromEnvironment();
+
+/// VKLOG_TARGET=stderr.
+bool stderrRequested();
+
+}  // namespace vklog
+
+#endif

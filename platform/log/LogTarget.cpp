@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "LogTarget.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "LogSettings.h"
+#include "handles/UniqueFd.h"
+
+namespace vklog {
+
+namespace {
+
+constexpr char journalSocket[] = "/run/systemd/journal/socket";
+constexpr char syslogSocket[] = "/dev/log";
+
+std::string formatted(const char* format, va_list values) __attribute__((format(printf, 1, 0)));
+
+std::string formatted(const char* format, va_list values)
+{
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, values);
+    if (length < 0) return format;
+    std::string message(text, static_cast<std::size_t>(length));
+    free(text);
+    while (!message.empty() && message.back() == '\n') message.pop_back();
+    return message;
+}
+
+// libsystemd reports success when journald is absent, so its socket is looked for first.
+bool toJournal(const std::string& name, int level, const std::string& message)
+{
+    if (access(journalSocket, W_OK) != 0) return false;
+    std::string fields[] = {"MESSAGE=" + message, "PRIORITY=" + std::to_string(level), "SYSLOG_IDENTIFIER=" + name};
+    iovec parts[] = {{fields[0].data(), fields[0].size()},
+                     {fields[1].data(), fields[1].size()},
+                     {fields[2].data(), fields[2].size()}};
+    return sd_journal_sendv(parts, 3) == 0;
+}
+
+// Not through syslog(3): its ident is the whole process's, and the process is the agent's.
+bool toSyslog(const std::string& name, int level, const std::string& message)
+{
+    const UniqueFd socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socketFd.valid()) return false;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, syslogSocket, sizeof syslogSocket);
+    const std::string line = "<" + std::to_string(LOG_DAEMON | level) + ">" + name + "[" + std::to_string(getpid()) +
+                             "]: " + message;
+    return sendto(socketFd.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+                  reinterpret_cast<const sockaddr*>(&address),
+                  sizeof address) == static_cast<ssize_t>(line.size());
+}
+
+}  // namespace
+
+void print(const char* name, int level, const char* format, va_list values)
+{
+    const std::string message = formatted(format, values);
+    if (!stderrRequested() && (toJournal(name, level, message) || toSyslog(name, level, message))) return;
+    // One write, so that lines of several threads do not mix.
+    const std::string line = std::string(name) + "[" + std::to_string(level) + "]: " + message + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+}  // namespace vklog

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where messages go.
+#ifndef VKLOG_LOGTARGET_H
+#define VKLOG_LOGTARGET_H
+
+#include <cstdarg>
+
+namespace vklog {
+
+/// Writes one message to the log of this machine under the ident `name`. Thread-safe; never fails: what no daemon
+/// takes goes to stderr.
+void print(const char* name, int level, const char* format, va_list values) __attribute__((format(printf, 3, 0)));
+
+}  // namespace vklog
+
+#endif

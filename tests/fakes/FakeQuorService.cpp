@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FakeQuorService.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "FakeCalls.h"
+
+namespace fakes {
+
+BusState& bus()
+{
+    static BusState* state = new BusState;
+    return *state;
+}
+
+namespace {
+
+std::string text(const char* value)
+{
+    return value != nullptr ? value : "(null)";
+}
+
+bool outcome(const char* operation, const std::string& arguments, QSError* error)
+{
+    recordCall(std::string(operation) + (arguments.empty() ? "" : " ") + arguments);
+    if (bus().failing != operation) return true;
+    if (error != nullptr) {
+        ++bus().errorsFilled;
+        *error = QSError{-7, strdup("refused"), "bus.c", 42, "bus_function"};
+    }
+    return false;
+}
+
+}  // namespace
+
+}  // namespace fakes
+
+using fakes::outcome;
+using fakes::text;
+
+extern "C" bool QSErrorInit(QSError* error)
+{
+    *error = QSError{};
+    return true;
+}
+
+extern "C" void QSErrorFree(QSError* error)
+{
+    if (error->message != nullptr) ++fakes::bus().errorsFreed;
+    std::free(error->message);
+    *error = QSError{};
+}
+
+extern "C" bool QSRegister(const char* name, QSHandle** handle, QSError* error)
+{
+    if (!outcome("QSRegister", text(name), error)) return false;
+    static QSHandle sHandle{1};
+    *handle = &sHandle;
+    return true;
+}
+
+extern "C" bool QSUnregister(QSHandle*, QSError* error)
+{
+    return outcome("QSUnregister", "", error);
+}
+
+extern "C" bool QSGmainAttach(QSHandle*, _GMainLoop*, QSError* error)
+{
+    return outcome("QSGmainAttach", "", error);
+}
+
+extern "C" bool QSRegisterServerStatus(QSHandle*, const char* service, QSServerStatusCallback callback, void*,
+                                       QSError* error)
+{
+    if (!outcome("QSRegisterServerStatus", text(service), error)) return false;
+    fakes::bus().statusCallback = callback;
+    fakes::bus().watchedService = text(service);
+    return true;
+}
+
+extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback,
+                       void* userData, QSMessageToken* token, QSError* error)
+{
+    if (!outcome("QSCall", text(uri) + " " + text(payload), error)) return false;
+    fakes::bus().calls.push_back({handle, text(uri), text(payload), callback, userData, token != nullptr});
+    return true;
+}
+
+extern "C" const char* QSMessageGetPayload(QSMessage* message)
+{
+    return message->payload;
+}
+
+extern "C" QSMessageToken QSMessageGetResponseToken(QSMessage* message)
+{
+    return message->token;
+}
+
+extern "C" bool QSRegisterCategory(QSHandle*, const char* category, QSMethod* methods, QSSignal*, QSProperty*,
+                                   QSError* error)
+{
+    fakes::bus().methods = methods;
+    return outcome("QSRegisterCategory", text(category), error);
+}
+
+extern "C" bool QSMessageReply(QSHandle*, QSMessage*, const char* payload, QSError* error)
+{
+    return outcome("QSMessageReply", text(payload), error);
+}
+
+extern "C" bool QSSubscriptionAdd(QSHandle*, const char* key, QSMessage*, QSError* error)
+{
+    return outcome("QSSubscriptionAdd", text(key), error);
+}
+
+extern "C" bool QSSubscriptionReply(QSHandle*, const char* key, const char* payload, QSError* error)
+{
+    return outcome("QSSubscriptionReply", text(key) + " " + text(payload), error);
+}

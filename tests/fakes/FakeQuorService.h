@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Recording service bus. Nothing is delivered by itself: a test takes the recorded callback and calls it.
+#ifndef FAKE_QUORSERVICE_H
+#define FAKE_QUORSERVICE_H
+
+#include <string>
+#include <vector>
+
+#include "quorservice.h"
+
+struct QSHandle {
+    int number;
+};
+
+struct QSMessage {
+    const char* payload;
+    QSMessageToken token;
+};
+
+namespace fakes {
+
+struct BusCall {
+    QSHandle* handle;
+    std::string uri;
+    std::string payload;
+    QSReplyCallback callback;
+    void* userData;
+    bool wantsToken;
+};
+
+struct BusState {
+    /// Name of the operation that fails ("QSCall"), empty for none.
+    std::string failing;
+    std::vector<BusCall> calls;
+    QSServerStatusCallback statusCallback = nullptr;
+    std::string watchedService;
+    QSMethod* methods = nullptr;
+    int errorsFilled = 0;
+    int errorsFreed = 0;
+};
+/// The state; assign BusState{} to begin anew.
+BusState& bus();
+
+}  // namespace fakes
+
+#endif

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FakeVkLog.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+namespace fakes {
+
+namespace {
+
+struct State {
+    std::mutex lock;
+    VkLogContext context{7};
+    int result = 0;
+    std::string name;
+    std::vector<LogLine> lines;
+};
+
+// Never destroyed: the code under test logs until the process ends.
+State& state()
+{
+    static State* instance = new State;
+    return *instance;
+}
+
+}  // namespace
+
+std::vector<LogLine> logLines()
+{
+    const std::lock_guard<std::mutex> lock(state().lock);
+    return state().lines;
+}
+
+std::vector<LogLine> logLines(int level)
+{
+    std::vector<LogLine> chosen;
+    for (const LogLine& line : logLines()) {
+        if (line.level == level) chosen.push_back(line);
+    }
+    return chosen;
+}
+
+void clearLog()
+{
+    const std::lock_guard<std::mutex> lock(state().lock);
+    state().lines.clear();
+}
+
+VkLogContext& logContext()
+{
+    return state().context;
+}
+
+void setLogContextResult(int result)
+{
+    state().result = result;
+}
+
+std::string logContextName()
+{
+    return state().name;
+}
+
+}  // namespace fakes
+
+extern "C" int VkLogGetContext(const char* name, VkLogContext** context)
+{
+    auto& state = fakes::state();
+    state.name = name;
+    if (state.result != 0) return state.result;
+    *context = &state.context;
+    return 0;
+}
+
+extern "C" void VkLogPrint(VkLogContext*, int level, const char* format, ...)
+{
+    va_list values;
+    va_start(values, format);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, values);
+    va_end(values);
+    if (length < 0) return;
+    auto& state = fakes::state();
+    const std::lock_guard<std::mutex> lock(state.lock);
+    state.lines.push_back({level, std::string(text, static_cast<std::size_t>(length))});
+    std::free(text);
+}

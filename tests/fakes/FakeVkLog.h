@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Recording log library. Usable from the moment static objects are constructed.
+#ifndef FAKE_VKLOG_H
+#define FAKE_VKLOG_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "VkLogLib.h"
+
+namespace fakes {
+
+struct LogLine {
+    int level;
+    std::string text;
+
+    bool operator==(const LogLine& other) const { return level == other.level && text == other.text; }
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const LogLine& line)
+{
+    return stream << line.level << ": " << line.text;
+}
+
+/// Everything printed since the last clear, in order, from all threads.
+std::vector<LogLine> logLines();
+std::vector<LogLine> logLines(int level);
+void clearLog();
+
+/// The context that VkLogGetContext() hands out; its level is 7 at first.
+VkLogContext& logContext();
+/// What VkLogGetContext() returns; 0 at first.
+void setLogContextResult(int result);
+/// The name that was asked for last.
+std::string logContextName();
+
+}  // namespace fakes
+
+#endif
