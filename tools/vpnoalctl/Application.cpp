@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Application.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+
+#include "CommandError.h"
+#include "CommandTable.h"
+#include "Context.h"
+#include "Output.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+constexpr char description[] =
+    "Drives the VPN plug-in from the shell: loads it as an agent would and calls what the command names.";
+constexpr char footer[] =
+    "\nExit codes: 0 done; 1 the operation failed; 2 wrong usage or bad input, nothing was changed;\n"
+    "3 the plug-in could not be loaded. 'vpnoalctl COMMAND --help' explains one command.";
+
+// The log library reads its settings when it is loaded. A person at a terminal wants to see why something failed, so
+// errors go to stderr; what the caller's environment says holds.
+void setUpLog(int verbosity)
+{
+    const char* const levels[] = {"3", "6", "7"};
+    const bool verbose = verbosity > 0;
+    setenv("VKLOG_LEVEL", levels[verbosity > 2 ? 2 : verbosity], verbose ? 1 : 0);
+    setenv("VKLOG_TARGET", "stderr", verbose ? 1 : 0);
+}
+
+void complain(const std::string& text)
+{
+    std::fputs(("vpnoalctl: " + printable(text) + "\n").c_str(), stderr);
+}
+
+int guarded(const Action& action, Context& context)
+{
+    try {
+        const int code = action(context);
+        if (!context.output.flush()) throw CommandError("output", "not everything could be written", "free the disk");
+        return code;
+    } catch (const CommandError& error) {
+        complain(error.what());
+        return error.exitCode();
+    } catch (const std::exception& error) {
+        complain(error.what());
+        return ExitFailed;
+    }
+}
+
+int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
+{
+    const CLI::App* named = &app;
+    std::string command = "vpnoalctl";
+    for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = named->get_subcommands()) {
+        named = chosen.front();
+        command += " " + named->get_name();
+    }
+    complain("usage: " + std::string(error.what()) + "; see '" + command + " --help'");
+    return ExitUsage;
+}
+
+}  // namespace
+
+int run(int argc, char** argv)
+{
+    CLI::App app(description, "vpnoalctl");
+    Settings settings;
+    std::optional<Action> chosen;
+    app.footer(footer);
+    app.set_version_flag("--version", "vpnoalctl " WFOAL_VERSION);
+    app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
+    app.add_option("--plugin", settings.pluginPath, "The plug-in's file; else $WFOAL_PLUGIN, else " WFOAL_SONAME);
+    app.add_flag("--json", settings.json, "Print JSON for machines");
+    app.add_flag("-v,--verbose", settings.verbosity,
+                 "Tell more and show the log on stderr; twice: with debug output, which can hold passwords");
+    app.require_subcommand(1);
+    defineCommands(app, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
+        return complainAboutUsage(app, error);
+    }
+    setUpLog(settings.verbosity);
+    Output output(stdout, settings.json);
+    Context context(settings, output);
+    return guarded(*chosen, context);
+}
+
+}  // namespace vpnoalctl

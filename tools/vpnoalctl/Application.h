@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The program: reads the command line, runs the one command it names and turns every outcome into an exit code.
+#ifndef VPNOALCTL_APPLICATION_H
+#define VPNOALCTL_APPLICATION_H
+
+namespace vpnoalctl {
+
+/// Everything from the command line to the exit code (see ExitCode in CommandError.h). Never throws.
+int run(int argc, char** argv);
+
+}  // namespace vpnoalctl
+
+#endif

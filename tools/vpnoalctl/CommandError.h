@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How a command says that it could not do what it was asked for. Thrown anywhere below a command, printed on stderr as
+// "vpnoalctl: WHAT: WHY; what to do next".
+#ifndef VPNOALCTL_COMMANDERROR_H
+#define VPNOALCTL_COMMANDERROR_H
+
+#include <stdexcept>
+#include <string>
+
+namespace vpnoalctl {
+
+/// What the program exits with. Part of its interface: scripts rely on the numbers.
+enum ExitCode : int {
+    ExitOk = 0,
+    ExitFailed = 1,    ///< the operation was tried and failed
+    ExitUsage = 2,     ///< wrong usage or bad input; nothing was changed
+    ExitNoPlugin = 3,  ///< the plug-in could not be loaded
+};
+
+class CommandError : public std::runtime_error {
+public:
+    /// `remedy` says what the user can do next; it may be empty.
+    CommandError(const std::string& what, const std::string& why, const std::string& remedy,
+                 ExitCode exitCode = ExitFailed);
+    ExitCode exitCode() const { return mExitCode; }
+
+private:
+    ExitCode mExitCode;
+};
+
+/// Bad input: `what` names the file, key or argument. Nothing has been changed when this is thrown.
+CommandError badInput(const std::string& what, const std::string& why, const std::string& remedy = {});
+
+/// A system call that failed, with the text of `error`, an errno value.
+CommandError systemError(const std::string& what, int error, const std::string& remedy);
+
+}  // namespace vpnoalctl
+
+#endif

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommandTable.h"
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "commands/Commands.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+// Two words make a command of a group.
+struct Command {
+    const char* name;
+    const char* summary;
+    Action (*define)(CLI::App& options);
+};
+
+constexpr Command commands[] = {
+    {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},
+    {"restore", "Remove the tunnel's configuration and the packet filter", defineRestore},
+};
+
+struct Group {
+    const char* name;
+    const char* summary;
+};
+
+constexpr Group groups[] = {
+    {"bus", "Talk to the platform's services"},
+    {"route", "Change the kernel's routes"},
+    {"storage", "Work with the agent's files"},
+};
+
+const char* groupSummary(const std::string& name)
+{
+    for (const Group& group : groups) {
+        if (group.name == name) return group.summary;
+    }
+    return "";
+}
+
+CLI::App& parentOf(CLI::App& app, const std::string& group)
+{
+    const auto known = app.get_subcommands([&group](const CLI::App* child) { return child->get_name() == group; });
+    if (!known.empty()) return *known.front();
+    CLI::App* made = app.add_subcommand(group, groupSummary(group));
+    made->fallthrough();
+    made->require_subcommand(1);
+    return *made;
+}
+
+}  // namespace
+
+void defineCommands(CLI::App& app, std::optional<Action>& chosen)
+{
+    for (const Command& command : commands) {
+        const std::string name = command.name;
+        const auto blank = name.find(' ');
+        CLI::App& parent = blank == std::string::npos ? app : parentOf(app, name.substr(0, blank));
+        CLI::App* options =
+            parent.add_subcommand(blank == std::string::npos ? name : name.substr(blank + 1), command.summary);
+        // So that the common options may also stand behind the command.
+        options->fallthrough();
+        options->callback([&chosen, action = command.define(*options)] { chosen = action; });
+    }
+}
+
+}  // namespace vpnoalctl

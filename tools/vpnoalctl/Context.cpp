@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Context.h"
+
+#include <cstdio>
+
+namespace vpnoalctl {
+
+PluginLibrary& Context::plugin()
+{
+    if (!mPlugin) mPlugin.emplace(PluginLibrary::search(settings.pluginPath));
+    return *mPlugin;
+}
+
+void Context::explain(const std::string& text) const
+{
+    if (settings.verbosity > 0) std::fputs((printable(text) + "\n").c_str(), stderr);
+}
+
+}  // namespace vpnoalctl

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Json.h"
+
+#include <new>
+
+namespace vpnoalctl {
+
+namespace {
+
+JsonPtr owned(json_object* object)
+{
+    if (object == nullptr) throw std::bad_alloc();
+    return JsonPtr(object);
+}
+
+JsonPtr newText(const std::string& text)
+{
+    return owned(json_object_new_string_len(text.data(), static_cast<int>(text.size())));
+}
+
+}  // namespace
+
+JsonPtr newObject()
+{
+    return owned(json_object_new_object());
+}
+
+JsonPtr newArray()
+{
+    return owned(json_object_new_array());
+}
+
+void addText(const JsonPtr& object, const char* key, const std::string& text)
+{
+    addChild(object, key, newText(text));
+}
+
+void addNumber(const JsonPtr& object, const char* key, std::int64_t number)
+{
+    addChild(object, key, owned(json_object_new_int64(number)));
+}
+
+void addFlag(const JsonPtr& object, const char* key, bool flag)
+{
+    addChild(object, key, owned(json_object_new_boolean(flag)));
+}
+
+void addChild(const JsonPtr& object, const char* key, JsonPtr child)
+{
+    if (json_object_object_add(object.get(), key, child.get()) != 0) throw std::bad_alloc();
+    static_cast<void>(child.release());
+}
+
+void append(const JsonPtr& array, JsonPtr element)
+{
+    if (json_object_array_add(array.get(), element.get()) != 0) throw std::bad_alloc();
+    static_cast<void>(element.release());
+}
+
+void appendText(const JsonPtr& array, const std::string& text)
+{
+    append(array, newText(text));
+}
+
+std::string toText(const JsonPtr& value)
+{
+    const char* text =
+        json_object_to_json_string_ext(value.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+    if (text == nullptr) throw std::bad_alloc();
+    return text;
+}
+
+}  // namespace vpnoalctl

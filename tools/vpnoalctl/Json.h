@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Building JSON output without naming json-c's constructors at every place.
+#ifndef VPNOALCTL_JSON_H
+#define VPNOALCTL_JSON_H
+
+#include <cstdint>
+#include <string>
+
+#include "handles/Json.h"
+
+namespace vpnoalctl {
+
+JsonPtr newObject();
+JsonPtr newArray();
+
+// Adding to an object, in order.
+void addText(const JsonPtr& object, const char* key, const std::string& text);
+void addNumber(const JsonPtr& object, const char* key, std::int64_t number);
+void addFlag(const JsonPtr& object, const char* key, bool flag);
+void addChild(const JsonPtr& object, const char* key, JsonPtr child);
+
+// Appending to an array.
+void append(const JsonPtr& array, JsonPtr element);
+void appendText(const JsonPtr& array, const std::string& text);
+
+/// As printed for machines: one line, "/" as it is.
+std::string toText(const JsonPtr& value);
+
+}  // namespace vpnoalctl
+
+#endif

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Application.h"
+
+int main(int argc, char** argv)
+{
+    return vpnoalctl::run(argc, argv);
+}

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One function a command: declares its options and returns what to run once they are parsed. Options that the action
+// reads live in a shared structure that the action captures.
+#ifndef VPNOALCTL_COMMANDS_H
+#define VPNOALCTL_COMMANDS_H
+
+#include "CommandTable.h"
+
+namespace vpnoalctl {
+
+Action defineInfo(CLI::App& options);
+Action defineRestore(CLI::App& options);
+
+}  // namespace vpnoalctl
+
+#endif
