@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "FakeCalls.h"
+
 namespace fakes {
 
 namespace {
@@ -14,6 +16,7 @@ struct State {
     std::mutex lock;
     VkLogContext context{7};
     int result = 0;
+    bool inCalls = false;
     std::string name;
     std::vector<LogLine> lines;
 };
@@ -46,6 +49,12 @@ void clearLog()
 {
     const std::lock_guard<std::mutex> lock(state().lock);
     state().lines.clear();
+}
+
+void recordLogInCalls(bool wanted)
+{
+    const std::lock_guard<std::mutex> lock(state().lock);
+    state().inCalls = wanted;
 }
 
 VkLogContext& logContext()
@@ -82,8 +91,10 @@ extern "C" void VkLogPrint(VkLogContext*, int level, const char* format, ...)
     const int length = vasprintf(&text, format, values);
     va_end(values);
     if (length < 0) return;
+    const std::string line(text, static_cast<std::size_t>(length));
+    std::free(text);
     auto& state = fakes::state();
     const std::lock_guard<std::mutex> lock(state.lock);
-    state.lines.push_back({level, std::string(text, static_cast<std::size_t>(length))});
-    std::free(text);
+    state.lines.push_back({level, line});
+    if (state.inCalls) fakes::recordCall("LOG " + std::to_string(level) + " " + line);
 }

@@ -29,6 +29,10 @@ std::vector<LogLine> logLines();
 std::vector<LogLine> logLines(int level);
 void clearLog();
 
+/// Enters each line in fakes::calls() as well, as "LOG LEVEL TEXT", so that a test sees the order across all fakes. Off
+/// at first.
+void recordLogInCalls(bool wanted);
+
 /// The context that VkLogGetContext() hands out; its level is 7 at first.
 VkLogContext& logContext();
 /// What VkLogGetContext() returns; 0 at first.
