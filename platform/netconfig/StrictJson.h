@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Strict reading of JSON requests: every value is read as one type, every key must be known, and whatever does not fit
+// throws a RequestError that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are put
+// together only when they are needed. A document owns its text; values and texts live no longer than it.
+#ifndef VKNETCONFIG_STRICTJSON_H
+#define VKNETCONFIG_STRICTJSON_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace vknetconfig {
+
+class JsonValue;
+
+/// One key of an object: how it is read into a record, and whether it may be absent.
+template <class Record>
+struct JsonField {
+    const char* key;
+    bool required;
+    void (*read)(const JsonValue& value, Record& record);
+};
+
+class JsonValue {
+public:
+    /// The path from the root; empty for the root itself.
+    std::string path() const;
+    [[noreturn]] void refuse(const std::string& reason) const;
+
+    bool isNull() const;
+    bool isText() const;
+    /// Text without NUL characters.
+    std::string_view text() const;
+    std::int64_t wholeNumber(std::int64_t smallest, std::int64_t largest) const;
+
+    /// Calls visit(element, index) for each element of an array.
+    template <class Visitor>
+    void forEach(Visitor visit) const
+    {
+        const std::size_t count = arraySize();
+        for (std::size_t index = 0; index < count; ++index) visit(element(index), index);
+    }
+
+    /// Reads an object into `record`. Unknown, repeated and missing keys are refused.
+    template <class Record, std::size_t count>
+    void readObject(const JsonField<Record> (&fields)[count], Record& record) const
+    {
+        static_assert(count <= 32);
+        std::uint32_t seen = 0;
+        const std::size_t members = objectSize();
+        for (std::size_t position = 0; position < members; ++position) {
+            const JsonValue value = member(position);
+            std::size_t field = 0;
+            while (field < count && value.mKey != fields[field].key) ++field;
+            if (field == count) value.refuse("unknown key");
+            if ((seen >> field & 1U) != 0) value.refuse("given twice");
+            seen |= 1U << field;
+            fields[field].read(value, record);
+        }
+        for (std::size_t field = 0; field < count; ++field) {
+            if (fields[field].required && (seen >> field & 1U) == 0) refuseMissing(fields[field].key);
+        }
+    }
+
+private:
+    friend class JsonDocument;
+    JsonValue(const void* value, const JsonValue* parent, std::string_view key, std::size_t index)
+        : mValue(value), mParent(parent), mKey(key), mIndex(index)
+    {
+    }
+    std::size_t arraySize() const;
+    JsonValue element(std::size_t index) const;
+    std::size_t objectSize() const;
+    JsonValue member(std::size_t position) const;
+    [[noreturn]] void refuseMissing(const char* key) const;
+
+    const void* mValue;
+    const JsonValue* mParent;
+    std::string_view mKey;  // null data for an element of an array
+    std::size_t mIndex;
+};
+
+class JsonDocument {
+public:
+    /// Throws a RequestError when `text` is null or not one JSON value.
+    explicit JsonDocument(const char* text);
+    JsonDocument(const JsonDocument&) = delete;
+    JsonDocument& operator=(const JsonDocument&) = delete;
+    ~JsonDocument();
+    JsonValue root() const;
+
+private:
+    struct Parsed;
+    std::unique_ptr<Parsed> mParsed;
+};
+
+}  // namespace vknetconfig
+
+#endif
