@@ -15,47 +15,48 @@ PowerState& power()
 
 }  // namespace fakes
 
-extern "C" bool PowerdGmainAttach(_GMainLoop*)
+extern "C" bool PowerdGmainAttach(_GMainLoop* loop)
 {
+    fakes::power().loop = loop;
     fakes::recordCall("PowerdGmainAttach");
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdClientInit(const char* name)
 {
     fakes::recordCall(std::string("PowerdClientInit ") + name);
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdClientDeinit()
 {
     fakes::recordCall("PowerdClientDeinit");
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdResumeRegister(PowerdCallback callback)
 {
     fakes::recordCall("PowerdResumeRegister");
     fakes::power().resume = callback;
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdSuspendedRegister(PowerdCallback callback)
 {
     fakes::recordCall("PowerdSuspendedRegister");
     fakes::power().suspended = callback;
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdPrepareSuspendRegister(PowerdCallback callback)
 {
     fakes::recordCall("PowerdPrepareSuspendRegister");
     fakes::power().prepareSuspend = callback;
-    return true;
+    return fakes::power().working;
 }
 
 extern "C" bool PowerdPrepareSuspendAck(bool agreed)
 {
     fakes::recordCall(agreed ? "PowerdPrepareSuspendAck 1" : "PowerdPrepareSuspendAck 0");
-    return true;
+    return fakes::power().working;
 }

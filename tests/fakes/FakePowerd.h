@@ -12,6 +12,8 @@ struct PowerState {
     PowerdCallback resume = nullptr;
     PowerdCallback suspended = nullptr;
     PowerdCallback prepareSuspend = nullptr;
+    _GMainLoop* loop = nullptr;  // the one attached last
+    bool working = true;         // what every operation returns
 };
 PowerState& power();
 

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 
 #include "FakeCalls.h"
 
@@ -55,33 +56,41 @@ extern "C" void QSErrorFree(QSError* error)
 extern "C" bool QSRegister(const char* name, QSHandle** handle, QSError* error)
 {
     if (!outcome("QSRegister", text(name), error)) return false;
-    static QSHandle sHandle{1};
-    *handle = &sHandle;
+    // Never released: the code under test may keep any of them.
+    static int sCount = 0;
+    static std::deque<QSHandle>* sHandles = new std::deque<QSHandle>;
+    *handle = &sHandles->emplace_back(QSHandle{++sCount});
     return true;
 }
 
-extern "C" bool QSUnregister(QSHandle*, QSError* error)
+extern "C" bool QSUnregister(QSHandle* handle, QSError* error)
 {
+    fakes::bus().handle = handle;
     return outcome("QSUnregister", "", error);
 }
 
-extern "C" bool QSGmainAttach(QSHandle*, _GMainLoop*, QSError* error)
+extern "C" bool QSGmainAttach(QSHandle* handle, _GMainLoop* loop, QSError* error)
 {
+    fakes::bus().handle = handle;
+    fakes::bus().loop = loop;
     return outcome("QSGmainAttach", "", error);
 }
 
-extern "C" bool QSRegisterServerStatus(QSHandle*, const char* service, QSServerStatusCallback callback, void*,
-                                       QSError* error)
+extern "C" bool QSRegisterServerStatus(QSHandle* handle, const char* service, QSServerStatusCallback callback,
+                                       void* userData, QSError* error)
 {
+    fakes::bus().handle = handle;
     if (!outcome("QSRegisterServerStatus", text(service), error)) return false;
     fakes::bus().statusCallback = callback;
+    fakes::bus().statusUserData = userData;
     fakes::bus().watchedService = text(service);
     return true;
 }
 
-extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback,
-                       void* userData, QSMessageToken* token, QSError* error)
+extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback, void* userData,
+                       QSMessageToken* token, QSError* error)
 {
+    fakes::bus().handle = handle;
     if (!outcome("QSCall", text(uri) + " " + text(payload), error)) return false;
     fakes::bus().calls.push_back({handle, text(uri), text(payload), callback, userData, token != nullptr});
     return true;
@@ -97,9 +106,11 @@ extern "C" QSMessageToken QSMessageGetResponseToken(QSMessage* message)
     return message->token;
 }
 
-extern "C" bool QSRegisterCategory(QSHandle*, const char* category, QSMethod* methods, QSSignal*, QSProperty*,
-                                   QSError* error)
+extern "C" bool QSRegisterCategory(QSHandle* handle, const char* category, QSMethod* methods, QSSignal* signals,
+                                   QSProperty* properties, QSError* error)
 {
+    fakes::bus().handle = handle;
+    fakes::bus().noSignalsOrProperties = signals == nullptr && properties == nullptr;
     fakes::bus().methods = methods;
     return outcome("QSRegisterCategory", text(category), error);
 }
@@ -114,7 +125,8 @@ extern "C" bool QSSubscriptionAdd(QSHandle*, const char* key, QSMessage*, QSErro
     return outcome("QSSubscriptionAdd", text(key), error);
 }
 
-extern "C" bool QSSubscriptionReply(QSHandle*, const char* key, const char* payload, QSError* error)
+extern "C" bool QSSubscriptionReply(QSHandle* handle, const char* key, const char* payload, QSError* error)
 {
+    fakes::bus().handle = handle;
     return outcome("QSSubscriptionReply", text(key) + " " + text(payload), error);
 }

@@ -35,7 +35,11 @@ struct BusState {
     std::vector<BusCall> calls;
     QSServerStatusCallback statusCallback = nullptr;
     std::string watchedService;
+    void* statusUserData = nullptr;
+    _GMainLoop* loop = nullptr;  // the one attached last
+    QSHandle* handle = nullptr;  // the one used last, other than for registering
     QSMethod* methods = nullptr;
+    bool noSignalsOrProperties = false;
     int errorsFilled = 0;
     int errorsFreed = 0;
 };

@@ -6,10 +6,13 @@
 #include <limits>
 #include <string>
 
+#include "EventThread.h"
 #include "FakeCalls.h"
+#include "FakeQuorService.h"
 #include "FakeVkLog.h"
 #include "Log.h"
 #include "ObjectRegistry.h"
+#include "SystemInterface.h"
 #include "kest/Plugin.h"
 
 namespace {
@@ -83,6 +86,43 @@ TEST_F(PluginEntryTest, DisposingTheSystemObjectClearsItsSlotOnly)
     EXPECT_NE(nullptr, getSocketIfObject());
     DisposePlugin(socket);
     EXPECT_EQ(nullptr, getSocketIfObject());
+}
+
+TEST_F(PluginEntryTest, SecondObjectOfAKindTakesTheSlotAndKeepsIt)
+{
+    Plugin* older = CreatePlugin(identifiers[0]);
+    Plugin* newer = CreatePlugin(identifiers[0]);
+    EXPECT_EQ(newer, static_cast<Plugin*>(getSystemIfObject()));
+    DisposePlugin(older);
+    EXPECT_EQ(newer, static_cast<Plugin*>(getSystemIfObject()));
+    DisposePlugin(newer);
+    EXPECT_EQ(nullptr, getSystemIfObject());
+}
+
+TEST_F(PluginEntryTest, OnlyTheFirstSystemOrSocketObjectStartsTheEventSide)
+{
+    stopQuorIpcHandling();
+    fakes::clearCalls();
+    Plugin* plugins[] = {CreatePlugin(identifiers[1]), CreatePlugin(identifiers[2])};
+    EXPECT_THAT(fakes::calls(), testing::IsEmpty());
+    Plugin* socket = CreatePlugin(identifiers[3]);
+    EXPECT_THAT(fakes::calls(), testing::Contains("QSRegister (null)"));
+    fakes::clearCalls();
+    Plugin* system = CreatePlugin(identifiers[0]);
+    EXPECT_THAT(fakes::calls(), testing::IsEmpty());
+    for (Plugin* plugin : {plugins[0], plugins[1], socket, system})
+        DisposePlugin(plugin);
+    EXPECT_THAT(fakes::calls(), testing::Not(testing::Contains("PowerdClientDeinit")));
+}
+
+TEST_F(PluginEntryTest, ObjectIsCreatedThoughTheEventSideCannotBeReached)
+{
+    stopQuorIpcHandling();
+    fakes::bus().failing = "QSRegister";
+    Plugin* system = CreatePlugin(identifiers[0]);
+    EXPECT_NE(nullptr, system);
+    DisposePlugin(system);
+    fakes::bus() = {};
 }
 
 TEST_F(PluginEntryTest, DisposingNullIsHarmless)

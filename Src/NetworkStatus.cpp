@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NetworkStatus.h"
+
+#include <string>
+
+#include "Log.h"
+#include "NetworkDecision.h"
+#include "ObjectRegistry.h"
+#include "QuorClient.h"
+#include "SocketInterface.h"
+#include "SystemInterface.h"
+#include "handles/Json.h"
+
+namespace {
+
+// Null where there is none, and where the value around it is no object.
+json_object* member(json_object* object, const char* key)
+{
+    if (!json_object_is_type(object, json_type_object)) return nullptr;
+    return json_object_object_get(object, key);
+}
+
+// A value that is no text is read as its JSON text.
+const char* memberText(json_object* object, const char* key)
+{
+    return json_object_get_string(member(object, key));
+}
+
+wfoal::NetworkFlags readSection(json_object* status, const char* key)
+{
+    json_object* section = member(status, key);
+    return wfoal::networkFlags(memberText(section, "state"), memberText(section, "onInternet"));
+}
+
+const char* text(bool flag)
+{
+    return flag ? "true" : "false";
+}
+
+}  // namespace
+
+bool handleConManServiceStatus(QSHandle*, const char*, bool connected, void*)
+{
+    if (!connected) return true;
+    const bool sent = quorSend("vesk://com.vesk.connectionmanager/getStatus", "{\"subscribe\":true}",
+                               handleConManNetworkStatus, nullptr);
+    if (sent) {
+        WFOAL_DEBUG("%s: Sent Request to register for ConMan Events", __func__);
+    } else {
+        WFOAL_ERROR("%s: Failed to register for ConMan subscription", __func__);
+    }
+    return true;
+}
+
+bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
+{
+    const QSMessageToken token = QSMessageGetResponseToken(message);
+    const char* payload = QSMessageGetPayload(message);
+    JsonPtr status;
+    if (payload != nullptr) {
+        status.reset(json_tokener_parse(payload));
+        WFOAL_DEBUG("%s Recieved: %ld, %s", __func__, static_cast<long>(token), payload);
+    }
+    SocketInterface* socketIf = getSocketIfObject();
+    if (getSystemIfObject() == nullptr || socketIf == nullptr || status == nullptr) return true;
+
+    const std::string boundName = socketIf->getBoundInterface();
+    const wfoal::NetworkFlags wifi = readSection(status.get(), "wifi");
+    const wfoal::NetworkFlags wan = readSection(status.get(), "wan");
+    const wfoal::NetworkDecision decision = wfoal::decideNetworkChange(wifi, wan, boundName);
+    if (decision.reason != nullptr) WFOAL_DEBUG("%s: %s", __func__, decision.reason);
+    WFOAL_DEBUG(
+        "%s: BndIf(%s) isWiFiConnected(%s) isWiFiNotOnInternet(%s) isWanConnected(%s) isWanNotOnInternet(%s) "
+        "sendNwCng(%s)",
+        __func__, boundName.c_str(), text(wifi.connected), text(wifi.notOnInternet), text(wan.connected),
+        text(wan.notOnInternet), text(decision.sendNwCng));
+    if (decision.sendNwCng) {
+        WFOAL_DEBUG("%s Sending Network Change Event", __func__);
+        // Looked up again: the agent may have disposed of it meanwhile.
+        if (SystemInterface* systemIf = getSystemIfObject()) systemIf->notifyConnectionChange();
+    }
+    return true;
+}

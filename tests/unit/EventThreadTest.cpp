@@ -1,0 +1,406 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The event side: start and stop, the thread, and the power callbacks.
+#include "EventThread.h"
+
+#include <glib.h>
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "FakeCalls.h"
+#include "FakePowerd.h"
+#include "FakeQuorService.h"
+#include "FakeVkLog.h"
+#include "NetworkStatus.h"
+#include "ObjectRegistry.h"
+#include "QuorClient.h"
+#include "RecordingCallback.h"
+#include "SystemInterface.h"
+
+// GLib's own, or a failure when a test wants one.
+extern "C" {
+extern pthread_mutex_t gPowerLock;
+GMainContext* __real_g_main_context_new();
+GMainContext* __wrap_g_main_context_new();
+GMainLoop* __real_g_main_loop_new(GMainContext* context, gboolean isRunning);
+GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning);
+GThread* __real_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
+GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
+}
+
+namespace {
+
+enum class Failing { Nothing, Context, Loop, Thread };
+Failing sFailing = Failing::Nothing;
+GMainLoop* sLastLoop = nullptr;
+
+}  // namespace
+
+GMainContext* __wrap_g_main_context_new()
+{
+    return sFailing == Failing::Context ? nullptr : __real_g_main_context_new();
+}
+
+GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning)
+{
+    sLastLoop = sFailing == Failing::Loop ? nullptr : __real_g_main_loop_new(context, isRunning);
+    return sLastLoop;
+}
+
+GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error)
+{
+    if (sFailing != Failing::Thread) return __real_g_thread_try_new(name, function, data, error);
+    g_set_error(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "no more threads");
+    return nullptr;
+}
+
+namespace {
+
+using fakes::LogLine;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+const std::vector<std::string> startCalls = {
+    "QSRegister (null)",
+    "QSGmainAttach",
+    "QSRegisterServerStatus com.vesk.connectionmanager",
+    "PowerdGmainAttach",
+    "PowerdClientInit norva-vpnagentd",
+    "PowerdResumeRegister",
+    "PowerdSuspendedRegister",
+    "PowerdPrepareSuspendRegister",
+};
+
+std::ptrdiff_t countIn(const char* folder)
+{
+    using Iterator = std::filesystem::directory_iterator;
+    return std::distance(Iterator(folder), Iterator());
+}
+
+class EventThreadTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        sFailing = Failing::Nothing;
+        fakes::bus() = {};
+        fakes::power() = {};
+        fakes::clearCalls();
+        fakes::clearLog();
+    }
+    void TearDown() override
+    {
+        sFailing = Failing::Nothing;
+        stopQuorIpcHandling();
+        setSystemIfObject(nullptr);
+        EXPECT_EQ(nullptr, g_main_context_get_thread_default());
+    }
+
+    /// What the calling thread logged: the event thread's own lines come at any moment.
+    static std::vector<std::string> ownLog()
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : fakes::logLines()) {
+            if (line.text.rfind("eventProcessingThread", 0) != 0) lines.push_back(line.text);
+        }
+        return lines;
+    }
+
+    /// Runs something on the event thread and waits for it.
+    static void onEventThread(const std::function<void()>& task)
+    {
+        struct Posted {
+            const std::function<void()>& task;
+            std::promise<void> done;
+        } posted{task, {}};
+        std::future<void> done = posted.done.get_future();
+        g_main_context_invoke(
+            g_main_loop_get_context(sLastLoop),
+            [](gpointer data) -> gboolean {
+                auto* call = static_cast<Posted*>(data);
+                call->task();
+                call->done.set_value();
+                return G_SOURCE_REMOVE;
+            },
+            &posted);
+        done.wait();
+    }
+};
+
+TEST_F(EventThreadTest, StartMakesEverythingInOrder)
+{
+    EXPECT_TRUE(startQuorIpcHandling());
+    EXPECT_EQ(startCalls, fakes::calls());
+    EXPECT_EQ(sLastLoop, fakes::bus().loop);
+    EXPECT_EQ(sLastLoop, fakes::power().loop);
+    EXPECT_EQ(&handleConManServiceStatus, fakes::bus().statusCallback);
+    EXPECT_EQ(&powerResumedCallback, fakes::power().resume);
+    EXPECT_EQ(&powerSuspendedCallback, fakes::power().suspended);
+    EXPECT_EQ(&powerPrepareSuspendCallback, fakes::power().prepareSuspend);
+    EXPECT_THAT(ownLog(), ElementsAre("startQuorIpcHandling: Called!"));
+    EXPECT_NE(g_main_context_default(), g_main_loop_get_context(sLastLoop));
+}
+
+TEST_F(EventThreadTest, SecondStartDoesNothingAndSaysTrue)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    GMainLoop* first = sLastLoop;
+    fakes::clearCalls();
+    EXPECT_TRUE(startQuorIpcHandling());
+    EXPECT_EQ(first, sLastLoop);
+    EXPECT_THAT(fakes::calls(), IsEmpty());
+}
+
+TEST_F(EventThreadTest, ThreadSaysWhenItRunsAndWhenItStops)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    onEventThread([] {});
+    stopQuorIpcHandling();
+    EXPECT_THAT(fakes::logLines(),
+                testing::Contains(LogLine{7, "eventProcessingThread: Running Event Processing Thread"}));
+    EXPECT_THAT(fakes::logLines(),
+                testing::Contains(LogLine{7, "eventProcessingThread: Stopping Event Processing Thread"}));
+}
+
+TEST_F(EventThreadTest, ThreadWithoutALoopReturnsAtOnce)
+{
+    EXPECT_EQ(nullptr, eventProcessingThread(nullptr));
+    EXPECT_THAT(fakes::logLines(), IsEmpty());
+}
+
+TEST_F(EventThreadTest, StopWhenNeverStartedOnlyLogs)
+{
+    EXPECT_TRUE(stopQuorIpcHandling());
+    EXPECT_THAT(ownLog(), ElementsAre("stopQuorIpcHandling: Called!", "stopQuorIpcHandling: Finished!"));
+    EXPECT_THAT(fakes::calls(), IsEmpty());
+}
+
+TEST_F(EventThreadTest, StopQuitsJoinsAndLeavesThePowerDaemonButNotTheBus)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    fakes::clearCalls();
+    fakes::clearLog();
+    EXPECT_TRUE(stopQuorIpcHandling());
+    EXPECT_THAT(ownLog(),
+                ElementsAre("stopQuorIpcHandling: Called!", "stopQuorIpcHandling: Quitting Loop!",
+                            "stopQuorIpcHandling: Joining Thread!", "stopQuorIpcHandling: Thread Quit or not up!",
+                            "stopQuorIpcHandling: Deiniting powerd client!", "stopQuorIpcHandling: Finished!"));
+    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdClientDeinit"));
+}
+
+TEST_F(EventThreadTest, StopLeavesTheRegistryAlone)
+{
+    SystemInterface systemIf;
+    ASSERT_TRUE(startQuorIpcHandling());
+    setSystemIfObject(&systemIf);
+    stopQuorIpcHandling();
+    EXPECT_EQ(&systemIf, getSystemIfObject());
+}
+
+TEST_F(EventThreadTest, BusHandleStaysRegisteredAfterStop)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    stopQuorIpcHandling();
+    fakes::clearCalls();
+    EXPECT_TRUE(quorUnregister());
+    EXPECT_THAT(fakes::calls(), ElementsAre("QSUnregister"));
+}
+
+TEST_F(EventThreadTest, LoopObjectOutlivesTheStop)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    GMainLoop* loop = sLastLoop;
+    const auto descriptors = countIn("/proc/self/fd");
+    stopQuorIpcHandling();
+    EXPECT_FALSE(g_main_loop_is_running(loop));        // still there to be asked,
+    EXPECT_EQ(descriptors, countIn("/proc/self/fd"));  // with the one descriptor of its context
+    g_main_loop_unref(loop);
+    EXPECT_EQ(descriptors - 1, countIn("/proc/self/fd"));
+}
+
+TEST_F(EventThreadTest, StartAfterStopBuildsEverythingAfresh)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    GMainLoop* first = sLastLoop;
+    QSHandle* firstHandle = fakes::bus().handle;
+    stopQuorIpcHandling();
+    fakes::clearCalls();
+    EXPECT_TRUE(startQuorIpcHandling());
+    EXPECT_EQ(startCalls, fakes::calls());
+    EXPECT_NE(first, sLastLoop);
+    EXPECT_NE(firstHandle, fakes::bus().handle);
+    bool ran = false;
+    onEventThread([&ran] { ran = true; });
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(EventThreadTest, FailedRegistrationSkipsAttachAndWatchAndGoesOn)
+{
+    fakes::bus().failing = "QSRegister";
+    EXPECT_TRUE(startQuorIpcHandling());
+    std::vector<std::string> expected = startCalls;
+    expected.erase(expected.begin() + 1, expected.begin() + 3);
+    EXPECT_EQ(expected, fakes::calls());
+    EXPECT_EQ(1u, fakes::logLines(3).size());
+}
+
+TEST_F(EventThreadTest, FailedAttachSkipsTheWatchAndGoesOn)
+{
+    fakes::bus().failing = "QSGmainAttach";
+    EXPECT_TRUE(startQuorIpcHandling());
+    std::vector<std::string> expected = startCalls;
+    expected.erase(expected.begin() + 2);
+    EXPECT_EQ(expected, fakes::calls());
+    EXPECT_EQ(1u, fakes::logLines(3).size());
+}
+
+TEST_F(EventThreadTest, PowerDaemonFailuresAreNotNoticed)
+{
+    fakes::power().working = false;
+    EXPECT_TRUE(startQuorIpcHandling());
+    EXPECT_EQ(startCalls, fakes::calls());
+    EXPECT_THAT(fakes::logLines(3), IsEmpty());
+}
+
+TEST_F(EventThreadTest, FailedContextLeavesTheEventSideStopped)
+{
+    sFailing = Failing::Context;
+    EXPECT_FALSE(startQuorIpcHandling());
+    EXPECT_THAT(fakes::logLines(3), ElementsAre(LogLine{3, "startQuorIpcHandling: Error Allocating new Context"}));
+    EXPECT_THAT(fakes::calls(), IsEmpty());
+    sFailing = Failing::Nothing;
+    EXPECT_TRUE(startQuorIpcHandling());
+}
+
+TEST_F(EventThreadTest, FailedLoopLeavesTheEventSideStopped)
+{
+    sFailing = Failing::Loop;
+    EXPECT_FALSE(startQuorIpcHandling());
+    EXPECT_THAT(fakes::logLines(3), ElementsAre(LogLine{3, "startQuorIpcHandling: Error Allocating Main Loop"}));
+    EXPECT_THAT(fakes::calls(), IsEmpty());
+    sFailing = Failing::Nothing;
+    EXPECT_TRUE(startQuorIpcHandling());
+}
+
+TEST_F(EventThreadTest, FailedThreadLeavesTheEventSideStoppedButTheBusRegistered)
+{
+    sFailing = Failing::Thread;
+    EXPECT_FALSE(startQuorIpcHandling());
+    EXPECT_THAT(fakes::logLines(3),
+                ElementsAre(LogLine{3, "startQuorIpcHandling: Error creating event thread: no more threads"}));
+    EXPECT_EQ(std::vector<std::string>(startCalls.begin(), startCalls.begin() + 3), fakes::calls());
+    fakes::clearLog();
+    EXPECT_TRUE(stopQuorIpcHandling());
+    EXPECT_THAT(ownLog(), ElementsAre("stopQuorIpcHandling: Called!", "stopQuorIpcHandling: Finished!"));
+    sFailing = Failing::Nothing;
+    EXPECT_TRUE(startQuorIpcHandling());
+}
+
+TEST_F(EventThreadTest, StatusChangesReachTheSubscriptionOnTheEventThread)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    onEventThread([] { fakes::bus().statusCallback(nullptr, "com.vesk.connectionmanager", true, nullptr); });
+    ASSERT_EQ(1u, fakes::bus().calls.size());
+    EXPECT_EQ("vesk://com.vesk.connectionmanager/getStatus", fakes::bus().calls[0].uri);
+}
+
+TEST_F(EventThreadTest, PrepareSuspendWithoutASystemObjectAgreesAtOnce)
+{
+    const auto begin = steady_clock::now();
+    powerPrepareSuspendCallback();
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(500));
+    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
+    EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!"));
+}
+
+TEST_F(EventThreadTest, PrepareSuspendTellsTheAgentWaitsASecondAndAgrees)
+{
+    RecordingCallback agent;
+    SystemInterface systemIf;
+    systemIf.SetSystemPluginCB(&agent);
+    setSystemIfObject(&systemIf);
+    fakes::clearLog();
+    const auto begin = steady_clock::now();
+    powerPrepareSuspendCallback();
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(1900));
+    EXPECT_THAT(agent.events, ElementsAre("OnPowerSuspended"));
+    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
+    EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!",
+                                      "powerPrepareSuspendCallback: notifyPowerSuspended successful"));
+}
+
+TEST_F(EventThreadTest, PrepareSuspendWithANullCallbackStillWaitsAndAgrees)
+{
+    SystemInterface systemIf;
+    setSystemIfObject(&systemIf);
+    const auto begin = steady_clock::now();
+    powerPrepareSuspendCallback();
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
+    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
+}
+
+TEST_F(EventThreadTest, SuspendedIsOnlyLogged)
+{
+    RecordingCallback agent;
+    SystemInterface systemIf;
+    systemIf.SetSystemPluginCB(&agent);
+    setSystemIfObject(&systemIf);
+    fakes::clearLog();
+    powerSuspendedCallback();
+    EXPECT_THAT(agent.events, IsEmpty());
+    EXPECT_THAT(ownLog(), ElementsAre("powerSuspendedCallback: Called. Device Suspended"));
+}
+
+TEST_F(EventThreadTest, ResumeTellsTheAgent)
+{
+    RecordingCallback agent;
+    SystemInterface systemIf;
+    systemIf.SetSystemPluginCB(&agent);
+    setSystemIfObject(&systemIf);
+    fakes::clearLog();
+    powerResumedCallback();
+    EXPECT_THAT(agent.events, ElementsAre("OnPowerResume"));
+    EXPECT_THAT(ownLog(), ElementsAre("powerResumedCallback: Called. Device Resumed.",
+                                      "powerResumedCallback: notifyPowerResume done"));
+}
+
+TEST_F(EventThreadTest, ResumeWithoutASystemObjectIsOnlyLogged)
+{
+    powerResumedCallback();
+    EXPECT_THAT(ownLog(), ElementsAre("powerResumedCallback: Called. Device Resumed."));
+}
+
+TEST_F(EventThreadTest, PowerLockIsExportedAndFree)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    EXPECT_EQ(0, pthread_mutex_trylock(&gPowerLock));
+    EXPECT_EQ(0, pthread_mutex_unlock(&gPowerLock));
+}
+
+// A quit that comes before the thread has entered its loop must not be lost: this would hang sooner or later.
+TEST_F(EventThreadTest, StartAndStopTenThousandTimes)
+{
+    const auto threads = countIn("/proc/self/task");
+    const auto descriptors = countIn("/proc/self/fd");
+    for (int i = 0; i < 10000; ++i) {
+        ASSERT_TRUE(startQuorIpcHandling());
+        ASSERT_TRUE(stopQuorIpcHandling());
+        g_main_loop_unref(sLastLoop);  // or its descriptors would run out
+        if (i % 100 == 0) fakes::clearLog();
+        fakes::clearCalls();
+    }
+    EXPECT_EQ(threads, countIn("/proc/self/task"));
+    EXPECT_EQ(descriptors, countIn("/proc/self/fd"));
+}
+
+}  // namespace
