@@ -1,7 +1,55 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Whole files: saved, loaded and deleted in one call each. Bytes are moved in blocks, straight between the caller's
+// buffer and the kernel, with the results of reading and writing them one at a time through a stream: any call that
+// fails is an error, and the end of a file is only seen by a read that comes back empty.
 #include "StorageInterface.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
 #include "InterfaceCommon.h"
+#include "Log.h"
+#include "StorageLocations.h"
+#include "handles/UniqueFd.h"
+
+namespace {
+
+constexpr mode_t fileMode = 0666;
+constexpr unsigned int tailBlock = 4096;
+
+bool writeAll(int file, const unsigned char* data, unsigned int length)
+{
+    while (length > 0) {
+        const ssize_t written = ::write(file, data, length);
+        if (written <= 0) return false;
+        data += written;
+        length -= static_cast<unsigned int>(written);
+    }
+    return true;
+}
+
+enum class ReadEnd { EndOfFile, BufferFull, Error };
+
+// The kernel is told of no more room than the file is known to need, then of a block at a time while the file turns
+// out to be longer: `capacity` may be a generous guess of the caller's.
+ReadEnd readAll(int file, unsigned char* buffer, unsigned int capacity, unsigned int expected, unsigned int& stored)
+{
+    stored = 0;
+    while (stored < capacity) {
+        const unsigned int wanted = stored < expected ? expected - stored : tailBlock;
+        const ssize_t got = ::read(file, buffer + stored, std::min(wanted, capacity - stored));
+        if (got < 0) return ReadEnd::Error;
+        if (got == 0) return ReadEnd::EndOfFile;
+        stored += static_cast<unsigned int>(got);
+    }
+    return ReadEnd::BufferFull;
+}
+
+}  // namespace
 
 bool StorageInterface::SupportsInterface(const char* name, unsigned int)
 {
@@ -13,37 +61,63 @@ PluginResult StorageInterface::GetLastErrorString(char*, unsigned int)
     return PLUGIN_BUFFER_TOO_SMALL;
 }
 
-PluginResult StorageInterface::SaveFile(KEST_FileLocation, const char*, const unsigned char*, unsigned int)
+PluginResult StorageInterface::SaveFile(KEST_FileLocation location, const char* name, const unsigned char* data,
+                                        unsigned int length)
 {
-    return PLUGIN_FAILURE;
+    if (name == nullptr) return PLUGIN_FAILURE;
+    const std::string path = wfoal::storagePath(location, name);
+    UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fileMode));
+    if (!file.valid()) return PLUGIN_FAILURE;
+
+    // Closing is part of writing: some file systems only tell then that there was no room.
+    if (!writeAll(file.get(), data, length) || ::close(file.release()) != 0) {
+        WFOAL_ERROR("%s: error writing to %s", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    return PLUGIN_SUCCESS;
 }
 
-PluginResult StorageInterface::LoadFile(KEST_FileLocation, const char*, unsigned char*, unsigned int&)
+PluginResult StorageInterface::LoadFile(KEST_FileLocation location, const char* name, unsigned char* buffer,
+                                        unsigned int& size)
 {
-    return PLUGIN_FAILURE;
+    // Wording and level are what agents' logs have always shown.
+    WFOAL_ERROR("%s: StorageExample::LoadFile called with location %s and filename %s", __func__,
+                wfoal::locationToStr(location), name);
+    if (name == nullptr) return PLUGIN_FAILURE;
+    const std::string path = wfoal::storagePath(location, name);
+    struct stat status;
+    if (!wfoal::fileStatus(path.c_str(), status)) {
+        WFOAL_ERROR("%s: file %s does not exist", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    const auto fileSize = static_cast<unsigned int>(status.st_size);
+    if (fileSize == 0) return PLUGIN_SUCCESS;
+    if (buffer == nullptr || size < fileSize) {
+        size = fileSize;
+        return PLUGIN_BUFFER_TOO_SMALL;
+    }
+
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
+        WFOAL_ERROR("%s: cannot open file %s", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    unsigned int stored = 0;
+    const ReadEnd end = readAll(file.get(), buffer, size, fileSize, stored);
+    file.reset();
+    switch (end) {
+    case ReadEnd::Error: WFOAL_ERROR("%s: error reading file %s", __func__, path.c_str()); return PLUGIN_FAILURE;
+    case ReadEnd::EndOfFile: size = stored; return PLUGIN_SUCCESS;
+    case ReadEnd::BufferFull: break;
+    }
+    // A buffer of exactly the file's size ends here too, on purpose: callers must leave room for one byte more. A file
+    // that has gone meanwhile is reported with the size it had.
+    size = wfoal::fileStatus(path.c_str(), status) ? static_cast<unsigned int>(status.st_size) : fileSize;
+    return PLUGIN_BUFFER_TOO_SMALL;
 }
 
-PluginResult StorageInterface::EnumerateFiles(KEST_FileLocation, unsigned int&, char**)
+PluginResult StorageInterface::DeleteFile(KEST_FileLocation location, const char* name)
 {
-    return PLUGIN_FAILURE;
-}
-
-PluginResult StorageInterface::DeleteFile(KEST_FileLocation, const char*)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation, const char*, void*&, unsigned int&)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult StorageInterface::SimpleUnmapFile(void*)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult StorageInterface::SimpleStat(KEST_FileLocation, const char*, KEST_FileInformation&)
-{
-    return PLUGIN_FAILURE;
+    if (name == nullptr) return PLUGIN_FAILURE;
+    return ::unlink(wfoal::storagePath(location, name).c_str()) == 0 ? PLUGIN_SUCCESS : PLUGIN_FAILURE;
 }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The storage interface: whole files in fixed directories below /tmp/vpn/. Used on the agent's thread.
+// The storage interface: whole files in fixed directories below /tmp/vpn/. Used on the agent's thread. Its mappings
+// outlive it: destroying the object forgets them but leaves them mapped.
 #ifndef STORAGEINTERFACE_H
 #define STORAGEINTERFACE_H
+
+#include <map>
 
 #include "kest/StoragePlugin.h"
 
@@ -21,6 +24,9 @@ public:
                                unsigned int& size) override;
     PluginResult SimpleUnmapFile(void* address) override;
     PluginResult SimpleStat(KEST_FileLocation location, const char* name, KEST_FileInformation& information) override;
+
+private:
+    std::map<void*, unsigned int> mMappings;  // address of each live mapping to its length in bytes
 };
 
 #endif

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Listing of a location, which is also what creates its directory.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "Log.h"
+#include "StorageInterface.h"
+#include "StorageLocations.h"
+#include "handles/Stdio.h"
+
+namespace {
+
+constexpr char function[] = "EnumerateFiles";
+constexpr mode_t directoryMode = 0777;
+static_assert(sizeof dirent::d_name == 256, "the agent's buffers are of 256 bytes");
+
+// The root is created when it is missing, and the location's directory in any case. The root location itself is
+// therefore created twice when it is missing, which fails the second time: its first listing fails, the next does not.
+DirPtr createDirectory(const char* directory)
+{
+    WFOAL_INFO("%s: location %s does not exist. Trying to create", function, directory);
+    const char* root = wfoal::locationToStr(LOCATION_ROOT);
+    struct stat status;
+    if (!wfoal::fileStatus(root, status) && ::mkdir(root, directoryMode) != 0) {
+        WFOAL_ERROR("%s: Couldn't create root dir: %s", function, directory);
+    }
+    if (::mkdir(directory, directoryMode) != 0) {
+        WFOAL_ERROR("%s: location %s does not exist and couldn't be created", function, directory);
+        return nullptr;
+    }
+    DirPtr stream(::opendir(directory));
+    if (!stream) WFOAL_ERROR("%s: Still Couldn't Open Directory %s", function, directory);
+    return stream;
+}
+
+// Next entry into a record of our own, whose whole name field may be copied: a record inside the stream's buffer ends
+// with its name. Zeroed first, so that what follows the name is not whatever the stack held. Returns an errno value;
+// `found` is false at the end.
+int nextEntry(DIR* stream, dirent& entry, bool& found)
+{
+    entry = {};
+    dirent* next = nullptr;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // readdir() has no entry of the caller's
+    const int error = ::readdir_r(stream, &entry, &next);
+#pragma GCC diagnostic pop
+    found = next != nullptr;
+    return error;
+}
+
+bool isDotOrDotDot(const char* name)
+{
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+}  // namespace
+
+PluginResult StorageInterface::EnumerateFiles(KEST_FileLocation location, unsigned int& count, char** names)
+{
+    const char* directory = wfoal::locationToStr(location);
+    DirPtr stream(::opendir(directory));
+    if (!stream) stream = createDirectory(directory);
+    if (!stream) return PLUGIN_FAILURE;
+
+    unsigned int seen = 0;
+    unsigned int copied = 0;
+    dirent entry;
+    for (bool found = true; found;) {
+        const int error = nextEntry(stream.get(), entry, found);
+        if (error != 0) {
+            WFOAL_ERROR("%s: Error- %s", function, std::strerror(error));
+            return PLUGIN_FAILURE;
+        }
+        if (!found || isDotOrDotDot(entry.d_name)) continue;
+        if (names != nullptr && seen < count) {
+            if (names[seen] == nullptr) return PLUGIN_FAILURE;
+            std::memcpy(names[seen], entry.d_name, sizeof entry.d_name);
+            ++copied;
+        }
+        ++seen;
+    }
+    if (seen > count) {
+        count = seen;
+        return PLUGIN_BUFFER_TOO_SMALL;
+    }
+    count = copied;
+    return PLUGIN_SUCCESS;
+}

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Files mapped read-only into the agent's memory, and what kind of file one is.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "Log.h"
+#include "StorageInterface.h"
+#include "StorageLocations.h"
+
+PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation location, const char* name, void*& address,
+                                             unsigned int& size)
+{
+    if (name == nullptr) return PLUGIN_FAILURE;
+    const std::string path = wfoal::storagePath(location, name);
+    struct stat status;
+    if (!wfoal::fileStatus(path.c_str(), status)) {
+        WFOAL_ERROR("%s: file does not exist: %s", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    // A FIFO has nothing to map and is refused below; opening it must not wait for a writer until then.
+    const int waiting = S_ISREG(status.st_mode) ? 0 : O_NONBLOCK;
+    // Never closed, on purpose: each call keeps its descriptor for the life of the process.
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting);
+    if (file < 0) {
+        WFOAL_ERROR("%s: failed to open mo file: %s", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    const auto fileSize = static_cast<unsigned int>(status.st_size);
+    address = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, file, 0);
+    if (address == MAP_FAILED) {
+        WFOAL_ERROR("%s: mmap failed", __func__);
+        return PLUGIN_FAILURE;
+    }
+    size = fileSize;
+    mMappings[address] = fileSize;
+    return PLUGIN_SUCCESS;
+}
+
+PluginResult StorageInterface::SimpleUnmapFile(void* address)
+{
+    const auto mapping = mMappings.find(address);
+    if (mapping == mMappings.end()) {
+        WFOAL_ERROR("%s: mapping does not exist: %p", __func__, address);
+        return PLUGIN_FAILURE;
+    }
+    const bool unmapped = ::munmap(address, mapping->second) == 0;
+    mMappings.erase(mapping);
+    if (!unmapped) {
+        WFOAL_ERROR("%s: failed: %p", __func__, address);
+        return PLUGIN_FAILURE;
+    }
+    return PLUGIN_SUCCESS;
+}
+
+PluginResult StorageInterface::SimpleStat(KEST_FileLocation location, const char* name,
+                                          KEST_FileInformation& information)
+{
+    if (name == nullptr) return PLUGIN_FAILURE;
+    struct stat status;
+    if (!wfoal::fileStatus(wfoal::storagePath(location, name).c_str(), status)) return PLUGIN_FAILURE;
+    if (S_ISREG(status.st_mode)) information.flags |= KEST_FILE_REGULAR;
+    if (S_ISDIR(status.st_mode)) information.flags |= KEST_FILE_DIRECTORY;
+    information.size = status.st_size;
+    return PLUGIN_SUCCESS;
+}
