@@ -1,8 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// The certificate interface's identity, life and collected intermediates.
 #include "CertificateInterface.h"
+
+#include <openssl/ssl.h>
 
 #include "InterfaceCommon.h"
 #include "Log.h"
+
+CertificateInterface::CertificateInterface()
+{
+    if (SSL_library_init() == 0) WFOAL_ERROR("%s: openssl library initialization failed", __func__);
+    OPENSSL_add_all_algorithms_noconf();
+}
+
+CertificateInterface::~CertificateInterface()
+{
+    WFOAL_DEBUG("CertificateInterface::%s called", __func__);
+}
 
 bool CertificateInterface::SupportsInterface(const char* name, unsigned int)
 {
@@ -15,33 +30,23 @@ PluginResult CertificateInterface::GetLastErrorString(char*, unsigned int)
     return PLUGIN_BUFFER_TOO_SMALL;
 }
 
-PluginResult CertificateInterface::VerifyServerCertificate(const unsigned char*, unsigned int, const char*, bool&)
+// Bytes that are no certificate are dropped in silence: a gateway may send what it likes beside the chain.
+PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data, unsigned int length)
 {
-    return PLUGIN_FAILURE;
-}
-
-PluginResult CertificateInterface::AddVerificationCert(const unsigned char*, unsigned int)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult CertificateInterface::EnumerateClientCerts(unsigned int&, ClientCertHandle**)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult CertificateInterface::DisposeClientCertHandle(ClientCertHandle*)
-{
-    return PLUGIN_FAILURE;
-}
-
-PluginResult CertificateInterface::ImportPKCS12(unsigned int, const unsigned char*, const char*, const char*, bool&,
-                                                bool&, ClientCertHandle*&)
-{
-    return PLUGIN_FAILURE;
+    WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
+    if (!verificationCerts) verificationCerts.reset(sk_X509_new_null());
+    if (!verificationCerts) return PLUGIN_FAILURE;
+    if (data == nullptr) return PLUGIN_SUCCESS;
+    X509Ptr certificate(d2i_X509(nullptr, &data, static_cast<long>(length)));
+    if (!certificate) return PLUGIN_SUCCESS;
+    if (sk_X509_push(verificationCerts.get(), certificate.get()) == 0) return PLUGIN_FAILURE;
+    certificate.release();
+    return PLUGIN_SUCCESS;
 }
 
 PluginResult CertificateInterface::ClearVerificationCertificates()
 {
-    return PLUGIN_FAILURE;
+    WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
+    verificationCerts.reset();
+    return PLUGIN_SUCCESS;
 }

@@ -18,6 +18,11 @@ struct GErrorReleaser {
 };
 using GErrorPtr = std::unique_ptr<GError, GErrorReleaser>;
 
+struct GIOChannelReleaser {
+    void operator()(GIOChannel* channel) const { g_io_channel_unref(channel); }
+};
+using GIOChannelPtr = std::unique_ptr<GIOChannel, GIOChannelReleaser>;
+
 struct GSourceReleaser {
     void operator()(GSource* source) const { g_source_unref(source); }
 };

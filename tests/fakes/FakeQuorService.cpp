@@ -93,6 +93,7 @@ extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, Q
     fakes::bus().handle = handle;
     if (!outcome("QSCall", text(uri) + " " + text(payload), error)) return false;
     fakes::bus().calls.push_back({handle, text(uri), text(payload), callback, userData, token != nullptr});
+    if (fakes::bus().onCall) fakes::bus().onCall(fakes::BusCall(fakes::bus().calls.back()));
     return true;
 }
 

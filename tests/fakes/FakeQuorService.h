@@ -4,6 +4,7 @@
 #ifndef FAKE_QUORSERVICE_H
 #define FAKE_QUORSERVICE_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,8 @@ struct BusState {
     /// Name of the operation that fails ("QSCall"), empty for none.
     std::string failing;
     std::vector<BusCall> calls;
+    /// Told of each accepted call, on the caller's thread.
+    std::function<void(const BusCall&)> onCall;
     QSServerStatusCallback statusCallback = nullptr;
     std::string watchedService;
     void* statusUserData = nullptr;

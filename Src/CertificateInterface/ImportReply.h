@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The certificate manager's answer, on its way from the event thread to the agent's thread, which waits for it. One
+// import waits at a time. A reply that nobody waits for any more, or a second one, is ignored: it names its import by
+// number, so it can never reach into another one, nor into memory that is gone.
+#ifndef WFOAL_IMPORTREPLY_H
+#define WFOAL_IMPORTREPLY_H
+
+#include <glib.h>
+
+#include "handles/Json.h"
+#include "quorservice.h"
+
+namespace wfoal {
+
+/// How long an import waits, in microseconds. Longer than the bus takes to answer for a service that does not.
+extern gint64 importReplyTimeout;
+
+/// The wait of one import. Made, used and destroyed on the agent's thread.
+class ImportReply {
+public:
+    ImportReply();
+    ~ImportReply();
+    ImportReply(const ImportReply&) = delete;
+    ImportReply& operator=(const ImportReply&) = delete;
+
+    /// What the bus must hand to importCallRespHandler().
+    void* context() const;
+    /// Waits until the reply is there or the time is over. Null: no usable reply came.
+    JsonPtr wait();
+
+private:
+    std::size_t mNumber;
+};
+
+}  // namespace wfoal
+
+/// Takes the certificate manager's reply; runs on the event thread. Always true.
+bool importCallRespHandler(QSHandle* handle, QSMessage* message, void* context);
+
+#endif

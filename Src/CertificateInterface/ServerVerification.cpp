@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Judging the gateway's certificate: accept, ask the user, or refuse. Trust comes from the installed directory alone;
+// what the agent collected serves as intermediates only, for one verification.
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cstring>
+
+#include "CertificateInterface.h"
+#include "ChainVerdict.h"
+#include "Log.h"
+#include "PemPassword.h"
+
+namespace {
+
+constexpr char trustedDirectory[] = "/var/ssl/trustedcerts/";
+constexpr char verifyFunction[] = "VerifyServerCertificate";
+
+using NameBuffer = std::array<char, 256>;
+
+// OpenSSL takes a directory that does not exist without complaint, so it is looked for first.
+bool loadTrustedDirectory(X509_STORE* store)
+{
+    struct stat status {};
+    const bool isThere = stat(trustedDirectory, &status) == 0 && S_ISDIR(status.st_mode);
+    return X509_STORE_load_locations(store, nullptr, trustedDirectory) == 1 && isThere;
+}
+
+PluginResult resultOfChain(int error, bool& promptUser)
+{
+    using wfoal::ChainVerdict;
+    const wfoal::ChainVerdict verdict = wfoal::chainVerdict(error);
+    promptUser = verdict == ChainVerdict::AskUser;
+    switch (verdict) {
+    case ChainVerdict::AskUser:
+        WFOAL_ERROR("%s: Prompt User... Server Certificate Warning: %i %s", verifyFunction, error,
+                    X509_verify_cert_error_string(error));
+        return PLUGIN_SUCCESS;
+    case ChainVerdict::SelfSignedInChain:
+        WFOAL_DEBUG("%s: self signed cert in chain", verifyFunction);
+        return PLUGIN_SUCCESS;
+    case ChainVerdict::SelfSignedServer:
+        WFOAL_DEBUG("%s: zero depth self signed cert", verifyFunction);
+        return PLUGIN_SUCCESS;
+    case ChainVerdict::Refuse: break;
+    }
+    WFOAL_ERROR("%s: Server Certificate verification failed: %s", verifyFunction,
+                X509_verify_cert_error_string(error));
+    return PLUGIN_FAILURE;
+}
+
+bool isWithinValidity(X509* certificate)
+{
+    constexpr int past = -1;
+    constexpr int future = 1;
+    const int notBefore = X509_cmp_current_time(X509_get0_notBefore(certificate));
+    const int notAfter = X509_cmp_current_time(X509_get0_notAfter(certificate));
+    if (notBefore == 0 || notAfter == 0) {
+        WFOAL_ERROR("%s: Error while comparing ceritifcate validity times. notBefore(%d), notAfter(%d)",
+                    verifyFunction, notBefore, notAfter);
+        return false;
+    }
+    if (notBefore == future || notAfter == past) {
+        WFOAL_ERROR("%s: Server Certificate Expired. notBefore(%d), notAfter(%d)", verifyFunction, notBefore,
+                    notAfter);
+        return false;
+    }
+    return true;
+}
+
+bool isInStore(X509_STORE_CTX* context, X509_NAME* subject)
+{
+    const X509ObjectPtr found(X509_OBJECT_new());
+    return found && X509_STORE_CTX_get_by_subject(context, X509_LU_X509, subject, found.get()) == 1;
+}
+
+// `length` is what the certificate holds: a name with a NUL inside is longer than it looks, and is nobody's.
+bool isServerName(const char* serverName, const NameBuffer& commonName, int length)
+{
+    return serverName != nullptr && std::strlen(commonName.data()) == static_cast<std::size_t>(length) &&
+           strcasecmp(serverName, commonName.data()) == 0;
+}
+
+// The checks behind a chain that did not verify: the store and the name. `result` is what the chain came to.
+PluginResult resultOfName(X509_STORE_CTX* context, X509* certificate, const char* serverName, PluginResult result,
+                          bool& promptUser)
+{
+    NameBuffer commonName{};
+    X509_NAME* subject = X509_get_subject_name(certificate);
+    const int length = subject == nullptr ? 0
+                                          : X509_NAME_get_text_by_NID(subject, NID_commonName, commonName.data(),
+                                                                      static_cast<int>(commonName.size()));
+    if (length <= 0) {
+        WFOAL_ERROR("%s: unable to retrieve server name from certificate", verifyFunction);
+        return PLUGIN_FAILURE;
+    }
+    if (wfoal::isLogged(wfoal::LogDebug)) {
+        std::array<char, 1024> line{};
+        X509_NAME_oneline(subject, line.data(), static_cast<int>(line.size()));
+        WFOAL_DEBUG("%s verifying server name: %s", verifyFunction, line.data());
+    }
+    if (!isInStore(context, subject)) {
+        WFOAL_DEBUG("%s: Matching Certificate not found in store", verifyFunction);
+        promptUser = true;
+        return PLUGIN_SUCCESS;
+    }
+    commonName.back() = '\0';
+    WFOAL_DEBUG("%s: input server name: %s\n server name found in cert: %s", verifyFunction, serverName,
+                commonName.data());
+    if (isServerName(serverName, commonName, length)) {
+        WFOAL_DEBUG("%s: server name verification succeeded", verifyFunction);
+        return result;
+    }
+    WFOAL_ERROR("%s: server name verification failed", verifyFunction);
+    promptUser = true;
+    return PLUGIN_SUCCESS;
+}
+
+}  // namespace
+
+PluginResult CertificateInterface::VerifyServerCertificate(const unsigned char* data, unsigned int length,
+                                                           const char* name, bool& promptUser)
+{
+    WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
+    PluginResult result = PLUGIN_FAILURE;
+    const X509Ptr certificate(data == nullptr ? nullptr : d2i_X509(nullptr, &data, static_cast<long>(length)));
+    if (certificate) {
+        result = judge(certificate.get(), name, promptUser);
+    } else {
+        WFOAL_ERROR("%s: error: invalid server cert", __func__);
+    }
+    releaseUsedIntermediates();
+    return result;
+}
+
+PluginResult CertificateInterface::judge(X509* certificate, const char* serverName, bool& promptUser)
+{
+    if (!verificationCerts) verificationCerts.reset(sk_X509_new_null());
+    const X509StorePtr store(X509_STORE_new());
+    if (!store) {
+        WFOAL_ERROR("%s: Failed to create X509_STORE object.", verifyFunction);
+        return PLUGIN_FAILURE;
+    }
+    const X509StoreCtxPtr context(X509_STORE_CTX_new());
+    if (!context) {
+        WFOAL_ERROR("%s: Failed to create X509_STORE_CTX object.", verifyFunction);
+        return PLUGIN_FAILURE;
+    }
+    if (!loadTrustedDirectory(store.get())) WFOAL_ERROR("%s: Failed to load trusted certs", verifyFunction);
+    if (X509_STORE_CTX_init(context.get(), store.get(), certificate, verificationCerts.get()) != 1) {
+        WFOAL_ERROR("%s: Could not initialize X509_STORE_CTX.", verifyFunction);
+        return PLUGIN_FAILURE;
+    }
+    // Without the purpose a certificate of any use would pass, so a purpose that cannot be set is a failed chain.
+    if (X509_STORE_CTX_set_purpose(context.get(), X509_PURPOSE_SSL_SERVER) == 1 &&
+        X509_verify_cert(context.get()) == 1) {
+        return PLUGIN_SUCCESS;
+    }
+    const PluginResult result = resultOfChain(X509_STORE_CTX_get_error(context.get()), promptUser);
+    if (!isWithinValidity(certificate)) {
+        promptUser = false;
+        return PLUGIN_FAILURE;
+    }
+    return resultOfName(context.get(), certificate, serverName, result, promptUser);
+}
+
+// Intermediates of one handshake never serve the next. A stack that is empty already stays.
+void CertificateInterface::releaseUsedIntermediates()
+{
+    if (sk_X509_num(verificationCerts.get()) != 0) verificationCerts.reset();
+}
+
+bool CertificateInterface::x509StackFromPEMFile(const std::string& path, STACK_OF(X509) * stack)
+{
+    const BioPtr file(BIO_new_file(path.c_str(), "r"));
+    if (!file) {
+        WFOAL_ERROR("%s: Could not read file: %s. Please check file permissions.", __func__, path.c_str());
+        return false;
+    }
+    const X509InfoStackPtr items(PEM_X509_INFO_read_bio(file.get(), nullptr, wfoal::noPassword, nullptr));
+    if (!items) {
+        WFOAL_ERROR("%s: Failed to convert file: %s to X509 certificates.", __func__, path.c_str());
+        return false;
+    }
+    while (sk_X509_INFO_num(items.get()) > 0) {
+        const X509InfoPtr item(sk_X509_INFO_shift(items.get()));
+        // An item may be a key or a revocation list. A certificate leaves its item for the caller's stack.
+        if (item->x509 != nullptr && sk_X509_push(stack, item->x509) > 0) item->x509 = nullptr;
+    }
+    return true;
+}

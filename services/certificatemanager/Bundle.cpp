@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Bundle.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "handles/OpenSsl.h"
+#include "handles/UniqueFd.h"
+
+namespace certificatemanager {
+
+namespace {
+
+std::string textOf(BIO* bio)
+{
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio, &data);
+    return length > 0 ? std::string(data, static_cast<std::size_t>(length)) : std::string();
+}
+
+std::string hexOf(const unsigned char* bytes, unsigned int length)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned int i = 0; i < length; ++i) {
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 0xf];
+    }
+    return text;
+}
+
+std::string fingerprintOf(X509* certificate)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (X509_digest(certificate, EVP_sha256(), digest, &length) != 1) return {};
+    return hexOf(digest, length);
+}
+
+// A bundle may be made with an empty password or with none at all; both are "no passphrase" to people.
+bool isPassphrase(PKCS12* bundle, const std::string& passphrase)
+{
+    return PKCS12_mac_present(bundle) == 0 ||
+           PKCS12_verify_mac(bundle, passphrase.c_str(), static_cast<int>(passphrase.size())) == 1 ||
+           (passphrase.empty() && PKCS12_verify_mac(bundle, nullptr, 0) == 1);
+}
+
+InstallResult checkParts(X509* certificate, EVP_PKEY* key)
+{
+    if (key == nullptr) return {InstallError::NoKey, "the bundle holds no private key"};
+    if (certificate == nullptr) return {InstallError::NoCertificate, "the bundle holds no certificate for its key"};
+    if (EVP_PKEY_base_id(key) != EVP_PKEY_RSA) return {InstallError::KeyNotRsa, "the private key is not an RSA key"};
+    if (X509_check_private_key(certificate, key) != 1) {
+        return {InstallError::KeyDoesNotFit, "the private key does not belong to the certificate"};
+    }
+    return {};
+}
+
+}  // namespace
+
+InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>& bytes)
+{
+    const auto failed = [&path](InstallError error, const std::string& why) {
+        return InstallResult{error, path + ": " + why};
+    };
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (!file.valid()) {
+        if (errno == ELOOP) return failed(InstallError::NotRegularFile, "is a symbolic link");
+        return failed(InstallError::Unreadable, std::strerror(errno));
+    }
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) return failed(InstallError::Unreadable, std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) return failed(InstallError::NotRegularFile, "is not a regular file");
+
+    // One byte more than is allowed, so that a file that grows meanwhile is noticed too.
+    bytes.resize(largestBundle + 1);
+    std::size_t length = 0;
+    while (length < bytes.size()) {
+        const ssize_t got = read(file.get(), bytes.data() + length, bytes.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return failed(InstallError::Unreadable, std::strerror(errno));
+        if (got == 0) break;
+        length += static_cast<std::size_t>(got);
+    }
+    bytes.resize(length);
+    if (length > largestBundle) return failed(InstallError::TooLarge, "is larger than 1 MiB");
+    return {};
+}
+
+InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::string& passphrase, Bundle& bundle)
+{
+    const ProviderPtr legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
+    const unsigned char* position = bytes.data();
+    const Pkcs12Ptr parsed(d2i_PKCS12(nullptr, &position, static_cast<long>(bytes.size())));
+    if (!parsed) return {InstallError::NotPkcs12, "the file is not a PKCS#12 bundle"};
+    if (!isPassphrase(parsed.get(), passphrase)) return {InstallError::WrongPassphrase, "the passphrase is wrong"};
+
+    EVP_PKEY* key = nullptr;
+    X509* certificate = nullptr;
+    STACK_OF(X509)* others = nullptr;
+    const bool isOpen = PKCS12_parse(parsed.get(), passphrase.c_str(), &key, &certificate, &others) == 1;
+    const EvpPkeyPtr ownedKey(key);
+    const X509Ptr ownedCertificate(certificate);
+    const X509StackPtr unused(others);
+    ERR_clear_error();
+    if (!isOpen) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
+    InstallResult result = checkParts(certificate, key);
+    if (result.error != InstallError::None) return result;
+
+    const BioPtr certificateText(BIO_new(BIO_s_mem()));
+    const BioPtr keyText(BIO_new(BIO_s_secmem()));
+    if (!certificateText || !keyText || PEM_write_bio_X509(certificateText.get(), certificate) != 1 ||
+        PEM_write_bio_PrivateKey_traditional(keyText.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+        return {InstallError::NotStored, "the bundle cannot be written as PEM"};
+    }
+    bundle = {textOf(certificateText.get()), textOf(keyText.get()), fingerprintOf(certificate)};
+    if (bundle.fingerprint.empty()) return {InstallError::NotStored, "the certificate has no fingerprint"};
+    return {};
+}
+
+std::string fingerprintOfPem(const std::string& pem)
+{
+    const BioPtr text(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    const auto noPassword = [](char*, int, int, void*) { return -1; };
+    const X509Ptr certificate(text ? PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr) : nullptr);
+    ERR_clear_error();
+    return certificate ? fingerprintOf(certificate.get()) : std::string();
+}
+
+}  // namespace certificatemanager

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A PKCS#12 bundle taken apart into the two texts that are installed. No system call but reading the file.
+#ifndef CERTIFICATEMANAGER_BUNDLE_H
+#define CERTIFICATEMANAGER_BUNDLE_H
+
+#include <string>
+#include <vector>
+
+#include "CertificateStore.h"
+
+namespace certificatemanager {
+
+constexpr std::size_t largestBundle = 1024 * 1024;
+
+struct Bundle {
+    std::string certificatePem;
+    std::string keyPem;
+    std::string fingerprint;  ///< SHA-256 of the certificate in lower-case hex.
+};
+
+/// Reads a regular file of at most largestBundle bytes. Never blocks on a pipe and never follows a link at the end.
+InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>& bytes);
+
+InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::string& passphrase, Bundle& bundle);
+
+/// Fingerprint of the first certificate of a PEM text; empty when there is none.
+std::string fingerprintOfPem(const std::string& pem);
+
+}  // namespace certificatemanager
+
+#endif

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Files that are there whole or not at all, also after a power cut.
+#ifndef CERTIFICATEMANAGER_DURABLEFILE_H
+#define CERTIFICATEMANAGER_DURABLEFILE_H
+
+#include <string>
+
+namespace certificatemanager {
+
+/// Writes `text` as `folder` + `name` with mode 0600 and syncs file and folder: written aside, then renamed. False
+/// with errno set on failure, which leaves nothing behind.
+bool writeDurably(const std::string& folder, const std::string& name, const std::string& text);
+
+}  // namespace certificatemanager
+
+#endif

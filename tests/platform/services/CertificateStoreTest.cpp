@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Installing PKCS#12 bundles, judged by what lies in the folders afterwards.
+#include "CertificateStore.h"
+
+#include <gmock/gmock.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "AddCertificate.h"
+#include "CertificateAuthority.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using certificatemanager::CertificateStore;
+using certificatemanager::InstallError;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testsupport::Identity;
+using testsupport::makeIdentity;
+using testsupport::writeFile;
+
+const std::string certificates = "/var/ssl/certs/";
+const std::string keys = "/var/ssl/private/";
+constexpr char bundlePath[] = "/tmp/bundle.pfx";
+
+std::string contentOf(const fs::path& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+std::vector<fs::path> filesIn(const std::string& folder)
+{
+    std::vector<fs::path> files;
+    if (!fs::exists(folder)) return files;
+    for (const auto& entry : fs::directory_iterator(folder)) files.push_back(entry.path());
+    return files;
+}
+
+class CertificateStoreTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::remove_all("/var/ssl");
+        fs::remove_all(bundlePath);
+    }
+
+    InstallError install(const std::string& passphrase = "secret")
+    {
+        return mStore.install(bundlePath, passphrase).error;
+    }
+
+    void expectNothingInstalled()
+    {
+        EXPECT_THAT(filesIn(certificates), IsEmpty());
+        EXPECT_THAT(filesIn(keys), IsEmpty());
+    }
+
+    CertificateStore mStore{certificates, keys};
+    Identity mIdentity = makeIdentity({"client", 10});
+};
+
+TEST_F(CertificateStoreTest, InstallsCertificateAndKeyUnderNamesThatBelongTogether)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::None, install());
+    const auto certificateFiles = filesIn(certificates);
+    const auto keyFiles = filesIn(keys);
+    ASSERT_EQ(1u, certificateFiles.size());
+    ASSERT_EQ(1u, keyFiles.size());
+    EXPECT_EQ("rsa" + certificateFiles[0].filename().string(), keyFiles[0].filename().string());
+    EXPECT_EQ(mIdentity.pem(), contentOf(certificateFiles[0]));
+    EXPECT_EQ(mIdentity.keyPem(), contentOf(keyFiles[0]));
+    EXPECT_EQ(fs::perms(0600), fs::status(keyFiles[0]).permissions());
+    EXPECT_EQ(fs::perms(0700), fs::status(keys).permissions());
+}
+
+TEST_F(CertificateStoreTest, SecondInstallationOfTheSameCertificateIsADuplicate)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::None, install());
+    EXPECT_EQ(InstallError::AlreadyInstalled, install());
+    EXPECT_EQ(10, static_cast<int>(InstallError::AlreadyInstalled));
+    EXPECT_EQ(1u, filesIn(certificates).size());
+}
+
+TEST_F(CertificateStoreTest, CertificateInstalledByHandUnderAnotherNameIsADuplicate)
+{
+    writeFile(certificates + "mine.pem", mIdentity.pem());
+    writeFile(keys + "rsamine.pem", mIdentity.keyPem());
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::AlreadyInstalled, install());
+}
+
+TEST_F(CertificateStoreTest, CertificateWithoutItsKeyIsInstalledAnew)
+{
+    writeFile(certificates + "mine.pem", mIdentity.pem());
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::None, install());
+}
+
+TEST_F(CertificateStoreTest, OldCiphersAndEmptyPassphrasesOpen)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret", NID_pbe_WithSHA1And40BitRC2_CBC));
+    EXPECT_EQ(InstallError::None, install());
+    writeFile(bundlePath, makeIdentity({"other", 11}).pkcs12(""));
+    EXPECT_EQ(InstallError::None, install(""));
+    writeFile(bundlePath, makeIdentity({"third", 11}).pkcs12(nullptr));
+    EXPECT_EQ(InstallError::None, install(""));
+}
+
+TEST_F(CertificateStoreTest, EachDefectHasItsOwnCode)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::WrongPassphrase, install("wrong"));
+    EXPECT_EQ(InstallError::WrongPassphrase, install(""));
+    writeFile(bundlePath, std::string("no bundle"));
+    EXPECT_EQ(InstallError::NotPkcs12, install());
+    writeFile(bundlePath, std::string());
+    EXPECT_EQ(InstallError::NotPkcs12, install());
+    const Identity keyless{X509Ptr(X509_dup(mIdentity.certificate.get())), nullptr};
+    writeFile(bundlePath, keyless.pkcs12("secret"));
+    EXPECT_EQ(InstallError::NoKey, install());
+    const Identity certless{nullptr, testsupport::rsaKey(10)};
+    writeFile(bundlePath, certless.pkcs12("secret"));
+    EXPECT_EQ(InstallError::NoCertificate, install());
+    expectNothingInstalled();
+}
+
+TEST_F(CertificateStoreTest, KeyThatIsNotRsa)
+{
+    const EvpPkeyPtr curve(EVP_EC_gen("P-256"));
+    Identity identity{X509Ptr(X509_dup(mIdentity.certificate.get())), nullptr};
+    X509_set_pubkey(identity.certificate.get(), curve.get());
+    testsupport::signAgain(identity.certificate.get(), curve.get());
+    EVP_PKEY_up_ref(curve.get());
+    identity.key.reset(curve.get());
+    writeFile(bundlePath, identity.pkcs12("secret"));
+    EXPECT_EQ(InstallError::KeyNotRsa, install());
+    expectNothingInstalled();
+}
+
+TEST_F(CertificateStoreTest, FileMustBeRegularAndReadableAndNotTooLarge)
+{
+    EXPECT_EQ(InstallError::Unreadable, install());
+    fs::create_directory(bundlePath);
+    EXPECT_EQ(InstallError::NotRegularFile, install());
+    fs::remove_all(bundlePath);
+    ASSERT_EQ(0, mkfifo(bundlePath, 0600));
+    EXPECT_EQ(InstallError::NotRegularFile, install());
+    fs::remove(bundlePath);
+    writeFile("/tmp/real.pfx", mIdentity.pkcs12("secret"));
+    fs::create_symlink("/tmp/real.pfx", bundlePath);
+    EXPECT_EQ(InstallError::NotRegularFile, install());
+    fs::remove(bundlePath);
+    writeFile(bundlePath, std::string(1024 * 1024 + 1, 'x'));
+    EXPECT_EQ(InstallError::TooLarge, install());
+    writeFile(bundlePath, std::string(1024 * 1024, 'x'));
+    EXPECT_EQ(InstallError::NotPkcs12, install());
+    expectNothingInstalled();
+}
+
+TEST_F(CertificateStoreTest, FullDiskLeavesNothingBehind)
+{
+    for (const std::string& folder : {keys, certificates}) {
+        fs::create_directories(folder);
+        ASSERT_EQ(0, mount("small", folder.c_str(), "tmpfs", 0, "size=4096,mode=700"));
+        writeFile(folder + "filler", std::string(4096, 'x'));
+        writeFile(bundlePath, mIdentity.pkcs12("secret"));
+        EXPECT_EQ(InstallError::NotStored, install()) << folder;
+        EXPECT_EQ(1u, filesIn(folder).size()) << folder;
+        ASSERT_EQ(0, umount(folder.c_str()));
+        expectNothingInstalled();
+    }
+}
+
+class AddCertificateTest : public CertificateStoreTest {
+protected:
+    std::string answer(const char* request) { return certificatemanager::addCertificate(mStore, request); }
+};
+
+TEST_F(AddCertificateTest, RequestIsAnsweredInJson)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    const char* request = "{\"certificateFilename\":\"/tmp/bundle.pfx\",\"passphrase\":\"secret\"}";
+    EXPECT_EQ("{ \"returnValue\": true }", answer(request));
+    EXPECT_EQ("{ \"returnValue\": false, \"errorCode\": 10, \"errorText\": \"the certificate is installed already\" }",
+              answer(request));
+}
+
+TEST_F(AddCertificateTest, BadRequestsNameWhatIsWrong)
+{
+    for (const char* request : {"", "no json", "[]", "7", "null"}) {
+        EXPECT_THAT(answer(request), HasSubstr("not a JSON object")) << request;
+    }
+    EXPECT_THAT(answer(nullptr), HasSubstr("not a JSON object"));
+    EXPECT_THAT(answer("{}"), HasSubstr("certificateFilename is missing"));
+    EXPECT_THAT(answer("{\"certificateFilename\":7}"), HasSubstr("certificateFilename must be a text"));
+    EXPECT_THAT(answer("{\"certificateFilename\":\"x.pfx\"}"), HasSubstr("absolute path"));
+    EXPECT_THAT(answer("{\"certificateFilename\":\"/x\\u0000.pfx\"}"), HasSubstr("certificateFilename must be a text"));
+    EXPECT_THAT(answer("{\"certificateFilename\":\"/x\",\"passphrase\":[]}"), HasSubstr("passphrase must be a text"));
+}
+
+}  // namespace
