@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// DNS of interfaces, whichever resolver the machine has: systemd-resolved when it answers, else the resolvconf tool
+// when it runs. Choosing is done anew for each set-up. Used by the requests, under the library's one mutex. Failures
+// throw a RequestError with the key "ipv4.dns" within a few seconds.
+//
+// To put settings in force: prepare(), write its line to the journal, set(). To take them back, in this process or a
+// later one: undo() with that line, then drop it from the journal.
+#ifndef VKNETCONFIG_DNS_H
+#define VKNETCONFIG_DNS_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Resolver.h"
+
+namespace vknetconfig {
+
+class DnsWatcher;
+
+class Dns {
+public:
+    Dns();
+    ~Dns();
+    Dns(const Dns&) = delete;
+    Dns& operator=(const Dns&) = delete;
+
+    /// What undo() needs, in one line without a newline; changes nothing. `earlier` is the line of the settings that
+    /// are in force for this link now, empty when there are none: what was there before them is carried over.
+    std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier = {});
+
+    /// Puts the settings in force with the resolver that prepare() chose in `prepared`, and looks after them from now
+    /// on: when systemd-resolved restarts they are set again.
+    void set(const Link& link, const DnsSettings& settings, std::string_view prepared);
+
+    /// Stops looking after the link's settings and brings back what was there before them, if the link still has
+    /// them. A link or resolver that is gone is no failure.
+    void undo(std::string_view prepared);
+
+private:
+    std::unique_ptr<DnsWatcher> mWatcher;
+};
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A way to set the DNS of a link, such as systemd-resolved. Requests go through Dns (Dns.h), which picks one. Used on
+// one thread at a time. Failures throw a RequestError with the key "ipv4.dns" within a few seconds.
+#ifndef VKNETCONFIG_RESOLVER_H
+#define VKNETCONFIG_RESOLVER_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "DnsSettings.h"
+
+namespace vknetconfig {
+
+class Resolver {
+public:
+    virtual ~Resolver() = default;
+
+    /// Asks whether it works here: does the service answer, does the tool run.
+    virtual bool works() = 0;
+
+    /// Writes down, in one line, what undo() needs. Changes nothing. `earlier` is the line that prepare() returned for
+    /// the settings now in force when they are ours, else empty.
+    virtual std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier) = 0;
+
+    /// Puts the settings in force, in place of those the link had.
+    virtual void set(const Link& link, const DnsSettings& settings) = 0;
+
+    /// Brings back what was there before, when the link still has what was set. A link or service that is gone is no
+    /// failure.
+    virtual void undo(std::string_view prepared) = 0;
+};
+
+}  // namespace vknetconfig
+
+#endif
