@@ -5,6 +5,8 @@
 #ifndef SOCKETINTERFACE_H
 #define SOCKETINTERFACE_H
 
+#include <netinet/in.h>
+
 #include <string>
 
 #include "kest/SocketPlugin.h"
@@ -21,7 +23,12 @@ public:
     /// at the same moment.
     virtual std::string& getBoundInterface();
 
+    /// The choice, made from the kernel's routing table as it is now; empty when there is no suitable interface.
+    std::string getBestInterfaceId();
+
 private:
+    bool getIfAddress(const std::string& name, sockaddr_in& address);
+
     std::string mBoundInterface;
 };
 

@@ -21,6 +21,9 @@ constexpr char tunnelInterfaceName[] = "norvatun0";
 /// A route to 0.0.0.0 was added since the last restore. One flag for all instances.
 extern bool sDoesHaveADefaultGateway;
 
+/// Prefix length of a dotted netmask; of one with gaps, the place of its lowest set bit. 0 when it is no address.
+int ConvertNetmaskToPrefix(const char* netmask);
+
 class SystemInterface : public KEST_SystemPlugin {
 public:
     SystemInterface();
@@ -64,6 +67,10 @@ private:
     void addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted);
     json_object* dnsDomainArray();
     void saveDataForRecovery();
+    PluginResult listInterfaces(const char* function, unsigned int& count, KEST_NetworkInterface** interfaces);
+    bool isInterfaceValidForVpnToUse(int socket, ifreq& entry);
+    void fillInInterfaceValues(int socket, KEST_NetworkInterface* object, ifreq& entry);
+    bool getDefaultGatewayAddress(const char* interfaceName, std::string& gateway);
 
     JsonPtr mpNetIfObj;                     // the interface request being built
     json_object* mpIpv4Obj = nullptr;       // its "ipv4"; owned by mpNetIfObj

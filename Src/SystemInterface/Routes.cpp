@@ -1,10 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Routes: added through the pending request, deleted at once, listed from the kernel's table.
+#include <arpa/inet.h>
+#include <linux/rtnetlink.h>
+
 #include <cstring>
 
+#include "DottedAddress.h"
+#include "InterfaceIndex.h"
 #include "Log.h"
+#include "NetLinkHelper.h"
 #include "SystemInterface.h"
+#include "handles/Glib.h"
+#include "handles/Stdio.h"
 
 namespace {
 
@@ -14,7 +22,128 @@ json_object* textOrNull(const char* text)
     return text != nullptr ? json_object_new_string(text) : nullptr;
 }
 
+// In one pass, the others keep their order.
+void dropLocalRoutes(GPtrArray* routes)
+{
+    guint kept = 0;
+    for (guint i = 0; i < routes->len; ++i) {
+        auto* route = static_cast<RouteInfo*>(routes->pdata[i]);
+        if (route != nullptr && route->table == RT_TABLE_LOCAL) {
+            g_free(route);
+        } else {
+            routes->pdata[kept++] = route;
+        }
+    }
+    g_ptr_array_set_size(routes, static_cast<gint>(kept));
+}
+
+// Every text is a copy that the agent's object takes over.
+void fillRoute(const char* function, const RouteInfo& route, KEST_SystemPluginRoute& object,
+               wfoal::InterfaceNameCache& names)
+{
+    using wfoal::DottedAddress;
+    const DottedAddress destination(route.dst);
+    object.SetDestination(destination.copy());
+    // A directly connected route reports its own destination as its gateway.
+    object.SetGateway(route.gateway.s_addr != 0 ? DottedAddress(route.gateway).copy() : destination.copy());
+    object.SetNetmask(DottedAddress(route.mask).copy());
+    object.SetInterface(strdup(names.nameOf(route.oifIndex).c_str()));
+    object.SetReservedValue(0);
+    object.SetMetric(route.metric);
+    WFOAL_DEBUG("SystemInterface::%s: Route Found: Dest(%s) Gw(%s) Mask(%s) Metric(%i) IfIndex(%s)", function,
+                object.GetDestination(), object.GetGateway(), object.GetNetmask(), object.GetMetric(),
+                object.GetInterface());
+}
+
+PluginResult listRoutes(const char* function, GPtrArray* list, unsigned int& count, KEST_SystemPluginRoute** routes)
+{
+    dropLocalRoutes(list);
+    if (count < list->len) {
+        count = list->len;
+        return routes != nullptr ? PLUGIN_BUFFER_TOO_SMALL : PLUGIN_SUCCESS;
+    }
+    if (routes == nullptr) return PLUGIN_SUCCESS;
+    wfoal::InterfaceNameCache names;
+    for (guint i = 0; i < list->len; ++i) {
+        const auto* route = static_cast<const RouteInfo*>(list->pdata[i]);
+        if (route != nullptr && routes[i] != nullptr) fillRoute(function, *route, *routes[i], names);
+    }
+    return PLUGIN_SUCCESS;
+}
+
+PluginResult enumerateRoutes(const char* function, unsigned int& count, KEST_SystemPluginRoute** routes)
+{
+    if (routes != nullptr && count == 0) {
+        WFOAL_ERROR("SystemInterface::%s: A buffer was provided but its length is 0", function);
+        return PLUGIN_FAILURE;
+    }
+    GPtrArray* list = sNlHelper.getRoutingTableList();
+    if (list == nullptr) {
+        WFOAL_ERROR("SystemInterface::%s: Routing Table not listed", function);
+        return PLUGIN_FAILURE;
+    }
+    const PluginResult result = listRoutes(function, list, count, routes);
+    releaseRoutingTableList(list);
+    return result;
+}
+
+// What a command line may hold of an agent's route, which a gateway may have sent: nothing that means anything to a
+// shell.
+bool isHarmless(const char* text)
+{
+    static const char harmless[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.:/-_";
+    return text != nullptr && text[std::strspn(text, harmless)] == '\0';
+}
+
+GStringPtr deletionCommand(const char* destination, const char* gateway, int prefix)
+{
+    GStringPtr command(g_string_new("/sbin/ip route del "));
+    if (!command) return command;
+    // A prefix of 0 is treated as that of a host.
+    if (prefix == 0 || prefix == 32) {
+        g_string_append_printf(command.get(), "%s via %s", destination, gateway);
+    } else {
+        g_string_append_printf(command.get(), "%s/%i via %s", destination, prefix, gateway);
+    }
+    return command;
+}
+
+void deleteRoute(const char* function, KEST_SystemPluginRoute& route)
+{
+    WFOAL_DEBUG("SystemInterface::%s: Dest(%s) Gateway(%s) Mask(%s) Metric(%u)", function, route.GetDestination(),
+                route.GetGateway(), route.GetNetmask(), route.GetMetric());
+    const char* destination = route.GetDestination();
+    const char* gateway = route.GetGateway();
+    const GStringPtr command = deletionCommand(destination, gateway, ConvertNetmaskToPrefix(route.GetNetmask()));
+    if (!command) {
+        WFOAL_ERROR("SystemInterface::%s:Failed to allocate memory", function);
+        return;
+    }
+    const bool harmless = isHarmless(destination) && isHarmless(gateway);
+    if (harmless) WFOAL_DEBUG("SystemInterface::%s: Command Going Out: %s", function, command->str);
+    const PipePtr output(harmless ? popen(command->str, "re") : nullptr);
+    if (!output) {
+        WFOAL_ERROR("SystemInterface::%s:Failed to run command: %s", function, command->str);
+        return;
+    }
+    char line[256];
+    while (std::fgets(line, sizeof line, output.get()) != nullptr) {
+        WFOAL_DEBUG("SystemInterface::%s: Output: %s", function, line);
+    }
+}
+
 }  // namespace
+
+int ConvertNetmaskToPrefix(const char* netmask)
+{
+    in_addr address{};
+    if (netmask == nullptr || inet_pton(AF_INET, netmask, &address) != 1) return 0;
+    WFOAL_DEBUG("SystemInterface::%s: netmask %s(0x%08x)", __func__, netmask, address.s_addr);
+    int prefix = 0;
+    for (std::uint32_t bits = ntohl(address.s_addr); bits != 0; bits <<= 1) ++prefix;
+    WFOAL_DEBUG("SystemInterface::%s: prefixlen %d", __func__, prefix);
+    return prefix;
+}
 
 PluginResult SystemInterface::AddRoute(unsigned int count, KEST_SystemPluginRoute** routes)
 {
@@ -42,12 +171,21 @@ PluginResult SystemInterface::AddRoute(unsigned int count, KEST_SystemPluginRout
     return PLUGIN_SUCCESS;
 }
 
-PluginResult SystemInterface::DeleteRoute(unsigned int, KEST_SystemPluginRoute**)
+PluginResult SystemInterface::DeleteRoute(unsigned int count, KEST_SystemPluginRoute** routes)
 {
-    return PLUGIN_FAILURE;
+    WFOAL_DEBUG("SystemInterface::%s called!!", __func__);
+    if (routes == nullptr || count == 0) {
+        WFOAL_ERROR("SystemInterface::%s: Called with no routes to delete", __func__);
+        return PLUGIN_SUCCESS;
+    }
+    for (unsigned int i = 0; i < count && routes[i] != nullptr; ++i) deleteRoute(__func__, *routes[i]);
+    return PLUGIN_SUCCESS;
 }
 
-PluginResult SystemInterface::EnumerateRoutes(unsigned int&, KEST_SystemPluginRoute**)
+PluginResult SystemInterface::EnumerateRoutes(unsigned int& count, KEST_SystemPluginRoute** routes)
 {
-    return PLUGIN_FAILURE;
+    WFOAL_DEBUG("SystemInterface::%s called!! the Array Length Passed In: %i", __func__, count);
+    const PluginResult result = enumerateRoutes(__func__, count, routes);
+    WFOAL_DEBUG("SystemInterface::%s: Array Length Being Returned: %i", __func__, count);
+    return result;
 }

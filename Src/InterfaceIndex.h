@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// From an interface's index to its name, and the request that ioctl() takes by name. Usable on any thread.
+#ifndef WFOAL_INTERFACEINDEX_H
+#define WFOAL_INTERFACEINDEX_H
+
+#include <net/if.h>
+
+#include <string>
+#include <unordered_map>
+
+/// Name of the interface with that index; empty, with an error logged, when there is none.
+std::string getIfNameFromIndex(int index);
+
+namespace wfoal {
+
+/// A zero-filled request with the name in it.
+ifreq requestFor(const std::string& name);
+
+/// Names of indices as if_indextoname() gives them, each looked up once; empty for an index without an interface. Lives
+/// as long as one call: names change.
+class InterfaceNameCache {
+public:
+    /// Valid as long as the cache.
+    const std::string& nameOf(unsigned index);
+
+private:
+    std::unordered_map<unsigned, std::string> mNames;
+    unsigned mLastIndex = 0;
+    const std::string* mLastName = nullptr;
+};
+
+}  // namespace wfoal
+
+#endif

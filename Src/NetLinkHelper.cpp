@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NetLinkHelper.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "DottedAddress.h"
+#include "Log.h"
+#include "RouteParser.h"
+
+#if defined(__has_feature)  // clang
+#if __has_feature(address_sanitizer)
+#define WFOAL_LEAK_CHECK
+#endif
+#elif defined(__SANITIZE_ADDRESS__)  // GCC
+#define WFOAL_LEAK_CHECK
+#endif
+#ifdef WFOAL_LEAK_CHECK
+#include <sanitizer/lsan_interface.h>
+#endif
+
+// The priority builds the reader before the load hook runs and lets it go before the unload hook does.
+__attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);
+
+namespace {
+
+struct RouteRequest {
+    nlmsghdr header;
+    rtmsg route;
+    unsigned char attributes[1024];
+};
+
+ssize_t receive(int socket, void* buffer, std::size_t size, int flags)
+{
+    iovec part{buffer, size};
+    sockaddr_nl sender{};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ssize_t received;
+    do {
+        received = recvmsg(socket, &message, flags);
+    } while (received < 0 && errno == EINTR);
+    return received;
+}
+
+bool isDatagramWaiting(int socket)
+{
+    pollfd query{socket, POLLIN, 0};
+    return poll(&query, 1, 0) > 0;
+}
+
+void logRoute(const char* function, const RouteInfo& route)
+{
+    using wfoal::DottedAddress;
+    WFOAL_DEBUG(
+        "NetLinkHelper::%s: Route Found: Src(%s) SrcPrf(%s) Dest(%s) Gw(%s) Mask(%s) IIFIndex(%i) OIFIndex(%i) Metric(%i) "
+        "Priority(%i)",
+        function, DottedAddress(route.src).text(), DottedAddress(route.prefSrc).text(), DottedAddress(route.dst).text(),
+        DottedAddress(route.gateway).text(), DottedAddress(route.mask).text(), route.iifIndex, route.oifIndex, route.metric,
+        route.priority);
+}
+
+}  // namespace
+
+NetLinkHelper::NetLinkHelper(int protocol, int groups) : mSocket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol))
+{
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<__u32>(getpid());
+    address.nl_groups = static_cast<__u32>(groups);
+    if (!mSocket.valid() || bind(mSocket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        // Binding fails when the agent has a socket of that port id. The kernel then chooses one at the first send.
+        WFOAL_ERROR("NetLinkHelper::%s: Error binding: %s", __func__, std::strerror(errno));
+    }
+}
+
+NetLinkHelper::NetLinkHelper(UniqueFd socket) : mSocket(std::move(socket))
+{
+}
+
+GPtrArray* NetLinkHelper::getRoutingTableList()
+{
+    if (makeRoutingTableListRequest() == -1) {
+        WFOAL_ERROR("NetLinkHelper::%s: Failed Socket Send: %s", __func__, std::strerror(errno));
+        return nullptr;
+    }
+    return getRoutingTableListRequestResp();
+}
+
+int NetLinkHelper::makeRoutingTableListRequest()
+{
+    RouteRequest request{};
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.route);
+    request.header.nlmsg_type = RTM_GETROUTE;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.route.rtm_family = AF_INET;
+    request.route.rtm_table = RT_TABLE_MAIN;
+
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    iovec part{&request, request.header.nlmsg_len};
+    msghdr message{};
+    message.msg_name = &kernel;
+    message.msg_namelen = sizeof kernel;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return static_cast<int>(sendmsg(mSocket.get(), &message, 0));
+}
+
+GPtrArray* NetLinkHelper::getRoutingTableListRequestResp()
+{
+    GPtrArray* routes = g_ptr_array_new();
+    if (routes == nullptr) {
+        WFOAL_ERROR("NetLinkHelper::%s Error Allocation List Of Routes", __func__);
+        return nullptr;
+    }
+    alignas(nlmsghdr) unsigned char buffer[16384] = {};
+    bool failedBefore = false;
+    bool doneSeen = false;
+    for (;;) {
+        // Behind a DONE there may be a further datagram or none, so nothing waits for it.
+        const ssize_t received = receive(mSocket.get(), buffer, sizeof buffer, doneSeen ? MSG_DONTWAIT : 0);
+        const bool failed = received < 0;
+        if (failed && doneSeen && errno == EAGAIN) break;
+        // After a failed receive the previous contents are parsed again, all of the buffer, but not twice in a row.
+        const wfoal::MessageWalk first(buffer, failed ? sizeof buffer : static_cast<std::size_t>(received));
+        if ((failed && failedBefore) || !first.valid() || first.header().nlmsg_type == NLMSG_ERROR) {
+            WFOAL_ERROR("NetLinkHelper::%s: Packet Recieved is Bad: %s", __func__, std::strerror(errno));
+            return routes;
+        }
+        failedBefore = failed;
+        if (first.header().nlmsg_type == NLMSG_DONE) break;
+        if (parseDatagram(first, routes)) doneSeen = true;
+    }
+    WFOAL_DEBUG("NetLinkHelper::%s: All Finished Reading Routing Table List", __func__);
+    return routes;
+}
+
+// True when it held a DONE. One that ends the dump is no route; one with a datagram behind it is taken for a route, as
+// any message that is not the first of its datagram.
+bool NetLinkHelper::parseDatagram(wfoal::MessageWalk walk, GPtrArray* routes)
+{
+    bool doneSeen = false;
+    for (; walk.valid(); walk.next()) {
+        if (walk.header().nlmsg_type == NLMSG_DONE) {
+            doneSeen = true;
+            if (!isDatagramWaiting(mSocket.get())) continue;
+        }
+        parseRoute(reinterpret_cast<const nlmsghdr*>(walk.message()), routes);
+    }
+    return doneSeen;
+}
+
+void NetLinkHelper::parseRoute(const nlmsghdr* message, GPtrArray* routes)
+{
+    auto* route = static_cast<RouteInfo*>(g_try_malloc0(sizeof(RouteInfo)));
+    if (route == nullptr) {
+        WFOAL_ERROR("NetLinkHelper::%s: Error Allocating Route Info Structure", __func__);
+        return;
+    }
+    g_ptr_array_add(routes, route);
+    wfoal::parseRouteMessage(message, message->nlmsg_len, *route);
+    if (wfoal::isLogged(wfoal::LogDebug)) logRoute(__func__, *route);
+}
+
+void releaseRoutingTableList(GPtrArray* routes)
+{
+    // The records are left behind on purpose, one block each: whoever took one keeps it. Only the list goes.
+#ifdef WFOAL_LEAK_CHECK
+    for (guint i = 0; i < routes->len; ++i) {
+        if (routes->pdata[i] != nullptr) __lsan_ignore_object(routes->pdata[i]);
+    }
+#endif
+    g_ptr_array_free(routes, TRUE);
+}

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reads the kernel's IPv4 routing table over one netlink socket, which stays open while the library is loaded. Used on
+// the agent's thread only: two dumps must never run at the same time. The caller owns what a dump returns.
+#ifndef WFOAL_NETLINKHELPER_H
+#define WFOAL_NETLINKHELPER_H
+
+#include <glib.h>
+
+#include "RouteInfo.h"
+#include "handles/UniqueFd.h"
+
+struct nlmsghdr;
+namespace wfoal {
+class MessageWalk;
+}
+
+class NetLinkHelper {
+public:
+    /// Opens a socket of the protocol and binds it to this process and the multicast groups. A failure is logged; a
+    /// socket that could not be bound is used as it is.
+    NetLinkHelper(int protocol, int groups);
+    /// Takes over a socket on which one message is one datagram.
+    explicit NetLinkHelper(UniqueFd socket);
+    NetLinkHelper(NetLinkHelper&&) = default;
+    NetLinkHelper& operator=(NetLinkHelper&&) = default;
+    virtual ~NetLinkHelper() = default;
+
+    /// The table as an array of RouteInfo, all tables of the kernel in its order, without filtering. Null when it
+    /// could not be asked for; incomplete after a receive error. Records were allocated with g_try_malloc0().
+    GPtrArray* getRoutingTableList();
+
+    /// Bytes sent, or -1 with errno set.
+    int makeRoutingTableListRequest();
+    GPtrArray* getRoutingTableListRequestResp();
+
+    /// Appends one record for a message, of which nlmsg_len bytes must be readable.
+    void parseRoute(const nlmsghdr* message, GPtrArray* routes);
+
+private:
+    bool parseDatagram(wfoal::MessageWalk walk, GPtrArray* routes);
+
+    UniqueFd mSocket;
+};
+
+/// Frees the list that a dump returned, but not the records in it.
+void releaseRoutingTableList(GPtrArray* routes);
+
+/// The one reader. Its port id is the process id, so there cannot be a second one.
+extern NetLinkHelper sNlHelper;
+
+#endif
