@@ -105,10 +105,13 @@ PluginResult StorageInterface::LoadFile(KEST_FileLocation location, const char* 
     unsigned int stored = 0;
     const ReadEnd end = readAll(file.get(), buffer, size, fileSize, stored);
     file.reset();
-    switch (end) {
-    case ReadEnd::Error: WFOAL_ERROR("%s: error reading file %s", __func__, path.c_str()); return PLUGIN_FAILURE;
-    case ReadEnd::EndOfFile: size = stored; return PLUGIN_SUCCESS;
-    case ReadEnd::BufferFull: break;
+    if (end == ReadEnd::Error) {
+        WFOAL_ERROR("%s: error reading file %s", __func__, path.c_str());
+        return PLUGIN_FAILURE;
+    }
+    if (end == ReadEnd::EndOfFile) {
+        size = stored;
+        return PLUGIN_SUCCESS;
     }
     // A buffer of exactly the file's size ends here too, on purpose: callers must leave room for one byte more. A file
     // that has gone meanwhile is reported with the size it had.
