@@ -5,10 +5,13 @@
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
+// The place that sd-journal.h would enter is this file's, never the caller's.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -30,8 +33,9 @@ std::string formatted(const char* format, va_list values)
     const int length = vasprintf(&text, format, values);
     if (length < 0) return format;
     std::string message(text, static_cast<std::size_t>(length));
-    free(text);
-    while (!message.empty() && message.back() == '\n') message.pop_back();
+    std::free(text);
+    while (!message.empty() && message.back() == '\n')
+        message.pop_back();
     return message;
 }
 
@@ -54,11 +58,10 @@ bool toSyslog(const std::string& name, int level, const std::string& message)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, syslogSocket, sizeof syslogSocket);
-    const std::string line = "<" + std::to_string(LOG_DAEMON | level) + ">" + name + "[" + std::to_string(getpid()) +
-                             "]: " + message;
+    const std::string line =
+        "<" + std::to_string(LOG_DAEMON | level) + ">" + name + "[" + std::to_string(getpid()) + "]: " + message;
     return sendto(socketFd.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
-                  reinterpret_cast<const sockaddr*>(&address),
-                  sizeof address) == static_cast<ssize_t>(line.size());
+                  reinterpret_cast<const sockaddr*>(&address), sizeof address) == static_cast<ssize_t>(line.size());
 }
 
 }  // namespace

@@ -7,10 +7,11 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <exception>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LogSettings.h"
@@ -23,8 +24,36 @@ struct NamedContext {
 
 namespace {
 
+using Contexts = std::vector<std::unique_ptr<NamedContext>>;
+
 std::mutex sContextsLock;
-std::vector<std::unique_ptr<NamedContext>> sContexts;
+Contexts* spContexts = nullptr;  // made at the first call
+
+// Released by a hook of this library, not by a static object's destructor: at the end of the process those run before
+// the unload hooks of the libraries above this one, which still log.
+__attribute__((destructor)) void releaseContexts()
+{
+    delete std::exchange(spContexts, nullptr);
+}
+
+VkLogContext* findContext(const char* name)
+{
+    if (spContexts == nullptr) return nullptr;
+    for (const auto& known : *spContexts) {
+        if (known->name == name) return &known->head;
+    }
+    return nullptr;
+}
+
+VkLogContext* makeContext(const char* name)
+{
+    if (spContexts == nullptr) spContexts = new Contexts;
+    auto made = std::make_unique<NamedContext>();
+    made->head.level = vklog::levelFromEnvironment();
+    made->name = name;
+    spContexts->push_back(std::move(made));
+    return &spContexts->back()->head;
+}
 
 const char* nameOf(const VkLogContext* context)
 {
@@ -39,19 +68,10 @@ extern "C" int VkLogGetContext(const char* name, VkLogContext** context)
     if (name == nullptr || context == nullptr) return EINVAL;
     try {
         const std::lock_guard<std::mutex> lock(sContextsLock);
-        for (const auto& known : sContexts) {
-            if (known->name == name) {
-                *context = &known->head;
-                return 0;
-            }
-        }
-        auto made = std::make_unique<NamedContext>();
-        made->head.level = vklog::levelFromEnvironment();
-        made->name = name;
-        sContexts.push_back(std::move(made));
-        *context = &sContexts.back()->head;
+        VkLogContext* known = findContext(name);
+        *context = known != nullptr ? known : makeContext(name);
         return 0;
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         return ENOMEM;
     }
 }
@@ -59,8 +79,14 @@ extern "C" int VkLogGetContext(const char* name, VkLogContext** context)
 extern "C" void VkLogPrint(VkLogContext* context, int level, const char* format, ...)
 {
     if (format == nullptr || (context != nullptr && level > context->level)) return;
+    const int errorBefore = errno;  // callers log in the middle of their error handling
     va_list values;
     va_start(values, format);
-    vklog::print(nameOf(context), level, format, values);
+    try {
+        vklog::print(nameOf(context), level, format, values);
+    } catch (const std::exception&) {
+        // Without memory for the text the message is lost; the caller, in C, goes on.
+    }
     va_end(values);
+    errno = errorBefore;
 }
