@@ -9,6 +9,7 @@
 
 #include "Log.h"
 #include "PemPassword.h"
+#include "handles/Pkcs12Parts.h"
 #include "handles/Stdio.h"
 
 namespace {
@@ -119,21 +120,13 @@ bool CertElement::X509ToDER(X509* certificate, unsigned int& length, DerBytes& b
 bool CertElement::Pkcs12ToDER(PKCS12* bundle, const std::string& password, unsigned int& length, DerBytes& bytes)
 {
     WFOAL_DEBUG("%s", __func__);
-    // Older files are encrypted with ciphers that today's default provider has no more. The flag keeps the default
-    // provider's automatic loading.
-    const ProviderPtr legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
-    ERR_clear_error();  // so that the reason logged is this parse's own
-    EVP_PKEY* key = nullptr;
-    X509* certificate = nullptr;
-    STACK_OF(X509)* others = nullptr;
-    if (PKCS12_parse(bundle, password.c_str(), &key, &certificate, &others) != 1) {
+    Pkcs12Parts parts;
+    if (!takePkcs12Apart(bundle, password.c_str(), parts)) {
         WFOAL_ERROR("%s: PKCS12_parse Failed %s", __func__, ERR_reason_error_string(ERR_get_error()));
         return false;
     }
-    privKey.reset(key);
-    const X509Ptr ownCertificate(certificate);
-    const X509StackPtr unusedCertificates(others);
-    return privKey && X509ToDER(certificate, length, bytes);
+    privKey = std::move(parts.key);
+    return privKey && X509ToDER(parts.certificate.get(), length, bytes);
 }
 
 PluginResult CertElement::SignSSL(const unsigned char* hash, unsigned int hashLength, unsigned char*& signature,

@@ -4,13 +4,13 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/pkcs12.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "handles/OpenSsl.h"
+#include "handles/Pkcs12Parts.h"
 #include "handles/UniqueFd.h"
 
 namespace certificatemanager {
@@ -51,17 +51,6 @@ bool isPassphrase(PKCS12* bundle, const std::string& passphrase)
            (passphrase.empty() && PKCS12_verify_mac(bundle, nullptr, 0) == 1);
 }
 
-InstallResult checkParts(X509* certificate, EVP_PKEY* key)
-{
-    if (key == nullptr) return {InstallError::NoKey, "the bundle holds no private key"};
-    if (certificate == nullptr) return {InstallError::NoCertificate, "the bundle holds no certificate for its key"};
-    if (EVP_PKEY_base_id(key) != EVP_PKEY_RSA) return {InstallError::KeyNotRsa, "the private key is not an RSA key"};
-    if (X509_check_private_key(certificate, key) != 1) {
-        return {InstallError::KeyDoesNotFit, "the private key does not belong to the certificate"};
-    }
-    return {};
-}
-
 }  // namespace
 
 InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>& bytes)
@@ -95,23 +84,19 @@ InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>
 
 InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::string& passphrase, Bundle& bundle)
 {
-    const ProviderPtr legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
     const unsigned char* position = bytes.data();
     const Pkcs12Ptr parsed(d2i_PKCS12(nullptr, &position, static_cast<long>(bytes.size())));
     if (!parsed) return {InstallError::NotPkcs12, "the file is not a PKCS#12 bundle"};
     if (!isPassphrase(parsed.get(), passphrase)) return {InstallError::WrongPassphrase, "the passphrase is wrong"};
 
-    EVP_PKEY* key = nullptr;
-    X509* certificate = nullptr;
-    STACK_OF(X509)* others = nullptr;
-    const bool isOpen = PKCS12_parse(parsed.get(), passphrase.c_str(), &key, &certificate, &others) == 1;
-    const EvpPkeyPtr ownedKey(key);
-    const X509Ptr ownedCertificate(certificate);
-    const X509StackPtr unused(others);
+    Pkcs12Parts parts;
+    const bool isOpen = takePkcs12Apart(parsed.get(), passphrase.c_str(), parts);
     ERR_clear_error();
     if (!isOpen) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
-    InstallResult result = checkParts(certificate, key);
-    if (result.error != InstallError::None) return result;
+    X509* const certificate = parts.certificate.get();
+    EVP_PKEY* const key = parts.key.get();
+    if (key == nullptr) return {InstallError::NoKey, "the bundle holds no private key"};
+    if (certificate == nullptr) return {InstallError::NoCertificate, "the bundle holds no certificate for its key"};
 
     const BioPtr certificateText(BIO_new(BIO_s_mem()));
     const BioPtr keyText(BIO_new(BIO_s_secmem()));

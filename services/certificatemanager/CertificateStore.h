@@ -23,9 +23,7 @@ enum class InstallError : int {
     NoKey = 8,
     NoCertificate = 9,
     AlreadyInstalled = 10,
-    KeyNotRsa = 11,
-    KeyDoesNotFit = 12,
-    NotStored = 13,
+    NotStored = 11,
 };
 
 struct InstallResult {
