@@ -34,10 +34,13 @@ private:
     bool signWithKey(X509* certificate, const unsigned char* hash, unsigned int hashLength, unsigned char* signature,
                      unsigned int& signatureLength) const;
 
+    X509* decodedCertificate();
+
     std::string privKeyFile;  // empty when the key came with a PKCS#12 file
     unsigned int derLength = 0;
     DerBytes der;
     EvpPkeyPtr privKey;  // null when the key is in a file
+    X509Ptr decoded;     // made of the DER bytes by the first signature: decoding costs a third of one
 };
 
 #endif

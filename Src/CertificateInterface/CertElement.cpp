@@ -129,21 +129,29 @@ bool CertElement::Pkcs12ToDER(PKCS12* bundle, const std::string& password, unsig
     return privKey && X509ToDER(parts.certificate.get(), length, bytes);
 }
 
+X509* CertElement::decodedCertificate()
+{
+    if (!decoded) {
+        const BioPtr bytes(BIO_new_mem_buf(der.get(), static_cast<int>(derLength)));
+        if (bytes) decoded.reset(d2i_X509_bio(bytes.get(), nullptr));
+    }
+    return decoded.get();
+}
+
 PluginResult CertElement::SignSSL(const unsigned char* hash, unsigned int hashLength, unsigned char*& signature,
                                   unsigned int& signatureLength, const char* keyPassword)
 {
     WFOAL_DEBUG("%s: called %p", __func__, static_cast<void*>(this));
     if (hash == nullptr || signature == nullptr) return PLUGIN_FAILURE;
-    const BioPtr bytes(BIO_new_mem_buf(der.get(), static_cast<int>(derLength)));
-    const X509Ptr certificate(bytes ? d2i_X509_bio(bytes.get(), nullptr) : nullptr);
-    if (!certificate) {
+    X509* const certificate = decodedCertificate();
+    if (certificate == nullptr) {
         WFOAL_ERROR("%s: error: cannot convert client cert DER to X509 object", __func__);
         return PLUGIN_FAILURE;
     }
     const bool isSigned =
         privKeyFile.empty()
-            ? signWithKey(certificate.get(), hash, hashLength, signature, signatureLength)
-            : signWithKeyFile(certificate.get(), hash, hashLength, signature, signatureLength, keyPassword);
+            ? signWithKey(certificate, hash, hashLength, signature, signatureLength)
+            : signWithKeyFile(certificate, hash, hashLength, signature, signatureLength, keyPassword);
     return isSigned ? PLUGIN_SUCCESS : PLUGIN_FAILURE;
 }
 

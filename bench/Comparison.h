@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Side-by-side measurement: ours and a peer run in turn in the same process, and the ratio of their times is what
+// counts, since machines differ and are noisy.
+#ifndef WFOAL_BENCH_COMPARISON_H
+#define WFOAL_BENCH_COMPARISON_H
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+
+namespace bench {
+
+/// One run of something, which returns the seconds that count.
+using Measured = std::function<double()>;
+
+/// Seconds that `work` takes.
+template <typename Work>
+double secondsOf(Work&& work)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+/// A run whose whole duration counts.
+template <typename Work>
+Measured timed(Work work)
+{
+    return [work = std::move(work)]() mutable { return secondsOf(work); };
+}
+
+/// Prints a table, a row a comparison, as it goes.
+class Table {
+public:
+    explicit Table(const std::string& title);
+
+    /// Runs both `rounds` times in turn, after one round that does not count, and prints the medians and the median of
+    /// the ratios ours/peer, which should be at most `limit`.
+    void compare(const std::string& name, double limit, const Measured& ours, const Measured& peer, int rounds = 11);
+
+    /// For main(): 0 when every ratio was within its limit, else 1.
+    int result() const { return mWithinLimits ? 0 : 1; }
+
+private:
+    bool mWithinLimits = true;
+};
+
+}  // namespace bench
+
+#endif
