@@ -16,9 +16,9 @@ CommandError badInput(const std::string& what, const std::string& why, const std
     return {what, why, remedy, ExitUsage};
 }
 
-CommandError systemError(const std::string& what, int error, const std::string& remedy)
+CommandError systemError(const std::string& what, int error, const std::string& remedy, ExitCode exitCode)
 {
-    return {what, std::generic_category().message(error), remedy};
+    return {what, std::generic_category().message(error), remedy, exitCode};
 }
 
 }  // namespace vpnoalctl

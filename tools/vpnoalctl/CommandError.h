@@ -33,7 +33,7 @@ private:
 CommandError badInput(const std::string& what, const std::string& why, const std::string& remedy = {});
 
 /// A system call that failed, with the text of `error`, an errno value.
-CommandError systemError(const std::string& what, int error, const std::string& remedy);
+CommandError systemError(const std::string& what, int error, const std::string& remedy, ExitCode exitCode = ExitFailed);
 
 }  // namespace vpnoalctl
 

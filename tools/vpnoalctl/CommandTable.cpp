@@ -18,6 +18,8 @@ struct Command {
 };
 
 constexpr Command commands[] = {
+    {"connect", "Bring up a tunnel, hold it until Ctrl-C, restore", defineConnect},
+    {"apply", "Configure an existing tunnel device and leave it so", defineApply},
     {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},
     {"restore", "Remove the tunnel's configuration and the packet filter", defineRestore},
 };

@@ -5,9 +5,9 @@
 
 #include <vector>
 
-#include "RequestError.h"
+#include "JsonError.h"
 
-using namespace vknetconfig;
+using namespace wfoal;
 
 namespace {
 
@@ -46,7 +46,7 @@ std::string errorOf(const char* text)
 {
     try {
         read(text);
-    } catch (const RequestError& error) {
+    } catch (const JsonError& error) {
         return error.what();
     }
     return "no error";

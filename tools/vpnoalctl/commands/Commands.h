@@ -9,6 +9,8 @@
 
 namespace vpnoalctl {
 
+Action defineApply(CLI::App& options);
+Action defineConnect(CLI::App& options);
 Action defineInfo(CLI::App& options);
 Action defineRestore(CLI::App& options);
 

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Strict reading of JSON requests: every value is read as one type, every key must be known, and whatever does not fit
-// throws a RequestError that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are put
+// Strict reading of JSON: every value is read as one type, every key must be known, and whatever does not fit
+// throws a JsonError that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are put
 // together only when they are needed. A document owns its text; values and texts live no longer than it.
-#ifndef VKNETCONFIG_STRICTJSON_H
-#define VKNETCONFIG_STRICTJSON_H
+#ifndef WFOAL_STRICTJSON_H
+#define WFOAL_STRICTJSON_H
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
-namespace vknetconfig {
+namespace wfoal {
 
 class JsonValue;
 
@@ -40,7 +41,8 @@ public:
     void forEach(Visitor visit) const
     {
         const std::size_t count = arraySize();
-        for (std::size_t index = 0; index < count; ++index) visit(element(index), index);
+        for (std::size_t index = 0; index < count; ++index)
+            visit(element(index), index);
     }
 
     /// Reads an object into `record`. Unknown, repeated and missing keys are refused.
@@ -53,8 +55,9 @@ public:
         for (std::size_t position = 0; position < members; ++position) {
             const JsonValue value = member(position);
             std::size_t field = 0;
-            while (field < count && value.mKey != fields[field].key) ++field;
-            if (field == count) value.refuse("unknown key");
+            while (field < count && value.mKey != fields[field].key)
+                ++field;
+            if (field == count) value.refuseUnknown(names(fields));
             if ((seen >> field & 1U) != 0) value.refuse("given twice");
             seen |= 1U << field;
             fields[field].read(value, record);
@@ -75,17 +78,27 @@ private:
     std::size_t objectSize() const;
     JsonValue member(std::size_t position) const;
     [[noreturn]] void refuseMissing(const char* key) const;
+    [[noreturn]] void refuseUnknown(const std::vector<std::string>& known) const;
+    template <class Record, std::size_t count>
+    static std::vector<std::string> names(const JsonField<Record> (&fields)[count])
+    {
+        std::vector<std::string> keys;
+        for (const auto& field : fields)
+            keys.emplace_back(field.key);
+        return keys;
+    }
 
     const void* mValue;
     const JsonValue* mParent;
-    std::string_view mKey;  // null data for an element of an array
+    std::string_view mKey;  // null data for an element of an array; the document's name for the root
     std::size_t mIndex;
 };
 
 class JsonDocument {
 public:
-    /// Throws a RequestError when `text` is null or not one JSON value.
-    explicit JsonDocument(const char* text);
+    /// Throws a JsonError when `text` is null or not one JSON value, telling line and column. `name` is what
+    /// errors call the document as a whole; it must outlive the document.
+    explicit JsonDocument(const char* text, const char* name = "the request");
     JsonDocument(const JsonDocument&) = delete;
     JsonDocument& operator=(const JsonDocument&) = delete;
     ~JsonDocument();
@@ -96,6 +109,6 @@ private:
     std::unique_ptr<Parsed> mParsed;
 };
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

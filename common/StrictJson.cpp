@@ -1,21 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StrictJson.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "RequestError.h"
+#include "JsonError.h"
+#include "Suggest.h"
 
 // What rapidjson would abort on becomes an exception, which the C boundary reports.
 #define RAPIDJSON_ASSERT(condition) \
-    ((condition) ? static_cast<void>(0) : throw vknetconfig::RequestError("", "inconsistent JSON value"))
+    ((condition) ? static_cast<void>(0) : throw wfoal::JsonError("", "inconsistent JSON value"))
 #define RAPIDJSON_ASSERT_THROWS
 #define RAPIDJSON_NOEXCEPT_ASSERT(condition) static_cast<void>(0)
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
@@ -57,6 +59,17 @@ std::string shownKey(std::string_view key)
     return isPlain ? std::string(key) : excerpt(key);
 }
 
+// Lines and characters from 1, as an editor counts them.
+std::string positionIn(std::string_view text, std::size_t offset)
+{
+    const std::string_view before = text.substr(0, offset);
+    const auto lines = std::count(before.begin(), before.end(), '\n');
+    const std::string_view line = before.substr(before.rfind('\n') + 1);
+    const auto characters =
+        std::count_if(line.begin(), line.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; });
+    return "line " + std::to_string(lines + 1) + ", column " + std::to_string(characters + 1);
+}
+
 }  // namespace
 
 std::string JsonValue::path() const
@@ -69,13 +82,19 @@ std::string JsonValue::path() const
 
 void JsonValue::refuse(const std::string& reason) const
 {
-    throw RequestError(path(), mParent == nullptr ? "the request: " + reason : reason);
+    throw JsonError(path(), mParent == nullptr ? std::string(mKey) + ": " + reason : reason);
 }
 
 void JsonValue::refuseMissing(const char* key) const
 {
     const std::string before = path();
-    throw RequestError(before.empty() ? key : before + "." + key, "missing");
+    throw JsonError(before.empty() ? key : before + "." + key, "missing");
+}
+
+void JsonValue::refuseUnknown(const std::vector<std::string>& known) const
+{
+    const std::string meant = nearest(mKey, known);
+    refuse(meant.empty() ? "unknown key" : "unknown key; perhaps \"" + meant + "\" is meant");
 }
 
 bool JsonValue::isNull() const
@@ -130,27 +149,30 @@ JsonValue JsonValue::member(std::size_t position) const
 
 struct JsonDocument::Parsed {
     std::string text;  // parsed in place: the values point into it
+    const char* name;
     Document document;
 };
 
-JsonDocument::JsonDocument(const char* text) : mParsed(std::make_unique<Parsed>())
+JsonDocument::JsonDocument(const char* text, const char* name) : mParsed(std::make_unique<Parsed>())
 {
-    if (text == nullptr) throw RequestError("", "the request is a null pointer");
+    if (text == nullptr) throw JsonError("", std::string(name) + " is a null pointer");
     mParsed->text = text;
+    mParsed->name = name;
     // Iterative, so that deep nesting costs no stack.
     constexpr unsigned flags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
     mParsed->document.ParseInsitu<flags>(mParsed->text.data());
     if (!mParsed->document.HasParseError()) return;
-    throw RequestError("", "the request is not JSON: " +
-                               std::string(rapidjson::GetParseError_En(mParsed->document.GetParseError())) +
-                               " At byte " + std::to_string(mParsed->document.GetErrorOffset()) + ".");
+    std::string reason = rapidjson::GetParseError_En(mParsed->document.GetParseError());
+    if (!reason.empty() && reason.back() == '.') reason.pop_back();
+    throw JsonError("", std::string(name) + " is not JSON: " + reason + ", at " +
+                            positionIn(text, mParsed->document.GetErrorOffset()));
 }
 
 JsonDocument::~JsonDocument() = default;
 
 JsonValue JsonDocument::root() const
 {
-    return {static_cast<const Value*>(&mParsed->document), nullptr, {}, 0};
+    return {static_cast<const Value*>(&mParsed->document), nullptr, mParsed->name, 0};
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl apply: configures a device that exists already, and leaves the configuration in force. A system object
+// restores the configuration when it is disposed of, so this one never is: the process ends with it. 'vpnoalctl
+// restore' takes the configuration back.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "CommandError.h"
+#include "Context.h"
+#include "commands/Commands.h"
+#include "tunnel/BringUp.h"
+#include "tunnel/Notices.h"
+#include "tunnel/Signals.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals& signals)
+{
+    try {
+        bringUp(system, profile);
+        if (signals.isInterrupted()) {
+            throw CommandError("apply", "interrupted, everything is restored", "run it again");
+        }
+    } catch (...) {
+        system.RestoreSystemConfiguration();
+        throw;
+    }
+}
+
+int applyProfile(Context& context, const std::string& file)
+{
+    const Profile profile = loadProfile(file);
+    Signals signals;
+    PluginLibrary& plugin = context.plugin();
+    checkDevice(profile.tunnel);
+    // As long as the object that calls it.
+    static auto* const notices = new Notices(context.settings.verbosity > 0);
+    auto& system = plugin.createKept<KEST_SystemPlugin>();
+    system.SetSystemPluginCB(notices);
+    bringUpOrRestore(system, profile, signals);
+    printSummary(context.output, profile, "applied");
+    context.output.line("It stays in force; 'vpnoalctl restore' takes it back.", Style::Faint);
+    return ExitOk;
+}
+
+}  // namespace
+
+Action defineApply(CLI::App& command)
+{
+    auto file = std::make_shared<std::string>();
+    command.add_option("profile", *file, "The profile, a JSON file; '-' is standard input")
+        ->required()
+        ->type_name("PROFILE");
+    return [file](Context& context) { return applyProfile(context, *file); };
+}
+
+}  // namespace vpnoalctl

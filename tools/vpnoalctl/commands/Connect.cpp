@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl connect: a whole connection but its packets. Makes the device, applies the profile, holds it until it is
+// told to end, restores. However it ends, short of SIGKILL, the configuration is restored; after a SIGKILL the device
+// goes with the process, and the platform library's journal lets the next run clean up the rest.
+#include <fmt/format.h>
+#include <poll.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include "CommandError.h"
+#include "Context.h"
+#include "commands/Commands.h"
+#include "tunnel/BringUp.h"
+#include "tunnel/ChildCommand.h"
+#include "tunnel/Notices.h"
+#include "tunnel/Signals.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+struct Options {
+    std::string profile;
+    std::string command;
+};
+
+// Sleeps until a signal comes; throws when the device disappears meanwhile.
+void waitForSignal(const Signals& signals, const TunDevice& device)
+{
+    // The kernel reports an error on the descriptor when somebody removes the device.
+    pollfd watched[] = {{signals.descriptor(), POLLIN, 0}, {device.descriptor(), 0, 0}};
+    poll(watched, 2, -1);
+    if ((watched[1].revents & (POLLERR | POLLHUP)) != 0) {
+        throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
+                           "connect again when it is wanted");
+    }
+}
+
+int hold(Signals& signals, const TunDevice& device, const std::string& text)
+{
+    std::optional<ChildCommand> child;
+    if (!text.empty()) {
+        // What the command needs to carry the tunnel's packets.
+        setenv("WFOAL_TUN_FD", std::to_string(device.descriptor()).c_str(), 1);
+        child.emplace(text, device.descriptor());
+    }
+    while (!signals.isInterrupted()) {
+        if (child && child->status()) return *child->status();
+        waitForSignal(signals, device);
+    }
+    return child ? child->end() : ExitOk;
+}
+
+int connect(Context& context, const Options& options)
+{
+    const Profile profile = loadProfile(options.profile);
+    Signals signals;
+    PluginLibrary& plugin = context.plugin();
+    const TunDevice device(profile.tunnel);
+    Notices notices(context.settings.verbosity > 0);
+    // Disposing of the object at the end of this scope restores the configuration.
+    const auto system = plugin.create<KEST_SystemPlugin>();
+    system->SetSystemPluginCB(&notices);
+    bringUp(*system, profile);
+    printSummary(context.output, profile, "connected");
+    if (options.command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
+    if (!context.output.flush()) context.explain("nobody reads the output");
+    return hold(signals, device, options.command);
+}
+
+}  // namespace
+
+Action defineConnect(CLI::App& command)
+{
+    auto options = std::make_shared<Options>();
+    command.add_option("profile", options->profile, "The profile, a JSON file; '-' is standard input")
+        ->required()
+        ->type_name("PROFILE");
+    command
+        .add_option("--exec", options->command,
+                    "Run a shell command while connected, then restore and exit with its status; it finds the "
+                    "tunnel's descriptor in $WFOAL_TUN_FD")
+        ->type_name("COMMAND");
+    return [options](Context& context) { return connect(context, *options); };
+}
+
+}  // namespace vpnoalctl

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The keys of a profile as tables, then the checks that need more than one key.
+#include "profile/Profile.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <tuple>
+
+#include "CommandError.h"
+#include "JsonError.h"
+#include "StrictJson.h"
+#include "profile/Names.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+using wfoal::JsonDocument;
+using wfoal::JsonError;
+using wfoal::JsonField;
+using wfoal::JsonValue;
+
+void refuseFault(const JsonValue& value, const std::string& fault)
+{
+    if (!fault.empty()) value.refuse(fault);
+}
+
+Ipv4Address addressOf(const JsonValue& value)
+{
+    const std::string text(value.text());
+    const auto address = parseAddress(text);
+    if (!address) value.refuse(quoted(text) + " is no IPv4 address");
+    return *address;
+}
+
+// An address that one host can have.
+Ipv4Address hostAddressOf(const JsonValue& value)
+{
+    const Ipv4Address address = addressOf(value);
+    const std::uint32_t first = address.bits >> 24;
+    if (first == 0 || first == 127 || first >= 224) value.refuse(dotted(address) + " is no address of a host");
+    return address;
+}
+
+Ipv4Network networkOf(const JsonValue& value)
+{
+    Ipv4Network network;
+    refuseFault(value, readNetwork(std::string(value.text()), network));
+    const Ipv4Network base{network.base(), network.prefix};
+    if (!(base == network)) {
+        value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
+    }
+    return network;
+}
+
+std::uint16_t portOf(const JsonValue& value)
+{
+    return static_cast<std::uint16_t>(value.wholeNumber(1, 65535));
+}
+
+// One of a few words, each with its meaning.
+template <class Meaning>
+struct Word {
+    const char* word;
+    Meaning meaning;
+};
+
+template <class Meaning, std::size_t count>
+Meaning wordOf(const JsonValue& value, const Word<Meaning> (&words)[count])
+{
+    const std::string text(value.text());
+    std::string known;
+    for (const auto& word : words) {
+        if (text == word.word) return word.meaning;
+        known += (known.empty() ? "" : ", ") + quoted(word.word);
+    }
+    value.refuse(quoted(text) + " is none of " + known);
+}
+
+constexpr Word<KEST_FilterAction> actions[] = {{"accept", FILTER_ACTION_ACCEPT}, {"drop", FILTER_ACTION_DROP}};
+constexpr Word<KEST_FilterApplyDirection> directions[] = {
+    {"in", FILTER_DIRECTION_IN}, {"out", FILTER_DIRECTION_OUT}, {"any", FILTER_DIRECTION_BOTH}};
+constexpr Word<KEST_FilterProtocol> protocols[] = {{"any", FILTER_PROTOCOL_ANY},
+                                                   {"icmp", FILTER_PROTOCOL_ICMP},
+                                                   {"tcp", FILTER_PROTOCOL_TCP},
+                                                   {"udp", FILTER_PROTOCOL_UDP}};
+
+constexpr JsonField<TunnelSettings> tunnelKeys[] = {
+    {"address", true,
+     [](const JsonValue& value, TunnelSettings& tunnel) {
+         refuseFault(value, readNetwork(std::string(value.text()), tunnel.address));
+         const std::uint32_t first = tunnel.address.address.bits >> 24;
+         if (first == 0 || first == 127 || first >= 224) {
+             value.refuse(dotted(tunnel.address.address) + " is no address of a host");
+         }
+     }},
+    {"peer", true, [](const JsonValue& value, TunnelSettings& tunnel) { tunnel.peer = hostAddressOf(value); }},
+    {"mtu", false,
+     [](const JsonValue& value, TunnelSettings& tunnel) {
+         tunnel.mtu = static_cast<unsigned int>(value.wholeNumber(68, 65535));
+     }},
+};
+
+// A gateway of 0.0.0.0 is one that was not given: the peer takes its place.
+constexpr JsonField<ProfileRoute> routeKeys[] = {
+    {"destination", true,
+     [](const JsonValue& value, ProfileRoute& route) {
+         route.destination = value.text() == "default" ? Ipv4Network{{0}, 0} : networkOf(value);
+     }},
+    {"gateway", false, [](const JsonValue& value, ProfileRoute& route) { route.gateway = hostAddressOf(value); }},
+    {"metric", false,
+     [](const JsonValue& value, ProfileRoute& route) {
+         route.metric = static_cast<std::uint32_t>(value.wholeNumber(0, 0xffffffffLL));
+     }},
+};
+
+constexpr JsonField<FilterRule> ruleKeys[] = {
+    {"action", true, [](const JsonValue& value, FilterRule& rule) { rule.action = wordOf(value, actions); }},
+    {"direction", false, [](const JsonValue& value, FilterRule& rule) { rule.direction = wordOf(value, directions); }},
+    {"interface", false,
+     [](const JsonValue& value, FilterRule& rule) {
+         rule.interface = value.text();
+         refuseFault(value, faultOfInterfaceName(rule.interface));
+     }},
+    {"protocol", false, [](const JsonValue& value, FilterRule& rule) { rule.protocol = wordOf(value, protocols); }},
+    {"source", false, [](const JsonValue& value, FilterRule& rule) { rule.source.network = networkOf(value); }},
+    {"sourcePort", false, [](const JsonValue& value, FilterRule& rule) { rule.source.port = portOf(value); }},
+    {"destination", false,
+     [](const JsonValue& value, FilterRule& rule) { rule.destination.network = networkOf(value); }},
+    {"destinationPort", false, [](const JsonValue& value, FilterRule& rule) { rule.destination.port = portOf(value); }},
+};
+
+constexpr JsonField<Profile> dnsKeys[] = {
+    {"servers", false,
+     [](const JsonValue& value, Profile& profile) {
+         value.forEach([&](const JsonValue& server, std::size_t) {
+             profile.dnsServers.push_back(dotted(hostAddressOf(server)));
+         });
+     }},
+    {"domains", false,
+     [](const JsonValue& value, Profile& profile) {
+         value.forEach([&](const JsonValue& domain, std::size_t) {
+             profile.dnsDomains.emplace_back(domain.text());
+             refuseFault(domain, faultOfDomain(profile.dnsDomains.back()));
+         });
+     }},
+};
+
+template <class Record, std::size_t count>
+void readList(const JsonValue& value, const JsonField<Record> (&keys)[count], std::vector<Record>& records)
+{
+    value.forEach([&](const JsonValue& element, std::size_t) {
+        records.emplace_back();
+        element.readObject(keys, records.back());
+    });
+}
+
+constexpr JsonField<Profile> profileKeys[] = {
+    {"tunnel", true, [](const JsonValue& value, Profile& profile) { value.readObject(tunnelKeys, profile.tunnel); }},
+    {"dns", false, [](const JsonValue& value, Profile& profile) { value.readObject(dnsKeys, profile); }},
+    {"routes", false, [](const JsonValue& value, Profile& profile) { readList(value, routeKeys, profile.routes); }},
+    {"filter", false, [](const JsonValue& value, Profile& profile) { readList(value, ruleKeys, profile.filter); }},
+};
+
+void checkTunnel(const TunnelSettings& tunnel)
+{
+    if (tunnel.peer == tunnel.address.address) {
+        throw JsonError("tunnel.peer", dotted(tunnel.peer) + " is the tunnel's own address");
+    }
+    if (tunnel.address.prefix == 0) throw JsonError("tunnel.address", "a prefix of 0 would be everybody's network");
+}
+
+void completeRoute(ProfileRoute& route, std::size_t index, const TunnelSettings& tunnel)
+{
+    if (route.gateway.bits == 0) route.gateway = tunnel.peer;
+    const std::string key = fmt::format("routes[{}].gateway", index);
+    if (route.gateway == tunnel.address.address) {
+        throw JsonError(key, dotted(route.gateway) + " is the tunnel's own address");
+    }
+    if (!tunnel.network().contains(route.gateway)) {
+        throw JsonError(
+            key, fmt::format("{} cannot be reached through the tunnel, whose network is {}", dotted(route.gateway),
+                             withPrefix({tunnel.network().base(), tunnel.address.prefix})));
+    }
+}
+
+void checkRoutesDiffer(const std::vector<ProfileRoute>& routes)
+{
+    using Identity = std::tuple<std::uint32_t, int, std::uint32_t, std::size_t>;
+    std::vector<Identity> identities;
+    for (std::size_t i = 0; i < routes.size(); ++i) {
+        identities.emplace_back(routes[i].destination.address.bits, routes[i].destination.prefix, routes[i].metric, i);
+    }
+    std::sort(identities.begin(), identities.end());
+    for (std::size_t i = 1; i < identities.size(); ++i) {
+        const auto& [address, prefix, metric, index] = identities[i];
+        const auto& [otherAddress, otherPrefix, otherMetric, otherIndex] = identities[i - 1];
+        if (std::tie(address, prefix, metric) != std::tie(otherAddress, otherPrefix, otherMetric)) continue;
+        throw JsonError(fmt::format("routes[{}]", index),
+                        fmt::format("goes where routes[{}] goes already, with the same metric", otherIndex));
+    }
+}
+
+void checkRule(const FilterRule& rule, std::size_t index)
+{
+    const auto refuse = [index](const char* key, const char* reason) {
+        throw JsonError(fmt::format("filter[{}].{}", index, key), reason);
+    };
+    const bool isBound = rule.direction != FILTER_DIRECTION_BOTH;
+    if (isBound && rule.interface.empty()) refuse("direction", "'in' and 'out' need an interface");
+    if (!isBound && !rule.interface.empty()) refuse("interface", "needs the direction 'in' or 'out'");
+    if (rule.protocol != FILTER_PROTOCOL_ICMP) return;
+    if (rule.source.port != 0) refuse("sourcePort", "the protocol 'icmp' has no ports");
+    if (rule.destination.port != 0) refuse("destinationPort", "the protocol 'icmp' has no ports");
+}
+
+void completeAndCheck(Profile& profile)
+{
+    checkTunnel(profile.tunnel);
+    for (std::size_t i = 0; i < profile.routes.size(); ++i)
+        completeRoute(profile.routes[i], i, profile.tunnel);
+    checkRoutesDiffer(profile.routes);
+    for (std::size_t i = 0; i < profile.filter.size(); ++i)
+        checkRule(profile.filter[i], i);
+}
+
+}  // namespace
+
+Profile parseProfile(const std::string& text, const std::string& file)
+{
+    try {
+        Profile profile;
+        if (text.find('\0') != std::string::npos) throw JsonError("", "the profile is not JSON: it holds a NUL byte");
+        const JsonDocument document(text.c_str(), "the profile");
+        document.root().readObject(profileKeys, profile);
+        completeAndCheck(profile);
+        return profile;
+    } catch (const JsonError& error) {
+        throw badInput(file, error.what(), "correct the profile; nothing was changed");
+    }
+}
+
+}  // namespace vpnoalctl

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Whether the plug-in's packet filter is in force. The plug-in does not tell its agent when the platform refuses a
+// filter, and a tunnel whose rules are missing is not what its user asked for, so the kernel is asked.
+#ifndef VPNOALCTL_FILTERSTATE_H
+#define VPNOALCTL_FILTERSTATE_H
+
+#include <string>
+
+namespace vpnoalctl {
+
+enum class FilterState { InForce, Missing, Unknown };
+
+/// Unknown where the platform is not this project's own, or where nftables does not answer.
+FilterState filterState();
+
+/// Has nftables list its tables, by their names as nft prints them, into `tables`. Returns an empty text, or why it
+/// could not.
+std::string listFilterTables(std::string& tables);
+
+}  // namespace vpnoalctl
+
+#endif

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The agent's callback record of this program: tells on stderr, with -v, what the plug-in reports. Its operations are
+// called on the plug-in's event thread too.
+#ifndef VPNOALCTL_NOTICES_H
+#define VPNOALCTL_NOTICES_H
+
+#include <cstdio>
+
+#include "kest/SystemPluginCB.h"
+
+namespace vpnoalctl {
+
+class Notices : public KEST_SystemPluginCB {
+public:
+    explicit Notices(bool told) : mTold(told) {}
+    void OnPowerSuspended() override { tell("the device is about to sleep"); }
+    void OnPowerResume() override { tell("the device is awake again"); }
+    void OnConnectionChange(std::uint32_t) override { tell("the physical network changed"); }
+    void OnConfigurationChange() override { tell("the tunnel's configuration changed"); }
+
+private:
+    void tell(const char* what) const
+    {
+        if (mTold) std::fprintf(stderr, "%s\n", what);
+    }
+
+    bool mTold;
+};
+
+}  // namespace vpnoalctl
+
+#endif

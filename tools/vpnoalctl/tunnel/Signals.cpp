@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tunnel/Signals.h"
+
+#include <sys/signalfd.h>
+
+#include <cerrno>
+
+#include "CommandError.h"
+
+namespace vpnoalctl {
+
+Signals::Signals()
+{
+    sigset_t waited;
+    sigemptyset(&waited);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
+        sigaddset(&waited, signal);
+    mDescriptor.reset(signalfd(-1, &waited, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!mDescriptor.valid()) throw systemError("signalfd", errno, "free resources and try again");
+    pthread_sigmask(SIG_BLOCK, &waited, &mBefore);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &mPipeBefore);
+}
+
+Signals::~Signals()
+{
+    // What still waits has been answered: everything is restored.
+    while (take() != 0) {
+    }
+    sigaction(SIGPIPE, &mPipeBefore, nullptr);
+    pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
+}
+
+int Signals::take() const
+{
+    signalfd_siginfo signal{};
+    if (read(mDescriptor.get(), &signal, sizeof signal) != static_cast<ssize_t>(sizeof signal)) return 0;
+    return static_cast<int>(signal.ssi_signo);
+}
+
+bool Signals::isInterrupted()
+{
+    while (const int signal = take())
+        mInterrupted = mInterrupted || signal != SIGCHLD;
+    return mInterrupted;
+}
+
+}  // namespace vpnoalctl
