@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# run.sh [SECONDS] [STEM...]: builds the fuzz targets and runs each for that long (60), from its seeds, in private
+# namespaces. Exits with 1 when one finds something; what it found lies in build/fuzz/found/.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+seconds=${1:-60}
+shift || true
+cmake --preset fuzz >/dev/null
+ninja -C build/fuzz
+root=$PWD
+mkdir -p build/fuzz/found
+status=0
+for source in tests/fuzz/*Fuzz.cpp; do
+    stem=$(basename "$source" .cpp)
+    [ $# -eq 0 ] || [[ " $* " == *" $stem "* ]] || continue
+    mkdir -p "build/fuzz/corpus/$stem" "tests/fuzz/seeds/$stem"
+    echo "== $stem"
+    "build/fuzz/bin/$stem" -max_total_time="$seconds" -rss_limit_mb=4096 -print_final_stats=1 \
+        -artifact_prefix="$root/build/fuzz/found/$stem-" \
+        "$root/build/fuzz/corpus/$stem" "$root/tests/fuzz/seeds/$stem" >"build/fuzz/$stem.log" 2>&1 || status=1
+    tail -n 12 "build/fuzz/$stem.log" | grep -E 'stat::number_of_executed_units|ERROR|SUMMARY|Done' || true
+done
+exit $status
