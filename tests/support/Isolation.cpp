@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -80,6 +81,51 @@ void coverFolder(const std::string& folder, const char* mode, const std::vector<
     }
 }
 
+// Locked mount flags must be kept by a remount in a user namespace.
+unsigned long mountFlags(const std::string& folder)
+{
+    struct statvfs status {};
+    check(statvfs(folder.c_str(), &status) == 0, "flags of the mount of " + folder);
+    unsigned long flags = 0;
+    if ((status.f_flag & ST_NOSUID) != 0) flags |= MS_NOSUID;
+    if ((status.f_flag & ST_NODEV) != 0) flags |= MS_NODEV;
+    if ((status.f_flag & ST_NOEXEC) != 0) flags |= MS_NOEXEC;
+    if ((status.f_flag & ST_NOATIME) != 0) flags |= MS_NOATIME;
+    if ((status.f_flag & ST_NODIRATIME) != 0) flags |= MS_NODIRATIME;
+    if ((status.f_flag & ST_RELATIME) != 0) flags |= MS_RELATIME;
+    return flags;
+}
+
+// /etc becomes a private folder of links into the machine's own, which is then read-only. The files that daemons write
+// or that name users are copies; /etc/resolv.conf is empty.
+void coverEtc()
+{
+    namespace fs = std::filesystem;
+    const std::string machine = "/run/machine-etc";
+    fs::create_directory(machine);
+    check(mount("/etc", machine.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind /etc");
+    check(
+        mount(nullptr, machine.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | mountFlags(machine), nullptr) == 0,
+        "make /etc read-only");
+    check(mount("private", "/etc", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755") == 0, "mount on /etc");
+    for (const fs::directory_entry& entry : fs::directory_iterator(machine)) {
+        const fs::path target = "/etc" / entry.path().filename();
+        if (entry.is_symlink()) {
+            fs::copy_symlink(entry.path(), target);
+        } else {
+            fs::create_symlink(entry.path(), target);
+        }
+    }
+    for (const char* name : {"passwd", "group", "hosts", "resolv.conf"}) {
+        const fs::path target = fs::path("/etc") / name;
+        fs::remove(target);
+        const fs::path source = fs::path(machine) / name;
+        if (std::strcmp(name, "resolv.conf") != 0 && fs::exists(source)) fs::copy_file(source, target);
+    }
+    const UniqueFd resolvConf(open("/etc/resolv.conf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    check(resolvConf.valid(), "create /etc/resolv.conf");
+}
+
 void loopbackUp()
 {
     const UniqueFd control(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -103,6 +149,7 @@ std::string enterPrivateNamespaces()
         coverFolder("/run", "mode=755", trees);
         coverFolder("/var", "mode=755", trees);
         std::filesystem::create_directories("/var/tmp");
+        coverEtc();
         loopbackUp();
         std::error_code ignored;
         std::filesystem::current_path(folderBefore, ignored);

@@ -2,7 +2,8 @@
 //
 // Private namespaces: a network of its own with the loopback device up, and empty private folders where the code under
 // test has fixed paths (/tmp, /run, /var), so that nothing of the machine is touched. The source and build trees stay
-// visible wherever they are.
+// visible wherever they are. /etc is private too, with the machine's files behind read-only links and an empty
+// resolv.conf.
 #ifndef WFOAL_TEST_ISOLATION_H
 #define WFOAL_TEST_ISOLATION_H
 
