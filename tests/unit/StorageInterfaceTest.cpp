@@ -117,13 +117,6 @@ TEST_F(StorageInterfaceTest, SaveOverADirectoryFailsWithoutAMessage)
     EXPECT_THAT(fakes::logLines(), IsEmpty());
 }
 
-TEST_F(StorageInterfaceTest, SaveToAFullDeviceIsAnErrorWritingEvenForOneByte)
-{
-    std::filesystem::create_symlink("/dev/full", "/tmp/vpn/main/full");
-    EXPECT_EQ(PLUGIN_FAILURE, save(LOCATION_MAIN, "full", "x"));
-    EXPECT_THAT(fakes::logLines(), ElementsAre(fakes::LogLine{3, "SaveFile: error writing to /tmp/vpn/main/full"}));
-}
-
 TEST_F(StorageInterfaceTest, SaveOfMemoryThatIsNotThereFailsInsteadOfCrashing)
 {
     EXPECT_EQ(PLUGIN_FAILURE, mStorage.SaveFile(LOCATION_MAIN, "f", nullptr, 10));
