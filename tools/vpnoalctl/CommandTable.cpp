@@ -22,6 +22,12 @@ constexpr Command commands[] = {
     {"apply", "Configure an existing tunnel device and leave it so", defineApply},
     {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},
     {"restore", "Remove the tunnel's configuration and the packet filter", defineRestore},
+    {"storage ls", "List a location's files", defineStorageList},
+    {"storage get", "Load a file", defineStorageGet},
+    {"storage put", "Save a file", defineStoragePut},
+    {"storage rm", "Delete a file", defineStorageRemove},
+    {"storage stat", "Show a file's kind and size", defineStorageStat},
+    {"storage map", "Map a file into memory and unmap it again", defineStorageMap},
 };
 
 struct Group {

@@ -24,6 +24,9 @@ void addChild(const JsonPtr& object, const char* key, JsonPtr child);
 void append(const JsonPtr& array, JsonPtr element);
 void appendText(const JsonPtr& array, const std::string& text);
 
+/// The text with every byte that is not part of UTF-8 replaced by U+FFFD: what json-c is given must be UTF-8.
+std::string validUtf8(const std::string& text);
+
 /// As printed for machines: one line, "/" as it is.
 std::string toText(const JsonPtr& value);
 

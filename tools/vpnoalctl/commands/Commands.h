@@ -13,6 +13,12 @@ Action defineApply(CLI::App& options);
 Action defineConnect(CLI::App& options);
 Action defineInfo(CLI::App& options);
 Action defineRestore(CLI::App& options);
+Action defineStorageGet(CLI::App& options);
+Action defineStorageList(CLI::App& options);
+Action defineStorageMap(CLI::App& options);
+Action defineStoragePut(CLI::App& options);
+Action defineStorageRemove(CLI::App& options);
+Action defineStorageStat(CLI::App& options);
 
 }  // namespace vpnoalctl
 
