@@ -48,7 +48,8 @@ enum {
 typedef bool (*QSReplyCallback)(QSHandle* handle, QSMessage* message, void* user_data);
 /* Told when a service appears on the bus or leaves it, and once at first with the state found; the result is ignored. */
 typedef bool (*QSServerStatusCallback)(QSHandle* handle, const char* service, bool connected, void* user_data);
-/* Implements a method of a service; true when the request was or will be answered with QSMessageReply(). */
+/* Implements a method of a service: answers the request with QSMessageReply() before it returns, and returns true.
+ * The caller of a request without an answer gets an error. `user_data` is null. */
 typedef bool (*QSMethodCallback)(QSHandle* handle, QSMessage* message, void* user_data);
 
 /* One method of a category; a table ends with a null name. */
@@ -71,11 +72,16 @@ bool QSErrorInit(QSError* error);
 void QSErrorFree(QSError* error);
 
 /* Connects to the bus, under `name`, or as an anonymous client when it is null, and stores the new handle, which the
- * caller gives back with QSUnregister(). On failure the handle is left alone. */
+ * caller gives back with QSUnregister(). On failure the handle is left alone. The bus is the system's, or the one that
+ * DBUS_SYSTEM_BUS_ADDRESS names. When it is restarted the handle connects again, under its name; whoever watched a
+ * service is told that it went and came, and subscriptions are to be made anew. Handles that are left when the library
+ * is unloaded are disconnected then. */
 bool QSRegister(const char* name, QSHandle** handle, QSError* error);
-/* Disconnects and releases the handle, also when it reports failure. No callback runs afterwards. */
+/* Disconnects and releases the handle, also when it reports failure. No callback runs afterwards: on another thread
+ * than the loop's the call waits for one that is running. Calls that wait for a reply get none. */
 bool QSUnregister(QSHandle* handle, QSError* error);
-/* Has the loop deliver this handle's callbacks. The library keeps a reference to the loop until QSUnregister(). */
+/* Has the loop deliver this handle's callbacks, once for a handle; until then nothing is sent. The library keeps a
+ * reference to the loop until QSUnregister(). */
 bool QSGmainAttach(QSHandle* handle, struct _GMainLoop* loop, QSError* error);
 
 /* Watches a service by name for the life of the handle. */
@@ -83,9 +89,10 @@ bool QSRegisterServerStatus(QSHandle* handle, const char* service, QSServerStatu
                             QSError* error);
 
 /* Calls `uri`, "vesk://SERVICE/CATEGORY.../METHOD", with a JSON object as payload. Every accepted call gets at least
- * one reply: after 120 seconds without one, or when the service is gone,
- * {"returnValue":false,"errorCode":-1,"errorText":...}. A payload with "subscribe": true asks for pushes, which go to
- * the same callback with the same token. `token` may be null. */
+ * one reply: after 120 seconds without one, or when the service or the bus is gone,
+ * {"returnValue":false,"errorCode":-1,"errorText":...}. It never comes from inside the call. A payload with
+ * "subscribe": true asks for pushes, which go to the same callback with the same token until the service leaves the
+ * bus. `callback` and `token` may be null. */
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback, void* user_data,
             QSMessageToken* token, QSError* error);
 
@@ -94,13 +101,14 @@ const char* QSMessageGetPayload(QSMessage* message);
 /* The token of the call that a reply or push belongs to; of a request, its own. */
 QSMessageToken QSMessageGetResponseToken(QSMessage* message);
 
-/* For services. Offers a category ("/" for the root) with its methods. Signal and property tables may be null. The
- * tables must outlive the handle. */
+/* For services. Offers a category ("/" for the root) with its methods. Signal and property tables are accepted and
+ * not used. The tables must outlive the handle. Before the loop runs, or requests may come too early. */
 bool QSRegisterCategory(QSHandle* handle, const char* category, QSMethod* methods, QSSignal* signals,
                         QSProperty* properties, QSError* error);
 /* Answers a request. Must be called within the method callback. */
 bool QSMessageReply(QSHandle* handle, QSMessage* request, const char* payload, QSError* error);
-/* Enters the sender of a request as subscriber under `key`. A sender that leaves the bus is forgotten. */
+/* Enters the sender of a request as subscriber under `key`, within the method callback. It takes pushes from the
+ * answer on. A sender that leaves the bus is forgotten. Fails for the 65th subscription of one sender. */
 bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* request, QSError* error);
 /* Pushes a payload to every subscriber under `key`. No subscriber is no error. */
 bool QSSubscriptionReply(QSHandle* handle, const char* key, const char* payload, QSError* error);

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Owners of sd-bus objects.
+#ifndef HANDLES_SDBUS_H
+#define HANDLES_SDBUS_H
+
+#include <systemd/sd-bus.h>
+
+#include <memory>
+
+/// Closes without flushing: what a stalled daemon did not take must not hold anybody up.
+struct SdBusReleaser {
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+using SdBusPtr = std::unique_ptr<sd_bus, SdBusReleaser>;
+
+struct SdBusMessageReleaser {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
+
+/// A match, object or pending call; releasing it cancels it.
+struct SdBusSlotReleaser {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
+
+#endif

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a callback gets: a request, a reply or a push.
+#ifndef QUOR_MESSAGE_H
+#define QUOR_MESSAGE_H
+
+#include <systemd/sd-bus.h>
+
+#include "quorservice.h"
+
+/// Lives on the stack of whoever calls back.
+struct QSMessage {
+    const char* payload = nullptr;
+    QSMessageToken token = 0;
+    sd_bus_message* request = nullptr;  // what is to be answered; null in replies and pushes
+    bool answered = false;
+};
+
+namespace quor {
+
+/// The one interface that every service has on the bus.
+constexpr char jsonInterface[] = "com.vesk.JsonService1";
+constexpr char pushSignal[] = "Push";
+
+}  // namespace quor
+
+#endif

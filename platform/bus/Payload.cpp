@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Payload.h"
+
+#include <glib.h>
+
+#include <cstring>
+
+#include "handles/Json.h"
+
+namespace quor {
+
+std::optional<RequestPayload> parseRequest(const char* text)
+{
+    if (!isCarriable(text)) return std::nullopt;
+    const std::size_t length = std::strlen(text);
+    const JsonTokenerPtr tokener(json_tokener_new());
+    // Strict, so that nothing may follow the object; with its terminator, so that it must be complete.
+    json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
+    if (length >= G_MAXINT) return std::nullopt;
+    const JsonPtr payload(json_tokener_parse_ex(tokener.get(), text, static_cast<int>(length + 1)));
+    if (!json_object_is_type(payload.get(), json_type_object)) return std::nullopt;
+    json_object* subscribe = json_object_object_get(payload.get(), "subscribe");
+    return RequestPayload{json_object_is_type(subscribe, json_type_boolean) && json_object_get_boolean(subscribe)};
+}
+
+bool isCarriable(const char* text)
+{
+    return g_utf8_validate(text, -1, nullptr);
+}
+
+std::string errorPayload(const std::string& errorText)
+{
+    const JsonPtr payload(json_object_new_object());
+    json_object_object_add(payload.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(payload.get(), "errorCode", json_object_new_int(-1));
+    json_object_object_add(payload.get(), "errorText", json_object_new_string(errorText.c_str()));
+    return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+}  // namespace quor

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ServiceSide.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace quor {
+
+namespace {
+
+constexpr int subscriptionsOfOnePeer = 64;
+constexpr std::size_t peersAtMost = 1024;
+
+// The table's own macros need designated initialisers. A value-initialised entry is all zeros, as they ask for.
+sd_bus_vtable tableStart()
+{
+    sd_bus_vtable entry{};
+    entry.type = _SD_BUS_VTABLE_START;
+    entry.x.start.element_size = sizeof(sd_bus_vtable);
+    entry.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
+    entry.x.start.vtable_format_reference = &sd_bus_object_vtable_format;
+    return entry;
+}
+
+// The bus's policy files say who may call; the library itself lets everybody.
+sd_bus_vtable tableMethod(const char* name, sd_bus_message_handler_t handler)
+{
+    sd_bus_vtable entry{};
+    entry.type = _SD_BUS_VTABLE_METHOD;
+    entry.flags = SD_BUS_VTABLE_UNPRIVILEGED;
+    entry.x.method = {name, "s", "s", handler, 0, "payload\0reply\0"};
+    return entry;
+}
+
+sd_bus_vtable tablePush()
+{
+    sd_bus_vtable entry{};
+    entry.type = _SD_BUS_VTABLE_SIGNAL;
+    entry.x.signal = {pushSignal, "us", "serial\0payload\0"};
+    return entry;
+}
+
+sd_bus_vtable tableEnd()
+{
+    sd_bus_vtable entry{};
+    entry.type = _SD_BUS_VTABLE_END;
+    return entry;
+}
+
+QSMethodCallback findMethod(const QSMethod* methods, const char* name)
+{
+    while (methods->name != nullptr && std::strcmp(methods->name, name) != 0)
+        ++methods;
+    return methods->function;
+}
+
+}  // namespace
+
+void ServiceSide::addCategory(const std::string& path, const QSMethod* methods)
+{
+    Category& category = mCategories.emplace_back();
+    category.side = this;
+    category.path = path;
+    category.methods = methods;
+    category.table.push_back(tableStart());
+    for (const QSMethod* method = methods; method->name != nullptr; ++method) {
+        category.table.push_back(tableMethod(method->name, onRequest));
+    }
+    category.table.push_back(tablePush());
+    category.table.push_back(tableEnd());
+    if (mConnection.bus() != nullptr) offer(category, mConnection.bus());
+}
+
+void ServiceSide::offer(Category& category, sd_bus* bus)
+{
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_add_object_vtable(bus, &slot, category.path.c_str(), jsonInterface, category.table.data(), &category) >=
+        0) {
+        category.slot.reset(slot);
+    }
+}
+
+void ServiceSide::onBusConnected(sd_bus* bus)
+{
+    for (Category& category : mCategories)
+        offer(category, bus);
+}
+
+void ServiceSide::onBusLost()
+{
+    for (Category& category : mCategories)
+        category.slot.reset();
+    mSubscribers.clear();
+    mPeers.clear();
+}
+
+int ServiceSide::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
+{
+    const auto& target = *static_cast<const Category*>(category);
+    return target.side->answer(target, message, error);
+}
+
+int ServiceSide::answer(const Category& category, sd_bus_message* message, sd_bus_error* error)
+{
+    QSMessage request;
+    std::uint64_t serial = 0;
+    sd_bus_message_get_cookie(message, &serial);
+    request.token = serial;
+    request.request = message;
+    const int result = sd_bus_message_read_basic(message, 's', &request.payload);
+    if (result < 0) return result;
+    const QSMethodCallback method = findMethod(category.methods, sd_bus_message_get_member(message));
+    const bool accepted = method(mHandle, &request, nullptr);
+    if (request.answered) return 1;
+    return sd_bus_error_set(error, SD_BUS_ERROR_FAILED,
+                            accepted ? "the service gave no answer" : "the service refused the request");
+}
+
+int ServiceSide::reply(QSMessage& request, const char* payload)
+{
+    if (request.request == nullptr) return -EINVAL;
+    if (request.answered) return -EALREADY;
+    const int result = sd_bus_reply_method_return(request.request, "s", payload);
+    request.answered = result >= 0;
+    return std::min(result, 0);
+}
+
+int ServiceSide::subscribe(const std::string& key, const QSMessage& request)
+{
+    const char* sender = request.request != nullptr ? sd_bus_message_get_sender(request.request) : nullptr;
+    if (sender == nullptr) return -EINVAL;
+    const std::string name = sender;
+    if (mPeers.count(name) == 0) {
+        if (mPeers.size() >= peersAtMost) return -ENOBUFS;
+        mPeers[name].watch =
+            std::make_unique<hostbus::NameWatch>(mConnection.bus(), name, [this, name](const std::string& owner) {
+                if (owner.empty()) forgetPeer(name);
+            });
+    }
+    Peer& peer = mPeers[name];
+    if (peer.subscriptions >= subscriptionsOfOnePeer) return -ENOBUFS;
+    ++peer.subscriptions;
+    mSubscribers[key].push_back(
+        {name, static_cast<std::uint32_t>(request.token), sd_bus_message_get_path(request.request)});
+    return 0;
+}
+
+void ServiceSide::forgetPeer(const std::string& name)
+{
+    for (auto& [key, subscribers] : mSubscribers) {
+        const auto isGone = [&name](const Subscriber& subscriber) { return subscriber.peer == name; };
+        subscribers.erase(std::remove_if(subscribers.begin(), subscribers.end(), isGone), subscribers.end());
+    }
+    mPeers.erase(name);
+}
+
+void ServiceSide::push(const std::string& key, const std::string& payload)
+{
+    const auto subscribers = mSubscribers.find(key);
+    if (subscribers == mSubscribers.end() || mConnection.bus() == nullptr) return;
+    for (const Subscriber& subscriber : subscribers->second)
+        pushTo(subscriber, payload);
+}
+
+void ServiceSide::pushTo(const Subscriber& subscriber, const std::string& payload)
+{
+    sd_bus_message* message = nullptr;
+    int result =
+        sd_bus_message_new_signal(mConnection.bus(), &message, subscriber.path.c_str(), jsonInterface, pushSignal);
+    const SdBusMessagePtr push(message);
+    if (result >= 0) result = sd_bus_message_append(message, "us", subscriber.serial, payload.c_str());
+    // A subscriber that cannot be reached has left, of which the bus tells.
+    if (result >= 0) sd_bus_send_to(mConnection.bus(), message, subscriber.peer.c_str(), nullptr);
+}
+
+}  // namespace quor

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "StatusWatches.h"
+
+namespace quor {
+
+void StatusWatches::add(sd_bus* bus, const std::string& service, QSServerStatusCallback callback, void* userData)
+{
+    Watch& watch = mWatches.emplace_back();
+    watch.service = service;
+    watch.callback = callback;
+    watch.userData = userData;
+    if (bus != nullptr) {
+        watchName(watch, bus);
+    } else {
+        tell(watch, false);
+    }
+}
+
+void StatusWatches::onBusConnected(sd_bus* bus)
+{
+    for (Watch& watch : mWatches)
+        watchName(watch, bus);
+}
+
+void StatusWatches::onBusLost()
+{
+    for (Watch& watch : mWatches) {
+        watch.name.reset();
+        onOwner(watch, {});
+    }
+}
+
+void StatusWatches::watchName(Watch& watch, sd_bus* bus)
+{
+    watch.name = std::make_unique<hostbus::NameWatch>(
+        bus, watch.service, [this, &watch](const std::string& owner) { onOwner(watch, owner); });
+}
+
+void StatusWatches::onOwner(Watch& watch, const std::string& owner)
+{
+    // Handed from one process to the next: for a client the service was gone in between.
+    if (!owner.empty() && !watch.owner.empty() && owner != watch.owner) tell(watch, false);
+    watch.owner = owner;
+    tell(watch, !owner.empty());
+}
+
+void StatusWatches::tell(Watch& watch, bool connected)
+{
+    if (watch.told == connected) return;
+    watch.told = connected;
+    watch.callback(mHandle, watch.service.c_str(), connected, watch.userData);
+}
+
+}  // namespace quor

@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "BusConnection.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace hostbus {
+
+namespace {
+
+constexpr std::int64_t never = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t millisecond = 1000;
+constexpr std::int64_t firstRetryDelay = 100 * millisecond;
+constexpr std::int64_t longestRetryDelay = 2000 * millisecond;
+// Other sources of the loop get their turn after so many messages.
+constexpr int messagesPerTurn = 64;
+
+int untilMilliseconds(std::int64_t time)
+{
+    if (time == never) return -1;
+    const std::int64_t left = time - g_get_monotonic_time();
+    if (left <= 0) return 0;
+    return static_cast<int>(std::min<std::int64_t>((left + millisecond - 1) / millisecond, 3600 * 1000));
+}
+
+}  // namespace
+
+// Allocated by GLib, which knows nothing of the members' constructors.
+struct BusConnection::Source {
+    GSource base;
+    BusConnection* connection;
+    std::shared_ptr<void> owner;
+
+    static Source* of(GSource* source) { return reinterpret_cast<Source*>(source); }
+};
+
+GSourceFuncs BusConnection::sFunctions = {
+    [](GSource* source, gint* timeout) -> gboolean { return Source::of(source)->connection->prepare(*timeout); },
+    [](GSource* source) -> gboolean { return Source::of(source)->connection->check(); },
+    [](GSource* source, GSourceFunc, gpointer) -> gboolean {
+        Source::of(source)->connection->dispatch();
+        return G_SOURCE_CONTINUE;
+    },
+    [](GSource* source) { Source::of(source)->owner.~shared_ptr(); },
+    nullptr,
+    nullptr,
+};
+
+// The time during which this object may not be torn down; the last to leave does it when close() was called meanwhile.
+class BusConnection::Entry {
+public:
+    explicit Entry(BusConnection& connection) : mConnection(connection), mLock(connection.mRunning)
+    {
+        ++mConnection.mDepth;
+    }
+    ~Entry()
+    {
+        if (--mConnection.mDepth == 0 && mConnection.mClosed) mConnection.release();
+    }
+    bool isOutermost() const { return mConnection.mDepth == 1; }
+
+private:
+    BusConnection& mConnection;
+    const std::lock_guard<std::recursive_mutex> mLock;
+};
+
+BusConnection::~BusConnection()
+{
+    close();
+}
+
+int BusConnection::open()
+{
+    sd_bus* bus = nullptr;
+    const int result = sd_bus_open_system(&bus);
+    if (result < 0) return result;
+    mBus.reset(bus);
+    return 0;
+}
+
+void BusConnection::attach(GMainContext* context, std::shared_ptr<void> owner)
+{
+    const Entry entry(*this);
+    auto* source = Source::of(g_source_new(&sFunctions, sizeof(Source)));
+    mSource.reset(&source->base);
+    source->connection = this;
+    new (&source->owner) std::shared_ptr<void>(std::move(owner));
+    {
+        const std::lock_guard<std::mutex> lock(mTasksLock);
+        mContext.reset(g_main_context_ref(context));
+    }
+    g_source_attach(mSource.get(), context);
+}
+
+void BusConnection::post(Task task)
+{
+    const std::lock_guard<std::mutex> lock(mTasksLock);
+    mTasks.push_back(std::move(task));
+    if (mContext != nullptr) g_main_context_wakeup(mContext.get());
+}
+
+void BusConnection::run(const Task& task)
+{
+    if (mContext == nullptr || !g_main_context_is_owner(mContext.get())) return post(task);
+    const Entry entry(*this);
+    if (entry.isOutermost()) {
+        announce();
+        runTasks();
+    }
+    if (!mClosed) task();
+}
+
+void BusConnection::close()
+{
+    const Entry entry(*this);
+    mClosed = true;
+}
+
+bool BusConnection::tryClose()
+{
+    const std::unique_lock<std::recursive_mutex> lock(mRunning, std::try_to_lock);
+    if (lock.owns_lock()) close();
+    return lock.owns_lock();
+}
+
+void BusConnection::release()
+{
+    std::vector<Task> dropped;
+    {
+        const std::lock_guard<std::mutex> lock(mTasksLock);
+        dropped.swap(mTasks);
+    }
+    if (mSource != nullptr) g_source_destroy(mSource.get());
+    mBus.reset();
+    mSource.reset();
+}
+
+bool BusConnection::prepare(int& timeout)
+{
+    const Entry entry(*this);
+    timeout = -1;
+    if (mClosed) return false;
+    if (mBus != nullptr) watchDescriptor();
+    if (hasTasks() || (mBus != nullptr && !mAnnounced)) return true;
+    timeout = untilMilliseconds(nextTurn());
+    return timeout == 0;
+}
+
+bool BusConnection::check()
+{
+    const Entry entry(*this);
+    if (mClosed) return false;
+    if (mTag != nullptr && g_source_query_unix_fd(mSource.get(), mTag) != 0) return true;
+    return hasTasks() || untilMilliseconds(nextTurn()) == 0;
+}
+
+void BusConnection::dispatch()
+{
+    const Entry entry(*this);
+    if (mClosed) return;
+    if (mBus == nullptr) connectAgain();
+    announce();
+    runTasks();
+    processBus();
+}
+
+// When there is something to do even if nothing arrives.
+std::int64_t BusConnection::nextTurn() const
+{
+    if (mBus == nullptr) return mRetryAt;
+    std::uint64_t time = 0;
+    if (sd_bus_get_timeout(mBus.get(), &time) < 0) return 0;
+    return time > static_cast<std::uint64_t>(never) ? never : static_cast<std::int64_t>(time);
+}
+
+bool BusConnection::hasTasks()
+{
+    const std::lock_guard<std::mutex> lock(mTasksLock);
+    return !mTasks.empty();
+}
+
+void BusConnection::announce()
+{
+    if (mBus == nullptr || mAnnounced) return;
+    mAnnounced = true;
+    mListener.onBusConnected(mBus.get());
+}
+
+void BusConnection::runTasks()
+{
+    std::vector<Task> tasks;
+    {
+        const std::lock_guard<std::mutex> lock(mTasksLock);
+        tasks.swap(mTasks);
+    }
+    for (const Task& task : tasks) {
+        if (mClosed) return;
+        task();
+    }
+}
+
+void BusConnection::processBus()
+{
+    for (int count = 0; count < messagesPerTurn && mBus != nullptr && !mClosed; ++count) {
+        const int result = sd_bus_process(mBus.get(), nullptr);
+        if (result == 0) return;
+        if (result < 0) lose();
+    }
+}
+
+void BusConnection::connectAgain()
+{
+    if (g_get_monotonic_time() < mRetryAt) return;
+    if (open() == 0) {
+        mRetryDelay = 0;
+        return;
+    }
+    mRetryDelay = std::clamp(2 * mRetryDelay, firstRetryDelay, longestRetryDelay);
+    mRetryAt = g_get_monotonic_time() + mRetryDelay;
+}
+
+void BusConnection::lose()
+{
+    if (mTag != nullptr) g_source_remove_unix_fd(mSource.get(), mTag);
+    mTag = nullptr;
+    mWatchedFd = -1;
+    const SdBusPtr lost = std::move(mBus);  // before the listener is told, so that it finds none
+    mRetryAt = g_get_monotonic_time() + firstRetryDelay;
+    if (std::exchange(mAnnounced, false)) mListener.onBusLost();
+}
+
+void BusConnection::watchDescriptor()
+{
+    const int fd = sd_bus_get_fd(mBus.get());
+    const int events = std::max(sd_bus_get_events(mBus.get()), 0);
+    if (fd < 0) return;
+    if (fd != mWatchedFd) {
+        if (mTag != nullptr) g_source_remove_unix_fd(mSource.get(), mTag);
+        mTag = g_source_add_unix_fd(mSource.get(), fd, static_cast<GIOCondition>(events | G_IO_HUP | G_IO_ERR));
+    } else if (events != mWatchedEvents) {
+        g_source_modify_unix_fd(mSource.get(), mTag, static_cast<GIOCondition>(events | G_IO_HUP | G_IO_ERR));
+    }
+    mWatchedFd = fd;
+    mWatchedEvents = events;
+}
+
+}  // namespace hostbus
