@@ -9,8 +9,6 @@
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -19,6 +17,7 @@
 #include "CertElement.h"
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
+#include "ChildProcess.h"
 #include "TlsClient.h"
 #include "handles/UniqueFd.h"
 
@@ -43,37 +42,25 @@ bool isListening()
     return connect(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
-// "openssl s_server" for as long as the object lives.
+// "openssl s_server" for as long as the object lives. The distribution's own settings forbid what these protocols need.
 class TlsServer {
 public:
-    explicit TlsServer(const char* protocol) : mPid(fork())
+    explicit TlsServer(const char* protocol)
+        : mLog(open("/tmp/server.log", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)),
+          mServer({"env", "OPENSSL_CONF=/dev/null", "openssl", "s_server", "-accept", "127.0.0.1:4433", protocol,
+                   "-cipher", "DEFAULT:@SECLEVEL=0", "-cert", "/tmp/server.pem", "-key", "/tmp/serverkey.pem",
+                   "-CAfile", "/tmp/clientca.pem", "-Verify", "2", "-verify_return_error", "-rev"},
+                  mLog.get())
     {
-        if (mPid == 0) {
-            // The distribution's own settings forbid what these protocols need.
-            setenv("OPENSSL_CONF", "/dev/null", 1);
-            const int log = open("/tmp/server.log", O_WRONLY | O_CREAT | O_APPEND, 0600);
-            dup2(log, STDOUT_FILENO);
-            dup2(log, STDERR_FILENO);
-            execlp("openssl", "openssl", "s_server", "-accept", "127.0.0.1:4433", protocol, "-cipher",
-                   "DEFAULT:@SECLEVEL=0", "-cert", "/tmp/server.pem", "-key", "/tmp/serverkey.pem", "-CAfile",
-                   "/tmp/clientca.pem", "-Verify", "2", "-verify_return_error", "-rev", static_cast<char*>(nullptr));
-            _exit(127);
-        }
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (!isListening() && std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    ~TlsServer()
-    {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-    }
-    TlsServer(const TlsServer&) = delete;
-    TlsServer& operator=(const TlsServer&) = delete;
 
 private:
-    pid_t mPid;
+    UniqueFd mLog;
+    testsupport::ChildProcess mServer;
 };
 
 struct Protocol {

@@ -28,6 +28,11 @@ constexpr Command commands[] = {
     {"storage rm", "Delete a file", defineStorageRemove},
     {"storage stat", "Show a file's kind and size", defineStorageStat},
     {"storage map", "Map a file into memory and unmap it again", defineStorageMap},
+    {"verify", "Judge a server's certificate: accept, ask, or refuse", defineVerify},
+    {"certs list", "List the user's certificates", defineCertsList},
+    {"certs show", "Show one certificate", defineCertsShow},
+    {"certs sign", "Sign with a certificate's key", defineCertsSign},
+    {"certs import", "Install a PKCS#12 bundle", defineCertsImport},
 };
 
 struct Group {
@@ -37,6 +42,7 @@ struct Group {
 
 constexpr Group groups[] = {
     {"bus", "Talk to the platform's services"},
+    {"certs", "Work with the user's certificates"},
     {"route", "Change the kernel's routes"},
     {"storage", "Work with the agent's files"},
 };

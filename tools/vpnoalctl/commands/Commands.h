@@ -10,6 +10,10 @@
 namespace vpnoalctl {
 
 Action defineApply(CLI::App& options);
+Action defineCertsImport(CLI::App& options);
+Action defineCertsList(CLI::App& options);
+Action defineCertsShow(CLI::App& options);
+Action defineCertsSign(CLI::App& options);
 Action defineConnect(CLI::App& options);
 Action defineInfo(CLI::App& options);
 Action defineRestore(CLI::App& options);
@@ -19,6 +23,7 @@ Action defineStorageMap(CLI::App& options);
 Action defineStoragePut(CLI::App& options);
 Action defineStorageRemove(CLI::App& options);
 Action defineStorageStat(CLI::App& options);
+Action defineVerify(CLI::App& options);
 
 }  // namespace vpnoalctl
 

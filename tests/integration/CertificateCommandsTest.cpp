@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl verify and certs, run as a user runs them, with the plug-in of this build.
+#include <gmock/gmock.h>
+#include <openssl/objects.h>
+
+#include <filesystem>
+
+#include "CertificateAuthority.h"
+#include "ChildProcess.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testsupport::CommandResult;
+using testsupport::Identity;
+using testsupport::makeIdentity;
+using testsupport::writeFile;
+
+class CertificateCommandsTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::filesystem::remove_all("/var/ssl");
+        for (const char* folder : {"trustedcerts", "certs", "private"}) {
+            std::filesystem::create_directories(std::string("/var/ssl/") + folder);
+        }
+    }
+
+    static CommandResult ctl(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), WFOAL_BUILD_DIR "/bin/vpnoalctl");
+        return testsupport::runCommand(arguments);
+    }
+
+    static void expectBadInput(const std::vector<std::string>& arguments, const std::string& named)
+    {
+        const CommandResult result = ctl(arguments);
+        EXPECT_EQ(2, result.status) << result.output;
+        EXPECT_THAT(result.output, HasSubstr("vpnoalctl: " + named));
+    }
+
+    void installClient()
+    {
+        writeFile("/var/ssl/certs/client.pem", mClient.pem());
+        writeFile("/var/ssl/private/rsaclient.pem", mClient.keyPem("secret"));
+    }
+
+    Identity mRoot = makeIdentity({"Test Root", 1, true});
+    Identity mIntermediate = makeIdentity({"Intermediate", 2, true}, &mRoot);
+    Identity mServer = makeIdentity({"vpn.example", 3}, &mIntermediate);
+    Identity mClient = makeIdentity({"client", 4});
+};
+
+TEST_F(CertificateCommandsTest, VerdictInWordsWithReasonAndChain)
+{
+    testsupport::installTrusted(mRoot);
+    writeFile("/tmp/server.pem", mServer.pem());
+    writeFile("/tmp/intermediate.der", mIntermediate.der());
+    CommandResult result = ctl({"verify", "/tmp/server.pem", "--intermediate", "/tmp/intermediate.der"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("accept without asking"), HasSubstr("CN=vpn.example"),
+                                     HasSubstr("CN=Intermediate"), HasSubstr("CN=Test Root")));
+    result = ctl({"verify", "/tmp/server.pem"});
+    EXPECT_EQ(4, result.status);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("ask the user"), HasSubstr("unable to get local issuer certificate")));
+}
+
+TEST_F(CertificateCommandsTest, RefusalIsExitCodeOne)
+{
+    testsupport::installTrusted(mRoot);
+    testsupport::CertificateOptions expired{"vpn.example", 3};
+    expired.notAfter = -60;
+    writeFile("/tmp/server.pem", makeIdentity(expired, &mRoot).pem());
+    const CommandResult result = ctl({"--json", "verify", "/tmp/server.pem", "--name", "vpn.example"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("\"verdict\":\"refuse\""), HasSubstr("\"reason\":\"certificate has expired\"")));
+}
+
+TEST_F(CertificateCommandsTest, ListShowsNumberSubjectAndFingerprint)
+{
+    EXPECT_THAT(ctl({"certs", "list"}).output, HasSubstr("No client certificates"));
+    EXPECT_THAT(ctl({"--json", "certs", "list"}).output, HasSubstr("[]"));
+    installClient();
+    EXPECT_THAT(ctl({"certs", "list"}).output, AllOf(HasSubstr("     1  CN=client,O=Test"), HasSubstr("FINGERPRINT")));
+    EXPECT_THAT(ctl({"certs", "show", "1"}).output, HasSubstr("-----END CERTIFICATE-----"));
+    expectBadInput({"certs", "show", "2"}, "2: no certificate has this number");
+    expectBadInput({"certs", "show", "ffffffffffffffffff"}, "ffffffffffffffffff: no certificate has this number or");
+}
+
+TEST_F(CertificateCommandsTest, SignatureIsThatOfTheKey)
+{
+    installClient();
+    writeFile("/tmp/message", std::string("hello"));
+    writeFile("/tmp/password", std::string("secret\n"));
+    EXPECT_EQ(1, ctl({"certs", "sign", "1", "/tmp/message"}).status);
+    const CommandResult result = ctl({"certs", "sign", "1", "/tmp/message", "--password-file", "/tmp/password"});
+    ASSERT_EQ(0, result.status) << result.output;
+
+    std::vector<unsigned char> signature;
+    for (std::size_t i = 0; i + 1 < result.output.size(); i += 2) {
+        signature.push_back(static_cast<unsigned char>(std::stoi(result.output.substr(i, 2), nullptr, 16)));
+    }
+    unsigned char hash[36];
+    unsigned int length = 0;
+    EVP_Digest("hello", 5, hash, &length, EVP_md5_sha1(), nullptr);
+    const RsaPtr key(EVP_PKEY_get1_RSA(mClient.key.get()));
+    EXPECT_EQ(1, RSA_verify(NID_md5_sha1, hash, length, signature.data(), static_cast<unsigned>(signature.size()),
+                            key.get()));
+}
+
+TEST_F(CertificateCommandsTest, BadInputIsNamed)
+{
+    expectBadInput({"verify", "/tmp/none.pem"}, "/tmp/none.pem: No such file or directory");
+    writeFile("/tmp/text", std::string("no certificate"));
+    expectBadInput({"verify", "/tmp/text"}, "/tmp/text: is no certificate");
+    writeFile("/tmp/huge", std::string(1024 * 1024 + 1, 'x'));
+    expectBadInput({"verify", "/tmp/huge"}, "/tmp/huge: the file is larger");
+    expectBadInput({"certs", "import", "/tmp/huge"}, "/tmp/huge: the file is larger");
+    expectBadInput({"certs", "import", "/tmp"}, "/tmp: Is a directory");
+}
+
+}  // namespace
