@@ -118,9 +118,10 @@ void DnsWatcher::listen()
     const SdBusSlotPtr slot(added);
     if (result < 0) throw systemError("ipv4.dns", "match", -result);
     mDue = Clock::now();  // it may have restarted while nobody listened
-    while (processUntil(manager.bus(), mStop.get(), mDue)) {
+    do {
+        process(manager.bus());
         if (Clock::now() >= mDue) setAgain(manager);
-    }
+    } while (waitFor(manager.bus(), mStop.get(), mDue));
 }
 
 void DnsWatcher::setAgain(ResolvedManager& manager)

@@ -164,13 +164,18 @@ bool readProperty(sd_bus* bus, const char* path, const char* name, const char* t
 
 }  // namespace
 
-bool processUntil(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end)
+void process(sd_bus* bus)
+{
+    int processed = 0;
+    do {
+        processed = sd_bus_process(bus, nullptr);
+        check(processed, "system bus");
+    } while (processed > 0);
+}
+
+bool waitFor(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end)
 {
     using namespace std::chrono;
-    int processed = 0;
-    while ((processed = sd_bus_process(bus, nullptr)) > 0) {
-    }
-    check(processed, "system bus");
     std::uint64_t ownEnd = 0;  // when sd-bus itself has something to do, in microseconds of the same clock
     check(sd_bus_get_timeout(bus, &ownEnd), "system bus");
     const auto wanted = ceil<milliseconds>(std::min(end - steady_clock::now(), steady_clock::duration(hours(1))));
@@ -195,11 +200,12 @@ SdBusPtr openSystemBus(int stop)
     // A call would wait for a silent bus as long as the bus pleases.
     const auto end = std::chrono::steady_clock::now() + longestWait;
     while (true) {
+        process(bus.get());
         const int ready = sd_bus_is_ready(bus.get());
         check(ready, "system bus");
         if (ready > 0) return bus;
         if (std::chrono::steady_clock::now() >= end) fail("system bus", -ETIMEDOUT);
-        if (!processUntil(bus.get(), stop, end)) fail("system bus", -ECANCELED);
+        if (!waitFor(bus.get(), stop, end)) fail("system bus", -ECANCELED);
     }
 }
 

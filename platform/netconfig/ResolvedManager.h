@@ -21,8 +21,11 @@ inline constexpr char resolvedName[] = "org.freedesktop.resolve1";
 /// readable.
 SdBusPtr openSystemBus(int stop = -1);
 
-/// Works off what has arrived and then waits for more, at most until `end`. False when `stop` is readable (-1: never).
-bool processUntil(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end);
+/// Works off what has arrived.
+void process(sd_bus* bus);
+
+/// Waits until something arrives, at most until `end`. False when `stop` is readable (-1: never).
+bool waitFor(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end);
 
 class ResolvedManager {
 public:
