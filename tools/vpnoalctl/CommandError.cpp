@@ -7,7 +7,7 @@ namespace vpnoalctl {
 
 CommandError::CommandError(const std::string& what, const std::string& why, const std::string& remedy,
                            ExitCode exitCode)
-    : std::runtime_error(what + ": " + why + (remedy.empty() ? "" : "; " + remedy)), mExitCode(exitCode)
+    : std::runtime_error(what + ": " + why + (remedy.empty() ? "" : "; " + remedy)), mReason(why), mExitCode(exitCode)
 {
 }
 

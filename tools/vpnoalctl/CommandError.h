@@ -25,8 +25,11 @@ public:
     CommandError(const std::string& what, const std::string& why, const std::string& remedy,
                  ExitCode exitCode = ExitFailed);
     ExitCode exitCode() const { return mExitCode; }
+    /// The why alone.
+    const std::string& reason() const { return mReason; }
 
 private:
+    std::string mReason;
     ExitCode mExitCode;
 };
 

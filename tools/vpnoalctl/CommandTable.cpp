@@ -20,6 +20,7 @@ struct Command {
 constexpr Command commands[] = {
     {"connect", "Bring up a tunnel, hold it until Ctrl-C, restore", defineConnect},
     {"apply", "Configure an existing tunnel device and leave it so", defineApply},
+    {"doctor", "Check what a tunnel needs here", defineDoctor},
     {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},
     {"restore", "Remove the tunnel's configuration and the packet filter", defineRestore},
     {"storage ls", "List a location's files", defineStorageList},

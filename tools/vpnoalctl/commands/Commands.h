@@ -15,6 +15,7 @@ Action defineCertsList(CLI::App& options);
 Action defineCertsShow(CLI::App& options);
 Action defineCertsSign(CLI::App& options);
 Action defineConnect(CLI::App& options);
+Action defineDoctor(CLI::App& options);
 Action defineInfo(CLI::App& options);
 Action defineRestore(CLI::App& options);
 Action defineStorageGet(CLI::App& options);

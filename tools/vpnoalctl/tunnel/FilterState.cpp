@@ -2,10 +2,9 @@
 #include "tunnel/FilterState.h"
 
 #ifdef WFOAL_HOST_PLATFORM
-#include <nftables/libnftables.h>
-
-#include <memory>
 #include <sstream>
+
+#include "handles/Nftables.h"
 #endif
 
 namespace vpnoalctl {
@@ -16,15 +15,11 @@ namespace {
 
 constexpr char filterTable[] = "vpn.vpnoal";
 
-struct ContextReleaser {
-    void operator()(nft_ctx* context) const { nft_ctx_free(context); }
-};
-
 }  // namespace
 
 std::string listFilterTables(std::string& tables)
 {
-    const std::unique_ptr<nft_ctx, ContextReleaser> context(nft_ctx_new(NFT_CTX_DEFAULT));
+    const NftContextPtr context(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!context) return "out of memory";
     nft_ctx_buffer_output(context.get());
     nft_ctx_buffer_error(context.get());
