@@ -22,6 +22,7 @@ void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals
 {
     try {
         bringUp(system, profile);
+        verifyFilter(profile);
         if (signals.isInterrupted()) {
             throw CommandError("apply", "interrupted, everything is restored", "run it again");
         }

@@ -67,6 +67,7 @@ int connect(Context& context, const Options& options)
     const auto system = plugin.create<KEST_SystemPlugin>();
     system->SetSystemPluginCB(&notices);
     bringUp(*system, profile);
+    verifyFilter(profile);
     printSummary(context.output, profile, "connected");
     if (options.command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
     if (!context.output.flush()) context.explain("nobody reads the output");

@@ -85,6 +85,10 @@ void bringUp(KEST_SystemPlugin& system, const Profile& profile)
         throw CommandError("apply", "the platform refused the configuration, everything is restored",
                            "the log names the key at fault; 'vpnoalctl doctor' tells what is missing");
     }
+}
+
+void verifyFilter(const Profile& profile)
+{
     if (!profile.filter.empty() && filterState() == FilterState::Missing) {
         throw CommandError("filter", "the platform did not put the packet filter in force, everything is restored",
                            "the log names the key at fault; 'vpnoalctl doctor' tells what is missing");

@@ -10,9 +10,13 @@
 
 namespace vpnoalctl {
 
-/// Hands the whole profile to the plug-in and applies it. Throws CommandError when the platform refuses it, or when the
-/// packet filter turns out not to be in force, which an agent is not told; the caller restores then.
+/// Hands the whole profile to the plug-in and applies it. Throws CommandError when the platform refuses it; the caller
+/// restores then.
 void bringUp(KEST_SystemPlugin& system, const Profile& profile);
+
+/// Throws CommandError when the profile's packet filter is not in force, which an agent is not told; the caller
+/// restores then.
+void verifyFilter(const Profile& profile);
 
 /// Tells what is in force: a table, or one JSON object with "state": `state`.
 void printSummary(Output& output, const Profile& profile, const char* state);
