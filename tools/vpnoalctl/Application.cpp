@@ -11,6 +11,7 @@
 #include "CommandTable.h"
 #include "Context.h"
 #include "Output.h"
+#include "Suggest.h"
 
 namespace vpnoalctl {
 
@@ -52,6 +53,19 @@ int guarded(const Action& action, Context& context)
     }
 }
 
+// Empty unless the command line begins with a word that is no command.
+std::string unknownCommand(const CLI::App& app)
+{
+    const std::vector<std::string> left = app.remaining();
+    if (!app.get_subcommands().empty() || left.empty() || left.front().rfind('-', 0) == 0) return {};
+    std::vector<std::string> known;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        known.push_back(command->get_name());
+    }
+    const std::string meant = wfoal::nearest(left.front(), known);
+    return "there is no command '" + left.front() + (meant.empty() ? "'" : "', perhaps '" + meant + "' is meant");
+}
+
 int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
 {
     const CLI::App* named = &app;
@@ -60,7 +74,8 @@ int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
         named = chosen.front();
         command += " " + named->get_name();
     }
-    complain("usage: " + std::string(error.what()) + "; see '" + command + " --help'");
+    const std::string unknown = unknownCommand(app);
+    complain("usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");
     return ExitUsage;
 }
 

@@ -16,6 +16,7 @@
 #include "commands/Commands.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/ChildCommand.h"
+#include "tunnel/LinkWatch.h"
 #include "tunnel/Notices.h"
 #include "tunnel/Signals.h"
 #include "tunnel/TunDevice.h"
@@ -30,12 +31,11 @@ struct Options {
 };
 
 // Sleeps until a signal comes; throws when the device disappears meanwhile.
-void waitForSignal(const Signals& signals, const TunDevice& device)
+void waitForSignal(const Signals& signals, const LinkWatch& link)
 {
-    // The kernel reports an error on the descriptor when somebody removes the device.
-    pollfd watched[] = {{signals.descriptor(), POLLIN, 0}, {device.descriptor(), 0, 0}};
+    pollfd watched[] = {{signals.descriptor(), POLLIN, 0}, {link.descriptor(), POLLIN, 0}};
     poll(watched, 2, -1);
-    if ((watched[1].revents & (POLLERR | POLLHUP)) != 0) {
+    if (link.isGone()) {
         throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
                            "connect again when it is wanted");
     }
@@ -43,6 +43,7 @@ void waitForSignal(const Signals& signals, const TunDevice& device)
 
 int hold(Signals& signals, const TunDevice& device, const std::string& text)
 {
+    const LinkWatch link(tunnelDeviceName);
     std::optional<ChildCommand> child;
     if (!text.empty()) {
         // What the command needs to carry the tunnel's packets.
@@ -51,7 +52,7 @@ int hold(Signals& signals, const TunDevice& device, const std::string& text)
     }
     while (!signals.isInterrupted()) {
         if (child && child->status()) return *child->status();
-        waitForSignal(signals, device);
+        waitForSignal(signals, link);
     }
     return child ? child->end() : ExitOk;
 }

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Notices when a network device disappears. The device's own descriptor does not tell unless its packets are read.
+#ifndef VPNOALCTL_LINKWATCH_H
+#define VPNOALCTL_LINKWATCH_H
+
+#include "handles/UniqueFd.h"
+
+namespace vpnoalctl {
+
+class LinkWatch {
+public:
+    /// Watches the device that has this name now. Throws CommandError.
+    explicit LinkWatch(const char* name);
+
+    /// Readable when some device changed: time to ask isGone().
+    int descriptor() const { return mNotices.get(); }
+    /// True once the device is gone, also when another one has its name. Takes what waits.
+    bool isGone() const;
+
+private:
+    UniqueFd mNotices;
+    unsigned int mIndex;
+};
+
+}  // namespace vpnoalctl
+
+#endif
