@@ -66,6 +66,7 @@ quor::Failure QSHandle::connect()
     }
     if (mName.empty()) return {};
     result = sd_bus_request_name(mConnection.bus(), mName.c_str(), 0);
+    if (result == -EEXIST) return QUOR_FAILURE(result, "the name " + mName + " is taken");
     if (result < 0) return QUOR_FAILURE(result, "the name " + mName + " cannot be had: " + strerror(-result));
     mOwnsName = true;
     return {};

@@ -90,7 +90,10 @@ run_networkmanager() {
     mkdir -p "$etc/conf.d" "$etc/system-connections" /var/lib/NetworkManager /run/NetworkManager
     [ -e "$etc/NetworkManager.conf" ] ||
         printf '[main]\nplugins=keyfile\ndhcp=internal\n[keyfile]\npath=%s\n' "$etc/system-connections" >"$etc/NetworkManager.conf"
-    exec "$daemons_folder/bin/NetworkManager" --no-daemon --config "$etc/NetworkManager.conf" --config-dir "$etc/conf.d" \
+    # There is no udev here to tell that devices are ready. NetworkManager does not wait for it when /sys is read-only,
+    # which is only so in a mount namespace of its own.
+    exec unshare --mount sh -ec 'mount -t sysfs -o ro private /sys; exec "$@"' sh \
+        "$daemons_folder/bin/NetworkManager" --no-daemon --config "$etc/NetworkManager.conf" --config-dir "$etc/conf.d" \
         --intern-config /var/lib/NetworkManager/intern.conf --state-file /var/lib/NetworkManager/state \
         --pid-file /run/NetworkManager/pid
 }

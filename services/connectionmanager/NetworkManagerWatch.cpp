@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NetworkManagerWatch.h"
+
+#include <utility>
+
+namespace conman {
+
+namespace {
+
+constexpr char managerName[] = "org.freedesktop.NetworkManager";
+constexpr char managerPath[] = "/org/freedesktop/NetworkManager";
+constexpr char propertiesInterface[] = "org.freedesktop.DBus.Properties";
+constexpr char changedRule[] =
+    "type='signal',sender='org.freedesktop.NetworkManager',"
+    "path='/org/freedesktop/NetworkManager',interface='org.freedesktop.DBus.Properties',"
+    "member='PropertiesChanged',arg0='org.freedesktop.NetworkManager'";
+
+}  // namespace
+
+NetworkManagerWatch::NetworkManagerWatch(std::function<void()> onChange)
+    : mOnChange(std::move(onChange)), mConnection(*this)
+{
+}
+
+void NetworkManagerWatch::start(GMainContext* context)
+{
+    mConnection.attach(context, shared_from_this());
+}
+
+void NetworkManagerWatch::onBusConnected(sd_bus* bus)
+{
+    mName =
+        std::make_unique<hostbus::NameWatch>(bus, managerName, [this](const std::string& owner) { onOwner(owner); });
+}
+
+void NetworkManagerWatch::onBusLost()
+{
+    mName.reset();
+    onOwner({});
+}
+
+void NetworkManagerWatch::onOwner(const std::string& owner)
+{
+    mMatch.reset();
+    mQuestion.reset();
+    found(owner.empty() ? Connectivity::NoManager : Connectivity::Unknown);
+    if (owner.empty()) return;
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_add_match_async(mConnection.bus(), &slot, changedRule, onPropertiesChanged, nullptr, this) >= 0) {
+        mMatch.reset(slot);
+    }
+    ask();
+}
+
+// Asked anew on each change of properties, whichever it is: the signal need not hold the value.
+void NetworkManagerWatch::ask()
+{
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_call_method_async(mConnection.bus(), &slot, managerName, managerPath, propertiesInterface, "Get",
+                                 onAnswer, this, "ss", managerName, "Connectivity") >= 0) {
+        mQuestion.reset(slot);
+    }
+}
+
+int NetworkManagerWatch::onAnswer(sd_bus_message* reply, void* self, sd_bus_error*)
+{
+    std::uint32_t value = 0;
+    if (sd_bus_message_is_method_error(reply, nullptr) > 0) return 0;
+    if (sd_bus_message_enter_container(reply, 'v', "u") <= 0) return 0;
+    if (sd_bus_message_read_basic(reply, 'u', &value) <= 0) return 0;
+    const bool known = value <= static_cast<unsigned>(Connectivity::Full);
+    static_cast<NetworkManagerWatch*>(self)->found(known ? static_cast<Connectivity>(value) : Connectivity::Unknown);
+    return 0;
+}
+
+int NetworkManagerWatch::onPropertiesChanged(sd_bus_message*, void* self, sd_bus_error*)
+{
+    static_cast<NetworkManagerWatch*>(self)->ask();
+    return 0;
+}
+
+void NetworkManagerWatch::found(Connectivity connectivity)
+{
+    if (std::exchange(mConnectivity, connectivity) != connectivity) mOnChange();
+}
+
+}  // namespace conman

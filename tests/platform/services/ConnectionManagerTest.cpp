@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The connection manager as its users meet it: the program on a real bus, over a real kernel.
+#include <gmock/gmock.h>
+#include <json-c/json.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "Daemons.h"
+#include "LoopThread.h"
+#include "quorservice.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::SizeIs;
+using testsupport::ChildProcess;
+using testsupport::LoopThread;
+using testsupport::Mailbox;
+
+constexpr char serviceName[] = "com.vesk.connectionmanager";
+constexpr char off[] = R"("state":"disconnected","onInternet":"no")";
+
+void sh(const std::string& command)
+{
+    const auto result = testsupport::runCommand({"sh", "-ec", command});
+    ASSERT_EQ(0, result.status) << command << ": " << result.output;
+}
+
+std::string section(const std::string& payload, const char* name)
+{
+    json_object* status = json_tokener_parse(payload.c_str());
+    const char* text = json_object_to_json_string_ext(json_object_object_get(status, name), JSON_C_TO_STRING_PLAIN);
+    const std::string result = text;
+    json_object_put(status);
+    return result;
+}
+
+class ConnectionManagerTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        mBus = testsupport::startBus();
+        sh("ip link add eth0 type veth peer name peer0; ip link set peer0 up; ip addr add 10.0.0.2/24 dev eth0;"
+           "ip link add wwan0 type veth peer name peer1; ip link set peer1 up; ip addr add 10.1.0.2/24 dev wwan0");
+        startService();
+        ASSERT_TRUE(QSRegister(nullptr, &mClient, nullptr));
+        ASSERT_TRUE(QSGmainAttach(mClient, mThread.loop(), nullptr));
+    }
+    void TearDown() override
+    {
+        if (mClient != nullptr) QSUnregister(mClient, nullptr);
+        sh("ip link del eth0; ip link del wwan0");
+    }
+
+    void startService()
+    {
+        mService = ChildProcess({WFOAL_BUILD_DIR "/bin/vesk-connectionmanager"});
+        testsupport::waitForBusName(serviceName, mService);
+    }
+    static void wifiUp() { sh("ip link set eth0 up; ip route add default via 10.0.0.1 dev eth0 metric 100"); }
+    static void wanUp() { sh("ip link set wwan0 up; ip route add default via 10.1.0.1 dev wwan0 metric 700"); }
+
+    void subscribe(const char* payload = R"({"subscribe":true})")
+    {
+        ASSERT_TRUE(QSCall(
+            mClient, "vesk://com.vesk.connectionmanager/getStatus", payload,
+            [](QSHandle*, QSMessage* message, void* mailbox) {
+                static_cast<Mailbox*>(mailbox)->put(QSMessageGetPayload(message));
+                return true;
+            },
+            &mStatuses, nullptr, nullptr));
+    }
+    /// What arrives when nothing more is to come.
+    std::vector<std::string> settled()
+    {
+        std::this_thread::sleep_for(milliseconds(700));
+        return mStatuses.all();
+    }
+
+    ChildProcess mBus;
+    ChildProcess mService;
+    Mailbox mStatuses;
+    LoopThread mThread;
+    QSHandle* mClient = nullptr;
+};
+
+TEST_F(ConnectionManagerTest, FirstReplySaysHowItIs)
+{
+    subscribe("{}");
+    EXPECT_EQ(std::string("{\"returnValue\":true,\"wifi\":{") + off + "},\"wan\":{" + off + "}}",
+              mStatuses.wait(1).at(0));
+}
+
+TEST_F(ConnectionManagerTest, ChangesArePushedWithAddressAndName)
+{
+    subscribe();
+    mStatuses.wait(1);
+    wifiUp();
+    EXPECT_EQ(R"({"state":"connected","onInternet":"yes","interfaceName":"eth0","ipAddress":"10.0.0.2"})",
+              section(mStatuses.wait(2).at(1), "wifi"));
+    wanUp();
+    EXPECT_EQ(R"({"state":"connected","onInternet":"yes","interfaceName":"wwan0","ipAddress":"10.1.0.2"})",
+              section(mStatuses.wait(3).at(2), "wan"));
+    sh("ip link set peer0 down");  // the carrier goes
+    EXPECT_EQ(std::string("{") + off + "}", section(mStatuses.wait(4).at(3), "wifi"));
+    EXPECT_THAT(settled(), SizeIs(4));
+}
+
+TEST_F(ConnectionManagerTest, LostDefaultRouteIsLostInternet)
+{
+    wifiUp();
+    subscribe();
+    sh("ip route del default");
+    EXPECT_THAT(section(settled().back(), "wifi"), HasSubstr(R"("state":"connected","onInternet":"no")"));
+}
+
+TEST_F(ConnectionManagerTest, ChangesThatEndWhereTheyBeganAreNotPushed)
+{
+    subscribe();
+    mStatuses.wait(1);
+    sh("ip link set eth0 up; ip link set eth0 down");
+    sh("ip link add eth9 type veth peer name peer9; ip link set eth9 up; ip link del eth9");
+    sh("ip route add 10.9.0.0/16 dev lo; ip route del 10.9.0.0/16 dev lo");
+    EXPECT_THAT(settled(), SizeIs(1));
+}
+
+TEST_F(ConnectionManagerTest, FlappingLinkIsPushedTwiceAtMost)
+{
+    subscribe();
+    mStatuses.wait(1);
+    for (int i = 0; i < 20; ++i) {
+        sh(i % 2 == 0 ? "ip link set eth0 up" : "ip link set eth0 down");
+        std::this_thread::sleep_for(milliseconds(48));
+    }
+    EXPECT_LE(settled().size(), 1u + 2u);
+}
+
+TEST_F(ConnectionManagerTest, CallerWithoutSubscriptionGetsNoPush)
+{
+    subscribe(R"({"subscribe":false})");
+    mStatuses.wait(1);
+    wifiUp();
+    EXPECT_THAT(settled(), SizeIs(1));
+}
+
+TEST_F(ConnectionManagerTest, RestartedBusGetsItBack)
+{
+    mBus.sendSignal(SIGKILL);
+    mBus.wait();
+    mBus = testsupport::startBus();
+    testsupport::waitForBusName(serviceName, mService);
+    subscribe("{}");
+    EXPECT_THAT(mStatuses.wait(1).at(0), HasSubstr("\"returnValue\":true"));
+}
+
+TEST_F(ConnectionManagerTest, SecondOneDoesNotComeUp)
+{
+    ChildProcess second({WFOAL_BUILD_DIR "/bin/vesk-connectionmanager"});
+    EXPECT_EQ(1, second.wait());
+    EXPECT_TRUE(mService.running());
+}
+
+TEST_F(ConnectionManagerTest, EndsInOrderWhenItIsAskedTo)
+{
+    mService.sendSignal(SIGTERM);
+    EXPECT_EQ(0, mService.wait());
+}
+
+// The policy that is installed: the status is for everybody, the name for root only.
+TEST_F(ConnectionManagerTest, PolicyLetsEverybodyAskAndNobodyElseOwn)
+{
+    std::ifstream policy(WFOAL_SOURCE_DIR "/packaging/dbus/com.vesk.connectionmanager.conf");
+    const std::string text((std::istreambuf_iterator<char>(policy)), {});
+    EXPECT_THAT(text, HasSubstr("<policy user=\"root\">"));
+    sh("cp " WFOAL_SOURCE_DIR "/packaging/dbus/com.vesk.connectionmanager.conf /run/private/bus-policy.conf");
+    mBus.sendSignal(SIGHUP);
+    const auto call = [](const char* method) {
+        return testsupport::runCommand(
+            {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", method, "s", "{}"});
+    };
+    EXPECT_EQ(0, call("getStatus").status);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (call("other").output.find("denied") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    EXPECT_THAT(call("other").output, HasSubstr("denied"));
+    EXPECT_EQ(0, call("getStatus").status);
+}
+
+TEST_F(ConnectionManagerTest, NetworkManagerDecidesWhileItOwnsItsName)
+{
+    const std::string reason = testsupport::daemonUnavailable(testsupport::Daemon::networkManager);
+    if (!reason.empty()) GTEST_SKIP() << reason;
+    wifiUp();
+    subscribe();
+    EXPECT_THAT(section(settled().back(), "wifi"), HasSubstr(R"("onInternet":"yes")"));
+    mStatuses.clear();
+    {
+        // It leaves the test's interfaces as they are, and finds nobody to answer its check.
+        sh("mkdir -p /run/private/NetworkManager/conf.d; printf '[main]\\nno-auto-default=*\\n[connectivity]\\n"
+           "uri=http://127.0.0.1:9/\\ninterval=1\\n' >/run/private/NetworkManager/conf.d/test.conf");
+        const ChildProcess manager = testsupport::startDaemon(testsupport::Daemon::networkManager);
+        mStatuses.wait(1);
+        ASSERT_FALSE(mStatuses.all().empty());
+        EXPECT_THAT(section(mStatuses.all().back(), "wifi"), HasSubstr(R"("state":"connected","onInternet":"no")"));
+        mStatuses.clear();
+    }
+    mStatuses.wait(1);
+    ASSERT_FALSE(mStatuses.all().empty());
+    EXPECT_THAT(section(mStatuses.all().back(), "wifi"), HasSubstr(R"("onInternet":"yes")"));
+}
+
+}  // namespace
