@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <thread>
 
 #include "FakeCalls.h"
 
@@ -17,8 +18,10 @@ struct State {
     VkLogContext context{7};
     int result = 0;
     bool inCalls = false;
+    const VkLogContext* lastContext = nullptr;
     std::string name;
     std::vector<LogLine> lines;
+    std::vector<std::thread::id> threads;  // of each line
 };
 
 // Never destroyed: the code under test logs until the process ends.
@@ -45,9 +48,20 @@ std::vector<LogLine> logLines(int level)
     return chosen;
 }
 
+std::vector<LogLine> logLinesOfThisThread()
+{
+    const std::lock_guard<std::mutex> lock(state().lock);
+    std::vector<LogLine> chosen;
+    for (std::size_t i = 0; i < state().lines.size(); ++i) {
+        if (state().threads[i] == std::this_thread::get_id()) chosen.push_back(state().lines[i]);
+    }
+    return chosen;
+}
+
 void clearLog()
 {
     const std::lock_guard<std::mutex> lock(state().lock);
+    state().threads.clear();
     state().lines.clear();
 }
 
@@ -60,6 +74,12 @@ void recordLogInCalls(bool wanted)
 VkLogContext& logContext()
 {
     return state().context;
+}
+
+const VkLogContext* lastContext()
+{
+    const std::lock_guard<std::mutex> lock(state().lock);
+    return state().lastContext;
 }
 
 void setLogContextResult(int result)
@@ -83,7 +103,7 @@ extern "C" int VkLogGetContext(const char* name, VkLogContext** context)
     return 0;
 }
 
-extern "C" void VkLogPrint(VkLogContext*, int level, const char* format, ...)
+extern "C" void VkLogPrint(VkLogContext* context, int level, const char* format, ...)
 {
     va_list values;
     va_start(values, format);
@@ -95,6 +115,8 @@ extern "C" void VkLogPrint(VkLogContext*, int level, const char* format, ...)
     std::free(text);
     auto& state = fakes::state();
     const std::lock_guard<std::mutex> lock(state.lock);
+    state.lastContext = context;
     state.lines.push_back({level, line});
+    state.threads.push_back(std::this_thread::get_id());
     if (state.inCalls) fakes::recordCall("LOG " + std::to_string(level) + " " + line);
 }

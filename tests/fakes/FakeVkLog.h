@@ -27,6 +27,8 @@ inline std::ostream& operator<<(std::ostream& stream, const LogLine& line)
 /// Everything printed since the last clear, in order, from all threads.
 std::vector<LogLine> logLines();
 std::vector<LogLine> logLines(int level);
+/// Only what the calling thread printed.
+std::vector<LogLine> logLinesOfThisThread();
 void clearLog();
 
 /// Enters each line in fakes::calls() as well, as "LOG LEVEL TEXT", so that a test sees the order across all fakes. Off
@@ -35,6 +37,8 @@ void recordLogInCalls(bool wanted);
 
 /// The context that VkLogGetContext() hands out; its level is 7 at first.
 VkLogContext& logContext();
+/// The context that the last message was printed with.
+const VkLogContext* lastContext();
 /// What VkLogGetContext() returns; 0 at first.
 void setLogContextResult(int result);
 /// The name that was asked for last.

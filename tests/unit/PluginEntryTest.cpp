@@ -3,8 +3,11 @@
 // The factory and the table of interfaces.
 #include <gmock/gmock.h>
 
+#include <cstdio>
+#include <iterator>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "EventThread.h"
 #include "FakeCalls.h"
@@ -12,8 +15,14 @@
 #include "FakeVkLog.h"
 #include "Log.h"
 #include "ObjectRegistry.h"
+#include "RecordingCallback.h"
 #include "SystemInterface.h"
+#include "kest/CertPlugin.h"
 #include "kest/Plugin.h"
+#include "kest/SocketPlugin.h"
+#include "kest/StoragePlugin.h"
+
+extern "C" const AvailableInterfaceEntry g_AvailableInterfaces[];
 
 namespace {
 
@@ -30,6 +39,13 @@ protected:
     {
         fakes::clearLog();
         fakes::clearCalls();
+    }
+
+    static std::string pointerText(const void* pointer)
+    {
+        char text[32];
+        std::snprintf(text, sizeof text, "%p", pointer);
+        return text;
     }
 };
 
@@ -128,6 +144,82 @@ TEST_F(PluginEntryTest, ObjectIsCreatedThoughTheEventSideCannotBeReached)
 TEST_F(PluginEntryTest, DisposingNullIsHarmless)
 {
     EXPECT_TRUE(DisposePlugin(nullptr));
+    EXPECT_EQ((std::vector<fakes::LogLine>{{7, "DisposePlugin: (nil) called"}}), fakes::logLines());
+}
+
+TEST_F(PluginEntryTest, TableIsLoggedAndTheExportedOne)
+{
+    EXPECT_EQ(g_AvailableInterfaces, GetAvailableInterfaces().entries);
+    EXPECT_EQ((std::vector<fakes::LogLine>{{7, "GetAvailableInterfaces: Called!"}}), fakes::logLines());
+}
+
+TEST_F(PluginEntryTest, CreationIsAnnouncedBeforeTheEventSideStartsAndTheObjectIsBuilt)
+{
+    // As the log spells them.
+    const char* const announced[] = {"SystemInterface", "CertificateInterface", "StorageInterface", "SocektInterface"};
+    for (std::size_t i = 0; i < std::size(identifiers); ++i) {
+        stopQuorIpcHandling();
+        fakes::clearLog();
+        Plugin* plugin = CreatePlugin(identifiers[i]);
+        const auto lines = fakes::logLinesOfThisThread();
+        std::vector<fakes::LogLine> expected = {
+            {7, std::string("CreatePlugin: Called! Wanting: ") + identifiers[i]},
+            {7, std::string("CreatePlugin: ") + announced[i] + " Instantiated!"},
+        };
+        if (i == 0 || i == 3) expected.push_back({7, "startQuorIpcHandling: Called!"});
+        expected.push_back({7, "Created new plugin " + pointerText(plugin)});
+        EXPECT_EQ(expected, lines);
+        fakes::clearLog();
+        EXPECT_TRUE(DisposePlugin(plugin));
+        EXPECT_EQ((fakes::LogLine{7, "DisposePlugin: " + pointerText(plugin) + " called"}), fakes::logLinesOfThisThread().at(0));
+    }
+}
+
+TEST_F(PluginEntryTest, SlotIsClearedBeforeTheObjectGoes)
+{
+    struct : RecordingCallback {
+        void OnConfigurationChange() override { note(getSystemIfObject() == nullptr ? "cleared" : "still there"); }
+    } callback;
+    Plugin* plugin = CreatePlugin(identifiers[0]);
+    static_cast<KEST_SystemPlugin*>(plugin)->SetSystemPluginCB(&callback);
+    DisposePlugin(plugin);  // restores the configuration while it is destroyed
+    EXPECT_EQ(std::vector<std::string>{"cleared"}, callback.events);
+}
+
+TEST_F(PluginEntryTest, SupportsInterfaceIsLoggedAsEachClassDoes)
+{
+    const std::vector<fakes::LogLine> expected[] = {
+        {{7, "SystemInterface::SupportsInterface: called!!! Interface Name being requested: x"}},
+        {{7, "CertificateInterface::SupportsInterface: called!!! Interface Name being requested: x"}},
+        {},
+        {{7, "SupportsInterface: Called!!"}},
+    };
+    for (std::size_t i = 0; i < std::size(identifiers); ++i) {
+        Plugin* plugin = CreatePlugin(identifiers[i]);
+        fakes::clearLog();
+        EXPECT_FALSE(plugin->SupportsInterface("x", 0));
+        EXPECT_EQ(expected[i], fakes::logLinesOfThisThread());
+        DisposePlugin(plugin);
+    }
+}
+
+TEST_F(PluginEntryTest, LastErrorStringIsMinusThreeForAnyBufferAndLeavesItAlone)
+{
+    const auto check = [](auto* plugin) {
+        fakes::clearLog();
+        char buffer[4] = {'a', 'b', 'c', 'd'};
+        EXPECT_EQ(-3, plugin->GetLastErrorString(buffer, sizeof buffer));
+        EXPECT_EQ(-3, plugin->GetLastErrorString(buffer, 0));
+        EXPECT_EQ(-3, plugin->GetLastErrorString(buffer, std::numeric_limits<unsigned>::max()));
+        EXPECT_EQ(-3, plugin->GetLastErrorString(nullptr, 0));
+        EXPECT_EQ("abcd", std::string(buffer, sizeof buffer));
+        EXPECT_TRUE(fakes::logLinesOfThisThread().empty());
+        DisposePlugin(plugin);
+    };
+    check(static_cast<KEST_SystemPlugin*>(CreatePlugin(identifiers[0])));
+    check(static_cast<KEST_CertPlugin*>(CreatePlugin(identifiers[1])));
+    check(static_cast<KEST_StoragePlugin*>(CreatePlugin(identifiers[2])));
+    check(static_cast<KEST_SocketPlugin*>(CreatePlugin(identifiers[3])));
 }
 
 TEST_F(PluginEntryTest, LogContextIsAskedForUnderItsName)

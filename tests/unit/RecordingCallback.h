@@ -11,15 +11,18 @@
 
 class RecordingCallback : public KEST_SystemPluginCB {
 public:
-    void OnPowerSuspended() override { events.push_back("OnPowerSuspended"); }
-    void OnPowerResume() override { events.push_back("OnPowerResume"); }
+    void OnPowerSuspended() override { note("OnPowerSuspended"); }
+    void OnPowerResume() override { note("OnPowerResume"); }
     void OnConnectionChange(std::uint32_t reserved) override
     {
-        events.push_back("OnConnectionChange " + std::to_string(reserved));
+        note("OnConnectionChange " + std::to_string(reserved));
     }
-    void OnConfigurationChange() override { events.push_back("OnConfigurationChange"); }
+    void OnConfigurationChange() override { note("OnConfigurationChange"); }
 
     std::vector<std::string> events;
+
+protected:
+    virtual void note(const std::string& event) { events.push_back(event); }
 };
 
 #endif

@@ -15,20 +15,15 @@
 #include "FakeCalls.h"
 #include "FakeNetConfig.h"
 #include "FakeVkLog.h"
+#include "RecordingCallback.h"
 #include "SystemInterface.h"
 
 constexpr char recoveryFile[] = "/tmp/vpnRecover.data";
 
-/// Enters each call in fakes::calls().
-class RecordingCallback : public KEST_SystemPluginCB {
-public:
-    void OnPowerSuspended() override { fakes::recordCall("OnPowerSuspended"); }
-    void OnPowerResume() override { fakes::recordCall("OnPowerResume"); }
-    void OnConnectionChange(std::uint32_t value) override
-    {
-        fakes::recordCall("OnConnectionChange " + std::to_string(value));
-    }
-    void OnConfigurationChange() override { fakes::recordCall("OnConfigurationChange"); }
+/// Enters what it is told in fakes::calls(), so that a test sees it among the calls to the platform.
+class CallListCallback : public RecordingCallback {
+protected:
+    void note(const std::string& event) override { fakes::recordCall(event); }
 };
 
 /// A route to be added; a null text is a getter that has nothing to say.
@@ -117,7 +112,7 @@ protected:
     }
 
     std::unique_ptr<SystemInterface> mSystem = std::make_unique<SystemInterface>();
-    RecordingCallback mCallback;
+    CallListCallback mCallback;
 };
 
 inline const std::string deleteRequest = R"({ "label": "vpn.vpnoal", "chainDelete": "NORVA" })";

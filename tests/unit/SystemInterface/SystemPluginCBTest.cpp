@@ -58,7 +58,7 @@ TEST_F(SystemPluginCBTest, EachNotifyReachesItsOwnOperationAndLogsNothing)
 
 TEST_F(SystemPluginCBTest, LastCallbackWins)
 {
-    struct : RecordingCallback {
+    struct : CallListCallback {
         void OnPowerResume() override { fakes::recordCall("second OnPowerResume"); }
     } second;
     mSystem->SetSystemPluginCB(&mCallback);
@@ -71,7 +71,7 @@ TEST_F(SystemPluginCBTest, LastCallbackWins)
 TEST_F(SystemPluginCBTest, CallbackIsCalledOnTheCallingThread)
 {
     static const void* sCaller = nullptr;
-    struct : RecordingCallback {
+    struct : CallListCallback {
         void OnPowerSuspended() override { sCaller = __builtin_thread_pointer(); }
     } callback;
     mSystem->SetSystemPluginCB(&callback);

@@ -388,7 +388,7 @@ TEST_F(TunnelConfigurationTest, NullTunnelParametersAreLeftOutOfTheLog)
 
 TEST_F(TunnelConfigurationTest, CallbackMayCallBackIntoTheInterface)
 {
-    struct Meddling : RecordingCallback {
+    struct Meddling : CallListCallback {
         explicit Meddling(SystemInterface& system) : mSystem(system) {}
         void OnConfigurationChange() override
         {
