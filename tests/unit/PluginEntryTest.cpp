@@ -171,7 +171,8 @@ TEST_F(PluginEntryTest, CreationIsAnnouncedBeforeTheEventSideStartsAndTheObjectI
         EXPECT_EQ(expected, lines);
         fakes::clearLog();
         EXPECT_TRUE(DisposePlugin(plugin));
-        EXPECT_EQ((fakes::LogLine{7, "DisposePlugin: " + pointerText(plugin) + " called"}), fakes::logLinesOfThisThread().at(0));
+        EXPECT_EQ((fakes::LogLine{7, "DisposePlugin: " + pointerText(plugin) + " called"}),
+                  fakes::logLinesOfThisThread().at(0));
     }
 }
 

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What happens in which order when the real library is loaded and unloaded by another process, as its log shows it;
+// and that nothing stays behind.
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "handles/Stdio.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Session {
+    std::vector<std::string> lines;
+    int status = -1;
+
+    /// Place of the first line that ends with `text`; the number of lines when there is none.
+    std::size_t find(const std::string& text) const
+    {
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            if (lines[i].size() >= text.size() &&
+                lines[i].compare(lines[i].size() - text.size(), text.size(), text) == 0)
+                return i;
+        }
+        return lines.size();
+    }
+    std::string all() const
+    {
+        std::string text;
+        for (const auto& line : lines)
+            text += line + "\n";
+        return text;
+    }
+};
+
+Session run(const std::string& environment, const std::string& arguments)
+{
+    const std::string command =
+        environment + " '" LOADER "' '" PLUGIN "' " + arguments + " 2>&1; echo \"-- status $?\"";
+    Session result;
+    const PipePtr pipe(popen(command.c_str(), "r"));
+    char* line = nullptr;
+    std::size_t room = 0;
+    for (ssize_t length; pipe && (length = getline(&line, &room, pipe.get())) > 0;) {
+        result.lines.emplace_back(line, static_cast<std::size_t>(length - 1));
+    }
+    std::free(line);
+    if (!result.lines.empty() && result.lines.back().rfind("-- status ", 0) == 0) {
+        result.status = std::atoi(result.lines.back().c_str() + 10);
+        result.lines.pop_back();
+    }
+    return result;
+}
+
+const std::string fakes = "LD_LIBRARY_PATH='" FAKES "'";
+
+TEST(LoadOrderTest, StaticObjectsAreThereBeforeTheLoadHookAndGoneBeforeTheUnloadHook)
+{
+    const Session result = run(fakes, "unload");
+    ASSERT_EQ(0, result.status) << result.all();
+    ASSERT_LT(result.find("-- left"), result.lines.size()) << result.all();
+    // The reader's netlink socket shows whether static objects are there.
+    EXPECT_EQ(1u, result.find("7 netlink=1 context=yes Debug initialized")) << result.all();
+    EXPECT_EQ(2u, result.find("-- loaded")) << result.all();
+    const std::size_t leaving = result.find("-- leaving");
+    EXPECT_THAT(result.lines.at(leaving - 1), StartsWith("7 netlink=1 ")) << result.all();
+    EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Called!", result.lines.at(leaving + 1)) << result.all();
+    EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Finished!", result.lines.at(result.lines.size() - 2));
+    EXPECT_EQ("-- left", result.lines.back());
+}
+
+TEST(LoadOrderTest, ConstructorOfAStaticObjectLogsBeforeTheLoadHookAndWithoutAContext)
+{
+    const Session result = run(fakes, "blocked");
+    ASSERT_EQ(0, result.status) << result.all();
+    ASSERT_GE(result.lines.size(), 4u) << result.all();
+    EXPECT_EQ("-- loading", result.lines[0]);
+    EXPECT_THAT(result.lines[1], AllOf(StartsWith("3 netlink="), HasSubstr(" context=no NetLinkHelper::NetLinkHelper: "
+                                                                           "Error binding: ")));
+    const std::size_t initialized = result.find(" context=yes Debug initialized");
+    EXPECT_GT(initialized, 1u);
+    EXPECT_LT(initialized, result.find("-- loaded")) << result.all();
+}
+
+TEST(LoadOrderTest, OrderIsTheSameWhenTheProcessEndsWithTheLibraryLoaded)
+{
+    const Session result = run(fakes, "exit");
+    ASSERT_EQ(0, result.status) << result.all();
+    const std::size_t left = result.find("-- left");
+    ASSERT_LT(left + 1, result.lines.size()) << result.all();
+    EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Called!", result.lines[left + 1]) << result.all();
+    EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Finished!", result.lines.back());
+}
+
+TEST(LoadOrderTest, WithoutALogContextEverythingIsPrintedWithNull)
+{
+    const Session result = run(fakes + " WFOAL_TEST_LOG_RESULT=12", "unload");
+    ASSERT_EQ(0, result.status) << result.all();
+    ASSERT_GE(result.lines.size(), 4u);
+    EXPECT_EQ("3 netlink=1 context=no InitLib: VkLogGetContext err 12", result.lines[1]);
+    EXPECT_EQ("7 netlink=1 context=no Debug initialized", result.lines[2]);
+    for (const std::string& line : result.lines)
+        EXPECT_THAT(line, testing::Not(HasSubstr("context=yes")));
+    EXPECT_LT(result.find("stopQuorIpcHandling: Finished!"), result.lines.size());
+}
+
+// With the platform's real libraries from here on.
+const std::string real = "VKLOG_TARGET=stderr";
+
+TEST(LoadOrderTest, TwoHundredLoadsLeaveNothingBehind)
+{
+    const Session result = run(real + " VKLOG_LEVEL=0", "quiet");
+    ASSERT_EQ(0, result.status) << result.all();
+    ASSERT_EQ(2u, result.lines.size()) << result.all();
+    EXPECT_THAT(result.lines[0], testing::MatchesRegex("-- while loaded: [1-9][0-9]* mappings, 0 threads more"));
+    EXPECT_EQ("-- left after 200: 0 descriptors, 0 threads, 0 mappings", result.lines[1]);
+}
+
+// Stopping the event side keeps its loop on purpose, and with it the loop's wake-up descriptor.
+TEST(LoadOrderTest, TwoHundredLoadsWithTheEventSideLeaveNoThreadAndNoMapping)
+{
+    const Session result = run(real + " VKLOG_LEVEL=0", "repeat");
+    ASSERT_EQ(0, result.status) << result.all();
+    ASSERT_EQ(2u, result.lines.size()) << result.all();
+    EXPECT_THAT(result.lines[0], testing::MatchesRegex("-- while loaded: [1-9][0-9]* mappings, [1-9] threads more"));
+    EXPECT_THAT(result.lines[1], testing::EndsWith(" descriptors, 0 threads, 0 mappings"));
+}
+
+TEST(LoadOrderTest, UnloadHookLogsToTheEndThoughTheProcessExits)
+{
+    const Session result = run(real + " VKLOG_LEVEL=7", "exit");
+    ASSERT_EQ(0, result.status) << result.all();
+    EXPECT_EQ("vpnagent.wfoal[7]: stopQuorIpcHandling: Finished!", result.lines.back());
+}
+
+}  // namespace

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# package.sh BUILD_FOLDER ISOLATE: installs into a folder of its own, then builds a small agent outside the tree with
+# find_package() and with pkg-config, loading the plug-in and linking against it, and runs each.
+set -euo pipefail
+build=$1 isolate=$2 here=$(dirname "$(realpath "$0")")
+work=$(mktemp -d "$build/package.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" > "$work/install.log" || { cat "$work/install.log"; exit 1; }
+library=$(dirname "$(find "$prefix" -name libVpnWfOal.so | head -1)")
+expected='4 interfaces; system object created, named right and disposed of'
+
+check() {
+    local printed
+    printed=$(VKLOG_TARGET=stderr LD_LIBRARY_PATH=$library "$isolate" "$1" 2> "$work/log") || { cat "$work/log"; exit 1; }
+    [ "$printed" = "$expected" ] || { echo "$1 printed: $printed"; exit 1; }
+    echo "$(basename "$1"): $printed"
+}
+
+cp -r "$here/agent" "$work/agent"
+cmake -S "$work/agent" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="${CXX:-c++}" > "$work/cmake.log" 2>&1 &&
+    cmake --build "$work/cmake" > "$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+check "$work/cmake/loading-agent"
+check "$work/cmake/linked-agent"
+
+export PKG_CONFIG_PATH=$library/pkgconfig
+read -ra flags <<< "$(pkg-config --cflags libVpnWfOal)"
+read -ra libraries <<< "$(pkg-config --libs libVpnWfOal)"
+"${CXX:-c++}" -std=c++11 -DLINKED "${flags[@]}" "$work/agent/agent.cpp" -o "$work/pkg-config-agent" "${libraries[@]}" \
+    -Wl,-rpath-link,"$library"
+check "$work/pkg-config-agent"
+
+# A later major version is refused.
+mkdir "$work/later"
+printf 'cmake_minimum_required(VERSION 3.16)\nproject(Later CXX)\nfind_package(VpnWfOal 99 REQUIRED)\n' > "$work/later/CMakeLists.txt"
+if cmake -S "$work/later" -B "$work/later/build" -DCMAKE_PREFIX_PATH="$prefix" > /dev/null 2>&1; then
+    echo "version 99 was found"
+    exit 1
+fi
