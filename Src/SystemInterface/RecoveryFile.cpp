@@ -31,5 +31,6 @@ void SystemInterface::saveDataForRecovery()
     json_object_object_add(data.get(), "vpnAgentGuid", json_object_new_string(agentGuid));
     const char* text = json_object_to_json_string(data.get());
     WFOAL_DEBUG("%s: Writing interface data to the recovery file: %s", __func__, text);
-    if (text != nullptr) std::fputs(text, file.get());
+    // A disk that is full is not reported: whoever reads the file takes what is there.
+    if (text != nullptr) static_cast<void>(std::fputs(text, file.get()));
 }

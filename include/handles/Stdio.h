@@ -10,7 +10,7 @@
 #include <memory>
 
 struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 

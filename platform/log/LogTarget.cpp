@@ -72,7 +72,7 @@ void print(const char* name, int level, const char* format, va_list values)
     if (!stderrRequested() && (toJournal(name, level, message) || toSyslog(name, level, message))) return;
     // One write, so that lines of several threads do not mix.
     const std::string line = std::string(name) + "[" + std::to_string(level) + "]: " + message + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
 }
 
 }  // namespace vklog

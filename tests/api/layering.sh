@@ -13,13 +13,14 @@ include/handles     -
 include             include/kest include/handles
 platform/include    -
 Src                 include platform/include
+common              include/handles
+platform/common     include/handles platform/include common
 platform/log        include/handles platform/include
-platform/bus        include/handles platform/include platform/common
-platform/power      include/handles platform/include platform/common
-platform/netconfig  include/handles platform/include platform/common
-platform/common     include/handles platform/include
-services            include/handles platform/include platform/common
-tools               include/kest include/handles
+platform/bus        include/handles platform/include platform/common common
+platform/power      include/handles platform/include platform/common common
+platform/netconfig  include/handles platform/include platform/common common
+services            include/handles platform/include platform/common common
+tools               include/kest include/handles common
 '
 # The plug-in's own layers, from the top: a file includes its own layer and those below it.
 layers='
@@ -34,11 +35,11 @@ RouteInfo Log Assertion InterfaceCommon DottedAddress
 
 # FILE INCLUDED, one a line, for every include that is a file of this tree.
 edges=$(
-    for file in $(find include Src platform services tools -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort); do
+    for file in $(find include Src common platform services tools -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort); do
         { sed -n 's/^ *# *include *"\([^"]*\)".*/\1/p' "$file" || true; } | while read -r name; do
             folder=$(dirname "$file")
             top=$(cut -d/ -f1-2 <<< "$file/")
-            for base in "$folder" Src include platform/include "$top" platform/common platform; do
+            for base in "$folder" Src include platform/include "$top" common platform/common; do
                 if [ -f "$base/$name" ]; then
                     echo "$file $(realpath --relative-to=. "$base/$name")"
                     break
