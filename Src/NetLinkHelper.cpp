@@ -63,11 +63,12 @@ void logRoute(const char* function, const RouteInfo& route)
 {
     using wfoal::DottedAddress;
     WFOAL_DEBUG(
-        "NetLinkHelper::%s: Route Found: Src(%s) SrcPrf(%s) Dest(%s) Gw(%s) Mask(%s) IIFIndex(%i) OIFIndex(%i) Metric(%i) "
+        "NetLinkHelper::%s: Route Found: Src(%s) SrcPrf(%s) Dest(%s) Gw(%s) Mask(%s) IIFIndex(%i) OIFIndex(%i) "
+        "Metric(%i) "
         "Priority(%i)",
         function, DottedAddress(route.src).text(), DottedAddress(route.prefSrc).text(), DottedAddress(route.dst).text(),
-        DottedAddress(route.gateway).text(), DottedAddress(route.mask).text(), route.iifIndex, route.oifIndex, route.metric,
-        route.priority);
+        DottedAddress(route.gateway).text(), DottedAddress(route.mask).text(), route.iifIndex, route.oifIndex,
+        route.metric, route.priority);
 }
 
 }  // namespace
@@ -84,9 +85,7 @@ NetLinkHelper::NetLinkHelper(int protocol, int groups) : mSocket(socket(AF_NETLI
     }
 }
 
-NetLinkHelper::NetLinkHelper(UniqueFd socket) : mSocket(std::move(socket))
-{
-}
+NetLinkHelper::NetLinkHelper(UniqueFd socket) : mSocket(std::move(socket)) {}
 
 GPtrArray* NetLinkHelper::getRoutingTableList()
 {

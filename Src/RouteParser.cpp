@@ -75,7 +75,8 @@ void parseRouteMessage(const void* message, std::size_t length, RouteInfo& route
         rtattr attribute;
         std::memcpy(&attribute, bytes + offset, sizeof attribute);
         if (attribute.rta_len < sizeof attribute || attribute.rta_len > length - offset) return;
-        const std::size_t field = attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
+        const std::size_t field =
+            attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
         if (field != unwanted) {
             // The value is the four bytes after the attribute's header, whatever length it claims: bytes of the next
             // attribute when it is shorter.

@@ -31,14 +31,23 @@ Measured timed(Work work)
     return [work = std::move(work)]() mutable { return secondsOf(work); };
 }
 
+/// Seconds in the middle of all rounds.
+struct Medians {
+    double ours;
+    double peer;
+};
+
 /// Prints a table, a row a comparison, as it goes.
 class Table {
 public:
     explicit Table(const std::string& title);
 
-    /// Runs both `rounds` times in turn, after one round that does not count, and prints the medians and the median of
-    /// the ratios ours/peer, which should be at most `limit`.
-    void compare(const std::string& name, double limit, const Measured& ours, const Measured& peer, int rounds = 11);
+    /// Runs both `rounds` times in turn, after one that does not count unless there is only one, and prints the medians
+    /// and the median of the ratios ours/peer, which should be at most `limit`.
+    Medians compare(const std::string& name, double limit, const Measured& ours, const Measured& peer, int rounds = 11);
+
+    /// Prints a ratio that follows from earlier comparisons and should be at most `limit`.
+    void ratio(const std::string& name, double limit, double value);
 
     /// For main(): 0 when every ratio was within its limit, else 1.
     int result() const { return mWithinLimits ? 0 : 1; }

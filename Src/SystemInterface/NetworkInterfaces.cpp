@@ -52,8 +52,8 @@ bool SystemInterface::isInterfaceValidForVpnToUse(int socket, ifreq& entry)
     return true;
 }
 
-// The walk goes backwards and on after a match, so that the kernel's first route wins. The name of the route's interface
-// only has to begin with the asked one.
+// The walk goes backwards and on after a match, so that the kernel's first route wins. The name of the route's
+// interface only has to begin with the asked one.
 bool SystemInterface::getDefaultGatewayAddress(const char* interfaceName, std::string& gateway)
 {
     GPtrArray* routes = sNlHelper.getRoutingTableList();
@@ -65,7 +65,8 @@ bool SystemInterface::getDefaultGatewayAddress(const char* interfaceName, std::s
         if (!isIf(getIfNameFromIndex(static_cast<int>(route.oifIndex)).c_str(), interfaceName)) continue;
         gateway = wfoal::DottedAddress(route.gateway).text();
         found = true;
-        WFOAL_DEBUG("SystemInterface::%s: For %s found default gateway of %s", __func__, interfaceName, gateway.c_str());
+        WFOAL_DEBUG("SystemInterface::%s: For %s found default gateway of %s", __func__, interfaceName,
+                    gateway.c_str());
     }
     releaseRoutingTableList(routes);
     return found;

@@ -140,7 +140,8 @@ int ConvertNetmaskToPrefix(const char* netmask)
     if (netmask == nullptr || inet_pton(AF_INET, netmask, &address) != 1) return 0;
     WFOAL_DEBUG("SystemInterface::%s: netmask %s(0x%08x)", __func__, netmask, address.s_addr);
     int prefix = 0;
-    for (std::uint32_t bits = ntohl(address.s_addr); bits != 0; bits <<= 1) ++prefix;
+    for (std::uint32_t bits = ntohl(address.s_addr); bits != 0; bits <<= 1)
+        ++prefix;
     WFOAL_DEBUG("SystemInterface::%s: prefixlen %d", __func__, prefix);
     return prefix;
 }
@@ -178,7 +179,8 @@ PluginResult SystemInterface::DeleteRoute(unsigned int count, KEST_SystemPluginR
         WFOAL_ERROR("SystemInterface::%s: Called with no routes to delete", __func__);
         return PLUGIN_SUCCESS;
     }
-    for (unsigned int i = 0; i < count && routes[i] != nullptr; ++i) deleteRoute(__func__, *routes[i]);
+    for (unsigned int i = 0; i < count && routes[i] != nullptr; ++i)
+        deleteRoute(__func__, *routes[i]);
     return PLUGIN_SUCCESS;
 }
 

@@ -10,6 +10,7 @@
 namespace vpnoalctl {
 
 Action defineApply(CLI::App& options);
+Action defineBind(CLI::App& options);
 Action defineCertsImport(CLI::App& options);
 Action defineCertsList(CLI::App& options);
 Action defineCertsShow(CLI::App& options);
@@ -17,7 +18,11 @@ Action defineCertsSign(CLI::App& options);
 Action defineConnect(CLI::App& options);
 Action defineDoctor(CLI::App& options);
 Action defineInfo(CLI::App& options);
+Action defineInterfaces(CLI::App& options);
+Action definePreferred(CLI::App& options);
 Action defineRestore(CLI::App& options);
+Action defineRouteDel(CLI::App& options);
+Action defineRoutes(CLI::App& options);
 Action defineStorageGet(CLI::App& options);
 Action defineStorageList(CLI::App& options);
 Action defineStorageMap(CLI::App& options);

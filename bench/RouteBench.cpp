@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Routing tables of growing size: reading, listing and choosing, against a dump that is only received, the ip tool and
+// libnl. Records are left behind by design, so each of our runs fills fresh memory, as it does in an agent.
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netlink/route/route.h>
+#include <netlink/socket.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <memory>
+
+#include "AgentObjects.h"
+#include "Comparison.h"
+#include "FakeVkLog.h"
+#include "NetLinkHelper.h"
+#include "RouteBatch.h"
+#include "RouteMessages.h"
+#include "Shell.h"
+#include "SocketInterface.h"
+#include "SystemInterface.h"
+
+namespace {
+
+void require(bool done, const char* what)
+{
+    if (done) return;
+    std::fprintf(stderr, "%s failed\n", what);
+    std::exit(2);
+}
+
+// The least that reading the table takes: the request, and receiving until the end without a look at the routes.
+class RawDump {
+public:
+    RawDump() : mSocket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
+
+    void run() const
+    {
+        nlmsghdr header{};
+        header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
+        header.nlmsg_type = RTM_GETROUTE;
+        header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+        const std::string request = testsupport::bytesOf(header) + testsupport::bytesOf(testsupport::routeHeader(0));
+        require(send(mSocket.get(), request.data(), request.size(), 0) > 0, "send");
+        alignas(nlmsghdr) char buffer[16384];
+        do {
+            require(recv(mSocket.get(), buffer, sizeof buffer, 0) > 0, "recv");
+        } while (reinterpret_cast<const nlmsghdr*>(buffer)->nlmsg_type != NLMSG_DONE);
+    }
+
+private:
+    UniqueFd mSocket;
+};
+
+struct NlSocketFree {
+    void operator()(nl_sock* socket) const { nl_socket_free(socket); }
+};
+
+void readWithLibnl(nl_sock* socket)
+{
+    nl_cache* routes = nullptr;
+    require(rtnl_route_alloc_cache(socket, AF_INET, 0, &routes) == 0, "rtnl_route_alloc_cache");
+    nl_cache_free(routes);
+}
+
+void readByPlugin()
+{
+    GPtrArray* routes = sNlHelper.getRoutingTableList();
+    require(routes != nullptr, "getRoutingTableList");
+    releaseRoutingTableList(routes);
+}
+
+double secondsOn(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+double seconds(const timeval& time)
+{
+    return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+}
+
+// Processor time, in the kernel as well, so that other load does not count: a dump never waits for anything. So many
+// runs in one measurement that it takes long enough.
+template <typename Work>
+bench::Measured repeated(unsigned routes, Work work)
+{
+    const unsigned times = routes < 10'000 ? 200 : routes < 100'000 ? 5 : 1;
+    return [times, work] {
+        const double begin = secondsOn(CLOCK_THREAD_CPUTIME_ID);
+        for (unsigned i = 0; i < times; ++i)
+            work();
+        return (secondsOn(CLOCK_THREAD_CPUTIME_ID) - begin) / times;
+    };
+}
+
+// Processor time of the ip tool, which it needs until its text is written.
+double runIpTool()
+{
+    const auto childrenSeconds = [] {
+        rusage usage{};
+        getrusage(RUSAGE_CHILDREN, &usage);
+        return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    };
+    const double begin = childrenSeconds();
+    require(std::system("exec ip -4 route show table all >/dev/null") == 0, "ip");
+    return childrenSeconds() - begin;
+}
+
+class RouteBench {
+public:
+    RouteBench() : mNlSocket(nl_socket_alloc())
+    {
+        fakes::logContext().level = 6;  // debug logging off
+        testsupport::addVethPair("eth0", "peer0", "10.0.0.2/8");
+        testsupport::shell("ip route add default via 10.0.0.1");
+        sNlHelper = NetLinkHelper(UniqueFd());
+        sNlHelper = NetLinkHelper(NETLINK_ROUTE, 0);
+        require(nl_connect(mNlSocket.get(), NETLINK_ROUTE) == 0, "nl_connect");
+    }
+
+    void growTo(unsigned routes)
+    {
+        const unsigned index = if_nametoindex("eth0");
+        testsupport::RouteBatch batch;
+        for (; mRoutes < routes; ++mRoutes) {
+            testsupport::NewRoute route;
+            route.destination = 0x14000000 + mRoutes * 256;
+            route.prefixLength = 24;
+            route.index = index;
+            route.gateway = 0x0a000100 + mRoutes % 1000;
+            batch.add(route);
+        }
+        require(batch.send() == 0, "adding routes");
+    }
+
+    void compare()
+    {
+        const std::string size = std::to_string(mRoutes) + " routes: ";
+        const int rounds = mRoutes > 100'000 ? 7 : 11;
+        const auto raw = repeated(mRoutes, [this] { mRaw.run(); });
+        const auto reading = repeated(mRoutes, readByPlugin);
+        const auto choosing =
+            repeated(mRoutes, [this] { require(mSocketInterface.getBestInterfaceId() == "eth0", "choice"); });
+
+        unsigned count = 0;
+        require(mSystem.EnumerateRoutes(count, nullptr) == PLUGIN_SUCCESS && count > mRoutes, "counting routes");
+        testsupport::RouteArray objects(count);
+        const auto listing = repeated(mRoutes, [&] {
+            unsigned given = count;
+            require(mSystem.EnumerateRoutes(given, objects.pointers()) == PLUGIN_SUCCESS, "EnumerateRoutes");
+        });
+
+        mReading[mRoutes] = mTable.compare(size + "getRoutingTableList, to raw dump", 1.5, reading, raw, rounds);
+        mListing[mRoutes] = mTable.compare(size + "EnumerateRoutes, to raw dump", 2.5, listing, raw, rounds);
+        mTable.compare(size + "getBestInterfaceId, to getRoutingTableList", 1.05, choosing, reading, 2 * rounds + 1);
+        mTable.compare(size + "EnumerateRoutes, to ip route show", 0.5, listing, runIpTool, 5);
+        mTable.compare(size + "EnumerateRoutes, to libnl's cache", 1, listing,
+                       repeated(mRoutes, [this] { readWithLibnl(mNlSocket.get()); }), mRoutes > 10'000 ? 1 : 5);
+    }
+
+    /// How the cost of one route grows with the table, against how that of the raw dump does.
+    void compareGrowth(unsigned from, unsigned to)
+    {
+        const auto growth = [&](const std::map<unsigned, bench::Medians>& medians) {
+            return medians.at(to).ours / medians.at(from).ours / (medians.at(to).peer / medians.at(from).peer);
+        };
+        const std::string range =
+            "growth from " + std::to_string(from) + " to " + std::to_string(to) + ", to raw dump's: ";
+        mTable.ratio(range + "reading", 1.1, growth(mReading));
+        mTable.ratio(range + "listing", 1.1, growth(mListing));
+    }
+
+    int result() const { return mTable.result(); }
+
+private:
+    unsigned mRoutes = 0;
+    RawDump mRaw;
+    std::unique_ptr<nl_sock, NlSocketFree> mNlSocket;
+    SystemInterface mSystem;
+    SocketInterface mSocketInterface;
+    bench::Table mTable{"Routing tables, processor time"};
+    std::map<unsigned, bench::Medians> mReading;
+    std::map<unsigned, bench::Medians> mListing;
+};
+
+}  // namespace
+
+// Arguments: other sizes, growing.
+int main(int count, char** arguments)
+{
+    std::vector<unsigned> sizes = {100, 10'000, 100'000, 500'000};
+    if (count > 1) sizes.clear();
+    for (int i = 1; i < count; ++i)
+        sizes.push_back(static_cast<unsigned>(std::stoul(arguments[i])));
+    RouteBench bench;
+    for (const unsigned routes : sizes) {
+        bench.growTo(routes);
+        bench.compare();
+    }
+    if (count == 1) bench.compareGrowth(10'000, 500'000);
+    return bench.result();
+}

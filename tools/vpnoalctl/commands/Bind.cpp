@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl bind: opens a TCP connection from a socket that the plug-in has bound, as an agent does for its outer
+// connection, and tells where it leaves and how long it took.
+#include <fcntl.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+
+#include "CommandError.h"
+#include "Context.h"
+#include "Json.h"
+#include "commands/Commands.h"
+#include "handles/UniqueFd.h"
+#include "kernel/KernelRoutes.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+struct Target {
+    std::string host;
+    unsigned short port = 0;
+    unsigned timeout = 10;  // seconds
+
+    std::string label() const { return "bind " + host + " " + std::to_string(port); }
+};
+
+sockaddr_in resolve(const Target& target)
+{
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(target.host.c_str(), nullptr, &wanted, &found);
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, freeaddrinfo);
+    if (error != 0) throw CommandError(target.label(), gai_strerror(error), "use a name or IPv4 address that resolves");
+    sockaddr_in address = *reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    address.sin_port = htons(target.port);
+    return address;
+}
+
+std::string endpoint(const sockaddr_in& address)
+{
+    return addressText(address.sin_addr) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+std::string deviceOf(int socket)
+{
+    char name[IF_NAMESIZE] = {};
+    socklen_t length = sizeof name;
+    getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name, &length);
+    return name;
+}
+
+// 0, or the errno value of a connection that did not come about.
+int connectWithin(int socket, const sockaddr_in& address, unsigned seconds)
+{
+    if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return 0;
+    if (errno != EINPROGRESS) return errno;
+    pollfd query{socket, POLLOUT, 0};
+    if (poll(&query, 1, static_cast<int>(seconds * 1000)) != 1) return ETIMEDOUT;
+    int error = 0;
+    socklen_t length = sizeof error;
+    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+}
+
+void print(Context& context, int socket, const sockaddr_in& remote, std::chrono::steady_clock::duration duration)
+{
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length);
+    const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+
+    Table table{{{"what", ""}, {"value", ""}}, {}};
+    table.rows = {{{"interface", Style::Title}, {deviceOf(socket), Style::Good}},
+                  {{"local", Style::Title}, {endpoint(local)}},
+                  {{"remote", Style::Title}, {endpoint(remote)}},
+                  {{"microseconds", Style::Title}, {std::to_string(microseconds)}}};
+    if (!context.output.json()) context.output.table(table);
+    const JsonPtr answer = newObject();
+    addText(answer, "interface", deviceOf(socket));
+    addText(answer, "local", endpoint(local));
+    addText(answer, "remote", endpoint(remote));
+    addNumber(answer, "microseconds", microseconds);
+    context.output.value(answer);
+}
+
+int openConnection(Context& context, const Target& target)
+{
+    const sockaddr_in remote = resolve(target);
+    const UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.valid()) throw systemError(target.label(), errno, "");
+    const auto socketPlugin = context.plugin().create<KEST_SocketPlugin>();
+    if (socketPlugin->BindToInterface(nullptr, static_cast<unsigned>(socket.get())) != PLUGIN_SUCCESS) {
+        throw CommandError(target.label(), "the plug-in could not bind the socket",
+                           "'vpnoalctl preferred --explain' shows the choice; run it again with -v to see the log");
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const int error = connectWithin(socket.get(), remote, target.timeout);
+    if (error != 0) {
+        throw systemError(target.label() + " through " + deviceOf(socket.get()), error, "is the host reachable there?");
+    }
+    print(context, socket.get(), remote, std::chrono::steady_clock::now() - begin);
+    return ExitOk;
+}
+
+}  // namespace
+
+Action defineBind(CLI::App& command)
+{
+    auto target = std::make_shared<Target>();
+    command.add_option("host", target->host, "Name or IPv4 address")->required()->type_name("HOST");
+    command.add_option("port", target->port, "TCP port")->required()->type_name("PORT")->check(CLI::Range(1, 65535));
+    command.add_option("--timeout", target->timeout, "Seconds to wait for the connection (10)")
+        ->check(CLI::Range(1, 3600));
+    return [target](Context& context) { return openConnection(context, *target); };
+}
+
+}  // namespace vpnoalctl

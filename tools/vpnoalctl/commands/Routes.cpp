@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl routes: the kernel's routes as the plug-in lists them for an agent.
+#include "AgentRoute.h"
+#include "CommandError.h"
+#include "Context.h"
+#include "commands/Commands.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+CommandError listingFailed()
+{
+    return {"routes", "the plug-in could not read the routing table", "run it again with -v to see the log"};
+}
+
+// The table can grow between the two calls; then they are made again.
+std::vector<AgentRoute> listRoutes(KEST_SystemPlugin& system)
+{
+    unsigned int count = 0;
+    if (system.EnumerateRoutes(count, nullptr) != PLUGIN_SUCCESS) throw listingFailed();
+    while (count != 0) {
+        std::vector<AgentRoute> routes(count);
+        std::vector<KEST_SystemPluginRoute*> pointers;
+        for (AgentRoute& route : routes)
+            pointers.push_back(&route);
+        const PluginResult result = system.EnumerateRoutes(count, pointers.data());
+        if (result == PLUGIN_BUFFER_TOO_SMALL) continue;
+        if (result != PLUGIN_SUCCESS) throw listingFailed();
+        // Objects beyond a table that has shrunk were left alone.
+        while (!routes.empty() && *routes.back().GetDestination() == '\0')
+            routes.pop_back();
+        return routes;
+    }
+    return {};
+}
+
+int showRoutes(Context& context)
+{
+    // Kept: disposing of a system object would restore the system's configuration.
+    auto& system = context.plugin().createKept<KEST_SystemPlugin>();
+    Table table{{{"destination", "DESTINATION"},
+                 {"netmask", "NETMASK"},
+                 {"gateway", "GATEWAY"},
+                 {"interface", "INTERFACE"},
+                 {"metric", "METRIC"}},
+                {}};
+    for (AgentRoute& route : listRoutes(system)) {
+        table.rows.push_back({{route.GetDestination(), Style::Title},
+                              {route.GetNetmask()},
+                              {route.GetGateway()},
+                              {route.GetInterface()},
+                              {route.GetMetric()}});
+    }
+    context.output.table(table);
+    return ExitOk;
+}
+
+}  // namespace
+
+Action defineRoutes(CLI::App&)
+{
+    return showRoutes;
+}
+
+}  // namespace vpnoalctl

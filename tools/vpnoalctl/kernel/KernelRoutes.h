@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The kernel's IPv4 routes as the tool reads them itself, beside the plug-in: to explain what the plug-in chose, and to
+// see whether a deletion came true.
+#ifndef VPNOALCTL_KERNELROUTES_H
+#define VPNOALCTL_KERNELROUTES_H
+
+#include <string>
+#include <vector>
+
+#include "RouteInfo.h"
+
+namespace vpnoalctl {
+
+/// All tables, in the kernel's order. Throws CommandError.
+std::vector<RouteInfo> kernelRoutes();
+
+/// Name of an interface; "-" when there is none.
+std::string interfaceName(std::uint32_t index);
+
+/// "10.8.0.0/24", or "default".
+std::string destinationText(const RouteInfo& route);
+
+std::string addressText(in_addr address);
+
+}  // namespace vpnoalctl
+
+#endif
