@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# test.sh [--preset NAME] [--filter REGEX] [--lint]: installs what is missing, builds, and runs all tests. The last lines
+# are ctest's own summary, and the exit code is ctest's.
+#
+#   --preset NAME    release (default), debug, asan-ubsan, tsan, clang or coverage
+#   --filter REGEX   only tests whose names match
+#   --lint           formatting, shell scripts, a clang build without warnings and clang-tidy instead of the tests
+#
+# Nothing of the machine is touched but the packages that are installed, the only step that needs root (through sudo):
+# tests run in private namespaces.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")"
+
+usage() {
+    sed -n '4,12s/^# \{0,1\}//p' test.sh
+}
+
+die() {
+    printf 'test.sh: %s\n' "$*" >&2
+    exit 2
+}
+
+# Without a network the tests that need what is fetched are skipped; where skipping is forbidden, that is an error.
+fetch() {
+    "$@" || [ -z "${CI:-}" ] || die "could not fetch what the tests need"
+}
+
+preset=release filter='' lint=no
+while [ $# -gt 0 ]; do
+    case $1 in
+    --preset | --filter)
+        [ $# -ge 2 ] || die "$1 needs a value"
+        if [ "$1" = --preset ]; then preset=$2; else filter=$2; fi
+        shift
+        ;;
+    --lint) lint=yes ;;
+    -h | --help) usage; exit 0 ;;
+    *) die "unknown option '$1' (see --help)" ;;
+    esac
+    shift
+done
+
+if [ $lint = yes ]; then
+    packaging/install-packages.sh build test lint
+    exec tests/lint.sh
+fi
+
+case $preset in
+clang) packaging/install-packages.sh build test lint ;;
+release | debug | asan-ubsan | tsan | coverage) packaging/install-packages.sh build test ;;
+*) die "no preset '$preset' runs tests (see --help)" ;;
+esac
+fetch tests/support/fetch-daemons.sh build/daemons
+fetch tests/support/fetch-vectors.sh build/vectors
+cmake --preset "$preset"
+cmake --build --preset "$preset"
+
+tests=(ctest --test-dir "build/$preset" -j2 --output-on-failure --no-tests=error)
+[ -z "$filter" ] || tests+=(-R "$filter")
+exec "${tests[@]}"
