@@ -31,7 +31,7 @@ tidy() {
 }
 
 step formatting clang-format --dry-run --Werror "${formatted[@]}"
-step 'shell scripts' shellcheck .ci/run "${scripts[@]}"
+step 'shell scripts' shellcheck -x -P SCRIPTDIR .ci/run "${scripts[@]}"
 step 'configuring for clang' cmake --preset clang -DWFOAL_BENCH=ON --log-level=WARNING
 step 'clang build' cmake --build --preset clang
 step clang-tidy tidy

@@ -96,14 +96,24 @@ unsigned long mountFlags(const std::string& folder)
     return flags;
 }
 
+constexpr char machineEtc[] = "/run/machine-etc";
+
+// The machine's own /etc, also when this process was started in private namespaces already.
+UniqueFd holdEtc()
+{
+    UniqueFd outer(open(machineEtc, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return outer.valid() ? std::move(outer) : UniqueFd(open("/etc", O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
 // /etc becomes a private folder of links into the machine's own, which is then read-only. The files that daemons write
 // or that name users are copies; /etc/resolv.conf is empty.
-void coverEtc()
+void coverEtc(const UniqueFd& etc)
 {
     namespace fs = std::filesystem;
-    const std::string machine = "/run/machine-etc";
+    const std::string machine = machineEtc;
+    const std::string source = "/proc/self/fd/" + std::to_string(etc.get());
     fs::create_directory(machine);
-    check(mount("/etc", machine.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind /etc");
+    check(mount(source.c_str(), machine.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind /etc");
     check(
         mount(nullptr, machine.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | mountFlags(machine), nullptr) == 0,
         "make /etc read-only");
@@ -119,8 +129,8 @@ void coverEtc()
     for (const char* name : {"passwd", "group", "hosts", "resolv.conf"}) {
         const fs::path target = fs::path("/etc") / name;
         fs::remove(target);
-        const fs::path source = fs::path(machine) / name;
-        if (std::strcmp(name, "resolv.conf") != 0 && fs::exists(source)) fs::copy_file(source, target);
+        const fs::path original = fs::path(machine) / name;
+        if (std::strcmp(name, "resolv.conf") != 0 && fs::exists(original)) fs::copy_file(original, target);
     }
     const UniqueFd resolvConf(open("/etc/resolv.conf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     check(resolvConf.valid(), "create /etc/resolv.conf");
@@ -142,14 +152,16 @@ std::string enterPrivateNamespaces()
 {
     try {
         const std::string folderBefore = std::filesystem::current_path();
-        const std::vector<KeptTree> trees = holdTrees();
         unshareAll();
         check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
+        // Held open from here on: only mounts of the same namespace can be bound.
+        const std::vector<KeptTree> trees = holdTrees();
+        const UniqueFd etc = holdEtc();
         coverFolder("/tmp", "mode=1777", trees);
         coverFolder("/run", "mode=755", trees);
         coverFolder("/var", "mode=755", trees);
         std::filesystem::create_directories("/var/tmp");
-        coverEtc();
+        coverEtc(etc);
         loopbackUp();
         std::error_code ignored;
         std::filesystem::current_path(folderBefore, ignored);
