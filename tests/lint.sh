@@ -6,11 +6,14 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+files_named() {
+    find . -path ./build -prune -o -path ./.git -prune -o -type f -name "$1" -printf '%P\n' | sort
+}
+
 sources=("$@")
-[ $# -gt 0 ] || mapfile -t sources < <(find Src platform services tools tests bench examples -name '*.cpp' 2>/dev/null | sort)
-mapfile -t formatted < <(find include Src platform services tools tests bench examples \
-    \( -name '*.cpp' -o -name '*.h' \) 2>/dev/null | sort)
-mapfile -t scripts < <(find . -path ./build -prune -o -name '*.sh' -print | sort)
+[ $# -gt 0 ] || mapfile -t sources < <(files_named '*.cpp')
+mapfile -t formatted < <(files_named '*.[ch]*' | grep -E '\.(cpp|h)$')
+mapfile -t scripts < <(files_named '*.sh')
 
 failed=()
 step() {
@@ -34,6 +37,7 @@ step formatting clang-format --dry-run --Werror "${formatted[@]}"
 step 'shell scripts' shellcheck -x -P SCRIPTDIR .ci/run "${scripts[@]}"
 step 'configuring for clang' cmake --preset clang -DWFOAL_BENCH=ON --log-level=WARNING
 step 'clang build' cmake --build --preset clang
+step 'package list' packaging/check-packages.sh build/clang
 step clang-tidy tidy
 
 if [ ${#failed[@]} -gt 0 ]; then
