@@ -34,17 +34,18 @@ bool writeAll(int file, const unsigned char* data, unsigned int length)
 
 enum class ReadEnd { EndOfFile, BufferFull, Error };
 
-// The kernel is told of no more room than the file is known to need, then of a block at a time while the file turns
-// out to be longer: `capacity` may be a generous guess of the caller's.
+// The kernel is told of no more room than the file is known to need and one byte, then of a block at a time while the
+// file turns out to be longer: `capacity` may be a generous guess of the caller's. That the one byte more does not come
+// is how the end of the file is seen, without another read that comes back empty.
 ReadEnd readAll(int file, unsigned char* buffer, unsigned int capacity, unsigned int expected, unsigned int& stored)
 {
     stored = 0;
     while (stored < capacity) {
-        const unsigned int wanted = stored < expected ? expected - stored : tailBlock;
-        const ssize_t got = ::read(file, buffer + stored, std::min(wanted, capacity - stored));
+        const unsigned int wanted = std::min(stored <= expected ? expected - stored + 1 : tailBlock, capacity - stored);
+        const ssize_t got = ::read(file, buffer + stored, wanted);
         if (got < 0) return ReadEnd::Error;
-        if (got == 0) return ReadEnd::EndOfFile;
         stored += static_cast<unsigned int>(got);
+        if (got == 0 || (stored == expected && got < ssize_t{wanted})) return ReadEnd::EndOfFile;
     }
     return ReadEnd::BufferFull;
 }

@@ -20,6 +20,13 @@ const char* const sDirectories[] = {
     "/tmp/vpn/temp/",     // LOCATION_TEMP
 };
 
+bool hasSize(int result, struct stat& status)
+{
+    if (result == 0 && status.st_size <= std::numeric_limits<std::int32_t>::max()) return true;
+    status = {};
+    return false;
+}
+
 }  // namespace
 
 const char* locationToStr(KEST_FileLocation location)
@@ -36,9 +43,13 @@ std::string storagePath(KEST_FileLocation location, const char* name)
 bool fileStatus(const char* path, struct stat& status)
 {
     status = {};
-    if (::stat(path, &status) == 0 && status.st_size <= std::numeric_limits<std::int32_t>::max()) return true;
+    return hasSize(::stat(path, &status), status);
+}
+
+bool fileStatus(int file, struct stat& status)
+{
     status = {};
-    return false;
+    return hasSize(::fstat(file, &status), status);
 }
 
 }  // namespace wfoal

@@ -22,6 +22,7 @@ std::string storagePath(KEST_FileLocation location, const char* name);
 /// Status of a file, symbolic links followed. Files of 2 GiB and more have none, as on a 32-bit device.
 /// On failure returns false; `status` is zeroed then.
 bool fileStatus(const char* path, struct stat& status);
+bool fileStatus(int file, struct stat& status);
 
 }  // namespace wfoal
 

@@ -5,32 +5,48 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string>
 
 #include "Log.h"
 #include "StorageInterface.h"
 #include "StorageLocations.h"
+#include "handles/UniqueFd.h"
+
+namespace {
+
+// A FIFO has nothing to map and is refused later on; opening it must not wait for a writer until then. Somebody's lease
+// on a regular file is waited for.
+int openForMapping(const char* path)
+{
+    constexpr int flags = O_RDONLY | O_CLOEXEC;
+    const int file = ::open(path, flags | O_NONBLOCK);
+    return file < 0 && errno == EAGAIN ? ::open(path, flags) : file;
+}
+
+}  // namespace
 
 PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation location, const char* name, void*& address,
                                              unsigned int& size)
 {
     if (name == nullptr) return PLUGIN_FAILURE;
     const std::string path = wfoal::storagePath(location, name);
+    // The open file tells its status without a second walk along the path; one that does not open is looked at by path,
+    // to say what is wrong with it.
+    UniqueFd file(openForMapping(path.c_str()));
     struct stat status;
-    if (!wfoal::fileStatus(path.c_str(), status)) {
+    if (!(file.valid() ? wfoal::fileStatus(file.get(), status) : wfoal::fileStatus(path.c_str(), status))) {
         WFOAL_ERROR("%s: file does not exist: %s", __func__, path.c_str());
         return PLUGIN_FAILURE;
     }
-    // A FIFO has nothing to map and is refused below; opening it must not wait for a writer until then.
-    const int waiting = S_ISREG(status.st_mode) ? 0 : O_NONBLOCK;
-    // Never closed, on purpose: each call keeps its descriptor for the life of the process.
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting);
-    if (file < 0) {
+    if (!file.valid()) {
         WFOAL_ERROR("%s: failed to open mo file: %s", __func__, path.c_str());
         return PLUGIN_FAILURE;
     }
+    // Never closed from here on, on purpose: each call keeps its descriptor for the life of the process.
+    const int descriptor = file.release();
     const auto fileSize = static_cast<unsigned int>(status.st_size);
-    address = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, file, 0);
+    address = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, descriptor, 0);
     if (address == MAP_FAILED) {
         WFOAL_ERROR("%s: mmap failed", __func__);
         return PLUGIN_FAILURE;

@@ -71,7 +71,7 @@ const std::vector<Row>& table()
 
         {Op::LoadRoomy, Call::Stat, 1, 1, Either, -1, {called, notThere}, 0},
         {Op::LoadRoomy, Call::Open, 1, 1, Either, -1, {called, cannotOpen}, 0},
-        {Op::LoadRoomy, Call::Read, 1, 4, Either, -1, {called, cannotRead}, 0},
+        {Op::LoadRoomy, Call::Read, 1, 3, Either, -1, {called, cannotRead}, 0},
         {Op::LoadRoomy, Call::Close, 1, 1, Either, 0, {called}, 0},
 
         {Op::LoadExact, Call::Stat, 1, 1, Either, -1, {called, notThere}, 0},
@@ -258,7 +258,7 @@ TEST_F(StorageFaultTest, ShortReadsAndWritesAreContinued)
     EXPECT_EQ(digits, contentOf(filePath));
     EXPECT_EQ(10u, watch.count(Call::Write));
     EXPECT_EQ(digits, load(LOCATION_MAIN, "f", 11).bytes);
-    EXPECT_EQ(11u, watch.count(Call::Read));
+    EXPECT_EQ(10u, watch.count(Call::Read));
 }
 
 TEST_F(StorageFaultTest, PartlyWrittenFileStays)
@@ -431,13 +431,21 @@ TEST_F(StorageFaultTest, StaleEntryTakesTheLengthOfTheNewMapping)
     EXPECT_EQ(PLUGIN_FAILURE, mStorage.SimpleUnmapFile(second));
 }
 
-TEST_F(StorageFaultTest, SizeOfTheMappingIsThatBeforeOpening)
+TEST_F(StorageFaultTest, LeaseOnTheFileIsWaitedFor)
 {
     faults::Watch watch;
-    watch.before(Call::Open, 1, [] { putFile(filePath, "longer than before"); });
-    ASSERT_EQ(PLUGIN_SUCCESS, mStorage.SimpleMapFile(LOCATION_MAIN, "f", mAddress, mSize));
-    EXPECT_EQ(10u, mSize);
+    watch.fail(Call::Open, 1, EAGAIN);
+    EXPECT_EQ(PLUGIN_SUCCESS, mStorage.SimpleMapFile(LOCATION_MAIN, "f", mAddress, mSize));
+    EXPECT_EQ(2u, watch.count(Call::Open));
     EXPECT_EQ(PLUGIN_SUCCESS, mStorage.SimpleUnmapFile(mAddress));
+}
+
+TEST_F(StorageFaultTest, FileWithoutAStatusKeepsNoDescriptor)
+{
+    std::filesystem::resize_file(filePath, std::uintmax_t{1} << 31);
+    const auto before = openDescriptors();
+    EXPECT_EQ(PLUGIN_FAILURE, mStorage.SimpleMapFile(LOCATION_MAIN, "f", mAddress, mSize));
+    EXPECT_EQ(before, openDescriptors());
 }
 
 }  // namespace

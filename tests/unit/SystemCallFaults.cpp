@@ -86,6 +86,7 @@ ssize_t __real_read(int file, void* buffer, size_t size);
 ssize_t __real_write(int file, const void* data, size_t size);
 int __real_close(int file);
 int __real_stat64(const char* path, struct stat* status);
+int __real_fstat64(int file, struct stat* status);
 void* __real_mmap64(void* address, size_t length, int protection, int flags, int file, off_t offset);
 int __real_munmap(void* address, size_t length);
 DIR* __real_opendir(const char* path);
@@ -99,6 +100,7 @@ ssize_t __wrap_read(int file, void* buffer, size_t size);
 ssize_t __wrap_write(int file, const void* data, size_t size);
 int __wrap_close(int file);
 int __wrap_stat64(const char* path, struct stat* status);
+int __wrap_fstat64(int file, struct stat* status);
 void* __wrap_mmap64(void* address, size_t length, int protection, int flags, int file, off_t offset);
 int __wrap_munmap(void* address, size_t length);
 DIR* __wrap_opendir(const char* path);
@@ -145,6 +147,11 @@ int __wrap_close(int file)
 int __wrap_stat64(const char* path, struct stat* status)
 {
     return faults::fails(faults::Call::Stat) ? -1 : __real_stat64(path, status);
+}
+
+int __wrap_fstat64(int file, struct stat* status)
+{
+    return faults::fails(faults::Call::Stat) ? -1 : __real_fstat64(file, status);
 }
 
 void* __wrap_mmap64(void* address, size_t length, int protection, int flags, int file, off_t offset)
