@@ -261,6 +261,16 @@ TEST_F(StorageFaultTest, ShortReadsAndWritesAreContinued)
     EXPECT_EQ(10u, watch.count(Call::Read));
 }
 
+TEST_F(StorageFaultTest, NoMoreIsReadThanTheFileNeedsWhateverLengthIsClaimed)
+{
+    unsigned int size = 0xffffffff;
+    faults::Watch watch;
+    EXPECT_EQ(PLUGIN_SUCCESS, mStorage.LoadFile(LOCATION_MAIN, "f", mBuffer, size));
+    EXPECT_EQ(10u, size);
+    EXPECT_EQ(11u, watch.largestRead());
+    EXPECT_EQ(1u, watch.count(Call::Read));
+}
+
 TEST_F(StorageFaultTest, PartlyWrittenFileStays)
 {
     for (const unsigned int occurrence : {1u, 2u, 3u}) {

@@ -253,7 +253,7 @@ TEST_F(StorageInterfaceTest, LoadWritesNothingBehindTheFilesBytes)
 TEST_F(StorageInterfaceTest, LoadBelievesNoMoreOfTheLengthThanTheFileNeeds)
 {
     putFile("/tmp/vpn/main/f", "0123456789");
-    // "Large enough", said of a buffer whose claimed end would lie outside the address space of a process.
+    // "Large enough", said of a buffer that is only just so.
     unsigned char buffer[16];
     unsigned int size = std::numeric_limits<unsigned int>::max();
     EXPECT_EQ(PLUGIN_SUCCESS, mStorage.LoadFile(LOCATION_MAIN, "f", buffer, size));

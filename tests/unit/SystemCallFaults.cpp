@@ -126,6 +126,7 @@ int __wrap___open64_2(const char* path, int flags)
 ssize_t __wrap_read(int file, void* buffer, size_t size)
 {
     if (faults::fails(faults::Call::Read)) return -1;
+    if (faults::spWatch != nullptr) faults::spWatch->noteRead(size);
     return __real_read(file, buffer, faults::spWatch != nullptr ? faults::spWatch->shortened(size) : size);
 }
 

@@ -45,11 +45,14 @@ public:
     /// True when a failure was delivered.
     bool hit() const { return mHit; }
     std::size_t lastUnmapLength() const { return mLastUnmapLength; }
+    /// The most that one read() was asked for.
+    std::size_t largestRead() const { return mLargestRead; }
 
     // For the wrapped calls only.
     bool failsNow(Call call);
     std::size_t shortened(std::size_t bytes) const { return mBlock != 0 && bytes > mBlock ? mBlock : bytes; }
     void* mappingAddress() const { return mMappingAddress; }
+    void noteRead(std::size_t bytes) { mLargestRead = bytes > mLargestRead ? bytes : mLargestRead; }
     void noteUnmap(std::size_t length) { mLastUnmapLength = length; }
 
 private:
@@ -65,6 +68,7 @@ private:
     std::size_t mBlock = 0;
     void* mMappingAddress = nullptr;
     std::size_t mLastUnmapLength = 0;
+    std::size_t mLargestRead = 0;
 };
 
 }  // namespace faults
