@@ -104,11 +104,14 @@ private:
     std::exception_ptr mFirst;
 };
 
-// Which key of the request the kernel refused.
-[[noreturn]] void refuse(const NetlinkFailure& failure, const InterfaceRequest& request, const InterfaceRecord& added)
+}  // namespace
+
+// Which key of the request the kernel refused. Without the interface, its words are about the consequences.
+void InterfaceControl::refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
+                              const InterfaceRecord& added)
 {
+    if (!linkWithIndex(mSocket, added.index)) throw RequestError("ifName", "the interface is gone");
     if (failure.error == EPERM) throw RequestError("netlink", failure.reason() + ": CAP_NET_ADMIN is needed");
-    if (failure.error == ENODEV) throw RequestError("ifName", "the interface is gone: " + failure.reason());
     const std::size_t links = added.linkBefore ? 1 : 0;
     if (failure.index < links) throw RequestError("ifName", "cannot be brought up: " + failure.reason());
     const std::size_t routesFrom = links + added.addresses.size();
@@ -117,8 +120,6 @@ private:
     const auto place = std::find(request.routes.begin(), request.routes.end(), route) - request.routes.begin();
     throw RequestError(request.routeKey(static_cast<std::size_t>(place)), "cannot be added: " + failure.reason());
 }
-
-}  // namespace
 
 bool InterfaceControl::isSubject(std::string_view subject)
 {

@@ -46,6 +46,8 @@ private:
     void planAddress(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void planRoutes(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void carryOut(const InterfaceRequest& request, const Plan& plan);
+    [[noreturn]] void refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
+                             const InterfaceRecord& added);
     void rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
     void settle(const std::string& subject, const Plan& plan);
 

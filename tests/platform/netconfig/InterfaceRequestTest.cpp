@@ -122,7 +122,7 @@ TEST(InterfaceRequest, WrongTypesAreRefusedNamingTheKey)
 
 TEST(InterfaceRequest, UnknownKeysAreRefused)
 {
-    EXPECT_EQ(errorOf(R"({"ifName":"tun0","ipv6":{}})"), "ipv6: unknown key");
+    EXPECT_EQ(errorOf(R"({"ifName":"tun0","ipv6":{}})"), "ipv6: unknown key; perhaps \"ipv4\" is meant");
     EXPECT_EQ(errorOfIpv4(R"("mtu":1400)"), "ipv4.mtu: unknown key");
     EXPECT_EQ(errorOfRoute(R"({"ip":"10.0.0.0","netmask":"255.0.0.0","dev":"eth0"})"),
               "ipv4.additionalIfRoutes[1].dev: unknown key");

@@ -68,9 +68,9 @@ void makeInterface(const std::string& name, const std::string& address)
     run("for i in $(seq 200); do ip link show " + name + " | grep -q LOWERLAYERDOWN && exit; sleep 0.02; done; exit 1");
 }
 
-std::string requestWithRoutes(int count, const std::string& more)
+std::string requestWithRoutes(int count, const std::string& ipv4Keys)
 {
-    std::string text = R"({"ifName":"vpn0",)" + more + R"("ipv4":{"additionalIfRoutes":[)";
+    std::string text = R"({"ifName":"vpn0","ipv4":{)" + ipv4Keys + R"("additionalIfRoutes":[)";
     for (int index = 0; index < count; ++index) {
         text += index == 0 ? "" : ",";
         text += R"({"ip":"20.)" + std::to_string(index / 256) + "." + std::to_string(index % 256) +
