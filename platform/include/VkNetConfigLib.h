@@ -35,19 +35,24 @@ int CmDelInterfaceCfg(const char* ifName);
 
 /* Sets up or removes a packet filter.
  *
- *   "label"        text: names the filter, at most 31 characters: a letter, then letters, digits, '_', '-', '.'
- *   "chainNew"     text, for setting up: the chain's name; replaces the label's earlier filter in one step
- *   "chainDelete"  text, for removing: the chain's name. What is not there is no failure.
+ *   "label"        text: names the filter, at most 31 characters: a letter, then letters, digits, '_', '-', '.', '/';
+ *                  not a word of nft's own language, such as "counter"
+ *   "chainNew"     text like "label", for setting up: the chain's name; replaces the label's earlier filter in one step
+ *   "chainDelete"  text like "label", for removing the label's filter. What is not there is no failure.
  *   "rules"        with "chainNew": objects of
  *     "operation"                     "append"
- *     "source", "destination"         dotted address, or address/dotted mask, or address/prefix length
+ *     "source", "destination"         dotted address, or address/dotted mask, or address/prefix length; bits outside
+ *                                     the mask do not count
  *     "protocol"                      "ICMP", "TCP" or "UDP"
- *     "interfaceName"                 text, with "interfaceDirection": "in" or "out"
- *     "sourcePort", "destinationPort" 1 to 65535, not with "ICMP"
+ *     "interfaceName"                 text, with "interfaceDirection": "in" or "out"; the interface need not exist
+ *     "sourcePort", "destinationPort" 1 to 65535, not with "ICMP"; without "protocol" they mean TCP and UDP
  *     "jumpTo"                        "ACCEPT" or "DROP"
  *
- * Rules are tried in their order, for packets that come in, go out and pass through; "operation" and "jumpTo" are
- * required. */
+ * Rules are tried in their order, for packets that come in, go out and pass through, IPv6 ones included where no address
+ * is given; what no rule decides passes. "operation" and "jumpTo" are required. The filter is the nftables table
+ * "inet LABEL" with the comment "vknetconfig"; a table of this name without it belongs to somebody else and is an error.
+ * It is that of the calling thread's network namespace, and is gone at the latest when a process calls that finds the
+ * one that set it up dead. */
 int VkFirewallFullCtrl(const char* json);
 
 #pragma GCC visibility pop

@@ -8,10 +8,12 @@
 #include <mutex>
 #include <string>
 
+#include "FirewallControl.h"
 #include "InterfaceControl.h"
 #include "InterfaceName.h"
 #include "InterfaceRequest.h"
 #include "Journal.h"
+#include "Library.h"
 #include "Log.h"
 #include "RequestError.h"
 
@@ -29,6 +31,7 @@ public:
         for (const std::string& subject : journal.takeLeftBehind()) {
             try {
                 if (InterfaceControl::isSubject(subject)) interfaces.removeLeft(subject);
+                if (FirewallControl::isSubject(subject)) firewall.removeLeft(subject);
             } catch (const std::exception& error) {
                 VKNETCONFIG_WARNING("%s: cleaning up after an ended process: %s", subject.c_str(), error.what());
                 journal.release(subject);
@@ -38,12 +41,13 @@ public:
 
     Journal journal;
     InterfaceControl interfaces{journal};
+    FirewallControl firewall{journal};
 
 private:
     bool mIsCleanedUp = false;
 };
 
-// Made by the first request; ends with the library.
+// Made when the library is loaded or by the first request; ends with the library.
 Session& session()
 {
     static Session only;
@@ -80,6 +84,11 @@ int guarded(const char* function, Work work)
 
 }  // namespace
 
+void vknetconfig::warmUp()
+{
+    session().firewall.warmUp();
+}
+
 extern "C" int CmAddInterfaceCfg2(const char* json)
 {
     return guarded(__func__, [json] {
@@ -98,7 +107,11 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
     });
 }
 
-extern "C" int VkFirewallFullCtrl(const char*)
+extern "C" int VkFirewallFullCtrl(const char* json)
 {
-    return -1;
+    return guarded(__func__, [json] {
+        const FirewallRequest request = parseFirewallRequest(json);
+        const Purpose purpose = request.remove ? Purpose::takeBack : Purpose::putInForce;
+        inTurn(purpose, [&](Session& here) { here.firewall.apply(request); });
+    });
 }

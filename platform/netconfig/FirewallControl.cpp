@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FirewallControl.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "FirewallText.h"
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::string_view subjectStart = "firewall-";
+
+// Subjects are names of files; '%' is in no label.
+std::string subjectOf(std::string label)
+{
+    std::replace(label.begin(), label.end(), '/', '%');
+    return std::string(subjectStart) + label;
+}
+
+std::string labelOf(const std::string& subject)
+{
+    std::string label = subject.substr(subjectStart.size());
+    std::replace(label.begin(), label.end(), '%', '/');
+    return label;
+}
+
+[[noreturn]] void refuseForeign(const std::string& label)
+{
+    throw RequestError("label", "the table inet " + label + " is there already and is not ours");
+}
+
+}  // namespace
+
+void FirewallControl::apply(const FirewallRequest& request)
+{
+    if (request.remove) {
+        remove(request.label);
+    } else {
+        setUp(request);
+    }
+}
+
+void FirewallControl::setUp(const FirewallRequest& request)
+{
+    const std::string commands = setUpCommands(request);
+    const TableState before = mSession.stateOf(request.label);
+    if (before == TableState::foreign) refuseForeign(request.label);
+    const std::string subject = subjectOf(request.label);
+    mJournal.own(subject);
+    try {
+        mJournal.write(subject, "table\n");
+        mSession.run(commands);
+    } catch (const RequestError& error) {
+        if (before == TableState::absent) mJournal.erase(subject);
+        if (std::strstr(error.what(), "syntax error") != nullptr) refuseKeywords(request);
+        throw;
+    }
+}
+
+// No other text in the commands can be wrong than names that nft's grammar uses for itself, such as "table".
+void FirewallControl::refuseKeywords(const FirewallRequest& request)
+{
+    const auto refuse = [](const char* key, const std::string& name) {
+        throw RequestError(key, excerpt(name) + " is a word of nft's own language");
+    };
+    if (!mSession.wouldTake("add table inet " + request.label + "\n")) refuse("label", request.label);
+    if (!mSession.wouldTake("add table inet a\nadd chain inet a " + request.chain + "\n"))
+        refuse("chainNew", request.chain);
+}
+
+void FirewallControl::remove(const std::string& label)
+{
+    switch (mSession.stateOf(label)) {
+    case TableState::foreign: refuseForeign(label);
+    case TableState::ours: mSession.run(removalCommand(label)); break;
+    case TableState::absent: break;
+    }
+    mJournal.erase(subjectOf(label));
+}
+
+bool FirewallControl::isSubject(std::string_view subject)
+{
+    return subject.substr(0, subjectStart.size()) == subjectStart;
+}
+
+void FirewallControl::removeLeft(const std::string& subject)
+{
+    const std::string label = labelOf(subject);
+    // Somebody else's table of this name has taken the place of ours.
+    if (mSession.stateOf(label) == TableState::ours) mSession.run(removalCommand(label));
+    mJournal.erase(subject);
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A request for the packet filter as plain values: whatever is in here was read, checked and can be printed again.
+#ifndef VKNETCONFIG_FIREWALLREQUEST_H
+#define VKNETCONFIG_FIREWALLREQUEST_H
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vknetconfig {
+
+/// The addresses that share the first `prefix` bits with `address`, whose other bits are zero.
+struct Network {
+    in_addr address{};
+    std::uint8_t prefix = 32;
+};
+
+enum class RuleProtocol : std::uint8_t { any, icmp, tcp, udp };
+enum class RuleDirection : std::uint8_t { any, in, out };
+enum class RuleVerdict : std::uint8_t { accept, drop };
+
+struct FirewallRule {
+    std::optional<Network> source;
+    std::optional<Network> destination;
+    RuleProtocol protocol = RuleProtocol::any;
+    RuleDirection direction = RuleDirection::any;
+    std::string interfaceName;          // empty exactly when the direction is `any`
+    std::uint16_t sourcePort = 0;       // 0: any port
+    std::uint16_t destinationPort = 0;  // with protocol `any`, a port means TCP and UDP
+    RuleVerdict verdict = RuleVerdict::accept;
+};
+
+struct FirewallRequest {
+    std::string label;
+    std::string chain;
+    bool remove = false;
+    std::vector<FirewallRule> rules;
+};
+
+bool operator==(const Network& left, const Network& right);
+bool operator==(const FirewallRule& left, const FirewallRule& right);
+bool operator==(const FirewallRequest& left, const FirewallRequest& right);
+
+/// Reads the JSON text of VkFirewallFullCtrl(). Throws a RequestError that names the key at fault. Bits of an address
+/// outside its mask are dropped, as other packet filters do: 10.0.0.5/255.0.0.0 is 10.0.0.0/8.
+FirewallRequest parseFirewallRequest(const char* json);
+
+}  // namespace vknetconfig
+
+#endif

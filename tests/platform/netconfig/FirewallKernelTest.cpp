@@ -1,0 +1,491 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The packet filter in a real kernel, judged by nft and by packets.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/capability.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <thread>
+
+#include "SystemCallKiller.h"
+#include "VkNetConfigLib.h"
+#include "handles/Stdio.h"
+#include "handles/UniqueFd.h"
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr char removal[] = R"({"label":"vpn.vpnoal","chainDelete":"NORVA"})";
+constexpr char dropAll[] = R"({"operation":"append","jumpTo":"DROP"})";
+
+std::string outputOf(const std::string& command)
+{
+    const PipePtr pipe(popen((command + " 2>&1").c_str(), "r"));
+    std::string output;
+    char part[4096];
+    std::size_t count = 0;
+    while ((count = fread(part, 1, sizeof part, pipe.get())) > 0)
+        output.append(part, count);
+    return output;
+}
+
+std::string ruleset()
+{
+    return outputOf("nft list ruleset");
+}
+
+std::string request(const std::string& rules, const std::string& label = "vpn.vpnoal",
+                    const std::string& chain = "NORVA")
+{
+    return R"({"label":")" + label + R"(","chainNew":")" + chain + R"(","rules":[)" + rules + "]}";
+}
+
+int control(const std::string& json)
+{
+    return VkFirewallFullCtrl(json.c_str());
+}
+
+std::string table(const std::string& rules, const std::string& label = "vpn.vpnoal")
+{
+    std::string text = "table inet " + label + " {\n\tcomment \"vknetconfig\"\n\tchain NORVA {\n" + rules + "\t}\n";
+    for (const std::string hook : {"input", "output", "forward"}) {
+        text += "\n\tchain _" + hook + " {\n\t\ttype filter hook " + hook +
+                " priority filter; policy accept;\n\t\tjump NORVA\n\t}\n";
+    }
+    return text + "}\n";
+}
+
+// The work in a process of its own; returns its exit code.
+int inChild(const std::function<int()>& work)
+{
+    const pid_t child = fork();
+    if (child == 0) _exit(work());
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::set<int> openFiles()
+{
+    std::set<int> files;
+    const DirPtr folder(opendir("/proc/self/fd"));
+    while (const dirent* found = readdir(folder.get())) {
+        const int file = std::atoi(found->d_name);
+        if (found->d_name[0] != '.' && file != dirfd(folder.get())) files.insert(file);
+    }
+    return files;
+}
+
+std::size_t threadCount()
+{
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+class FirewallKernelTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("VKLOG_TARGET", "stderr", 1);
+        outputOf("nft flush ruleset");
+    }
+    void TearDown() override
+    {
+        control(removal);
+        outputOf("nft flush ruleset");
+    }
+    // What the failing call logs.
+    static std::string errorOf(const std::string& json)
+    {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        EXPECT_NE(control(json), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        std::string line = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+        return line;
+    }
+};
+
+}  // namespace
+
+TEST_F(FirewallKernelTest, everyKindOfRuleIsInTheKernel)
+{
+    ASSERT_EQ(control(request(
+                  R"({"operation":"append","source":"10.1.2.3/255.0.0.0","destination":"192.168.1.9","protocol":"TCP",)"
+                  R"("interfaceName":"norvatun0","interfaceDirection":"out","sourcePort":1,"destinationPort":65535,)"
+                  R"("jumpTo":"ACCEPT"},)"
+                  R"({"operation":"append","interfaceName":"absent.7","interfaceDirection":"in","jumpTo":"DROP"},)"
+                  R"({"operation":"append","protocol":"ICMP","jumpTo":"ACCEPT"},)"
+                  R"({"operation":"append","protocol":"UDP","destination":"0.0.0.0/0.0.0.0","jumpTo":"ACCEPT"},)"
+                  R"({"operation":"append","destinationPort":53,"jumpTo":"ACCEPT"},)" +
+                  std::string(dropAll))),
+              0);
+    EXPECT_EQ(
+        ruleset(),
+        table("\t\toifname \"norvatun0\" ip saddr 10.0.0.0/8 ip daddr 192.168.1.9 tcp sport 1 tcp dport 65535 accept\n"
+              "\t\tiifname \"absent.7\" drop\n"
+              "\t\tmeta l4proto icmp accept\n"
+              "\t\tmeta nfproto ipv4 meta l4proto udp accept\n"
+              "\t\ttcp dport 53 accept\n"
+              "\t\tudp dport 53 accept\n"
+              "\t\tdrop\n"));
+}
+
+TEST_F(FirewallKernelTest, aFilterWithoutRulesIsThereAndLetsEverythingThrough)
+{
+    ASSERT_EQ(control(request("")), 0);
+    EXPECT_EQ(ruleset(), table(""));
+}
+
+TEST_F(FirewallKernelTest, settingUpReplacesTheLabelsEarlierFilter)
+{
+    ASSERT_EQ(control(request(dropAll)), 0);
+    ASSERT_EQ(control(request(R"({"operation":"append","protocol":"TCP","jumpTo":"DROP"})")), 0);
+    EXPECT_EQ(ruleset(), table("\t\tmeta l4proto tcp drop\n"));
+}
+
+TEST_F(FirewallKernelTest, labelsDoNotDisturbEachOther)
+{
+    ASSERT_EQ(control(request("", "other")), 0);
+    ASSERT_EQ(control(request(dropAll)), 0);
+    ASSERT_EQ(control(R"({"label":"other","chainDelete":"NORVA"})"), 0);
+    EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
+}
+
+TEST_F(FirewallKernelTest, aLabelMayHoldASlash)
+{
+    ASSERT_EQ(control(request("", "a/b")), 0);
+    EXPECT_EQ(ruleset(), table("", "a/b"));
+    ASSERT_EQ(control(R"({"label":"a/b","chainDelete":"NORVA"})"), 0);
+    EXPECT_EQ(ruleset(), "");
+}
+
+TEST_F(FirewallKernelTest, removalLeavesNothing)
+{
+    ASSERT_EQ(control(request(dropAll)), 0);
+    ASSERT_EQ(control(removal), 0);
+    EXPECT_EQ(ruleset(), "");
+    EXPECT_TRUE(std::filesystem::is_empty("/run/vknetconfig") ||
+                !std::filesystem::exists("/run/vknetconfig/firewall-vpn.vpnoal.journal"));
+}
+
+TEST_F(FirewallKernelTest, removingWhatIsNotThereSucceeds)
+{
+    EXPECT_EQ(control(removal), 0);
+    EXPECT_EQ(control(removal), 0);
+    EXPECT_EQ(ruleset(), "");
+}
+
+TEST_F(FirewallKernelTest, aFilterThatSomebodyFlushedCanBeRemovedAndSetUpAgain)
+{
+    ASSERT_EQ(control(request(dropAll)), 0);
+    outputOf("nft flush ruleset");
+    EXPECT_EQ(control(removal), 0);
+    EXPECT_EQ(control(request(dropAll)), 0);
+    EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
+}
+
+TEST_F(FirewallKernelTest, aForeignTableOfTheSameNameIsNeverTouched)
+{
+    outputOf("nft 'table inet vpn.vpnoal { comment \"mine\"; chain c { drop; }; }'");
+    const std::string before = ruleset();
+    ASSERT_THAT(before, HasSubstr("mine"));
+    EXPECT_THAT(errorOf(request(dropAll)), HasSubstr("VkFirewallFullCtrl: label: the table inet vpn.vpnoal is there"));
+    EXPECT_THAT(errorOf(removal), HasSubstr("label: "));
+    EXPECT_EQ(ruleset(), before);
+}
+
+TEST_F(FirewallKernelTest, aTableOfAnotherFamilyIsNoObstacle)
+{
+    outputOf("nft add table ip vpn.vpnoal");
+    EXPECT_EQ(control(request("")), 0);
+    EXPECT_EQ(control(removal), 0);
+    EXPECT_EQ(ruleset(), "table ip vpn.vpnoal {\n}\n");
+}
+
+TEST_F(FirewallKernelTest, wordsOfNftsOwnLanguageAreRefusedByTheirKey)
+{
+    EXPECT_THAT(errorOf(request(dropAll, "counter")), HasSubstr(R"(label: "counter" is a word of nft's own language)"));
+    EXPECT_THAT(errorOf(request(dropAll, "a", "drop")),
+                HasSubstr(R"(chainNew: "drop" is a word of nft's own language)"));
+    EXPECT_EQ(control(R"({"label":"counter","chainDelete":"drop"})"), 0);
+    EXPECT_EQ(ruleset(), "");
+}
+
+TEST_F(FirewallKernelTest, aBadRequestChangesNothing)
+{
+    ASSERT_EQ(control(request(dropAll)), 0);
+    const std::string before = ruleset();
+    EXPECT_THAT(errorOf(request(std::string(dropAll) +
+                                R"(,{"operation":"append","protocol":"ICMP","sourcePort":1,"jumpTo":"DROP"})")),
+                HasSubstr("VkFirewallFullCtrl: rules[1].sourcePort: "));
+    EXPECT_NE(errorOf(std::string(1 << 20, '{')), "");
+    EXPECT_NE(VkFirewallFullCtrl(nullptr), 0);
+    EXPECT_EQ(ruleset(), before);
+}
+
+TEST_F(FirewallKernelTest, missingPrivilegesAreReported)
+{
+    testing::internal::CaptureStderr();
+    const int result = inChild([] {
+        __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct none[2] = {};
+        none[0].effective = none[0].permitted = 1U << CAP_DAC_OVERRIDE;  // for the journal
+        if (syscall(SYS_capset, &head, none) != 0) return 99;
+        return control(request(dropAll)) != 0 && control(removal) != 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("nftables: the kernel: Operation not permitted"));
+    EXPECT_EQ(ruleset(), "");
+}
+
+TEST_F(FirewallKernelTest, everythingItOpensIsCloseOnExec)
+{
+    const int result = inChild([] {
+        const std::set<int> before = openFiles();
+        if (control(request(dropAll)) != 0) return 1;
+        int opened = 0;
+        for (const int file : openFiles()) {
+            if (before.count(file) != 0) continue;
+            ++opened;
+            if ((fcntl(file, F_GETFD) & FD_CLOEXEC) == 0) return 2;
+        }
+        return opened > 0 && control(removal) == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(FirewallKernelTest, aThreadInAnotherNetworkNamespaceGetsItsOwnFilter)
+{
+    ASSERT_EQ(control(request("")), 0);
+    const std::string here = ruleset();
+    std::string there;
+    std::thread([&there] {
+        if (unshare(CLONE_NEWNET) != 0) return;
+        EXPECT_EQ(control(request(dropAll)), 0);
+        there = ruleset();
+    }).join();
+    EXPECT_EQ(there, table("\t\tdrop\n"));
+    EXPECT_EQ(ruleset(), here);
+}
+
+TEST_F(FirewallKernelTest, aReaderNeverSeesTheFilterAbsentOrPartial)
+{
+    std::string fewRules = dropAll;
+    std::string manyRules = dropAll;
+    std::string fewLines = "\t\tdrop\n";
+    std::string manyLines = "\t\tdrop\n";
+    for (int count = 0; count < 200; ++count) {
+        const std::string address = "10.0.0." + std::to_string(count);
+        manyRules += R"(,{"operation":"append","source":")" + address + R"(","jumpTo":"ACCEPT"})";
+        manyLines += "\t\tip saddr " + address + " accept\n";
+    }
+    const std::string few = table(fewLines);
+    const std::string many = table(manyLines);
+    ASSERT_EQ(control(request(fewRules)), 0);
+    std::atomic<bool> done{false};
+    std::atomic<int> seenFew{0};
+    std::atomic<int> seenMany{0};
+    std::string other;
+    std::thread reader([&] {
+        while (!done && other.empty()) {
+            const std::string seen = outputOf("nft list table inet vpn.vpnoal");
+            if (seen == few) {
+                ++seenFew;
+            } else if (seen == many) {
+                ++seenMany;
+            } else {
+                other = seen;
+            }
+        }
+    });
+    int replacements = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while ((seenFew < 20 || seenMany < 20 || replacements < 200) && std::chrono::steady_clock::now() < end) {
+        EXPECT_EQ(control(request(++replacements % 2 == 0 ? fewRules : manyRules)), 0);
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(other, "");
+    EXPECT_GE(seenFew, 20);
+    EXPECT_GE(seenMany, 20);
+}
+
+TEST_F(FirewallKernelTest, killedAtAnyStepTheNextProcessCleansUp)
+{
+    outputOf("nft 'table inet somebody { chain c { type filter hook input priority 5; counter; }; }'");
+    outputOf("nft 'table ip vpn.vpnoal { chain c { drop; }; }'");
+    const std::string before = ruleset();
+    int step = 0;
+    bool killed = true;
+    for (; killed; ++step) {
+        const auto outcome = testsupport::runKilledAt(step, [] {
+            control(request(dropAll));
+            control(request(R"({"operation":"append","protocol":"TCP","jumpTo":"DROP"})"));
+            control(removal);
+        });
+        if (!outcome) GTEST_SKIP() << "processes cannot be traced here";
+        killed = *outcome;
+        EXPECT_EQ(inChild([] { return control(R"({"label":"another","chainDelete":"NORVA"})"); }), 0);
+        EXPECT_EQ(ruleset(), before) << "killed at step " << step;
+    }
+    EXPECT_GT(step, 20);
+}
+
+TEST_F(FirewallKernelTest, aTableThatReplacedOursAfterACrashIsLeftAlone)
+{
+    EXPECT_EQ(inChild([] { return control(request(dropAll)) == 0 ? raise(SIGKILL) : 1; }), 128 + SIGKILL);
+    EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
+    outputOf("nft flush ruleset");
+    outputOf("nft add table inet vpn.vpnoal");
+    EXPECT_EQ(inChild([] { return control(R"({"label":"another","chainDelete":"NORVA"})"); }), 0);
+    EXPECT_EQ(ruleset(), "table inet vpn.vpnoal {\n}\n");
+}
+
+TEST_F(FirewallKernelTest, loadingAndUnloadingLeavesNothing)
+{
+    const auto cycle = [] {
+        void* const library = dlopen(WFOAL_BUILD_DIR "/lib/libVkNetConfigLib.so", RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << dlerror();
+        const auto function = reinterpret_cast<int (*)(const char*)>(dlsym(library, "VkFirewallFullCtrl"));
+        ASSERT_NE(function, nullptr);
+        EXPECT_EQ(function(request(dropAll).c_str()), 0);
+        EXPECT_EQ(function(removal), 0);
+        dlclose(library);
+    };
+    cycle();
+    const std::set<int> files = openFiles();
+    const std::size_t threads = threadCount();
+    for (int count = 0; count < 200; ++count)
+        cycle();
+    EXPECT_EQ(openFiles(), files);
+    EXPECT_EQ(threadCount(), threads);
+    EXPECT_EQ(dlopen(WFOAL_BUILD_DIR "/lib/libVkNetConfigLib.so", RTLD_NOW | RTLD_NOLOAD), nullptr);
+}
+
+namespace {
+
+// Two namespaces on one veth pair: 10.9.0.1 here, 10.9.0.2 over there.
+class FirewallPacketTest : public FirewallKernelTest {
+protected:
+    void SetUp() override
+    {
+        FirewallKernelTest::SetUp();
+        outputOf(
+            "ip netns add peer; ip link add veth0 type veth peer name veth1 netns peer;"
+            "ip addr add 10.9.0.1/24 dev veth0; ip link set veth0 up;"
+            "ip -n peer addr add 10.9.0.2/24 dev veth1; ip -n peer link set veth1 up");
+    }
+    void TearDown() override
+    {
+        outputOf("ip link del veth0; ip netns del peer");
+        FirewallKernelTest::TearDown();
+    }
+    static UniqueFd socketHere(int port)
+    {
+        UniqueFd made(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const sockaddr_in address = addressOf("0.0.0.0", port);
+        EXPECT_EQ(bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        return made;
+    }
+    // A socket belongs to the namespace it was made in.
+    static UniqueFd socketThere(int port)
+    {
+        UniqueFd made;
+        std::thread([&made, port] {
+            const UniqueFd peer(open("/run/netns/peer", O_RDONLY | O_CLOEXEC));
+            EXPECT_EQ(setns(peer.get(), CLONE_NEWNET), 0);
+            made = socketHere(port);
+        }).join();
+        return made;
+    }
+    static bool sendTo(const UniqueFd& from, const char* address, int port)
+    {
+        const sockaddr_in target = addressOf(address, port);
+        return sendto(from.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 1;
+    }
+    static bool arrives(const UniqueFd& at, int patience)
+    {
+        pollfd waiting{at.get(), POLLIN, 0};
+        char byte = 0;
+        return poll(&waiting, 1, patience) == 1 && recv(at.get(), &byte, 1, 0) == 1;
+    }
+
+    static constexpr int longEnough = 2000;  // milliseconds for a packet that does arrive
+
+private:
+    static sockaddr_in addressOf(const char* address, int port)
+    {
+        sockaddr_in made{};
+        made.sin_family = AF_INET;
+        made.sin_port = htons(static_cast<std::uint16_t>(port));
+        inet_pton(AF_INET, address, &made.sin_addr);
+        return made;
+    }
+};
+
+}  // namespace
+
+TEST_F(FirewallPacketTest, aDroppedPacketDoesNotComeInAndAnAllowedOneDoes)
+{
+    const UniqueFd dropped = socketHere(4001);
+    const UniqueFd allowed = socketHere(4002);
+    const UniqueFd sender = socketThere(5000);
+    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
+    ASSERT_TRUE(arrives(dropped, longEnough)) << "without a filter";
+    ASSERT_EQ(
+        control(request(R"({"operation":"append","source":"10.9.0.0/255.255.255.0","destinationPort":4001,)"
+                        R"("protocol":"UDP","interfaceName":"veth0","interfaceDirection":"in","jumpTo":"DROP"})")),
+        0);
+    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
+    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4002));
+    EXPECT_TRUE(arrives(allowed, longEnough));
+    EXPECT_FALSE(arrives(dropped, 0)) << "it was sent before the one that arrived";
+    ASSERT_EQ(control(removal), 0);
+    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
+    EXPECT_TRUE(arrives(dropped, longEnough)) << "after the removal";
+}
+
+TEST_F(FirewallPacketTest, aDroppedPacketDoesNotGoOut)
+{
+    const UniqueFd receiver = socketThere(4001);
+    const UniqueFd sender = socketHere(5000);
+    ASSERT_EQ(control(request(R"({"operation":"append","destination":"10.9.0.2","destinationPort":4001,)"
+                              R"("interfaceName":"veth0","interfaceDirection":"out","jumpTo":"DROP"})")),
+              0);
+    EXPECT_FALSE(sendTo(sender, "10.9.0.2", 4001)) << "the kernel tells the sender";
+    EXPECT_FALSE(arrives(receiver, 0));
+    ASSERT_EQ(control(removal), 0);
+    EXPECT_TRUE(sendTo(sender, "10.9.0.2", 4001));
+    EXPECT_TRUE(arrives(receiver, longEnough));
+}
+
+TEST_F(FirewallPacketTest, theFirstRuleThatMatchesDecides)
+{
+    const UniqueFd receiver = socketThere(4001);
+    const UniqueFd sender = socketHere(5000);
+    const std::string accept = R"({"operation":"append","destination":"10.9.0.2","jumpTo":"ACCEPT"})";
+    ASSERT_EQ(control(request(accept + "," + dropAll)), 0);
+    EXPECT_TRUE(sendTo(sender, "10.9.0.2", 4001));
+    EXPECT_TRUE(arrives(receiver, longEnough));
+    ASSERT_EQ(control(request(std::string(dropAll) + "," + accept)), 0);
+    EXPECT_FALSE(sendTo(sender, "10.9.0.2", 4001));
+}
