@@ -7,7 +7,6 @@
 #include "InterfaceName.h"
 #include "Ipv4.h"
 #include "RequestError.h"
-#include "StrictJson.h"
 
 namespace vknetconfig {
 
