@@ -24,7 +24,7 @@ public:
     /// the settings now in force when they are ours, else empty.
     virtual std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier) = 0;
 
-    /// Puts the settings in force, in place of those the link had.
+    /// Puts the settings in force, in place of those the link had. When it fails the link has those still.
     virtual void set(const Link& link, const DnsSettings& settings) = 0;
 
     /// Brings back what was there before, when the link still has what was set. A link or service that is gone is no

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A prepared line begins with the name of the resolver that it is for.
+#include "Dns.h"
+
+#include "DnsWatcher.h"
+#include "LinkDns.h"
+#include "RequestError.h"
+#include "ResolvconfResolver.h"
+#include "ResolvedResolver.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::string_view resolvedWord = "resolved ";
+constexpr std::string_view resolvconfWord = "resolvconf ";
+
+// What follows the word; empty when the line begins with another one.
+std::string_view after(std::string_view word, std::string_view line)
+{
+    return line.substr(0, word.size()) == word ? line.substr(word.size()) : std::string_view();
+}
+
+}  // namespace
+
+Dns::Dns() : mWatcher(std::make_unique<DnsWatcher>()) {}
+
+Dns::~Dns() = default;
+
+std::string Dns::prepare(const Link& link, const DnsSettings& settings, std::string_view earlier)
+{
+    ResolvedResolver resolved;
+    if (resolved.works()) {
+        return std::string(resolvedWord) + resolved.prepare(link, settings, after(resolvedWord, earlier));
+    }
+    ResolvconfResolver resolvconf;
+    if (resolvconf.works()) {
+        return std::string(resolvconfWord) + resolvconf.prepare(link, settings, after(resolvconfWord, earlier));
+    }
+    throw RequestError("ipv4.dns",
+                       "no resolver takes it: systemd-resolved does not answer on the system bus, and "
+                       "there is no resolvconf that runs");
+}
+
+void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared)
+{
+    if (after(resolvedWord, prepared).empty()) {
+        ResolvconfResolver().set(link, settings);
+        return;
+    }
+    ResolvedResolver().set(link, settings);
+    mWatcher->watch(link, wantedOf(settings));
+}
+
+void Dns::undo(std::string_view prepared)
+{
+    if (const std::string_view change = after(resolvedWord, prepared); !change.empty()) {
+        mWatcher->forget(LinkChange::decode(change).link);
+        ResolvedResolver().undo(change);
+    } else if (const std::string_view name = after(resolvconfWord, prepared); !name.empty()) {
+        ResolvconfResolver().undo(name);
+    } else {
+        throw RequestError("journal", "no DNS settings: " + excerpt(prepared));
+    }
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DnsSettings.h"
+
+#include <net/if.h>
+
+namespace vknetconfig {
+
+bool operator==(const Link& left, const Link& right)
+{
+    return left.index == right.index && left.name == right.name;
+}
+
+bool isPresent(const Link& link)
+{
+    char name[IF_NAMESIZE] = {};
+    return link.index > 0 && if_indextoname(static_cast<unsigned>(link.index), name) != nullptr && link.name == name;
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DnsWatcher.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "Log.h"
+#include "RequestError.h"
+#include "ResolvedManager.h"
+
+namespace vknetconfig {
+
+namespace {
+
+using Clock = RateLimit::Clock;
+
+constexpr auto never = Clock::time_point::max();
+constexpr int reconnectPause = 5000;  // milliseconds
+constexpr auto retryPause = std::chrono::milliseconds(250);
+
+// Signals are for the agent's own threads.
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
+    }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+
+private:
+    sigset_t mBefore{};
+};
+
+int onOwnerChanged(sd_bus_message* signal, void* state, sd_bus_error*)
+{
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    const bool isUp = sd_bus_message_read(signal, "sss", &name, &before, &now) >= 0 && *now != '\0';
+    if (isUp) *static_cast<Clock::time_point*>(state) = Clock::now();
+    return 0;
+}
+
+}  // namespace
+
+DnsWatcher::~DnsWatcher()
+{
+    stop();
+}
+
+void DnsWatcher::watch(const Link& link, const LinkDns& dns)
+{
+    {
+        const std::lock_guard<std::mutex> lock(mLock);
+        mWatched[link.index] = {link.name, dns};
+    }
+    if (!mThread.joinable()) start();
+}
+
+void DnsWatcher::forget(const Link& link)
+{
+    bool isLast = false;
+    {
+        const std::lock_guard<std::mutex> lock(mLock);
+        mWatched.erase(link.index);
+        isLast = mWatched.empty();
+    }
+    if (isLast) stop();
+}
+
+void DnsWatcher::start()
+{
+    mStop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mStop.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
+    const SignalsBlocked forTheThread;
+    mThread = std::thread(&DnsWatcher::run, this);
+}
+
+void DnsWatcher::stop()
+{
+    if (!mThread.joinable()) return;
+    eventfd_write(mStop.get(), 1);
+    mThread.join();
+    mStop.reset();
+}
+
+void DnsWatcher::run()
+{
+    pollfd stop{mStop.get(), POLLIN, 0};
+    do {
+        try {
+            listen();
+        } catch (const std::exception& error) {
+            VKNETCONFIG_DEBUG("not watching systemd-resolved for now: %s", error.what());
+        }
+    } while (poll(&stop, 1, reconnectPause) == 0);
+}
+
+void DnsWatcher::listen()
+{
+    ResolvedManager manager(openSystemBus(mStop.get()));
+    const std::string match =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+        std::string(resolvedName) + "'";
+    sd_bus_slot* added = nullptr;
+    const int result = sd_bus_add_match(manager.bus(), &added, match.c_str(), onOwnerChanged, &mDue);
+    const SdBusSlotPtr slot(added);
+    if (result < 0) throw systemError("ipv4.dns", "match", -result);
+    mDue = Clock::now();  // it may have restarted while nobody listened
+    while (processUntil(manager.bus(), mStop.get(), mDue)) {
+        if (Clock::now() >= mDue) setAgain(manager);
+    }
+}
+
+void DnsWatcher::setAgain(ResolvedManager& manager)
+{
+    // Held while setting, so that what is forgotten is not set any more.
+    const std::lock_guard<std::mutex> lock(mLock);
+    mDue = never;
+    for (const auto& [index, watched] : mWatched) {
+        if (!isPresent({index, watched.name})) continue;
+        const auto found = manager.read(index);
+        if (found && *found == watched.dns) continue;
+        const auto now = Clock::now();
+        mDue = std::max(mLimit.next(now), found ? now : now + retryPause);
+        if (!found || mDue > now) return;  // it may not know the link yet
+        manager.write(index, watched.dns);
+        mLimit.count(now);
+        mDue = never;
+        VKNETCONFIG_INFO("set the DNS servers of %s again, as systemd-resolved had restarted", watched.name.c_str());
+    }
+}
+
+}  // namespace vknetconfig
