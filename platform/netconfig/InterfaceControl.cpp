@@ -75,11 +75,13 @@ InterfaceRecord readRecord(const std::string& subject, const std::string& conten
     return {};
 }
 
-InterfaceRecord together(InterfaceRecord record, const InterfaceRecord& other)
+// All that is in force at one moment or another of a change.
+InterfaceRecord together(InterfaceRecord record, const InterfaceRecord& dropped, const std::vector<std::string>& dns)
 {
-    record.addresses.insert(record.addresses.end(), other.addresses.begin(), other.addresses.end());
-    record.routes.insert(record.routes.end(), other.routes.begin(), other.routes.end());
-    record.dns.insert(record.dns.end(), other.dns.begin(), other.dns.end());
+    record.addresses.insert(record.addresses.end(), dropped.addresses.begin(), dropped.addresses.end());
+    record.routes.insert(record.routes.end(), dropped.routes.begin(), dropped.routes.end());
+    std::copy_if(dns.begin(), dns.end(), std::back_inserter(record.dns),
+                 [&](const std::string& line) { return !contains(record.dns, line); });
     return record;
 }
 
@@ -128,7 +130,6 @@ bool InterfaceControl::isSubject(std::string_view subject)
 
 void InterfaceControl::apply(const InterfaceRequest& request)
 {
-    if (!request.dns.empty()) throw RequestError("ipv4.dns", "no resolver can be set yet");
     const std::string subject = subjectOf(request.ifName);
     InterfaceRecord earlier = takeOver(subject);
     const bool isReplaced = !earlier.name.empty();
@@ -136,7 +137,7 @@ void InterfaceControl::apply(const InterfaceRequest& request)
     try {
         const LinkState link = linkFor(request, earlier);
         changes = plan(request, link, earlier);
-        mJournal.write(subject, together(changes.wanted, changes.dropped).encode());
+        mJournal.write(subject, together(changes.wanted, changes.dropped, earlier.dns).encode());
     } catch (...) {
         if (!isReplaced) mJournal.erase(subject);
         throw;
@@ -147,7 +148,8 @@ void InterfaceControl::apply(const InterfaceRequest& request)
         rollBack(subject, changes, earlier);
         throw;
     }
-    settle(subject, changes);
+    mDnsInForce[subject] = request.dns;
+    settle(subject, changes, earlier);
     VKNETCONFIG_INFO("%s: %zu routes in force, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
                      changes.added.routes.size());
 }
@@ -158,6 +160,7 @@ void InterfaceControl::remove(const std::string& ifName)
     const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
     takeBack(record);
     mJournal.erase(subject);
+    mDnsInForce.erase(subject);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
 }
 
@@ -202,6 +205,7 @@ InterfaceControl::Plan InterfaceControl::plan(const InterfaceRequest& request, c
     plan.wanted.linkBefore = earlier.linkBefore ? earlier.linkBefore : plan.added.linkBefore;
     planAddress(request, earlier, plan);
     planRoutes(request, earlier, plan);
+    planDns(request, earlier, plan);
     return plan;
 }
 
@@ -232,9 +236,21 @@ void InterfaceControl::planRoutes(const InterfaceRequest& request, const Interfa
     plan.dropped.routes = without(earlier.routes, sorted(request.routes));
 }
 
+// The new settings take the place of those in force; only with another resolver, or without, are those undone.
+void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
+{
+    plan.dropped.dns = earlier.dns;
+    if (request.dns.empty()) return;
+    const std::string before = earlier.dns.empty() ? std::string() : earlier.dns.front();
+    plan.wanted.dns = {mDns.prepare({plan.wanted.index, request.ifName}, request.dns, before)};
+    plan.added.dns = plan.wanted.dns;
+    if (!before.empty() && Dns::takesPlaceOf(plan.wanted.dns.front(), before)) plan.dropped.dns.clear();
+}
+
 void InterfaceControl::carryOut(const InterfaceRequest& request, const Plan& plan)
 {
     if (const auto failure = put(plan.added)) refuse(*failure, request, plan.added);
+    for (const std::string& line : plan.added.dns) mDns.set({plan.added.index, request.ifName}, request.dns, line);
     if (isEmpty(plan.dropped)) return;
     takeBack(plan.dropped);
     // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by a
@@ -255,6 +271,7 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
             return;
         }
         if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
+        for (const std::string& line : earlier.dns) mDns.set({earlier.index, earlier.name}, mDnsInForce[subject], line);
         mJournal.write(subject, earlier.encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
@@ -262,9 +279,9 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
 }
 
 // The request has succeeded: a journal that names too much does no harm.
-void InterfaceControl::settle(const std::string& subject, const Plan& plan)
+void InterfaceControl::settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
 {
-    if (isEmpty(plan.dropped)) return;
+    if (earlier.name.empty()) return;
     try {
         mJournal.write(subject, plan.wanted.encode());
     } catch (const std::exception& error) {
@@ -304,11 +321,12 @@ InterfaceRecord InterfaceControl::missingOf(const InterfaceRecord& record)
     return missing;
 }
 
-// Takes back what is still there and still ours. An interface that is gone has taken everything with it.
+// Takes back what is still there and still ours.
 void InterfaceControl::takeBack(const InterfaceRecord& record)
 {
-    if (record.name.empty() || !linkWithIndex(mSocket, record.index)) return;
+    if (record.name.empty()) return;
     AllSteps inTurn;
+    for (const std::string& line : record.dns) inTurn([&] { mDns.undo(line); });
     inTurn([&] { takeBackRoutes(record); });
     inTurn([&] { takeBackAddresses(record); });
     inTurn([&] { takeBackLink(record); });

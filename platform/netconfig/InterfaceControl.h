@@ -6,9 +6,12 @@
 #ifndef VKNETCONFIG_INTERFACECONTROL_H
 #define VKNETCONFIG_INTERFACECONTROL_H
 
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "Dns.h"
 #include "InterfaceRecord.h"
 #include "InterfaceRequest.h"
 #include "Journal.h"
@@ -45,11 +48,12 @@ private:
     Plan plan(const InterfaceRequest& request, const LinkState& link, const InterfaceRecord& earlier);
     void planAddress(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void planRoutes(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
+    void planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void carryOut(const InterfaceRequest& request, const Plan& plan);
     [[noreturn]] void refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
                              const InterfaceRecord& added);
     void rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
-    void settle(const std::string& subject, const Plan& plan);
+    void settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
 
     std::optional<NetlinkFailure> put(const InterfaceRecord& record);
     InterfaceRecord missingOf(const InterfaceRecord& record);
@@ -60,6 +64,8 @@ private:
 
     Journal& mJournal;
     NetlinkSocket mSocket;
+    Dns mDns;
+    std::map<std::string, DnsSettings> mDnsInForce;  // by subject: what to set again after a failed replacement
 };
 
 }  // namespace vknetconfig
