@@ -130,6 +130,7 @@ bool InterfaceControl::isSubject(std::string_view subject)
 
 void InterfaceControl::apply(const InterfaceRequest& request)
 {
+    mSocket.followNamespace();
     const std::string subject = subjectOf(request.ifName);
     InterfaceRecord earlier = takeOver(subject);
     const bool isReplaced = !earlier.name.empty();
@@ -143,12 +144,14 @@ void InterfaceControl::apply(const InterfaceRequest& request)
         throw;
     }
     try {
+        DnsSettings& dnsInForce = mDnsInForce[subject];
+        DnsSettings dns = request.dns;
         carryOut(request, changes);
+        dnsInForce = std::move(dns);
     } catch (...) {
         rollBack(subject, changes, earlier);
         throw;
     }
-    mDnsInForce[subject] = request.dns;
     settle(subject, changes, earlier);
     VKNETCONFIG_INFO("%s: %zu routes in force, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
                      changes.added.routes.size());
@@ -156,6 +159,7 @@ void InterfaceControl::apply(const InterfaceRequest& request)
 
 void InterfaceControl::remove(const std::string& ifName)
 {
+    mSocket.followNamespace();
     const std::string subject = subjectOf(ifName);
     const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
     takeBack(record);
@@ -166,6 +170,7 @@ void InterfaceControl::remove(const std::string& ifName)
 
 void InterfaceControl::removeLeft(const std::string& subject)
 {
+    mSocket.followNamespace();
     takeBack(readRecord(subject, mJournal.read(subject)));
     mJournal.erase(subject);
     VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());

@@ -5,6 +5,7 @@
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -104,6 +105,14 @@ mnl_socket* NetlinkSocket::handle()
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
     mSocket = std::move(socket);
     return mSocket.get();
+}
+
+void NetlinkSocket::followNamespace()
+{
+    struct stat status{};
+    if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
+    if (status.st_ino != mNamespace) mSocket.reset();
+    mNamespace = status.st_ino;
 }
 
 int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit)

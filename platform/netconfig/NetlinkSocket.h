@@ -5,6 +5,8 @@
 #ifndef VKNETCONFIG_NETLINKSOCKET_H
 #define VKNETCONFIG_NETLINKSOCKET_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -25,8 +27,11 @@ struct NetlinkFailure {
 
 class NetlinkSocket {
 public:
-    /// Opens the socket at the first use; it stays open, as closing costs more than opening.
+    /// Opens the socket at the first use; it stays open for later requests.
     mnl_socket* handle();
+
+    /// Closes a socket that belongs to another network namespace than the calling thread does by now.
+    void followNamespace();
 
     /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value; an
     /// answer that a concurrent change interrupted is asked for again.
@@ -37,6 +42,7 @@ private:
     int receiveAnswer(std::uint32_t sequence, const std::function<void(const nlmsghdr*)>& visit);
 
     MnlSocketPtr mSocket;
+    ino_t mNamespace = 0;
     std::uint32_t mSequence = 0;
 };
 
