@@ -53,6 +53,11 @@ void Dns::set(const Link& link, const DnsSettings& settings, std::string_view pr
     mWatcher->watch(link, wantedOf(settings));
 }
 
+bool Dns::takesPlaceOf(std::string_view prepared, std::string_view earlier)
+{
+    return prepared.substr(0, prepared.find(' ')) == earlier.substr(0, earlier.find(' '));
+}
+
 void Dns::undo(std::string_view prepared)
 {
     if (const std::string_view change = after(resolvedWord, prepared); !change.empty()) {

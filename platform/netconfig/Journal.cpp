@@ -75,7 +75,7 @@ std::string bootLine()
 std::string namespaceLine()
 {
     struct stat status{};
-    if (stat("/proc/self/ns/net", &status) != 0) fail("network namespace");
+    if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
     return "namespace " + std::to_string(status.st_ino) + "\n";
 }
 

@@ -43,6 +43,8 @@ public:
     /// content in force: what this process wrote, or what a dead one left; empty when there is none.
     std::string own(const std::string& subject);
 
+    bool owns(const std::string& subject) const { return mOwned.count(subject) != 0; }
+
     /// Replaces the content of an owned subject. When this returns it is on the disk; when it throws, the earlier
     /// content still is.
     void write(const std::string& subject, std::string_view content);

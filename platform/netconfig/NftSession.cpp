@@ -62,9 +62,18 @@ std::set<int> netfilterSockets()
     return sockets;
 }
 
-// libnftables opens its socket without close-on-exec and does not hand it out, so it is found by what is new.
+MnlSocketPtr newSocket()
+{
+    MnlSocketPtr socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
+    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("open", errno);
+    return socket;
+}
+
+// libnftables opens its socket without close-on-exec and does not hand it out, so it is found by what is new. It ends
+// the process when it gets none, so one is tried first.
 NftContextPtr newContext()
 {
+    newSocket();
     const std::set<int> before = netfilterSockets();
     NftContextPtr context(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!context) fail("open", ENOMEM);
@@ -74,13 +83,6 @@ NftContextPtr newContext()
     // Without buffers it would write to the standard output and error of the process.
     if (nft_ctx_buffer_output(context.get()) != 0 || nft_ctx_buffer_error(context.get()) != 0) fail("open", ENOMEM);
     return context;
-}
-
-MnlSocketPtr newSocket()
-{
-    MnlSocketPtr socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
-    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("open", errno);
-    return socket;
 }
 
 // "Error: Could not process rule: Operation not permitted" and the place of it -> "Operation not permitted".

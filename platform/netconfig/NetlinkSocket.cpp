@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NetlinkSocket.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::size_t largestMessage = 1024;
+constexpr std::size_t batchSize = 64 * 1024;  // well under the smallest usual send buffer
+constexpr std::size_t answerSize = 64 * 1024;
+constexpr int receiveBuffer = 4 * 1024 * 1024;
+constexpr int longestSilence = 5000;  // milliseconds; the kernel answers while it is asked
+constexpr int mostAttempts = 10;
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw systemError("netlink", what, errno);
+}
+
+enum class Received { bytes, dropped, nothing };
+
+// The next bytes of the kernel. Dropped: it had no room for some answers; what it had room for can still be received.
+Received receive(mnl_socket* socket, std::vector<char>& buffer, int patience, int& count)
+{
+    pollfd waiting{mnl_socket_get_fd(socket), POLLIN, 0};
+    while (true) {
+        const int ready = poll(&waiting, 1, patience);
+        if (ready == 0) return Received::nothing;
+        if (ready < 0 && errno != EINTR) fail("poll");
+        if (ready < 0) continue;
+        count = static_cast<int>(mnl_socket_recvfrom(socket, buffer.data(), buffer.size()));
+        if (count > 0) return Received::bytes;
+        if (count < 0 && errno == ENOBUFS) return Received::dropped;
+        if (count < 0 && errno != EINTR && errno != EAGAIN) fail("receive");
+    }
+}
+
+template <class Visitor>
+void forEachMessage(const std::vector<char>& buffer, int count, Visitor visit)
+{
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    for (; mnl_nlmsg_ok(message, count); message = mnl_nlmsg_next(message, &count)) visit(message);
+}
+
+// The kernel's own words. They follow the error at once, as the request's payload is not echoed.
+std::string kernelText(const nlmsghdr* message)
+{
+    std::string text;
+    if ((message->nlmsg_flags & NLM_F_ACK_TLVS) == 0) return text;
+    const auto keep = [](const nlattr* attribute, void* into) -> int {
+        if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG && mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0) {
+            *static_cast<std::string*>(into) = mnl_attr_get_str(attribute);
+        }
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(message, sizeof(nlmsgerr), keep, &text);
+    return text;
+}
+
+int errorOf(const nlmsghdr* message)
+{
+    if (message->nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) return EBADMSG;
+    return -static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message))->error;
+}
+
+// A dump that failed on the way ends with the reason.
+int errorOfEnd(const nlmsghdr* message)
+{
+    if (message->nlmsg_len < mnl_nlmsg_size(sizeof(int))) return 0;
+    return -*static_cast<const int*>(mnl_nlmsg_get_payload(message));
+}
+
+}  // namespace
+
+std::string NetlinkFailure::reason() const
+{
+    const std::string general = std::strerror(error);
+    return text.empty() ? general : text + " (" + general + ")";
+}
+
+mnl_socket* NetlinkSocket::handle()
+{
+    if (mSocket) return mSocket.get();
+    MnlSocketPtr socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    if (!socket) fail("open");
+    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("bind");
+    int on = 1;
+    if (mnl_socket_setsockopt(socket.get(), NETLINK_CAP_ACK, &on, sizeof on) < 0) fail("set up");
+    // Only better with these: the kernel's own words, dumps filtered by the kernel, room for many errors.
+    mnl_socket_setsockopt(socket.get(), NETLINK_EXT_ACK, &on, sizeof on);
+    mnl_socket_setsockopt(socket.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
+    setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
+    mSocket = std::move(socket);
+    return mSocket.get();
+}
+
+void NetlinkSocket::followNamespace()
+{
+    struct stat status{};
+    if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
+    if (status.st_ino != mNamespace) mSocket.reset();
+    mNamespace = status.st_ino;
+}
+
+int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit)
+{
+    request->nlmsg_flags = static_cast<std::uint16_t>(request->nlmsg_flags | NLM_F_REQUEST);
+    int error = 0;
+    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+        request->nlmsg_seq = ++mSequence;
+        if (mnl_socket_sendto(handle(), request, request->nlmsg_len) < 0) fail("send");
+        // Kept until the answer is known to be whole.
+        std::vector<std::vector<char>> answer;
+        error = receiveAnswer(request->nlmsg_seq, [&](const nlmsghdr* message) {
+            const char* const bytes = reinterpret_cast<const char*>(message);
+            answer.emplace_back(bytes, bytes + message->nlmsg_len);
+        });
+        if (error == EINTR) continue;
+        for (const auto& message : answer) visit(reinterpret_cast<const nlmsghdr*>(message.data()));
+        return error;
+    }
+    return error;
+}
+
+int NetlinkSocket::receiveAnswer(std::uint32_t sequence, const std::function<void(const nlmsghdr*)>& visit)
+{
+    std::vector<char> buffer(answerSize);
+    bool isWhole = true;
+    std::optional<int> result;
+    while (!result) {
+        int count = 0;
+        switch (receive(handle(), buffer, isWhole ? longestSilence : 0, count)) {
+        case Received::nothing:
+            if (isWhole) throw RequestError("netlink", "the kernel does not answer");
+            return EINTR;
+        case Received::dropped: isWhole = false; continue;
+        case Received::bytes: break;
+        }
+        forEachMessage(buffer, count, [&](const nlmsghdr* message) {
+            if (message->nlmsg_seq != sequence || result) return;  // or the rest of an answer that was given up
+            if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) isWhole = false;
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                result = errorOf(message);
+            } else if (message->nlmsg_type == NLMSG_DONE) {
+                result = errorOfEnd(message);
+            } else {
+                visit(message);
+                if ((message->nlmsg_flags & NLM_F_MULTI) == 0) result = 0;
+            }
+        });
+    }
+    return *result == 0 && !isWhole ? EINTR : *result;
+}
+
+NetlinkBatch::NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated)
+    : mSocket(socket), mTolerated(tolerated), mBuffer(batchSize), mFirstSequence(socket.mSequence + 1)
+{
+}
+
+nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
+{
+    close();
+    if (mUsed + largestMessage > mBuffer.size()) send();
+    mLast = mnl_nlmsg_put_header(mBuffer.data() + mUsed);
+    mLast->nlmsg_type = type;
+    mLast->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+    mLast->nlmsg_seq = ++mSocket.mSequence;
+    ++mCount;
+    return mLast;
+}
+
+void NetlinkBatch::close()
+{
+    if (mLast == nullptr) return;
+    const auto offset = static_cast<std::size_t>(reinterpret_cast<char*>(mLast) - mBuffer.data());
+    mUsed = offset + MNL_ALIGN(mLast->nlmsg_len);
+}
+
+const std::vector<NetlinkFailure>& NetlinkBatch::finish()
+{
+    close();
+    send();
+    return mFailures;
+}
+
+void NetlinkBatch::send()
+{
+    if (mUsed == 0) return;
+    mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
+    const std::uint32_t last = mLast->nlmsg_seq;
+    if (mnl_socket_sendto(mSocket.handle(), mBuffer.data(), mUsed) < 0) fail("send");
+    mUsed = 0;
+    mLast = nullptr;
+    // When answers are dropped, the acknowledgement may be among them; the first error, being the oldest, never is.
+    std::vector<char> buffer(answerSize);
+    bool isDropped = false;
+    bool isComplete = false;
+    while (!isComplete) {
+        int count = 0;
+        const Received received = receive(mSocket.handle(), buffer, isDropped ? 0 : longestSilence, count);
+        if (received == Received::nothing) break;
+        isDropped = isDropped || received == Received::dropped;
+        if (received == Received::dropped) continue;
+        forEachMessage(buffer, count, [&](const nlmsghdr* message) {
+            take(message);
+            isComplete = isComplete || message->nlmsg_seq == last;
+        });
+    }
+    if (!isComplete && mFailures.empty()) mFailures.push_back({mCount - 1, isDropped ? ENOBUFS : ETIMEDOUT, {}});
+}
+
+void NetlinkBatch::take(const nlmsghdr* message)
+{
+    const std::uint32_t index = message->nlmsg_seq - mFirstSequence;
+    if (message->nlmsg_type != NLMSG_ERROR || index >= mCount) return;
+    const int error = errorOf(message);
+    if (error == 0 || std::find(mTolerated.begin(), mTolerated.end(), error) != mTolerated.end()) return;
+    mFailures.push_back({index, error, kernelText(message)});
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Processes that are killed, or end, with an interface configuration half or fully in force; and what the next process
+// makes of it. Black box: a driver process is ended before each of its system calls in turn.
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "KernelState.h"
+#include "handles/Stdio.h"
+
+using namespace testsupport;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+const std::string driver = "VKLOG_TARGET=stderr " WFOAL_BUILD_DIR "/bin/netconfigDriver ";
+
+// Those that change something, or that a change follows.
+constexpr char systemCalls[] = "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,recvmsg";
+
+class InterfaceCrash : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        makeInterface("vpn0", "");
+        makeInterface("vpn1");
+        run("ip route add 20.0.0.0/24 dev vpn1 metric 5");
+        std::ofstream("/tmp/first.json") << requestWithRoutes(2500, R"("ip":"0x0200080a","netmask":"0x00ffffff",)");
+        std::ofstream("/tmp/second.json") << R"({"ifName":"vpn0","ipv4":{"gateway":"0x00000000","additionalIfRoutes":[
+            {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":null,"metric":5}]}})";
+        mBefore = networkSnapshot();
+    }
+
+    void expectAllGone() const
+    {
+        EXPECT_EQ(networkSnapshot(), mBefore);
+        EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
+    }
+
+    // How often the steps make each system call.
+    static std::map<std::string, int> callsOf(const std::string& steps)
+    {
+        run("strace -f -qq -o /tmp/calls -e trace=" + std::string(systemCalls) + " env " + driver + steps);
+        std::map<std::string, int> counts;
+        std::ifstream trace("/tmp/calls");
+        for (std::string line; std::getline(trace, line);) {
+            std::istringstream words(line);
+            std::string process, call;
+            words >> process >> call;
+            const std::size_t end = call.find('(');
+            if (end != std::string::npos) ++counts[call.substr(0, end)];
+        }
+        return counts;
+    }
+
+    // Runs the steps and kills them before the given system call. Returns what they print.
+    static void kill(const std::string& steps, const std::string& call, int number)
+    {
+        outputOf("strace -f -qq -o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" +
+                 std::to_string(number) + " env " + driver + steps);
+    }
+
+    std::string mBefore;
+};
+
+#define NEEDS_STRACE() \
+    if (outputOf("strace -V").find("version") == std::string::npos) GTEST_SKIP() << "strace is not installed"
+
+}  // namespace
+
+TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
+{
+    NEEDS_STRACE();
+    const std::string steps = "add /tmp/first.json add /tmp/second.json delete vpn0";
+    const std::map<std::string, int> calls = callsOf(steps);
+    expectAllGone();
+    for (const char* needed : {"flock", "fsync", "renameat", "unlinkat", "sendto"}) {
+        ASSERT_EQ(calls.count(needed), 1U) << needed;
+    }
+    int changed = 0;
+    for (const auto& [call, count] : calls) {
+        for (int number = 1; number <= count; ++number) {
+            kill(steps, call, number);
+            changed += networkSnapshot() == mBefore ? 0 : 1;
+            run(driver + "delete nothing0");
+            if (networkSnapshot() == mBefore && outputOf("ls /run/vknetconfig") == "turn\n") continue;
+            FAIL() << "killed before " << call << " number " << number << ":\n"
+                   << outputOf("ip -d -4 route show table all; ip -d address; ls /run/vknetconfig");
+        }
+    }
+    EXPECT_GT(changed, 20) << "the kills came too early or too late to prove anything";
+}
+
+TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
+{
+    NEEDS_STRACE();
+    run(driver + "add /tmp/first.json");
+    const std::string inForce = networkSnapshot();
+    ASSERT_NE(inForce, mBefore);
+    const std::map<std::string, int> calls = callsOf("delete nothing0");
+    expectAllGone();
+    for (const auto& [call, count] : calls) {
+        for (int number = 1; number <= count; ++number) {
+            run(driver + "add /tmp/first.json");
+            kill("delete nothing0", call, number);
+            run(driver + "delete nothing0");
+            ASSERT_EQ(networkSnapshot(), mBefore) << "killed before " << call << " number " << number;
+        }
+    }
+    expectAllGone();
+}
+
+TEST_F(InterfaceCrash, AnEndedProcessLeavesItsConfigurationUntilTheNextRequest)
+{
+    run(driver + "add /tmp/second.json");
+    EXPECT_THAT(routesOf("vpn0"), ElementsAre("0.0.0.0/1 via - metric 0 proto 119", "128.0.0.0/1 via - metric 0 proto 119",
+                                              "192.168.0.0/16 via - metric 5 proto 119"));
+    run(driver);  // loads the library and asks for nothing
+    EXPECT_EQ(routesOf("vpn0").size(), 3U);
+    run(driver + "delete vpn0");
+    expectAllGone();
+}
+
+TEST_F(InterfaceCrash, ARequestThatCannotBeReadDoesNotCleanUp)
+{
+    run(driver + "add /tmp/second.json");
+    std::ofstream("/tmp/bad.json") << "{}";
+    EXPECT_THAT(outputOf(driver + "add /tmp/bad.json"), HasSubstr("ifName: missing"));
+    EXPECT_EQ(routesOf("vpn0").size(), 3U);
+    run(driver + "delete vpn0");
+    expectAllGone();
+}
+
+TEST_F(InterfaceCrash, ANewConfigurationStartsFromTheStateBeforeTheDeadProcess)
+{
+    run(driver + "add /tmp/first.json");
+    run(driver + "add /tmp/second.json");
+    EXPECT_EQ(routesOf("vpn0").size(), 3U);
+    EXPECT_EQ(outputOf("ip -4 address show vpn0"), "");
+    run(driver + "delete vpn0");
+    expectAllGone();
+}
+
+TEST_F(InterfaceCrash, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
+{
+    run(driver + "add /tmp/second.json");
+    run("ip link del vpn0");
+    makeInterface("vpn0", "10.8.0.2/24");
+    run("ip route add 192.168.0.0/16 dev vpn0 metric 5 proto 119");
+    const std::string changed = networkSnapshot();
+    run(driver + "delete vpn0");
+    EXPECT_EQ(networkSnapshot(), changed);
+}
+
+TEST_F(InterfaceCrash, WhatALivingProcessHoldsIsRefusedNamingItAndCanBeTakenBack)
+{
+    const PipePtr holder(popen(("exec env " + driver + "add /tmp/second.json hold 2>/dev/null").c_str(), "re"));
+    ASSERT_TRUE(holder);
+    char line[64] = {};
+    ASSERT_NE(fgets(line, sizeof line, holder.get()), nullptr);
+    const int pid = std::stoi(outputOf("cat /run/vknetconfig/interface-vpn0.lock"));
+    ASSERT_GT(pid, 0);
+
+    const std::string refusal = outputOf(driver + "add /tmp/first.json");
+    EXPECT_THAT(refusal, HasSubstr("process " + std::to_string(pid) + ", which is running"));
+    EXPECT_EQ(routesOf("vpn0").size(), 3U);
+    run(driver + "delete nothing0");
+    EXPECT_EQ(routesOf("vpn0").size(), 3U) << "a living process's configuration was taken for a dead one's";
+    run(driver + "delete vpn0");
+    EXPECT_EQ(networkSnapshot(), mBefore);
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    run(driver + "delete vpn0");
+    expectAllGone();
+}

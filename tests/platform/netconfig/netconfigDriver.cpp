@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// netconfigDriver STEP...: a process that makes requests, for tests that end processes or let system calls fail.
+//   add FILE       puts the interface configuration in FILE in force
+//   delete NAME    takes back the configuration of an interface
+//   firewall FILE  sends the packet-filter request in FILE
+//   hold           prints "holding" and waits to be ended
+// Exits with the number of requests that failed.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "VkNetConfigLib.h"
+
+namespace {
+
+std::string contentOf(const char* path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+int request(const char* step, const char* argument)
+{
+    if (std::strcmp(step, "add") == 0) return CmAddInterfaceCfg2(contentOf(argument).c_str());
+    if (std::strcmp(step, "delete") == 0) return CmDelInterfaceCfg(argument);
+    if (std::strcmp(step, "firewall") == 0) return VkFirewallFullCtrl(contentOf(argument).c_str());
+    std::fprintf(stderr, "unknown step %s\n", step);
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    int failures = 0;
+    for (int index = 1; index < argc; ++index) {
+        if (std::strcmp(argv[index], "hold") == 0) {
+            std::puts("holding");
+            std::fflush(stdout);
+            pause();
+        } else if (index + 1 < argc) {
+            const char* const step = argv[index++];
+            if (request(step, argv[index]) != 0) ++failures;
+        }
+    }
+    return failures;
+}
