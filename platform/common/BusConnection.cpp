@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "Handover.h"
+
 namespace hostbus {
 
 namespace {
@@ -34,13 +36,18 @@ struct BusConnection::Source {
     std::shared_ptr<void> owner;
 
     static Source* of(GSource* source) { return reinterpret_cast<Source*>(source); }
+    static BusConnection& connectionOf(GSource* source)
+    {
+        takeUp(source);
+        return *of(source)->connection;
+    }
 };
 
 GSourceFuncs BusConnection::sFunctions = {
-    [](GSource* source, gint* timeout) -> gboolean { return Source::of(source)->connection->prepare(*timeout); },
-    [](GSource* source) -> gboolean { return Source::of(source)->connection->check(); },
+    [](GSource* source, gint* timeout) -> gboolean { return Source::connectionOf(source).prepare(*timeout); },
+    [](GSource* source) -> gboolean { return Source::connectionOf(source).check(); },
     [](GSource* source, GSourceFunc, gpointer) -> gboolean {
-        Source::of(source)->connection->dispatch();
+        Source::connectionOf(source).dispatch();
         return G_SOURCE_CONTINUE;
     },
     [](GSource* source) { Source::of(source)->owner.~shared_ptr(); },
@@ -91,6 +98,7 @@ void BusConnection::attach(GMainContext* context, std::shared_ptr<void> owner)
         const std::lock_guard<std::mutex> lock(mTasksLock);
         mContext.reset(g_main_context_ref(context));
     }
+    handOver(mSource.get());
     g_source_attach(mSource.get(), context);
 }
 

@@ -10,7 +10,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "FakePowerd.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
+#include "LoopThread.h"
 #include "NetworkStatus.h"
 #include "ObjectRegistry.h"
 #include "QuorClient.h"
@@ -118,21 +118,7 @@ protected:
     /// Runs something on the event thread and waits for it.
     static void onEventThread(const std::function<void()>& task)
     {
-        struct Posted {
-            const std::function<void()>& task;
-            std::promise<void> done;
-        } posted{task, {}};
-        std::future<void> done = posted.done.get_future();
-        g_main_context_invoke(
-            g_main_loop_get_context(sLastLoop),
-            [](gpointer data) -> gboolean {
-                auto* call = static_cast<Posted*>(data);
-                call->task();
-                call->done.set_value();
-                return G_SOURCE_REMOVE;
-            },
-            &posted);
-        done.wait();
+        testsupport::callOnContext(g_main_loop_get_context(sLastLoop), task);
     }
 };
 

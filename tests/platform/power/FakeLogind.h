@@ -54,16 +54,22 @@ public:
     /// Waits until the inhibitor given last is let go. False after ten seconds.
     bool waitForRelease()
     {
-        pollfd released{mReadEnd.get(), 0, 0};
+        pollfd released{readEnd(), 0, 0};
         return poll(&released, 1, 10000) == 1;
     }
     bool isHeld()
     {
-        pollfd released{mReadEnd.get(), 0, 0};
+        pollfd released{readEnd(), 0, 0};
         return poll(&released, 1, 0) == 0;
     }
 
 private:
+    int readEnd()
+    {
+        int fd = -1;
+        mThread.call([&] { fd = mReadEnd.get(); });
+        return fd;
+    }
     static int onInhibit(sd_bus_message* message, void* self, sd_bus_error*)
     {
         auto* logind = static_cast<FakeLogind*>(self);
@@ -110,7 +116,8 @@ private:
     std::atomic<bool> mPreparing{false};
     UniqueFd mReadEnd;
     SdBusSlotPtr mSlot;
-    std::shared_ptr<hostbus::BusConnection> mBus = std::shared_ptr<hostbus::BusConnection>(new hostbus::BusConnection(*this));
+    std::shared_ptr<hostbus::BusConnection> mBus =
+        std::shared_ptr<hostbus::BusConnection>(new hostbus::BusConnection(*this));
 };
 
 }  // namespace testsupport

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the sanitizers are not to report, in every test executable; each with its reason.
+
+// GLib and sd-bus are not built with the thread sanitizer, which does not see their locks.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions()
+{
+    return "called_from_lib:libglib-2.0.so.0\n"
+           "called_from_lib:libsystemd.so.0\n";
+}
+
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions()
+{
+    // Kept on purpose: the loop object of the event side is not released when it stops, nor is its bus handle.
+    return "leak:startQuorIpcHandling\n";
+}
