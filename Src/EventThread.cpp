@@ -68,6 +68,16 @@ void startPowerClient(GMainLoop* loop)
     PowerdPrepareSuspendRegister(powerPrepareSuspendCallback);
 }
 
+// False when there is no system object.
+bool tellSystemIf(void (SystemInterface::*notify)())
+{
+    holdObjects();
+    SystemInterface* systemIf = getSystemIfObject();
+    if (systemIf != nullptr) (systemIf->*notify)();
+    letGoOfObjects();
+    return systemIf != nullptr;
+}
+
 }  // namespace
 
 bool startQuorIpcHandling()
@@ -136,8 +146,7 @@ void* eventProcessingThread(void*)
 void powerResumedCallback()
 {
     WFOAL_DEBUG("%s: Called. Device Resumed.", __func__);
-    if (SystemInterface* systemIf = getSystemIfObject()) {
-        systemIf->notifyPowerResume();
+    if (tellSystemIf(&SystemInterface::notifyPowerResume)) {
         WFOAL_DEBUG("%s: notifyPowerResume done", __func__);
     }
 }
@@ -150,8 +159,7 @@ void powerSuspendedCallback()
 void powerPrepareSuspendCallback()
 {
     WFOAL_DEBUG("%s: Called!", __func__);
-    if (SystemInterface* systemIf = getSystemIfObject()) {
-        systemIf->notifyPowerSuspended();
+    if (tellSystemIf(&SystemInterface::notifyPowerSuspended)) {
         g_usleep(suspendGraceMicroseconds);
         WFOAL_DEBUG("%s: notifyPowerSuspended successful", __func__);
     }

@@ -37,6 +37,17 @@ const char* text(bool flag)
     return flag ? "true" : "false";
 }
 
+// False when there is no system or no socket object.
+bool copyBoundName(std::string& name)
+{
+    holdObjects();
+    SocketInterface* socketIf = getSocketIfObject();
+    const bool both = getSystemIfObject() != nullptr && socketIf != nullptr;
+    if (both) name = socketIf->getBoundInterface();
+    letGoOfObjects();
+    return both;
+}
+
 }  // namespace
 
 bool handleConManServiceStatus(QSHandle*, const char*, bool connected, void*)
@@ -61,10 +72,8 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
         status.reset(json_tokener_parse(payload));
         WFOAL_DEBUG("%s Recieved: %ld, %s", __func__, static_cast<long>(token), payload);
     }
-    SocketInterface* socketIf = getSocketIfObject();
-    if (getSystemIfObject() == nullptr || socketIf == nullptr || status == nullptr) return true;
-
-    const std::string boundName = socketIf->getBoundInterface();
+    std::string boundName;
+    if (!copyBoundName(boundName) || status == nullptr) return true;
     const wfoal::NetworkFlags wifi = readSection(status.get(), "wifi");
     const wfoal::NetworkFlags wan = readSection(status.get(), "wan");
     const wfoal::NetworkDecision decision = wfoal::decideNetworkChange(wifi, wan, boundName);
@@ -77,7 +86,9 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
     if (decision.sendNwCng) {
         WFOAL_DEBUG("%s Sending Network Change Event", __func__);
         // Looked up again: the agent may have disposed of it meanwhile.
+        holdObjects();
         if (SystemInterface* systemIf = getSystemIfObject()) systemIf->notifyConnectionChange();
+        letGoOfObjects();
     }
     return true;
 }

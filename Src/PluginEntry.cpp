@@ -103,6 +103,7 @@ extern "C" bool DisposePlugin(Plugin* plugin)
     } else if (plugin == getSocketIfObject()) {
         setSocketIfObject(nullptr);
     }
+    waitForObjectsInUse();
     delete plugin;
     return true;
 }

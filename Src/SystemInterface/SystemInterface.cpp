@@ -5,6 +5,19 @@
 
 #include "InterfaceCommon.h"
 #include "Log.h"
+#include "ObjectRegistry.h"
+
+namespace {
+
+// The object is not needed any more once the callback is known.
+KEST_SystemPluginCB* takeCallback(const std::atomic<KEST_SystemPluginCB*>& stored)
+{
+    KEST_SystemPluginCB* callback = stored;
+    letGoOfObjects();
+    return callback;
+}
+
+}  // namespace
 
 bool SystemInterface::SupportsInterface(const char* name, unsigned int)
 {
@@ -27,15 +40,15 @@ PluginResult SystemInterface::SetSystemPluginCB(KEST_SystemPluginCB* callback)
 
 void SystemInterface::notifyConnectionChange()
 {
-    if (auto* callback = mpSystemPluginCB.load()) callback->OnConnectionChange(0);
+    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnConnectionChange(0);
 }
 
 void SystemInterface::notifyPowerResume()
 {
-    if (auto* callback = mpSystemPluginCB.load()) callback->OnPowerResume();
+    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnPowerResume();
 }
 
 void SystemInterface::notifyPowerSuspended()
 {
-    if (auto* callback = mpSystemPluginCB.load()) callback->OnPowerSuspended();
+    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnPowerSuspended();
 }

@@ -1,0 +1,353 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What an agent hears when the network changes, the device sleeps, and daemons come and go: the real plug-in and
+// platform, a real bus, kernel, connection manager and elogind.
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "Daemons.h"
+#include "LoadedPlugin.h"
+#include "Shell.h"
+#include "handles/UniqueFd.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testsupport::ChildProcess;
+using testsupport::Daemon;
+using testsupport::LoadedPlugin;
+using testsupport::NotingCallback;
+using testsupport::shell;
+
+constexpr char serviceName[] = "com.vesk.connectionmanager";
+// The connection manager looks half a second after a change at the latest; nothing comes later than this.
+constexpr milliseconds settling{900};
+
+std::ptrdiff_t countIn(const char* folder)
+{
+    using Iterator = std::filesystem::directory_iterator;
+    return std::distance(Iterator(folder), Iterator());
+}
+
+/// How many connections the bus has, or how many lines a question to it is answered with.
+std::ptrdiff_t connections()
+{
+    const std::string list = shell("busctl --system list --unique --no-legend");
+    return std::count(list.begin(), list.end(), '\n');
+}
+
+class EventScenarioTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        mBus = testsupport::startBus();
+        testsupport::addVethPair("eth0", "peer0", "10.0.0.2/24");
+        testsupport::addVethPair("wwan0", "peer1", "10.1.0.2/24");
+        shell("ip link set eth0 down; ip link set wwan0 down");
+    }
+    void TearDown() override
+    {
+        disposeAgent();
+        mPlugin.reset();
+        shell("ip link del eth0; ip link del wwan0");
+    }
+
+    static void wifiUp() { shell("ip link set eth0 up; ip route replace default via 10.0.0.1 dev eth0 metric 100"); }
+    static void wifiDown() { shell("ip link set eth0 down"); }
+    static void wanUp() { shell("ip link set wwan0 up; ip route replace default via 10.1.0.1 dev wwan0 metric 700"); }
+    static void wanDown() { shell("ip link set wwan0 down"); }
+
+    void startManager()
+    {
+        mManager = ChildProcess({WFOAL_BUILD_DIR "/bin/vesk-connectionmanager"});
+        testsupport::waitForBusName(serviceName, mManager);
+    }
+    void startAgent()
+    {
+        mPlugin = std::make_unique<LoadedPlugin>();
+        mSystem = mPlugin->createSystem();
+        mSocket = mPlugin->createSocket();
+        mSystem->SetSystemPluginCB(&mAgent);
+    }
+    void disposeAgent()
+    {
+        if (mSystem != nullptr) mPlugin->dispose(mSystem);
+        if (mSocket != nullptr) mPlugin->dispose(mSocket);
+        mSystem = nullptr;
+        mSocket = nullptr;
+    }
+    /// As the agent connects: lets the plug-in choose, and is told of the choice.
+    void bindExpecting(const std::string& name)
+    {
+        mOuter.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(PLUGIN_SUCCESS, mSocket->BindToInterface("", static_cast<unsigned>(mOuter.get())));
+        char bound[32] = "";
+        socklen_t length = sizeof bound;
+        ASSERT_EQ(0, getsockopt(mOuter.get(), SOL_SOCKET, SO_BINDTODEVICE, bound, &length));
+        ASSERT_EQ(name, bound);
+        std::this_thread::sleep_for(settling);  // what belonged to the time before
+        mAgent.mailbox.clear();
+    }
+    /// Everything the agent was told once all is quiet.
+    std::vector<std::string> told()
+    {
+        std::this_thread::sleep_for(settling);
+        return mAgent.mailbox.all();
+    }
+
+    ChildProcess mBus;
+    ChildProcess mManager;
+    NotingCallback mAgent;
+    std::unique_ptr<LoadedPlugin> mPlugin;
+    KEST_SystemPlugin* mSystem = nullptr;
+    KEST_SocketPlugin* mSocket = nullptr;
+    UniqueFd mOuter;
+};
+
+TEST_F(EventScenarioTest, WiFiLostWhileBoundToItIsToldOnceWhenThereIsWan)
+{
+    startManager();
+    startAgent();
+    wifiUp();
+    wanUp();
+    bindExpecting("eth0");
+    wifiDown();
+    EXPECT_THAT(told(), ElementsAre("changed"));
+    bindExpecting("wwan0");
+    EXPECT_THAT(told(), IsEmpty());
+}
+
+TEST_F(EventScenarioTest, WiFiThatComesWhileOnWanIsToldOnce)
+{
+    startManager();
+    startAgent();
+    wanUp();
+    bindExpecting("wwan0");
+    wifiUp();
+    EXPECT_THAT(told(), ElementsAre("changed"));
+    bindExpecting("eth0");
+}
+
+TEST_F(EventScenarioTest, LosingBothIsToldOnceWhileBound)
+{
+    startManager();
+    startAgent();
+    wifiUp();
+    wanUp();
+    bindExpecting("eth0");
+    shell("ip link set eth0 down; ip link set wwan0 down");
+    EXPECT_THAT(told(), ElementsAre("changed"));
+}
+
+TEST_F(EventScenarioTest, UnrelatedChangesAreNotTold)
+{
+    startManager();
+    startAgent();
+    wifiUp();
+    bindExpecting("eth0");
+    wanUp();
+    shell("ip route add 10.9.0.0/16 dev lo; ip addr add 10.7.0.1/32 dev lo");
+    EXPECT_THAT(told(), IsEmpty());
+}
+
+TEST_F(EventScenarioTest, FlappingLinkIsToldTwiceAtMost)
+{
+    startManager();
+    startAgent();
+    wifiUp();
+    wanUp();
+    bindExpecting("eth0");
+    for (int i = 0; i < 20; ++i) {
+        i % 2 == 0 ? wifiDown() : wifiUp();
+        std::this_thread::sleep_for(milliseconds(40));
+    }
+    EXPECT_LE(told().size(), 2u);
+}
+
+TEST_F(EventScenarioTest, RestartedBusLeavesOneWorkingSubscription)
+{
+    startManager();
+    startAgent();
+    wanUp();
+    bindExpecting("wwan0");
+    mBus.sendSignal(SIGKILL);
+    mBus.wait();
+    mBus = testsupport::startBus();
+    testsupport::waitForBusName(serviceName, mManager);
+    std::this_thread::sleep_for(settling);
+    mAgent.mailbox.clear();
+    wifiUp();
+    EXPECT_THAT(told(), ElementsAre("changed"));
+}
+
+TEST_F(EventScenarioTest, HundredRestartsOfTheManagerLeaveOneWorkingSubscription)
+{
+    startAgent();
+    for (int i = 0; i < 100; ++i) {
+        startManager();
+        mManager.sendSignal(SIGKILL);
+        mManager.wait();
+    }
+    startManager();
+    wanUp();
+    bindExpecting("wwan0");
+    wifiUp();
+    EXPECT_THAT(told(), ElementsAre("changed"));
+    EXPECT_LE(connections(), 5);  // the daemon's own, agent's two, manager's two
+}
+
+TEST_F(EventScenarioTest, ManagerThatIsSilentHoldsNobodyUp)
+{
+    startManager();
+    mManager.sendSignal(SIGSTOP);
+    const auto begin = steady_clock::now();
+    startAgent();
+    std::this_thread::sleep_for(milliseconds(200));
+    disposeAgent();
+    mPlugin.reset();  // with the subscription still unanswered
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(1200));
+    startAgent();
+    wanUp();
+    mManager.sendSignal(SIGCONT);
+    bindExpecting("wwan0");
+    wifiUp();
+    EXPECT_THAT(told(), ElementsAre("changed"));
+}
+
+class SleepScenarioTest : public EventScenarioTest {
+protected:
+    void SetUp() override
+    {
+        EventScenarioTest::SetUp();
+        if (const std::string reason = testsupport::daemonUnavailable(Daemon::elogind); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+    }
+    static bool isInhibited()
+    {
+        return shell(
+                   "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 "
+                   "org.freedesktop.login1.Manager ListInhibitors")
+                   .find("norva-vpnagentd") != std::string::npos;
+    }
+    static bool waitUntilInhibited()
+    {
+        const auto deadline = steady_clock::now() + seconds(10);
+        while (!isInhibited()) {
+            if (steady_clock::now() > deadline) return false;
+        }
+        return true;
+    }
+    void suspendAndResume()
+    {
+        const auto begin = steady_clock::now();
+        shell(
+            "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager "
+            "Suspend b false");
+        EXPECT_THAT(mAgent.mailbox.wait(1), ElementsAre("suspended"));
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(500));  // well before the device sleeps
+        EXPECT_THAT(mAgent.mailbox.wait(2), ElementsAre("suspended", "resumed"));
+        EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));  // the agent had its second
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(2500));
+        EXPECT_NE("", shell("cat /sys/power/state"));
+        EXPECT_TRUE(waitUntilInhibited());
+    }
+};
+
+TEST_F(SleepScenarioTest, AgentIsToldBeforeSleepAndAfter)
+{
+    const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
+    startAgent();
+    ASSERT_TRUE(waitUntilInhibited());
+    suspendAndResume();
+}
+
+TEST_F(SleepScenarioTest, LogindThatComesLaterIsPickedUpAndLetGoAtUnload)
+{
+    startAgent();
+    const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
+    ASSERT_TRUE(waitUntilInhibited());
+    suspendAndResume();
+    disposeAgent();
+    mPlugin.reset();
+    const auto deadline = steady_clock::now() + seconds(10);
+    while (isInhibited() && steady_clock::now() < deadline) {
+    }
+    EXPECT_FALSE(isInhibited());
+}
+
+class FloodScenarioTest : public EventScenarioTest {
+protected:
+    void SetUp() override
+    {
+        EventScenarioTest::SetUp();
+        mFlood = ChildProcess({WFOAL_BUILD_DIR "/bin/StatusFlood", "200"});
+        testsupport::waitForBusName(serviceName, mFlood);
+    }
+    ChildProcess mFlood;
+};
+
+TEST_F(FloodScenarioTest, ObjectsComeAndGoTenThousandTimesWhileEventsArrive)
+{
+    LoadedPlugin plugin;
+    plugin.dispose(plugin.createSystem());
+    const auto threads = countIn("/proc/self/task");
+    const auto descriptors = countIn("/proc/self/fd");
+    for (int i = 0; i < 10000; ++i) {
+        KEST_SystemPlugin* system = plugin.createSystem();
+        KEST_SocketPlugin* socket = plugin.createSocket();
+        system->SetSystemPluginCB(&mAgent);
+        if (i % 100 == 0) std::this_thread::sleep_for(milliseconds(1));
+        plugin.dispose(i % 2 == 0 ? static_cast<Plugin*>(system) : socket);
+        plugin.dispose(i % 2 == 0 ? static_cast<Plugin*>(socket) : system);
+    }
+    EXPECT_THAT(mAgent.mailbox.all(), testing::Contains("changed"));
+    EXPECT_EQ(threads, countIn("/proc/self/task"));
+    EXPECT_EQ(descriptors, countIn("/proc/self/fd"));
+}
+
+TEST_F(FloodScenarioTest, LibraryComesAndGoesAThousandTimesWhileEventsArrive)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    {
+        LoadedPlugin warmUp;
+    }
+    const auto threads = countIn("/proc/self/task");
+    const auto descriptors = countIn("/proc/self/fd");
+    const auto connected = connections();
+    constexpr int rounds = 1000;
+    for (int i = 0; i < rounds; ++i) {
+        LoadedPlugin plugin;
+        KEST_SystemPlugin* system = plugin.createSystem();
+        KEST_SocketPlugin* socket = plugin.createSocket();
+        system->SetSystemPluginCB(&mAgent);
+        if (i % 10 == 0) mAgent.mailbox.wait(mAgent.mailbox.all().size() + 1);
+        plugin.dispose(system);
+        plugin.dispose(socket);
+    }
+    EXPECT_EQ(threads, countIn("/proc/self/task"));
+    // Each run of the event side leaves its loop object behind, with the one descriptor of its context.
+    EXPECT_EQ(descriptors + rounds, countIn("/proc/self/fd"));
+    EXPECT_EQ(connected, connections());
+}
+
+}  // namespace
