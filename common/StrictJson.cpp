@@ -23,7 +23,7 @@ namespace {
 
 // rapidjson does not look at what malloc returns.
 struct ThrowingAllocator {
-    static const bool kNeedFree = true;
+    [[maybe_unused]] static constexpr bool kNeedFree = true;
     void* Malloc(std::size_t size) { return size == 0 ? nullptr : checked(std::malloc(size)); }
     void* Realloc(void* block, std::size_t, std::size_t size)
     {

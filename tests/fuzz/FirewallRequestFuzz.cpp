@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Requests for the packet filter, of any shape. Whatever is accepted must print as commands that hold nothing but
+// what nft may see: one table of ours.
+#include <cstdlib>
+#include <string>
+
+#include "FirewallRequest.h"
+#include "FirewallText.h"
+#include "RequestError.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    using namespace vknetconfig;
+    const std::string json(reinterpret_cast<const char*>(data), size);
+    try {
+        const FirewallRequest request = parseFirewallRequest(json.c_str());
+        const std::string text = setUpCommands(request) + removalCommand(request.label);
+        constexpr std::string_view allowed =
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./\" \t\n{};";
+        if (text.find_first_not_of(allowed) != std::string::npos) std::abort();
+        for (const FirewallRule& rule : request.rules) {
+            if (rule.interfaceName.find_first_of("\"/ \t\n{};") != std::string::npos) std::abort();
+            if (rule.interfaceName.size() > 15) std::abort();
+        }
+        if (request.label.size() > 31 || request.chain.size() > 31) std::abort();
+        if ((request.label + request.chain).find_first_of("\" \t\n{};") != std::string::npos) std::abort();
+    } catch (const RequestError& error) {
+        // One line, and no longer than a line of a log should be.
+        const std::string line = error.what();
+        if (line.empty() || line.size() > 400 || line.find('\n') != std::string::npos) std::abort();
+    }
+    return 0;
+}
