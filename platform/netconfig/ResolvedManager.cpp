@@ -60,7 +60,7 @@ public:
     }
 
 private:
-    sd_bus_error mError = SD_BUS_ERROR_NULL;
+    sd_bus_error mError{};
 };
 
 SdBusMessagePtr newCall(sd_bus* bus, const char* method)

@@ -2,6 +2,9 @@
 #include "Json.h"
 
 #include <new>
+#include <string_view>
+
+#include "Utf8.h"
 
 namespace vpnoalctl {
 
@@ -64,33 +67,9 @@ void appendText(const JsonPtr& array, const std::string& text)
 
 std::string validUtf8(const std::string& text)
 {
-    // Length of a sequence by its first byte, and the smallest code point that needs that length.
-    struct Lead {
-        unsigned char mask;
-        unsigned char mark;
-        std::size_t length;
-        std::uint32_t smallest;
-    };
-    static constexpr Lead leads[] = {
-        {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
-    const auto sequenceAt = [&text](std::size_t at) -> std::size_t {
-        const auto first = static_cast<unsigned char>(text[at]);
-        for (const Lead& lead : leads) {
-            if ((first & lead.mask) != lead.mark) continue;
-            std::uint32_t point = first & static_cast<unsigned char>(~lead.mask);
-            for (std::size_t i = 1; i < lead.length; ++i) {
-                const unsigned char next = at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0;
-                if ((next & 0xc0) != 0x80) return 0;
-                point = point << 6 | (next & 0x3fu);
-            }
-            const bool isSurrogate = point >= 0xd800 && point < 0xe000;
-            return point < lead.smallest || point > 0x10ffff || isSurrogate ? 0 : lead.length;
-        }
-        return 0;
-    };
     std::string result;
     for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = sequenceAt(at);
+        const std::size_t length = wfoal::utf8CharacterAt(std::string_view(text).substr(at));
         result += length != 0 ? text.substr(at, length) : "\xef\xbf\xbd";
         at += length != 0 ? length : 1;
     }

@@ -81,7 +81,8 @@ TEST(StrictJson, ErrorsNameTheKeyByItsPath)
         {R"({"points":[{"x":1,"y":1}]})", "points[0].y: unknown key"},
         {"{\"points\":[{\"x\":1,\"a\\nb\":1}]}", "points[0].\"a?b\": unknown key"},
     };
-    for (const auto& [text, expected] : cases) EXPECT_EQ(errorOf(text), expected) << text;
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(errorOf(text), expected) << text;
 }
 
 TEST(StrictJson, WhatIsNotJsonIsRefusedWithThePlace)
@@ -106,4 +107,14 @@ TEST(StrictJson, AKeyOfOneMebibyteIsShownInPart)
 {
     const std::string key(1 << 20, 'k');
     EXPECT_EQ(errorOf(("{\"" + key + "\":1}").c_str()), "\"" + key.substr(0, 40) + "...\": unknown key");
+}
+
+TEST(StrictJson, ATextThatEndsWithinACharacterIsReadNoFurther)
+{
+    for (const char* text :
+         {"{\"\xf0", "{\"\xe2\x82", "{\"a\":\"\xc3", "\xf0\x9f\x98", "{\"\xff\":1}", "{\"\xc0\x80\":1}"}) {
+        const std::string error = errorOf(text);
+        EXPECT_EQ(error.rfind("the request is not JSON: no UTF-8, at line 1, column ", 0), 0U) << error;
+    }
+    EXPECT_EQ(errorOf("\n\n{\"\xc3\xa9\xe9"), "the request is not JSON: no UTF-8, at line 3, column 4");
 }
