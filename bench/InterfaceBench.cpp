@@ -44,8 +44,9 @@ public:
     {
         require(unshare(CLONE_NEWNET) == 0, "unshare");
         mHandle.reset(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
-        shell("ip link add bench0 type veth peer name bench1 && ip address add 10.8.0.2/24 dev bench0 && "
-              "ip link set bench0 up && ip link set bench1 up");
+        shell(
+            "ip link add bench0 type veth peer name bench1 && ip address add 10.8.0.2/24 dev bench0 && "
+            "ip link set bench0 up && ip link set bench1 up");
     }
     void enter() const { require(setns(mHandle.get(), CLONE_NEWNET) == 0, "setns"); }
 
@@ -89,7 +90,8 @@ public:
         require(mSocket && mnl_socket_bind(mSocket.get(), 0, MNL_SOCKET_AUTOPID) == 0, "netlink");
         mInterface = if_nametoindex("bench0");
         mGateway = inet_addr("10.8.0.1");
-        for (int index = 0; index < routeCount; ++index) mDestinations.push_back(inet_addr(destination(index).c_str()));
+        for (int index = 0; index < routeCount; ++index)
+            mDestinations.push_back(inet_addr(destination(index).c_str()));
     }
 
     double insert()
@@ -186,9 +188,11 @@ int main()
     writeBatch();
     const std::string text = request();
     bench::Table table("Interface configuration, 10,000 routes");
-    table.compare("CmAddInterfaceCfg2, to bare batched messages", 1.3, [&] { return byLibrary(ours, text); },
-                  [&] { return bare.insert(); }, 21);
-    table.compare("CmAddInterfaceCfg2, to an ip -batch process", 1.0, [&] { return byLibrary(ours, text); },
-                  [&] { return byIpProcess(peers); });
+    table.compare(
+        "CmAddInterfaceCfg2, to bare batched messages", 1.3, [&] { return byLibrary(ours, text); },
+        [&] { return bare.insert(); }, 21);
+    table.compare(
+        "CmAddInterfaceCfg2, to an ip -batch process", 1.0, [&] { return byLibrary(ours, text); },
+        [&] { return byIpProcess(peers); });
     return table.result();
 }

@@ -4,6 +4,11 @@
  * JSON texts, which are not kept. Each request is all or nothing and takes effect before the call returns. Calls may
  * come from any thread; they are worked off one at a time. They return 0 on success; on failure nothing is changed
  * and one line of the log names the key at fault.
+ *
+ * What is in force belongs to the process that put it there, for as long as that process lives; another one is refused
+ * when it asks for the same interface, and may only take it back. When the process has ended, by itself or not, the
+ * configuration stays until some process makes its first request: that takes back what ended processes left, as far as
+ * it is still theirs. Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
  */
 #ifndef VKNETCONFIGLIB_H
 #define VKNETCONFIGLIB_H
@@ -14,7 +19,8 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Puts an interface configuration in force; it replaces the one this interface had.
+/* Puts an interface configuration in force; it replaces the one this interface had, which stays when this one fails.
+ * The link is brought up; the address is added when the interface lacks it.
  *
  *   "ifName"             text, at most 15 characters; the interface must exist
  *   "ifPriority"         whole number, accepted for other platforms
@@ -26,7 +32,8 @@ extern "C" {
  *     "dns"                        such texts: the DNS servers
  *     "additionalIfRoutes"         objects of "ip", "netmask", "gateway" (dotted texts) and "metric" (0 to 2^32-1)
  *
- * Only "ifName" is required. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all traffic goes into
+ * Only "ifName" is required; "ip" and "netmask" come together, as they do in a route. A route without a gateway (null,
+ * "" or "0.0.0.0") goes to the interface itself. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all traffic goes into
  * the interface by two /1 routes; the device's own default routes stay. */
 int CmAddInterfaceCfg2(const char* json);
 

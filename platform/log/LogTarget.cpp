@@ -11,11 +11,11 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "LogSettings.h"
+#include "handles/CString.h"
 #include "handles/UniqueFd.h"
 
 namespace vklog {
@@ -29,11 +29,11 @@ std::string formatted(const char* format, va_list values) __attribute__((format(
 
 std::string formatted(const char* format, va_list values)
 {
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, values);
+    char* made = nullptr;
+    const int length = vasprintf(&made, format, values);
     if (length < 0) return format;
-    std::string message(text, static_cast<std::size_t>(length));
-    std::free(text);
+    const CStringPtr text(made);
+    std::string message(text.get(), static_cast<std::size_t>(length));
     while (!message.empty() && message.back() == '\n')
         message.pop_back();
     return message;

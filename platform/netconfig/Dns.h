@@ -34,7 +34,8 @@ public:
     /// on: when systemd-resolved restarts they are set again.
     void set(const Link& link, const DnsSettings& settings, std::string_view prepared);
 
-    /// Whether set() with the line `prepared` takes the place of the settings of `earlier`; else those are to be undone.
+    /// Whether set() with the line `prepared` takes the place of the settings of `earlier`; else those are to be
+    /// undone.
     static bool takesPlaceOf(std::string_view prepared, std::string_view earlier);
 
     /// Stops looking after the link's settings and brings back what was there before them, if the link still has

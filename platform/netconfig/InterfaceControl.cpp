@@ -37,9 +37,8 @@ std::vector<Route> sorted(std::vector<Route> routes)
 std::vector<Route> without(const std::vector<Route>& routes, const std::vector<Route>& others)
 {
     std::vector<Route> left;
-    std::copy_if(routes.begin(), routes.end(), std::back_inserter(left), [&](const Route& route) {
-        return !std::binary_search(others.begin(), others.end(), route);
-    });
+    std::copy_if(routes.begin(), routes.end(), std::back_inserter(left),
+                 [&](const Route& route) { return !std::binary_search(others.begin(), others.end(), route); });
     return left;
 }
 
@@ -50,7 +49,8 @@ std::vector<Route> onePerGateway(const std::vector<Route>& routes)
         if (route.gateway != 0) found.emplace(route.gateway, route);
     }
     std::vector<Route> chosen;
-    for (const auto& [gateway, route] : found) chosen.push_back(route);
+    for (const auto& [gateway, route] : found)
+        chosen.push_back(route);
     return chosen;
 }
 
@@ -255,7 +255,8 @@ void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceR
 void InterfaceControl::carryOut(const InterfaceRequest& request, const Plan& plan)
 {
     if (const auto failure = put(plan.added)) refuse(*failure, request, plan.added);
-    for (const std::string& line : plan.added.dns) mDns.set({plan.added.index, request.ifName}, request.dns, line);
+    for (const std::string& line : plan.added.dns)
+        mDns.set({plan.added.index, request.ifName}, request.dns, line);
     if (isEmpty(plan.dropped)) return;
     takeBack(plan.dropped);
     // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by a
@@ -276,7 +277,8 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
             return;
         }
         if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
-        for (const std::string& line : earlier.dns) mDns.set({earlier.index, earlier.name}, mDnsInForce[subject], line);
+        for (const std::string& line : earlier.dns)
+            mDns.set({earlier.index, earlier.name}, mDnsInForce[subject], line);
         mJournal.write(subject, earlier.encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
@@ -300,7 +302,8 @@ std::optional<NetlinkFailure> InterfaceControl::put(const InterfaceRecord& recor
     // An equal one that is there already: given twice in the request, or added by somebody in this moment.
     NetlinkBatch batch(mSocket, {EEXIST});
     if (record.linkBefore) addLinkUp(batch, record.index);
-    for (const InterfaceAddress& address : record.addresses) addAddress(batch, record.index, address);
+    for (const InterfaceAddress& address : record.addresses)
+        addAddress(batch, record.index, address);
     for (const Route& route : record.routes) {
         if (batch.hasFailed()) break;
         addRoute(batch, record.index, route);
@@ -331,7 +334,8 @@ void InterfaceControl::takeBack(const InterfaceRecord& record)
 {
     if (record.name.empty()) return;
     AllSteps inTurn;
-    for (const std::string& line : record.dns) inTurn([&] { mDns.undo(line); });
+    for (const std::string& line : record.dns)
+        inTurn([&] { mDns.undo(line); });
     inTurn([&] { takeBackRoutes(record); });
     inTurn([&] { takeBackAddresses(record); });
     inTurn([&] { takeBackLink(record); });
@@ -355,7 +359,8 @@ void InterfaceControl::takeBackAddresses(const InterfaceRecord& record)
     if (record.addresses.empty()) return;
     NetlinkBatch batch(mSocket, {EADDRNOTAVAIL, ENODEV});
     for (const AddressFound& found : addressesOf(mSocket, record.index)) {
-        if (found.isOurs && contains(record.addresses, found.address)) removeAddress(batch, record.index, found.address);
+        if (found.isOurs && contains(record.addresses, found.address))
+            removeAddress(batch, record.index, found.address);
     }
     const std::vector<NetlinkFailure>& failures = batch.finish();
     if (!failures.empty()) throw RequestError("netlink", "removing an address: " + failures.front().reason());

@@ -126,7 +126,8 @@ std::string InterfaceRecord::encode() const
         line.word("route ").number(route.destination, 16).word("/").number(unsigned{route.prefix}).word(" ");
         line.number(route.gateway, 16).word(" ").number(route.metric).word("\n");
     }
-    for (const std::string& prepared : dns) line.word("dns ").word(prepared).word("\n");
+    for (const std::string& prepared : dns)
+        line.word("dns ").word(prepared).word("\n");
     line.word("end\n");
     return text;
 }

@@ -17,10 +17,10 @@ namespace vknetconfig {
 struct InterfaceRecord {
     int index = 0;
     std::string name;
-    std::optional<LinkState> linkBefore;        // when the link is brought up
+    std::optional<LinkState> linkBefore;  // when the link is brought up
     std::vector<InterfaceAddress> addresses;
     std::vector<Route> routes;
-    std::vector<std::string> dns;               // lines of the resolver, not looked into
+    std::vector<std::string> dns;  // lines of the resolver, not looked into
 
     std::string encode() const;
     /// Throws a RequestError with the key "journal" when the text is no record.

@@ -104,8 +104,7 @@ const JsonField<Route> routeFields[] = {
      }},
     {"metric", false,
      [](const JsonValue& value, Route& route) {
-         route.metric =
-             static_cast<std::uint32_t>(value.wholeNumber(0, std::numeric_limits<std::uint32_t>::max()));
+         route.metric = static_cast<std::uint32_t>(value.wholeNumber(0, std::numeric_limits<std::uint32_t>::max()));
      }},
 };
 
@@ -159,9 +158,8 @@ const JsonField<Whole> requestFields[] = {
     {"networkUsage", false, readTexts},
     {"domainsOnIfDns", false,
      [](const JsonValue& value, Whole& whole) {
-         value.forEach([&](const JsonValue& element, std::size_t) {
-             whole.request.dns.domains.push_back(domainName(element));
-         });
+         value.forEach(
+             [&](const JsonValue& element, std::size_t) { whole.request.dns.domains.push_back(domainName(element)); });
      }},
     {"ipv4", false, [](const JsonValue& value, Whole& whole) { value.readObject(ipv4Fields, whole.ipv4); }},
 };
@@ -194,7 +192,8 @@ void concludeRoutes(const Ipv4Part& part, InterfaceRequest& request)
     request.routes.reserve(part.routes.size() + 2);
     request.routeSources.reserve(part.routes.size() + 2);
     int source = 0;
-    for (const Route& route : part.routes) addRoute(request, route, source++);
+    for (const Route& route : part.routes)
+        addRoute(request, route, source++);
     // A default route among the routes says the same, and says it better.
     if (!part.gateway || request.dns.allTraffic) return;
     // An interface without a peer gives its own address for one.

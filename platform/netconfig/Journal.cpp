@@ -74,7 +74,7 @@ std::string bootLine()
 
 std::string namespaceLine()
 {
-    struct stat status{};
+    struct stat status {};
     if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
     return "namespace " + std::to_string(status.st_ino) + "\n";
 }
@@ -97,8 +97,8 @@ std::string_view subjectOf(std::string_view name)
 
 bool isLinked(int file, int folder, const std::string& name)
 {
-    struct stat held{};
-    struct stat found{};
+    struct stat held {};
+    struct stat found {};
     return fstat(file, &held) == 0 && fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
            held.st_ino == found.st_ino && held.st_dev == found.st_dev;
 }
@@ -193,8 +193,8 @@ std::string Journal::own(const std::string& subject)
     pid_t holder = 0;
     UniqueFd lock = lockOf(subject, holder);
     if (!lock.valid()) {
-        throw RequestError("journal", "the configuration of " + subject + " belongs to " + holderText(holder) +
-                                          ", which is running");
+        throw RequestError(
+            "journal", "the configuration of " + subject + " belongs to " + holderText(holder) + ", which is running");
     }
     nameHolder(lock.get());
     mOwned[subject] = std::move(lock);

@@ -20,9 +20,9 @@ inline VkLogContext* logContext()
 
 }  // namespace vknetconfig
 
-#define VKNETCONFIG_PRINT(wanted, ...)                                                            \
-    do {                                                                                          \
-        VkLogContext* const target = vknetconfig::logContext();                                   \
+#define VKNETCONFIG_PRINT(wanted, ...)                                                                 \
+    do {                                                                                               \
+        VkLogContext* const target = vknetconfig::logContext();                                        \
         if (target == nullptr || target->level >= (wanted)) VkLogPrint(target, (wanted), __VA_ARGS__); \
     } while (false)
 

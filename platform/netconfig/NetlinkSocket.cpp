@@ -52,7 +52,8 @@ template <class Visitor>
 void forEachMessage(const std::vector<char>& buffer, int count, Visitor visit)
 {
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
-    for (; mnl_nlmsg_ok(message, count); message = mnl_nlmsg_next(message, &count)) visit(message);
+    for (; mnl_nlmsg_ok(message, count); message = mnl_nlmsg_next(message, &count))
+        visit(message);
 }
 
 // The kernel's own words. They follow the error at once, as the request's payload is not echoed.
@@ -61,7 +62,8 @@ std::string kernelText(const nlmsghdr* message)
     std::string text;
     if ((message->nlmsg_flags & NLM_F_ACK_TLVS) == 0) return text;
     const auto keep = [](const nlattr* attribute, void* into) -> int {
-        if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG && mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0) {
+        if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG &&
+            mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0) {
             *static_cast<std::string*>(into) = mnl_attr_get_str(attribute);
         }
         return MNL_CB_OK;
@@ -109,7 +111,7 @@ mnl_socket* NetlinkSocket::handle()
 
 void NetlinkSocket::followNamespace()
 {
-    struct stat status{};
+    struct stat status {};
     if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
     if (status.st_ino != mNamespace) mSocket.reset();
     mNamespace = status.st_ino;
@@ -129,7 +131,8 @@ int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghd
             answer.emplace_back(bytes, bytes + message->nlmsg_len);
         });
         if (error == EINTR) continue;
-        for (const auto& message : answer) visit(reinterpret_cast<const nlmsghdr*>(message.data()));
+        for (const auto& message : answer)
+            visit(reinterpret_cast<const nlmsghdr*>(message.data()));
         return error;
     }
     return error;

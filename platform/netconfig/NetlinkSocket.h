@@ -70,9 +70,9 @@ private:
     NetlinkSocket& mSocket;
     std::vector<int> mTolerated;
     std::vector<char> mBuffer;
-    std::size_t mUsed = 0;       // bytes of closed messages
-    nlmsghdr* mLast = nullptr;   // the open or last message
-    std::size_t mCount = 0;      // messages added so far
+    std::size_t mUsed = 0;      // bytes of closed messages
+    nlmsghdr* mLast = nullptr;  // the open or last message
+    std::size_t mCount = 0;     // messages added so far
     std::uint32_t mFirstSequence;
     std::vector<NetlinkFailure> mFailures;
 };

@@ -197,7 +197,8 @@ void putRoute(nlmsghdr* message, int index, const Route& route)
 std::optional<Route> readOwnRoute(const nlmsghdr* message, int index)
 {
     const auto* header = headerOf<rtmsg>(message, RTM_NEWROUTE);
-    if (header == nullptr || header->rtm_family != AF_INET || header->rtm_protocol != routeProtocol) return std::nullopt;
+    if (header == nullptr || header->rtm_family != AF_INET || header->rtm_protocol != routeProtocol)
+        return std::nullopt;
     if (header->rtm_table != RT_TABLE_MAIN || header->rtm_type != RTN_UNICAST) return std::nullopt;
     const Attributes attributes(message, sizeof *header);
     if (attributes.u32(RTA_OIF) != static_cast<std::uint32_t>(index)) return std::nullopt;

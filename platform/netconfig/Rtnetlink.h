@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Links, addresses and routes as rtnetlink messages: putting changes into a batch, and asking what is there. All that is
-// added carries this library's mark, the protocol number 119, and only what carries it is removed.
+// Links, addresses and routes as rtnetlink messages: putting changes into a batch, and asking what is there. All that
+// is added carries this library's mark, the protocol number 119, and only what carries it is removed.
 #ifndef VKNETCONFIG_RTNETLINK_H
 #define VKNETCONFIG_RTNETLINK_H
 
@@ -22,8 +22,8 @@ constexpr std::uint8_t routeProtocol = 119;
 struct LinkState {
     int index = 0;
     bool isUp = false;
-    std::string queueing;            // kind of the root queueing discipline
-    int addressGeneration = -1;      // IPv6 address generation mode; -1: none
+    std::string queueing;        // kind of the root queueing discipline
+    int addressGeneration = -1;  // IPv6 address generation mode; -1: none
 };
 
 std::optional<LinkState> linkNamed(NetlinkSocket& socket, const std::string& name);

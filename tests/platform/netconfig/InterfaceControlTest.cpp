@@ -111,7 +111,8 @@ TEST_F(InterfaceControl, AnEqualRouteOfAnotherIsOvertakenAndComesBack)
     mBefore = networkSnapshot();
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[
         {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1"},
-        {"ip":"192.168.0.0","netmask":"255.255.128.0"}]}})"), 0);
+        {"ip":"192.168.0.0","netmask":"255.255.128.0"}]}})"),
+              0);
     EXPECT_THAT(outputOf("ip route get 192.168.200.1"), HasSubstr("via 10.8.0.1 dev vpn0"));
     EXPECT_THAT(outputOf("ip route get 192.168.1.1"), HasSubstr("dev vpn0"));
     ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
@@ -181,9 +182,10 @@ TEST_F(InterfaceControl, AnotherRequestReplacesTheConfigurationInForce)
     ASSERT_EQ(add(twoRoutes), 0);
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[
         {"ip":"172.16.5.4","netmask":"255.255.255.255"},
-        {"ip":"198.51.100.0","netmask":"255.255.255.0","gateway":"10.8.0.3"}]}})"), 0);
-    EXPECT_THAT(routesOf("vpn0"), ElementsAre("172.16.5.4 via - metric 0 proto 119",
-                                              "198.51.100.0/24 via 10.8.0.3 metric 0 proto 119"));
+        {"ip":"198.51.100.0","netmask":"255.255.255.0","gateway":"10.8.0.3"}]}})"),
+              0);
+    EXPECT_THAT(routesOf("vpn0"),
+                ElementsAre("172.16.5.4 via - metric 0 proto 119", "198.51.100.0/24 via 10.8.0.3 metric 0 proto 119"));
     ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     expectAllGone();
 }
@@ -220,8 +222,8 @@ TEST_F(InterfaceControl, ReplacingAnAddressKeepsTheRoutesAndAFailureBringsAllBac
         {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1","metric":4294967295}]}})"),
                 HasSubstr("additionalIfRoutes[0]"));
     EXPECT_EQ(networkSnapshot(), inForce);
-    ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[{"ip":"172.16.5.4","netmask":"255.255.255.255"}]}})"),
-              0);
+    ASSERT_EQ(
+        add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[{"ip":"172.16.5.4","netmask":"255.255.255.255"}]}})"), 0);
     EXPECT_THAT(routesOf("vpn0"), ElementsAre("172.16.5.4 via - metric 0 proto 119"));
     EXPECT_THAT(outputOf("ip -4 address show vpn0"), IsEmpty());
     ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "Driver.h"
 #include "KernelState.h"
 #include "handles/Stdio.h"
 
@@ -20,10 +21,9 @@ using testing::HasSubstr;
 
 namespace {
 
-const std::string driver = "VKLOG_TARGET=stderr " WFOAL_BUILD_DIR "/bin/netconfigDriver ";
-
 // Those that change something, or that a change follows.
-constexpr char systemCalls[] = "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,recvmsg";
+constexpr char systemCalls[] =
+    "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,recvmsg";
 
 class InterfaceCrash : public testing::Test {
 protected:
@@ -47,7 +47,7 @@ protected:
     // How often the steps make each system call.
     static std::map<std::string, int> callsOf(const std::string& steps)
     {
-        run("strace -f -qq -o /tmp/calls -e trace=" + std::string(systemCalls) + " env " + driver + steps);
+        run(driverUnderStrace("-o /tmp/calls -e trace=" + std::string(systemCalls), steps));
         std::map<std::string, int> counts;
         std::ifstream trace("/tmp/calls");
         for (std::string line; std::getline(trace, line);) {
@@ -63,15 +63,13 @@ protected:
     // Runs the steps and kills them before the given system call. Returns what they print.
     static void kill(const std::string& steps, const std::string& call, int number)
     {
-        outputOf("strace -f -qq -o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" +
-                 std::to_string(number) + " env " + driver + steps);
+        outputOf(driverUnderStrace(
+            "-o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" + std::to_string(number),
+            steps));
     }
 
     std::string mBefore;
 };
-
-#define NEEDS_STRACE() \
-    if (outputOf("strace -V").find("version") == std::string::npos) GTEST_SKIP() << "strace is not installed"
 
 }  // namespace
 
@@ -89,7 +87,7 @@ TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
         for (int number = 1; number <= count; ++number) {
             kill(steps, call, number);
             changed += networkSnapshot() == mBefore ? 0 : 1;
-            run(driver + "delete nothing0");
+            run(driver("delete nothing0"));
             if (networkSnapshot() == mBefore && outputOf("ls /run/vknetconfig") == "turn\n") continue;
             FAIL() << "killed before " << call << " number " << number << ":\n"
                    << outputOf("ip -d -4 route show table all; ip -d address; ls /run/vknetconfig");
@@ -101,16 +99,16 @@ TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
 TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
 {
     NEEDS_STRACE();
-    run(driver + "add /tmp/first.json");
+    run(driver("add /tmp/first.json"));
     const std::string inForce = networkSnapshot();
     ASSERT_NE(inForce, mBefore);
     const std::map<std::string, int> calls = callsOf("delete nothing0");
     expectAllGone();
     for (const auto& [call, count] : calls) {
         for (int number = 1; number <= count; ++number) {
-            run(driver + "add /tmp/first.json");
+            run(driver("add /tmp/first.json"));
             kill("delete nothing0", call, number);
-            run(driver + "delete nothing0");
+            run(driver("delete nothing0"));
             ASSERT_EQ(networkSnapshot(), mBefore) << "killed before " << call << " number " << number;
         }
     }
@@ -119,63 +117,64 @@ TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
 
 TEST_F(InterfaceCrash, AnEndedProcessLeavesItsConfigurationUntilTheNextRequest)
 {
-    run(driver + "add /tmp/second.json");
-    EXPECT_THAT(routesOf("vpn0"), ElementsAre("0.0.0.0/1 via - metric 0 proto 119", "128.0.0.0/1 via - metric 0 proto 119",
-                                              "192.168.0.0/16 via - metric 5 proto 119"));
-    run(driver);  // loads the library and asks for nothing
+    run(driver("add /tmp/second.json"));
+    EXPECT_THAT(routesOf("vpn0"),
+                ElementsAre("0.0.0.0/1 via - metric 0 proto 119", "128.0.0.0/1 via - metric 0 proto 119",
+                            "192.168.0.0/16 via - metric 5 proto 119"));
+    run(driver(""));  // loads the library and asks for nothing
     EXPECT_EQ(routesOf("vpn0").size(), 3U);
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     expectAllGone();
 }
 
 TEST_F(InterfaceCrash, ARequestThatCannotBeReadDoesNotCleanUp)
 {
-    run(driver + "add /tmp/second.json");
+    run(driver("add /tmp/second.json"));
     std::ofstream("/tmp/bad.json") << "{}";
-    EXPECT_THAT(outputOf(driver + "add /tmp/bad.json"), HasSubstr("ifName: missing"));
+    EXPECT_THAT(outputOf(driver("add /tmp/bad.json")), HasSubstr("ifName: missing"));
     EXPECT_EQ(routesOf("vpn0").size(), 3U);
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     expectAllGone();
 }
 
 TEST_F(InterfaceCrash, ANewConfigurationStartsFromTheStateBeforeTheDeadProcess)
 {
-    run(driver + "add /tmp/first.json");
-    run(driver + "add /tmp/second.json");
+    run(driver("add /tmp/first.json"));
+    run(driver("add /tmp/second.json"));
     EXPECT_EQ(routesOf("vpn0").size(), 3U);
     EXPECT_EQ(outputOf("ip -4 address show vpn0"), "");
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     expectAllGone();
 }
 
 TEST_F(InterfaceCrash, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
 {
-    run(driver + "add /tmp/second.json");
+    run(driver("add /tmp/second.json"));
     run("ip link del vpn0");
     makeInterface("vpn0", "10.8.0.2/24");
     run("ip route add 192.168.0.0/16 dev vpn0 metric 5 proto 119");
     const std::string changed = networkSnapshot();
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     EXPECT_EQ(networkSnapshot(), changed);
 }
 
 TEST_F(InterfaceCrash, WhatALivingProcessHoldsIsRefusedNamingItAndCanBeTakenBack)
 {
-    const PipePtr holder(popen(("exec env " + driver + "add /tmp/second.json hold 2>/dev/null").c_str(), "re"));
+    const PipePtr holder(popen(("exec " + driver("add /tmp/second.json hold 2>/dev/null")).c_str(), "re"));
     ASSERT_TRUE(holder);
     char line[64] = {};
     ASSERT_NE(fgets(line, sizeof line, holder.get()), nullptr);
     const int pid = std::stoi(outputOf("cat /run/vknetconfig/interface-vpn0.lock"));
     ASSERT_GT(pid, 0);
 
-    const std::string refusal = outputOf(driver + "add /tmp/first.json");
+    const std::string refusal = outputOf(driver("add /tmp/first.json"));
     EXPECT_THAT(refusal, HasSubstr("process " + std::to_string(pid) + ", which is running"));
     EXPECT_EQ(routesOf("vpn0").size(), 3U);
-    run(driver + "delete nothing0");
+    run(driver("delete nothing0"));
     EXPECT_EQ(routesOf("vpn0").size(), 3U) << "a living process's configuration was taken for a dead one's";
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     EXPECT_EQ(networkSnapshot(), mBefore);
     ASSERT_EQ(::kill(pid, SIGKILL), 0);
-    run(driver + "delete vpn0");
+    run(driver("delete vpn0"));
     expectAllGone();
 }

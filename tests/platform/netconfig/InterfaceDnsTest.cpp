@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "Driver.h"
 #include "KernelState.h"
 #include "VkNetConfigLib.h"
 
@@ -51,7 +52,8 @@ protected:
 
     static int add(const std::string& domain, const std::string& gateway = "10.8.0.1", int metric = 5)
     {
-        const std::string json = R"({"domainsOnIfDns":[")" + domain + R"("],"ifName":"vpn0","ipv4":{"dns":["0x0100080a"],)" +
+        const std::string json = R"({"domainsOnIfDns":[")" + domain +
+                                 R"("],"ifName":"vpn0","ipv4":{"dns":["0x0100080a"],)" +
                                  R"("additionalIfRoutes":[{"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":")" +
                                  gateway + R"(","metric":)" + std::to_string(metric) + "}]}}";
         return CmAddInterfaceCfg2(json.c_str());
@@ -131,14 +133,13 @@ TEST_F(InterfaceDns, WhatADeadProcessSetIsTakenBackAlsoWhenTheInterfaceIsGone)
 {
     std::ofstream("/tmp/request.json")
         << R"({"ifName":"vpn0","domainsOnIfDns":["one.example"],"ipv4":{"dns":["0x0100080a"]}})";
-    const std::string driver = WFOAL_BUILD_DIR "/bin/netconfigDriver ";
-    run(driver + "add /tmp/request.json");
+    run(driver("add /tmp/request.json"));
     EXPECT_THAT(dns(), HasSubstr("one.example"));
-    run(driver + "delete nothing0");
+    run(driver("delete nothing0"));
     expectAllGone();
-    run(driver + "add /tmp/request.json");
+    run(driver("add /tmp/request.json"));
     run("ip link del vpn0");
-    run(driver + "delete nothing0");
+    run(driver("delete nothing0"));
     EXPECT_EQ(outputOf("ls /tmp/dns"), "");
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }

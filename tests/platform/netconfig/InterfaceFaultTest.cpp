@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Driver.h"
 #include "FailingAllocation.h"
 #include "Isolation.h"
 #include "KernelState.h"
@@ -20,7 +21,6 @@ using testing::HasSubstr;
 
 namespace {
 
-const std::string driver = "VKLOG_TARGET=stderr " WFOAL_BUILD_DIR "/bin/netconfigDriver ";
 constexpr char folder[] = "/run/vknetconfig";
 
 class InterfaceFault : public testing::Test {
@@ -43,16 +43,13 @@ protected:
     // The driver under strace, which makes system calls fail or last. Its output, and "REFUSED" when it failed.
     static std::string withFault(const std::string& call, const std::string& fault, const std::string& steps)
     {
-        return outputOf("strace -f -qq -o /dev/null -e trace=" + call + " -e inject=" + call + ":" + fault + " env " +
-                        driver + steps + " || echo REFUSED");
+        return outputOf(driverUnderStrace("-o /dev/null -e trace=" + call + " -e inject=" + call + ":" + fault, steps) +
+                        " || echo REFUSED");
     }
 
     static constexpr char address[] = R"("ip":"0x0200080a","netmask":"0x00ffffff",)";
     std::string mBefore;
 };
-
-#define NEEDS_STRACE() \
-    if (outputOf("strace -V").find("version") == std::string::npos) GTEST_SKIP() << "strace is not installed"
 
 }  // namespace
 
@@ -90,7 +87,7 @@ TEST_F(InterfaceFault, AJournalFolderThatCannotBeWrittenIsReported)
 
 TEST_F(InterfaceFault, WithoutTheRightToChangeTheNetworkItIsReported)
 {
-    const std::string refusal = outputOf("setpriv --bounding-set=-net_admin env " + driver + "add /tmp/request.json");
+    const std::string refusal = outputOf("setpriv --bounding-set=-net_admin " + driver("add /tmp/request.json"));
     EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: netlink: "));
     EXPECT_THAT(refusal, HasSubstr("Operation not permitted"));
     EXPECT_THAT(refusal, HasSubstr("CAP_NET_ADMIN is needed"));
@@ -102,7 +99,7 @@ TEST_F(InterfaceFault, AnOrdinaryUserIsRefused)
 {
     if (isInUserNamespace()) GTEST_SKIP() << "a user namespace of one user has no other";
     const std::string refusal =
-        outputOf("setpriv --reuid=65534 --regid=65534 --clear-groups env " + driver + "add /tmp/request.json");
+        outputOf("setpriv --reuid=65534 --regid=65534 --clear-groups " + driver("add /tmp/request.json"));
     EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: journal: make /run/vknetconfig: Permission denied"));
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
@@ -120,23 +117,24 @@ TEST_F(InterfaceFault, AnySystemCallThatFailsLeavesAllOrNothing)
 {
     NEEDS_STRACE();
     const std::vector<std::pair<const char*, const char*>> faults = {
-        {"mkdir", "EROFS"},  {"openat", "EMFILE"},   {"flock", "ENOLCK"},  {"ftruncate", "EIO"},
-        {"pwrite64", "EIO"}, {"write", "ENOSPC"},    {"fsync", "EIO"},     {"renameat", "EIO"},
-        {"socket", "EMFILE"}, {"bind", "ENOMEM"},    {"setsockopt", "ENOPROTOOPT"},
-        {"sendto", "ENOBUFS"}, {"recvmsg", "ENOBUFS"}, {"recvmsg", "EINTR"}, {"poll", "ENOMEM"},
+        {"mkdir", "EROFS"},     {"openat", "EMFILE"},          {"flock", "ENOLCK"},
+        {"ftruncate", "EIO"},   {"pwrite64", "EIO"},           {"write", "ENOSPC"},
+        {"fsync", "EIO"},       {"renameat", "EIO"},           {"socket", "EMFILE"},
+        {"bind", "ENOMEM"},     {"setsockopt", "ENOPROTOOPT"}, {"sendto", "ENOBUFS"},
+        {"recvmsg", "ENOBUFS"}, {"recvmsg", "EINTR"},          {"poll", "ENOMEM"},
     };
     for (const auto& [call, error] : faults) {
         for (int number = 1; number < 60; ++number) {
             // What fails after the library is loaded is its business.
-            const std::string output = withFault(call, "error=" + std::string(error) + ":when=" + std::to_string(number),
-                                                 "add /tmp/request.json");
+            const std::string output = withFault(
+                call, "error=" + std::string(error) + ":when=" + std::to_string(number), "add /tmp/request.json");
             const bool isApplied = output.find("REFUSED") == std::string::npos;
             if (isApplied) {
                 EXPECT_EQ(routesOf("vpn0").size(), 2500U) << call << " " << number << ": " << output;
             } else {
                 EXPECT_EQ(networkSnapshot(), mBefore) << call << " " << number << ": " << output;
             }
-            run(driver + "delete vpn0");
+            run(driver("delete vpn0"));
             ASSERT_EQ(networkSnapshot(), mBefore) << call << " " << number << ": " << output;
             if (isApplied && number > 12) break;
         }
@@ -149,15 +147,15 @@ TEST_F(InterfaceFault, AnInterfaceThatIsDeletedInTheMiddleIsReported)
     int reported = 0;
     for (int number = 1; number <= 6; ++number) {
         std::thread deleter([] { run("sleep 0.35; ip link del vpn0 || true"); });
-        const std::string output = withFault("sendto", "delay_enter=700000:when=" + std::to_string(number),
-                                             "add /tmp/request.json");
+        const std::string output =
+            withFault("sendto", "delay_enter=700000:when=" + std::to_string(number), "add /tmp/request.json");
         deleter.join();
         if (output.find("CmAddInterfaceCfg2: ifName: ") != std::string::npos) ++reported;
         EXPECT_EQ(output.find("terminate"), std::string::npos) << output;
         EXPECT_EQ(outputOf("ip -4 route show table main"), "") << output;
         run("ip link show vpn0 >/dev/null 2>&1 && ip link del vpn0 || true");
         makeInterface("vpn0", "");
-        run(driver + "delete vpn0");
+        run(driver("delete vpn0"));
         EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
     }
     EXPECT_GE(reported, 5);

@@ -36,8 +36,8 @@ std::vector<std::string> shown(const InterfaceRequest& request)
 {
     std::vector<std::string> texts;
     for (const Route& route : request.routes) {
-        texts.push_back(dotted({route.destination}) + "/" + std::to_string(route.prefix) + " " + dotted({route.gateway}) +
-                        " " + std::to_string(route.metric));
+        texts.push_back(dotted({route.destination}) + "/" + std::to_string(route.prefix) + " " +
+                        dotted({route.gateway}) + " " + std::to_string(route.metric));
     }
     return texts;
 }
@@ -72,8 +72,9 @@ TEST(InterfaceRequest, OnlyTheNameIsRequired)
 TEST(InterfaceRequest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
 {
     for (const char* gateway : {R"(,"gateway":null)", R"(,"gateway":"")", R"(,"gateway":"0.0.0.0")", ""}) {
-        const std::string json = R"({"ifName":"tun0","ipv4":{"additionalIfRoutes":[{"ip":"10.0.0.0","netmask":"255.0.0.0")" +
-                                 std::string(gateway) + "}]}}";
+        const std::string json =
+            R"({"ifName":"tun0","ipv4":{"additionalIfRoutes":[{"ip":"10.0.0.0","netmask":"255.0.0.0")" +
+            std::string(gateway) + "}]}}";
         EXPECT_THAT(shown(parseInterfaceRequest(json.c_str())), ElementsAre("10.0.0.0/8 0.0.0.0 0")) << gateway;
     }
 }
@@ -206,7 +207,9 @@ TEST(InterfaceRequest, DomainsAreNames)
     for (const std::string& domain : {std::string(), std::string("a..b"), std::string("a b"), std::string("a/b"),
                                       std::string(64, 'a'), std::string("a.") + std::string(300, 'b')}) {
         EXPECT_EQ(errorOf(R"({"ifName":"tun0","domainsOnIfDns":["a.example",")" + domain + "\"]}")
-                      .find("domainsOnIfDns[1]: "), 0U) << domain;
+                      .find("domainsOnIfDns[1]: "),
+                  0U)
+            << domain;
     }
 }
 

@@ -15,8 +15,8 @@ TEST(Ipv4, HexAddressIsTheNetworkOrderReadAsHostInteger)
 
 TEST(Ipv4, HexAddressNeedsItsPrefixAndEightDigits)
 {
-    for (const char* text : {"", "0x", "0x0a01a8c", "0x0a01a8c00", "0X0a01a8c0", "000a01a8c0", "0x0a01a8cg", "0x-a01a8c0",
-                             "0x+a01a8c0", "0x 0a01a8c", "192.168.1.10"}) {
+    for (const char* text : {"", "0x", "0x0a01a8c", "0x0a01a8c00", "0X0a01a8c0", "000a01a8c0", "0x0a01a8cg",
+                             "0x-a01a8c0", "0x+a01a8c0", "0x 0a01a8c", "192.168.1.10"}) {
         EXPECT_FALSE(parseHexAddress(text)) << text;
     }
 }
@@ -27,8 +27,9 @@ TEST(Ipv4, DottedAddressIsFourPlainNumbers)
         ASSERT_TRUE(parseDottedAddress(text)) << text;
         EXPECT_EQ(dotted(*parseDottedAddress(text)), text);
     }
-    for (const char* text : {"", ".", "10", "10.8.0", "10.8.0.", "10.8.0.1.", "10.8.0.1.2", "10.8.0.256", "10.8.0.01",
-                             "10.8.0.-1", "10.8.0.+1", " 10.8.0.1", "10.8.0.1 ", "10..0.1", "0x0a.8.0.1", "10.8.0.1/8"}) {
+    for (const char* text :
+         {"", ".", "10", "10.8.0", "10.8.0.", "10.8.0.1.", "10.8.0.1.2", "10.8.0.256", "10.8.0.01", "10.8.0.-1",
+          "10.8.0.+1", " 10.8.0.1", "10.8.0.1 ", "10..0.1", "0x0a.8.0.1", "10.8.0.1/8"}) {
         EXPECT_FALSE(parseDottedAddress(text)) << text;
     }
 }

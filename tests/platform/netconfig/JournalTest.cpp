@@ -74,7 +74,8 @@ private:
 std::vector<std::string> filesLeft()
 {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.push_back(entry.path().filename());
     return names;
 }
 
@@ -108,7 +109,7 @@ TEST(Journal, TheFolderIsForItsOwnerOnly)
 {
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(true);
-    struct stat status{};
+    struct stat status {};
     ASSERT_EQ(stat(folder, &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0700U);
 }

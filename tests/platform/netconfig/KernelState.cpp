@@ -27,7 +27,8 @@ std::string outputOf(const std::string& command)
     if (!pipe) throw std::runtime_error("popen");
     std::string output;
     char part[4096];
-    while (const std::size_t count = fread(part, 1, sizeof part, pipe.get())) output.append(part, count);
+    while (const std::size_t count = fread(part, 1, sizeof part, pipe.get()))
+        output.append(part, count);
     return output;
 }
 
