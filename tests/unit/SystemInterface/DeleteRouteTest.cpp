@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Deleting routes through the ip tool: the commands, and what happens to the private namespace's table.
+#include <cctype>
+#include <cstring>
 #include <limits>
 
 #include "Faults.h"
@@ -112,35 +114,8 @@ TEST_F(DeleteRouteTest, HostileTextIsRefusedAndTheNextRouteTaken)
 {
     testsupport::shell("ip addr replace 10.1.1.2/24 dev lo");
     const char* const hostile[] = {
-        "10.0.0.0; touch /tmp/hurt",
-        "$(touch /tmp/hurt)",
-        "`touch /tmp/hurt`",
-        "10.0.0.0 | touch /tmp/hurt",
-        "10.0.0.0\ntouch /tmp/hurt",
-        "10.0.0.0 dev eth0",
-        "x&touch /tmp/hurt",
-        "a'b",
-        "a\"b",
-        "a\\b",
-        "a>b",
-        "a<b",
-        "a*b",
-        "a?b",
-        "~a",
-        "a#b",
-        "a(b",
-        "a{b",
-        "a[b",
-        "a!b",
-        "a=b",
-        "a%b",
-        "a,b",
-        "a@b",
-        "a+b",
-        "a^b",
-        "caf\xc3\xa9",
-        "\x01",
-        "\t",
+        "10.0.0.0; touch /tmp/hurt", "$(touch /tmp/hurt)",        "`touch /tmp/hurt`",
+        "10.0.0.0|touch /tmp/hurt",  "10.0.0.0\ntouch /tmp/hurt", "x&touch /tmp/hurt",
     };
     for (const char* text : hostile) {
         for (const bool isGateway : {false, true}) {
@@ -161,6 +136,17 @@ TEST_F(DeleteRouteTest, HostileTextIsRefusedAndTheNextRouteTaken)
         }
     }
     EXPECT_NE(0, access("/tmp/hurt", F_OK));
+}
+
+TEST_F(DeleteRouteTest, EveryOtherByteIsRefused)
+{
+    for (int byte = 1; byte < 256; ++byte) {
+        const char c = static_cast<char>(byte);
+        if (isascii(byte) && (isalnum(byte) || std::strchr(".:/-_", byte) != nullptr)) continue;
+        const std::string text = std::string("a") + c + "b";
+        EXPECT_EQ("", commandFor(text.c_str(), "0.0.0.0", "10.1.1.1")) << byte;
+        EXPECT_EQ("", commandFor("10.0.0.0", "0.0.0.0", text.c_str())) << byte;
+    }
 }
 
 TEST_F(DeleteRouteTest, EveryHarmlessCharacterGoesOut)
