@@ -35,7 +35,7 @@ void setUpLog(int verbosity)
 
 void complain(const std::string& text)
 {
-    std::fputs(("vpnoalctl: " + printable(text) + "\n").c_str(), stderr);
+    tell("vpnoalctl: " + text);
 }
 
 int guarded(const Action& action, Context& context)
@@ -68,11 +68,9 @@ std::string unknownCommand(const CLI::App& app)
 
 int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
 {
-    const CLI::App* named = &app;
     std::string command = "vpnoalctl";
-    for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = named->get_subcommands()) {
-        named = chosen.front();
-        command += " " + named->get_name();
+    for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = chosen.front()->get_subcommands()) {
+        command += " " + chosen.front()->get_name();
     }
     const std::string unknown = unknownCommand(app);
     complain("usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Context.h"
 
-#include <cstdio>
-
 namespace vpnoalctl {
 
 PluginLibrary& Context::plugin()
@@ -13,7 +11,7 @@ PluginLibrary& Context::plugin()
 
 void Context::explain(const std::string& text) const
 {
-    if (settings.verbosity > 0) std::fputs((printable(text) + "\n").c_str(), stderr);
+    if (settings.verbosity > 0) tell(text);
 }
 
 }  // namespace vpnoalctl

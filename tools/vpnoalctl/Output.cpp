@@ -64,6 +64,11 @@ std::string printable(const std::string& text)
     return result;
 }
 
+void tell(const std::string& text)
+{
+    static_cast<void>(std::fputs((printable(text) + "\n").c_str(), stderr));
+}
+
 JsonPtr tableToJson(const Table& table)
 {
     JsonPtr array = newArray();
@@ -95,7 +100,8 @@ std::string Output::styled(const std::string& text, Style style) const
 
 void Output::write(const std::string& text)
 {
-    std::fwrite(text.data(), 1, text.size(), mStream);
+    // Whether it worked is asked in flush().
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), mStream));
 }
 
 void Output::row(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths)

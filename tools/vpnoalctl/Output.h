@@ -20,6 +20,9 @@ enum class Style { Plain, Title, Good, Bad, Warning, Faint };
 /// Text without control characters, which could play tricks on a terminal: they are shown as \xHH.
 std::string printable(const std::string& text);
 
+/// Prints one line on stderr. Nobody can be told when that fails.
+void tell(const std::string& text);
+
 struct Cell {
     Cell(std::string text, Style look = Style::Plain) : value(std::move(text)), style(look) {}
     Cell(const char* text, Style look = Style::Plain) : value(std::string(text)), style(look) {}

@@ -102,7 +102,7 @@ std::string PluginLibrary::soname() const
     // The dynamic linker has relocated the string table's address already.
     const char* strings = nullptr;
     for (const ElfW(Dyn)* entry = map->l_ld; entry->d_tag != DT_NULL; ++entry) {
-        if (entry->d_tag == DT_STRTAB) strings = reinterpret_cast<const char*>(entry->d_un.d_ptr);
+        if (entry->d_tag == DT_STRTAB) std::memcpy(&strings, &entry->d_un.d_ptr, sizeof strings);
     }
     for (const ElfW(Dyn)* entry = map->l_ld; strings != nullptr && entry->d_tag != DT_NULL; ++entry) {
         if (entry->d_tag == DT_SONAME) return strings + entry->d_un.d_val;

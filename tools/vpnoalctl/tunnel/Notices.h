@@ -5,8 +5,7 @@
 #ifndef VPNOALCTL_NOTICES_H
 #define VPNOALCTL_NOTICES_H
 
-#include <cstdio>
-
+#include "Output.h"
 #include "kest/SystemPluginCB.h"
 
 namespace vpnoalctl {
@@ -14,15 +13,15 @@ namespace vpnoalctl {
 class Notices : public KEST_SystemPluginCB {
 public:
     explicit Notices(bool told) : mTold(told) {}
-    void OnPowerSuspended() override { tell("the device is about to sleep"); }
-    void OnPowerResume() override { tell("the device is awake again"); }
-    void OnConnectionChange(std::uint32_t) override { tell("the physical network changed"); }
-    void OnConfigurationChange() override { tell("the tunnel's configuration changed"); }
+    void OnPowerSuspended() override { report("the device is about to sleep"); }
+    void OnPowerResume() override { report("the device is awake again"); }
+    void OnConnectionChange(std::uint32_t) override { report("the physical network changed"); }
+    void OnConfigurationChange() override { report("the tunnel's configuration changed"); }
 
 private:
-    void tell(const char* what) const
+    void report(const char* what) const
     {
-        if (mTold) std::fprintf(stderr, "%s\n", what);
+        if (mTold) tell(what);
     }
 
     bool mTold;
