@@ -111,8 +111,8 @@ protected:
                " \"networkUsage\": [ \"internet\" ] }";
     }
 
+    CallListCallback mCallback;  // outlives the object, which calls it while it is destroyed
     std::unique_ptr<SystemInterface> mSystem = std::make_unique<SystemInterface>();
-    CallListCallback mCallback;
 };
 
 inline const std::string deleteRequest = R"({ "label": "vpn.vpnoal", "chainDelete": "NORVA" })";
