@@ -82,7 +82,7 @@ std::string pathOf(const std::string& program)
     const std::string folders = searchPath();
     for (std::size_t begin = 0; begin <= folders.size();) {
         const std::size_t end = std::min(folders.find(':', begin), folders.size());
-        const std::string path = folders.substr(begin, end - begin) + "/" + program;
+        std::string path = folders.substr(begin, end - begin) + "/" + program;
         if (path[0] == '/' && access(path.c_str(), X_OK) == 0) return path;
         begin = end + 1;
     }
@@ -165,6 +165,7 @@ ToolResult runTool(const std::vector<std::string>& command, std::string_view inp
     }
     std::vector<std::string> words = command;
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
