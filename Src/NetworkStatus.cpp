@@ -8,29 +8,11 @@
 #include "ObjectRegistry.h"
 #include "QuorClient.h"
 #include "SocketInterface.h"
+#include "StatusPayload.h"
 #include "SystemInterface.h"
 #include "handles/Json.h"
 
 namespace {
-
-// Null where there is none, and where the value around it is no object.
-json_object* member(json_object* object, const char* key)
-{
-    if (!json_object_is_type(object, json_type_object)) return nullptr;
-    return json_object_object_get(object, key);
-}
-
-// A value that is no text is read as its JSON text.
-const char* memberText(json_object* object, const char* key)
-{
-    return json_object_get_string(member(object, key));
-}
-
-wfoal::NetworkFlags readSection(json_object* status, const char* key)
-{
-    json_object* section = member(status, key);
-    return wfoal::networkFlags(memberText(section, "state"), memberText(section, "onInternet"));
-}
 
 const char* text(bool flag)
 {
@@ -74,8 +56,7 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
     }
     std::string boundName;
     if (!copyBoundName(boundName) || status == nullptr) return true;
-    const wfoal::NetworkFlags wifi = readSection(status.get(), "wifi");
-    const wfoal::NetworkFlags wan = readSection(status.get(), "wan");
+    const auto [wifi, wan] = wfoal::readStatus(status.get());
     const wfoal::NetworkDecision decision = wfoal::decideNetworkChange(wifi, wan, boundName);
     if (decision.reason != nullptr) WFOAL_DEBUG("%s: %s", __func__, decision.reason);
     WFOAL_DEBUG(

@@ -73,6 +73,7 @@ bool ConnectionManager::startBus(GMainLoop* loop)
 
 bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
 {
+    sInstance->lookIfUnsettled();
     QSError error;
     QSErrorInit(&error);
     bool done =
@@ -81,6 +82,13 @@ bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
     if (!done) SERVICE_ERROR("getStatus: %s", error.message);
     QSErrorFree(&error);
     return done;
+}
+
+// Whoever asks gets what is, even while changes are still being waited for.
+void ConnectionManager::lookIfUnsettled()
+{
+    mEvents.receive();
+    if (mDebounce.due()) look();
 }
 
 void ConnectionManager::noteChange()

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The service: looks at the network when it has settled, answers getStatus with what it saw, and pushes it to
-// subscribers when it is another than before. Everything runs on one loop.
+// The service: looks at the network when it has settled, or when it is asked before that, answers getStatus with what it
+// saw, and pushes it to subscribers when it is another than before. Everything runs on one loop.
 #ifndef CONMAN_CONNECTIONMANAGER_H
 #define CONMAN_CONNECTIONMANAGER_H
 
@@ -32,6 +32,7 @@ public:
 private:
     static bool getStatus(QSHandle* handle, QSMessage* message, void* data);
     bool startBus(GMainLoop* loop);
+    void lookIfUnsettled();
     void noteChange();
     void setTimer(GMainContext* context);
     void look();

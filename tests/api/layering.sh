@@ -8,7 +8,7 @@ cd "$1"
 
 # Which part may include which: folder, then what it may reach beside itself, folders and single files. The most exact
 # folder counts. The files of Src that are plain values, without a system call or a log line, are for all.
-plain='Src/InterfaceNames.h Src/InterfaceChoice.h Src/RouteParser.h Src/RouteInfo.h'
+plain='Src/InterfaceNames.h Src/InterfaceChoice.h Src/RouteParser.h Src/RouteInfo.h Src/NetworkDecision.h Src/StatusPayload.h'
 rules="
 include/kest        -
 include/handles     -
@@ -22,7 +22,7 @@ platform/bus        include/handles platform/include platform/common common
 platform/power      include/handles platform/include platform/common common
 platform/netconfig  include/handles platform/include platform/common common
 services            include/handles platform/include platform/common common $plain
-tools               include/kest include/handles common $plain
+tools               include/kest include/handles platform/include common $plain
 "
 # The plug-in's own layers, from the top: a file includes its own layer and those below it.
 layers='
@@ -30,7 +30,7 @@ PluginEntry
 EventThread
 NetworkStatus
 SystemInterface SocketInterface StorageInterface CertificateInterface ObjectRegistry QuorClient
-NetLinkHelper InterfaceNames InterfaceIndex InterfaceChoice NetworkDecision
+NetLinkHelper InterfaceNames InterfaceIndex InterfaceChoice NetworkDecision StatusPayload
 RouteParser
 RouteInfo Log Assertion InterfaceCommon DottedAddress
 '

@@ -98,6 +98,15 @@ TEST_F(ConnectionManagerTest, FirstReplySaysHowItIs)
               mStatuses.wait(1).at(0));
 }
 
+TEST_F(ConnectionManagerTest, ReplyIsNotStaleRightAfterAChange)
+{
+    wifiUp();
+    sh("until ip link show eth0 | grep -q 'state UP'; do :; done");
+    subscribe();
+    EXPECT_THAT(section(mStatuses.wait(1).at(0), "wifi"), HasSubstr(R"("state":"connected","onInternet":"yes")"));
+    EXPECT_THAT(settled(), SizeIs(1));  // and is not pushed once more
+}
+
 TEST_F(ConnectionManagerTest, ChangesArePushedWithAddressAndName)
 {
     subscribe();

@@ -11,6 +11,7 @@ namespace vpnoalctl {
 
 Action defineApply(CLI::App& options);
 Action defineBind(CLI::App& options);
+Action defineBusCall(CLI::App& options);
 Action defineCertsImport(CLI::App& options);
 Action defineCertsList(CLI::App& options);
 Action defineCertsShow(CLI::App& options);
@@ -19,6 +20,7 @@ Action defineConnect(CLI::App& options);
 Action defineDoctor(CLI::App& options);
 Action defineInfo(CLI::App& options);
 Action defineInterfaces(CLI::App& options);
+Action defineMonitor(CLI::App& options);
 Action definePreferred(CLI::App& options);
 Action defineRestore(CLI::App& options);
 Action defineRouteDel(CLI::App& options);

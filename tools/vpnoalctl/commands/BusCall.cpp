@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalctl bus call: asks a platform service something and prints its answer as it is. Needs no plug-in.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "CommandError.h"
+#include "Context.h"
+#include "bus/BusClient.h"
+#include "commands/Commands.h"
+#include "tunnel/Signals.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+struct Options {
+    std::string uri;
+    std::string payload = "{}";
+    bool follow = false;
+};
+
+bool reportsFailure(json_object* reply)
+{
+    json_object* result = nullptr;
+    if (!json_object_is_type(reply, json_type_object)) return false;
+    return json_object_object_get_ex(reply, "returnValue", &result) && !json_object_get_boolean(result);
+}
+
+int callService(const Options& options, Context& context)
+{
+    Signals signals;
+    BusClient bus;
+    int result = ExitFailed;
+    bus.call(options.uri, options.payload, [&](const std::string& payload) {
+        const JsonPtr reply(json_tokener_parse(payload.c_str()));
+        context.output.json() ? context.output.value(reply) : context.output.line(payload);
+        context.output.flush();
+        result = reportsFailure(reply.get()) ? ExitFailed : ExitOk;
+        if (!options.follow) bus.stop();
+    });
+    bus.run(signals);
+    return result;
+}
+
+}  // namespace
+
+Action defineBusCall(CLI::App& command)
+{
+    const auto options = std::make_shared<Options>();
+    command.add_option("URI", options->uri, "vesk://SERVICE/CATEGORY.../METHOD")->required();
+    command.add_option("PAYLOAD", options->payload, "A JSON object; {} when left out");
+    command.add_flag("-f,--follow", options->follow, "Stay until Ctrl-C and print what the service pushes");
+    return [options](Context& context) { return callService(*options, context); };
+}
+
+}  // namespace vpnoalctl

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "monitor/Verdict.h"
+
+#include "InterfaceNames.h"
+#include "NetworkDecision.h"
+#include "StatusPayload.h"
+#include "handles/Json.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+std::string describe(const wfoal::NetworkFlags& flags)
+{
+    if (flags.connected) return "on the internet";
+    return flags.notOnInternet ? "off" : "unknown";
+}
+
+// Why the agent is left alone; the plug-in itself has no words for it.
+std::string whyNot(const wfoal::StatusPayload& status, const std::string& boundName)
+{
+    if (status.wifi.connected) return "Wi-Fi is there, and " + boundName + " is no WAN interface";
+    if (status.wan.connected) return "WAN is there, and " + boundName + " is no Wi-Fi interface";
+    if (boundName.empty()) return "no network is there to connect by";
+    return "not both networks are known to be off";
+}
+
+}  // namespace
+
+TimelineEvent judgeStatus(const std::string& payload, const std::string& boundName)
+{
+    const JsonPtr json(json_tokener_parse(payload.c_str()));
+    if (json == nullptr) return {"network", "a status that is no JSON", "leave the agent alone", "it says nothing"};
+    const wfoal::StatusPayload status = wfoal::readStatus(json.get());
+    const wfoal::NetworkDecision decision = wfoal::decideNetworkChange(status.wifi, status.wan, boundName);
+    TimelineEvent event;
+    event.source = "network";
+    event.event = "Wi-Fi " + describe(status.wifi) + ", WAN " + describe(status.wan) + ", " +
+                  (boundName.empty() ? "not bound" : "bound to " + boundName);
+    event.decision = decision.sendNwCng ? "tell the agent" : "leave the agent alone";
+    event.reason = decision.sendNwCng ? decision.reason : whyNot(status, boundName);
+    return event;
+}
+
+}  // namespace vpnoalctl
