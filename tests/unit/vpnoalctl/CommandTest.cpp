@@ -74,6 +74,8 @@ class CommandTest : public testing::Test {
 protected:
     void SetUp() override
     {
+        unlink(calls);
+        for (const char* name : {"NETCONFIG_DELAY", "NETCONFIG_RESULT", "NETCONFIG_NO_FILTER"}) unsetenv(name);
         setenv("LD_LIBRARY_PATH", fakePlatform, 1);
         setenv("NETCONFIG_LOG", calls, 1);
         writeFile(profile, R"({"tunnel":{"address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1280},
@@ -209,10 +211,10 @@ TEST_F(CommandTest, ApplyWithoutADeviceAsksNothingOfThePlatform)
     EXPECT_THAT(recordedCalls(), ElementsAre());
 }
 
-TEST_F(CommandTest, FullDiskIsNoticed)
+TEST_F(CommandTest, OutputThatCannotBeWrittenIsNoticed)
 {
-    const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-    EXPECT_EQ(1, ChildProcess({program, "info"}, full.get()).wait());
+    const UniqueFd notForWriting(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(1, ChildProcess({program, "info"}, notForWriting.get()).wait());
 }
 
 TEST_F(CommandTest, DoctorNamesWhatIsMissingAndTheRemedy)

@@ -92,8 +92,8 @@ TEST(OutputTest, LettersOfSeveralBytesTakeOneColumn)
 
 TEST(OutputTest, WhatCannotBeWrittenIsNoticed)
 {
-    const FilePtr full(std::fopen("/dev/full", "w"));
-    Output output(full.get(), false, false);
+    const FilePtr notForWriting(std::fopen("/dev/null", "r"));
+    Output output(notForWriting.get(), false, false);
     output.line("lost");
     EXPECT_FALSE(output.flush());
 }

@@ -49,6 +49,8 @@ Finding lookAtTunDevice(Context&)
     return {Health::Ok, "/dev/net/tun can be opened", ""};
 }
 
+#ifdef WFOAL_HOST_PLATFORM
+
 Finding lookAtFilter(Context&)
 {
     // Without the privilege there is no answer, only a complaint of the library's own on stderr.
@@ -58,5 +60,14 @@ Finding lookAtFilter(Context&)
     if (fault.empty()) return {Health::Ok, "nftables answers", ""};
     return {Health::Missing, "nftables: " + fault, "load the module: modprobe nf_tables"};
 }
+
+#else
+
+Finding lookAtFilter(Context&)
+{
+    return {Health::Ok, "the device's own platform filters", ""};
+}
+
+#endif
 
 }  // namespace vpnoalctl

@@ -89,6 +89,17 @@ Finding lookAtResolver(Context&)
             "start systemd-resolved or install resolvconf; without one, profiles with DNS are refused"};
 }
 
+Finding lookAtJournalFolder(Context&)
+{
+    const std::string folder = "/run/vknetconfig";
+    struct stat status {};
+    // It is made when it is needed.
+    const bool isThere = stat(folder.c_str(), &status) == 0 || errno != ENOENT;
+    const std::string fault = folderFault(isThere ? folder : "/run");
+    if (!fault.empty()) return {Health::Missing, fault, "run as root and make the folder writable"};
+    return {Health::Ok, folder + (isThere ? " is writable" : " can be made"), ""};
+}
+
 #else
 
 Finding lookAtBus(Context&)
@@ -101,6 +112,11 @@ Finding lookAtResolver(Context&)
     return {Health::Ok, "the device's own platform sets DNS", ""};
 }
 
+Finding lookAtJournalFolder(Context&)
+{
+    return {Health::Ok, "the device's own platform keeps its journal", ""};
+}
+
 #endif
 
 Finding lookAtIpTool(Context&)
@@ -108,17 +124,6 @@ Finding lookAtIpTool(Context&)
     if (access(ipTool, X_OK) == 0) return {Health::Ok, std::string(ipTool) + " is there", ""};
     return {Health::Limited, fmt::format("{}: {}", ipTool, std::strerror(errno)),
             "install iproute2; without it routes cannot be deleted"};
-}
-
-Finding lookAtJournalFolder(Context&)
-{
-    const std::string folder = "/run/vknetconfig";
-    struct stat status {};
-    // It is made when it is needed.
-    const bool isThere = stat(folder.c_str(), &status) == 0 || errno != ENOENT;
-    const std::string fault = folderFault(isThere ? folder : "/run");
-    if (!fault.empty()) return {Health::Missing, fault, "run as root and make the folder writable"};
-    return {Health::Ok, folder + (isThere ? " is writable" : " can be made"), ""};
 }
 
 Finding lookAtTemporaryFolder(Context&)
