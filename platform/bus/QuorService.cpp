@@ -149,6 +149,18 @@ extern "C" bool QSRegisterCategory(QSHandle* handle, const char* category, QSMet
     });
 }
 
+extern "C" bool QSMessageGetSenderUid(QSMessage* request, unsigned int* uid)
+{
+    if (request == nullptr || request->request == nullptr || uid == nullptr) return false;
+    sd_bus_creds* found = nullptr;
+    if (sd_bus_query_sender_creds(request->request, SD_BUS_CREDS_EUID, &found) < 0) return false;
+    const SdBusCredsPtr credentials(found);
+    uid_t user = 0;
+    if (sd_bus_creds_get_euid(credentials.get(), &user) < 0) return false;
+    *uid = user;
+    return true;
+}
+
 extern "C" bool QSMessageReply(QSHandle* handle, QSMessage* request, const char* payload, QSError* error)
 {
     return perform(__func__, handle, error, [&](QSHandle& self) -> Failure {

@@ -105,6 +105,9 @@ QSMessageToken QSMessageGetResponseToken(QSMessage* message);
  * not used. The tables must outlive the handle. Before the loop runs, or requests may come too early. */
 bool QSRegisterCategory(QSHandle* handle, const char* category, QSMethod* methods, QSSignal* signals,
                         QSProperty* properties, QSError* error);
+/* Stores the user id of a request's sender, as the bus vouches for it. Within the method callback only. False when the
+ * message is no request or the sender is gone. */
+bool QSMessageGetSenderUid(QSMessage* request, unsigned int* uid);
 /* Answers a request. Must be called within the method callback. */
 bool QSMessageReply(QSHandle* handle, QSMessage* request, const char* payload, QSError* error);
 /* Enters the sender of a request as subscriber under `key`, within the method callback. It takes pushes from the

@@ -116,6 +116,12 @@ extern "C" bool QSRegisterCategory(QSHandle* handle, const char* category, QSMet
     return outcome("QSRegisterCategory", text(category), error);
 }
 
+extern "C" bool QSMessageGetSenderUid(QSMessage*, unsigned int* uid)
+{
+    *uid = 0;
+    return true;
+}
+
 extern "C" bool QSMessageReply(QSHandle*, QSMessage*, const char* payload, QSError* error)
 {
     return outcome("QSMessageReply", text(payload), error);
