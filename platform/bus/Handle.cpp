@@ -87,15 +87,17 @@ bool QSHandle::close(QSHandle* handle)
 
 void QSHandle::closeAll()
 {
-    const std::lock_guard<std::mutex> lock(sHandlesLock);
-    if (sHandles == nullptr) return;
-    // One that is at work on another thread is left alone: waiting for it might take for ever.
-    for (auto handle = sHandles->begin(); handle != sHandles->end();) {
-        handle = handle->second->mConnection.tryClose() ? sHandles->erase(handle) : std::next(handle);
+    std::unique_ptr<Handles> handles;
+    {
+        const std::lock_guard<std::mutex> lock(sHandlesLock);
+        handles.reset(sHandles);
+        sHandles = nullptr;
     }
-    if (!sHandles->empty()) return;
-    delete sHandles;
-    sHandles = nullptr;
+    if (handles == nullptr) return;
+    for (auto& entry : *handles) {
+        // One that is at work on another thread is left alone: waiting for it might take for ever.
+        if (!entry.second->mConnection.tryClose()) enterInList(entry.second);
+    }
 }
 
 quor::Failure QSHandle::attach(GMainLoop* loop)

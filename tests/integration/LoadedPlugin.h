@@ -33,6 +33,10 @@ public:
     LoadedPlugin() : mLibrary(dlopen(WFOAL_BUILD_DIR "/lib/libVpnWfOal.so", RTLD_NOW | RTLD_LOCAL))
     {
         if (mLibrary == nullptr) throw std::runtime_error(dlerror());
+#if defined(__SANITIZE_THREAD__)
+        // The thread sanitizer's suppression of a library does not survive its unloading.
+        dlopen("libsystemd.so.0", RTLD_NOW | RTLD_NODELETE);
+#endif
         create = reinterpret_cast<Plugin* (*)(const char*)>(dlsym(mLibrary.get(), "CreatePlugin"));
         dispose = reinterpret_cast<bool (*)(Plugin*)>(dlsym(mLibrary.get(), "DisposePlugin"));
     }
