@@ -363,6 +363,7 @@ protected:
     {
         TunnelCommandTest::SetUp();
         if (IsSkipped()) return;
+        runCommand({"ip", "link", "delete", "norvatun0"});
         runCommand({"ip", "tuntap", "add", "mode", "tun", "norvatun0"});
         runCommand({"ip", "address", "add", "10.8.0.2", "peer", "10.8.0.1/24", "dev", "norvatun0"});
         runCommand({"ip", "link", "set", "norvatun0", "up"});
