@@ -78,10 +78,24 @@ void DnsWatcher::forget(const Link& link)
     if (isLast) stop();
 }
 
+namespace {
+
+std::string currentOwner()
+{
+    try {
+        return ResolvedManager().owner();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+}  // namespace
+
 void DnsWatcher::start()
 {
     mStop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!mStop.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
+    mOwner = currentOwner();
     const SignalsBlocked forTheThread;
     mThread = std::thread(&DnsWatcher::run, this);
 }
@@ -117,7 +131,11 @@ void DnsWatcher::listen()
     const int result = sd_bus_add_match(manager.bus(), &added, match.c_str(), onOwnerChanged, &mDue);
     const SdBusSlotPtr slot(added);
     if (result < 0) throw systemError("ipv4.dns", "match", -result);
-    mDue = Clock::now();  // it may have restarted while nobody listened
+    // It may have restarted while nobody listened. Where it has not, somebody else may have taken the settings back
+    // by now, which is not to be undone.
+    const bool isUnchanged = !mOwner.empty() && manager.owner() == mOwner;
+    mOwner.clear();
+    mDue = isUnchanged ? never : Clock::now();
     do {
         process(manager.bus());
         if (Clock::now() >= mDue) setAgain(manager);

@@ -50,7 +50,8 @@ private:
     std::thread mThread;
     UniqueFd mStop;  // an eventfd, readable when the thread is to end
 
-    // Of the thread alone.
+    // Of the thread alone, once it runs.
+    std::string mOwner;  // systemd-resolved's, when the first link was set; empty for unknown
     RateLimit mLimit{5, std::chrono::minutes(1)};
     RateLimit::Clock::time_point mDue;
 };

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "LinkDns.h"
@@ -35,6 +36,9 @@ public:
 
     /// Whether it answers. It is started when the bus knows how.
     bool answers();
+
+    /// Its unique name on the bus, another one after each restart; empty when it is not there.
+    std::string owner();
 
     /// What it has of a link; nothing when the link, or the service, is not there.
     std::optional<LinkDns> read(int index);
