@@ -26,7 +26,13 @@ Attributes<size> attributesOf(const nlmsghdr& message, unsigned headerSize)
         if (type < size) (*static_cast<Attributes<size>*>(data))[type] = attribute;
         return MNL_CB_OK;
     };
-    mnl_attr_parse(&message, headerSize, collect, &attributes);
+    // Up to the message's end, not up to where the next one would begin.
+    const std::size_t begin = MNL_ALIGN(headerSize);
+    const std::size_t length = mnl_nlmsg_get_payload_len(&message);
+    if (length > begin) {
+        mnl_attr_parse_payload(mnl_nlmsg_get_payload_offset(&message, headerSize), length - begin, collect,
+                               &attributes);
+    }
     return attributes;
 }
 

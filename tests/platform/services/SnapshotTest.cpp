@@ -34,44 +34,43 @@ using testing::IsEmpty;
 class Message {
 public:
     Message(std::uint16_t type, const void* header, std::size_t headerSize)
-        : mMessage(mnl_nlmsg_put_header(mBuffer)), mExtra(mnl_nlmsg_put_extra_header(mMessage, headerSize))
     {
-        mMessage->nlmsg_type = type;
-        std::memcpy(mExtra, header, headerSize);
+        mnl_nlmsg_put_header(mBuffer)->nlmsg_type = type;
+        std::memcpy(mnl_nlmsg_put_extra_header(message(), headerSize), header, headerSize);
     }
     Message& text(std::uint16_t type, const char* value)
     {
-        mnl_attr_put_strz(mMessage, type, value);
+        mnl_attr_put_strz(message(), type, value);
         return *this;
     }
     Message& number(std::uint16_t type, std::uint32_t value)
     {
-        mnl_attr_put_u32(mMessage, type, value);
+        mnl_attr_put_u32(message(), type, value);
         return *this;
     }
     Message& bytes(std::uint16_t type, const void* value, std::size_t size)
     {
-        mnl_attr_put(mMessage, type, size, value);
+        mnl_attr_put(message(), type, size, value);
         return *this;
     }
-    std::size_t size() const { return mMessage->nlmsg_len; }
+    std::size_t size() const { return reinterpret_cast<const nlmsghdr*>(mBuffer)->nlmsg_len; }
     Snapshot snapshot() const { return snapshotOf(size()); }
     /// Of the first `length` bytes, in memory of just that size.
     Snapshot snapshotOf(std::size_t length) const
     {
         const std::unique_ptr<char[]> copy(new char[length]);
         std::memcpy(copy.get(), mBuffer, length);
-        auto* message = reinterpret_cast<nlmsghdr*>(copy.get());
-        message->nlmsg_len = static_cast<std::uint32_t>(length);
+        auto* cut = reinterpret_cast<nlmsghdr*>(copy.get());
+        cut->nlmsg_len = static_cast<std::uint32_t>(length);
         Snapshot snapshot;
-        addToSnapshot(*message, snapshot);
+        addToSnapshot(*cut, snapshot);
         return snapshot;
     }
 
 private:
+    nlmsghdr* message() { return reinterpret_cast<nlmsghdr*>(mBuffer); }
+
     alignas(nlmsghdr) char mBuffer[1024] = {};
-    nlmsghdr* mMessage;
-    void* mExtra;
 };
 
 Message linkMessage(unsigned flags)
