@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
@@ -125,10 +126,11 @@ bool bearsMark(std::string_view bytes)
 void NftSession::open()
 {
     const ino_t current = networkNamespace();
-    if (mContext && mSocket && mNamespace == current) return;
+    if (mContext && mSocket && mNamespace == current && mProcess == getpid()) return;
     mContext = newContext();
     mSocket = newSocket();
     mNamespace = current;
+    mProcess = getpid();
 }
 
 void NftSession::warmUp() noexcept

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Talking with nftables of the kernel. What it opens stays open, as closing right after a change waits for the kernel
-// to clean up (5 to 15 ms); it is opened anew only when the calling thread has moved to another network namespace.
+// to clean up (5 to 15 ms); it is opened anew only when the calling thread has moved to another network namespace, and
+// in a forked process, whose parent would see the answers.
 // Used under the library's one mutex. Failures throw a RequestError with the key "nftables".
 #ifndef VKNETCONFIG_NFTSESSION_H
 #define VKNETCONFIG_NFTSESSION_H
@@ -40,6 +41,7 @@ private:
     NftContextPtr mContext;
     MnlSocketPtr mSocket;
     ino_t mNamespace = 0;
+    pid_t mProcess = 0;
     unsigned mSequence = 0;
 };
 

@@ -115,10 +115,15 @@ bool ended(int process, std::chrono::milliseconds longest)
 ToolResult waitFor(pid_t pid, std::chrono::milliseconds longest)
 {
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    ToolResult result;
+    // Where children are ignored it may be gone already, and its number be somebody else's.
+    if (!process.valid() && errno == ESRCH) {
+        result.end = ToolResult::End::unknown;
+        return result;
+    }
     const bool inTime = process.valid() && ended(process.get(), longest);
     if (!inTime) kill(-pid, SIGKILL);
     siginfo_t information{};
-    ToolResult result;
     int waited = 0;
     do {
         waited = waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED);

@@ -4,6 +4,8 @@
 // processes, has the first one clean up what dead processes left, and lets no exception out.
 #include "VkNetConfigLib.h"
 
+#include <unistd.h>
+
 #include <exception>
 #include <mutex>
 #include <string>
@@ -23,11 +25,12 @@ namespace {
 
 class Session {
 public:
-    /// Cleans up after dead processes, once. What cannot be taken back is left for another try.
+    /// Cleans up after dead processes, once a process, forked ones included. What cannot be taken back is left for
+    /// another try.
     void cleanUpOnce()
     {
-        if (mIsCleanedUp) return;
-        mIsCleanedUp = true;
+        if (mCleanedUpIn == getpid()) return;
+        mCleanedUpIn = getpid();
         for (const std::string& subject : journal.takeLeftBehind()) {
             try {
                 if (InterfaceControl::isSubject(subject)) interfaces.removeLeft(subject);
@@ -44,7 +47,7 @@ public:
     FirewallControl firewall{journal};
 
 private:
-    bool mIsCleanedUp = false;
+    pid_t mCleanedUpIn = 0;
 };
 
 // Made when the library is loaded or by the first request; ends with the library.

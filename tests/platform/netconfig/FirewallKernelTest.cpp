@@ -287,6 +287,21 @@ TEST_F(FirewallKernelTest, aThreadInAnotherNetworkNamespaceGetsItsOwnFilter)
     EXPECT_EQ(ruleset(), here);
 }
 
+TEST_F(FirewallKernelTest, aForkedProcessDoesNotLeaveItsAnswersToItsParent)
+{
+    outputOf("nft add table inet theirs");
+    ASSERT_EQ(control(request("")), 0);
+    // Killed between question and answer, which is that the table is foreign: this process must not take it for its
+    // own.
+    bool killed = true;
+    for (int step = 0; killed; ++step) {
+        const auto outcome = testsupport::runKilledAt(step, [] { control(request(dropAll, "theirs")); });
+        if (!outcome) GTEST_SKIP() << "processes cannot be traced here";
+        killed = *outcome;
+        ASSERT_EQ(control(request(dropAll)), 0) << step;
+    }
+}
+
 TEST_F(FirewallKernelTest, aReaderNeverSeesTheFilterAbsentOrPartial)
 {
     std::string fewRules = dropAll;
@@ -334,6 +349,7 @@ TEST_F(FirewallKernelTest, killedAtAnyStepTheNextProcessCleansUp)
     outputOf("nft 'table inet somebody { chain c { type filter hook input priority 5; counter; }; }'");
     outputOf("nft 'table ip vpn.vpnoal { chain c { drop; }; }'");
     const std::string before = ruleset();
+    ASSERT_EQ(control(removal), 0) << "this process has cleaned up already; the others do so anew";
     int step = 0;
     bool killed = true;
     for (; killed; ++step) {
