@@ -34,8 +34,8 @@ public:
     }
     ~FakeLogind()
     {
+        mBus->close();  // first: a slot is not to be touched while the loop's thread is at work
         mSlot.reset();
-        mBus->close();
     }
 
     /// Begins or ends a sleep.

@@ -161,12 +161,21 @@ TEST_F(ConnectionManagerTest, CallerWithoutSubscriptionGetsNoPush)
 
 TEST_F(ConnectionManagerTest, RestartedBusGetsItBack)
 {
+    Mailbox service;
+    const auto note = [](QSHandle*, const char*, bool connected, void* mailbox) {
+        static_cast<Mailbox*>(mailbox)->put(connected ? "there" : "gone");
+        return true;
+    };
+    ASSERT_TRUE(QSRegisterServerStatus(mClient, serviceName, note, &service, nullptr));
+    service.wait(1);
     mBus.sendSignal(SIGKILL);
     mBus.wait();
     mBus = testsupport::startBus();
-    testsupport::waitForBusName(serviceName, mService);
+    EXPECT_THAT(service.wait(3), testing::ElementsAre("there", "gone", "there"));
     subscribe("{}");
     EXPECT_THAT(mStatuses.wait(1).at(0), HasSubstr("\"returnValue\":true"));
+    QSUnregister(mClient, nullptr);  // before what it notes into goes
+    mClient = nullptr;
 }
 
 TEST_F(ConnectionManagerTest, SecondOneDoesNotComeUp)
