@@ -51,6 +51,13 @@ void PowerClient::acknowledge(bool agreed)
     });
 }
 
+void PowerClient::askBelated()
+{
+    mConnection.run([this] {
+        if (mState == State::Asleep && mNobodyAsked) prepare();
+    });
+}
+
 void PowerClient::onBusConnected(sd_bus* bus)
 {
     mLogind = std::make_unique<hostbus::NameWatch>(bus, logindName,
@@ -140,10 +147,11 @@ void PowerClient::keepInhibitor(sd_bus_message* reply)
 void PowerClient::prepare()
 {
     mState = State::Preparing;
-    if (mCallbacks.prepareSuspend != nullptr) {
-        call(mCallbacks.prepareSuspend);
+    mNobodyAsked = mCallbacks.prepareSuspend == nullptr;
+    if (mNobodyAsked) {
+        letSleep();
     } else {
-        letSleep();  // nobody to ask
+        call(mCallbacks.prepareSuspend);
     }
 }
 

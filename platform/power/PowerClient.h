@@ -35,6 +35,8 @@ public:
     bool stop(bool wait = true);
     /// Answers the prepare-suspend callback.
     void acknowledge(bool agreed);
+    /// The prepare-suspend callback was set: it is called now if a sleep began before that.
+    void askBelated();
     Callbacks& callbacks() { return mCallbacks; }
 
 private:
@@ -56,6 +58,7 @@ private:
     hostbus::BusConnection mConnection;
     Callbacks mCallbacks;
     State mState = State::Awake;
+    bool mNobodyAsked = false;  // of this sleep, for want of a callback
     UniqueFd mInhibitor;
     std::unique_ptr<hostbus::NameWatch> mLogind;
     SdBusSlotPtr mSleepMatch;

@@ -83,7 +83,9 @@ extern "C" bool PowerdSuspendedRegister(PowerdCallback callback)
 
 extern "C" bool PowerdPrepareSuspendRegister(PowerdCallback callback)
 {
-    return setCallback(&Callbacks::prepareSuspend, callback);
+    if (!setCallback(&Callbacks::prepareSuspend, callback)) return false;
+    if (const auto present = client()) present->askBelated();
+    return true;
 }
 
 extern "C" bool PowerdPrepareSuspendAck(bool agreed)

@@ -172,6 +172,19 @@ TEST_F(PowerdTest, SleepThatHasBegunIsNotMissed)
     EXPECT_THAT(mEvents.wait(2), ElementsAre("prepare", "suspended"));
 }
 
+TEST_F(PowerdTest, SleepThatBeganBeforeThereWasACallbackIsTold)
+{
+    FakeLogind logind;
+    logind.setPreparing(true);
+    EXPECT_TRUE(PowerdGmainAttach(mThread.loop()));
+    EXPECT_TRUE(PowerdClientInit("norva-vpnagentd"));
+    logind.waitForInhibitors(1);
+    EXPECT_TRUE(logind.waitForRelease());
+    EXPECT_TRUE(PowerdSuspendedRegister(onSuspended));
+    EXPECT_TRUE(PowerdPrepareSuspendRegister(onPrepare));
+    EXPECT_THAT(mEvents.wait(2), ElementsAre("prepare", "suspended"));
+}
+
 TEST_F(PowerdTest, SleepIsToldOnce)
 {
     FakeLogind logind;
