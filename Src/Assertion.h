@@ -7,11 +7,11 @@
 #include <glib.h>
 
 /// Aborts the process through GLib when the expression is false; `file` is how the message names the source.
-#define WFOAL_ASSERT(file, line, expression)                                                    \
-    do {                                                                                        \
-        if (!(expression)) {                                                                    \
+#define WFOAL_ASSERT(file, line, expression)                                                                \
+    do {                                                                                                    \
+        if (!(expression)) {                                                                                \
             g_assertion_message_expr(nullptr, file, line, static_cast<const char*>(__func__), #expression); \
-        }                                                                                       \
+        }                                                                                                   \
     } while (false)
 
 #endif

@@ -23,9 +23,9 @@ inline bool isLogged(LogLevel level)
 }  // namespace wfoal
 
 // Macros, so that arguments are only evaluated when printed and the compiler checks them against the format.
-#define WFOAL_LOG(level, ...)                                                             \
-    do {                                                                                  \
-        if (wfoal::isLogged(level)) VkLogPrint(vpnWfOalLogCxt, level, __VA_ARGS__);       \
+#define WFOAL_LOG(level, ...)                                                       \
+    do {                                                                            \
+        if (wfoal::isLogged(level)) VkLogPrint(vpnWfOalLogCxt, level, __VA_ARGS__); \
     } while (false)
 #define WFOAL_ERROR(...) WFOAL_LOG(wfoal::LogError, __VA_ARGS__)
 #define WFOAL_WARNING(...) WFOAL_LOG(wfoal::LogWarning, __VA_ARGS__)

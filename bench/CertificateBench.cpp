@@ -39,7 +39,8 @@ template <typename Work>
 bench::Measured repeated(int times, Work work)
 {
     return bench::timed([times, work] {
-        for (int i = 0; i < times; ++i) work();
+        for (int i = 0; i < times; ++i)
+            work();
     });
 }
 

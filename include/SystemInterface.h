@@ -72,10 +72,10 @@ private:
     void fillInInterfaceValues(int socket, KEST_NetworkInterface* object, ifreq& entry);
     bool getDefaultGatewayAddress(const char* interfaceName, std::string& gateway);
 
-    JsonPtr mpNetIfObj;                     // the interface request being built
-    json_object* mpIpv4Obj = nullptr;       // its "ipv4"; owned by mpNetIfObj
-    json_object* mpRoutesArray = nullptr;   // "additionalIfRoutes" in mpIpv4Obj; null until the first route
-    JsonPtr mpFirewallObj;                  // the packet-filter request being built
+    JsonPtr mpNetIfObj;                    // the interface request being built
+    json_object* mpIpv4Obj = nullptr;      // its "ipv4"; owned by mpNetIfObj
+    json_object* mpRoutesArray = nullptr;  // "additionalIfRoutes" in mpIpv4Obj; null until the first route
+    JsonPtr mpFirewallObj;                 // the packet-filter request being built
     bool mbConfigApplied = false;
     std::atomic<KEST_SystemPluginCB*> mpSystemPluginCB{nullptr};  // the agent's
 };

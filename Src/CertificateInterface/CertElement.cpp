@@ -148,10 +148,9 @@ PluginResult CertElement::SignSSL(const unsigned char* hash, unsigned int hashLe
         WFOAL_ERROR("%s: error: cannot convert client cert DER to X509 object", __func__);
         return PLUGIN_FAILURE;
     }
-    const bool isSigned =
-        privKeyFile.empty()
-            ? signWithKey(certificate, hash, hashLength, signature, signatureLength)
-            : signWithKeyFile(certificate, hash, hashLength, signature, signatureLength, keyPassword);
+    const bool isSigned = privKeyFile.empty()
+                              ? signWithKey(certificate, hash, hashLength, signature, signatureLength)
+                              : signWithKeyFile(certificate, hash, hashLength, signature, signatureLength, keyPassword);
     return isSigned ? PLUGIN_SUCCESS : PLUGIN_FAILURE;
 }
 

@@ -7,9 +7,9 @@
 namespace wfoal {
 
 enum class ChainVerdict {
-    AskUser,             ///< The user may decide to trust the server.
-    SelfSignedInChain,   ///< Not refused for the chain; the name decides.
-    SelfSignedServer,    ///< Not refused for the chain; the name decides.
+    AskUser,            ///< The user may decide to trust the server.
+    SelfSignedInChain,  ///< Not refused for the chain; the name decides.
+    SelfSignedServer,   ///< Not refused for the chain; the name decides.
     Refuse,
 };
 

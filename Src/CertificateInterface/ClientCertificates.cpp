@@ -47,8 +47,7 @@ X509Ptr usableCertificate(const char* name, std::string& keyPath)
     keyPath = std::string(privateKeyPrefix) + name;
     struct stat status {};
     if (stat(keyPath.c_str(), &status) != 0) {
-        WFOAL_WARNING("%s: missing private key %s for cert file %s", enumerateFunction, keyPath.c_str(),
-                      path.c_str());
+        WFOAL_WARNING("%s: missing private key %s for cert file %s", enumerateFunction, keyPath.c_str(), path.c_str());
         return nullptr;
     }
     WFOAL_DEBUG("%s: KeyFile Path: %s", enumerateFunction, keyPath.c_str());

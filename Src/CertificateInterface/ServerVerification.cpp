@@ -48,8 +48,7 @@ PluginResult resultOfChain(int error, bool& promptUser)
         return PLUGIN_SUCCESS;
     case ChainVerdict::Refuse: break;
     }
-    WFOAL_ERROR("%s: Server Certificate verification failed: %s", verifyFunction,
-                X509_verify_cert_error_string(error));
+    WFOAL_ERROR("%s: Server Certificate verification failed: %s", verifyFunction, X509_verify_cert_error_string(error));
     return PLUGIN_FAILURE;
 }
 
@@ -60,13 +59,12 @@ bool isWithinValidity(X509* certificate)
     const int notBefore = X509_cmp_current_time(X509_get0_notBefore(certificate));
     const int notAfter = X509_cmp_current_time(X509_get0_notAfter(certificate));
     if (notBefore == 0 || notAfter == 0) {
-        WFOAL_ERROR("%s: Error while comparing ceritifcate validity times. notBefore(%d), notAfter(%d)",
-                    verifyFunction, notBefore, notAfter);
+        WFOAL_ERROR("%s: Error while comparing ceritifcate validity times. notBefore(%d), notAfter(%d)", verifyFunction,
+                    notBefore, notAfter);
         return false;
     }
     if (notBefore == future || notAfter == past) {
-        WFOAL_ERROR("%s: Server Certificate Expired. notBefore(%d), notAfter(%d)", verifyFunction, notBefore,
-                    notAfter);
+        WFOAL_ERROR("%s: Server Certificate Expired. notBefore(%d), notAfter(%d)", verifyFunction, notBefore, notAfter);
         return false;
     }
     return true;

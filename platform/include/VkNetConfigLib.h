@@ -33,8 +33,8 @@ extern "C" {
  *     "additionalIfRoutes"         objects of "ip", "netmask", "gateway" (dotted texts) and "metric" (0 to 2^32-1)
  *
  * Only "ifName" is required; "ip" and "netmask" come together, as they do in a route. A route without a gateway (null,
- * "" or "0.0.0.0") goes to the interface itself. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all traffic goes into
- * the interface by two /1 routes; the device's own default routes stay. */
+ * "" or "0.0.0.0") goes to the interface itself. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all
+ * traffic goes into the interface by two /1 routes; the device's own default routes stay. */
 int CmAddInterfaceCfg2(const char* json);
 
 /* Takes back what was put in force for the interface, and only that. Nothing in force is no failure. */
@@ -55,11 +55,11 @@ int CmDelInterfaceCfg(const char* ifName);
  *     "sourcePort", "destinationPort" 1 to 65535, not with "ICMP"; without "protocol" they mean TCP and UDP
  *     "jumpTo"                        "ACCEPT" or "DROP"
  *
- * Rules are tried in their order, for packets that come in, go out and pass through, IPv6 ones included where no address
- * is given; what no rule decides passes. "operation" and "jumpTo" are required. The filter is the nftables table
- * "inet LABEL" with the comment "vknetconfig"; a table of this name without it belongs to somebody else and is an error.
- * It is that of the calling thread's network namespace, and is gone at the latest when a process calls that finds the
- * one that set it up dead. */
+ * Rules are tried in their order, for packets that come in, go out and pass through, IPv6 ones included where no
+ * address is given; what no rule decides passes. "operation" and "jumpTo" are required. The filter is the nftables
+ * table "inet LABEL" with the comment "vknetconfig"; a table of this name without it belongs to somebody else and is an
+ * error. It is that of the calling thread's network namespace, and is gone at the latest when a process calls that
+ * finds the one that set it up dead. */
 int VkFirewallFullCtrl(const char* json);
 
 #pragma GCC visibility pop

@@ -46,7 +46,8 @@ enum {
 
 /* Receives replies and pushes; the result is ignored. */
 typedef bool (*QSReplyCallback)(QSHandle* handle, QSMessage* message, void* user_data);
-/* Told when a service appears on the bus or leaves it, and once at first with the state found; the result is ignored. */
+/* Told when a service appears on the bus or leaves it, and once at first with the state found; the result is ignored.
+ */
 typedef bool (*QSServerStatusCallback)(QSHandle* handle, const char* service, bool connected, void* user_data);
 /* Implements a method of a service: answers the request with QSMessageReply() before it returns, and returns true.
  * The caller of a request without an answer gets an error. `user_data` is null. */

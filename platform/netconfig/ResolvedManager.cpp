@@ -218,9 +218,8 @@ bool ResolvedManager::answers()
 std::string ResolvedManager::owner()
 {
     sd_bus_message* answer = nullptr;
-    const int result =
-        sd_bus_call_method(mBus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                           "GetNameOwner", nullptr, &answer, "s", resolvedName);
+    const int result = sd_bus_call_method(mBus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                          "org.freedesktop.DBus", "GetNameOwner", nullptr, &answer, "s", resolvedName);
     const SdBusMessagePtr owned(answer);
     const char* name = nullptr;
     if (result < 0 || sd_bus_message_read(answer, "s", &name) < 0) return {};

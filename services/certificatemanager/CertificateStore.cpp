@@ -66,7 +66,8 @@ InstallResult CertificateStore::install(const std::string& path, const std::stri
 
     if (!makeFolders(mCertificateFolder, 0755)) return notStored(mCertificateFolder);
     if (!makeFolders(mKeyFolder, 0700)) return notStored(mKeyFolder);
-    if (isInstalled(bundle.fingerprint)) return {InstallError::AlreadyInstalled, "the certificate is installed already"};
+    if (isInstalled(bundle.fingerprint))
+        return {InstallError::AlreadyInstalled, "the certificate is installed already"};
 
     const std::string name = bundle.fingerprint + certificateSuffix;
     const std::string keyName = keyPrefix + name;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The service: looks at the network when it has settled, or when it is asked before that, answers getStatus with what it
-// saw, and pushes it to subscribers when it is another than before. Everything runs on one loop.
+// The service: looks at the network when it has settled, or when it is asked before that, answers getStatus with what
+// it saw, and pushes it to subscribers when it is another than before. Everything runs on one loop.
 #ifndef CONMAN_CONNECTIONMANAGER_H
 #define CONMAN_CONNECTIONMANAGER_H
 

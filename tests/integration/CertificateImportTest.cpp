@@ -48,8 +48,8 @@ protected:
 
     static CommandResult call(const std::string& payload)
     {
-        return runCommand({"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "addcertificate",
-                           "s", payload});
+        return runCommand(
+            {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "addcertificate", "s", payload});
     }
 
     Identity mClient = makeIdentity({"client", 4});
@@ -89,8 +89,8 @@ TEST_F(CertificateImportTest, ServiceThatDiesInBetweenEndsTheImport)
 {
     startService();
     mService.sendSignal(SIGSTOP);
-    ChildProcess caller({WFOAL_BUILD_DIR "/bin/vpnoalctl", "certs", "import", "/tmp/client.pfx", "--password-file",
-                         "/tmp/password"});
+    ChildProcess caller(
+        {WFOAL_BUILD_DIR "/bin/vpnoalctl", "certs", "import", "/tmp/client.pfx", "--password-file", "/tmp/password"});
     while (!fs::exists("/tmp/vpncerts/vpninstall.pfx")) {
     }
     mService.sendSignal(SIGKILL);

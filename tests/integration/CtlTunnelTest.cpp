@@ -90,7 +90,8 @@ protected:
     // The kernel finishes IPv6 addresses of new devices in its own time; here none are wanted.
     static void settle()
     {
-        for (const char* name : {"wlan0", "access0"}) runCommand({"ip", "-6", "address", "flush", "dev", name});
+        for (const char* name : {"wlan0", "access0"})
+            runCommand({"ip", "-6", "address", "flush", "dev", name});
     }
 
     void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
@@ -226,7 +227,8 @@ TEST_F(CtlTunnelTest, ProfileWithDnsIsRefusedWholeWithoutAResolver)
     const CommandResult result = run({"connect", profile});
     EXPECT_EQ(1, result.status);
     EXPECT_THAT(result.output, HasSubstr("ipv4.dns"));
-    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: apply: the platform refused the configuration, everything is restored"));
+    EXPECT_THAT(result.output,
+                HasSubstr("vpnoalctl: apply: the platform refused the configuration, everything is restored"));
     expectStateAsBefore();
 }
 

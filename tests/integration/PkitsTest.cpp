@@ -60,8 +60,7 @@ protected:
 };
 
 // Every certificate that may stand between the end certificate and the anchor: found by following issuer names.
-std::vector<const TestCertificate*> possibleIssuers(const TestCertificate& end,
-                                                    const std::vector<TestCertificate>& all)
+std::vector<const TestCertificate*> possibleIssuers(const TestCertificate& end, const std::vector<TestCertificate>& all)
 {
     std::vector<const TestCertificate*> chain;
     std::set<const TestCertificate*> seen = {&end};
@@ -85,7 +84,8 @@ bool plainlyVerifies(const TestCertificate& end, const std::vector<const TestCer
     const X509StorePtr store(X509_STORE_new());
     X509_STORE_add_cert(store.get(), anchor);
     STACK_OF(X509)* untrusted = sk_X509_new_null();
-    for (const TestCertificate* issuer : issuers) sk_X509_push(untrusted, issuer->parsed.get());
+    for (const TestCertificate* issuer : issuers)
+        sk_X509_push(untrusted, issuer->parsed.get());
     const X509StoreCtxPtr context(X509_STORE_CTX_new());
     X509_STORE_CTX_init(context.get(), store.get(), end.parsed.get(), untrusted);
     X509_STORE_CTX_set_purpose(context.get(), X509_PURPOSE_SSL_SERVER);
@@ -117,15 +117,16 @@ TEST_F(PkitsTest, NeverAcceptsWithoutAskingWhatPlainVerificationRefuses)
             judge.AddVerificationCert(issuer->der.data(), static_cast<unsigned>(issuer->der.size()));
         }
         bool promptUser = false;
-        const PluginResult result = judge.VerifyServerCertificate(
-            end.der.data(), static_cast<unsigned>(end.der.size()), "vpn.example", promptUser);
+        const PluginResult result = judge.VerifyServerCertificate(end.der.data(), static_cast<unsigned>(end.der.size()),
+                                                                  "vpn.example", promptUser);
         const bool accepted = result == PLUGIN_SUCCESS && !promptUser;
         const bool plain = plainlyVerifies(end, issuers, anchor->parsed.get());
         EXPECT_EQ(plain, accepted) << end.name;
         ++counts[accepted ? "accepted" : result == PLUGIN_SUCCESS ? "asked" : "refused"];
         ++counts[plain ? "plain accepted" : "plain refused"];
     }
-    for (const auto& [what, count] : counts) std::cout << what << ": " << count << "\n";
+    for (const auto& [what, count] : counts)
+        std::cout << what << ": " << count << "\n";
     EXPECT_GT(counts["plain accepted"], 50);
     EXPECT_GT(counts["plain refused"], 20);
 }

@@ -116,7 +116,8 @@ std::vector<unsigned char> Identity::pkcs12(const char* password, int cipher,
 {
     const ProviderPtr legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
     STACK_OF(X509)* stack = sk_X509_new_null();
-    for (const Identity* other : others) sk_X509_push(stack, other->certificate.get());
+    for (const Identity* other : others)
+        sk_X509_push(stack, other->certificate.get());
     const Pkcs12Ptr bundle(
         PKCS12_create(password, "test", key.get(), certificate.get(), stack, cipher, cipher, 0, 0, 0));
     sk_X509_free(stack);

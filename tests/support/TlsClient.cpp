@@ -33,8 +33,8 @@ int signByHandle(int, const unsigned char* hash, unsigned int hashLength, unsign
                  unsigned int* signatureLength, const RSA* key)
 {
     auto* connection = static_cast<Connection*>(RSA_get_app_data(const_cast<RSA*>(key)));
-    return connection->handle.SignSSL(hash, hashLength, signature, *signatureLength,
-                                      connection->options.keyPassword) == PLUGIN_SUCCESS;
+    return connection->handle.SignSSL(hash, hashLength, signature, *signatureLength, connection->options.keyPassword) ==
+           PLUGIN_SUCCESS;
 }
 
 std::vector<unsigned char> derOf(X509* certificate)
@@ -94,7 +94,8 @@ std::string readLine(SSL* session)
 {
     std::string line;
     char character = 0;
-    while (SSL_read(session, &character, 1) == 1 && character != '\n') line += character;
+    while (SSL_read(session, &character, 1) == 1 && character != '\n')
+        line += character;
     return line;
 }
 
@@ -121,7 +122,8 @@ TlsResult talkOverTls(KEST_CertPlugin& certificates, ClientCertHandle& handle, c
     SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context.get(), judgeByPlugin, &connection);
-    if (SSL_CTX_use_certificate(context.get(), own.get()) != 1 || SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1) {
+    if (SSL_CTX_use_certificate(context.get(), own.get()) != 1 ||
+        SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1) {
         result.error = lastError();
         return result;
     }

@@ -13,10 +13,7 @@ class RecordingCallback : public KEST_SystemPluginCB {
 public:
     void OnPowerSuspended() override { note("OnPowerSuspended"); }
     void OnPowerResume() override { note("OnPowerResume"); }
-    void OnConnectionChange(std::uint32_t reserved) override
-    {
-        note("OnConnectionChange " + std::to_string(reserved));
-    }
+    void OnConnectionChange(std::uint32_t reserved) override { note("OnConnectionChange " + std::to_string(reserved)); }
     void OnConfigurationChange() override { note("OnConfigurationChange"); }
 
     std::vector<std::string> events;

@@ -42,7 +42,8 @@ std::vector<fs::path> filesIn(const std::string& folder)
 {
     std::vector<fs::path> files;
     if (!fs::exists(folder)) return files;
-    for (const auto& entry : fs::directory_iterator(folder)) files.push_back(entry.path());
+    for (const auto& entry : fs::directory_iterator(folder))
+        files.push_back(entry.path());
     return files;
 }
 

@@ -196,8 +196,7 @@ TEST_F(Pkcs12FailureTest, WrongPassword)
 {
     writeFile(bundlePath, mIdentity.pkcs12("secret"));
     expectFailure("wrong");
-    EXPECT_THAT(fakes::logLines(3),
-                Contains(fakes::LogLine{3, "Pkcs12ToDER: PKCS12_parse Failed mac verify failure"}));
+    EXPECT_THAT(fakes::logLines(3), Contains(fakes::LogLine{3, "Pkcs12ToDER: PKCS12_parse Failed mac verify failure"}));
 }
 
 TEST_F(Pkcs12FailureTest, MissingFile)

@@ -17,7 +17,8 @@ const std::set<int> asking = {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT, X509_V_ERR_C
 
 TEST(ChainVerdictTest, SixConditionsAskTheUser)
 {
-    for (const int error : asking) EXPECT_EQ(ChainVerdict::AskUser, chainVerdict(error)) << error;
+    for (const int error : asking)
+        EXPECT_EQ(ChainVerdict::AskUser, chainVerdict(error)) << error;
 }
 
 TEST(ChainVerdictTest, SelfSignedCertificatesAreTheirOwnClasses)

@@ -61,8 +61,9 @@ protected:
 TEST_F(ClientCertificatesTest, EmptyStoreIsNoFailure)
 {
     EXPECT_EQ(0u, counted());
-    EXPECT_THAT(fakes::logLines(6), ElementsAre(fakes::LogLine{6, "EnumerateClientCerts: no certificates found in "
-                                                                  "/var/ssl/certs/"}));
+    EXPECT_THAT(fakes::logLines(6), ElementsAre(fakes::LogLine{6,
+                                                               "EnumerateClientCerts: no certificates found in "
+                                                               "/var/ssl/certs/"}));
 }
 
 TEST_F(ClientCertificatesTest, CertificateWithItsKeyYieldsOneHandle)
@@ -78,8 +79,9 @@ TEST_F(ClientCertificatesTest, CertificateWithoutKeyIsSkippedWithAWarningThatNam
     writeFile(certificates + "client.pem", mIdentity.pem());
     EXPECT_EQ(0u, counted());
     EXPECT_THAT(fakes::logLines(4),
-                ElementsAre(fakes::LogLine{4, "EnumerateClientCerts: missing private key /var/ssl/private/rsaclient.pem "
-                                              "for cert file /var/ssl/certs/client.pem"}));
+                ElementsAre(fakes::LogLine{4,
+                                           "EnumerateClientCerts: missing private key /var/ssl/private/rsaclient.pem "
+                                           "for cert file /var/ssl/certs/client.pem"}));
 }
 
 TEST_F(ClientCertificatesTest, NameCountsWhenItContainsPemAnywhere)
@@ -95,8 +97,9 @@ TEST_F(ClientCertificatesTest, FileThatHoldsAKeyButNoCertificateIsSkipped)
     writeFile(certificates + "client.pem", mIdentity.keyPem());
     EXPECT_EQ(0u, counted());
     EXPECT_THAT(fakes::logLines(3),
-                ElementsAre(fakes::LogLine{3, "EnumerateClientCerts: could not convert /var/ssl/certs/client.pem to "
-                                              "X509 Certificate"}));
+                ElementsAre(fakes::LogLine{3,
+                                           "EnumerateClientCerts: could not convert /var/ssl/certs/client.pem to "
+                                           "X509 Certificate"}));
 }
 
 TEST_F(ClientCertificatesTest, CertificateThatCannotBeOpenedIsSkipped)
@@ -105,8 +108,9 @@ TEST_F(ClientCertificatesTest, CertificateThatCannotBeOpenedIsSkipped)
     std::filesystem::remove(certificates + "client.pem");
     std::filesystem::create_symlink("/nowhere", certificates + "client.pem");
     EXPECT_EQ(0u, counted());
-    EXPECT_THAT(fakes::logLines(3), ElementsAre(fakes::LogLine{3, "EnumerateClientCerts: could not read client cert: "
-                                                                  "/var/ssl/certs/client.pem"}));
+    EXPECT_THAT(fakes::logLines(3), ElementsAre(fakes::LogLine{3,
+                                                               "EnumerateClientCerts: could not read client cert: "
+                                                               "/var/ssl/certs/client.pem"}));
 }
 
 TEST_F(ClientCertificatesTest, FillingGivesHandlesInDirectoryOrder)
@@ -139,7 +143,8 @@ TEST_F(ClientCertificatesTest, FillingGivesHandlesInDirectoryOrder)
 
 TEST_F(ClientCertificatesTest, FillingNeverWritesPastTheCountItWasGiven)
 {
-    for (const char* name : {"a.pem", "b.pem", "c.pem"}) install(name);
+    for (const char* name : {"a.pem", "b.pem", "c.pem"})
+        install(name);
     ClientCertHandle* handles[3] = {nullptr, nullptr, nullptr};
     unsigned count = 2;
     EXPECT_EQ(PLUGIN_SUCCESS, mInterface.EnumerateClientCerts(count, handles));

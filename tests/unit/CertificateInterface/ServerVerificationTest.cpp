@@ -136,7 +136,8 @@ TEST_F(ServerVerificationTest, EmptyIntermediateIsDroppedInSilence)
     EXPECT_EQ(PLUGIN_SUCCESS, mInterface.AddVerificationCert(&nothing, 0));
     EXPECT_EQ(PLUGIN_SUCCESS, mInterface.AddVerificationCert(nullptr, 0));
     EXPECT_EQ(PLUGIN_SUCCESS, mInterface.AddVerificationCert(nullptr, 5));
-    EXPECT_THAT(fakes::logLines(), testing::Each(fakes::LogLine{7, "CertificateInterface::AddVerificationCert: Called!"}));
+    EXPECT_THAT(fakes::logLines(),
+                testing::Each(fakes::LogLine{7, "CertificateInterface::AddVerificationCert: Called!"}));
 }
 
 TEST_F(ServerVerificationTest, ExpiredCertificateOfAGoodChainIsRefused)

@@ -75,7 +75,8 @@ protected:
     void SetUp() override
     {
         unlink(calls);
-        for (const char* name : {"NETCONFIG_DELAY", "NETCONFIG_RESULT", "NETCONFIG_NO_FILTER"}) unsetenv(name);
+        for (const char* name : {"NETCONFIG_DELAY", "NETCONFIG_RESULT", "NETCONFIG_NO_FILTER"})
+            unsetenv(name);
         setenv("LD_LIBRARY_PATH", fakePlatform, 1);
         setenv("NETCONFIG_LOG", calls, 1);
         writeFile(profile, R"({"tunnel":{"address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1280},

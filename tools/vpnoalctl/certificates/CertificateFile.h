@@ -30,9 +30,9 @@ std::string toHex(const unsigned char* bytes, std::size_t length);
 
 /// What people want to know of a certificate.
 struct CertificateSummary {
-    std::string subject;      ///< RFC 2253
+    std::string subject;  ///< RFC 2253
     std::string issuer;
-    std::string notBefore;    ///< as OpenSSL prints it, in GMT
+    std::string notBefore;  ///< as OpenSSL prints it, in GMT
     std::string notAfter;
     std::string fingerprint;  ///< SHA-256 in hex
 };

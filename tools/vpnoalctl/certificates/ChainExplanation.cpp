@@ -33,7 +33,8 @@ ChainExplanation explainChain(const Bytes& server, const std::vector<Bytes>& int
     explanation.reason =
         isVerified ? "the chain ends in an installed root" : X509_verify_cert_error_string(explanation.error);
     STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context.get());
-    for (int i = 0; i < sk_X509_num(chain); ++i) explanation.chain.push_back(summarize(sk_X509_value(chain, i)));
+    for (int i = 0; i < sk_X509_num(chain); ++i)
+        explanation.chain.push_back(summarize(sk_X509_value(chain, i)));
     return explanation;
 }
 

@@ -13,9 +13,9 @@
 namespace vpnoalctl {
 
 struct ChainExplanation {
-    int error = 0;       ///< OpenSSL's code; 0 when the chain verifies
-    int depth = 0;       ///< where it failed; 0 is the server's certificate
-    std::string reason;  ///< in OpenSSL's words
+    int error = 0;                          ///< OpenSSL's code; 0 when the chain verifies
+    int depth = 0;                          ///< where it failed; 0 is the server's certificate
+    std::string reason;                     ///< in OpenSSL's words
     std::vector<CertificateSummary> chain;  ///< as far as it could be built, the server first
 };
 

@@ -15,7 +15,8 @@ constexpr std::size_t shortestFingerprint = 4;
 
 std::string lowerCase(std::string text)
 {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
@@ -43,7 +44,8 @@ std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates)
         throw CommandError("certs", "the client certificates changed while they were listed", "run it again");
     }
     std::vector<HandlePtr> handles;
-    for (unsigned int i = 0; i < count; ++i) handles.emplace_back(raw[i], HandleDisposer{&certificates});
+    for (unsigned int i = 0; i < count; ++i)
+        handles.emplace_back(raw[i], HandleDisposer{&certificates});
     return handles;
 }
 

@@ -35,8 +35,9 @@ int import(Context& context, const Options& options)
         if (certificates->ImportPKCS12(static_cast<unsigned>(bundle.size()), bundle.data(),
                                        options.passwordFile.empty() ? nullptr : password.c_str(), nullptr, firstFlag,
                                        secondFlag, raw) != PLUGIN_SUCCESS) {
-            throw CommandError(options.bundle, "the bundle was not installed",
-                               "see whether the certificate manager runs and whether you are root; -v shows its answer");
+            throw CommandError(
+                options.bundle, "the bundle was not installed",
+                "see whether the certificate manager runs and whether you are root; -v shows its answer");
         }
     } catch (const char* reason) {
         throw CommandError(options.bundle, reason, "give the bundle's password with --password-file");

@@ -21,8 +21,9 @@ constexpr std::size_t shownFingerprint = 16;
 int list(Context& context)
 {
     const auto certificates = context.plugin().create<KEST_CertPlugin>();
-    Table table{{{"number", "NUMBER"}, {"subject", "SUBJECT"}, {"notAfter", "VALID UNTIL"}, {"fingerprint", "FINGERPRINT"}},
-                {}};
+    Table table{
+        {{"number", "NUMBER"}, {"subject", "SUBJECT"}, {"notAfter", "VALID UNTIL"}, {"fingerprint", "FINGERPRINT"}},
+        {}};
     int number = 0;
     for (const HandlePtr& handle : listHandles(*certificates)) {
         const CertificateSummary one = summarize(certificateOf(*handle).get());
@@ -58,13 +59,15 @@ int show(Context& context, const std::string& choice)
                                                          {"fingerprint", one.fingerprint}};
     if (context.output.json()) {
         const JsonPtr answer = newObject();
-        for (const auto& [key, value] : facts) addText(answer, key, value);
+        for (const auto& [key, value] : facts)
+            addText(answer, key, value);
         addText(answer, "pem", pem);
         context.output.value(answer);
         return ExitOk;
     }
     Table table{{{"what", ""}, {"value", ""}}, {}};
-    for (const auto& [key, value] : facts) table.rows.push_back({{key, Style::Title}, {printable(value)}});
+    for (const auto& [key, value] : facts)
+        table.rows.push_back({{key, Style::Title}, {printable(value)}});
     context.output.table(table);
     context.output.line(pem.substr(0, pem.size() - 1));
     return ExitOk;

@@ -40,9 +40,8 @@ Verdict judge(KEST_CertPlugin& certificates, const Bytes& server, const std::vec
         certificates.AddVerificationCert(der.data(), static_cast<unsigned>(der.size()));
     }
     bool promptUser = false;
-    const PluginResult result =
-        certificates.VerifyServerCertificate(server.data(), static_cast<unsigned>(server.size()),
-                                             name.empty() ? nullptr : name.c_str(), promptUser);
+    const PluginResult result = certificates.VerifyServerCertificate(
+        server.data(), static_cast<unsigned>(server.size()), name.empty() ? nullptr : name.c_str(), promptUser);
     if (result != PLUGIN_SUCCESS) return refused;
     return promptUser ? asking : accepted;
 }
@@ -93,7 +92,8 @@ int verify(Context& context, const Options& options)
 {
     const Bytes server = loadCertificate(options.certificate);
     std::vector<Bytes> intermediates;
-    for (const std::string& path : options.intermediates) intermediates.push_back(loadCertificate(path));
+    for (const std::string& path : options.intermediates)
+        intermediates.push_back(loadCertificate(path));
     const ChainExplanation explanation = explainChain(server, intermediates);
     const auto certificates = context.plugin().create<KEST_CertPlugin>();
     const Verdict verdict = judge(*certificates, server, intermediates, options.name);
