@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# example-platform.sh BUILD_FOLDER ISOLATE: a port from its beginning: the example platform is built, then the plug-in
+# against it and nothing else of a platform, then the example agent, which brings up a tunnel with both. The log must
+# hold what the device was asked for.
+set -euo pipefail
+build=$1 isolate=$2 source=$(realpath "$(dirname "$0")/../..")
+work=$(mktemp -d "$build/example-platform.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+run() {
+    "$@" > "$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+}
+
+[ -w /dev/net/tun ] || { echo 'there is no tun device for this user'; exit 77; }
+cp -r "$source/examples" "$work/examples"
+run cmake -S "$source/examples/platform" -B "$work/platform" -G Ninja
+run cmake --build "$work/platform"
+run cmake -S "$source" -B "$work/device" -G Ninja -DWFOAL_PLATFORM=external -DCMAKE_LIBRARY_PATH="$work/platform" \
+    -DWFOAL_TESTS=OFF -DWFOAL_WERROR=ON -DCMAKE_BUILD_TYPE=Debug
+run cmake --build "$work/device" --target VpnWfOal
+run cmake --install "$work/device" --prefix "$work/prefix" --component Plugin
+run cmake --install "$work/device" --prefix "$work/prefix" --component Development
+# Away from the plug-in's sources.
+run cmake -S "$work/examples/agent" -B "$work/agent" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix"
+run cmake --build "$work/agent"
+[ -z "$(find "$work/prefix" -name 'libquorservice*')" ] || { echo 'a platform of its own was built'; exit 1; }
+
+cat > "$work/handset.sh" << 'END'
+ip link add eth0 type veth peer name access
+ip address add 192.0.2.10/24 dev eth0
+ip link set eth0 up
+ip link set access up
+ip route add default via 192.0.2.1
+exec "$@"
+END
+library=$(dirname "$(find "$work/prefix" -name libVpnWfOal.so)")
+LD_LIBRARY_PATH=$library:$work/platform run "$isolate" bash -e "$work/handset.sh" "$work/agent/example-agent" 1
+expected=(
+    'outer socket bound to eth0'
+    'tunnel configured: 10.20.0.0/16 and corp.example through norvatun0, no mail from it'
+    'restored'
+    'this device has no service bus'
+    'ifName = "norvatun0"'
+    '"dns":["0x3500140a"],"additionalIfRoutes":[{"ip":"10.20.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1"'
+    'domainsOnIfDns = ["corp.example"]'
+    '"interfaceDirection":"out","destinationPort":25,"jumpTo":"DROP"'
+    'chainDelete = "NORVA"'
+    'CmDelInterfaceCfg: norvatun0'
+)
+for line in "${expected[@]}"; do
+    grep -qF -- "$line" "$work/log" || { cat "$work/log"; echo "missing: $line"; exit 1; }
+done
