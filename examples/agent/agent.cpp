@@ -182,11 +182,11 @@ void run(const sigset_t& interruptions, long seconds)
 
 int main(int argc, char** argv)
 {
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
     char* end = nullptr;
     const long seconds = argc > 1 ? std::strtol(argv[1], &end, 10) : 0;
     if (argc > 2 || (argc > 1 && (*end != '\0' || seconds <= 0))) {
-        std::fputs("usage: example-agent [SECONDS]\n", stderr);
+        (void)std::fputs("usage: example-agent [SECONDS]\n", stderr);
         return 2;
     }
     // Blocked before the plug-in starts its thread, so that an interruption arrives where it is waited for.
@@ -199,7 +199,7 @@ int main(int argc, char** argv)
         run(interruptions, seconds);
         return 0;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "example-agent: %s\n", error.what());
+        (void)std::fprintf(stderr, "example-agent: %s\n", error.what());
         return 1;
     }
 }

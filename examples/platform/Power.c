@@ -7,9 +7,9 @@
 #include "powerd.h"
 
 #include <stdatomic.h>
-#include <stddef.h>
 
 /* The one client of this process. Calls may come from any thread. */
+static const PowerdCallback nobody = 0;
 static struct {
     atomic_bool attached;
     _Atomic(PowerdCallback) prepareSuspend;
@@ -19,20 +19,20 @@ static struct {
 
 bool PowerdGmainAttach(struct _GMainLoop* loop)
 {
-    return loop != NULL && !atomic_exchange(&sClient.attached, true);
+    return loop != 0 && !atomic_exchange(&sClient.attached, true);
 }
 
 /* That there is no power daemon is no failure: nobody waits for the device to sleep. */
 bool PowerdClientInit(const char* name)
 {
-    return name != NULL && sClient.attached;
+    return name != 0 && sClient.attached;
 }
 
 bool PowerdClientDeinit(void)
 {
-    sClient.prepareSuspend = NULL;
-    sClient.suspended = NULL;
-    sClient.resume = NULL;
+    sClient.prepareSuspend = nobody;
+    sClient.suspended = nobody;
+    sClient.resume = nobody;
     sClient.attached = false;
     return true;
 }

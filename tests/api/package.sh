@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# package.sh BUILD_FOLDER ISOLATE: installs into a folder of its own, then builds a small agent outside the tree with
-# find_package() and with pkg-config, loading the plug-in and linking against it, and runs each.
+# package.sh BUILD_FOLDER ISOLATE: installs into a folder of its own, where what was installed finds itself. Then builds
+# a small agent outside the tree with find_package() and with pkg-config, loading the plug-in and linking against it, and
+# runs each.
 set -euo pipefail
 build=$1 isolate=$2 here=$(dirname "$(realpath "$0")")
 work=$(mktemp -d "$build/package.XXXXXX")
@@ -13,22 +14,31 @@ expected='4 interfaces; system object created, named right and disposed of'
 
 check() {
     local printed
-    printed=$(VKLOG_TARGET=stderr LD_LIBRARY_PATH=$library "$isolate" "$1" 2> "$work/log") || { cat "$work/log"; exit 1; }
+    printed=$(env VKLOG_TARGET=stderr "${@:2}" "$isolate" "$1" 2> "$work/log") || { cat "$work/log"; exit 1; }
     [ "$printed" = "$expected" ] || { echo "$1 printed: $printed"; exit 1; }
     echo "$(basename "$1"): $printed"
 }
 
+# Nothing tells the programs where their libraries are, or the units where their programs are.
+"$isolate" "$prefix/bin/vpnoalctl" --json info > "$work/info" 2>&1 || { cat "$work/info"; exit 1; }
+for program in "$prefix"/libexec/*; do
+    unit=$prefix/lib/systemd/system/$(basename "$program").service
+    grep -qx "ExecStart=$program" "$unit" || { cat "$unit"; exit 1; }
+    grep -qx "Exec=$program" "$prefix"/share/dbus-1/system-services/com.vesk."${program##*/vesk-}".service
+    unresolved=$(ldd "$program" | grep 'not found') && { echo "$program: $unresolved"; exit 1; }
+done
+
 cp -r "$here/agent" "$work/agent"
 cmake -S "$work/agent" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="${CXX:-c++}" > "$work/cmake.log" 2>&1 &&
     cmake --build "$work/cmake" > "$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
-check "$work/cmake/loading-agent"
+check "$work/cmake/loading-agent" LD_LIBRARY_PATH="$library"
 check "$work/cmake/linked-agent"
 
 export PKG_CONFIG_PATH=$library/pkgconfig
 read -ra flags <<< "$(pkg-config --cflags libVpnWfOal)"
 read -ra libraries <<< "$(pkg-config --libs libVpnWfOal)"
 "${CXX:-c++}" -std=c++11 -DLINKED "${flags[@]}" "$work/agent/agent.cpp" -o "$work/pkg-config-agent" "${libraries[@]}" \
-    -Wl,-rpath-link,"$library"
+    -Wl,-rpath,"$library"
 check "$work/pkg-config-agent"
 
 # A later major version is refused.

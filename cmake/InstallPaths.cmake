@@ -1,0 +1,22 @@
+# SPDX-License-Identifier: Apache-2.0
+# Where things are installed, and how they find each other there. One build serves every prefix: "cmake --install
+# --prefix" into a folder of one's own, and the Debian packages.
+
+# Debian's folder for libraries is right below every prefix there, not only below /usr.
+if(EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE AND NOT CMAKE_CROSSCOMPILING)
+    set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Where libraries go, below the prefix")
+endif()
+include(GNUInstallDirs)
+
+# wfoal_find_installed_libraries(TARGET FOLDER COMPONENT): TARGET, installed into CMAKE_INSTALL_<FOLDER> as part of
+# COMPONENT by an install() before, looks for this project's libraries where they are relative to itself. Below /usr the
+# loader knows the place, and no path of its own is left in the file. file(RPATH_REMOVE) is what CMake's own installation
+# scripts use.
+function(wfoal_find_installed_libraries target folder component)
+    file(RELATIVE_PATH way ${CMAKE_INSTALL_FULL_${folder}} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "\$ORIGIN/${way}")
+    install(CODE "
+        if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+            file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}/usr/${CMAKE_INSTALL_${folder}}/$<TARGET_FILE_NAME:${target}>\")
+        endif()" COMPONENT ${component})
+endfunction()
