@@ -2,7 +2,7 @@
 # Debian packages, made by cpack from a finished build: packaging/make-packages.sh does it in one command. Each package
 # is one component of the installation.
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
-if(NOT WFOAL_PLATFORM STREQUAL "host" OR NOT DPKG_SHLIBDEPS)
+if(NOT PROJECT_IS_TOP_LEVEL OR NOT WFOAL_PLATFORM STREQUAL "host" OR NOT DPKG_SHLIBDEPS)
     return()
 endif()
 include(Gzip)
@@ -18,9 +18,9 @@ wfoal_gzip(${WFOAL_DEBIAN}/changelog debian_changelog)
 wfoal_gzip(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog)
 
 # wfoal_package(COMPONENT NAME SECTION [VARIABLE VALUE]...): more of the package, as CPACK_DEBIAN_<COMPONENT>_<VARIABLE>.
-# No value may hold a semicolon. The package's maintainer scripts are those of packaging/debian/NAME/, its
-# lintian overrides those of every package and its own. The files of its
-# documentation folder come with the package only, not with other installations.
+# No value may hold a semicolon. The package's maintainer scripts are those of packaging/debian/NAME/, its lintian
+# overrides those of every package and its own. The files of its documentation folder come with the package only, not
+# with other installations.
 set(components)
 function(wfoal_package component name section)
     string(TOUPPER ${component} upper)

@@ -8,8 +8,9 @@
 
 #include <stdatomic.h>
 
-/* The one client of this process. Calls may come from any thread. */
 static const PowerdCallback nobody = 0;
+
+/* The one client of this process. Calls may come from any thread. */
 static struct {
     atomic_bool attached;
     _Atomic(PowerdCallback) prepareSuspend;
