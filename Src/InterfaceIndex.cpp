@@ -23,7 +23,7 @@ std::string getIfNameFromIndex(int index)
         WFOAL_ERROR("%s: ioctl err %d", __func__, errno);
         return {};
     }
-    const std::string name(request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name));
+    std::string name(request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name));
     WFOAL_DEBUG("%s: index for %s is %d", __func__, name.c_str(), index);
     return name;
 }

@@ -9,13 +9,13 @@ std::size_t utf8CharacterAt(std::string_view text)
 {
     // Length of a sequence by its first byte, and the smallest code point that needs that length.
     struct Lead {
+        std::uint32_t smallest;
         unsigned char mask;
         unsigned char mark;
-        std::size_t length;
-        std::uint32_t smallest;
+        unsigned char length;
     };
     static constexpr Lead leads[] = {
-        {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
+        {0, 0x80, 0x00, 1}, {0x80, 0xe0, 0xc0, 2}, {0x800, 0xf0, 0xe0, 3}, {0x10000, 0xf8, 0xf0, 4}};
     if (text.empty()) return 0;
     const auto first = static_cast<unsigned char>(text[0]);
     for (const Lead& lead : leads) {

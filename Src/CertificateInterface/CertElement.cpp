@@ -55,7 +55,7 @@ bool assignKey(EVP_PKEY* holder, RsaPtr& key)
         WFOAL_ERROR("%s:  EVP_PKEY_assign_RSA- Could not copy rKey to pKey", signFunction);
         return false;
     }
-    key.release();
+    static_cast<void>(key.release());  // the holder's now
     return true;
 }
 

@@ -40,7 +40,7 @@ PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data
     X509Ptr certificate(d2i_X509(nullptr, &data, static_cast<long>(length)));
     if (!certificate) return PLUGIN_SUCCESS;
     if (sk_X509_push(verificationCerts.get(), certificate.get()) == 0) return PLUGIN_FAILURE;
-    certificate.release();
+    static_cast<void>(certificate.release());  // the list's now
     return PLUGIN_SUCCESS;
 }
 

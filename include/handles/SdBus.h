@@ -19,12 +19,12 @@ struct SdBusMessageReleaser {
 };
 using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
 
-/// A match, object or pending call; releasing it cancels it.
 struct SdBusCredsReleaser {
     void operator()(sd_bus_creds* credentials) const { sd_bus_creds_unref(credentials); }
 };
 using SdBusCredsPtr = std::unique_ptr<sd_bus_creds, SdBusCredsReleaser>;
 
+/// A match, object or pending call; releasing it cancels it.
 struct SdBusSlotReleaser {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };

@@ -9,7 +9,7 @@
 
 namespace quor {
 
-std::uint64_t sCallLimit = 120 * G_USEC_PER_SEC;
+std::uint64_t sCallLimit = std::uint64_t{120} * G_USEC_PER_SEC;
 
 namespace {
 

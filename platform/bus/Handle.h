@@ -17,7 +17,7 @@
 #include "handles/Glib.h"
 #include "quorservice.h"
 
-struct QSHandle : public std::enable_shared_from_this<QSHandle>, private hostbus::BusListener {
+struct QSHandle final : public std::enable_shared_from_this<QSHandle>, private hostbus::BusListener {
 public:
     /// Connects and enters the new handle in the list.
     static quor::Failure open(const char* name, QSHandle*& handle);

@@ -115,9 +115,10 @@ extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, Q
     return perform(__func__, handle, error, [&](QSHandle& self) -> Failure {
         const auto address = quor::parseServiceUri(uri != nullptr ? uri : "");
         if (!address) return BAD_ARGUMENT("the URI is not vesk://SERVICE/CATEGORY.../METHOD");
-        const auto parsed = quor::parseRequest(payload != nullptr ? payload : "");
+        const char* const text = payload != nullptr ? payload : "";
+        const auto parsed = quor::parseRequest(text);
         if (!parsed) return BAD_ARGUMENT("the payload is no JSON object");
-        quor::CallRequest request{*address, payload, parsed->subscribes, {callback, user_data, self.newToken()}};
+        quor::CallRequest request{*address, text, parsed->subscribes, {callback, user_data, self.newToken()}};
         // Before the call is on its way: the reply may be there before this function returns.
         if (token != nullptr) *token = request.recipient.token;
         self.connection().run([&self, request = std::move(request)] { self.calls().start(request); });

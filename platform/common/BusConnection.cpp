@@ -24,7 +24,7 @@ int untilMilliseconds(std::int64_t time)
     if (time == never) return -1;
     const std::int64_t left = time - g_get_monotonic_time();
     if (left <= 0) return 0;
-    return static_cast<int>(std::min<std::int64_t>((left + millisecond - 1) / millisecond, 3600 * 1000));
+    return static_cast<int>(std::min<std::int64_t>((left + millisecond - 1) / millisecond, std::int64_t{3600} * 1000));
 }
 
 }  // namespace

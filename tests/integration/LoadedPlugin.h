@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The plug-in as an agent has it: loaded at run time, its system and socket objects, and a callback record that notes
+// The plug-in as an agent has it: loaded at run time, its objects, and a callback record that notes
 // what it is told. Nothing of the plug-in or its platform is linked.
 #ifndef WFOAL_TEST_LOADEDPLUGIN_H
 #define WFOAL_TEST_LOADEDPLUGIN_H
@@ -16,6 +16,7 @@
 #endif
 
 #include "LoopThread.h"
+#include "kest/CertPlugin.h"
 #include "kest/SocketPlugin.h"
 #include "kest/SystemPlugin.h"
 #include "kest/SystemPluginCB.h"
@@ -51,6 +52,11 @@ public:
     KEST_SocketPlugin* createSocket() const
     {
         return static_cast<KEST_SocketPlugin*>(made(KEST_SOCKET_INTERFACE));
+    }
+
+    KEST_CertPlugin* createCertificates() const
+    {
+        return static_cast<KEST_CertPlugin*>(made(KEST_CERTIFICATE_INTERFACE));
     }
 
     Plugin* (*create)(const char*) = nullptr;

@@ -1,9 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Driver.h"
 
+#include <fstream>
+#include <sstream>
+
 #include "KernelState.h"
 
 namespace testsupport {
+
+namespace {
+
+constexpr char systemCalls[] =
+    "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,sendmsg,recvmsg";
+
+}  // namespace
 
 std::string driver(const std::string& steps)
 {
@@ -18,6 +28,27 @@ std::string driverUnderStrace(const std::string& options, const std::string& ste
 bool hasStrace()
 {
     return outputOf("strace -V").find("version") != std::string::npos;
+}
+
+std::map<std::string, int> callsOf(const std::string& steps)
+{
+    run(driverUnderStrace("-o /tmp/calls -e trace=" + std::string(systemCalls), steps));
+    std::map<std::string, int> counts;
+    std::ifstream trace("/tmp/calls");
+    for (std::string line; std::getline(trace, line);) {
+        std::istringstream words(line);
+        std::string process, call;
+        words >> process >> call;
+        const std::size_t end = call.find('(');
+        if (end != std::string::npos) ++counts[call.substr(0, end)];
+    }
+    return counts;
+}
+
+void killBefore(const std::string& call, int number, const std::string& steps)
+{
+    outputOf(driverUnderStrace(
+        "-o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" + std::to_string(number), steps));
 }
 
 }  // namespace testsupport

@@ -4,6 +4,7 @@
 #ifndef WFOAL_TEST_DRIVER_H
 #define WFOAL_TEST_DRIVER_H
 
+#include <map>
 #include <string>
 
 namespace testsupport {
@@ -15,6 +16,12 @@ std::string driver(const std::string& steps);
 std::string driverUnderStrace(const std::string& options, const std::string& steps);
 
 bool hasStrace();
+
+/// How often the steps make each system call that changes something, or that a change follows.
+std::map<std::string, int> callsOf(const std::string& steps);
+
+/// Runs the steps and kills them before that system call of that number, counted from 1.
+void killBefore(const std::string& call, int number, const std::string& steps);
 
 }  // namespace testsupport
 

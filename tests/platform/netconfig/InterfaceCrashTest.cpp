@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "Driver.h"
@@ -20,10 +19,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-// Those that change something, or that a change follows.
-constexpr char systemCalls[] =
-    "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,recvmsg";
 
 class InterfaceCrash : public testing::Test {
 protected:
@@ -44,30 +39,6 @@ protected:
         EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
     }
 
-    // How often the steps make each system call.
-    static std::map<std::string, int> callsOf(const std::string& steps)
-    {
-        run(driverUnderStrace("-o /tmp/calls -e trace=" + std::string(systemCalls), steps));
-        std::map<std::string, int> counts;
-        std::ifstream trace("/tmp/calls");
-        for (std::string line; std::getline(trace, line);) {
-            std::istringstream words(line);
-            std::string process, call;
-            words >> process >> call;
-            const std::size_t end = call.find('(');
-            if (end != std::string::npos) ++counts[call.substr(0, end)];
-        }
-        return counts;
-    }
-
-    // Runs the steps and kills them before the given system call. Returns what they print.
-    static void kill(const std::string& steps, const std::string& call, int number)
-    {
-        outputOf(driverUnderStrace(
-            "-o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" + std::to_string(number),
-            steps));
-    }
-
     std::string mBefore;
 };
 
@@ -85,7 +56,7 @@ TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
     int changed = 0;
     for (const auto& [call, count] : calls) {
         for (int number = 1; number <= count; ++number) {
-            kill(steps, call, number);
+            killBefore(call, number, steps);
             changed += networkSnapshot() == mBefore ? 0 : 1;
             run(driver("delete nothing0"));
             if (networkSnapshot() == mBefore && outputOf("ls /run/vknetconfig") == "turn\n") continue;
@@ -107,7 +78,7 @@ TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
     for (const auto& [call, count] : calls) {
         for (int number = 1; number <= count; ++number) {
             run(driver("add /tmp/first.json"));
-            kill("delete nothing0", call, number);
+            killBefore(call, number, "delete nothing0");
             run(driver("delete nothing0"));
             ASSERT_EQ(networkSnapshot(), mBefore) << "killed before " << call << " number " << number;
         }
