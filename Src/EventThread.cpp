@@ -6,6 +6,7 @@
 
 #include <atomic>
 
+#include "LeakCheck.h"
 #include "Log.h"
 #include "NetworkStatus.h"
 #include "ObjectRegistry.h"
@@ -95,6 +96,7 @@ bool startQuorIpcHandling()
         forgetContext();
         return false;
     }
+    wfoal::leaveBehind(loop);  // not released when the event side stops
     sGLoop = loop;
     startBusClient(loop);
 
@@ -104,7 +106,7 @@ bool startQuorIpcHandling()
         const GErrorPtr error(failure);
         WFOAL_ERROR("%s: Error creating event thread: %s", __func__, error->message);
         g_main_loop_quit(loop);
-        sGLoop = nullptr;  // not released
+        sGLoop = nullptr;
         forgetContext();
         return false;
     }
@@ -119,7 +121,7 @@ bool stopQuorIpcHandling()
         if (GMainLoop* loop = sGLoop) {
             WFOAL_DEBUG("%s: Quitting Loop!", __func__);
             quitOnLoopThread(loop);
-            sGLoop = nullptr;  // not released
+            sGLoop = nullptr;
         }
         WFOAL_DEBUG("%s: Joining Thread!", __func__);
         g_thread_join(sQuorEventThread);

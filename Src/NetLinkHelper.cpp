@@ -12,19 +12,9 @@
 #include <utility>
 
 #include "DottedAddress.h"
+#include "LeakCheck.h"
 #include "Log.h"
 #include "RouteParser.h"
-
-#if defined(__has_feature)  // clang
-#if __has_feature(address_sanitizer)
-#define WFOAL_LEAK_CHECK
-#endif
-#elif defined(__SANITIZE_ADDRESS__)  // GCC
-#define WFOAL_LEAK_CHECK
-#endif
-#ifdef WFOAL_LEAK_CHECK
-#include <sanitizer/lsan_interface.h>
-#endif
 
 // The priority builds the reader before the load hook runs and lets it go before the unload hook does.
 __attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);
@@ -175,10 +165,7 @@ void NetLinkHelper::parseRoute(const nlmsghdr* message, GPtrArray* routes)
 void releaseRoutingTableList(GPtrArray* routes)
 {
     // The records are left behind on purpose, one block each: whoever took one keeps it. Only the list goes.
-#ifdef WFOAL_LEAK_CHECK
-    for (guint i = 0; i < routes->len; ++i) {
-        if (routes->pdata[i] != nullptr) __lsan_ignore_object(routes->pdata[i]);
-    }
-#endif
+    for (guint i = 0; i < routes->len; ++i)
+        wfoal::leaveBehind(routes->pdata[i]);
     g_ptr_array_free(routes, TRUE);
 }

@@ -49,6 +49,7 @@ std::vector<Route> onePerGateway(const std::vector<Route>& routes)
         if (route.gateway != 0) found.emplace(route.gateway, route);
     }
     std::vector<Route> chosen;
+    chosen.reserve(found.size());
     for (const auto& [gateway, route] : found)
         chosen.push_back(route);
     return chosen;

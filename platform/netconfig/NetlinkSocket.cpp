@@ -19,8 +19,8 @@ namespace vknetconfig {
 namespace {
 
 constexpr std::size_t largestMessage = 1024;
-constexpr std::size_t batchSize = 64 * 1024;  // well under the smallest usual send buffer
-constexpr std::size_t answerSize = 64 * 1024;
+constexpr std::size_t batchSize = std::size_t{64} * 1024;  // well under the smallest usual send buffer
+constexpr std::size_t answerSize = std::size_t{64} * 1024;
 constexpr int receiveBuffer = 4 * 1024 * 1024;
 constexpr int longestSilence = 5000;  // milliseconds; the kernel answers while it is asked
 constexpr int mostAttempts = 10;

@@ -11,10 +11,6 @@
 #include <stdexcept>
 #include <string>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
-
 #include "LoopThread.h"
 #include "kest/CertPlugin.h"
 #include "kest/SocketPlugin.h"
@@ -47,31 +43,22 @@ public:
     }
     KEST_SystemPlugin* createSystem() const
     {
-        return static_cast<KEST_SystemPlugin*>(made(KEST_SYSTEM_INTERFACE));
+        return static_cast<KEST_SystemPlugin*>(create(KEST_SYSTEM_INTERFACE));
     }
     KEST_SocketPlugin* createSocket() const
     {
-        return static_cast<KEST_SocketPlugin*>(made(KEST_SOCKET_INTERFACE));
+        return static_cast<KEST_SocketPlugin*>(create(KEST_SOCKET_INTERFACE));
     }
 
     KEST_CertPlugin* createCertificates() const
     {
-        return static_cast<KEST_CertPlugin*>(made(KEST_CERTIFICATE_INTERFACE));
+        return static_cast<KEST_CertPlugin*>(create(KEST_CERTIFICATE_INTERFACE));
     }
 
     Plugin* (*create)(const char*) = nullptr;
     bool (*dispose)(Plugin*) = nullptr;
 
 private:
-    Plugin* made(const char* identifier) const
-    {
-#if defined(__SANITIZE_ADDRESS__)
-        // The loop object is kept on purpose. Once the library is gone its code cannot be named in a suppression.
-        const __lsan::ScopedDisabler keptOnPurpose;
-#endif
-        return create(identifier);
-    }
-
     struct Unloader {
         void operator()(void* library) const { dlclose(library); }
     };

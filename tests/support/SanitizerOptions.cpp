@@ -12,10 +12,3 @@ extern "C" const char* __tsan_default_suppressions()
            "called_from_lib:libsystemd.so.0\n"
            "race:bindExpecting\n";
 }
-
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions()
-{
-    // Kept on purpose: the loop object of the event side is not released when it stops, nor is its bus handle.
-    return "leak:startQuorIpcHandling\n";
-}

@@ -131,7 +131,7 @@ TEST_F(InterfaceCrash, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
 
 TEST_F(InterfaceCrash, WhatALivingProcessHoldsIsRefusedNamingItAndCanBeTakenBack)
 {
-    const PipePtr holder(popen(("exec " + driver("add /tmp/second.json hold 2>/dev/null")).c_str(), "re"));
+    PipePtr holder(popen(("exec " + driver("add /tmp/second.json hold 2>/dev/null")).c_str(), "re"));
     ASSERT_TRUE(holder);
     char line[64] = {};
     ASSERT_NE(fgets(line, sizeof line, holder.get()), nullptr);
@@ -146,6 +146,7 @@ TEST_F(InterfaceCrash, WhatALivingProcessHoldsIsRefusedNamingItAndCanBeTakenBack
     run(driver("delete vpn0"));
     EXPECT_EQ(networkSnapshot(), mBefore);
     ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    holder.reset();  // waits until it is dead
     run(driver("delete vpn0"));
     expectAllGone();
 }
