@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# made.sh BUILD PACKAGES: makes the packages from the build, as packaging/make-packages.sh does for everybody, and looks at
+# what is in them: where each file is, how the programs are built, and what lintian says.
+set -euo pipefail
+build=$1 packages=$2 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+"$here/../../packaging/make-packages.sh" --build "$build" "$packages" >/dev/null
+work=$(mktemp -d "$build/packages-made.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+status=0
+
+complain() {
+    echo "$*"
+    status=1
+}
+
+# Mode, path and target of each file; names hold the machine's architecture and the version.
+version=$(dpkg-deb -f "$(find "$packages" -name 'libvpnwfoal0_*.deb')" Version | sed 's/-.*//')
+architecture=$(dpkg-architecture -q DEB_HOST_MULTIARCH)
+for package in "$packages"/*.deb; do
+    echo "== $(dpkg-deb -f "$package" Package)"
+    dpkg-deb -c "$package" | awk '$2 != "root/root" { $1 = $1 " " $2 } $6 !~ /\/$/ { print $1, $6 (NF > 7 ? " -> " $8 : "") }' | LC_ALL=C sort -k2
+    dpkg-deb -x "$package" "$work/root"
+done | sed "s|$architecture|ARCHITECTURE|g; s|\.$version|.VERSION|g" >"$work/contents"
+diff -u "$here/contents.txt" "$work/contents" || complain 'the packages do not hold what tests/packages/contents.txt lists'
+
+while read -r file; do
+    readelf -Wd "$file" >"$work/dynamic"
+    grep -qE 'R(UN)?PATH' "$work/dynamic" && complain "$file has a path of its own"
+    grep -q 'BIND_NOW\|NOW' "$work/dynamic" || complain "$file binds lazily"
+    readelf -Wl "$file" | grep -q GNU_RELRO || complain "$file has no read-only relocations"
+    readelf -WS "$file" | grep -q '\.symtab' && complain "$file is not stripped"
+done < <(find "$work/root" -type f \( -name '*.so.*' -o -path '*/bin/*' -o -path '*/libexec/*' \))
+grep -rlE "$build|$here" "$work/root" && complain 'the files above name folders of the build'
+
+if command -v lintian >/dev/null; then
+    lintian --allow-root --fail-on error,warning "$packages"/*.deb || status=1
+else
+    echo 'lintian is not installed'
+    [ $status -ne 0 ] || status=77
+fi
+exit $status

@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# make-roots.sh ROOTS PACKAGES: makes two root file systems of this machine's Debian release below the folder ROOTS, for
+# the packages in PACKAGES to be installed in:
+#
+#   runtime   a minimal system by debootstrap, what the packages depend on, and a resolver; without the packages
+#   devel     the same, and what the examples need to be built
+#
+# Roots that are there already are kept while the packages depend on the same. Archive and proxy are those of the
+# machine's apt. Exits with 77 where it cannot work.
+set -euo pipefail
+roots=$1 packages=$2
+extra=(systemd-resolved)
+build_tools=(cmake g++ libjson-c-dev make pkg-config)
+
+cannot() {
+    echo "$1"
+    exit 77
+}
+
+# Without a network that is a reason; where nothing may be skipped it is a failure.
+offline() {
+    tail -n 5 "$roots/log" >&2
+    [ -z "${CI:-}" ] || exit 1
+    cannot 'the archive of this distribution is not reachable'
+}
+
+# shellcheck source=/dev/null
+. /etc/os-release
+[ "$(id -u)" -eq 0 ] || cannot 'making a root file system takes root'
+mkdir -p "$roots"
+exec 9>"$roots/.lock"
+flock 9
+rm -f "$roots/probe"
+mknod "$roots/probe" c 1 3 2>/dev/null || cannot 'device files cannot be made here'
+(true >"$roots/probe") 2>/dev/null || cannot "device files cannot be used below $roots"
+rm -f "$roots/probe"
+unshare --mount --pid --fork --net true 2>/dev/null || cannot 'private namespaces cannot be made here'
+command -v debootstrap >/dev/null || cannot 'debootstrap is not installed'
+
+depends() {
+    local package
+    for package in "$packages"/*.deb; do
+        dpkg-deb -f "$package" Package Depends
+    done
+}
+signature=$({ cat "${BASH_SOURCE[0]}"; echo "$VERSION_CODENAME"; depends; } | sha256sum)
+[ "$(cat "$roots/.complete" 2>/dev/null)" != "$signature" ] || exit 0
+rm -rf "$roots/.complete" "$roots/runtime" "$roots/devel" "$roots/archives" "$roots/apt"
+
+mirror=$(apt-get indextargets --format "\$(RELEASE) \$(REPO_URI)" 'Created-By: Packages' |
+    awk -v release="$VERSION_CODENAME" '$1 == release { print $2; exit }')
+[ -n "$mirror" ] || cannot "apt knows no archive of $VERSION_CODENAME"
+eval "$(apt-config shell proxy Acquire::http::Proxy)"
+[ -z "${proxy:-}" ] || export http_proxy=$proxy
+
+# The machine's apt, looking at another system.
+apt_for() {
+    local root=$1
+    shift
+    apt-get -q -y --no-install-recommends -o Debug::NoLocking=1 -o APT::Sandbox::User= "${lists[@]}" \
+        -o Dir::State::status="$root/var/lib/dpkg/status" -o Dir::State::extended_states=/dev/null \
+        -o Dir::Cache::archives="$roots/archives" "$@" >>"$roots/log" 2>&1
+}
+lists=()
+use_own_lists() {
+    mkdir -p "$roots/apt/lists/partial"
+    lists=(-o Dir::State::Lists="$roots/apt/lists" -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache=)
+    apt-get -q "${lists[@]}" update >>"$roots/log" 2>&1
+}
+download() {
+    rm -rf "$roots/archives"
+    mkdir -p "$roots/archives/partial"
+    apt_for "$1" --download-only install "${@:2}"
+}
+
+in_root() {
+    # shellcheck disable=SC2016  # for the shell in the namespaces
+    unshare --mount --pid --fork --kill-child --net bash -ec 'mount --make-rprivate /
+        mount -t proc proc "$1/proc"
+        [ ! -d "$1/archives" ] || mount --bind "$2" "$1/archives"
+        exec chroot "$1" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive LC_ALL=C "${@:3}"' \
+        - "$1" "$roots/archives" "${@:2}" >>"$roots/log" 2>&1
+}
+
+# Installs with dpkg alone what apt has downloaded for it.
+add() {
+    local root=$1
+    download "$@" || { [ ${#lists[@]} -eq 0 ] && use_own_lists && download "$@"; } || offline
+    mkdir "$root/archives"
+    # Those that must find others already configured take a second run.
+    # shellcheck disable=SC2016  # for the shell in the root
+    in_root "$root" sh -c 'install() { dpkg --force-unsafe-io --skip-same-version --install /archives/*.deb; }
+        install || { install && dpkg --configure --pending; }' || { tail -n 20 "$roots/log" >&2; exit 1; }
+    rmdir "$root/archives"
+}
+
+: >"$roots/log"
+debootstrap --variant=minbase "$VERSION_CODENAME" "$roots/runtime" "$mirror" >>"$roots/log" 2>&1 || offline
+rm -rf "$roots"/runtime/var/cache/apt/archives/*.deb "$roots"/runtime/var/lib/apt/lists/*
+add "$roots/runtime" "${extra[@]}" "$packages"/*.deb
+cp -a "$roots/runtime" "$roots/devel"
+add "$roots/devel" "${build_tools[@]}"
+rm -rf "$roots/archives" "$roots/apt"
+printf '%s\n' "$signature" >"$roots/.complete"
