@@ -9,6 +9,7 @@ set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 if [ "$1" != --inside ]; then
+    [ "$(id -u)" -eq 0 ] || { echo 'entering a root file system takes root'; exit 77; }
     [ -e "$(dirname "$1")/.complete" ] || { echo 'there is no root file system to install the packages in'; exit 77; }
     exec unshare --mount --pid --fork --kill-child --net --ipc --uts "$here/in-root.sh" --inside "$@"
 fi
