@@ -1,41 +1,62 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# demo.sh [--build FOLDER]: shows the plug-in at work on a real kernel. A sample agent loads it, brings up a tunnel to a
-# gateway, and every step is verified with an independent tool: ip, resolvectl, nft, ping, ss.
+# demo.sh [OPTION...]: a whole connection through the plug-in, on a real kernel and with real daemons. A certificate is
+# imported, an interface chosen, gateways judged, a tunnel brought up through TLS, used, moved from Wi-Fi to cellular and
+# back, put to sleep, killed, cleaned up and restored. Each step is one line: what, how long, how it was verified with
+# an independent tool.
 #
+#   --json           a JSON object a line instead: the steps, then a summary
+#   --step           stop after each step until Enter is pressed
+#   --keep           at the end, or where a step failed, leave a shell inside, with the connection up
+#   --plot FILE      draw the time line into FILE, a picture (SVG)
 #   --build FOLDER   use this build as it is, and install nothing
 #
 # All of it happens in private namespaces, which vanish when the demo ends, also on Ctrl-C: the machine's interfaces,
 # routes, rules, DNS and files stay as they are. Only missing packages are installed, through sudo, and this folder's
 # build/ is written. Needs no root otherwise; what an ordinary user cannot do is skipped, with the reason.
+#
+# Exit status: 0 every step was verified; 1 a step failed; 2 wrong usage; 3 what could be done here was verified, the
+# rest was skipped; 130 interrupted.
 set -euo pipefail
+invoked_from=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 die() {
-    printf 'demo.sh: %s\n' "$*" >&2
-    exit 1
+    printf 'demo.sh: %s\n' "$1" >&2
+    exit "${2:-1}"
 }
 
-build=
-case ${1:-} in
-'') ;;
---build)
-    [ $# -eq 2 ] || die '--build needs a folder'
-    [ -x "$2/bin/sampleagent" ] || die "there is no build in $2"
-    build=$(cd "$2" && pwd)
-    ;;
--h | --help)
-    sed -n '4,12s/^# \{0,1\}//p' demo.sh
-    exit 0
-    ;;
-*) die "unknown option '$1' (see --help)" ;;
-esac
+usage_error() { die "$* (see --help)" 2; }
+
+# Names on the command line are meant from where it was typed.
+from_there() { case $1 in /*) printf '%s' "$1" ;; *) printf '%s/%s' "$invoked_from" "$1" ;; esac; }
+
+build='' json=false keep=false step=false plot=''
+while [ $# -gt 0 ]; do
+    case $1 in
+    --json) json=true ;;
+    --keep) keep=true ;;
+    --step) step=true ;;
+    --plot | --build)
+        [ $# -ge 2 ] || usage_error "$1 needs a value"
+        if [ "$1" = --plot ]; then plot=$(from_there "$2"); else build=$(from_there "$2"); fi
+        shift
+        ;;
+    -h | --help)
+        sed -n '4,22s/^# \{0,1\}//p' demo.sh
+        exit 0
+        ;;
+    *) usage_error "unknown option '$1'" ;;
+    esac
+    shift
+done
+[ -z "$build" ] || [ -x "$build/bin/samplegateway" ] || die "there is no build in $build" 2
 
 quietly() {
     local what=$1
     shift
-    echo "$what …"
+    $json || echo "$what …"
     "$@" >build/demo.log 2>&1 && return
     tail -n 20 build/demo.log >&2
     die "$what failed; all of its output is in build/demo.log"
@@ -44,16 +65,25 @@ quietly() {
 if [ -z "$build" ]; then
     build=$PWD/build/release
     mkdir -p build
-    packaging/install-packages.sh build test
-    quietly 'Fetching systemd-resolved (unpacked here, not installed)' tests/support/fetch-daemons.sh build/daemons resolved
+    packaging/install-packages.sh build test >&2
+    quietly 'Fetching systemd-resolved and elogind (unpacked here, not installed)' \
+        tests/support/fetch-daemons.sh build/daemons resolved elogind
     quietly 'Configuring' cmake --preset release
-    quietly 'Building (a few minutes the first time)' cmake --build --preset release --target sampleagent vpnoalctl isolate
+    quietly 'Building (a few minutes the first time)' cmake --build --preset release --target \
+        samplegateway vpnoalctl isolate vesk-connectionmanager vesk-certificatemanager
+fi
+build=$(cd "$build" && pwd)
+
+# Opened here: inside, the folder may be covered by a private one.
+plot_descriptor=
+if [ -n "$plot" ]; then
+    exec {plot_descriptor}>"$plot" || die "cannot write $plot" 2
 fi
 
 namespaces=(--mount --pid --fork --kill-child --mount-proc)
 if [ "$(id -u)" -ne 0 ]; then
     namespaces+=(--user --map-root-user)
-    echo 'As an ordinary user: in a user namespace.'
+    $json || echo 'As an ordinary user: in a user namespace.'
 fi
 unshare "${namespaces[@]}" true 2>/dev/null ||
     die 'this machine does not let this user make private namespaces (unshare); try as root'
@@ -63,11 +93,12 @@ unshare "${namespaces[@]}" true 2>/dev/null ||
 interrupted() {
     kill -KILL "$!" 2>/dev/null || true
     wait "$!" 2>/dev/null || true
-    printf '\nInterrupted; nothing is left behind.\n'
+    printf '\nInterrupted; nothing is left behind.\n' >&2
     exit 130
 }
 trap interrupted INT TERM HUP
-unshare "${namespaces[@]}" "$build/bin/isolate" bash examples/demo/story.sh "$build" &
+# Beside this script, so that a signal is heard at once; what is typed is for the story all the same.
+unshare "${namespaces[@]}" "$build/bin/isolate" bash examples/demo/story.sh "$build" $json $keep $step "$plot_descriptor" <&0 &
 status=0
 wait "$!" || status=$?
 exit "$status"

@@ -86,8 +86,9 @@ TEST_F(CertificateCommandsTest, ListShowsNumberSubjectAndFingerprint)
     installClient();
     EXPECT_THAT(ctl({"certs", "list"}).output, AllOf(HasSubstr("     1  CN=client,O=Test"), HasSubstr("FINGERPRINT")));
     EXPECT_THAT(ctl({"certs", "show", "1"}).output, HasSubstr("-----END CERTIFICATE-----"));
-    expectBadInput({"certs", "show", "2"}, "2: no certificate has this number");
-    expectBadInput({"certs", "show", "ffffffffffffffffff"}, "ffffffffffffffffff: no certificate has this number or");
+    expectBadInput({"certs", "show", "2"}, "2: no certificate has this name or number");
+    expectBadInput({"certs", "show", "ffffffffffffffffff"},
+                   "ffffffffffffffffff: no certificate has this name, number or");
 }
 
 TEST_F(CertificateCommandsTest, SignatureIsThatOfTheKey)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// demo.sh succeeds, fails when a step fails, and leaves the machine (here: this test's own namespaces) as it found it,
-// also when it is interrupted.
+// demo.sh succeeds, fails when a step fails, does what its options say, and leaves the machine (here: this test's own
+// namespaces) as it found it, also when it is interrupted.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -14,11 +14,16 @@
 #include <iterator>
 
 #include "Daemons.h"
+#include "Isolation.h"
 
 using namespace testsupport;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
+
+constexpr int allVerified = 0;
+constexpr int someSkipped = 3;
 
 namespace {
 
@@ -51,8 +56,11 @@ class DemoTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        const std::string reason = daemonUnavailable(Daemon::resolved);
-        if (!reason.empty()) GTEST_SKIP() << reason;
+        for (const Daemon daemon : {Daemon::resolved, Daemon::elogind}) {
+            const std::string reason = daemonUnavailable(daemon);
+            // Where elogind cannot run at all the demo skips it.
+            if (!reason.empty() && !(daemon == Daemon::elogind && isInUserNamespace())) GTEST_SKIP() << reason;
+        }
         std::ofstream("/etc/resolv.conf") << "nameserver 192.0.2.250\n";
         outputOf({"ip", "link", "add", "machine0", "type", "veth", "peer", "name", "machine1"});
         outputOf({"ip", "address", "add", "192.0.2.200/24", "dev", "machine0"});
@@ -103,11 +111,26 @@ protected:
             interrupted = true;
         }
         EXPECT_TRUE(interrupted) << output;
-        EXPECT_THAT(output, Not(HasSubstr("steps verified"))) << "it was not interrupted in the middle";
+        EXPECT_THAT(output, Not(HasSubstr("Time line"))) << "it was not interrupted in the middle";
         return demo.wait();
     }
 
-    static std::vector<std::string> command() { return {WFOAL_SOURCE_DIR "/demo.sh", "--build", WFOAL_BUILD_DIR}; }
+    static std::vector<std::string> command(const std::vector<std::string>& options = {})
+    {
+        std::vector<std::string> words{WFOAL_SOURCE_DIR "/demo.sh", "--build", WFOAL_BUILD_DIR};
+        words.insert(words.end(), options.begin(), options.end());
+        return words;
+    }
+    /// With `input`, the output of a shell command, to read from.
+    static CommandResult runWith(const std::string& input, const std::vector<std::string>& options)
+    {
+        std::vector<std::string> words{"sh", "-c", input + " | \"$@\"", "sh"};
+        const std::vector<std::string> demo = command(options);
+        words.insert(words.end(), demo.begin(), demo.end());
+        return runCommand(words);
+    }
+    /// A user namespace lacks what some steps need.
+    static int expectedStatus() { return isInUserNamespace() ? someSkipped : allVerified; }
 
 private:
     const std::string mMark = "demo-of-" + std::to_string(getpid());
@@ -116,22 +139,92 @@ private:
 
 }  // namespace
 
-TEST_F(DemoTest, EveryStepIsVerified)
+TEST_F(DemoTest, EveryStepIsVerifiedAndDrawn)
 {
-    const CommandResult result = runCommand(command());
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("steps verified"));
+    const CommandResult result = runCommand(command({"--plot", "/tmp/demo.svg"}));
+    EXPECT_EQ(result.status, expectedStatus()) << result.output;
+    EXPECT_THAT(result.output, HasSubstr(" steps verified"));
+    EXPECT_THAT(result.output, HasSubstr("Time line"));
+    const std::string picture = contentOf("/tmp/demo.svg");
+    EXPECT_THAT(picture, StartsWith("<svg "));
+    EXPECT_THAT(picture, HasSubstr("Three gateways"));
+    const std::string readAsXml = "import xml.dom.minidom; xml.dom.minidom.parse('/tmp/demo.svg')";
+    EXPECT_EQ(runCommand({"python3", "-c", readAsXml}).status, 0) << picture;
+    std::filesystem::remove("/tmp/demo.svg");
+}
+
+// Every line is one JSON object, and the summary counts them.
+TEST_F(DemoTest, JsonForMachines)
+{
+    const CommandResult result = runCommand(command({"--json"}));
+    EXPECT_EQ(result.status, expectedStatus()) << result.output;
+    std::ofstream("/tmp/demo.json") << result.output;
+    const std::string judge = R"(
+import json
+lines = [json.loads(line) for line in open('/tmp/demo.json')]
+steps, summary = lines[:-1], lines[-1]['summary']
+assert [step['step'] for step in steps] == list(range(1, len(steps) + 1))
+verified = [step for step in steps if step['result'] == 'verified']
+assert all(step['milliseconds'] >= 0 and step['check'] and step['evidence'] and step['chapter'] for step in verified)
+assert all(step['reason'] for step in steps if step['result'] == 'skipped')
+assert summary['verified'] == len(verified) and summary['skipped'] == len(steps) - len(verified) and len(verified) > 30
+)";
+    const CommandResult judged = runCommand({"python3", "-c", judge});
+    EXPECT_EQ(judged.status, 0) << judged.output << result.output;
+    std::filesystem::remove("/tmp/demo.json");
+}
+
+TEST_F(DemoTest, KeepsAShellInsideWithTheConnectionUp)
+{
+    const CommandResult result =
+        runWith("echo 'echo INSIDE; ip -br address show norvatun0; in_gateway ip -br address show eth0'", {"--keep"});
+    EXPECT_EQ(result.status, expectedStatus()) << result.output;
+    const std::string inside = result.output.substr(std::min(result.output.find("\nINSIDE"), result.output.size()));
+    EXPECT_THAT(inside, HasSubstr("10.8.0.2 peer 10.8.0.1/24"));
+    EXPECT_THAT(inside, HasSubstr("198.51.100.2/30"));
+}
+
+TEST_F(DemoTest, StopsAfterEachStep)
+{
+    const CommandResult result = runWith("yes ''", {"--step"});
+    EXPECT_EQ(result.status, expectedStatus()) << result.output;
+    const auto count = [&result](const std::string& text) {
+        int found = 0;
+        for (auto at = result.output.find(text); at != std::string::npos; at = result.output.find(text, at + 1))
+            ++found;
+        return found;
+    };
+    EXPECT_EQ(count("✓"), count("Enter goes on."));
+    EXPECT_GT(count("✓"), 30);
 }
 
 TEST_F(DemoTest, AStepThatFailsIsNamedAndTheDemoFails)
 {
     setenv("WFOAL_PLUGIN", "/no/such/plugin.so", 1);
     const CommandResult result = runCommand(command());
+    const CommandResult json = runCommand(command({"--json"}));
     unsetenv("WFOAL_PLUGIN");
     EXPECT_EQ(result.status, 1) << result.output;
     EXPECT_THAT(result.output, HasSubstr("✗"));
     EXPECT_THAT(result.output, HasSubstr("/no/such/plugin.so"));
-    EXPECT_THAT(result.output, Not(HasSubstr("steps verified")));
+    EXPECT_THAT(result.output, HasSubstr("A step failed after "));
+    EXPECT_EQ(json.status, 1) << json.output;
+    EXPECT_THAT(json.output, HasSubstr(R"("result":"failed")"));
+    EXPECT_THAT(json.output, HasSubstr(R"("exitStatus":1)"));
+}
+
+TEST_F(DemoTest, WrongUsage)
+{
+    for (const std::vector<std::string>& options :
+         std::vector<std::vector<std::string>>{{"--nonsense"}, {"--plot"}, {"--build", "/no/such/build"}}) {
+        const CommandResult result = runCommand(command(options));
+        EXPECT_EQ(result.status, 2) << result.output;
+        EXPECT_THAT(result.output, StartsWith("demo.sh: "));
+    }
+    const CommandResult help = runCommand(command({"--help"}));
+    EXPECT_EQ(help.status, 0);
+    for (const char* option : {"--json", "--step", "--keep", "--plot FILE", "--build FOLDER", "Exit status"})
+        EXPECT_THAT(help.output, HasSubstr(option));
 }
 
 class DemoInterruptTest : public DemoTest, public testing::WithParamInterface<const char*> {};
@@ -142,5 +235,6 @@ TEST_P(DemoInterruptTest, LeavesNothing)
 }
 
 INSTANTIATE_TEST_SUITE_P(AfterTheLine, DemoInterruptTest,
-                         testing::Values("Three private networks", "A resolver", "What the plug-in configured",
-                                         "ping through the tunnel", "Restore", "Control"));
+                         testing::Values("Networks: ", "Services: ", "The user's certificate", "Three gateways",
+                                         "What the plug-in configured", "ping through the tunnel", "Wi-Fi is lost",
+                                         "The device sleeps", "The agent is killed", "Restore"));

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Real TLS 1.0 and 1.1 handshakes with "openssl s_server", which demands a client certificate: listing, DER form and
-// signature from end to end, for every way in which a key is kept.
+// Real TLS 1.0 and 1.1 handshakes of the agent's client with "openssl s_server", which demands a client certificate:
+// listing, DER form and signature from end to end, for every way in which a key is kept.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 
@@ -18,28 +18,30 @@
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
 #include "ChildProcess.h"
-#include "TlsClient.h"
+#include "CommandError.h"
+#include "certificates/ServerVerdict.h"
+#include "connect/ClientTls.h"
 #include "handles/UniqueFd.h"
 
 namespace {
 
 using testsupport::Identity;
 using testsupport::makeIdentity;
-using testsupport::talkOverTls;
-using testsupport::TlsOptions;
-using testsupport::TlsResult;
 using testsupport::writeFile;
+using vpnoalctl::ServerVerdict;
+using vpnoalctl::TlsStream;
 
 constexpr int port = 4433;
 
-bool isListening()
+UniqueFd connectToServer()
 {
-    const UniqueFd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const bool connected = connect(connection.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    return connected ? std::move(connection) : UniqueFd();
 }
 
 // "openssl s_server" for as long as the object lives. The distribution's own settings forbid what these protocols need.
@@ -53,7 +55,7 @@ public:
                   mLog.get())
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!isListening() && std::chrono::steady_clock::now() < end) {
+        while (!connectToServer().valid() && std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
@@ -65,7 +67,15 @@ private:
 
 struct Protocol {
     const char* option;
-    int version;
+    const char* name;
+};
+
+struct Conversation {
+    bool connected = false;
+    ServerVerdict verdict = ServerVerdict::Refuse;
+    std::string protocol;
+    std::string echoed;  // what came back for the line that was sent
+    std::string error;
 };
 
 class TlsHandshakeTest : public testing::TestWithParam<Protocol> {
@@ -84,16 +94,52 @@ protected:
         signal(SIGPIPE, SIG_IGN);
     }
 
+    /// Does what a stream is asked for until it is done or closed. The socket says when to go on.
+    template <class Operation>
+    static bool finish(const TlsStream& stream, Operation operation)
+    {
+        for (;;) {
+            const TlsStream::Result result = operation();
+            if (result == TlsStream::Result::Done || result == TlsStream::Result::Closed)
+                return result == TlsStream::Result::Done;
+            pollfd watched{stream.descriptor(),
+                           static_cast<short>(result == TlsStream::Result::WantsRead ? POLLIN : POLLOUT), 0};
+            if (poll(&watched, 1, 20000) != 1) return false;
+        }
+    }
+
+    /// Connects with the handle's certificate, sends a line and reads one back.
+    Conversation talk(ClientCertHandle& handle, const char* password = nullptr)
+    {
+        Conversation result;
+        vpnoalctl::ClientTls client(handle, password, [&](const auto& server, const auto& intermediates) {
+            result.verdict = vpnoalctl::judgeServer(mCertificates, server, intermediates, "vpn.example");
+            if (result.verdict == ServerVerdict::Refuse) throw vpnoalctl::CommandError("server", "refused", "");
+        });
+        UniqueFd socket = connectToServer();
+        fcntl(socket.get(), F_SETFL, O_NONBLOCK);
+        const auto stream = client.open(std::move(socket));
+        result.connected = finish(*stream, [&] { return client.handshake(*stream); });
+        result.protocol = stream->protocol();
+        result.error = stream->reason();
+        const std::string line = "hello\n";
+        std::size_t count = 0;
+        if (!result.connected || !finish(*stream, [&] { return stream->write(line.data(), line.size(), count); }))
+            return result;
+        char character = 0;
+        while (finish(*stream, [&] { return stream->read(&character, 1, count); }) && character != '\n')
+            result.echoed += character;
+        stream->shutDown();
+        return result;
+    }
+
     void expectConversation(ClientCertHandle& handle, const char* password = nullptr)
     {
         const TlsServer server(GetParam().option);
-        TlsOptions options;
-        options.protocol = GetParam().version;
-        options.port = port;
-        options.keyPassword = password;
-        const TlsResult result = talkOverTls(mCertificates, handle, options, "hello");
+        const Conversation result = talk(handle, password);
         EXPECT_TRUE(result.connected) << result.error;
-        EXPECT_FALSE(result.asked);
+        EXPECT_EQ(ServerVerdict::Accept, result.verdict);
+        EXPECT_EQ(GetParam().name, result.protocol);
         EXPECT_EQ("olleh", result.echoed);
     }
 
@@ -145,10 +191,7 @@ TEST_P(TlsHandshakeTest, KeyOfAnotherCertificateDoesNotConnect)
     writeFile("/var/ssl/private/rsaclient.pem", mClientCa.keyPem());
     ClientCertHandle* handle = onlyHandle();
     const TlsServer server(GetParam().option);
-    TlsOptions options;
-    options.protocol = GetParam().version;
-    options.port = port;
-    EXPECT_FALSE(talkOverTls(mCertificates, *handle, options, "hello").connected);
+    EXPECT_FALSE(talk(*handle).connected);
     mCertificates.DisposeClientCertHandle(handle);
 }
 
@@ -158,16 +201,26 @@ TEST_P(TlsHandshakeTest, ServerThatIsNotTrustedWouldBeAskedAbout)
     writeFile("/tmp/client.pfx", mClient.pkcs12("secret"));
     CertElement handle("/tmp/client.pfx", "secret");
     const TlsServer server(GetParam().option);
-    TlsOptions options;
-    options.protocol = GetParam().version;
-    options.port = port;
-    const TlsResult result = talkOverTls(mCertificates, handle, options, "hello");
+    const Conversation result = talk(handle);
     EXPECT_TRUE(result.connected) << result.error;
-    EXPECT_TRUE(result.asked);
+    EXPECT_EQ(ServerVerdict::Ask, result.verdict);
+}
+
+TEST_P(TlsHandshakeTest, RefusedServerGetsNothingAndTheReasonComesOut)
+{
+    std::filesystem::remove_all("/var/ssl/trustedcerts");
+    const Identity nameless = makeIdentity({"", 2}, &mServerCa);
+    writeFile("/tmp/server.pem", nameless.pem());
+    writeFile("/tmp/client.pfx", mClient.pkcs12("secret"));
+    CertElement handle("/tmp/client.pfx", "secret");
+    const TlsServer server(GetParam().option);
+    EXPECT_THROW(talk(handle), vpnoalctl::CommandError);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, TlsHandshakeTest,
-                         testing::Values(Protocol{"-tls1", TLS1_VERSION}, Protocol{"-tls1_1", TLS1_1_VERSION}),
-                         [](const auto& chosen) { return chosen.param.version == TLS1_VERSION ? "Tls10" : "Tls11"; });
+                         testing::Values(Protocol{"-tls1", "TLSv1"}, Protocol{"-tls1_1", "TLSv1.1"}),
+                         [](const auto& chosen) {
+                             return std::string(chosen.param.option) == "-tls1" ? "Tls10" : "Tls11";
+                         });
 
 }  // namespace

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Json.h"
 
+#include <fmt/format.h>
+
 #include <new>
 #include <string_view>
 
@@ -43,6 +45,11 @@ void addNumber(const JsonPtr& object, const char* key, std::int64_t number)
     addChild(object, key, owned(json_object_new_int64(number)));
 }
 
+void addDecimal(const JsonPtr& object, const char* key, double number)
+{
+    addChild(object, key, owned(json_object_new_double_s(number, fmt::format("{:.1f}", number).c_str())));
+}
+
 void addFlag(const JsonPtr& object, const char* key, bool flag)
 {
     addChild(object, key, owned(json_object_new_boolean(flag)));
@@ -52,6 +59,14 @@ void addChild(const JsonPtr& object, const char* key, JsonPtr child)
 {
     if (json_object_object_add(object.get(), key, child.get()) != 0) throw std::bad_alloc();
     static_cast<void>(child.release());
+}
+
+void addAll(const JsonPtr& object, const JsonPtr& other)
+{
+    json_object_object_foreach(other.get(), key, value)
+    {
+        addChild(object, key, JsonPtr(json_object_get(value)));
+    }
 }
 
 void append(const JsonPtr& array, JsonPtr element)

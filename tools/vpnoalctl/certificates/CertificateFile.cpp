@@ -37,14 +37,6 @@ std::string timeText(const ASN1_TIME* time)
     return textOf(text.get());
 }
 
-Bytes derOf(X509* certificate)
-{
-    Bytes der(static_cast<std::size_t>(i2d_X509(certificate, nullptr)));
-    unsigned char* end = der.data();
-    i2d_X509(certificate, &end);
-    return der;
-}
-
 }  // namespace
 
 Bytes readWholeFile(const std::string& path, std::size_t limit)
@@ -74,6 +66,14 @@ Bytes loadCertificate(const std::string& path)
     const X509Ptr fromPem(text ? PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr) : nullptr);
     ERR_clear_error();
     return fromPem ? derOf(fromPem.get()) : derOf(parseCertificate(bytes, path).get());
+}
+
+Bytes derOf(X509* certificate)
+{
+    Bytes der(static_cast<std::size_t>(i2d_X509(certificate, nullptr)));
+    unsigned char* end = der.data();
+    i2d_X509(certificate, &end);
+    return der;
 }
 
 X509Ptr parseCertificate(const Bytes& der, const std::string& what)

@@ -22,6 +22,9 @@ std::string readPasswordFile(const std::string& path);
 /// The first certificate of a PEM or DER file, as DER. Throws CommandError.
 Bytes loadCertificate(const std::string& path);
 
+/// The certificate in DER form.
+Bytes derOf(X509* certificate);
+
 /// Throws CommandError when the bytes are no certificate; `what` names them.
 X509Ptr parseCertificate(const Bytes& der, const std::string& what);
 

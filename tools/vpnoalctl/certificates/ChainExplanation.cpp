@@ -12,6 +12,13 @@ constexpr char trustedDirectory[] = "/var/ssl/trustedcerts/";
 
 }  // namespace
 
+std::string reasonOf(const ChainExplanation& explanation)
+{
+    if (explanation.error == 0) return explanation.reason;
+    return explanation.reason + " (" + std::to_string(explanation.error) + ", at depth " +
+           std::to_string(explanation.depth) + ")";
+}
+
 ChainExplanation explainChain(const Bytes& server, const std::vector<Bytes>& intermediates)
 {
     const X509Ptr certificate = parseCertificate(server, "the server's certificate");

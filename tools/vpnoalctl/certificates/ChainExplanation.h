@@ -19,6 +19,10 @@ struct ChainExplanation {
     std::vector<CertificateSummary> chain;  ///< as far as it could be built, the server first
 };
 
+/// The reason with OpenSSL's code and the depth, where the chain does not verify. It is not the whole story of a
+/// verdict: dates, store and name count then.
+std::string reasonOf(const ChainExplanation& explanation);
+
 ChainExplanation explainChain(const Bytes& server, const std::vector<Bytes>& intermediates);
 
 }  // namespace vpnoalctl

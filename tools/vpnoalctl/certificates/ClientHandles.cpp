@@ -30,6 +30,29 @@ bool beginsWith(const std::string& text, const std::string& beginning)
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
+std::string commonNameOf(X509* certificate)
+{
+    constexpr int longest = 256;
+    std::string name(longest, '\0');
+    const int length =
+        X509_NAME_get_text_by_NID(X509_get_subject_name(certificate), NID_commonName, name.data(), longest);
+    name.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return name;
+}
+
+// The one that fits; null when none does. Throws when several do.
+template <class Fits>
+HandlePtr takeOnly(std::vector<HandlePtr>& handles, Fits fits, const char* several, const std::string& choice)
+{
+    HandlePtr* found = nullptr;
+    for (HandlePtr& handle : handles) {
+        if (!fits(handle)) continue;
+        if (found != nullptr) throw badInput(choice, several, listHint);
+        found = &handle;
+    }
+    return found != nullptr ? std::move(*found) : HandlePtr();
+}
+
 }  // namespace
 
 std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates)
@@ -59,19 +82,23 @@ X509Ptr certificateOf(ClientCertHandle& handle)
 
 HandlePtr chooseHandle(std::vector<HandlePtr> handles, const std::string& choice)
 {
+    const auto hasName = [&choice](const HandlePtr& handle) {
+        return !choice.empty() && commonNameOf(certificateOf(*handle).get()) == choice;
+    };
+    if (HandlePtr named = takeOnly(handles, hasName, "several certificates have this name", choice)) return named;
     if (isNumber(choice)) {
         const std::size_t number = std::stoul(choice);
         if (number >= 1 && number <= handles.size()) return std::move(handles[number - 1]);
     }
     const std::string beginning = lowerCase(choice);
-    if (beginning.size() < shortestFingerprint) throw badInput(choice, "no certificate has this number", listHint);
-    HandlePtr found;
-    for (HandlePtr& handle : handles) {
-        if (!beginsWith(summarize(certificateOf(*handle).get()).fingerprint, beginning)) continue;
-        if (found) throw badInput(choice, "several certificates have a fingerprint that begins so", listHint);
-        found = std::move(handle);
+    if (beginning.size() < shortestFingerprint) {
+        throw badInput(choice, "no certificate has this name or number", listHint);
     }
-    if (!found) throw badInput(choice, "no certificate has this number or fingerprint", listHint);
+    const auto beginsSo = [&beginning](const HandlePtr& handle) {
+        return beginsWith(summarize(certificateOf(*handle).get()).fingerprint, beginning);
+    };
+    HandlePtr found = takeOnly(handles, beginsSo, "several certificates have a fingerprint that begins so", choice);
+    if (!found) throw badInput(choice, "no certificate has this name, number or fingerprint", listHint);
     return found;
 }
 

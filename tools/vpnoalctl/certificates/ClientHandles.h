@@ -25,8 +25,8 @@ std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates);
 /// The handle's certificate. Throws CommandError when it does not parse.
 X509Ptr certificateOf(ClientCertHandle& handle);
 
-/// The one whose number in the list (from 1) or beginning of the fingerprint is `choice`. Throws CommandError when
-/// none or several match.
+/// The one whose common name, number in the list (from 1) or beginning of the fingerprint is `choice`, tried in this
+/// order. Throws CommandError when none or several match.
 HandlePtr chooseHandle(std::vector<HandlePtr> handles, const std::string& choice);
 
 }  // namespace vpnoalctl

@@ -2,8 +2,6 @@
 //
 // vpnoalctl bind: opens a TCP connection from a socket that the plug-in has bound, as an agent does for its outer
 // connection, and tells where it leaves and how long it took.
-#include <fcntl.h>
-#include <net/if.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,8 +15,8 @@
 #include "Context.h"
 #include "Json.h"
 #include "commands/Commands.h"
+#include "connect/OuterSocket.h"
 #include "handles/UniqueFd.h"
-#include "kernel/KernelRoutes.h"
 
 namespace vpnoalctl {
 
@@ -46,48 +44,30 @@ sockaddr_in resolve(const Target& target)
     return address;
 }
 
-std::string endpoint(const sockaddr_in& address)
-{
-    return addressText(address.sin_addr) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-std::string deviceOf(int socket)
-{
-    char name[IF_NAMESIZE] = {};
-    socklen_t length = sizeof name;
-    getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name, &length);
-    return name;
-}
-
 // 0, or the errno value of a connection that did not come about.
 int connectWithin(int socket, const sockaddr_in& address, unsigned seconds)
 {
-    if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return 0;
-    if (errno != EINPROGRESS) return errno;
+    const int begun = beginConnection(socket, address);
+    if (begun != EINPROGRESS) return begun;
     pollfd query{socket, POLLOUT, 0};
     if (poll(&query, 1, static_cast<int>(seconds * 1000)) != 1) return ETIMEDOUT;
-    int error = 0;
-    socklen_t length = sizeof error;
-    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+    return connectionResult(socket);
 }
 
 void print(Context& context, int socket, const sockaddr_in& remote, std::chrono::steady_clock::duration duration)
 {
-    sockaddr_in local{};
-    socklen_t length = sizeof local;
-    getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length);
     const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
 
     Table table{{{"what", ""}, {"value", ""}}, {}};
     table.rows = {{{"interface", Style::Title}, {deviceOf(socket), Style::Good}},
-                  {{"local", Style::Title}, {endpoint(local)}},
-                  {{"remote", Style::Title}, {endpoint(remote)}},
+                  {{"local", Style::Title}, {localEndOf(socket)}},
+                  {{"remote", Style::Title}, {endpointText(remote)}},
                   {{"microseconds", Style::Title}, {std::to_string(microseconds)}}};
     if (!context.output.json()) context.output.table(table);
     const JsonPtr answer = newObject();
     addText(answer, "interface", deviceOf(socket));
-    addText(answer, "local", endpoint(local));
-    addText(answer, "remote", endpoint(remote));
+    addText(answer, "local", localEndOf(socket));
+    addText(answer, "remote", endpointText(remote));
     addNumber(answer, "microseconds", microseconds);
     context.output.value(answer);
 }
@@ -95,13 +75,8 @@ void print(Context& context, int socket, const sockaddr_in& remote, std::chrono:
 int openConnection(Context& context, const Target& target)
 {
     const sockaddr_in remote = resolve(target);
-    const UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket.valid()) throw systemError(target.label(), errno, "");
     const auto socketPlugin = context.plugin().create<KEST_SocketPlugin>();
-    if (socketPlugin->BindToInterface(nullptr, static_cast<unsigned>(socket.get())) != PLUGIN_SUCCESS) {
-        throw CommandError(target.label(), "the plug-in could not bind the socket",
-                           "'vpnoalctl preferred --explain' shows the choice; run it again with -v to see the log");
-    }
+    const UniqueFd socket = boundSocket(*socketPlugin, target.label());
     const auto begin = std::chrono::steady_clock::now();
     const int error = connectWithin(socket.get(), remote, target.timeout);
     if (error != 0) {

@@ -83,7 +83,9 @@ Action defineCertsList(CLI::App&)
 Action defineCertsShow(CLI::App& command)
 {
     auto choice = std::make_shared<std::string>();
-    command.add_option("certificate", *choice, "Its number in the list, or the beginning of its fingerprint")
+    command
+        .add_option("certificate", *choice,
+                    "Its common name, its number in the list, or the beginning of its fingerprint")
         ->required()
         ->type_name("CHOICE");
     return [choice](Context& context) { return show(context, *choice); };

@@ -13,6 +13,7 @@
 #include "Json.h"
 #include "certificates/ClientHandles.h"
 #include "commands/Commands.h"
+#include "connect/HandleKey.h"
 
 namespace vpnoalctl {
 
@@ -43,18 +44,13 @@ int sign(Context& context, const Options& options)
     const std::string password = options.passwordFile.empty() ? "" : readPasswordFile(options.passwordFile);
     const auto certificates = context.plugin().create<KEST_CertPlugin>();
     const HandlePtr handle = chooseHandle(listHandles(*certificates), options.choice);
-    const int size = EVP_PKEY_get_size(X509_get0_pubkey(certificateOf(*handle).get()));
-    if (size <= 0) throw CommandError("certs sign", "the certificate's public key cannot be used", "");
-
-    Bytes signature(static_cast<std::size_t>(size));
-    unsigned char* output = signature.data();
-    unsigned int length = 0;
-    if (handle->SignSSL(hash.data(), static_cast<unsigned>(hash.size()), output, length,
-                        options.passwordFile.empty() ? nullptr : password.c_str()) != PLUGIN_SUCCESS) {
+    const HandleSigner signer{*handle, options.passwordFile.empty() ? nullptr : password.c_str()};
+    const Bytes signature = signer.sign(hash.data(), static_cast<unsigned>(hash.size()));
+    if (signature.empty()) {
         throw CommandError("certs sign", "no signature was made",
                            "-v shows why; an encrypted key needs --password-file");
     }
-    const std::string text = toHex(signature.data(), length);
+    const std::string text = toHex(signature.data(), signature.size());
     const JsonPtr answer = newObject();
     addText(answer, "hash", toHex(hash.data(), hash.size()));
     addText(answer, "signature", text);
@@ -68,7 +64,9 @@ int sign(Context& context, const Options& options)
 Action defineCertsSign(CLI::App& command)
 {
     auto options = std::make_shared<Options>();
-    command.add_option("certificate", options->choice, "Its number in the list, or the beginning of its fingerprint")
+    command
+        .add_option("certificate", options->choice,
+                    "Its common name, its number in the list, or the beginning of its fingerprint")
         ->required()
         ->type_name("CHOICE");
     command.add_option("message", options->message, "File whose MD5 and SHA-1 hashes are signed")

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl connect: a whole connection but its packets. Makes the device, applies the profile, holds it until it is
-// told to end, restores. However it ends, short of SIGKILL, the configuration is restored; after a SIGKILL the device
-// goes with the process, and the platform library's journal lets the next run clean up the rest.
+// vpnoalctl connect: with a gateway in the profile a whole connection, see connect/Agent.h. Without one all but its
+// packets: makes the device, applies the profile, holds it until it is told to end, restores. However it ends, short of
+// SIGKILL, the configuration is restored; after a SIGKILL the device goes with the process, and the platform library's
+// journal lets the next run clean up the rest.
 #include <fmt/format.h>
 #include <poll.h>
 
@@ -14,6 +15,7 @@
 #include "CommandError.h"
 #include "Context.h"
 #include "commands/Commands.h"
+#include "connect/Agent.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/ChildCommand.h"
 #include "tunnel/LinkWatch.h"
@@ -27,7 +29,7 @@ namespace {
 
 struct Options {
     std::string profile;
-    std::string command;
+    AgentOptions agent;
 };
 
 // Sleeps until a signal comes; throws when the device disappears meanwhile.
@@ -57,9 +59,8 @@ int hold(Signals& signals, const TunDevice& device, const std::string& text)
     return child ? child->end() : ExitOk;
 }
 
-int connect(Context& context, const Options& options)
+int holdTunnel(Context& context, const Profile& profile, const std::string& command)
 {
-    const Profile profile = loadProfile(options.profile);
     Signals signals;
     PluginLibrary& plugin = context.plugin();
     const TunDevice device(profile.tunnel);
@@ -70,9 +71,16 @@ int connect(Context& context, const Options& options)
     bringUp(*system, profile);
     verifyFilter(profile);
     printSummary(context.output, profile, "connected");
-    if (options.command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
+    if (command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
     if (!context.output.flush()) context.explain("nobody reads the output");
-    return hold(signals, device, options.command);
+    return hold(signals, device, command);
+}
+
+int connect(Context& context, const Options& options)
+{
+    const Profile profile = loadProfile(options.profile);
+    if (!profile.gateway) return holdTunnel(context, profile, options.agent.command);
+    return Agent(context, profile, options.agent).run();
 }
 
 }  // namespace
@@ -84,10 +92,19 @@ Action defineConnect(CLI::App& command)
         ->required()
         ->type_name("PROFILE");
     command
-        .add_option("--exec", options->command,
-                    "Run a shell command while connected, then restore and exit with its status; it finds the "
-                    "tunnel's descriptor in $WFOAL_TUN_FD")
+        .add_option("--exec", options->agent.command,
+                    "Run a shell command while connected, then restore and exit with its status; without a gateway it "
+                    "finds the tunnel's descriptor in $WFOAL_TUN_FD")
         ->type_name("COMMAND");
+    command.add_flag("--accept-prompt", options->agent.acceptPrompt,
+                     "Trust a gateway that the user would be asked about, without asking");
+    command
+        .add_option("--give-up", options->agent.giveUpSeconds, "Seconds for which a lost gateway is tried again (300)")
+        ->check(CLI::Range(1, 86400));
+    command.footer(
+        "\nExit codes: 0 done; 1 the operation failed; 2 wrong usage or bad input, nothing was changed;\n"
+        "3 the plug-in could not be loaded; 4 nobody could be asked whether to trust the gateway;\n"
+        "5 the gateway was refused. With --exec the command's own.");
     return [options](Context& context) { return connect(context, *options); };
 }
 

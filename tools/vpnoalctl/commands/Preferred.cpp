@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // vpnoalctl preferred: the interface that the plug-in prefers for the agent's outer connection, and why.
-#include <net/if.h>
-
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -11,6 +9,7 @@
 #include "InterfaceChoice.h"
 #include "Json.h"
 #include "commands/Commands.h"
+#include "connect/OuterSocket.h"
 #include "kernel/KernelRoutes.h"
 
 namespace vpnoalctl {
@@ -42,17 +41,6 @@ const Explanation& explain(RouteVerdict verdict)
         if (each.verdict == verdict) return each;
     }
     return explanations[0];
-}
-
-std::string askPlugin(Context& context)
-{
-    const auto socketPlugin = context.plugin().create<KEST_SocketPlugin>();
-    char name[IF_NAMESIZE] = {};
-    unsigned int size = sizeof name;
-    if (socketPlugin->GetPreferredInterface(size, name, nullptr) != PLUGIN_SUCCESS) {
-        throw CommandError("preferred", "the plug-in does not answer", "run it again with -v to see the log");
-    }
-    return name;
 }
 
 // Routes to 0.0.0.0, whatever their netmask: the others are no candidates for anybody.
@@ -92,7 +80,8 @@ void printPreferred(Context& context, const std::string& preferred)
 
 int showPreferred(Context& context, bool withReasons)
 {
-    const std::string preferred = askPlugin(context);
+    const auto socketPlugin = context.plugin().create<KEST_SocketPlugin>();
+    const std::string preferred = preferredInterface(*socketPlugin);
     printPreferred(context, preferred);
     const JsonPtr answer = newObject();
     addText(answer, "interface", preferred);

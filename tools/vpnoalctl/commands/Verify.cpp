@@ -10,6 +10,7 @@
 #include "Context.h"
 #include "Json.h"
 #include "certificates/ChainExplanation.h"
+#include "certificates/ServerVerdict.h"
 #include "commands/Commands.h"
 
 namespace vpnoalctl {
@@ -23,38 +24,22 @@ struct Options {
 };
 
 struct Verdict {
-    const char* word;
     const char* sentence;
     Style style;
     int exitCode;
 };
 
-constexpr Verdict accepted{"accept", "accept without asking", Style::Good, ExitOk};
-constexpr Verdict asking{"ask", "ask the user", Style::Warning, ExitAskUser};
-constexpr Verdict refused{"refuse", "refuse", Style::Bad, ExitFailed};
-
-Verdict judge(KEST_CertPlugin& certificates, const Bytes& server, const std::vector<Bytes>& intermediates,
-              const std::string& name)
+Verdict describe(ServerVerdict verdict)
 {
-    for (const Bytes& der : intermediates) {
-        certificates.AddVerificationCert(der.data(), static_cast<unsigned>(der.size()));
+    switch (verdict) {
+    case ServerVerdict::Accept: return {"accept without asking", Style::Good, ExitOk};
+    case ServerVerdict::Ask: return {"ask the user", Style::Warning, ExitAskUser};
+    case ServerVerdict::Refuse: break;
     }
-    bool promptUser = false;
-    const PluginResult result = certificates.VerifyServerCertificate(
-        server.data(), static_cast<unsigned>(server.size()), name.empty() ? nullptr : name.c_str(), promptUser);
-    if (result != PLUGIN_SUCCESS) return refused;
-    return promptUser ? asking : accepted;
+    return {"refuse", Style::Bad, ExitFailed};
 }
 
-// The chain's reason is not the whole story of a verdict: dates, store and name count where the chain fails.
-std::string reasonOf(const ChainExplanation& explanation)
-{
-    if (explanation.error == 0) return explanation.reason;
-    return explanation.reason + " (" + std::to_string(explanation.error) + ", at depth " +
-           std::to_string(explanation.depth) + ")";
-}
-
-void printForMachines(Output& output, const Verdict& verdict, const ChainExplanation& explanation)
+void printForMachines(Output& output, ServerVerdict verdict, const ChainExplanation& explanation)
 {
     JsonPtr chain = newArray();
     for (const CertificateSummary& one : explanation.chain) {
@@ -67,7 +52,7 @@ void printForMachines(Output& output, const Verdict& verdict, const ChainExplana
         append(chain, std::move(entry));
     }
     const JsonPtr answer = newObject();
-    addText(answer, "verdict", verdict.word);
+    addText(answer, "verdict", wordFor(verdict));
     addText(answer, "reason", explanation.reason);
     addNumber(answer, "error", explanation.error);
     addNumber(answer, "depth", explanation.depth);
@@ -96,10 +81,11 @@ int verify(Context& context, const Options& options)
         intermediates.push_back(loadCertificate(path));
     const ChainExplanation explanation = explainChain(server, intermediates);
     const auto certificates = context.plugin().create<KEST_CertPlugin>();
-    const Verdict verdict = judge(*certificates, server, intermediates, options.name);
+    const ServerVerdict verdict = judgeServer(*certificates, server, intermediates, options.name);
+    const Verdict described = describe(verdict);
     Output& output = context.output;
-    output.json() ? printForMachines(output, verdict, explanation) : printForPeople(output, verdict, explanation);
-    return verdict.exitCode;
+    output.json() ? printForMachines(output, verdict, explanation) : printForPeople(output, described, explanation);
+    return described.exitCode;
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "monitor/WatchingAgent.h"
 
-#include <net/if.h>
 #include <sys/socket.h>
 
 #include <mutex>
 #include <utility>
 
+#include "connect/OuterSocket.h"
 #include "kest/SystemPluginCB.h"
 
 namespace vpnoalctl {
@@ -62,10 +62,7 @@ std::string WatchingAgent::bind()
 {
     mOuter.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (mSocketIf->BindToInterface("", static_cast<unsigned>(mOuter.get())) != PLUGIN_SUCCESS) return {};
-    char name[IFNAMSIZ + 1] = "";
-    socklen_t length = IFNAMSIZ;
-    if (getsockopt(mOuter.get(), SOL_SOCKET, SO_BINDTODEVICE, name, &length) != 0) return {};
-    return name;
+    return deviceOf(mOuter.get());
 }
 
 }  // namespace vpnoalctl

@@ -12,6 +12,7 @@
 #include "JsonError.h"
 #include "StrictJson.h"
 #include "profile/Names.h"
+#include "profile/Values.h"
 
 namespace vpnoalctl {
 
@@ -21,44 +22,6 @@ using wfoal::JsonDocument;
 using wfoal::JsonError;
 using wfoal::JsonField;
 using wfoal::JsonValue;
-
-void refuseFault(const JsonValue& value, const std::string& fault)
-{
-    if (!fault.empty()) value.refuse(fault);
-}
-
-Ipv4Address addressOf(const JsonValue& value)
-{
-    const std::string text(value.text());
-    const auto address = parseAddress(text);
-    if (!address) value.refuse(quoted(text) + " is no IPv4 address");
-    return *address;
-}
-
-// An address that one host can have.
-Ipv4Address hostAddressOf(const JsonValue& value)
-{
-    const Ipv4Address address = addressOf(value);
-    const std::uint32_t first = address.bits >> 24;
-    if (first == 0 || first == 127 || first >= 224) value.refuse(dotted(address) + " is no address of a host");
-    return address;
-}
-
-Ipv4Network networkOf(const JsonValue& value)
-{
-    Ipv4Network network;
-    refuseFault(value, readNetwork(std::string(value.text()), network));
-    const Ipv4Network base{network.base(), network.prefix};
-    if (!(base == network)) {
-        value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
-    }
-    return network;
-}
-
-std::uint16_t portOf(const JsonValue& value)
-{
-    return static_cast<std::uint16_t>(value.wholeNumber(1, 65535));
-}
 
 // One of a few words, each with its meaning.
 template <class Meaning>
@@ -91,10 +54,7 @@ constexpr JsonField<TunnelSettings> tunnelKeys[] = {
     {"address", true,
      [](const JsonValue& value, TunnelSettings& tunnel) {
          refuseFault(value, readNetwork(std::string(value.text()), tunnel.address));
-         const std::uint32_t first = tunnel.address.address.bits >> 24;
-         if (first == 0 || first == 127 || first >= 224) {
-             value.refuse(dotted(tunnel.address.address) + " is no address of a host");
-         }
+         requireHost(value, tunnel.address.address);
      }},
     {"peer", true, [](const JsonValue& value, TunnelSettings& tunnel) { tunnel.peer = hostAddressOf(value); }},
     {"mtu", false,
@@ -162,6 +122,7 @@ constexpr JsonField<Profile> profileKeys[] = {
     {"dns", false, [](const JsonValue& value, Profile& profile) { value.readObject(dnsKeys, profile); }},
     {"routes", false, [](const JsonValue& value, Profile& profile) { readList(value, routeKeys, profile.routes); }},
     {"filter", false, [](const JsonValue& value, Profile& profile) { readList(value, ruleKeys, profile.filter); }},
+    {"gateway", false, [](const JsonValue& value, Profile& profile) { profile.gateway = readGateway(value); }},
 };
 
 void checkTunnel(const TunnelSettings& tunnel)

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kest/SystemPlugin.h"
+#include "profile/Gateway.h"
 #include "profile/Ipv4.h"
 
 namespace vpnoalctl {
@@ -52,6 +53,7 @@ struct Profile {
     std::vector<std::string> dnsDomains;
     std::vector<ProfileRoute> routes;
     std::vector<FilterRule> filter;
+    std::optional<GatewaySettings> gateway;
 };
 
 /// Reads a profile from its text. Throws CommandError with ExitUsage; `file` is the name it gives in the error.

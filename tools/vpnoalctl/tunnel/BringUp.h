@@ -18,6 +18,9 @@ void bringUp(KEST_SystemPlugin& system, const Profile& profile);
 /// restores then.
 void verifyFilter(const Profile& profile);
 
+/// What the profile puts in force, as a JSON object.
+JsonPtr summaryOf(const Profile& profile);
+
 /// Tells what is in force: a table, or one JSON object with "state": `state`.
 void printSummary(Output& output, const Profile& profile, const char* state);
 

@@ -78,10 +78,11 @@ JsonPtr describeAll(const Items& items)
     return array;
 }
 
-void printForMachines(Output& output, const Profile& profile, const char* state)
+}  // namespace
+
+JsonPtr summaryOf(const Profile& profile)
 {
-    const JsonPtr summary = newObject();
-    addText(summary, "state", state);
+    JsonPtr summary = newObject();
     addText(summary, "interface", tunnelDeviceName);
     addText(summary, "address", withPrefix(profile.tunnel.address));
     addText(summary, "peer", dotted(profile.tunnel.peer));
@@ -90,14 +91,16 @@ void printForMachines(Output& output, const Profile& profile, const char* state)
     addChild(summary, "dnsDomains", describeAll(profile.dnsDomains));
     addChild(summary, "routes", describeAll(profile.routes));
     addChild(summary, "filter", describeAll(profile.filter));
-    output.value(summary);
+    return summary;
 }
-
-}  // namespace
 
 void printSummary(Output& output, const Profile& profile, const char* state)
 {
-    output.json() ? printForMachines(output, profile, state) : printForPeople(output, profile, state);
+    if (!output.json()) return printForPeople(output, profile, state);
+    const JsonPtr summary = newObject();
+    addText(summary, "state", state);
+    addAll(summary, summaryOf(profile));
+    output.value(summary);
 }
 
 }  // namespace vpnoalctl

@@ -1,0 +1,31 @@
+# shellcheck shell=bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# The handset's state as other tools print it, before and after: it must be the same to the byte.
+
+# shellcheck disable=SC2154  # shared with story.sh and its other parts
+snapshot_of() {
+    case $1 in
+    ip) ip -d address && ip rule && ip route show table all ;;
+    nft) nft list ruleset ;;
+    resolvectl) "$resolvectl" dns && "$resolvectl" domain && "$resolvectl" default-route ;;
+    esac
+}
+
+declare -A state_before=()
+
+take_snapshot() {
+    local tool
+    for tool in ip nft resolvectl; do state_before[$tool]=$(snapshot_of $tool); done
+}
+
+# compare_snapshot STEP
+compare_snapshot() {
+    local tool now
+    for tool in ip nft resolvectl; do
+        now=$(snapshot_of $tool)
+        [ "$now" = "${state_before[$tool]}" ] ||
+            failed "$1" "$tool prints what it printed before" "$(diff <(printf '%s\n' "${state_before[$tool]}") <(printf '%s\n' "$now"))"
+    done
+    passed "$1" 'ip, nft, resolvectl' 'every line as before'
+}

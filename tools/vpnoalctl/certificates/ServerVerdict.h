@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the plug-in makes of a server's certificate.
+#ifndef VPNOALCTL_SERVERVERDICT_H
+#define VPNOALCTL_SERVERVERDICT_H
+
+#include <string>
+#include <vector>
+
+#include "certificates/CertificateFile.h"
+#include "kest/CertPlugin.h"
+
+namespace vpnoalctl {
+
+enum class ServerVerdict { Accept, Ask, Refuse };
+
+/// "accept", "ask" or "refuse".
+const char* wordFor(ServerVerdict verdict);
+
+/// Certificates in DER form; `name` is what the user calls the server, empty when that is not known.
+ServerVerdict judgeServer(KEST_CertPlugin& certificates, const Bytes& server, const std::vector<Bytes>& intermediates,
+                          const std::string& name);
+
+}  // namespace vpnoalctl
+
+#endif

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "profile/Gateway.h"
+
+#include <cctype>
+#include <cstdlib>
+
+#include "CommandError.h"
+#include "certificates/CertificateFile.h"
+#include "profile/Names.h"
+#include "profile/Values.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+using wfoal::JsonField;
+using wfoal::JsonValue;
+
+constexpr std::size_t longestText = 4096;
+
+std::string nonEmptyText(const JsonValue& value)
+{
+    const std::string text(value.text());
+    if (text.empty()) value.refuse("must not be empty");
+    if (text.size() > longestText) value.refuse("is longer than 4096 bytes");
+    return text;
+}
+
+std::string faultOfVariable(const std::string& name)
+{
+    const auto isFit = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
+    bool fits = std::isdigit(static_cast<unsigned char>(name.front())) == 0;
+    for (const char c : name)
+        fits = fits && isFit(static_cast<unsigned char>(c));
+    return fits ? "" : quoted(name) + " is no name of an environment variable";
+}
+
+constexpr JsonField<GatewaySettings> keys[] = {
+    {"address", true, [](const JsonValue& value, GatewaySettings& gateway) { gateway.address = hostAddressOf(value); }},
+    {"port", false, [](const JsonValue& value, GatewaySettings& gateway) { gateway.port = portOf(value); }},
+    {"serverName", true,
+     [](const JsonValue& value, GatewaySettings& gateway) {
+         gateway.serverName = value.text();
+         refuseFault(value, faultOfDomain(gateway.serverName));
+     }},
+    {"certificate", false,
+     [](const JsonValue& value, GatewaySettings& gateway) { gateway.certificate = nonEmptyText(value); }},
+    {"passwordFile", false,
+     [](const JsonValue& value, GatewaySettings& gateway) {
+         gateway.passwordFile = nonEmptyText(value);
+         if (!gateway.passwordVariable.empty()) value.refuse("there is a passwordVariable already");
+     }},
+    {"passwordVariable", false,
+     [](const JsonValue& value, GatewaySettings& gateway) {
+         gateway.passwordVariable = nonEmptyText(value);
+         refuseFault(value, faultOfVariable(gateway.passwordVariable));
+         if (!gateway.passwordFile.empty()) value.refuse("there is a passwordFile already");
+     }},
+};
+
+}  // namespace
+
+GatewaySettings readGateway(const JsonValue& value)
+{
+    GatewaySettings gateway;
+    value.readObject(keys, gateway);
+    return gateway;
+}
+
+std::optional<std::string> keyPassword(const GatewaySettings& gateway)
+{
+    if (!gateway.passwordVariable.empty()) {
+        const char* text = std::getenv(gateway.passwordVariable.c_str());
+        if (text == nullptr) {
+            throw badInput("gateway.passwordVariable", "there is no variable " + gateway.passwordVariable,
+                           "set it; nothing was changed");
+        }
+        return text;
+    }
+    if (gateway.passwordFile.empty()) return std::nullopt;
+    try {
+        return readPasswordFile(gateway.passwordFile);
+    } catch (const CommandError& error) {
+        throw badInput("gateway.passwordFile", error.what(), "nothing was changed");
+    }
+}
+
+}  // namespace vpnoalctl

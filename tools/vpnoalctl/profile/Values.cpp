@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "profile/Values.h"
+
+namespace vpnoalctl {
+
+using wfoal::JsonValue;
+
+namespace {
+
+Ipv4Address addressOf(const JsonValue& value)
+{
+    const std::string text(value.text());
+    const auto address = parseAddress(text);
+    if (!address) value.refuse(quoted(text) + " is no IPv4 address");
+    return *address;
+}
+
+}  // namespace
+
+void requireHost(const JsonValue& value, Ipv4Address address)
+{
+    const std::uint32_t first = address.bits >> 24;
+    if (first == 0 || first == 127 || first >= 224) value.refuse(dotted(address) + " is no address of a host");
+}
+
+Ipv4Address hostAddressOf(const JsonValue& value)
+{
+    const Ipv4Address address = addressOf(value);
+    requireHost(value, address);
+    return address;
+}
+
+void refuseFault(const JsonValue& value, const std::string& fault)
+{
+    if (!fault.empty()) value.refuse(fault);
+}
+
+Ipv4Network networkOf(const JsonValue& value)
+{
+    Ipv4Network network;
+    refuseFault(value, readNetwork(std::string(value.text()), network));
+    const Ipv4Network base{network.base(), network.prefix};
+    if (!(base == network)) {
+        value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
+    }
+    return network;
+}
+
+std::uint16_t portOf(const JsonValue& value)
+{
+    return static_cast<std::uint16_t>(value.wholeNumber(1, 65535));
+}
+
+}  // namespace vpnoalctl
