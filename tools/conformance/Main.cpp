@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoalconform: tries what the four libraries of a platform promise to the plug-in. For whoever ports it to a device.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <string>
+
+#include "Report.h"
+#include "Trial.h"
+
+namespace {
+
+using namespace conformance;
+
+enum ExitCode { ExitConforms = 0, ExitBroken = 1, ExitUsage = 2, ExitFailed = 3 };
+
+constexpr char description[] =
+    "Tries what the four platform libraries promise in their headers, each promise in a process of its own.";
+constexpr char footer[] =
+    "\nWithout --interface nothing of the device's network is changed. With it, run this where that does no harm.\n"
+    "Exit codes: 0 no promise is broken; 1 some are; 2 wrong usage; 3 the system refused what this program needs.";
+
+// Header and library of each interface.
+constexpr const char* libraries[][2] = {{"VkLogLib.h", "libVkLogLib"},
+                                        {"VkNetConfigLib.h", "libVkNetConfigLib"},
+                                        {"powerd.h", "libpowerd"},
+                                        {"quorservice.h", "libquorservice"}};
+
+/// The library as the plug-in would have it: with the major version in its name, else without.
+std::string fileOf(const std::string& folder, const std::string& library)
+{
+    std::string versioned = library + ".so.0";
+    if (folder.empty()) return versioned;
+    const std::filesystem::path inFolder = std::filesystem::absolute(folder);
+    return std::filesystem::exists(inFolder / versioned) ? inFolder / versioned : inFolder / (library + ".so");
+}
+
+void tryAll(const Settings& settings, const std::string& only, Report& report)
+{
+    for (const Promises* promises : {&logPromises(), &requestPromises(), &networkPromises(), &powerPromises(),
+                                     &busPromises(), &servicePromises()}) {
+        for (const Promise& promise : *promises) {
+            const bool wanted = only == promise.header || std::string(promise.text).find(only) != std::string::npos;
+            if (wanted) report.add(promise, tryPromise(promise, settings));
+        }
+    }
+    report.finish();
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App app(description, "vpnoalconform");
+    Settings settings;
+    settings.serviceName = "com.vesk.conformance";
+    std::string folder;
+    std::string only;
+    bool json = false;
+    app.footer(footer);
+    app.set_version_flag("--version", "vpnoalconform " WFOAL_VERSION);
+    app.add_option("FOLDER", folder, "Where the libraries are; else where the loader looks")
+        ->check(CLI::ExistingDirectory);
+    for (const auto& [header, library] : libraries)
+        app.add_option(std::string("--") + library, settings.libraries[header], "File of this library");
+    app.add_option("--interface", settings.interfaceName,
+                   "An interface that may be configured, for example a tun device");
+    app.add_option("--service", settings.serviceName, "A bus name that this program may have")->capture_default_str();
+    app.add_option("--only", only, "Only the promises of this header, or with these words");
+    app.add_option("--seconds", settings.secondsAtMost, "How long one promise may take")->capture_default_str();
+    app.add_flag("--json", json, "Print JSON for machines");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? ExitConforms : ExitUsage;
+    }
+    for (const auto& [header, library] : libraries) {
+        if (settings.libraries[header].empty()) settings.libraries[header] = fileOf(folder, library);
+    }
+    Report report(json);
+    tryAll(settings, only, report);
+    return report.conforms() ? ExitConforms : ExitBroken;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        static_cast<void>(std::fprintf(stderr, "vpnoalconform: %s\n", error.what()));
+        return ExitFailed;
+    }
+}

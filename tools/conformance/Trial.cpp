@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Trial.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <system_error>
+
+#include "handles/UniqueFd.h"
+
+namespace conformance {
+
+namespace {
+
+// What the child tells: one letter for the result, then the reason. A memory file, which nobody has to read meanwhile.
+constexpr char letters[] = "obu";
+
+[[noreturn]] void beTheChild(const Promise& promise, const Settings& settings, int answer, int log)
+{
+    alarm(settings.secondsAtMost);
+    dup2(log, STDERR_FILENO);
+    // The host platform's way to have its log on stderr; others may heed it or not.
+    setenv("VKLOG_TARGET", "stderr", 1);
+    mallopt(M_PERTURB, 0xa5);  // memory that was given back does not look as if it were still there
+    std::string text(1, letters[0]);
+    try {
+        Platform platform(settings);
+        promise.check(platform);
+    } catch (const Broken& broken) {
+        text = letters[1] + broken.reason;
+    } catch (const Untestable& untestable) {
+        text = letters[2] + untestable.reason;
+    } catch (const std::exception& error) {
+        text = letters[1] + std::string(error.what());
+    }
+    const bool told = write(answer, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    _exit(told ? 0 : 1);
+}
+
+UniqueFd memoryFile(const char* name)
+{
+    UniqueFd file(memfd_create(name, MFD_CLOEXEC));
+    if (!file.valid()) throw std::system_error(errno, std::generic_category(), "memfd_create");
+    fcntl(file.get(), F_SETFL, O_APPEND);
+    return file;
+}
+
+std::string contentOf(const UniqueFd& file)
+{
+    std::string text(4096, '\0');
+    const ssize_t size = pread(file.get(), text.data(), text.size(), 0);
+    text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return text;
+}
+
+std::string endOf(int status, unsigned int secondsAtMost)
+{
+    if (!WIFSIGNALED(status)) return "ended the process with exit code " + std::to_string(WEXITSTATUS(status));
+    if (WTERMSIG(status) == SIGALRM) return "did not return within " + std::to_string(secondsAtMost) + " seconds";
+    return std::string("ended the process: ") + strsignal(WTERMSIG(status));
+}
+
+}  // namespace
+
+Verdict tryPromise(const Promise& promise, const Settings& settings)
+{
+    const UniqueFd answer = memoryFile("answer");
+    const UniqueFd log = memoryFile("log");
+    const pid_t child = fork();
+    if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    if (child == 0) beTheChild(promise, settings, answer.get(), log.get());
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    const std::string text = contentOf(answer);
+    if (status != 0 || text.empty()) return {Result::notOk, endOf(status, settings.secondsAtMost)};
+    return {static_cast<Result>(std::strchr(letters, text[0]) - letters), text.substr(1)};
+}
+
+}  // namespace conformance
