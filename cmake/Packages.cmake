@@ -67,14 +67,14 @@ This package holds the plug-in alone. It works on the libraries of
 libvpnwfoal-platform0, or on those of a device.")
 wfoal_package(Development libvpnwfoal-dev libdevel
     PACKAGE_DEPENDS "libvpnwfoal0 (= ${version}), libvpnwfoal-platform0 (= ${version})"
-    PACKAGE_MULTIARCH same
     DESCRIPTION "platform plug-in for VPN agents (development files)
 What the build of a VPN agent needs: the headers of the agent's interface, a
 CMake package and a pkg-config file. An agent that loads the plug-in while it
 runs links nothing.
 .
 The headers of the four interfaces that the plug-in needs of a platform are
-here too, for whoever ports it to a device.")
+here too, for whoever ports it to a device, and vpnoalconform, which tries
+what a platform's libraries promise.")
 wfoal_package(HostPlatform libvpnwfoal-platform0 libs
     PACKAGE_PROVIDES vpnwfoal-platform
     PACKAGE_RECOMMENDS "default-dbus-system-bus | dbus-system-bus, systemd-resolved | resolvconf"

@@ -16,6 +16,13 @@ run() {
 cp -r "$source/examples" "$work/examples"
 run cmake -S "$source/examples/platform" -B "$work/platform" -G Ninja
 run cmake --build "$work/platform"
+# What the example leaves to a port is found, and nothing else.
+"$isolate" "$build/bin/vpnoalconform" "$work/platform" > "$work/promises" && { echo 'found nothing'; exit 1; }
+diff <(sed -n 's/^not ok *\([^:]*\):.*/\1/p' "$work/promises") - << 'END' || exit 1
+VkNetConfigLib.h a malformed interface request is refused
+VkNetConfigLib.h a malformed firewall request is refused
+VkNetConfigLib.h one line of the log names the key at fault
+END
 run cmake -S "$source" -B "$work/device" -G Ninja -DWFOAL_PLATFORM=external -DCMAKE_LIBRARY_PATH="$work/platform" \
     -DWFOAL_TESTS=OFF -DWFOAL_WERROR=ON -DCMAKE_BUILD_TYPE=Debug
 run cmake --build "$work/device" --target VpnWfOal
