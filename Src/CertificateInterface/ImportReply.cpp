@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ImportReply.h"
 
+#include <condition_variable>
+#include <mutex>
+
 #include "Assertion.h"
 #include "Log.h"
 
 namespace wfoal {
 
-gint64 importReplyTimeout = 120 * G_TIME_SPAN_SECOND;
+std::chrono::milliseconds importReplyTimeout = std::chrono::minutes(2);
 
 namespace {
 
-GMutex sImportCertOpMutex;
-GCond sImportCertOpCond;
+std::mutex sImportCertOpMutex;
+std::condition_variable sImportCertOpCond;
 
 // All guarded by the mutex. 0 is no import.
 std::size_t sLastNumber = 0;
@@ -19,19 +22,11 @@ std::size_t sWaitingNumber = 0;
 bool sHasReply = false;
 JsonPtr sReply;
 
-class Lock {
-public:
-    Lock() { g_mutex_lock(&sImportCertOpMutex); }
-    ~Lock() { g_mutex_unlock(&sImportCertOpMutex); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-};
-
 }  // namespace
 
 ImportReply::ImportReply()
 {
-    const Lock lock;
+    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
     mNumber = ++sLastNumber;
     sWaitingNumber = mNumber;
     sHasReply = false;
@@ -40,7 +35,7 @@ ImportReply::ImportReply()
 
 ImportReply::~ImportReply()
 {
-    const Lock lock;
+    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
     if (sWaitingNumber == mNumber) sWaitingNumber = 0;
 }
 
@@ -51,11 +46,8 @@ void* ImportReply::context() const
 
 JsonPtr ImportReply::wait()
 {
-    const Lock lock;
-    const gint64 end = g_get_monotonic_time() + importReplyTimeout;
-    while (!sHasReply && sWaitingNumber == mNumber) {
-        if (!g_cond_wait_until(&sImportCertOpCond, &sImportCertOpMutex, end)) break;
-    }
+    std::unique_lock<std::mutex> lock(sImportCertOpMutex);
+    sImportCertOpCond.wait_for(lock, importReplyTimeout, [this] { return sHasReply || sWaitingNumber != mNumber; });
     if (sWaitingNumber != mNumber) return nullptr;
     sWaitingNumber = 0;
     return std::move(sReply);
@@ -64,11 +56,11 @@ JsonPtr ImportReply::wait()
 static void storeReply(std::size_t number, const char* payload)
 {
     JsonPtr reply(json_tokener_parse(payload));
-    const Lock lock;
+    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
     if (number == 0 || number != sWaitingNumber || sHasReply) return;
     sReply = std::move(reply);
     sHasReply = true;
-    g_cond_broadcast(&sImportCertOpCond);
+    sImportCertOpCond.notify_all();
 }
 
 }  // namespace wfoal

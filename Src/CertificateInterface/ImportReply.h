@@ -6,15 +6,16 @@
 #ifndef WFOAL_IMPORTREPLY_H
 #define WFOAL_IMPORTREPLY_H
 
-#include <glib.h>
+#include <chrono>
+#include <cstddef>
 
 #include "handles/Json.h"
 #include "quorservice.h"
 
 namespace wfoal {
 
-/// How long an import waits, in microseconds. Longer than the bus takes to answer for a service that does not.
-extern gint64 importReplyTimeout;
+/// How long an import waits.
+extern std::chrono::milliseconds importReplyTimeout;
 
 /// The wait of one import. Made, used and destroyed on the agent's thread.
 class ImportReply {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the sanitizers are not to report, in every test executable; each with its reason.
+// What the thread sanitizer is not to report, in every test executable; each with its reason.
 
 // GLib and sd-bus are not built with the thread sanitizer, which does not see their locks. A bind is not ordered with
 // the event thread's look at the bound name, on purpose; the tests' own function is the nearest one that the report

@@ -51,7 +51,7 @@ protected:
     }
     void TearDown() override
     {
-        wfoal::importReplyTimeout = 120 * G_TIME_SPAN_SECOND;
+        wfoal::importReplyTimeout = std::chrono::minutes(2);
         mInterface.DisposeClientCertHandle(mHandle);
     }
 
@@ -156,7 +156,7 @@ TEST_F(Pkcs12ImportTest, SendThatFailsEndsTheImportAtOnce)
 
 TEST_F(Pkcs12ImportTest, SilenceEndsTheWaitAndALateReplyTouchesNothing)
 {
-    wfoal::importReplyTimeout = 20 * G_TIME_SPAN_MILLISECOND;
+    wfoal::importReplyTimeout = std::chrono::milliseconds(20);
     EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
     EXPECT_THAT(fakes::logLines(3), Contains(error("Error getting response for certificate install")));
     const fakes::BusCall late = fakes::bus().calls[0];
@@ -169,7 +169,7 @@ TEST_F(Pkcs12ImportTest, SilenceEndsTheWaitAndALateReplyTouchesNothing)
 
 TEST_F(Pkcs12ImportTest, LateReplyDoesNotAnswerTheNextImport)
 {
-    wfoal::importReplyTimeout = 20 * G_TIME_SPAN_MILLISECOND;
+    wfoal::importReplyTimeout = std::chrono::milliseconds(20);
     EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
     const fakes::BusCall late = fakes::bus().calls[0];
     fakes::bus() = fakes::BusState{};
