@@ -2,7 +2,9 @@
 //
 // Importing a PKCS#12 bundle, with a certificate manager that answers as each test says.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -38,6 +40,28 @@ struct JoinAtEnd {
     {
         if (thread.joinable()) thread.join();
     }
+};
+
+// As on a full disk: files can be made, but nothing written into them.
+class NoFileGrows {
+public:
+    NoFileGrows() : mSignalHandler(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        getrlimit(RLIMIT_FSIZE, &mBefore);
+        const rlimit none{0, mBefore.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~NoFileGrows()
+    {
+        setrlimit(RLIMIT_FSIZE, &mBefore);
+        std::signal(SIGXFSZ, mSignalHandler);
+    }
+    NoFileGrows(const NoFileGrows&) = delete;
+    NoFileGrows& operator=(const NoFileGrows&) = delete;
+
+private:
+    void (*mSignalHandler)(int);
+    rlimit mBefore{};
 };
 
 class Pkcs12ImportTest : public testing::Test {
@@ -208,9 +232,10 @@ TEST_F(Pkcs12ImportTest, StagingFileThatCannotBeOpened)
 
 TEST_F(Pkcs12ImportTest, StagingFileThatCannotBeWritten)
 {
-    std::filesystem::create_directories("/tmp/vpncerts");
-    std::filesystem::create_symlink("/dev/full", stagingFile);
-    EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
+    {
+        const NoFileGrows limit;
+        EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
+    }
     ASSERT_EQ(1u, fakes::logLines(3).size());
     EXPECT_THAT(fakes::logLines(3)[0].text, testing::StartsWith("saveCertFile: Error Writing Certificate File: "));
 }
