@@ -8,6 +8,14 @@ if(EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE AND NOT CMAKE_CROSS
 endif()
 include(GNUInstallDirs)
 
+# Stores the path that a script of the installation has for a FOLDER below the prefix, or for an absolute one.
+function(wfoal_installed_path folder variable)
+    if(NOT IS_ABSOLUTE "${folder}")
+        set(folder "\${CMAKE_INSTALL_PREFIX}/${folder}")
+    endif()
+    set(${variable} "${folder}" PARENT_SCOPE)
+endfunction()
+
 # wfoal_find_installed_libraries(TARGET FOLDER COMPONENT): TARGET, installed into CMAKE_INSTALL_<FOLDER> as part of
 # COMPONENT by an install() before, looks for this project's libraries where they are relative to itself. Below /usr the
 # loader knows the place, and no path of its own is left in the file. file(RPATH_REMOVE) is what CMake's own installation
@@ -15,8 +23,9 @@ include(GNUInstallDirs)
 function(wfoal_find_installed_libraries target folder component)
     file(RELATIVE_PATH way ${CMAKE_INSTALL_FULL_${folder}} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "\$ORIGIN/${way}")
+    wfoal_installed_path("${CMAKE_INSTALL_${folder}}" installed)
     install(CODE "
         if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
-            file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}/usr/${CMAKE_INSTALL_${folder}}/$<TARGET_FILE_NAME:${target}>\")
+            file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}${installed}/$<TARGET_FILE_NAME:${target}>\")
         endif()" COMPONENT ${component})
 endfunction()

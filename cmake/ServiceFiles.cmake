@@ -9,9 +9,11 @@ set(WFOAL_DBUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1 CACHE STRING "Where D-Bus pol
 # Installs a file that names the program. Where the program is, is known when the prefix is: as it is installed.
 function(wfoal_install_naming_program program source folder name)
     install(FILES ${source} DESTINATION ${folder} RENAME ${name} COMPONENT Services)
+    wfoal_installed_path("${CMAKE_INSTALL_LIBEXECDIR}" programs)
+    wfoal_installed_path("${folder}" installed)
     install(CODE "
-        set(WFOAL_SERVICE_PROGRAM \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR}/${program}\")
-        set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/${name}\")
+        set(WFOAL_SERVICE_PROGRAM \"${programs}/${program}\")
+        set(installed \"\$ENV{DESTDIR}${installed}/${name}\")
         file(READ \"\${installed}\" text)
         string(CONFIGURE \"\${text}\" text @ONLY)
         file(WRITE \"\${installed}\" \"\${text}\")" COMPONENT Services)

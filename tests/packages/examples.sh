@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # In the root "devel": a newcomer's way. The packages are installed; the example agent is built with nothing but
-# libvpnwfoal-dev and brings up a tunnel, which the kernel and systemd-resolved confirm. Then the example platform is
+# libvpnwfoal-dev, lists a certificate that vpnoalctl imported, and brings up a tunnel, which the kernel and
+# systemd-resolved confirm. Then the example platform is
 # built in the same way, and the same agent and the same installed plug-in run on it instead.
 set -euo pipefail
 # shellcheck source=checks.sh
@@ -10,6 +11,12 @@ set -euo pipefail
 
 runs_agent() {
     VKLOG_TARGET=stderr "$@" /tmp/agent/example-agent 1
+}
+
+make_certificate() {
+    echo secret >/tmp/password
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout /tmp/user.key -out /tmp/user.crt -subj /CN=user &&
+        openssl pkcs12 -export -in /tmp/user.crt -inkey /tmp/user.key -passout file:/tmp/password -out /tmp/user.p12
 }
 
 # The tunnel as others see it, while the agent holds it.
@@ -45,6 +52,9 @@ check_says 'pkg-config knows the plug-in' '-lVpnWfOal' pkg-config --libs libVpnW
 start_network
 start_bus
 start_resolved
+make_certificate >/dev/null 2>&1 || failed 'there is a certificate to import'
+check 'a certificate is imported' vpnoalctl certs import --password-file /tmp/password /tmp/user.p12
+check_says 'the agent lists it' 'client certificates: 1' runs_agent env
 check_says 'the agent brings up a tunnel and takes it down' 'restored' runs_agent env
 look_at_tunnel
 check_says 'the kernel has its route' '10.20.0.0/16 via 10.8.0.1' cat /tmp/tunnel

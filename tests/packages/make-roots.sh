@@ -4,14 +4,14 @@
 # make-roots.sh ROOTS PACKAGES: makes two root file systems of this machine's Debian release below the folder ROOTS, for
 # the packages in PACKAGES to be installed in:
 #
-#   runtime   a minimal system by debootstrap, what the packages depend on, and a resolver; without the packages
+#   runtime   a minimal system by debootstrap, what the packages depend on, a resolver and openssl; without the packages
 #   devel     the same, and what the examples need to be built
 #
 # Roots that are there already are kept while the packages depend on the same. Archive and proxy are those of the
 # machine's apt. Exits with 77 where it cannot work.
 set -euo pipefail
 roots=$1 packages=$2
-extra=(systemd-resolved)
+extra=(openssl systemd-resolved)
 build_tools=(cmake g++ libjson-c-dev make pkg-config)
 
 cannot() {
