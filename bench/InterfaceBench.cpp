@@ -103,21 +103,21 @@ public:
     }
 
 private:
-    static constexpr std::size_t chunk = 64 * 1024;
+    static constexpr std::size_t chunk = std::size_t{64} * 1024;
 
     void send(std::uint16_t type, std::uint16_t flags)
     {
         std::size_t used = 0;
         nlmsghdr* last = nullptr;
         for (const in_addr_t target : mDestinations) {
-            if (used + 256 > chunk) {
+            if (last != nullptr && used + 256 > chunk) {
                 flush(used, last);
                 used = 0;
             }
             last = put(mBuffer.data() + used, type, flags, target);
             used += MNL_ALIGN(last->nlmsg_len);
         }
-        flush(used, last);
+        if (last != nullptr) flush(used, last);
     }
 
     nlmsghdr* put(char* place, std::uint16_t type, std::uint16_t flags, in_addr_t target)

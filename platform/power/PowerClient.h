@@ -25,7 +25,7 @@ struct Callbacks {
     std::atomic<PowerdCallback> prepareSuspend{nullptr};
 };
 
-class PowerClient : public std::enable_shared_from_this<PowerClient>, private hostbus::BusListener {
+class PowerClient final : public std::enable_shared_from_this<PowerClient>, private hostbus::BusListener {
 public:
     explicit PowerClient(GMainLoop* loop);
 

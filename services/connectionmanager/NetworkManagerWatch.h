@@ -14,7 +14,8 @@
 
 namespace conman {
 
-class NetworkManagerWatch : public std::enable_shared_from_this<NetworkManagerWatch>, private hostbus::BusListener {
+class NetworkManagerWatch final : public std::enable_shared_from_this<NetworkManagerWatch>,
+                                  private hostbus::BusListener {
 public:
     /// `onChange` is called on the context's thread.
     explicit NetworkManagerWatch(std::function<void()> onChange);

@@ -28,7 +28,6 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 using testsupport::ChildProcess;
 using testsupport::Daemon;
 using testsupport::LoadedPlugin;

@@ -53,7 +53,7 @@ std::uint32_t metricOf(json_object* route)
     if (!json_object_object_get_ex(route, "metrics", &metrics)) return 0;
     json_object* first = json_object_array_get_idx(metrics, 0);
     const bool hasMtu = json_object_object_get_ex(first, "mtu", nullptr);
-    return (hasMtu ? RTAX_MTU : RTAX_WINDOW) << 16 | 8;
+    return static_cast<std::uint32_t>(hasMtu ? RTAX_MTU : RTAX_WINDOW) << 16 | 8U;
 }
 
 RouteInfo fromJson(json_object* object)

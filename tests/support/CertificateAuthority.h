@@ -19,7 +19,7 @@ struct CertificateOptions {
     bool isCa = false;
     std::string extendedKeyUsage = "serverAuth";  // empty: none
     long notBefore = -3600;
-    long notAfter = 24 * 3600;
+    long notAfter = 24L * 3600;
 };
 
 /// A certificate and its key.

@@ -21,7 +21,7 @@
 
 namespace testsupport {
 
-class FakeLogind : private hostbus::BusListener {
+class FakeLogind final : private hostbus::BusListener {
 public:
     FakeLogind()
     {
