@@ -46,7 +46,7 @@ SdBusPtr openBus(std::string& fault)
 
 std::string pingFault(sd_bus* bus, const char* service, const char* path)
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     const int result =
         sd_bus_call_method(bus, service, path, "org.freedesktop.DBus.Peer", "Ping", &error, nullptr, nullptr);
     std::string fault;
