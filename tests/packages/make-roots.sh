@@ -49,11 +49,19 @@ signature=$({ cat "${BASH_SOURCE[0]}"; echo "$VERSION_CODENAME"; depends; } | sh
 [ "$(cat "$roots/.complete" 2>/dev/null)" != "$signature" ] || exit 0
 rm -rf "$roots/.complete" "$roots/runtime" "$roots/devel" "$roots/archives" "$roots/apt"
 
-mirror=$(apt-get indextargets --format "\$(RELEASE) \$(REPO_URI)" 'Created-By: Packages' |
-    awk -v release="$VERSION_CODENAME" '$1 == release { print $2; exit }')
-[ -n "$mirror" ] || cannot "apt knows no archive of $VERSION_CODENAME"
-eval "$(apt-config shell proxy Acquire::http::Proxy)"
-[ -z "${proxy:-}" ] || export http_proxy=$proxy
+# The machine's lists of packages may be absent or too old for its archive: then lists of our own are fetched.
+lists=()
+use_own_lists() {
+    [ ${#lists[@]} -eq 0 ] || return 1
+    mkdir -p "$roots/apt/lists/partial"
+    lists=(-o Dir::State::Lists="$roots/apt/lists" -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache=)
+    apt-get -q "${lists[@]}" update >>"$roots/log" 2>&1
+}
+
+archive() {
+    apt-get "${lists[@]}" indextargets --format "\$(RELEASE) \$(REPO_URI)" 'Created-By: Packages' |
+        awk -v release="$VERSION_CODENAME" '$1 == release && !found++ { print $2 }'
+}
 
 # The machine's apt, looking at another system.
 apt_for() {
@@ -62,12 +70,6 @@ apt_for() {
     apt-get -q -y --no-install-recommends -o Debug::NoLocking=1 -o APT::Sandbox::User= "${lists[@]}" \
         -o Dir::State::status="$root/var/lib/dpkg/status" -o Dir::State::extended_states=/dev/null \
         -o Dir::Cache::archives="$roots/archives" "$@" >>"$roots/log" 2>&1
-}
-lists=()
-use_own_lists() {
-    mkdir -p "$roots/apt/lists/partial"
-    lists=(-o Dir::State::Lists="$roots/apt/lists" -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache=)
-    apt-get -q "${lists[@]}" update >>"$roots/log" 2>&1
 }
 download() {
     rm -rf "$roots/archives"
@@ -87,7 +89,7 @@ in_root() {
 # Installs with dpkg alone what apt has downloaded for it.
 add() {
     local root=$1
-    download "$@" || { [ ${#lists[@]} -eq 0 ] && use_own_lists && download "$@"; } || offline
+    download "$@" || { use_own_lists && download "$@"; } || offline
     mkdir "$root/archives"
     # Those that must find others already configured take a second run.
     # shellcheck disable=SC2016  # for the shell in the root
@@ -97,6 +99,11 @@ add() {
 }
 
 : >"$roots/log"
+eval "$(apt-config shell proxy Acquire::http::Proxy)"
+[ -z "${proxy:-}" ] || export http_proxy=$proxy
+mirror=$(archive)
+[ -n "$mirror" ] || { use_own_lists && mirror=$(archive); } || offline
+[ -n "$mirror" ] || cannot "apt knows no archive of $VERSION_CODENAME"
 debootstrap --variant=minbase "$VERSION_CODENAME" "$roots/runtime" "$mirror" >>"$roots/log" 2>&1 || offline
 rm -rf "$roots"/runtime/var/cache/apt/archives/*.deb "$roots"/runtime/var/lib/apt/lists/*
 add "$roots/runtime" "${extra[@]}" "$packages"/*.deb
