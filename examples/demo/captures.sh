@@ -46,9 +46,11 @@ start_capture_of_ends() {
     run_capture capture-ends wifi -tt "$connection_ends"
 }
 
-# leak INTERFACE: the positive control. A ping that goes out beside the tunnel, as nothing else may.
+# leak INTERFACE: the positive control. A ping that goes out beside the tunnel, as nothing else may, and of a length that
+# nothing else has: $leak_length with its header.
 leak() {
-    ping -n -q -c 1 -W 1 -I "$1" -p 1ea4 10.20.0.80 >/dev/null 2>&1 || true
+    leak_length=$((900 + RANDOM % 400))
+    ping -n -q -c 1 -W 1 -I "$1" -s $((leak_length - 8)) 10.20.0.80 >/dev/null 2>&1 || true
 }
 
 # Packets that an access network has seen: tcpdump's own lines have no arrow.
@@ -68,7 +70,7 @@ leaks_seen() {
         interface=eth0
         [ $network = wifi ] || interface=rmnet0
         leak $interface
-        $in_user_namespace || wait_for_line "capture-$network" '10\.20\.0\.80: ICMP echo request' 5 ||
+        $in_user_namespace || wait_for_line "capture-$network" "10\.20\.0\.80: ICMP echo request.* length $leak_length\$" 5 ||
             { echo "$network: the leak was not seen"; return; }
         [ "$(seen_on $network)" = 1 ] || { echo "$network has seen $(seen_on $network) packets"; return; }
     done

@@ -27,7 +27,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 using testsupport::ChildProcess;
 using testsupport::CommandResult;
 using testsupport::Daemon;

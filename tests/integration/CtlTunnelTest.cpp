@@ -283,6 +283,15 @@ TEST_F(CtlTunnelTest, BadProfilesChangeNothing)
     expectStateAsBefore();
 }
 
+TEST_F(CtlTunnelTest, TrustInAGatewayNeedsOne)
+{
+    writeProfile(goodProfile);
+    const CommandResult result = run({"connect", profile, "--accept-prompt"});
+    EXPECT_EQ(2, result.status);
+    EXPECT_THAT(result.output, StartsWith("vpnoalctl: --accept-prompt: the profile has no gateway"));
+    expectStateAsBefore();
+}
+
 TEST_F(CtlTunnelTest, OneMebibyteOfTextChangesNothing)
 {
     writeProfile(R"({"tunnel":{"address":")" + std::string(1 << 20, '1') + R"(","peer":"10.8.0.1"}})");

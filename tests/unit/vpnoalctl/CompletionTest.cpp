@@ -12,7 +12,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 using testsupport::runCommand;
 
 // The last word, which may be empty, is completed.

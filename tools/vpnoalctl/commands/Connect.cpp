@@ -79,6 +79,9 @@ int holdTunnel(Context& context, const Profile& profile, const std::string& comm
 int connect(Context& context, const Options& options)
 {
     const Profile profile = loadProfile(options.profile);
+    if (!profile.gateway && options.agent.acceptPrompt) {
+        throw badInput("--accept-prompt", "the profile has no gateway", "leave it out, or name one");
+    }
     if (!profile.gateway) return holdTunnel(context, profile, options.agent.command);
     return Agent(context, profile, options.agent).run();
 }
