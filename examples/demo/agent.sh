@@ -53,8 +53,13 @@ is_inhibited() {
 
 # Whatever happens to the tunnel's addresses and routes, from now on.
 watch_configuration() {
+    local attempt
     run_beside changes ip monitor route address
-    until reach_mark 1; do :; done
+    # It does not say when it listens.
+    for attempt in {1..20}; do
+        reach_mark 1 && return
+    done
+    failed 'the watcher of changes' 'ip monitor sees a change' "nothing in $attempt attempts"
 }
 
 # reach_mark SECONDS: a change of our own shows that all before it was seen. No two marks are alike.

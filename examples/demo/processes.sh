@@ -54,10 +54,13 @@ stop_beside() {
     exec {descriptor}<&-
 }
 
-# Waits for the end of a program that ends by itself; its last lines are kept.
+# Waits for the end of a program that is to end; its last lines are kept. What does not end is killed.
 wait_beside() {
-    local line
-    while IFS= read -r -t 20 -u "${line_descriptors[$1]}" line; do printf '%s\n' "$line" >>"$logs/$1.log"; done
+    local line status=0
+    while IFS= read -r -t 20 -u "${line_descriptors[$1]}" line || { status=$? && false; }; do
+        printf '%s\n' "$line" >>"$logs/$1.log"
+    done
+    [ $status -le 128 ] || kill -KILL "${process_ids[$1]}" 2>/dev/null || true
     ended_with=0
     { wait "${process_ids[$1]}" || ended_with=$?; } 2>/dev/null
     unset "process_ids[$1]" "line_descriptors[$1]"

@@ -18,7 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <list>
-#include <optional>
+#include <memory>
 #include <vector>
 
 #include "ClientSession.h"
@@ -86,8 +86,8 @@ public:
         : mContext(serverContext(files)), mListener(listenOn(profile.gateway->port))
     {
         if (!withDevice) return;
-        mDevice.emplace(mirrored(profile.tunnel));
-        mCarrier.emplace(mDevice->descriptor());
+        mDevice = std::make_unique<TunDevice>(mirrored(profile.tunnel));
+        mCarrier = std::make_unique<PacketCarrier>(mDevice->descriptor());
     }
 
     void run()
@@ -171,8 +171,8 @@ private:
     Signals mSignals;
     SslCtxPtr mContext;
     UniqueFd mListener;
-    std::optional<TunDevice> mDevice;
-    std::optional<PacketCarrier> mCarrier;
+    std::unique_ptr<TunDevice> mDevice;
+    std::unique_ptr<PacketCarrier> mCarrier;
     std::list<ClientSession> mStrangers;  // still shaking hands
     std::list<ClientSession> mProved;     // the one client
     ClientSession* mClient = nullptr;

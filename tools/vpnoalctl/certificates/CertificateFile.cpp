@@ -14,7 +14,7 @@ namespace vpnoalctl {
 
 namespace {
 
-constexpr std::size_t largestCertificateFile = 1024 * 1024;
+constexpr std::size_t largestCertificateFile = std::size_t{1} << 20;
 
 std::string textOf(BIO* bio)
 {

@@ -14,7 +14,7 @@ namespace vpnoalctl {
 
 namespace {
 
-constexpr std::size_t largestBundle = 1024 * 1024;
+constexpr std::size_t largestBundle = std::size_t{1} << 20;
 
 struct Options {
     std::string bundle;

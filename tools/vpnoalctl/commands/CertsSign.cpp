@@ -19,7 +19,7 @@ namespace vpnoalctl {
 
 namespace {
 
-constexpr std::size_t largestMessage = 64 * 1024 * 1024;
+constexpr std::size_t largestMessage = std::size_t{64} << 20;
 
 struct Options {
     std::string choice;

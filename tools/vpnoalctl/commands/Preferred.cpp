@@ -88,6 +88,7 @@ int showPreferred(Context& context, bool withReasons)
     if (withReasons) {
         const std::vector<RouteInfo> routes = kernelRoutes();
         std::vector<const RouteInfo*> pointers;
+        pointers.reserve(routes.size());
         for (const RouteInfo& route : routes)
             pointers.push_back(&route);
         const auto choice = wfoal::chooseInterface(pointers.data(), pointers.size(), interfaceName);

@@ -175,9 +175,10 @@ void Agent::tryAgain()
     }
 }
 
+// Called while the error is handled.
 void Agent::retryLater(const CommandError& error)
 {
-    if (error.exitCode() != ExitFailed) throw error;
+    if (error.exitCode() != ExitFailed) throw;
     if (Clock::now() >= mGiveUp) {
         throw CommandError("gateway",
                            fmt::format("lost for {} seconds, everything is restored", mOptions.giveUpSeconds),

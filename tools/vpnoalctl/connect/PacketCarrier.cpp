@@ -12,7 +12,7 @@ namespace vpnoalctl {
 namespace {
 
 // More is not taken from the device while the stream does not take it.
-constexpr std::size_t mostOutgoing = 256 * 1024;
+constexpr std::size_t mostOutgoing = std::size_t{256} << 10;
 
 }  // namespace
 

@@ -9,7 +9,7 @@ namespace vpnoalctl {
 
 int millisecondsUntil(Waiter::Clock::time_point deadline)
 {
-    constexpr std::int64_t longest = 3600 * 1000;
+    constexpr std::int64_t longest = std::int64_t{3600} * 1000;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Waiter::Clock::now()).count();
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, longest));
 }

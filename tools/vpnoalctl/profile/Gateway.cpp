@@ -20,7 +20,7 @@ constexpr std::size_t longestText = 4096;
 
 std::string nonEmptyText(const JsonValue& value)
 {
-    const std::string text(value.text());
+    std::string text(value.text());
     if (text.empty()) value.refuse("must not be empty");
     if (text.size() > longestText) value.refuse("is longer than 4096 bytes");
     return text;
