@@ -86,7 +86,7 @@ says 'offered: com.norva.wayfold.kest.system' 'outer socket bound to eth0' 'gate
 ip link delete norvatun0
 
 # The documentation's own commands, each as it stands there, in a folder that looks like the source tree.
-ln -s "$source/examples" "$source/platform" .
+ln -s "$source/examples" "$source/platform" "$source/tests" "$source/docs" .
 cp client.p12 /tmp/
 count=0
 while read -r status command <&3; do
