@@ -4,7 +4,7 @@
 
 Commands are the lines of indented blocks and of blocks marked "sh", without prompt and comment. commands.txt says of
 each who runs it; a command that it does not know, one that no document shows any more, or a test that does not hold
-what it should, is an error. --run prints those that this test runs itself, "EXIT_STATUS COMMAND".
+what it should, is an error. --run prints those that this test runs itself, "EXIT_STATUS COMMAND"; --mentioned what running text says that can be called.
 
     FILE: COMMAND
         run [EXIT_STATUS]          in the private network of run-commands.sh
@@ -45,6 +45,17 @@ def shown(root):
                 yield document.relative_to(root).as_posix(), command
 
 
+def mentioned(root):
+    """What running text says that can be called: "PROGRAM [SUBCOMMAND...] [--OPTION...]"."""
+    for name in DOCUMENTS:
+        path = root / name
+        for document in path.glob("*.md") if path.is_dir() else [path]:
+            for call in re.findall(r"`((?:vpnoalctl|vpnoalconform)(?: [^`|]*)?)`", document.read_text(encoding="utf-8")):
+                words = call.split()
+                below = [w for w in words[1:3] if re.fullmatch("[a-z]+", w)]
+                yield " ".join(words[:1] + below + [w for w in words if re.fullmatch("--[a-z-]+", w)])
+
+
 def table(root):
     entries, key = {}, None
     for line in (root / "tests/docs/commands.txt").read_text(encoding="utf-8").splitlines():
@@ -83,6 +94,9 @@ def main():
             match = re.fullmatch(r"run ?(\d*)", entries.get(key) or "")
             if match:
                 print(match.group(1) or "0", key[1])
+        return 0
+    if "--mentioned" in sys.argv:
+        print("\n".join(sorted(mentioned(root))))
         return 0
     failed = 0
     for key in commands:

@@ -58,9 +58,20 @@ def missingFunctions(root):
             yield "docs/porting.md does not tell of " + header.name
 
 
+def documents(root):
+    return [*root.glob("*.md"), *(root / "docs").glob("*.md"), root / "Src/README.md"]
+
+
+def missingFiles(root):
+    folders = {path.name for path in root.iterdir() if path.is_dir()} - {"build"}
+    for document in documents(root):
+        for word in re.findall(r"`\.?/?([\w.-]+/[\w./-]+|\w+\.sh)(?= |`)", document.read_text(encoding="utf-8")):
+            if word.split("/")[0] in folders | {word} and not (root / word).exists():
+                yield "%s tells of %s, which is not there" % (document.relative_to(root), word)
+
+
 def brokenLinks(root):
-    documents = [*root.glob("*.md"), *(root / "docs").glob("*.md"), root / "Src/README.md"]
-    for document in documents:
+    for document in documents(root):
         for target in re.findall(r"\]\(([^)#]+?)(?:#[^)]*)?\)", document.read_text(encoding="utf-8")):
             if "://" not in target and not (document.parent / target).exists():
                 yield "%s links to %s, which is not there" % (document.relative_to(root), target)
@@ -68,7 +79,8 @@ def brokenLinks(root):
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    faults = [fault for check in (missingOperations, missingCodes, missingMethods, missingFunctions, brokenLinks)
+    faults = [fault for check in (missingOperations, missingCodes, missingMethods, missingFunctions, missingFiles,
+                                brokenLinks)
               for fault in check(root)]
     print("\n".join(faults))
     return 1 if faults else 0

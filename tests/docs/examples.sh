@@ -32,6 +32,7 @@ for document in README docs/agent-guide; do
     "${CXX:-c++}" -std=c++17 -O1 -Wall -Wextra -Werror -DOPENSSL_SUPPRESS_DEPRECATED "${flags[@]}" "$program.cpp" -o "$program" -lcrypto
 done
 "$here/commands.py" "$source" --run >"$work/commands"
+"$here/commands.py" "$source" --mentioned >"$work/mentioned"
 cp "$work/README.cpp" "$work/place/agent.cpp"
 
 export PATH=$work/bin:$work/prefix/bin:$PATH LD_LIBRARY_PATH=$library WFOAL_DAEMONS_DIR=$source/build/daemons

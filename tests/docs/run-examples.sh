@@ -95,4 +95,20 @@ while read -r status command <&3; do
     [ "$result" = "$status" ] || { cat "$work/output"; fail "'$command' ended with $result, not $status"; }
     count=$((count + 1))
 done 3<"$work/commands"
+# What the text only mentions is there: the command, and each of its options.
+mentioned=0
+while read -r call <&3; do
+    read -ra words <<<"$call"
+    command=() options=()
+    for word in "${words[@]}"; do
+        case $word in --*) options+=("$word") ;; *) command+=("$word") ;; esac
+    done
+    "${command[@]}" --help >"$work/output" 2>&1 || fail "there is no '${command[*]}'"
+    for option in "${options[@]}"; do
+        grep -q -- "$option" "$work/output" || fail "'${command[*]}' has no option $option"
+    done
+    mentioned=$((mentioned + 1))
+done 3<"$work/mentioned"
+[ $mentioned -ge 10 ] || fail "only $mentioned commands are mentioned"
+
 echo "the first agent, the agent guide and $count commands ran"
