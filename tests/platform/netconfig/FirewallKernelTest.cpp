@@ -28,7 +28,6 @@
 #include "handles/UniqueFd.h"
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
