@@ -451,6 +451,7 @@ TEST_F(ConnectEventsTest, LostWiFiIsReplacedByCellularAndTakenAgainWhenItIsBack)
     shell("ip link set eth0 down");
     ASSERT_TRUE(agent.awaitEvent("network-changed")) << agent.output;
     ASSERT_TRUE(agent.awaitEvent("connected")) << agent.output;
+    EXPECT_THAT(agent.output, HasSubstr("\"reason\":\"the physical network changed\""));
     EXPECT_THAT(outerConnection(), HasSubstr("203.0.113.10%rmnet0:"));
     expectPing();
     wifiOn();
