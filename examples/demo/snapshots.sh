@@ -12,16 +12,25 @@ snapshot_of() {
     esac
 }
 
+# The kernel finds out in its own time that the other end of a link is up.
+links_are_settled() { ! ip link show up | grep -q 'NO-CARRIER\|state DOWN'; }
+
+settle() {
+    wait_until links_are_settled || failed 'the links' 'every link that is up has its carrier' "$(ip link show up)"
+}
+
 declare -A state_before=()
 
 take_snapshot() {
     local tool
+    settle
     for tool in ip nft resolvectl; do state_before[$tool]=$(snapshot_of $tool); done
 }
 
 # compare_snapshot STEP
 compare_snapshot() {
     local tool now
+    settle
     for tool in ip nft resolvectl; do
         now=$(snapshot_of $tool)
         [ "$now" = "${state_before[$tool]}" ] ||

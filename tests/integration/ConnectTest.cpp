@@ -60,7 +60,7 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (std::chrono::steady_clock::now() < deadline) {
             pollfd watched{mReader.get(), POLLIN, 0};
-            if (poll(&watched, 1, 20000) != 1) return false;
+            if (poll(&watched, 1, 1000) != 1) continue;
             char character = 0;
             if (read(mReader.get(), &character, 1) != 1) return false;
             output += character;
@@ -85,7 +85,11 @@ public:
     int wait()
     {
         await("a text that nobody prints");
-        return mProcess->wait();
+        pollfd watched{mProcess->endDescriptor(), POLLIN, 0};
+        if (poll(&watched, 1, 20000) == 1) return mProcess->wait();
+        ADD_FAILURE() << "it does not end: " << output;
+        mProcess->stop();
+        return -1;
     }
     void sendSignal(int signal) const { mProcess->sendSignal(signal); }
 
@@ -191,9 +195,10 @@ protected:
         words.insert(words.end(), options.begin(), options.end());
         return words;
     }
+    /// For what is to end by itself: 124 when it does not.
     static CommandResult run(const std::vector<std::string>& options = {})
     {
-        std::vector<std::string> words{"sh", "-c", "exec \"$@\" </dev/null", "sh"};
+        std::vector<std::string> words{"sh", "-c", "exec timeout 30 \"$@\" </dev/null", "sh"};
         const std::vector<std::string> rest = command(options);
         words.insert(words.end(), rest.begin(), rest.end());
         return runCommand(words);
