@@ -4,7 +4,7 @@
 # run.sh [BUILD-FOLDER] [STEM...]: runs the benchmarks and prints their tables. Exits with 1 when a ratio is over its
 # limit. Each runs in private namespaces of its own.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 build=${1:-build/release}
 shift || true
 status=0

@@ -29,13 +29,13 @@ draw_text() {
 draw_svg() {
     { chapter_times && printf '\f\n' && cat "$logs/steps.tsv"; } | awk -F '\t' -v zero="$story_began" '
         function text(s) { gsub(/&/, "\\&amp;", s); gsub(/</, "\\&lt;", s); gsub(/>/, "\\&gt;", s); return s }
-        function x(ms) { return 330 + ms * 600 / total }
+        function x(ms) { return 460 + ms * 600 / total }
         /^\f/ { steps = 1; next }
         !steps { ++rows; row[$1] = rows; name[rows] = $1; begin[rows] = $2; took[rows] = $3; result[rows] = $5; if ($2 + $3 > total) total = $2 + $3; next }
         { ++marks; when[marks] = ($2 - zero) / 1000; at[marks] = row[$4]; what[marks] = $5 }
         END {
             height = 60 + rows * 26
-            printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1020\" height=\"%d\" font-family=\"sans-serif\" font-size=\"13\">\n", height
+            printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1150\" height=\"%d\" font-family=\"sans-serif\" font-size=\"13\">\n", height
             printf "<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n<text x=\"12\" y=\"22\" font-size=\"15\">One connection, %.1f s</text>\n", total / 1000
             for (i = 1; i <= rows; ++i) {
                 y = 36 + i * 26 - 14
@@ -43,7 +43,7 @@ draw_svg() {
                 w = took[i] * 600 / total; if (w < 1) w = 1
                 printf "<text x=\"12\" y=\"%d\">%s</text>\n", y + 13, text(name[i])
                 printf "<rect x=\"%.1f\" y=\"%d\" width=\"%.1f\" height=\"16\" fill=\"%s\" rx=\"2\"/>\n", x(begin[i]), y, w, colour
-                printf "<text x=\"940\" y=\"%d\" fill=\"#555\">%.0f ms</text>\n", y + 13, took[i]
+                printf "<text x=\"1070\" y=\"%d\" fill=\"#555\">%.0f ms</text>\n", y + 13, took[i]
             }
             for (i = 1; i <= marks; ++i)
                 printf "<line x1=\"%.1f\" x2=\"%.1f\" y1=\"%d\" y2=\"%d\" stroke=\"white\" stroke-width=\"0.7\"><title>%s</title></line>\n", \

@@ -13,8 +13,8 @@ namespace conman {
 
 class Debounce {
 public:
-    static constexpr std::int64_t quiet = 100 * 1000;
-    static constexpr std::int64_t longest = 500 * 1000;
+    static constexpr std::int64_t quiet = 100'000;
+    static constexpr std::int64_t longest = 500'000;
 
     void note(std::int64_t now)
     {

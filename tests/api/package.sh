@@ -29,8 +29,11 @@ for program in "$prefix"/libexec/*; do
 done
 
 cp -r "$here/agent" "$work/agent"
-cmake -S "$work/agent" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="${CXX:-c++}" > "$work/cmake.log" 2>&1 &&
-    cmake --build "$work/cmake" > "$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+if ! { cmake -S "$work/agent" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="${CXX:-c++}" &&
+    cmake --build "$work/cmake"; } > "$work/cmake.log" 2>&1; then
+    cat "$work/cmake.log"
+    exit 1
+fi
 check "$work/cmake/loading-agent" LD_LIBRARY_PATH="$library"
 check "$work/cmake/linked-agent"
 

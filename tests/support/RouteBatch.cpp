@@ -100,7 +100,7 @@ unsigned RouteBatch::transmit(const std::vector<std::string>& bodies, std::uint1
         header.nlmsg_type = type;
         header.nlmsg_flags = static_cast<__u16>(NLM_F_REQUEST | flags);
         header.nlmsg_seq = ++count;
-        const bool isLast = i + 1 == bodies.size() || datagram.size() + 2 * header.nlmsg_len > batchBytes;
+        const bool isLast = i + 1 == bodies.size() || datagram.size() + std::size_t{2} * header.nlmsg_len > batchBytes;
         if (isLast) header.nlmsg_flags |= NLM_F_ACK;
         datagram += bytesOf(header) + bodies[i];
         if (!isLast) continue;

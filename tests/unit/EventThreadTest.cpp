@@ -69,7 +69,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::vector<std::string> startCalls = {
     "QSRegister (null)",

@@ -146,7 +146,7 @@ TEST_F(NetLinkHelperTest, DatagramShorterThanAHeaderEndsTheDump)
 
 TEST_F(NetLinkHelperTest, FirstLengthThatLiesEndsTheDump)
 {
-    for (const long length : {0l, 15l, 41l, 16385l, 0xffffffffl}) {
+    for (const long length : {0L, 15L, 41L, 16385L, 0xffffffffL}) {
         fakes::clearLog();
         mKernel.sends({someRoute(1), message(RTM_NEWROUTE, std::string(24, '\0'), length)});
         const RouteListPtr routes(sNlHelper.getRoutingTableList());

@@ -251,7 +251,7 @@ TEST(MessageWalkTest, EndsWhenFewerBytesRemainThanAHeader)
 
 TEST(MessageWalkTest, EndsAtALengthThatLies)
 {
-    for (const long length : {0l, 15l, 21l, 0x7fffffffl, 0xfffffffdl, 0xffffffffl}) {
+    for (const long length : {0L, 15L, 21L, 0x7fffffffL, 0xfffffffdL, 0xffffffffL}) {
         EXPECT_EQ(1u, messageLengths(message(24, "four") + message(24, "four", length)).size()) << length;
     }
 }

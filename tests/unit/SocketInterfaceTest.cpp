@@ -18,8 +18,6 @@ namespace {
 
 using namespace testsupport;
 using testing::Contains;
-using testing::ElementsAre;
-using testing::Not;
 
 class SocketInterfaceTest : public KernelReaderTest {
 protected:

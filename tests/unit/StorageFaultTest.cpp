@@ -20,8 +20,6 @@ using storagetest::contentOf;
 using storagetest::Loaded;
 using storagetest::openDescriptors;
 using storagetest::putFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char digits[] = "0123456789";
 constexpr std::size_t block = 4;  // ten bytes are three blocks

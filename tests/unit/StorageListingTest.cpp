@@ -250,7 +250,7 @@ TEST_F(StorageListingTest, Exactly256BytesOfEachSlotAreWritten)
     unsigned int count = 1;
     ASSERT_EQ(PLUGIN_SUCCESS, mStorage.EnumerateFiles(LOCATION_USER, count, names));
     EXPECT_EQ(std::string(32, '\xaa'), slot.substr(256));
-    EXPECT_EQ(std::string("n", 2), slot.substr(0, 2));
+    EXPECT_EQ(std::string("n") + '\0', slot.substr(0, 2));
     // The kernel's record is padded to eight bytes; nothing but zeros follows it.
     EXPECT_EQ(std::string(256 - 16, '\0'), slot.substr(16, 256 - 16));
 }

@@ -22,7 +22,6 @@
 
 using namespace vknetconfig;
 using namespace std::chrono_literals;
-using testing::AnyOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 using testsupport::ChildProcess;

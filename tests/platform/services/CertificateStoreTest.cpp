@@ -165,7 +165,7 @@ TEST_F(CertificateStoreTest, FileMustBeRegularAndReadableAndNotTooLarge)
     fs::remove(bundlePath);
     writeFile(bundlePath, std::string(1024 * 1024 + 1, 'x'));
     EXPECT_EQ(InstallError::TooLarge, install());
-    writeFile(bundlePath, std::string(1024 * 1024, 'x'));
+    writeFile(bundlePath, std::string(std::size_t{1024} * 1024, 'x'));
     EXPECT_EQ(InstallError::NotPkcs12, install());
     expectNothingInstalled();
 }

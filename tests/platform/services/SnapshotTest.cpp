@@ -26,7 +26,6 @@ namespace conman {
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

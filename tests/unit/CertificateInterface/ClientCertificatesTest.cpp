@@ -15,7 +15,6 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testsupport::Identity;
 using testsupport::makeIdentity;
 using testsupport::writeFile;

@@ -17,7 +17,6 @@ namespace {
 using namespace testsupport;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 
 const std::string listing = "SystemInterface::EnumerateNetworkInterfaces: ";
