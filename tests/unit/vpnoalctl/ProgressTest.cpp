@@ -27,7 +27,7 @@ TEST(PlainSizeTest, SizesAreInTheLargestUnitThatHoldsOne)
     EXPECT_EQ("1.0 KiB", plainSize(1024));
     EXPECT_EQ("9.9 KiB", plainSize(10137));
     EXPECT_EQ("10 KiB", plainSize(10240));
-    EXPECT_EQ("1023 KiB", plainSize(1023 * 1024));
+    EXPECT_EQ("1023 KiB", plainSize(std::uint64_t{1023} * 1024));
     EXPECT_EQ("1.0 MiB", plainSize(megabyte - 1));
     EXPECT_EQ("100 MiB", plainSize(100 * megabyte));
     EXPECT_EQ("2.0 GiB", plainSize(0x7fffffff));

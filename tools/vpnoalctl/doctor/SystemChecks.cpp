@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "doctor/Checks.h"
 #ifdef WFOAL_HOST_PLATFORM
@@ -55,10 +57,13 @@ std::string pingFault(sd_bus* bus, const char* service, const char* path)
     return fault;
 }
 
+// One that is a link to resolvectl only talks to the systemd-resolved that has just not answered.
 bool hasResolvconf()
 {
     for (const char* tool : {"/sbin/resolvconf", "/usr/sbin/resolvconf"}) {
-        if (access(tool, X_OK) == 0) return true;
+        std::error_code fault;
+        const auto program = std::filesystem::canonical(tool, fault);
+        if (!fault && program.filename() != "resolvectl" && access(tool, X_OK) == 0) return true;
     }
     return false;
 }
