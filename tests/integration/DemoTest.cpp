@@ -4,6 +4,7 @@
 // namespaces) as it found it, also when it is interrupted.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -92,27 +93,43 @@ protected:
                 outputOf({"ip", "-br", "link", "show", "type", "tun"})};
     }
 
-    // Runs the demo until its output holds `text`, and interrupts it there. Returns its exit status.
+    // Runs the demo until its output holds `text`, and interrupts it there. Step by step, so that it cannot have ended
+    // before it is interrupted. Returns its exit status.
     static int interruptAt(const std::string& text)
     {
+        constexpr char enter[] = "/tmp/enter";
+        EXPECT_EQ(mkfifo(enter, 0600), 0);
+        const UniqueFd typing(open(enter, O_RDWR | O_CLOEXEC));
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
         const UniqueFd reader(ends[0]);
         UniqueFd writer(ends[1]);
-        ChildProcess demo(command(), writer.get());
+        std::vector<std::string> words{"sh", "-c", std::string("exec \"$@\" <") + enter, "sh"};
+        const std::vector<std::string> stepwise = command({"--step"});
+        words.insert(words.end(), stepwise.begin(), stepwise.end());
+        ChildProcess demo(words, writer.get());
         writer.reset();
         std::string output;
         char character = 0;
         bool interrupted = false;
         while (read(reader.get(), &character, 1) == 1) {
             output += character;
-            if (interrupted || output.find(text) == std::string::npos) continue;
+            if (interrupted) continue;
+            if (endsWith(output, "Enter goes on.")) {
+                EXPECT_EQ(write(typing.get(), "\n", 1), 1);
+            }
+            if (!endsWith(output, text)) continue;
             demo.sendSignal(SIGINT);
             interrupted = true;
         }
+        std::filesystem::remove(enter);
         EXPECT_TRUE(interrupted) << output;
         EXPECT_THAT(output, Not(HasSubstr("Time line"))) << "it was not interrupted in the middle";
         return demo.wait();
+    }
+    static bool endsWith(const std::string& text, const std::string& end)
+    {
+        return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
     }
 
     static std::vector<std::string> command(const std::vector<std::string>& options = {})
