@@ -31,6 +31,7 @@ int showInterfaces(Context& context)
     auto& system = context.plugin().createKept<KEST_SystemPlugin>();
     std::vector<ListedInterface> interfaces(mostInterfaces);
     std::vector<KEST_NetworkInterface*> pointers;
+    pointers.reserve(interfaces.size());
     for (ListedInterface& each : interfaces)
         pointers.push_back(&each);
     Table table{{{"name", "NAME"}, {"address", "ADDRESS"}, {"netmask", "NETMASK"}, {"gateway", "GATEWAY"}}, {}};

@@ -23,6 +23,7 @@ std::vector<AgentRoute> listRoutes(KEST_SystemPlugin& system)
     while (count != 0) {
         std::vector<AgentRoute> routes(count);
         std::vector<KEST_SystemPluginRoute*> pointers;
+        pointers.reserve(routes.size());
         for (AgentRoute& route : routes)
             pointers.push_back(&route);
         const PluginResult result = system.EnumerateRoutes(count, pointers.data());

@@ -96,6 +96,7 @@ std::vector<std::string> list(KEST_StoragePlugin& storage, const Request& reques
     std::vector<std::array<char, nameSize>> buffers;
     for (;;) {
         std::vector<char*> names;
+        names.reserve(buffers.size());
         for (auto& buffer : buffers)
             names.push_back(buffer.data());
         auto count = static_cast<unsigned int>(buffers.size());
@@ -111,6 +112,7 @@ std::vector<std::string> list(KEST_StoragePlugin& storage, const Request& reques
         buffers.resize(count);
     }
     std::vector<std::string> result;
+    result.reserve(buffers.size());
     for (const auto& buffer : buffers)
         result.emplace_back(buffer.data(), strnlen(buffer.data(), buffer.size()));
     std::sort(result.begin(), result.end());
