@@ -88,10 +88,13 @@ fi
 unshare "${namespaces[@]}" true 2>/dev/null ||
     die 'this machine does not let this user make private namespaces (unshare); try as root'
 
-# When unshare is killed the kernel kills everything that runs in its namespaces, and they vanish with it.
+# With its first process the kernel kills everything that runs in the namespaces, and they vanish with it; unshare waits
+# for just that. When it has no child yet there is nothing but itself.
 # shellcheck disable=SC2317  # called by the trap
 interrupted() {
-    kill -KILL "$!" 2>/dev/null || true
+    local inside
+    inside=$(pgrep -P "$!" || true)
+    kill -KILL "${inside:-$!}" 2>/dev/null || true
     wait "$!" 2>/dev/null || true
     printf '\nInterrupted; nothing is left behind.\n' >&2
     exit 130
