@@ -11,7 +11,7 @@
 
 namespace certificatemanager {
 
-constexpr std::size_t largestBundle = 1024 * 1024;
+constexpr std::size_t largestBundle = std::size_t{1024} * 1024;
 
 struct Bundle {
     std::string certificatePem;
