@@ -54,7 +54,7 @@ void PowerClient::acknowledge(bool agreed)
 void PowerClient::askBelated()
 {
     mConnection.run([this] {
-        if (mState == State::Asleep && mNobodyAsked) prepare();
+        if (mState == State::Asleep && mNobodyAsked && mCallbacks.prepareSuspend != nullptr) prepare();
     });
 }
 

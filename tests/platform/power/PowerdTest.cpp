@@ -185,6 +185,21 @@ TEST_F(PowerdTest, SleepThatBeganBeforeThereWasACallbackIsTold)
     EXPECT_THAT(mEvents.wait(2), ElementsAre("prepare", "suspended"));
 }
 
+TEST_F(PowerdTest, RemovingACallbackInASleepTellsNothing)
+{
+    FakeLogind logind;
+    EXPECT_TRUE(PowerdGmainAttach(mThread.loop()));
+    EXPECT_TRUE(PowerdClientInit("norva-vpnagentd"));
+    EXPECT_TRUE(PowerdSuspendedRegister(onSuspended));
+    logind.waitForInhibitors(1);
+    logind.prepareForSleep(true);
+    EXPECT_THAT(mEvents.wait(1), ElementsAre("suspended"));
+    EXPECT_TRUE(logind.waitForRelease());
+    EXPECT_TRUE(PowerdPrepareSuspendRegister(nullptr));
+    mThread.call([] {});
+    EXPECT_THAT(mEvents.all(), ElementsAre("suspended"));
+}
+
 TEST_F(PowerdTest, SleepIsToldOnce)
 {
     FakeLogind logind;
