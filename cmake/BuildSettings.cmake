@@ -26,6 +26,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
 endif()
 add_link_options(-Wl,-z,defs,-z,now,-z,relro)
+if(NOT WFOAL_COVERAGE)
+    # __FILE__ and debug information name files relative to this folder, so that no file shows where it was built.
+    # Coverage reports look for the sources under the full names.
+    add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+endif()
 
 if(WFOAL_SANITIZE)
     add_compile_options(-fsanitize=${WFOAL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -28,6 +28,12 @@ for program in "$prefix"/libexec/*; do
     unresolved=$(ldd "$program" | grep 'not found') && { echo "$program: $unresolved"; exit 1; }
 done
 
+source=$(realpath "$here/../..")
+if grep -F "$source/" "$library"/*.so.*.* "$prefix"/bin/* "$prefix"/libexec/*; then
+    echo "the files above name the folder that they were built from, $source"
+    exit 1
+fi
+
 cp -r "$here/agent" "$work/agent"
 if ! { cmake -S "$work/agent" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="${CXX:-c++}" &&
     cmake --build "$work/cmake"; } > "$work/cmake.log" 2>&1; then

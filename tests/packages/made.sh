@@ -5,6 +5,7 @@
 # what is in them: where each file is, how the programs are built, and what lintian says.
 set -euo pipefail
 build=$1 packages=$2 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+source=$(cd "$here/../.." && pwd)
 "$here/../../packaging/make-packages.sh" --build "$build" "$packages" >/dev/null
 work=$(mktemp -d "$build/packages-made.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -32,7 +33,7 @@ while read -r file; do
     readelf -Wl "$file" | grep -q GNU_RELRO || complain "$file has no read-only relocations"
     readelf -WS "$file" | grep -q '\.symtab' && complain "$file is not stripped"
 done < <(find "$work/root" -type f \( -name '*.so.*' -o -path '*/bin/*' -o -path '*/libexec/*' \))
-grep -rlE "$build|$here" "$work/root" && complain 'the files above name folders of the build'
+grep -rlF -e "$source/" -e "$build/" "$work/root" && complain 'the files above name folders of the build'
 
 if command -v lintian >/dev/null; then
     lintian --allow-root --fail-on error,warning "$packages"/*.deb || status=1
