@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "SignalMatch.h"
 #include "handles/SdBus.h"
 
 namespace hostbus {
@@ -28,7 +29,7 @@ private:
 
     Changed mChanged;
     std::optional<std::string> mOwner;  // nothing before the first answer
-    SdBusSlotPtr mMatch;
+    SignalMatch mMatch;
     SdBusSlotPtr mQuestion;
 };
 

@@ -13,6 +13,7 @@
 #include "Log.h"
 #include "RequestError.h"
 #include "ResolvedManager.h"
+#include "SignalMatch.h"
 
 namespace vknetconfig {
 
@@ -40,16 +41,6 @@ public:
 private:
     sigset_t mBefore{};
 };
-
-int onOwnerChanged(sd_bus_message* signal, void* state, sd_bus_error*)
-{
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* now = nullptr;
-    const bool isUp = sd_bus_message_read(signal, "sss", &name, &before, &now) >= 0 && *now != '\0';
-    if (isUp) *static_cast<Clock::time_point*>(state) = Clock::now();
-    return 0;
-}
 
 }  // namespace
 
@@ -123,14 +114,15 @@ void DnsWatcher::run()
 void DnsWatcher::listen()
 {
     ResolvedManager manager(openSystemBus(mStop.get()));
-    const std::string match =
-        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
-        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
-        std::string(resolvedName) + "'";
-    sd_bus_slot* added = nullptr;
-    const int result = sd_bus_add_match(manager.bus(), &added, match.c_str(), onOwnerChanged, &mDue);
-    const SdBusSlotPtr slot(added);
-    if (result < 0) throw systemError("ipv4.dns", "match", -result);
+    const std::string argument = std::string("arg0='") + resolvedName + "'";
+    const hostbus::SignalMatch match(
+        manager.bus(), hostbus::nameOwnerChanged(argument), [this](sd_bus_message* signal) {
+            const char* unused = nullptr;
+            const char* owner = nullptr;
+            const bool isRead = sd_bus_message_read(signal, "sss", &unused, &unused, &owner) > 0;
+            if (isRead && *owner != '\0') mDue = Clock::now();
+        });
+    if (match.result() < 0) throw systemError("ipv4.dns", "match", -match.result());
     // It may have restarted while nobody listened. Where it has not, somebody else may have taken the settings back
     // by now, which is not to be undone.
     const bool isUnchanged = !mOwner.empty() && manager.owner() == mOwner;

@@ -10,9 +10,6 @@ namespace {
 constexpr char logindName[] = "org.freedesktop.login1";
 constexpr char logindPath[] = "/org/freedesktop/login1";
 constexpr char managerInterface[] = "org.freedesktop.login1.Manager";
-constexpr char sleepRule[] =
-    "type='signal',sender='org.freedesktop.login1',path='/org/freedesktop/login1',"
-    "interface='org.freedesktop.login1.Manager',member='PrepareForSleep'";
 
 void call(const std::atomic<PowerdCallback>& callback)
 {
@@ -77,17 +74,11 @@ void PowerClient::onLogindOwner(const std::string& owner)
     mAsking.reset();
     mInhibitor.reset();
     if (owner.empty()) return;
-    const auto onSignal = [](sd_bus_message* signal, void* self, sd_bus_error*) -> int {
+    const hostbus::SignalRule rule{owner, logindPath, managerInterface, "PrepareForSleep", {}};
+    mSleepMatch = std::make_unique<hostbus::SignalMatch>(mConnection.bus(), rule, [this](sd_bus_message* signal) {
         int preparing = 0;
-        if (sd_bus_message_read_basic(signal, 'b', &preparing) > 0) {
-            static_cast<PowerClient*>(self)->onPreparingForSleep(preparing != 0);
-        }
-        return 0;
-    };
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_match_async(mConnection.bus(), &slot, sleepRule, onSignal, nullptr, this) >= 0) {
-        mSleepMatch.reset(slot);
-    }
+        if (sd_bus_message_read_basic(signal, 'b', &preparing) > 0) onPreparingForSleep(preparing != 0);
+    });
     takeInhibitor();
     askWhetherPreparing();
 }

@@ -12,6 +12,7 @@
 
 #include "BusConnection.h"
 #include "NameWatch.h"
+#include "SignalMatch.h"
 #include "handles/Glib.h"
 #include "handles/UniqueFd.h"
 #include "powerd.h"
@@ -61,7 +62,7 @@ private:
     bool mNobodyAsked = false;  // of this sleep, for want of a callback
     UniqueFd mInhibitor;
     std::unique_ptr<hostbus::NameWatch> mLogind;
-    SdBusSlotPtr mSleepMatch;
+    std::unique_ptr<hostbus::SignalMatch> mSleepMatch;
     SdBusSlotPtr mInhibiting;
     SdBusSlotPtr mAsking;
 };

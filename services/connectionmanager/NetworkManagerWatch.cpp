@@ -10,10 +10,6 @@ namespace {
 constexpr char managerName[] = "org.freedesktop.NetworkManager";
 constexpr char managerPath[] = "/org/freedesktop/NetworkManager";
 constexpr char propertiesInterface[] = "org.freedesktop.DBus.Properties";
-constexpr char changedRule[] =
-    "type='signal',sender='org.freedesktop.NetworkManager',"
-    "path='/org/freedesktop/NetworkManager',interface='org.freedesktop.DBus.Properties',"
-    "member='PropertiesChanged',arg0='org.freedesktop.NetworkManager'";
 
 }  // namespace
 
@@ -45,10 +41,9 @@ void NetworkManagerWatch::onOwner(const std::string& owner)
     mQuestion.reset();
     found(owner.empty() ? Connectivity::NoManager : Connectivity::Unknown);
     if (owner.empty()) return;
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_match_async(mConnection.bus(), &slot, changedRule, onPropertiesChanged, nullptr, this) >= 0) {
-        mMatch.reset(slot);
-    }
+    const hostbus::SignalRule rule{owner, managerPath, propertiesInterface, "PropertiesChanged",
+                                   std::string("arg0='") + managerName + "'"};
+    mMatch = std::make_unique<hostbus::SignalMatch>(mConnection.bus(), rule, [this](sd_bus_message*) { ask(); });
     ask();
 }
 
@@ -70,12 +65,6 @@ int NetworkManagerWatch::onAnswer(sd_bus_message* reply, void* self, sd_bus_erro
     if (sd_bus_message_read_basic(reply, 'u', &value) <= 0) return 0;
     const bool known = value <= static_cast<unsigned>(Connectivity::Full);
     static_cast<NetworkManagerWatch*>(self)->found(known ? static_cast<Connectivity>(value) : Connectivity::Unknown);
-    return 0;
-}
-
-int NetworkManagerWatch::onPropertiesChanged(sd_bus_message*, void* self, sd_bus_error*)
-{
-    static_cast<NetworkManagerWatch*>(self)->ask();
     return 0;
 }
 

@@ -10,6 +10,7 @@
 
 #include "BusConnection.h"
 #include "NameWatch.h"
+#include "SignalMatch.h"
 #include "Status.h"
 
 namespace conman {
@@ -31,13 +32,12 @@ private:
     void ask();
     void found(Connectivity connectivity);
     static int onAnswer(sd_bus_message* reply, void* self, sd_bus_error* error);
-    static int onPropertiesChanged(sd_bus_message* signal, void* self, sd_bus_error* error);
 
     std::function<void()> mOnChange;
     hostbus::BusConnection mConnection;
     Connectivity mConnectivity = Connectivity::NoManager;
     std::unique_ptr<hostbus::NameWatch> mName;
-    SdBusSlotPtr mMatch;
+    std::unique_ptr<hostbus::SignalMatch> mMatch;
     SdBusSlotPtr mQuestion;
 };
 

@@ -91,18 +91,32 @@ std::string daemonUnavailable(Daemon daemon)
     return std::string(program) + " is not there: run tests/support/fetch-daemons.sh build/daemons";
 }
 
-ChildProcess startBus()
+namespace {
+
+ChildProcess startBus(const char* kind)
 {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the bus");
     const UniqueFd reader(ends[0]);
     UniqueFd writer(ends[1]);
-    ChildProcess bus({script, "run", "bus"}, writer.get());
+    ChildProcess bus({script, "run", kind}, writer.get());
     writer.reset();
     const std::string line = readLine(reader.get());
     if (line.rfind("unix:", 0) != 0) throw std::runtime_error("dbus-daemon did not start: " + line);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress, 1);
     return bus;
+}
+
+}  // namespace
+
+ChildProcess startBus()
+{
+    return startBus("bus");
+}
+
+ChildProcess startSystemBus()
+{
+    return startBus("systembus");
 }
 
 void waitForBusName(const std::string& name, const ChildProcess& process)

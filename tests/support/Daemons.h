@@ -26,6 +26,10 @@ std::string daemonUnavailable(Daemon daemon);
 /// Starts the private bus and waits until it listens. Also points DBUS_SYSTEM_BUS_ADDRESS of this process at it.
 ChildProcess startBus();
 
+/// The same with the distribution's configuration of the system bus and the policies that this project and the daemons
+/// install, where startBus() allows everything. Not in a user namespace with one user: dbus-daemon becomes another.
+ChildProcess startSystemBus();
+
 /// Starts a daemon on the private bus and waits until it has its name there. elogind gets a private /sys/power.
 ChildProcess startDaemon(Daemon daemon);
 

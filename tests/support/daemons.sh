@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# daemons.sh run NAME: becomes the daemon NAME (bus, resolved, elogind or networkmanager), with whatever it expects to
+# daemons.sh run NAME: becomes the daemon NAME (bus, systembus, resolved, elogind or networkmanager), with whatever it expects to
 # find put into the private folders around it first. Only in private namespaces, as `isolate` and the tests make them;
 # the programs are those that fetch-daemons.sh unpacked.
 #
@@ -59,11 +59,30 @@ run_bus() {
         2>>$daemons_state/bus.log
 }
 
+# The distribution's own configuration of the system bus, with the policies that this project and the daemons install,
+# and one for the parts that tests play.
+run_systembus() {
+    local source
+    source=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+    rm -rf /etc/dbus-1
+    mkdir -p $daemons_state /run/dbus /etc/dbus-1/system.d
+    cp "$source"/packaging/dbus/*.conf "$source"/tests/support/played-services.conf /etc/dbus-1/system.d
+    cp "$daemons_folder"/*/usr/share/dbus-1/system.d/org.freedesktop.*.conf /etc/dbus-1/system.d 2>/dev/null || true
+    add_resolved_user
+    exec dbus-daemon --system --address=unix:path=$daemons_state/bus --nofork --nopidfile --nosyslog --print-address=1 \
+        2>>$daemons_state/bus.log
+}
+
+add_resolved_user() {
+    local id=991
+    grep -q '^systemd-resolve:' /etc/passwd || echo "systemd-resolve:x:$id:$id::/:/usr/sbin/nologin" >>/etc/passwd
+    grep -q '^systemd-resolve:' /etc/group || echo "systemd-resolve:x:$id:" >>/etc/group
+}
+
 # systemd-resolved gives up root for a user that an ordinary machine may not have.
 run_resolved() {
     local id=991 command=$daemons_folder/bin/systemd-resolved
-    grep -q '^systemd-resolve:' /etc/passwd || echo "systemd-resolve:x:$id:$id::/:/usr/sbin/nologin" >>/etc/passwd
-    grep -q '^systemd-resolve:' /etc/group || echo "systemd-resolve:x:$id:" >>/etc/group
+    add_resolved_user
     mkdir -p /run/systemd
     ln -sfn /run/systemd/resolve/stub-resolv.conf /etc/resolv.conf
     if ! cannot_change_user; then exec "$command"; fi
