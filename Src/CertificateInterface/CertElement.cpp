@@ -7,6 +7,7 @@
 
 #include <new>
 
+#include "ErrorQueueGuard.h"
 #include "Log.h"
 #include "PemPassword.h"
 #include "handles/Pkcs12Parts.h"
@@ -63,6 +64,7 @@ bool assignKey(EVP_PKEY* holder, RsaPtr& key)
 
 CertElement::CertElement(X509* certificate, const std::string& keyFile)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("%s: New CertElement %p constructed x509(%p) privKey(%s)", __func__, static_cast<void*>(this),
                 static_cast<void*>(certificate), keyFile.c_str());
     if (!X509ToDER(certificate, derLength, der)) {
@@ -74,6 +76,7 @@ CertElement::CertElement(X509* certificate, const std::string& keyFile)
 
 CertElement::CertElement(const std::string& pkcs12FileName, const std::string& password)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("%s: New CertElement %p constructed pkcs12fn(%s) privKeyPw(%s)", __func__, static_cast<void*>(this),
                 pkcs12FileName.c_str(), password.c_str());
     Pkcs12Ptr bundle;
@@ -141,6 +144,7 @@ X509* CertElement::decodedCertificate()
 PluginResult CertElement::SignSSL(const unsigned char* hash, unsigned int hashLength, unsigned char*& signature,
                                   unsigned int& signatureLength, const char* keyPassword)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("%s: called %p", __func__, static_cast<void*>(this));
     if (hash == nullptr || signature == nullptr) return PLUGIN_FAILURE;
     X509* const certificate = decodedCertificate();

@@ -5,11 +5,13 @@
 
 #include <openssl/ssl.h>
 
+#include "ErrorQueueGuard.h"
 #include "InterfaceCommon.h"
 #include "Log.h"
 
 CertificateInterface::CertificateInterface()
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     if (SSL_library_init() == 0) WFOAL_ERROR("%s: openssl library initialization failed", __func__);
     OPENSSL_add_all_algorithms_noconf();
 }
@@ -33,6 +35,7 @@ PluginResult CertificateInterface::GetLastErrorString(char*, unsigned int)
 // Bytes that are no certificate are dropped in silence: a gateway may send what it likes beside the chain.
 PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data, unsigned int length)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
     if (!verificationCerts) verificationCerts.reset(sk_X509_new_null());
     if (!verificationCerts) return PLUGIN_FAILURE;

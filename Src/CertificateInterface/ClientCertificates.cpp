@@ -8,6 +8,7 @@
 
 #include "CertElement.h"
 #include "CertificateInterface.h"
+#include "ErrorQueueGuard.h"
 #include "Log.h"
 #include "PemPassword.h"
 #include "handles/Stdio.h"
@@ -68,6 +69,7 @@ ClientCertHandle* makeHandle(X509* certificate, const std::string& keyPath)
 
 PluginResult CertificateInterface::EnumerateClientCerts(unsigned int& count, ClientCertHandle** handles)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
     if (handles != nullptr && count == 0) {
         WFOAL_ERROR("%s: A buffer was provided but its length is 0", __func__);

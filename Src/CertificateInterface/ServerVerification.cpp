@@ -12,6 +12,7 @@
 
 #include "CertificateInterface.h"
 #include "ChainVerdict.h"
+#include "ErrorQueueGuard.h"
 #include "Log.h"
 #include "PemPassword.h"
 
@@ -123,6 +124,7 @@ PluginResult resultOfName(X509_STORE_CTX* context, X509* certificate, const char
 PluginResult CertificateInterface::VerifyServerCertificate(const unsigned char* data, unsigned int length,
                                                            const char* name, bool& promptUser)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     WFOAL_DEBUG("CertificateInterface::%s: Called!", __func__);
     PluginResult result = PLUGIN_FAILURE;
     const X509Ptr certificate(data == nullptr ? nullptr : d2i_X509(nullptr, &data, static_cast<long>(length)));
@@ -174,6 +176,7 @@ void CertificateInterface::releaseUsedIntermediates()
 
 bool CertificateInterface::x509StackFromPEMFile(const std::string& path, STACK_OF(X509) * stack)
 {
+    const wfoal::ErrorQueueGuard queueGuard;
     const BioPtr file(BIO_new_file(path.c_str(), "r"));
     if (!file) {
         WFOAL_ERROR("%s: Could not read file: %s. Please check file permissions.", __func__, path.c_str());
