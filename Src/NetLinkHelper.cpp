@@ -3,7 +3,6 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +19,8 @@
 __attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);
 
 namespace {
+
+constexpr std::size_t receiveBufferSize = 16384;
 
 struct RouteRequest {
     nlmsghdr header;
@@ -43,10 +44,17 @@ ssize_t receive(int socket, void* buffer, std::size_t size, int flags)
     return received;
 }
 
-bool isDatagramWaiting(int socket)
+// Reads what is queued, without waiting. True when nothing is left; a second failure in a row ends the attempt.
+bool drain(int socket)
 {
-    pollfd query{socket, POLLIN, 0};
-    return poll(&query, 1, 0) > 0;
+    unsigned char buffer[receiveBufferSize];
+    bool failedBefore = false;
+    for (;;) {
+        const ssize_t received = receive(socket, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (received == 0 || (received < 0 && errno == EAGAIN)) return true;
+        if (received < 0 && failedBefore) return false;
+        failedBefore = received < 0;
+    }
 }
 
 void logRoute(const char* function, const RouteInfo& route)
@@ -88,6 +96,8 @@ GPtrArray* NetLinkHelper::getRoutingTableList()
 
 int NetLinkHelper::makeRoutingTableListRequest()
 {
+    // The rest of an earlier answer would be taken for the answer to this request.
+    if (mHasRest) mHasRest = !drain(mSocket.get());
     RouteRequest request{};
     request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.route);
     request.header.nlmsg_type = RTM_GETROUTE;
@@ -109,45 +119,66 @@ int NetLinkHelper::makeRoutingTableListRequest()
 GPtrArray* NetLinkHelper::getRoutingTableListRequestResp()
 {
     GPtrArray* routes = g_ptr_array_new();
+    if (routes != nullptr && receiveRoutes(routes)) {
+        WFOAL_DEBUG("NetLinkHelper::%s: All Finished Reading Routing Table List", __func__);
+        return routes;
+    }
     if (routes == nullptr) {
         WFOAL_ERROR("NetLinkHelper::%s Error Allocation List Of Routes", __func__);
-        return nullptr;
+    } else {
+        WFOAL_ERROR("NetLinkHelper::%s: Packet Recieved is Bad: %s", __func__, std::strerror(errno));
     }
-    alignas(nlmsghdr) unsigned char buffer[16384] = {};
+    mHasRest = !drain(mSocket.get());
+    return routes;
+}
+
+// False when the answer is bad.
+bool NetLinkHelper::receiveRoutes(GPtrArray* routes)
+{
+    alignas(nlmsghdr) unsigned char buffer[receiveBufferSize] = {};
+    alignas(nlmsghdr) unsigned char further[receiveBufferSize];
+    wfoal::MessageWalk held(buffer, 0);  // from a DONE behind a route to the end of its datagram
     bool failedBefore = false;
     bool doneSeen = false;
     for (;;) {
         // Behind a DONE there may be a further datagram or none, so nothing waits for it.
-        const ssize_t received = receive(mSocket.get(), buffer, sizeof buffer, doneSeen ? MSG_DONTWAIT : 0);
+        const bool isHeld = held.valid();
+        const ssize_t received =
+            receive(mSocket.get(), isHeld ? further : buffer, sizeof buffer, doneSeen ? MSG_DONTWAIT : 0);
         const bool failed = received < 0;
-        if (failed && doneSeen && errno == EAGAIN) break;
+        if (isHeld) {
+            const int error = errno;
+            parseHeld(held, received > 0, routes);
+            errno = error;
+            held = wfoal::MessageWalk(buffer, 0);
+            if (received > 0) std::memcpy(buffer, further, static_cast<std::size_t>(received));
+        }
+        if (failed && doneSeen && errno == EAGAIN) return true;
         // After a failed receive the previous contents are parsed again, all of the buffer, but not twice in a row.
         const wfoal::MessageWalk first(buffer, failed ? sizeof buffer : static_cast<std::size_t>(received));
-        if ((failed && failedBefore) || !first.valid() || first.header().nlmsg_type == NLMSG_ERROR) {
-            WFOAL_ERROR("NetLinkHelper::%s: Packet Recieved is Bad: %s", __func__, std::strerror(errno));
-            return routes;
-        }
+        if ((failed && failedBefore) || !first.valid() || first.header().nlmsg_type == NLMSG_ERROR) return false;
         failedBefore = failed;
-        if (first.header().nlmsg_type == NLMSG_DONE) break;
-        if (parseDatagram(first, routes)) doneSeen = true;
+        if (first.header().nlmsg_type == NLMSG_DONE) return true;
+        held = parseUpToDone(first, routes);
+        doneSeen = doneSeen || held.valid();
     }
-    WFOAL_DEBUG("NetLinkHelper::%s: All Finished Reading Routing Table List", __func__);
-    return routes;
 }
 
-// True when it held a DONE. One that ends the dump is no route; one with a datagram behind it is taken for a route, as
-// any message that is not the first of its datagram.
-bool NetLinkHelper::parseDatagram(wfoal::MessageWalk walk, GPtrArray* routes)
+wfoal::MessageWalk NetLinkHelper::parseUpToDone(wfoal::MessageWalk walk, GPtrArray* routes)
 {
-    bool doneSeen = false;
+    for (; walk.valid() && walk.header().nlmsg_type != NLMSG_DONE; walk.next())
+        parseRoute(reinterpret_cast<const nlmsghdr*>(walk.message()), routes);
+    return walk;
+}
+
+// A DONE with a datagram behind it is taken for a route, as any message that is not the first of its datagram. One that
+// ends the dump is no route.
+void NetLinkHelper::parseHeld(wfoal::MessageWalk walk, bool isFollowed, GPtrArray* routes)
+{
     for (; walk.valid(); walk.next()) {
-        if (walk.header().nlmsg_type == NLMSG_DONE) {
-            doneSeen = true;
-            if (!isDatagramWaiting(mSocket.get())) continue;
-        }
+        if (walk.header().nlmsg_type == NLMSG_DONE && !isFollowed) continue;
         parseRoute(reinterpret_cast<const nlmsghdr*>(walk.message()), routes);
     }
-    return doneSeen;
 }
 
 void NetLinkHelper::parseRoute(const nlmsghdr* message, GPtrArray* routes)

@@ -27,7 +27,8 @@ public:
     virtual ~NetLinkHelper() = default;
 
     /// The table as an array of RouteInfo, all tables of the kernel in its order, without filtering. Null when it
-    /// could not be asked for; incomplete after a receive error. Records were allocated with g_try_malloc0().
+    /// could not be asked for; incomplete after a receive error, whose rest is discarded. Records were allocated with
+    /// g_try_malloc0().
     GPtrArray* getRoutingTableList();
 
     /// Bytes sent, or -1 with errno set.
@@ -38,9 +39,12 @@ public:
     void parseRoute(const nlmsghdr* message, GPtrArray* routes);
 
 private:
-    bool parseDatagram(wfoal::MessageWalk walk, GPtrArray* routes);
+    bool receiveRoutes(GPtrArray* routes);
+    wfoal::MessageWalk parseUpToDone(wfoal::MessageWalk walk, GPtrArray* routes);
+    void parseHeld(wfoal::MessageWalk walk, bool isFollowed, GPtrArray* routes);
 
     UniqueFd mSocket;
+    bool mHasRest = false;  // a part of an earlier answer may still be queued
 };
 
 /// Frees the list that a dump returned, but not the records in it.

@@ -26,6 +26,7 @@ struct {
 } sFault;
 
 unsigned sLastOptionLength = 0;
+std::vector<int> sReceiveFlags;
 
 bool strikes(Call kind)
 {
@@ -51,6 +52,16 @@ const char* nameOf(Call kind)
 unsigned lastOptionLength()
 {
     return sLastOptionLength;
+}
+
+const std::vector<int>& receiveFlags()
+{
+    return sReceiveFlags;
+}
+
+void clearReceiveFlags()
+{
+    sReceiveFlags.clear();
 }
 
 Fault::Fault(Call kind, int nth, int error, int times, int step)
@@ -97,6 +108,7 @@ ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags)
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags)
 {
+    testsupport::sReceiveFlags.push_back(flags);
     return strikes(Call::Receive) ? -1 : __real_recvmsg(socket, message, flags);
 }
 

@@ -5,6 +5,8 @@
 #ifndef WFOAL_TEST_FAULTS_H
 #define WFOAL_TEST_FAULTS_H
 
+#include <vector>
+
 namespace testsupport {
 
 enum class Call {
@@ -27,6 +29,10 @@ const char* nameOf(Call kind);
 
 /// Length of the value that setsockopt() was given last.
 unsigned lastOptionLength();
+
+/// The flags of each recvmsg() since the last clear, failed ones included.
+const std::vector<int>& receiveFlags();
+void clearReceiveFlags();
 
 /// While it lives, `times` calls of the kind fail with that errno: the nth (counted from 1) and each `step`-th after
 /// it.

@@ -3,6 +3,7 @@
 // The reader on a scripted kernel: what it asks, when a dump ends, and what it makes of datagrams that are wrong.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -114,6 +115,65 @@ TEST_F(NetLinkHelperTest, SeveralDonesBehindARouteLeaveNoPhantomEither)
     EXPECT_EQ(finishedLine, fakes::logLines().back());
 }
 
+TEST_F(NetLinkHelperTest, DoneBehindARouteLeavesNoPhantomWhenTheOtherEndHasGone)
+{
+    mKernel.sends({someRoute(1) + doneMessage()});
+    mKernel.hangUp();
+    const RouteListPtr routes(sNlHelper.getRoutingTableListRequestResp());
+    ASSERT_EQ(1u, routes->len);
+    EXPECT_EQ(1u, routeAt(routes, 0).oifIndex);
+    expectBadPacket();
+}
+
+TEST_F(NetLinkHelperTest, DoneBehindARouteLeavesNoPhantomWhenTheNextReceiveFails)
+{
+    mKernel.sends({someRoute(1) + doneMessage() + someRoute(2)});
+    const Fault fault(Call::Receive, 2, ENOBUFS);
+    const RouteListPtr routes(sNlHelper.getRoutingTableList());
+    ASSERT_EQ(4u, routes->len);  // the failed receive parses the datagram again
+    for (guint i = 0; i < routes->len; ++i)
+        EXPECT_EQ(i % 2 + 1, routeAt(routes, i).oifIndex);
+    EXPECT_EQ(finishedLine, fakes::logLines().back());
+}
+
+TEST_F(NetLinkHelperTest, MessagesBehindAHeldDoneKeepTheirOrderInListAndLog)
+{
+    const auto outputIndices = [](const RouteListPtr& routes) {
+        std::vector<std::uint32_t> indices;
+        for (guint i = 0; i < routes->len; ++i)
+            indices.push_back(routeAt(routes, i).oifIndex);
+        return indices;
+    };
+    const auto loggedIndices = [] {
+        std::vector<std::uint32_t> indices;
+        for (const fakes::LogLine& line : fakes::logLines()) {
+            const std::size_t place = line.text.find("OIFIndex(");
+            if (place != std::string::npos)
+                indices.push_back(static_cast<std::uint32_t>(std::stoul(line.text.substr(place + 9))));
+        }
+        return indices;
+    };
+    const std::string datagram = someRoute(1) + doneMessage() + someRoute(2);
+    EXPECT_THAT(outputIndices(dump({datagram})), ElementsAre(1, 2));
+    EXPECT_THAT(loggedIndices(), ElementsAre(1, 2));
+    fakes::clearLog();
+    EXPECT_THAT(outputIndices(dump({datagram, someRoute(3), doneMessage()})), ElementsAre(1, 0, 2, 3));
+    EXPECT_THAT(loggedIndices(), ElementsAre(1, 0, 2, 3));
+}
+
+TEST_F(NetLinkHelperTest, ReceivesBlockUntilADoneIsBehindARoute)
+{
+    clearReceiveFlags();
+    dump({someRoute(1), someRoute(2), doneMessage()});
+    EXPECT_THAT(receiveFlags(), ElementsAre(0, 0, 0));
+    clearReceiveFlags();
+    dump({someRoute(1), someRoute(2) + doneMessage()});
+    EXPECT_THAT(receiveFlags(), ElementsAre(0, 0, MSG_DONTWAIT));
+    clearReceiveFlags();
+    dump({someRoute(1) + doneMessage(), someRoute(2), doneMessage()});
+    EXPECT_THAT(receiveFlags(), ElementsAre(0, MSG_DONTWAIT, MSG_DONTWAIT));
+}
+
 TEST_F(NetLinkHelperTest, NothingIsWaitedForAfterADatagramBehindADone)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -128,6 +188,33 @@ TEST_F(NetLinkHelperTest, ErrorAnswerEndsTheDumpWithTheRoutesReadSoFar)
     const RouteListPtr routes = dump({someRoute(1), errorMessage(EBUSY), someRoute(2)});
     EXPECT_EQ(1u, routes->len);
     expectBadPacket();
+}
+
+TEST_F(NetLinkHelperTest, RestOfADumpThatEndedInAnErrorIsNotTheNextAnswer)
+{
+    const std::string broken[] = {errorMessage(EBUSY), doneMessage().substr(0, 15), message(RTM_NEWROUTE, "1234", 400)};
+    for (const std::string& datagram : broken) {
+        EXPECT_EQ(1u, dump({someRoute(1), datagram, someRoute(2), someRoute(3), doneMessage()})->len);
+        EXPECT_TRUE(mKernel.isAllTaken());
+        const RouteListPtr routes = dump({someRoute(4), doneMessage()});
+        ASSERT_EQ(1u, routes->len);
+        EXPECT_EQ(4u, routeAt(routes, 0).oifIndex);
+        EXPECT_TRUE(mKernel.isAllTaken());
+    }
+}
+
+TEST_F(NetLinkHelperTest, RestOfADumpWhoseReceivesFailedIsNotTheNextAnswer)
+{
+    for (const int first : {1, 2, 3}) {
+        mKernel.sends({someRoute(1), someRoute(2), someRoute(3), doneMessage()});
+        {
+            const Fault fault(Call::Receive, first, ENOBUFS, 2);
+            RouteListPtr(sNlHelper.getRoutingTableList());
+        }
+        const RouteListPtr routes = dump({someRoute(4), doneMessage()});
+        ASSERT_EQ(1u, routes->len) << first;
+        EXPECT_EQ(4u, routeAt(routes, 0).oifIndex);
+    }
 }
 
 TEST_F(NetLinkHelperTest, ErrorBehindARouteIsTakenForARoute)
