@@ -44,13 +44,16 @@ gboolean quitLoop(gpointer loop)
     return G_SOURCE_REMOVE;
 }
 
-// Quits from within the loop: a plain quit before the thread has entered its loop would be lost.
-void quitOnLoopThread(GMainLoop* loop)
+// Quits at once, and from within the loop as well: a quit before the thread has entered its loop would be lost. No
+// other source is dispatched before the one that quits. It is to be destroyed when the loop has ended.
+GSourcePtr quit(GMainLoop* loop)
 {
-    const GSourcePtr source(g_idle_source_new());
-    g_source_set_priority(source.get(), G_PRIORITY_HIGH);
+    GSourcePtr source(g_idle_source_new());
+    g_source_set_priority(source.get(), G_MININT);
     g_source_set_callback(source.get(), quitLoop, loop, nullptr);
     g_source_attach(source.get(), sGContext);
+    g_main_loop_quit(loop);
+    return source;
 }
 
 void startBusClient(GMainLoop* loop)
@@ -72,10 +75,9 @@ void startPowerClient(GMainLoop* loop)
 // False when there is no system object.
 bool tellSystemIf(void (SystemInterface::*notify)())
 {
-    holdObjects();
-    SystemInterface* systemIf = getSystemIfObject();
+    const UseGuard use;
+    SystemInterface* systemIf = use.systemIf();
     if (systemIf != nullptr) (systemIf->*notify)();
-    letGoOfObjects();
     return systemIf != nullptr;
 }
 
@@ -118,13 +120,15 @@ bool stopQuorIpcHandling()
 {
     WFOAL_DEBUG("%s: Called!", __func__);
     if (sQuorEventThread != nullptr) {
+        GSourcePtr quitting;
         if (GMainLoop* loop = sGLoop) {
             WFOAL_DEBUG("%s: Quitting Loop!", __func__);
-            quitOnLoopThread(loop);
+            quitting = quit(loop);
             sGLoop = nullptr;
         }
         WFOAL_DEBUG("%s: Joining Thread!", __func__);
         g_thread_join(sQuorEventThread);
+        if (quitting) g_source_destroy(quitting.get());
         sQuorEventThread = nullptr;
         WFOAL_DEBUG("%s: Thread Quit or not up!", __func__);
         forgetContext();

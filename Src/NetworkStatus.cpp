@@ -22,12 +22,10 @@ const char* text(bool flag)
 // False when there is no system or no socket object.
 bool copyBoundName(std::string& name)
 {
-    holdObjects();
-    SocketInterface* socketIf = getSocketIfObject();
-    const bool both = getSystemIfObject() != nullptr && socketIf != nullptr;
-    if (both) name = socketIf->getBoundInterface();
-    letGoOfObjects();
-    return both;
+    const UseGuard use;
+    if (use.systemIf() == nullptr || use.socketIf() == nullptr) return false;
+    name = use.socketIf()->getBoundInterface();
+    return true;
 }
 
 }  // namespace
@@ -67,9 +65,8 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
     if (decision.sendNwCng) {
         WFOAL_DEBUG("%s Sending Network Change Event", __func__);
         // Looked up again: the agent may have disposed of it meanwhile.
-        holdObjects();
-        if (SystemInterface* systemIf = getSystemIfObject()) systemIf->notifyConnectionChange();
-        letGoOfObjects();
+        const UseGuard use;
+        if (use.systemIf() != nullptr) use.systemIf()->notifyConnectionChange();
     }
     return true;
 }

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Where events find the live system and socket objects: the most recent of each kind, or null. The agent owns the
-// objects. Written on the agent's thread and read on the event thread without a lock.
+// objects. Slots are written on the agent's thread and read on the event thread.
 //
-// The event thread announces when it is about to use an object, and lets go before it calls the agent. Whoever destroys
-// an object clears its slot and then waits for that short moment to pass; never for the agent's own code, which may be
-// waiting for the very thread that disposes.
+// The event thread uses an object under a UseGuard, which it ends before it calls the agent. Whoever destroys an object
+// clears its slot and then waits until no guard has the object; never for the agent's own code, which may be waiting
+// for the very thread that disposes.
 #ifndef WFOAL_OBJECTREGISTRY_H
 #define WFOAL_OBJECTREGISTRY_H
 
+#include <pthread.h>
+
+class Plugin;
 class SystemInterface;
 class SocketInterface;
 
@@ -17,11 +20,34 @@ SystemInterface* getSystemIfObject();
 void setSocketIfObject(SocketInterface* object);
 SocketInterface* getSocketIfObject();
 
-/// On the event thread: what the slots hold from now on stays until letGoOfObjects().
-void holdObjects();
-/// Harmless on a thread that holds none.
-void letGoOfObjects();
-/// Returns when the event thread holds no object that it found before a slot was cleared.
-void waitForObjectsInUse();
+/// While it lives, the objects that it found in the slots are not destroyed.
+class UseGuard {
+public:
+    UseGuard();
+    ~UseGuard();
+    UseGuard(const UseGuard&) = delete;
+    UseGuard& operator=(const UseGuard&) = delete;
+
+    /// What the slots held when the guard was made; null after endOnThisThread().
+    SystemInterface* systemIf() const { return mpSystemIf; }
+    SocketInterface* socketIf() const { return mpSocketIf; }
+
+    /// Ends every use on the calling thread, before its guards go.
+    static void endOnThisThread();
+
+private:
+    friend void waitUntilUnused(const Plugin* object);
+    static bool isUsedElsewhere(const Plugin* object);
+    void end();
+
+    SystemInterface* mpSystemIf = nullptr;
+    SocketInterface* mpSocketIf = nullptr;
+    pthread_t mThread = pthread_self();
+    UseGuard* mpNext = nullptr;  // in the list of all guards
+};
+
+/// Returns when no guard of another thread has the object, which is in no slot any more. In the child of a fork, which
+/// lacks its parent's threads, at once.
+void waitUntilUnused(const Plugin* object);
 
 #endif

@@ -103,7 +103,7 @@ extern "C" bool DisposePlugin(Plugin* plugin)
     } else if (plugin == getSocketIfObject()) {
         setSocketIfObject(nullptr);
     }
-    waitForObjectsInUse();
+    waitUntilUnused(plugin);
     delete plugin;
     return true;
 }

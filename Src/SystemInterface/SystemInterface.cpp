@@ -9,12 +9,12 @@
 
 namespace {
 
-// The object is not needed any more once the callback is known.
-KEST_SystemPluginCB* takeCallback(const std::atomic<KEST_SystemPluginCB*>& stored)
+// The system object may be gone from here on: nothing waits for the agent's code.
+template <typename Tell>
+void tellAgent(KEST_SystemPluginCB* callback, Tell tell)
 {
-    KEST_SystemPluginCB* callback = stored;
-    letGoOfObjects();
-    return callback;
+    UseGuard::endOnThisThread();
+    if (callback != nullptr) tell(*callback);
 }
 
 }  // namespace
@@ -40,15 +40,15 @@ PluginResult SystemInterface::SetSystemPluginCB(KEST_SystemPluginCB* callback)
 
 void SystemInterface::notifyConnectionChange()
 {
-    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnConnectionChange(0);
+    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnConnectionChange(0); });
 }
 
 void SystemInterface::notifyPowerResume()
 {
-    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnPowerResume();
+    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerResume(); });
 }
 
 void SystemInterface::notifyPowerSuspended()
 {
-    if (auto* callback = takeCallback(mpSystemPluginCB)) callback->OnPowerSuspended();
+    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerSuspended(); });
 }

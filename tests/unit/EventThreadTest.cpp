@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,6 +33,8 @@ GMainContext* __real_g_main_context_new();
 GMainContext* __wrap_g_main_context_new();
 GMainLoop* __real_g_main_loop_new(GMainContext* context, gboolean isRunning);
 GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning);
+void __real_g_main_loop_run(GMainLoop* loop);
+void __wrap_g_main_loop_run(GMainLoop* loop);
 GThread* __real_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
 GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
 }
@@ -41,6 +44,7 @@ namespace {
 enum class Failing { Nothing, Context, Loop, Thread };
 Failing sFailing = Failing::Nothing;
 GMainLoop* sLastLoop = nullptr;
+std::function<void()> sBeforeRun;  // runs on the event thread, right before its loop does
 
 }  // namespace
 
@@ -53,6 +57,12 @@ GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning)
 {
     sLastLoop = sFailing == Failing::Loop ? nullptr : __real_g_main_loop_new(context, isRunning);
     return sLastLoop;
+}
+
+void __wrap_g_main_loop_run(GMainLoop* loop)
+{
+    if (sBeforeRun) sBeforeRun();
+    __real_g_main_loop_run(loop);
 }
 
 GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error)
@@ -100,6 +110,7 @@ protected:
     void TearDown() override
     {
         sFailing = Failing::Nothing;
+        sBeforeRun = nullptr;
         stopQuorIpcHandling();
         setSystemIfObject(nullptr);
         EXPECT_EQ(nullptr, g_main_context_get_thread_default());
@@ -181,6 +192,58 @@ TEST_F(EventThreadTest, StopQuitsJoinsAndLeavesThePowerDaemonButNotTheBus)
                             "stopQuorIpcHandling: Joining Thread!", "stopQuorIpcHandling: Thread Quit or not up!",
                             "stopQuorIpcHandling: Deiniting powerd client!", "stopQuorIpcHandling: Finished!"));
     EXPECT_THAT(fakes::calls(), ElementsAre("PowerdClientDeinit"));
+}
+
+/// A source that is always ready, on the context of the last loop.
+class BusySource {
+public:
+    explicit BusySource(int priority) : mSource(g_idle_source_new())
+    {
+        g_source_set_priority(mSource.get(), priority);
+        const GSourceFunc again = [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; };
+        g_source_set_callback(mSource.get(), again, nullptr, nullptr);
+        g_source_attach(mSource.get(), g_main_loop_get_context(sLastLoop));
+    }
+    ~BusySource() { remove(); }
+    void remove() { g_source_destroy(mSource.get()); }
+
+private:
+    GSourcePtr mSource;
+};
+
+TEST_F(EventThreadTest, StopIsNotHeldUpByASourceThatIsAlwaysReady)
+{
+    for (const int priority : {G_PRIORITY_DEFAULT, G_PRIORITY_HIGH - 1, G_MININT}) {
+        ASSERT_TRUE(startQuorIpcHandling());
+        onEventThread([] {});
+        BusySource busy(priority);
+        auto stopped = std::async(std::launch::async, stopQuorIpcHandling);
+        EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(5))) << priority;
+        busy.remove();  // or a failed test would not end
+    }
+}
+
+TEST_F(EventThreadTest, QuitBeforeTheLoopRunsIsNotLostThoughASourceIsAlwaysReady)
+{
+    for (const int priority : {G_PRIORITY_DEFAULT, G_PRIORITY_HIGH - 1, G_MININT}) {
+        std::promise<void> isReached;
+        std::promise<void> mayGoOn;
+        sBeforeRun = [&] {
+            isReached.set_value();
+            mayGoOn.get_future().wait();
+        };
+        ASSERT_TRUE(startQuorIpcHandling());
+        isReached.get_future().wait();
+        BusySource busy(priority);
+        fakes::clearLog();
+        auto stopped = std::async(std::launch::async, stopQuorIpcHandling);
+        while (ownLog().size() < 3)  // "Joining Thread!" is the third line
+            std::this_thread::yield();
+        mayGoOn.set_value();
+        EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(5))) << priority;
+        busy.remove();
+        stopped.get();
+    }
 }
 
 TEST_F(EventThreadTest, StopLeavesTheRegistryAlone)
