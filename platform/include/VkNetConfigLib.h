@@ -9,6 +9,10 @@
  * when it asks for the same interface, and may only take it back. When the process has ended, by itself or not, the
  * configuration stays until some process makes its first request: that takes back what ended processes left, as far as
  * it is still theirs. Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
+ *
+ * A child of fork is a process of its own: it owns nothing that its parent set up, and its end changes nothing. It may
+ * make requests. While a call runs, its thread handles no signal of the agent: they wait until it returns, or go to
+ * another thread. Destructors of the agent's static objects may make requests.
  */
 #ifndef VKNETCONFIGLIB_H
 #define VKNETCONFIGLIB_H

@@ -2,8 +2,6 @@
 #include "DnsWatcher.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 
 #include <cerrno>
@@ -14,6 +12,7 @@
 #include "RequestError.h"
 #include "ResolvedManager.h"
 #include "SignalMatch.h"
+#include "SignalsBlocked.h"
 
 namespace vknetconfig {
 
@@ -24,23 +23,6 @@ using Clock = RateLimit::Clock;
 constexpr auto never = Clock::time_point::max();
 constexpr int reconnectPause = 5000;  // milliseconds
 constexpr auto retryPause = std::chrono::milliseconds(250);
-
-// Signals are for the agent's own threads.
-class SignalsBlocked {
-public:
-    SignalsBlocked()
-    {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-
-private:
-    sigset_t mBefore{};
-};
 
 }  // namespace
 
@@ -87,7 +69,7 @@ void DnsWatcher::start()
     mStop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!mStop.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
     mOwner = currentOwner();
-    const SignalsBlocked forTheThread;
+    const SignalsBlocked forTheThread;  // signals are for the agent's own threads
     mThread = std::thread(&DnsWatcher::run, this);
 }
 

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 
 #include "FirewallText.h"
+#include "Log.h"
 #include "RequestError.h"
 
 namespace vknetconfig {
@@ -54,9 +56,20 @@ void FirewallControl::setUp(const FirewallRequest& request)
         mJournal.write(subject, "table\n");
         mSession.run(commands);
     } catch (const RequestError& error) {
-        if (before == TableState::absent) mJournal.erase(subject);
+        if (before == TableState::absent) rollBack(request.label);
         if (std::strstr(error.what(), "syntax error") != nullptr) refuseKeywords(request);
         throw;
+    }
+}
+
+// The failure may have hit no more than the kernel's answer: the entry is kept until the kernel says that the table is
+// not there. Does not throw: what cannot be rolled back stays in the journal, for the next request or process.
+void FirewallControl::rollBack(const std::string& label)
+{
+    try {
+        remove(label);
+    } catch (const std::exception& error) {
+        VKNETCONFIG_ERROR("%s: rolling back: %s", subjectOf(label).c_str(), error.what());
     }
 }
 

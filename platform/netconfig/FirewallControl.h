@@ -32,6 +32,7 @@ public:
 
 private:
     void setUp(const FirewallRequest& request);
+    void rollBack(const std::string& label);
     void remove(const std::string& label);
     void refuseKeywords(const FirewallRequest& request);
 

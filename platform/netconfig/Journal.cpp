@@ -3,7 +3,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -120,10 +119,18 @@ void nameHolder(int file)
     }
 }
 
+// A lock of the process: a child of fork does not have it, not even before it executes another program, and it ends
+// with the process. It also ends when the process closes any descriptor of the file, so a file that is locked must not
+// be opened a second time. A file that is open for reading only, as on a disk that cannot be written, cannot be locked
+// for writing; there nobody writes.
 bool lockNow(int file)
 {
-    while (flock(file, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return false;
+    struct flock wanted {};
+    const int mode = fcntl(file, F_GETFL);
+    wanted.l_type = mode >= 0 && (mode & O_ACCMODE) == O_RDONLY ? F_RDLCK : F_WRLCK;
+    wanted.l_whence = SEEK_SET;
+    while (fcntl(file, F_SETLK, &wanted) != 0) {
+        if (errno == EACCES || errno == EAGAIN) return false;
         if (errno != EINTR) fail("lock");
     }
     return true;

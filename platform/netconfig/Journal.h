@@ -5,6 +5,8 @@
 // it after a crash can clean up. An entry belongs to the process that holds its lock, for as long as that process
 // lives; an entry without a living owner was left behind. Entries of an earlier boot are worth nothing and vanish.
 //
+// A child of fork holds none of its parent's locks; it needs a journal of its own. One process has one journal.
+//
 // Not thread-safe: the library's one mutex guards it. Failures throw a RequestError with the key "journal".
 #ifndef VKNETCONFIG_JOURNAL_H
 #define VKNETCONFIG_JOURNAL_H

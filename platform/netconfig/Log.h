@@ -4,18 +4,22 @@
 #ifndef VKNETCONFIG_LOG_H
 #define VKNETCONFIG_LOG_H
 
+#include <atomic>
+
 #include "VkLogLib.h"
 
 namespace vknetconfig {
 
-/// The context "vknetconfig"; null when the log library has none to give, which prints everything.
+/// The context "vknetconfig"; null when the log library has none to give, which prints everything. No lock is taken, as
+/// a child of fork would find it taken for ever.
 inline VkLogContext* logContext()
 {
-    static VkLogContext* const context = [] {
-        VkLogContext* made = nullptr;
-        return VkLogGetContext("vknetconfig", &made) == 0 ? made : nullptr;
-    }();
-    return context;
+    static std::atomic<VkLogContext*> context{nullptr};
+    VkLogContext* found = context.load(std::memory_order_acquire);
+    if (found == nullptr && VkLogGetContext("vknetconfig", &found) == 0) {
+        context.store(found, std::memory_order_release);
+    }
+    return found;
 }
 
 }  // namespace vknetconfig

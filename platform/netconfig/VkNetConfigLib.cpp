@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The exported functions. Each reads its request whole before anything else happens, waits for its turn among all
-// processes, has the first one clean up what dead processes left, and lets no exception out.
+// processes, has the first one clean up what dead processes left, and lets no exception out. No signal of the agent is
+// handled on the calling thread until the request is done.
 #include "VkNetConfigLib.h"
 
 #include <unistd.h>
 
+#include <atomic>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -18,6 +21,7 @@
 #include "Library.h"
 #include "Log.h"
 #include "RequestError.h"
+#include "SignalsBlocked.h"
 
 using namespace vknetconfig;
 
@@ -25,6 +29,11 @@ namespace {
 
 class Session {
 public:
+    explicit Session(Session* inherited) : mInherited(inherited) {}
+
+    bool isOfThisProcess() const { return mProcess == getpid(); }
+    Session* inherited() const { return mInherited; }
+
     /// Cleans up after dead processes, once a process, forked ones included. What cannot be taken back is left for
     /// another try.
     void cleanUpOnce()
@@ -42,30 +51,52 @@ public:
         }
     }
 
+    std::mutex oneAtATime;
     Journal journal;
     InterfaceControl interfaces{journal};
     FirewallControl firewall{journal};
 
 private:
+    const pid_t mProcess = getpid();
+    Session* const mInherited;  // what fork copied from the parent, if this process is a child
     pid_t mCleanedUpIn = 0;
 };
 
-// Made when the library is loaded or by the first request; ends with the library.
+std::atomic<Session*> spSession{nullptr};
+
+// Made when the library is loaded, or by the first request. A child of fork makes one of its own. The one that it
+// inherited is the parent's, maybe in the middle of a request of a thread that the child does not have: it is left as
+// it is, mutex included.
 Session& session()
 {
-    static Session only;
-    return only;
+    Session* current = spSession.load();
+    while (current == nullptr || !current->isOfThisProcess()) {
+        auto made = std::make_unique<Session>(current);
+        if (spSession.compare_exchange_strong(current, made.get())) return *made.release();
+    }
+    return *current;
 }
 
-std::mutex sOneAtATime;
+// A late hook, not the destructor of a static object: static objects of the agent may be destroyed later than those of
+// this library, and still make requests. When the process ends while another thread makes one, all is left to the
+// kernel.
+__attribute__((destructor(200))) void endSession()
+{
+    Session* const current = spSession.load();
+    if (current == nullptr || !current->isOfThisProcess()) return;
+    if (!current->oneAtATime.try_lock()) return;
+    current->oneAtATime.unlock();
+    spSession = current->inherited();
+    delete current;
+}
 
 enum class Purpose { putInForce, takeBack };
 
 template <class Work>
 void inTurn(Purpose purpose, Work work)
 {
-    const std::lock_guard<std::mutex> lock(sOneAtATime);
     Session& here = session();
+    const std::lock_guard<std::mutex> lock(here.oneAtATime);
     const Journal::Turn turn = here.journal.takeTurn(purpose == Purpose::putInForce);
     here.cleanUpOnce();
     work(here);
@@ -74,6 +105,7 @@ void inTurn(Purpose purpose, Work work)
 template <class Work>
 int guarded(const char* function, Work work)
 {
+    const SignalsBlocked untilDone;
     try {
         work();
         return 0;

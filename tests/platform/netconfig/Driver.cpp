@@ -11,7 +11,7 @@ namespace testsupport {
 namespace {
 
 constexpr char systemCalls[] =
-    "mkdir,openat,flock,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,sendmsg,recvmsg";
+    "mkdir,openat,fcntl,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,sendmsg,recvmsg";
 
 }  // namespace
 

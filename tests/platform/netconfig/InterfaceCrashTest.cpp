@@ -50,7 +50,7 @@ TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
     const std::string steps = "add /tmp/first.json add /tmp/second.json delete vpn0";
     const std::map<std::string, int> calls = callsOf(steps);
     expectAllGone();
-    for (const char* needed : {"flock", "fsync", "renameat", "unlinkat", "sendto"}) {
+    for (const char* needed : {"fcntl", "fsync", "renameat", "unlinkat", "sendto"}) {
         ASSERT_EQ(calls.count(needed), 1U) << needed;
     }
     int changed = 0;

@@ -118,7 +118,7 @@ TEST_F(InterfaceFault, AnySystemCallThatFailsLeavesAllOrNothing)
 {
     NEEDS_STRACE();
     const std::vector<std::pair<const char*, const char*>> faults = {
-        {"mkdir", "EROFS"},     {"openat", "EMFILE"},          {"flock", "ENOLCK"},
+        {"mkdir", "EROFS"},     {"openat", "EMFILE"},          {"fcntl", "ENOLCK"},
         {"ftruncate", "EIO"},   {"pwrite64", "EIO"},           {"write", "ENOSPC"},
         {"fsync", "EIO"},       {"renameat", "EIO"},           {"socket", "EMFILE"},
         {"bind", "ENOMEM"},     {"setsockopt", "ENOPROTOOPT"}, {"sendto", "ENOBUFS"},

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "Daemons.h"
 #include "KernelState.h"
 
 using namespace testsupport;
@@ -71,4 +72,31 @@ TEST(LoadTest, AnUnloadedLibraryLeavesItsConfigurationAndTheNextOneTakesItBack)
     ASSERT_EQ(request(handle, "CmDelInterfaceCfg", "nothing0"), 0);
     EXPECT_EQ(networkSnapshot(), before);
     ASSERT_EQ(dlclose(handle), 0);
+}
+
+TEST(LoadTest, AStaticObjectOfTheAgentThatOutlivesThoseOfTheLibraryCanMakeRequests)
+{
+    setenv("VKLOG_TARGET", "stderr", 1);
+    setenv("VKLOG_LEVEL", "4", 1);
+    makeInterface();
+    const std::string before = networkSnapshot();
+    const std::string agent = WFOAL_BUILD_DIR "/bin/lateRequestDriver " + std::string(library);
+    EXPECT_EQ(outputOf(agent + " '" + requestWithRoutes(3) + "' vpn0; echo exit code $?"), "done\nexit code 0\n");
+    EXPECT_EQ(networkSnapshot(), before);
+    EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
+}
+
+TEST(LoadTest, WithTheWatcherOfDnsSettingsRunningAsWell)
+{
+    if (const std::string reason = daemonUnavailable(Daemon::resolved); !reason.empty()) GTEST_SKIP() << reason;
+    const ChildProcess bus = startBus();
+    const ChildProcess resolved = startDaemon(Daemon::resolved);
+    setenv("VKLOG_TARGET", "stderr", 1);
+    setenv("VKLOG_LEVEL", "4", 1);
+    makeInterface();
+    const std::string request = R"({"ifName":"vpn0","ipv4":{"dns":["0x0100080a"]}})";
+    const std::string agent = WFOAL_BUILD_DIR "/bin/lateRequestDriver " + std::string(library);
+    EXPECT_EQ(outputOf("timeout 20 " + agent + " '" + request + "' vpn0; echo exit code $?"), "done\nexit code 0\n");
+    EXPECT_EQ(outputOf(daemonTool("resolvectl") + " dns vpn0").find("10.8.0.1"), std::string::npos);
+    EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }

@@ -18,7 +18,7 @@ bool changesTheWorld(unsigned long long call)
 {
     constexpr unsigned long long calls[] = {
         SYS_openat,  SYS_write,    SYS_pwrite64, SYS_ftruncate, SYS_fsync,   SYS_fdatasync, SYS_renameat, SYS_renameat2,
-        SYS_mkdirat, SYS_unlinkat, SYS_flock,    SYS_sendto,    SYS_sendmsg, SYS_close,     SYS_ioctl,
+        SYS_mkdirat, SYS_unlinkat, SYS_fcntl,    SYS_sendto,    SYS_sendmsg, SYS_close,     SYS_ioctl,
 #ifdef SYS_mkdir
         SYS_mkdir,   SYS_unlink,   SYS_rename,   SYS_open,
 #endif
