@@ -3,57 +3,33 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <optional>
 
+#include "NetlinkAnswer.h"
 #include "RequestError.h"
 
 namespace vknetconfig {
 
 namespace {
 
+using wfoal::NetlinkReceived;
+
 constexpr std::size_t largestMessage = 1024;
 constexpr std::size_t batchSize = std::size_t{64} * 1024;  // well under the smallest usual send buffer
-constexpr std::size_t answerSize = std::size_t{64} * 1024;
 constexpr int receiveBuffer = 4 * 1024 * 1024;
 constexpr int longestSilence = 5000;  // milliseconds; the kernel answers while it is asked
-constexpr int mostAttempts = 10;
+// While addresses change all the time, many dumps in a row may be interrupted.
+constexpr auto longestRepetition = std::chrono::seconds(3);
 
 [[noreturn]] void fail(const std::string& what)
 {
     throw systemError("netlink", what, errno);
-}
-
-enum class Received { bytes, dropped, nothing };
-
-// The next bytes of the kernel. Dropped: it had no room for some answers; what it had room for can still be received.
-Received receive(mnl_socket* socket, std::vector<char>& buffer, int patience, int& count)
-{
-    pollfd waiting{mnl_socket_get_fd(socket), POLLIN, 0};
-    while (true) {
-        const int ready = poll(&waiting, 1, patience);
-        if (ready == 0) return Received::nothing;
-        if (ready < 0 && errno != EINTR) fail("poll");
-        if (ready < 0) continue;
-        count = static_cast<int>(mnl_socket_recvfrom(socket, buffer.data(), buffer.size()));
-        if (count > 0) return Received::bytes;
-        if (count < 0 && errno == ENOBUFS) return Received::dropped;
-        if (count < 0 && errno != EINTR && errno != EAGAIN) fail("receive");
-    }
-}
-
-template <class Visitor>
-void forEachMessage(const std::vector<char>& buffer, int count, Visitor visit)
-{
-    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
-    for (; mnl_nlmsg_ok(message, count); message = mnl_nlmsg_next(message, &count))
-        visit(message);
 }
 
 // The kernel's own words. They follow the error at once, as the request's payload is not echoed.
@@ -70,19 +46,6 @@ std::string kernelText(const nlmsghdr* message)
     };
     mnl_attr_parse(message, sizeof(nlmsgerr), keep, &text);
     return text;
-}
-
-int errorOf(const nlmsghdr* message)
-{
-    if (message->nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) return EBADMSG;
-    return -static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message))->error;
-}
-
-// A dump that failed on the way ends with the reason.
-int errorOfEnd(const nlmsghdr* message)
-{
-    if (message->nlmsg_len < mnl_nlmsg_size(sizeof(int))) return 0;
-    return -*static_cast<const int*>(mnl_nlmsg_get_payload(message));
 }
 
 }  // namespace
@@ -120,52 +83,24 @@ void NetlinkSocket::followNamespace()
 int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit)
 {
     request->nlmsg_flags = static_cast<std::uint16_t>(request->nlmsg_flags | NLM_F_REQUEST);
-    int error = 0;
-    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+    const auto end = std::chrono::steady_clock::now() + longestRepetition;
+    while (true) {
         request->nlmsg_seq = ++mSequence;
         if (mnl_socket_sendto(handle(), request, request->nlmsg_len) < 0) fail("send");
-        // Kept until the answer is known to be whole.
+        // Kept until the answer is known to be whole. Rounded up, as libmnl reads to there.
         std::vector<std::vector<char>> answer;
-        error = receiveAnswer(request->nlmsg_seq, [&](const nlmsghdr* message) {
-            const char* const bytes = reinterpret_cast<const char*>(message);
-            answer.emplace_back(bytes, bytes + message->nlmsg_len);
-        });
-        if (error == EINTR) continue;
+        const int error = wfoal::receiveAnswer(mnl_socket_get_fd(handle()), mDatagram, request->nlmsg_seq,
+                                               [&answer](const nlmsghdr& message) {
+                                                   const char* const bytes = reinterpret_cast<const char*>(&message);
+                                                   answer.emplace_back(bytes, bytes + MNL_ALIGN(message.nlmsg_len));
+                                               });
+        if (error == ETIMEDOUT) throw RequestError("netlink", "the kernel does not answer");
+        if (error == EINTR && std::chrono::steady_clock::now() < end) continue;
+        if (error == EINTR) return error;
         for (const auto& message : answer)
             visit(reinterpret_cast<const nlmsghdr*>(message.data()));
         return error;
     }
-    return error;
-}
-
-int NetlinkSocket::receiveAnswer(std::uint32_t sequence, const std::function<void(const nlmsghdr*)>& visit)
-{
-    std::vector<char> buffer(answerSize);
-    bool isWhole = true;
-    std::optional<int> result;
-    while (!result) {
-        int count = 0;
-        switch (receive(handle(), buffer, isWhole ? longestSilence : 0, count)) {
-        case Received::nothing:
-            if (isWhole) throw RequestError("netlink", "the kernel does not answer");
-            return EINTR;
-        case Received::dropped: isWhole = false; continue;
-        case Received::bytes: break;
-        }
-        forEachMessage(buffer, count, [&](const nlmsghdr* message) {
-            if (message->nlmsg_seq != sequence || result) return;  // or the rest of an answer that was given up
-            if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) isWhole = false;
-            if (message->nlmsg_type == NLMSG_ERROR) {
-                result = errorOf(message);
-            } else if (message->nlmsg_type == NLMSG_DONE) {
-                result = errorOfEnd(message);
-            } else {
-                visit(message);
-                if ((message->nlmsg_flags & NLM_F_MULTI) == 0) result = 0;
-            }
-        });
-    }
-    return *result == 0 && !isWhole ? EINTR : *result;
 }
 
 NetlinkBatch::NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated)
@@ -207,29 +142,28 @@ void NetlinkBatch::send()
     if (mnl_socket_sendto(mSocket.handle(), mBuffer.data(), mUsed) < 0) fail("send");
     mUsed = 0;
     mLast = nullptr;
-    // When answers are dropped, the acknowledgement may be among them; the first error, being the oldest, never is.
-    std::vector<char> buffer(answerSize);
-    bool isDropped = false;
+    // When answers are lost, the acknowledgement may be among them; the first error, being the oldest, never is.
+    bool isLossy = false;
     bool isComplete = false;
     while (!isComplete) {
-        int count = 0;
-        const Received received = receive(mSocket.handle(), buffer, isDropped ? 0 : longestSilence, count);
-        if (received == Received::nothing) break;
-        isDropped = isDropped || received == Received::dropped;
-        if (received == Received::dropped) continue;
-        forEachMessage(buffer, count, [&](const nlmsghdr* message) {
+        const NetlinkReceived received =
+            mSocket.mDatagram.receive(mnl_socket_get_fd(mSocket.handle()), isLossy ? 0 : longestSilence);
+        if (received == NetlinkReceived::failed) fail("receive");
+        if (received == NetlinkReceived::nothing) break;
+        isLossy = isLossy || received == NetlinkReceived::lost;
+        while (const nlmsghdr* message = mSocket.mDatagram.next()) {
             take(message);
             isComplete = isComplete || message->nlmsg_seq == last;
-        });
+        }
     }
-    if (!isComplete && mFailures.empty()) mFailures.push_back({mCount - 1, isDropped ? ENOBUFS : ETIMEDOUT, {}});
+    if (!isComplete && mFailures.empty()) mFailures.push_back({mCount - 1, isLossy ? ENOBUFS : ETIMEDOUT, {}});
 }
 
 void NetlinkBatch::take(const nlmsghdr* message)
 {
     const std::uint32_t index = message->nlmsg_seq - mFirstSequence;
     if (message->nlmsg_type != NLMSG_ERROR || index >= mCount) return;
-    const int error = errorOf(message);
+    const int error = wfoal::errorOf(*message);
     if (error == 0 || std::find(mTolerated.begin(), mTolerated.end(), error) != mTolerated.end()) return;
     mFailures.push_back({index, error, kernelText(message)});
 }

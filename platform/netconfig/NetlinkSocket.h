@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "NetlinkDatagram.h"
 #include "handles/Mnl.h"
 
 namespace vknetconfig {
@@ -34,14 +35,14 @@ public:
     void followNamespace();
 
     /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value; an
-    /// answer that a concurrent change interrupted is asked for again.
+    /// answer that a concurrent change interrupted is asked for again, for some seconds; then the result is EINTR.
     int ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit);
 
 private:
     friend class NetlinkBatch;
-    int receiveAnswer(std::uint32_t sequence, const std::function<void(const nlmsghdr*)>& visit);
 
     MnlSocketPtr mSocket;
+    wfoal::NetlinkDatagram mDatagram;
     ino_t mNamespace = 0;
     std::uint32_t mSequence = 0;
 };

@@ -6,29 +6,9 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <array>
-#include <cerrno>
-
 #include "SnapshotParser.h"
 
 namespace conman {
-
-namespace {
-
-constexpr std::size_t bufferSize = 32768;
-
-bool mayChangeSnapshot(const void* data, std::size_t size)
-{
-    auto* message = static_cast<const nlmsghdr*>(data);
-    auto left = static_cast<int>(size);
-    bool may = false;
-    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
-        may = may || conman::mayChangeSnapshot(*message);
-    }
-    return may;
-}
-
-}  // namespace
 
 NetlinkEvents::~NetlinkEvents()
 {
@@ -53,16 +33,15 @@ bool NetlinkEvents::start(GMainContext* context)
 void NetlinkEvents::receive()
 {
     bool changed = false;
-    for (;;) {
-        alignas(nlmsghdr) std::array<char, bufferSize> buffer;
-        const ssize_t size = mnl_socket_recvfrom(mSocket.get(), buffer.data(), buffer.size());
-        if (size > 0) {
-            changed = changed || mayChangeSnapshot(buffer.data(), static_cast<std::size_t>(size));
-        } else if (size < 0 && errno == ENOBUFS) {
-            changed = true;  // events were lost, so anything may have changed
-        } else if (size == 0 || errno != EINTR) {
+    while (true) {
+        const wfoal::NetlinkReceived received = mDatagram.receive(descriptor(), 0);
+        if (received == wfoal::NetlinkReceived::lost) {
+            changed = true;  // anything may have changed
+        } else if (received != wfoal::NetlinkReceived::datagram) {
             break;
         }
+        while (const nlmsghdr* message = mDatagram.next())
+            changed = changed || mayChangeSnapshot(*message);
     }
     if (changed) mOnChange();
 }

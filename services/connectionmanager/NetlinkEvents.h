@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "NetlinkDatagram.h"
 #include "handles/Glib.h"
 #include "handles/Mnl.h"
 
@@ -32,6 +33,7 @@ public:
 private:
     std::function<void()> mOnChange;
     MnlSocketPtr mSocket;
+    wfoal::NetlinkDatagram mDatagram;
     GSourcePtr mSource;
 };
 

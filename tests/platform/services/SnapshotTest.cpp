@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ForeignNetlink.h"
 #include "NetlinkEvents.h"
 #include "SnapshotParser.h"
 #include "SnapshotReader.h"
@@ -227,6 +228,26 @@ TEST_F(KernelTest, RoutesThatAreNoDefaultRoutesAreNoChange)
     events.receive();
     EXPECT_EQ(0, changes);
     ip("route add default via 10.0.0.1");
+    events.receive();
+    EXPECT_EQ(1, changes);
+}
+
+TEST_F(KernelTest, WhatAnotherProcessSendsIsNoEvent)
+{
+    int changes = 0;
+    NetlinkEvents events([&changes] { ++changes; });
+    const GMainContextPtr context(g_main_context_new());
+    ASSERT_TRUE(events.start(context.get()));
+    events.receive();
+    changes = 0;
+    for (const std::uint32_t length : {16U, 0x80000000U, 0x80000010U, 0xffffffffU}) {
+        const nlmsghdr header{length, RTM_NEWADDR, 0, 0, 0};
+        const std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+        ASSERT_TRUE(testsupport::sendAsForeigner(events.descriptor(), NETLINK_ROUTE, bytes)) << strerror(errno);
+        events.receive();
+        EXPECT_EQ(0, changes) << length;
+    }
+    ip("link set eth0 up");
     events.receive();
     EXPECT_EQ(1, changes);
 }

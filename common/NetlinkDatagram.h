@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One datagram from the kernel, message by message. The one place that judges what a netlink socket yields: datagrams
+// of other processes are dropped, and no length in a message makes a reader leave the datagram.
+#ifndef WFOAL_NETLINKDATAGRAM_H
+#define WFOAL_NETLINKDATAGRAM_H
+
+#include <linux/netlink.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace wfoal {
+
+enum class NetlinkReceived {
+    datagram,
+    lost,     // the kernel had no room for a datagram, or this object has none; later ones can still be received
+    nothing,  // within the given time
+    failed    // `errno` says why
+};
+
+class NetlinkDatagram {
+public:
+    /// `room`: bytes of the longest datagram. The kernel makes its dumps as long as the room, up to 32 KiB.
+    explicit NetlinkDatagram(std::size_t room = std::size_t{32} * 1024);
+
+    /// Takes the next datagram of the kernel; waits for it for at most `patience` milliseconds. What other processes
+    /// have sent is dropped on the way. The socket may be blocking or not.
+    NetlinkReceived receive(int socket, int patience);
+    /// Takes bytes as if they were received; false when they are too many. For tests.
+    bool assign(const void* bytes, std::size_t size);
+
+    /// The next message; null after the last whole one. Aligned, and valid until the next datagram. After it at least
+    /// as many bytes are readable as rounding its length up to a multiple of four makes a reader look at.
+    const nlmsghdr* next();
+
+private:
+    void begin(std::size_t size);
+
+    std::vector<char> mBytes;
+    std::size_t mSize = 0;
+    std::size_t mOffset = 0;  // of the next message
+};
+
+/// The errno value that an NLMSG_ERROR message carries; 0: an acknowledgement.
+int errorOf(const nlmsghdr& message);
+
+}  // namespace wfoal
+
+#endif

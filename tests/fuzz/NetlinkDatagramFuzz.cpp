@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A datagram of netlink, as far as the connection manager reads it.
+#include "NetlinkDatagram.h"
+
+#include "SnapshotParser.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    wfoal::NetlinkDatagram datagram(size);
+    if (!datagram.assign(data, size)) return 0;
+    conman::Snapshot snapshot;
+    while (const nlmsghdr* message = datagram.next()) {
+        conman::mayChangeSnapshot(*message);
+        conman::addToSnapshot(*message, snapshot);
+        if (message->nlmsg_type == NLMSG_ERROR) wfoal::errorOf(*message);
+    }
+    return 0;
+}
