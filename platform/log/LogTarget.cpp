@@ -2,18 +2,15 @@
 #include "LogTarget.h"
 
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
-// The place that sd-journal.h would enter is this file's, never the caller's.
-#define SD_JOURNAL_SUPPRESS_LOCATION
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "Journald.h"
 #include "LogSettings.h"
 #include "handles/CString.h"
 #include "handles/UniqueFd.h"
@@ -22,7 +19,6 @@ namespace vklog {
 
 namespace {
 
-constexpr char journalSocket[] = "/run/systemd/journal/socket";
 constexpr char syslogSocket[] = "/dev/log";
 
 std::string formatted(const char* format, va_list values) __attribute__((format(printf, 1, 0)));
@@ -37,17 +33,6 @@ std::string formatted(const char* format, va_list values)
     while (!message.empty() && message.back() == '\n')
         message.pop_back();
     return message;
-}
-
-// libsystemd reports success when journald is absent, so its socket is looked for first.
-bool toJournal(const std::string& name, int level, const std::string& message)
-{
-    if (access(journalSocket, W_OK) != 0) return false;
-    std::string fields[] = {"MESSAGE=" + message, "PRIORITY=" + std::to_string(level), "SYSLOG_IDENTIFIER=" + name};
-    iovec parts[] = {{fields[0].data(), fields[0].size()},
-                     {fields[1].data(), fields[1].size()},
-                     {fields[2].data(), fields[2].size()}};
-    return sd_journal_sendv(parts, 3) == 0;
 }
 
 // Not through syslog(3): its ident is the whole process's, and the process is the agent's.
@@ -69,7 +54,9 @@ bool toSyslog(const std::string& name, int level, const std::string& message)
 void print(const char* name, int level, const char* format, va_list values)
 {
     const std::string message = formatted(format, values);
-    if (!stderrRequested() && (toJournal(name, level, message) || toSyslog(name, level, message))) return;
+    if (!stderrRequested()) {
+        if (toJournald(name, level, message) == Handover::done || toSyslog(name, level, message)) return;
+    }
     // One write, so that lines of several threads do not mix.
     const std::string line = std::string(name) + "[" + std::to_string(level) + "]: " + message + "\n";
     static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));

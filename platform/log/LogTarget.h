@@ -9,7 +9,7 @@
 namespace vklog {
 
 /// Writes one message to the log of this machine under the ident `name`. Thread-safe. What no daemon takes
-/// goes to stderr. Throws std::bad_alloc only.
+/// goes to stderr; what journald is too slow for is dropped and counted. Throws std::bad_alloc only.
 void print(const char* name, int level, const char* format, va_list values) __attribute__((format(printf, 3, 0)));
 
 }  // namespace vklog

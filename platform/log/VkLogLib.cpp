@@ -5,14 +5,13 @@
 // daemons. Contexts are made once a name and live until the library is unloaded.
 #include "VkLogLib.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "LogSettings.h"
 #include "LogTarget.h"
@@ -20,39 +19,43 @@
 struct NamedContext {
     VkLogContext head;  // first, so that a pointer to it is a pointer to the whole
     std::string name;
+    NamedContext* next;  // older than this one
 };
 
 namespace {
 
-using Contexts = std::vector<std::unique_ptr<NamedContext>>;
-
-std::mutex sContextsLock;
-Contexts* spContexts = nullptr;  // made at the first call
+// A list that only grows, so that it needs no lock: a child of fork would find that taken for ever if another thread of
+// its parent held it.
+std::atomic<NamedContext*> spNewest{nullptr};
 
 // Released by a hook of this library, not by a static object's destructor: at the end of the process those run before
 // the unload hooks of the libraries above this one, which still log.
 __attribute__((destructor)) void releaseContexts()
 {
-    delete std::exchange(spContexts, nullptr);
+    NamedContext* context = spNewest.exchange(nullptr);
+    while (context != nullptr)
+        delete std::exchange(context, context->next);
 }
 
-VkLogContext* findContext(const char* name)
+NamedContext* findContext(NamedContext* newest, const char* name)
 {
-    if (spContexts == nullptr) return nullptr;
-    for (const auto& known : *spContexts) {
-        if (known->name == name) return &known->head;
+    NamedContext* context = newest;
+    while (context != nullptr && context->name != name)
+        context = context->next;
+    return context;
+}
+
+VkLogContext* contextNamed(const char* name)
+{
+    NamedContext* newest = spNewest.load();
+    if (NamedContext* const known = findContext(newest, name)) return &known->head;
+    auto made = std::make_unique<NamedContext>(NamedContext{{vklog::levelFromEnvironment()}, name, newest});
+    while (!spNewest.compare_exchange_weak(newest, made.get())) {
+        // Another thread was faster, maybe with the same name.
+        if (NamedContext* const known = findContext(newest, name)) return &known->head;
+        made->next = newest;
     }
-    return nullptr;
-}
-
-VkLogContext* makeContext(const char* name)
-{
-    if (spContexts == nullptr) spContexts = new Contexts;
-    auto made = std::make_unique<NamedContext>();
-    made->head.level = vklog::levelFromEnvironment();
-    made->name = name;
-    spContexts->push_back(std::move(made));
-    return &spContexts->back()->head;
+    return &made.release()->head;
 }
 
 const char* nameOf(const VkLogContext* context)
@@ -67,9 +70,7 @@ extern "C" int VkLogGetContext(const char* name, VkLogContext** context)
 {
     if (name == nullptr || context == nullptr) return EINVAL;
     try {
-        const std::lock_guard<std::mutex> lock(sContextsLock);
-        VkLogContext* known = findContext(name);
-        *context = known != nullptr ? known : makeContext(name);
+        *context = contextNamed(name);
         return 0;
     } catch (const std::exception&) {
         return ENOMEM;

@@ -5,12 +5,17 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "LogCapture.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -137,6 +142,54 @@ TEST_F(LogTargetTest, FullSyslogSocketDoesNotBlock)
         print("a", 6, "message %d", i);  // nobody reads
     EXPECT_NE("", syslog.receive());
     EXPECT_THAT(errors.text(), testing::HasSubstr("a[6]: message 2999\n"));
+}
+
+TEST_F(LogTargetTest, JournalThatDoesNotReadIsWaitedForOnceAndToldWhatWasDropped)
+{
+    const PrivateDevFolder dev;
+    DatagramDaemon journal(journalSocket);
+    const StderrCapture errors;
+    const auto begin = std::chrono::steady_clock::now();
+    constexpr int count = 3000;  // longer than any usual queue of a socket
+    for (int i = 0; i < count; ++i)
+        print("a", 6, "message %d", i);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+    int taken = 0;
+    for (std::string entry = journal.receive(); !entry.empty(); entry = journal.receive())
+        EXPECT_EQ("MESSAGE=message " + std::to_string(taken++) + "\nPRIORITY=6\nSYSLOG_IDENTIFIER=a\n", entry);
+    ASSERT_LT(taken, count);
+    print("b", 6, "next");
+    EXPECT_EQ("MESSAGE=" + std::to_string(count - taken) +
+                  " messages dropped: journald did not read them\nPRIORITY=4\nSYSLOG_IDENTIFIER=b\n",
+              journal.receive());
+    EXPECT_EQ("MESSAGE=next\nPRIORITY=6\nSYSLOG_IDENTIFIER=b\n", journal.receive());
+    EXPECT_EQ("", journal.receive());
+    EXPECT_EQ("", errors.text());
+}
+
+TEST_F(LogTargetTest, JournalThatReadsLaterThanItsQueueIsFullLosesNothing)
+{
+    DatagramDaemon journal(journalSocket);
+    constexpr int count = 100;  // the queue of a new network namespace holds 11
+    std::atomic<bool> isWritten{false};
+    std::vector<std::string> entries;
+    std::thread reader([&] {
+        while (true) {
+            const bool isLast = isWritten;
+            std::string entry = journal.receive();
+            if (entry.empty() && isLast) break;
+            if (!entry.empty()) entries.push_back(std::move(entry));
+        }
+    });
+    for (int i = 0; i < count; ++i)
+        print("a", 6, "message %d", i);
+    isWritten = true;
+    reader.join();
+    ASSERT_EQ(static_cast<std::size_t>(count), entries.size());
+    for (int i = 0; i < count; ++i) {
+        const std::string wanted = "MESSAGE=message " + std::to_string(i) + "\nPRIORITY=6\nSYSLOG_IDENTIFIER=a\n";
+        EXPECT_EQ(wanted, entries[static_cast<std::size_t>(i)]);
+    }
 }
 
 TEST_F(LogTargetTest, TrailingLineBreaksAreTakenOff)

@@ -3,7 +3,10 @@
 // What can go wrong below a request: each must be reported, leave the network as it was, and crash nothing.
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +18,7 @@
 #include "Isolation.h"
 #include "KernelState.h"
 #include "VkNetConfigLib.h"
+#include "handles/UniqueFd.h"
 
 using namespace testsupport;
 using testing::AnyOf;
@@ -84,6 +88,19 @@ TEST_F(InterfaceFault, AJournalFolderThatCannotBeWrittenIsReported)
               "vknetconfig[3]: CmAddInterfaceCfg2: journal: open /run/vknetconfig/turn: Read-only file system\n");
     EXPECT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     EXPECT_EQ(networkSnapshot(), mBefore);
+}
+
+TEST_F(InterfaceFault, AJournaldThatDoesNotReadHoldsNoRequestUp)
+{
+    std::filesystem::create_directories("/run/systemd/journal");
+    const UniqueFd journald(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un place{AF_UNIX, "/run/systemd/journal/socket"};
+    ASSERT_EQ(bind(journald.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place), 0);
+    unsetenv("VKLOG_TARGET");
+    const auto begin = std::chrono::steady_clock::now();
+    for (int round = 0; round < 1000; ++round)
+        EXPECT_NE(CmDelInterfaceCfg("a name that is too long"), 0);  // one line each
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST_F(InterfaceFault, WithoutTheRightToChangeTheNetworkItIsReported)

@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Journald.h"
+
+#include <endian.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "handles/UniqueFd.h"
+
+namespace vklog {
+
+namespace {
+
+constexpr char journalSocket[] = "/run/systemd/journal/socket";
+constexpr int warning = 4;
+
+std::atomic<unsigned> sDropped{0};  // and not told yet
+std::atomic<bool> sStalled{false};  // somebody has waited in vain since journald last took a message
+
+enum class Sent { taken, full, absent };
+
+// "NAME=value", or with its length before it when it has several lines, so that it cannot pass for another field.
+void appendField(std::string& entry, std::string_view name, std::string_view value)
+{
+    entry += name;
+    if (value.find('\n') == std::string_view::npos) {
+        entry += '=';
+    } else {
+        const std::uint64_t length = htole64(value.size());
+        entry += '\n';
+        entry.append(reinterpret_cast<const char*>(&length), sizeof length);
+    }
+    entry += value;
+    entry += '\n';
+}
+
+// A socket for each message: one that is kept could be closed by an agent that closes all it does not know.
+UniqueFd connected()
+{
+    UniqueFd socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, journalSocket, sizeof journalSocket);
+    if (!socketFd.valid() ||
+        connect(socketFd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        socketFd.reset();
+    }
+    return socketFd;
+}
+
+// What is too long for one datagram goes in a file in memory, which can no longer be changed.
+UniqueFd sealedFile(std::string_view entry)
+{
+    UniqueFd file(memfd_create("vklog", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    while (file.valid() && !entry.empty()) {
+        const ssize_t count = write(file.get(), entry.data(), entry.size());
+        if (count > 0) {
+            entry.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            file.reset();
+        }
+    }
+    constexpr int all = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+    if (file.valid() && fcntl(file.get(), F_ADD_SEALS, all) != 0) file.reset();
+    return file;
+}
+
+ssize_t sendFile(int socketFd, int file)
+{
+    alignas(cmsghdr) char space[CMSG_SPACE(sizeof file)] = {};
+    msghdr message{};
+    message.msg_control = space;
+    message.msg_controllen = sizeof space;
+    cmsghdr* const attached = CMSG_FIRSTHDR(&message);
+    attached->cmsg_level = SOL_SOCKET;
+    attached->cmsg_type = SCM_RIGHTS;
+    attached->cmsg_len = CMSG_LEN(sizeof file);
+    std::memcpy(CMSG_DATA(attached), &file, sizeof file);
+    return sendmsg(socketFd, &message, MSG_NOSIGNAL);
+}
+
+// Calls `send` until it is no longer interrupted, nor refused for lack of room while there is patience left.
+template <class Send>
+bool sendPatiently(int socketFd, Send send)
+{
+    const auto end = std::chrono::steady_clock::now() + journaldPatience;
+    while (send() < 0) {
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN || sStalled) return false;
+        using std::chrono::milliseconds;
+        const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now()).count();
+        pollfd room{socketFd, POLLOUT, 0};
+        if (left <= 0 || poll(&room, 1, static_cast<int>(left)) == 0) {
+            sStalled = true;
+            errno = EAGAIN;
+            return false;
+        }
+    }
+    sStalled = false;
+    return true;
+}
+
+Sent sendEntry(const std::string& entry)
+{
+    const UniqueFd socketFd = connected();
+    if (!socketFd.valid()) return Sent::absent;
+    const int target = socketFd.get();
+    if (sendPatiently(target, [&] { return send(target, entry.data(), entry.size(), MSG_NOSIGNAL); })) {
+        return Sent::taken;
+    }
+    if (errno == EMSGSIZE || errno == ENOBUFS) {
+        const UniqueFd file = sealedFile(entry);
+        if (file.valid() && sendPatiently(target, [&] { return sendFile(target, file.get()); })) return Sent::taken;
+    }
+    return errno == EAGAIN ? Sent::full : Sent::absent;
+}
+
+Sent sendMessage(const std::string& name, int level, const std::string& message)
+{
+    std::string entry;
+    entry.reserve(message.size() + name.size() + 64);
+    appendField(entry, "MESSAGE", message);
+    appendField(entry, "PRIORITY", std::to_string(level));
+    appendField(entry, "SYSLOG_IDENTIFIER", name);
+    return sendEntry(entry);
+}
+
+// Tells how much was dropped; when there is no room for that either, it is still to be told.
+void tellDropped(const std::string& name)
+{
+    const unsigned count = sDropped.exchange(0);
+    if (count == 0) return;
+    const std::string text = std::to_string(count) + " messages dropped: journald did not read them";
+    if (sendMessage(name, warning, text) != Sent::taken) sDropped += count;
+}
+
+}  // namespace
+
+Handover toJournald(const std::string& name, int level, const std::string& message)
+{
+    tellDropped(name);
+    switch (sendMessage(name, level, message)) {
+    case Sent::taken: break;
+    case Sent::full: ++sDropped; break;
+    case Sent::absent: return Handover::absent;
+    }
+    return Handover::done;
+}
+
+}  // namespace vklog
