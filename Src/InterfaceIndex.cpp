@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "Log.h"
 #include "handles/UniqueFd.h"
@@ -37,18 +38,21 @@ ifreq requestFor(const std::string& name)
     return request;
 }
 
-const std::string& InterfaceNameCache::nameOf(unsigned index)
+std::string InterfaceNameCache::nameOf(unsigned index)
 {
-    if (mLastName != nullptr && mLastIndex == index) return *mLastName;
-    auto found = mNames.find(index);
-    if (found == mNames.end()) {
-        char name[IF_NAMESIZE + 1] = {};
-        if_indextoname(index, name);
-        found = mNames.emplace(index, name).first;
-    }
+    if (mHasLast && mLastIndex == index) return mLastName;
+    mHasLast = true;
     mLastIndex = index;
-    mLastName = &found->second;
-    return found->second;
+    const auto found = mNames.find(index);
+    if (found != mNames.end()) return mLastName = found->second;
+    char name[IF_NAMESIZE + 1] = {};
+    if_indextoname(index, name);
+    mLastName = name;  // short enough to need no memory
+    try {
+        mNames.emplace(index, mLastName);
+    } catch (const std::bad_alloc&) {
+    }
+    return mLastName;
 }
 
 }  // namespace wfoal

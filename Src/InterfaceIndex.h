@@ -21,13 +21,14 @@ ifreq requestFor(const std::string& name);
 /// as long as one call: names change.
 class InterfaceNameCache {
 public:
-    /// Valid as long as the cache.
-    const std::string& nameOf(unsigned index);
+    /// Never fails: what cannot be remembered is looked up again.
+    std::string nameOf(unsigned index);
 
 private:
     std::unordered_map<unsigned, std::string> mNames;
     unsigned mLastIndex = 0;
-    const std::string* mLastName = nullptr;
+    std::string mLastName;
+    bool mHasLast = false;
 };
 
 }  // namespace wfoal

@@ -7,6 +7,8 @@
 
 #include <glib.h>
 
+#include <memory>
+
 #include "RouteInfo.h"
 #include "handles/UniqueFd.h"
 
@@ -49,6 +51,11 @@ private:
 
 /// Frees the list that a dump returned, but not the records in it.
 void releaseRoutingTableList(GPtrArray* routes);
+
+struct RoutingTableListReleaser {
+    void operator()(GPtrArray* routes) const { releaseRoutingTableList(routes); }
+};
+using RoutingTableListPtr = std::unique_ptr<GPtrArray, RoutingTableListReleaser>;
 
 /// The one reader. Its port id is the process id, so there cannot be a second one.
 extern NetLinkHelper sNlHelper;

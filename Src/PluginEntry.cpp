@@ -4,6 +4,7 @@
 // is loaded and unloaded.
 #include <cstring>
 #include <iterator>
+#include <new>
 
 #include "CertificateInterface.h"
 #include "EventThread.h"
@@ -36,27 +37,27 @@ namespace {
 Plugin* createSystemInterface()
 {
     startQuorIpcHandling();
-    auto* object = new SystemInterface;
-    setSystemIfObject(object);
+    auto* object = new (std::nothrow) SystemInterface;
+    if (object != nullptr) setSystemIfObject(object);
     return object;
 }
 
 Plugin* createCertificateInterface()
 {
-    return new CertificateInterface;
+    return new (std::nothrow) CertificateInterface;
 }
 
 Plugin* createSocketInterface()
 {
     startQuorIpcHandling();
-    auto* object = new SocketInterface;
-    setSocketIfObject(object);
+    auto* object = new (std::nothrow) SocketInterface;
+    if (object != nullptr) setSocketIfObject(object);
     return object;
 }
 
 Plugin* createStorageInterface()
 {
-    return new StorageInterface;
+    return new (std::nothrow) StorageInterface;
 }
 
 struct Factory {

@@ -40,7 +40,8 @@ PluginResult SocketInterface::GetPreferredInterface(unsigned int& size, char* bu
         size = static_cast<unsigned int>(name.size() + 1);
         return PLUGIN_BUFFER_TOO_SMALL;
     }
-    if (size == 0) return PLUGIN_SUCCESS;
+    if (buffer == nullptr && !name.empty()) size = static_cast<unsigned int>(name.size() + 1);
+    if (buffer == nullptr || size == 0) return PLUGIN_SUCCESS;
     std::memset(buffer, 0, size);
     std::memcpy(buffer, name.data(), name.size());
     return PLUGIN_SUCCESS;
@@ -93,13 +94,12 @@ std::string& SocketInterface::getBoundInterface()
 std::string SocketInterface::getBestInterfaceId()
 {
     std::string name;
-    if (GPtrArray* routes = sNlHelper.getRoutingTableList()) {
+    if (const RoutingTableListPtr routes{sNlHelper.getRoutingTableList()}) {
         WFOAL_DEBUG("%s: Number of Routes got from the Routing Table: %d", __func__, routes->len);
         const auto* records = reinterpret_cast<const RouteInfo* const*>(routes->pdata);
         name = wfoal::chooseInterface(records, routes->len, [](std::uint32_t index) {
                    return getIfNameFromIndex(static_cast<int>(index));
                }).name;
-        releaseRoutingTableList(routes);
     }
     WFOAL_DEBUG("%s: Best Interface %s", __func__, name.empty() ? "<none>" : name.c_str());
     return name;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
 
 #include "InterfaceCommon.h"
@@ -64,7 +65,7 @@ PluginResult StorageInterface::GetLastErrorString(char*, unsigned int)
 
 PluginResult StorageInterface::SaveFile(KEST_FileLocation location, const char* name, const unsigned char* data,
                                         unsigned int length)
-{
+try {
     if (name == nullptr) return PLUGIN_FAILURE;
     const std::string path = wfoal::storagePath(location, name);
     UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fileMode));
@@ -76,11 +77,14 @@ PluginResult StorageInterface::SaveFile(KEST_FileLocation location, const char* 
         return PLUGIN_FAILURE;
     }
     return PLUGIN_SUCCESS;
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", __func__);
+    return PLUGIN_FAILURE;
 }
 
 PluginResult StorageInterface::LoadFile(KEST_FileLocation location, const char* name, unsigned char* buffer,
                                         unsigned int& size)
-{
+try {
     // Wording and level are what agents' logs have always shown.
     WFOAL_ERROR("%s: StorageExample::LoadFile called with location %s and filename %s", __func__,
                 wfoal::locationToStr(location), name);
@@ -118,10 +122,16 @@ PluginResult StorageInterface::LoadFile(KEST_FileLocation location, const char* 
     // that has gone meanwhile is reported with the size it had.
     size = wfoal::fileStatus(path.c_str(), status) ? static_cast<unsigned int>(status.st_size) : fileSize;
     return PLUGIN_BUFFER_TOO_SMALL;
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", __func__);
+    return PLUGIN_FAILURE;
 }
 
 PluginResult StorageInterface::DeleteFile(KEST_FileLocation location, const char* name)
-{
+try {
     if (name == nullptr) return PLUGIN_FAILURE;
     return ::unlink(wfoal::storagePath(location, name).c_str()) == 0 ? PLUGIN_SUCCESS : PLUGIN_FAILURE;
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", __func__);
+    return PLUGIN_FAILURE;
 }

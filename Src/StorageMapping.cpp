@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include "Log.h"
@@ -28,7 +29,7 @@ int openForMapping(const char* path)
 
 PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation location, const char* name, void*& address,
                                              unsigned int& size)
-{
+try {
     if (name == nullptr) return PLUGIN_FAILURE;
     const std::string path = wfoal::storagePath(location, name);
     // The open file tells its status without a second walk along the path; one that does not open is looked at by path,
@@ -51,9 +52,19 @@ PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation location, const c
         WFOAL_ERROR("%s: mmap failed", __func__);
         return PLUGIN_FAILURE;
     }
+    try {
+        mMappings[address] = fileSize;
+    } catch (const std::bad_alloc&) {
+        // A mapping whose length is forgotten could not be unmapped.
+        ::munmap(address, fileSize);
+        address = MAP_FAILED;
+        throw;
+    }
     size = fileSize;
-    mMappings[address] = fileSize;
     return PLUGIN_SUCCESS;
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", __func__);
+    return PLUGIN_FAILURE;
 }
 
 PluginResult StorageInterface::SimpleUnmapFile(void* address)
@@ -74,7 +85,7 @@ PluginResult StorageInterface::SimpleUnmapFile(void* address)
 
 PluginResult StorageInterface::SimpleStat(KEST_FileLocation location, const char* name,
                                           KEST_FileInformation& information)
-{
+try {
     if (name == nullptr) return PLUGIN_FAILURE;
     struct stat status;
     if (!wfoal::fileStatus(wfoal::storagePath(location, name).c_str(), status)) return PLUGIN_FAILURE;
@@ -82,4 +93,7 @@ PluginResult StorageInterface::SimpleStat(KEST_FileLocation location, const char
     if (S_ISDIR(status.st_mode)) information.flags |= KEST_FILE_DIRECTORY;
     information.size = status.st_size;
     return PLUGIN_SUCCESS;
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", __func__);
+    return PLUGIN_FAILURE;
 }

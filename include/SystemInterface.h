@@ -62,10 +62,11 @@ private:
     void resetJsonObjects();
     void resetJsonFirewallObject();
     void deleteFirewallSettings();
-    void addInterfaceInfoToJson();
-    void addAddressToJson(json_object* target, const char* key, in_addr address, bool isArray);
-    void addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted);
-    json_object* dnsDomainArray();
+    bool addInterfaceInfoToJson();
+    bool addAddressToJson(json_object* target, const char* key, in_addr address, bool isArray);
+    bool addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted);
+    void addDnsDomain(const char* function, const char* domain);
+    void requestIsIncomplete(const char* function);
     void saveDataForRecovery();
     PluginResult listInterfaces(const char* function, unsigned int& count, KEST_NetworkInterface** interfaces);
     bool isInterfaceValidForVpnToUse(int socket, ifreq& entry);
@@ -78,6 +79,7 @@ private:
     JsonPtr mpFirewallObj;                 // the packet-filter request being built
     bool mbConfigApplied = false;
     std::atomic<KEST_SystemPluginCB*> mpSystemPluginCB{nullptr};  // the agent's
+    bool mbIncomplete = false;  // a part of the pending requests was lost for want of memory: they are not applied
 };
 
 #endif

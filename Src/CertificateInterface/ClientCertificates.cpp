@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <new>
 
 #include "CertElement.h"
 #include "CertificateInterface.h"
@@ -42,7 +43,7 @@ X509Ptr readCertificate(const std::string& path)
 // The certificate of a directory entry, when it is one and its key file is there. Whether the key fits shows when it
 // is used.
 X509Ptr usableCertificate(const char* name, std::string& keyPath)
-{
+try {
     if (!isCertificateFileName(name)) return nullptr;
     const std::string path = std::string(certificateDirectory) + name;
     keyPath = std::string(privateKeyPrefix) + name;
@@ -53,6 +54,9 @@ X509Ptr usableCertificate(const char* name, std::string& keyPath)
     }
     WFOAL_DEBUG("%s: KeyFile Path: %s", enumerateFunction, keyPath.c_str());
     return readCertificate(path);
+} catch (const std::bad_alloc&) {
+    WFOAL_ERROR("%s: error: out of memory", enumerateFunction);
+    return nullptr;
 }
 
 ClientCertHandle* makeHandle(X509* certificate, const std::string& keyPath)
@@ -61,6 +65,9 @@ ClientCertHandle* makeHandle(X509* certificate, const std::string& keyPath)
         return new CertElement(certificate, keyPath);
     } catch (const char* reason) {
         WFOAL_ERROR("%s: skipping the certificate of key %s: %s", enumerateFunction, keyPath.c_str(), reason);
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        WFOAL_ERROR("%s: error: out of memory", enumerateFunction);
         return nullptr;
     }
 }

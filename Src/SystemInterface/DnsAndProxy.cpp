@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include "Assertion.h"
+#include "JsonFields.h"
 #include "Log.h"
 #include "SystemInterface.h"
 
@@ -13,11 +14,14 @@ PluginResult SystemInterface::SetDNSServers(const char** servers)
     if (mpIpv4Obj == nullptr || servers == nullptr) return PLUGIN_SUCCESS;
 
     json_object* addresses = json_object_new_array();
-    json_object_object_add(mpIpv4Obj, "dns", addresses);
+    if (!wfoal::addField(mpIpv4Obj, "dns", addresses)) {
+        requestIsIncomplete(__func__);
+        return PLUGIN_SUCCESS;
+    }
     for (; *servers != nullptr; ++servers) {
         in_addr address{};
         if (inet_pton(AF_INET, *servers, &address) == 1) {
-            addAddressToJson(addresses, "DNS", address, true);
+            if (!addAddressToJson(addresses, "DNS", address, true)) mbIncomplete = true;
         } else {
             WFOAL_ERROR("SystemInterface::%s: invalid DNS server %s", __func__, *servers);
         }
@@ -25,14 +29,15 @@ PluginResult SystemInterface::SetDNSServers(const char** servers)
     return PLUGIN_SUCCESS;
 }
 
-json_object* SystemInterface::dnsDomainArray()
+void SystemInterface::addDnsDomain(const char* function, const char* domain)
 {
     json_object* domains = nullptr;
     if (!json_object_object_get_ex(mpNetIfObj.get(), "domainsOnIfDns", &domains)) {
         domains = json_object_new_array();
-        json_object_object_add(mpNetIfObj.get(), "domainsOnIfDns", domains);
+        if (!wfoal::addField(mpNetIfObj.get(), "domainsOnIfDns", domains)) domains = nullptr;
     }
-    return domains;
+    if (domain == nullptr) return;
+    if (!wfoal::addElement(domains, json_object_new_string(domain))) requestIsIncomplete(function);
 }
 
 PluginResult SystemInterface::SetDNSDomain(const char* domain)
@@ -40,7 +45,7 @@ PluginResult SystemInterface::SetDNSDomain(const char* domain)
     WFOAL_DEBUG("SystemInterface::%s: SetDNSDomain Domain(%s)", __func__, domain != nullptr ? domain : "<NULL>");
     if (domain == nullptr) return PLUGIN_SUCCESS;
     WFOAL_ASSERT("Src/SystemInterface", __LINE__, mpNetIfObj);
-    json_object_array_add(dnsDomainArray(), json_object_new_string(domain));
+    addDnsDomain(__func__, domain);
     return PLUGIN_SUCCESS;
 }
 
@@ -53,10 +58,10 @@ PluginResult SystemInterface::SetSplitDNSDomains(const char** domains)
         return PLUGIN_FAILURE;
     }
     WFOAL_ASSERT("Src/SystemInterface", __LINE__, mpNetIfObj);
-    json_object* array = dnsDomainArray();
+    addDnsDomain(__func__, nullptr);  // an empty list leaves an empty array
     for (int i = 0; domains[i] != nullptr; ++i) {
         WFOAL_DEBUG("SystemInterface::%s: Split DNS Domain[%d]: %s", __func__, i, domains[i]);
-        json_object_array_add(array, json_object_new_string(domains[i]));
+        addDnsDomain(__func__, domains[i]);
     }
     return PLUGIN_SUCCESS;
 }

@@ -56,8 +56,8 @@ bool SystemInterface::isInterfaceValidForVpnToUse(int socket, ifreq& entry)
 // interface only has to begin with the asked one.
 bool SystemInterface::getDefaultGatewayAddress(const char* interfaceName, std::string& gateway)
 {
-    GPtrArray* routes = sNlHelper.getRoutingTableList();
-    if (routes == nullptr) return false;
+    const RoutingTableListPtr routes(sNlHelper.getRoutingTableList());
+    if (!routes) return false;
     bool found = false;
     for (guint i = routes->len; i > 0; --i) {
         const auto& route = *static_cast<const RouteInfo*>(routes->pdata[i - 1]);
@@ -68,7 +68,6 @@ bool SystemInterface::getDefaultGatewayAddress(const char* interfaceName, std::s
         WFOAL_DEBUG("SystemInterface::%s: For %s found default gateway of %s", __func__, interfaceName,
                     gateway.c_str());
     }
-    releaseRoutingTableList(routes);
     return found;
 }
 

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Packet-filter rules: collected as they come, in one named chain that is replaced at every apply.
+#include <new>
 #include <string>
 
+#include "JsonFields.h"
 #include "Log.h"
 #include "SystemInterface.h"
 #include "VkNetConfigLib.h"
@@ -12,22 +14,24 @@ namespace {
 constexpr char filterLabel[] = "vpn.vpnoal";
 constexpr char filterChain[] = "NORVA";
 
-void addText(json_object* object, const char* key, const char* text)
+using wfoal::addElement;
+using wfoal::addField;
+using wfoal::addText;
+
+bool addAddress(json_object* rule, const char* key, const char* address, const char* mask)
 {
-    json_object_object_add(object, key, json_object_new_string(text));
+    if (address == nullptr) return true;
+    if (mask == nullptr) return addText(rule, key, address);
+    try {
+        return addText(rule, key, std::string(address).append("/").append(mask).c_str());
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
-void addAddress(json_object* rule, const char* key, const char* address, const char* mask)
+bool addPort(json_object* rule, const char* key, unsigned short port)
 {
-    if (address == nullptr) return;
-    std::string text(address);
-    if (mask != nullptr) text.append("/").append(mask);
-    addText(rule, key, text.c_str());
-}
-
-void addPort(json_object* rule, const char* key, unsigned short port)
-{
-    if (port != 0) json_object_object_add(rule, key, json_object_new_int(port));
+    return port == 0 || addField(rule, key, json_object_new_int(port));
 }
 
 const char* protocolName(KEST_FilterProtocol protocol)
@@ -54,38 +58,41 @@ PluginResult SystemInterface::SetPacketFilterRule(const char* sourceAddress, con
         return PLUGIN_SUCCESS;
     }
 
-    json_object* rule = json_object_new_object();
-    addText(rule, "operation", "append");
-    addAddress(rule, "source", sourceAddress, sourceMask);
-    addAddress(rule, "destination", destinationAddress, destinationMask);
-    if (const char* name = protocolName(protocol)) addText(rule, "protocol", name);
+    JsonPtr rule(json_object_new_object());
+    bool whole = addText(rule.get(), "operation", "append");
+    whole = whole && addAddress(rule.get(), "source", sourceAddress, sourceMask);
+    whole = whole && addAddress(rule.get(), "destination", destinationAddress, destinationMask);
+    if (const char* name = protocolName(protocol)) whole = whole && addText(rule.get(), "protocol", name);
     if (direction != FILTER_DIRECTION_BOTH && interfaceName != nullptr) {
-        addText(rule, "interfaceName", interfaceName);
-        addText(rule, "interfaceDirection", direction == FILTER_DIRECTION_IN ? "in" : "out");
+        whole = whole && addText(rule.get(), "interfaceName", interfaceName);
+        whole = whole && addText(rule.get(), "interfaceDirection", direction == FILTER_DIRECTION_IN ? "in" : "out");
     }
-    addPort(rule, "sourcePort", sourcePort);
-    addPort(rule, "destinationPort", destinationPort);
-    addText(rule, "jumpTo", action == FILTER_ACTION_ACCEPT ? "ACCEPT" : "DROP");
+    whole = whole && addPort(rule.get(), "sourcePort", sourcePort);
+    whole = whole && addPort(rule.get(), "destinationPort", destinationPort);
+    whole = whole && addText(rule.get(), "jumpTo", action == FILTER_ACTION_ACCEPT ? "ACCEPT" : "DROP");
 
-    json_object_array_add(rules, rule);
-    WFOAL_DEBUG("SystemInterface::%s Adding Firewall Rule %s", __func__, json_object_to_json_string(rule));
+    json_object* borrowed = rule.get();
+    if (!whole || !addElement(rules, rule.release())) {
+        requestIsIncomplete(__func__);
+        return PLUGIN_SUCCESS;
+    }
+    WFOAL_DEBUG("SystemInterface::%s Adding Firewall Rule %s", __func__, json_object_to_json_string(borrowed));
     return PLUGIN_SUCCESS;
 }
 
 void SystemInterface::resetJsonFirewallObject()
 {
     mpFirewallObj.reset(json_object_new_object());
-    addText(mpFirewallObj.get(), "label", filterLabel);
-    addText(mpFirewallObj.get(), "chainNew", filterChain);
-    json_object_object_add(mpFirewallObj.get(), "rules", json_object_new_array());
+    if (!addText(mpFirewallObj.get(), "label", filterLabel) || !addText(mpFirewallObj.get(), "chainNew", filterChain) ||
+        !addField(mpFirewallObj.get(), "rules", json_object_new_array())) {
+        requestIsIncomplete(__func__);
+    }
 }
 
 void SystemInterface::deleteFirewallSettings()
 {
-    const JsonPtr request(json_object_new_object());
-    addText(request.get(), "label", filterLabel);
-    addText(request.get(), "chainDelete", filterChain);
-    const char* text = json_object_to_json_string(request.get());
+    // Written out: it is needed most when there is no memory left for anything else.
+    static const char text[] = R"({ "label": "vpn.vpnoal", "chainDelete": "NORVA" })";
     WFOAL_DEBUG("SystemInterface::%s called!! Sending to Fw Ctrl %s", __func__, text);
     VkFirewallFullCtrl(text);
 }

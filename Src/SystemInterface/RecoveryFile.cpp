@@ -2,6 +2,7 @@
 //
 // The small file that tells whoever cleans up after a crash which interface was brought up, and by which agent.
 // Nothing here reads or removes it.
+#include "JsonFields.h"
 #include "Log.h"
 #include "SystemInterface.h"
 #include "handles/Stdio.h"
@@ -23,14 +24,14 @@ void SystemInterface::saveDataForRecovery()
     }
     WFOAL_DEBUG("%s: recovery file opened", __func__);
     const JsonPtr data(json_object_new_object());
-    if (!data) {
+    const bool isWhole = wfoal::addText(data.get(), "ifName", tunnelInterfaceName) &&
+                         wfoal::addText(data.get(), "vpnAgentGuid", agentGuid);
+    const char* text = isWhole ? wfoal::completeText(data.get()) : nullptr;
+    if (text == nullptr) {
         WFOAL_ERROR("%s: Couldn't create json object", __func__);
         return;
     }
-    json_object_object_add(data.get(), "ifName", json_object_new_string(tunnelInterfaceName));
-    json_object_object_add(data.get(), "vpnAgentGuid", json_object_new_string(agentGuid));
-    const char* text = json_object_to_json_string(data.get());
     WFOAL_DEBUG("%s: Writing interface data to the recovery file: %s", __func__, text);
     // A disk that is full is not reported: whoever reads the file takes what is there.
-    if (text != nullptr) static_cast<void>(std::fputs(text, file.get()));
+    static_cast<void>(std::fputs(text, file.get()));
 }

@@ -5,21 +5,24 @@
 #include <linux/rtnetlink.h>
 
 #include <cstring>
+#include <new>
+#include <string>
 
 #include "DottedAddress.h"
 #include "InterfaceIndex.h"
+#include "JsonFields.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
 #include "SystemInterface.h"
-#include "handles/Glib.h"
 #include "handles/Stdio.h"
 
 namespace {
 
 // A getter may have nothing to say; the request then holds null.
-json_object* textOrNull(const char* text)
+bool addTextOrNull(json_object* object, const char* key, const char* text)
 {
-    return text != nullptr ? json_object_new_string(text) : nullptr;
+    if (text != nullptr) return wfoal::addText(object, key, text);
+    return object != nullptr && json_object_object_add(object, key, nullptr) == 0;
 }
 
 // In one pass, the others keep their order.
@@ -77,14 +80,12 @@ PluginResult enumerateRoutes(const char* function, unsigned int& count, KEST_Sys
         WFOAL_ERROR("SystemInterface::%s: A buffer was provided but its length is 0", function);
         return PLUGIN_FAILURE;
     }
-    GPtrArray* list = sNlHelper.getRoutingTableList();
-    if (list == nullptr) {
+    const RoutingTableListPtr list(sNlHelper.getRoutingTableList());
+    if (!list) {
         WFOAL_ERROR("SystemInterface::%s: Routing Table not listed", function);
         return PLUGIN_FAILURE;
     }
-    const PluginResult result = listRoutes(function, list, count, routes);
-    releaseRoutingTableList(list);
-    return result;
+    return listRoutes(function, list.get(), count, routes);
 }
 
 // What a command line may hold of an agent's route, which a gateway may have sent: nothing that means anything to a
@@ -95,17 +96,15 @@ bool isHarmless(const char* text)
     return text != nullptr && text[std::strspn(text, harmless)] == '\0';
 }
 
-GStringPtr deletionCommand(const char* destination, const char* gateway, int prefix)
+// Throws std::bad_alloc.
+std::string deletionCommand(const char* destination, const char* gateway, int prefix)
 {
-    GStringPtr command(g_string_new("/sbin/ip route del "));
-    if (!command) return command;
+    const auto orNull = [](const char* text) { return text != nullptr ? text : "(null)"; };
+    std::string command("/sbin/ip route del ");
+    command.append(orNull(destination));
     // A prefix of 0 is treated as that of a host.
-    if (prefix == 0 || prefix == 32) {
-        g_string_append_printf(command.get(), "%s via %s", destination, gateway);
-    } else {
-        g_string_append_printf(command.get(), "%s/%i via %s", destination, prefix, gateway);
-    }
-    return command;
+    if (prefix != 0 && prefix != 32) command.append("/").append(std::to_string(prefix));
+    return command.append(" via ").append(orNull(gateway));
 }
 
 void deleteRoute(const char* function, KEST_SystemPluginRoute& route)
@@ -114,18 +113,20 @@ void deleteRoute(const char* function, KEST_SystemPluginRoute& route)
                 route.GetGateway(), route.GetNetmask(), route.GetMetric());
     const char* destination = route.GetDestination();
     const char* gateway = route.GetGateway();
-    const GStringPtr command = deletionCommand(destination, gateway, ConvertNetmaskToPrefix(route.GetNetmask()));
-    if (!command) {
+    std::string command;
+    try {
+        command = deletionCommand(destination, gateway, ConvertNetmaskToPrefix(route.GetNetmask()));
+    } catch (const std::bad_alloc&) {
         WFOAL_ERROR("SystemInterface::%s:Failed to allocate memory", function);
         return;
     }
     const bool harmless = isHarmless(destination) && isHarmless(gateway);
-    if (harmless) WFOAL_DEBUG("SystemInterface::%s: Command Going Out: %s", function, command->str);
+    if (harmless) WFOAL_DEBUG("SystemInterface::%s: Command Going Out: %s", function, command.c_str());
     // A shell runs it as it always has; nothing in the text means anything to the shell.
     // NOLINTNEXTLINE(cert-env33-c)
-    const PipePtr output(harmless ? popen(command->str, "re") : nullptr);
+    const PipePtr output(harmless ? popen(command.c_str(), "re") : nullptr);
     if (!output) {
-        WFOAL_ERROR("SystemInterface::%s:Failed to run command: %s", function, command->str);
+        WFOAL_ERROR("SystemInterface::%s:Failed to run command: %s", function, command.c_str());
         return;
     }
     char line[256];
@@ -154,16 +155,19 @@ PluginResult SystemInterface::AddRoute(unsigned int count, KEST_SystemPluginRout
     if (routes == nullptr) return PLUGIN_SUCCESS;
     if (mpRoutesArray == nullptr) {
         mpRoutesArray = json_object_new_array();
-        json_object_object_add(mpIpv4Obj, "additionalIfRoutes", mpRoutesArray);
+        if (!wfoal::addField(mpIpv4Obj, "additionalIfRoutes", mpRoutesArray)) {
+            mpRoutesArray = nullptr;
+            requestIsIncomplete(__func__);
+        }
     }
     for (unsigned int i = 0; i < count && routes[i] != nullptr; ++i) {
         KEST_SystemPluginRoute& route = *routes[i];
-        json_object* entry = json_object_new_object();
-        json_object_object_add(entry, "ip", textOrNull(route.GetDestination()));
-        json_object_object_add(entry, "netmask", textOrNull(route.GetNetmask()));
-        json_object_object_add(entry, "gateway", textOrNull(route.GetGateway()));
-        json_object_object_add(entry, "metric", json_object_new_int64(route.GetMetric()));
-        json_object_array_add(mpRoutesArray, entry);
+        JsonPtr entry(json_object_new_object());
+        const bool isWhole = addTextOrNull(entry.get(), "ip", route.GetDestination()) &&
+                             addTextOrNull(entry.get(), "netmask", route.GetNetmask()) &&
+                             addTextOrNull(entry.get(), "gateway", route.GetGateway()) &&
+                             wfoal::addField(entry.get(), "metric", json_object_new_int64(route.GetMetric()));
+        if (!isWhole || !wfoal::addElement(mpRoutesArray, entry.release())) requestIsIncomplete(__func__);
 
         const char* destination = route.GetDestination();
         if (destination != nullptr && std::strcmp(destination, "0.0.0.0") == 0) sDoesHaveADefaultGateway = true;

@@ -5,13 +5,13 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
+#include "JsonFields.h"
 #include "Log.h"
 #include "SystemInterface.h"
 #include "VkNetConfigLib.h"
-#include "handles/Glib.h"
 
 bool sDoesHaveADefaultGateway = false;
 
@@ -28,11 +28,22 @@ SystemInterface::~SystemInterface()
 
 void SystemInterface::resetJsonObjects()
 {
+    mbIncomplete = false;
     mpNetIfObj.reset(json_object_new_object());
     mpIpv4Obj = json_object_new_object();
     mpRoutesArray = nullptr;
-    json_object_object_add(mpNetIfObj.get(), "ipv4", mpIpv4Obj);
+    if (!wfoal::addField(mpNetIfObj.get(), "ipv4", mpIpv4Obj)) {
+        mpIpv4Obj = nullptr;
+        requestIsIncomplete(__func__);
+    }
     resetJsonFirewallObject();
+}
+
+// A tunnel without one of its routes or filter rules would let out what it is to carry: it is not brought up.
+void SystemInterface::requestIsIncomplete(const char* function)
+{
+    mbIncomplete = true;
+    WFOAL_ERROR("SystemInterface::%s: Out of memory, the pending configuration is incomplete", function);
 }
 
 PluginResult SystemInterface::SetTunnelParams(const char* interfaceName, const char*, const char* address,
@@ -46,72 +57,72 @@ PluginResult SystemInterface::SetTunnelParams(const char* interfaceName, const c
     return PLUGIN_SUCCESS;
 }
 
-void SystemInterface::addAddressToJson(json_object* target, const char* key, in_addr address, bool isArray)
+bool SystemInterface::addAddressToJson(json_object* target, const char* key, in_addr address, bool isArray)
 {
-    const GStringPtr hex(g_string_new(nullptr));
-    if (!hex) {
+    char hex[2 + 2 * sizeof(unsigned long) + 1];
+    std::snprintf(hex, sizeof hex, "0x%.8lx", static_cast<unsigned long>(address.s_addr));
+    json_object* text = json_object_new_string(hex);
+    if (!(isArray ? wfoal::addElement(target, text) : wfoal::addField(target, key, text))) {
         WFOAL_ERROR("SystemInterface::%s: Error Allocation %s Address String", __func__, key);
-        return;
+        return false;
     }
-    g_string_printf(hex.get(), "0x%.8lx", static_cast<unsigned long>(address.s_addr));
-    json_object* text = json_object_new_string(hex->str);
-    if (isArray) {
-        json_object_array_add(target, text);
-    } else {
-        json_object_object_add(target, key, text);
-    }
-    WFOAL_DEBUG("SystemInterface::%s: %s Address is %s(%s)", __func__, key, inet_ntoa(address), hex->str);
+    WFOAL_DEBUG("SystemInterface::%s: %s Address is %s(%s)", __func__, key, inet_ntoa(address), hex);
+    return true;
 }
 
 // A key that an earlier failed apply left is replaced in place, or taken away when it no longer holds.
-void SystemInterface::addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted)
+bool SystemInterface::addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted)
 {
     ifreq request{};
     std::memcpy(request.ifr_name, tunnelInterfaceName, sizeof tunnelInterfaceName);
     if (!wanted || ioctl(socket, query, &request) != 0) {
         json_object_object_del(mpIpv4Obj, key);
-        return;
+        return true;
     }
     sockaddr_in address{};
     std::memcpy(&address, &request.ifr_addr, sizeof address);
-    addAddressToJson(mpIpv4Obj, key, address.sin_addr, false);
+    return addAddressToJson(mpIpv4Obj, key, address.sin_addr, false);
 }
 
-void SystemInterface::addInterfaceInfoToJson()
+bool SystemInterface::addInterfaceInfoToJson()
 {
     json_object* request = mpNetIfObj.get();
-    if (request == nullptr || mpIpv4Obj == nullptr) return;
+    if (request == nullptr || mpIpv4Obj == nullptr) return false;
 
-    json_object_object_add(request, "ifName", json_object_new_string(tunnelInterfaceName));
-    json_object_object_add(request, "ifPriority", json_object_new_int(5));
-    json_object_object_add(request, "networkTechnology", json_object_new_string("vpn"));
-    json_object_object_add(request, "networkScope", json_object_new_string("wan"));
-    json_object* usage = json_object_new_array();
-    json_object_object_add(request, "networkUsage", usage);
-    json_object_array_add(usage, json_object_new_string("internet"));
+    JsonPtr usage(json_object_new_array());
+    bool isWhole = wfoal::addElement(usage.get(), json_object_new_string("internet"));
+    isWhole = isWhole && wfoal::addText(request, "ifName", tunnelInterfaceName);
+    isWhole = isWhole && wfoal::addField(request, "ifPriority", json_object_new_int(5));
+    isWhole = isWhole && wfoal::addText(request, "networkTechnology", "vpn");
+    isWhole = isWhole && wfoal::addText(request, "networkScope", "wan");
+    isWhole = isWhole && wfoal::addField(request, "networkUsage", usage.release());
 
     // Kept open on purpose, one descriptor an apply. Descriptor 0 counts as a failure, as it always has.
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const bool usable = descriptor > 0;
     if (!usable) WFOAL_ERROR("SystemInterface::%s: Error Establishing Socket", __func__);
-    addTunnelAddressToJson(descriptor, "ip", SIOCGIFADDR, usable);
-    addTunnelAddressToJson(descriptor, "netmask", SIOCGIFNETMASK, usable);
-    addTunnelAddressToJson(descriptor, "gateway", SIOCGIFDSTADDR, usable && sDoesHaveADefaultGateway);
+    isWhole = addTunnelAddressToJson(descriptor, "ip", SIOCGIFADDR, usable) && isWhole;
+    isWhole = addTunnelAddressToJson(descriptor, "netmask", SIOCGIFNETMASK, usable) && isWhole;
+    return addTunnelAddressToJson(descriptor, "gateway", SIOCGIFDSTADDR, usable && sDoesHaveADefaultGateway) && isWhole;
 }
 
 PluginResult SystemInterface::ApplyConfiguration()
 {
     WFOAL_DEBUG("SystemInterface::%s called!!!", __func__);
+    const char* filter = wfoal::completeText(mpFirewallObj.get());
+    if (mbIncomplete || (mpFirewallObj && filter == nullptr)) {
+        WFOAL_ERROR("SystemInterface::%s: Out of memory, the configuration is incomplete and not applied", __func__);
+        return PLUGIN_FAILURE;
+    }
     // The packet filter goes first, before the interface carries traffic, and stays when the interface request fails.
     if (mpFirewallObj) {
         deleteFirewallSettings();
-        VkFirewallFullCtrl(json_object_to_json_string(mpFirewallObj.get()));
+        VkFirewallFullCtrl(filter);
     }
     if (!mpNetIfObj) return PLUGIN_FAILURE;
 
-    addInterfaceInfoToJson();
-    const char* request = json_object_to_json_string(mpNetIfObj.get());
-    if (CmAddInterfaceCfg2(request) != 0) {
+    const char* request = addInterfaceInfoToJson() ? wfoal::completeText(mpNetIfObj.get()) : nullptr;
+    if (request == nullptr || CmAddInterfaceCfg2(request) != 0) {
         WFOAL_ERROR("SystemInterface::%s: Failed to Add Interface", __func__);
         return PLUGIN_FAILURE;
     }
@@ -131,6 +142,7 @@ PluginResult SystemInterface::RestoreSystemConfiguration()
     deleteFirewallSettings();
     mbConfigApplied = false;
     sDoesHaveADefaultGateway = false;
+    if (mbIncomplete) resetJsonObjects();  // whatever else was collected stays
     if (auto* callback = mpSystemPluginCB.load()) callback->OnConfigurationChange();
     return PLUGIN_SUCCESS;
 }

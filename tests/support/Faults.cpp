@@ -26,6 +26,10 @@ struct {
 } sFault;
 
 unsigned sLastOptionLength = 0;
+std::string sLastOptionValue;
+std::string sLastBoundAddress;
+std::string sLastDestination;
+int sLastSocketType = 0;
 std::vector<int> sReceiveFlags;
 
 bool strikes(Call kind)
@@ -52,6 +56,26 @@ const char* nameOf(Call kind)
 unsigned lastOptionLength()
 {
     return sLastOptionLength;
+}
+
+const std::string& lastOptionValue()
+{
+    return sLastOptionValue;
+}
+
+const std::string& lastBoundAddress()
+{
+    return sLastBoundAddress;
+}
+
+const std::string& lastDestination()
+{
+    return sLastDestination;
+}
+
+int lastSocketType()
+{
+    return sLastSocketType;
 }
 
 const std::vector<int>& receiveFlags()
@@ -90,18 +114,21 @@ extern "C" {
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol)
 {
+    testsupport::sLastSocketType = type;
     return strikes(Call::Socket) ? -1 : __real_socket(domain, type, protocol);
 }
 
 int __real_bind(int socket, const sockaddr* address, socklen_t length);
 int __wrap_bind(int socket, const sockaddr* address, socklen_t length)
 {
+    testsupport::sLastBoundAddress.assign(reinterpret_cast<const char*>(address), length);
     return strikes(Call::Bind) ? -1 : __real_bind(socket, address, length);
 }
 
 ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags)
 {
+    testsupport::sLastDestination.assign(static_cast<const char*>(message->msg_name), message->msg_namelen);
     return strikes(Call::Send) ? -1 : __real_sendmsg(socket, message, flags);
 }
 
@@ -126,6 +153,7 @@ int __real_setsockopt(int socket, int level, int option, const void* value, sock
 int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t length)
 {
     testsupport::sLastOptionLength = length;
+    testsupport::sLastOptionValue.assign(static_cast<const char*>(value), length);
     return strikes(Call::SetOption) ? -1 : __real_setsockopt(socket, level, option, value, length);
 }
 

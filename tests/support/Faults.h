@@ -5,6 +5,7 @@
 #ifndef WFOAL_TEST_FAULTS_H
 #define WFOAL_TEST_FAULTS_H
 
+#include <string>
 #include <vector>
 
 namespace testsupport {
@@ -27,8 +28,13 @@ constexpr int callKinds = static_cast<int>(Call::Count);
 
 const char* nameOf(Call kind);
 
-/// Length of the value that setsockopt() was given last.
+/// Length of the value that setsockopt() was given last, and the value.
 unsigned lastOptionLength();
+const std::string& lastOptionValue();
+/// The bytes of the address that bind() and sendmsg() were given last, and what socket() was asked for.
+const std::string& lastBoundAddress();
+const std::string& lastDestination();
+int lastSocketType();
 
 /// The flags of each recvmsg() since the last clear, failed ones included.
 const std::vector<int>& receiveFlags();

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 
 #include "Faults.h"
 #include "ReaderTest.h"
@@ -399,6 +400,33 @@ TEST_F(NetLinkHelperTest, SocketWhosePortIdIsTakenIsUsedAsItIs)
     ASSERT_NE(nullptr, routes);
     EXPECT_GT(routes->len, 0u);  // those of the loopback device
     EXPECT_EQ(1u, fakes::logLines().size());
+}
+
+TEST_F(NetLinkHelperTest, SocketIsRawAndBoundToTheProcessWithoutGroups)
+{
+    const NetLinkHelper reader(NETLINK_ROUTE, 0);
+    EXPECT_EQ(SOCK_RAW | SOCK_CLOEXEC, lastSocketType());
+    sockaddr_nl expected{};
+    expected.nl_family = AF_NETLINK;
+    expected.nl_pid = static_cast<unsigned>(getpid());
+    EXPECT_EQ(bytesOf(expected), lastBoundAddress());
+}
+
+TEST_F(NetLinkHelperTest, GroupsAreThoseAskedFor)
+{
+    NetLinkHelper groups(NETLINK_ROUTE, 5);
+    sockaddr_nl bound{};
+    std::memcpy(&bound, lastBoundAddress().data(), sizeof bound);
+    EXPECT_EQ(5u, bound.nl_groups);
+}
+
+TEST_F(NetLinkHelperTest, RequestGoesToTheKernel)
+{
+    readFromThisNamespace();
+    RouteListPtr(sNlHelper.getRoutingTableList());
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    EXPECT_EQ(bytesOf(kernel), lastDestination());
 }
 
 TEST_F(NetLinkHelperTest, SocketIsClosedOnExecAndWithItsObject)

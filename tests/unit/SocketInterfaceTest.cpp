@@ -117,6 +117,90 @@ TEST_F(SocketInterfaceTest, SizeMustHoldTheTerminator)
     EXPECT_EQ(std::string("eth0\0\0\0x", 8), std::string(name, sizeof name));  // all of the size is zeroed
 }
 
+TEST_F(SocketInterfaceTest, CallWithoutABufferYieldsTheSize)
+{
+    unsigned size = 32;
+    EXPECT_EQ(PLUGIN_SUCCESS, mSocketInterface.GetPreferredInterface(size, nullptr, nullptr));
+    EXPECT_EQ(32u, size);  // no interface
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    EXPECT_EQ(PLUGIN_SUCCESS, mSocketInterface.GetPreferredInterface(size, nullptr, nullptr));
+    EXPECT_EQ(5u, size);
+    char name[5];
+    EXPECT_EQ(PLUGIN_SUCCESS, mSocketInterface.GetPreferredInterface(size, name, nullptr));
+    EXPECT_STREQ("eth0", name);
+}
+
+TEST_F(SocketInterfaceTest, NamesOfUpToFifteenCharactersAreKeptWhole)
+{
+    for (const std::string name : {"rmnet_ip0", "rmnet_data10", "rmnet_data0_ipa"}) {
+        add(name, "10.1.0.2/16", "default via 10.1.0.1");
+        char buffer[32];
+        std::memset(buffer, 'x', sizeof buffer);
+        unsigned size = static_cast<unsigned>(name.size());
+        EXPECT_EQ(PLUGIN_BUFFER_TOO_SMALL, mSocketInterface.GetPreferredInterface(size, buffer, nullptr));
+        EXPECT_EQ(name.size() + 1, size);
+        EXPECT_EQ(std::string(32, 'x'), std::string(buffer, sizeof buffer));
+        EXPECT_EQ(PLUGIN_SUCCESS, mSocketInterface.GetPreferredInterface(size, buffer, nullptr));
+        EXPECT_EQ(name + '\0' + std::string(31 - name.size(), 'x'), std::string(buffer, sizeof buffer));
+
+        const UniqueFd bound(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(PLUGIN_SUCCESS, bind(bound.get()));
+        EXPECT_EQ(name, mSocketInterface.getBoundInterface());
+        EXPECT_EQ(name, deviceOf(bound.get()));
+        EXPECT_EQ(name + std::string(32 - name.size(), '\0'), lastOptionValue());
+        shell("ip link set " + name + " down");
+    }
+}
+
+TEST_F(SocketInterfaceTest, DeviceOptionIsZeroBehindTheName)
+{
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    EXPECT_EQ(PLUGIN_SUCCESS, bind(mSocket.get()));
+    EXPECT_EQ("eth0" + std::string(28, '\0'), lastOptionValue());
+}
+
+TEST_F(SocketInterfaceTest, SocketIsBoundToPortZeroOfTheAddress)
+{
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    EXPECT_EQ(PLUGIN_SUCCESS, bind(mSocket.get()));
+    sockaddr_in asked{};
+    ASSERT_EQ(sizeof asked, lastBoundAddress().size());
+    std::memcpy(&asked, lastBoundAddress().data(), sizeof asked);
+    EXPECT_EQ(AF_INET, asked.sin_family);
+    EXPECT_EQ(0, asked.sin_port);
+    EXPECT_STREQ("10.1.0.2", inet_ntoa(asked.sin_addr));
+    EXPECT_EQ(std::string(sizeof asked.sin_zero, '\0'),
+              std::string(reinterpret_cast<const char*>(asked.sin_zero), sizeof asked.sin_zero));
+}
+
+TEST_F(SocketInterfaceTest, EachFailingQueryFailsTheBindAlone)
+{
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    const struct {
+        Call kind;
+        int nth;
+        const char* text;
+    } rows[] = {
+        {Call::Send, 1, "Failed to get the best interface"},
+        {Call::Socket, 1, "Failed to get the best interface"},  // for the interface's name
+        {Call::Ioctl, 1, "Failed to get the best interface"},
+        {Call::SetOption, 1, "SO_BINDTODEVICE failed: Input/output error"},
+        {Call::Socket, 2, "Failed to get interface ip address"},
+        {Call::Ioctl, 2, "Failed to get interface ip address"},
+        {Call::Bind, 1, "Bind failed: Input/output error"},
+    };
+    for (const auto& row : rows) {
+        {
+            const Fault fault(row.kind, row.nth, EIO);
+            expectFailedBind(mSocket.get(), row.text);
+            EXPECT_TRUE(fault.hasStruck()) << row.text;
+        }
+        const UniqueFd next(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(PLUGIN_SUCCESS, bind(next.get()));
+        EXPECT_EQ("eth0", mSocketInterface.getBoundInterface());
+    }
+}
+
 TEST_F(SocketInterfaceTest, ChoiceIsLogged)
 {
     add("eth0", "10.1.0.2/16", "default via 10.1.0.1");

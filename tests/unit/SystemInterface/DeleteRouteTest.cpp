@@ -190,6 +190,23 @@ TEST_F(DeleteRouteTest, OutputOfTheToolIsLoggedLineByLine)
     EXPECT_EQ((fakes::LogLine{7, "SystemInterface::DeleteRoute: Output: two\n"}), fakes::logLines().back());
 }
 
+TEST_F(DeleteRouteTest, OutputLineOfMoreThan255BytesIsLoggedInParts)
+{
+    testsupport::shell(
+        "mkdir -p /tmp/bin && printf '#!/bin/sh\\nprintf %%0600d 7; echo; echo end\\n' > /tmp/bin/ip && chmod +x "
+        "/tmp/bin/ip");
+    testsupport::shell("mount --bind /tmp/bin/ip /sbin/ip");
+    remove({"10.0.0.0", "255.0.0.0", "10.1.1.1", 0});
+    testsupport::shell("umount /sbin/ip");
+    std::vector<std::string> parts;
+    const std::string start = "SystemInterface::DeleteRoute: Output: ";
+    for (const fakes::LogLine& line : fakes::logLines(7)) {
+        if (line.text.rfind(start, 0) == 0) parts.push_back(line.text.substr(start.size()));
+    }
+    EXPECT_THAT(parts,
+                ElementsAre(std::string(255, '0'), std::string(255, '0'), std::string(89, '0') + "7\n", "end\n"));
+}
+
 TEST(ConvertNetmaskToPrefixTest, ContiguousMasksHaveTheirLength)
 {
     for (int prefix = 1; prefix <= 32; ++prefix) {

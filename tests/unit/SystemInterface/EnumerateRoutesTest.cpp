@@ -6,6 +6,17 @@
 #include "ReaderTest.h"
 #include "SystemInterface.h"
 
+extern "C" gpointer* __real_g_ptr_array_free(GPtrArray* array, gboolean withStorage);
+extern "C" gpointer* __wrap_g_ptr_array_free(GPtrArray* array, gboolean withStorage);
+
+static int sListsFreed = 0;
+
+gpointer* __wrap_g_ptr_array_free(GPtrArray* array, gboolean withStorage)
+{
+    ++sListsFreed;
+    return __real_g_ptr_array_free(array, withStorage);
+}
+
 namespace {
 
 using namespace testsupport;
@@ -176,6 +187,58 @@ TEST_F(EnumerateRoutesTest, UnreadableTableFails)
     EXPECT_THAT(fakes::logLines(3),
                 Contains(fakes::LogLine{3, "SystemInterface::EnumerateRoutes: Routing Table not listed"}));
     EXPECT_EQ(returning("7"), fakes::logLines().back());
+}
+
+TEST_F(EnumerateRoutesTest, ListIsFreedThoughTheAgentsSetterThrows)
+{
+    struct : ListedRoute {
+        void SetNetmask(char* text) override
+        {
+            std::free(text);
+            throw 7;
+        }
+    } throwing;
+    kernelHasThreeRoutes();
+    KEST_SystemPluginRoute* routes[] = {&throwing, &throwing, &throwing};
+    unsigned count = 3;
+    sListsFreed = 0;
+    EXPECT_THROW(mSystem.EnumerateRoutes(count, routes), int);
+    EXPECT_EQ(1, sListsFreed);
+}
+
+TEST_F(EnumerateRoutesTest, SettersAreCalledInTheirOrder)
+{
+    struct : ListedRoute {
+        void SetDestination(char* text) override { order += "destination ", ListedRoute::SetDestination(text); }
+        void SetGateway(char* text) override { order += "gateway ", ListedRoute::SetGateway(text); }
+        void SetNetmask(char* text) override { order += "netmask ", ListedRoute::SetNetmask(text); }
+        void SetInterface(char* text) override { order += "interface ", ListedRoute::SetInterface(text); }
+        void SetReservedValue(std::int32_t value) override { order += "reserved=" + std::to_string(value) + " "; }
+        void SetMetric(unsigned int) override { order += "metric "; }
+        std::string order;
+    } route;
+    mKernel.sends({routeMessage(routeHeader(24)), doneMessage()});
+    KEST_SystemPluginRoute* routes[] = {&route};
+    unsigned count = 1;
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem.EnumerateRoutes(count, routes));
+    EXPECT_EQ("destination gateway netmask interface reserved=0 metric ", route.order);
+}
+
+TEST_F(EnumerateRoutesTest, MetricsOf2To31AndMoreKeepTheirValue)
+{
+    for (const unsigned metric : {0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+        mKernel.sends({routeMessage(routeHeader(24), attribute(RTA_METRICS, bytesOf(metric))), doneMessage()});
+        RouteArray routes(1);
+        unsigned count = 1;
+        fakes::clearLog();
+        EXPECT_EQ(PLUGIN_SUCCESS, mSystem.EnumerateRoutes(count, routes.pointers()));
+        EXPECT_EQ(metric, routes[0].GetMetric());
+        EXPECT_THAT(fakes::logLines(),
+                    Contains(fakes::LogLine{7,
+                                            "SystemInterface::EnumerateRoutes: Route Found: Dest(0.0.0.0) "
+                                            "Gw(0.0.0.0) Mask(255.255.255.0) Metric(" +
+                                                std::to_string(static_cast<int>(metric)) + ") IfIndex()"}));
+    }
 }
 
 TEST_F(EnumerateRoutesTest, NothingIsReadBackOrLoggedBelowDebug)

@@ -239,6 +239,64 @@ TEST_F(NetworkInterfacesTest, DefaultRouteOfEveryTableCountsAndOneWithoutAGatewa
     EXPECT_EQ("none", interfaces[2].gateway);
 }
 
+TEST_F(NetworkInterfacesTest, ArrayWithCountZeroIsTooShort)
+{
+    add("eth0", "10.1.0.2/16");
+    add("eth1", "10.2.0.2/16");
+    InterfaceArray interfaces(3);
+    KEST_NetworkInterface* const last = interfaces.pointers()[2];
+    unsigned number = 0;
+    EXPECT_EQ(PLUGIN_BUFFER_TOO_SMALL, mSystem.EnumerateNetworkInterfaces(number, interfaces.pointers()));
+    EXPECT_EQ(2u, number);
+    EXPECT_EQ("", interfaces[0].address);
+    EXPECT_EQ(nullptr, interfaces.pointers()[0]);
+    EXPECT_EQ(nullptr, interfaces.pointers()[1]);
+    EXPECT_EQ(last, interfaces.pointers()[2]);
+}
+
+TEST_F(NetworkInterfacesTest, SettersAreCalledInTheirOrder)
+{
+    struct : ListedInterface {
+        void SetAddress(const char*) override { order += "address "; }
+        void SetNetmask(const char*) override { order += "netmask "; }
+        void SetGateway(const char*) override { order += "gateway "; }
+        void SetName(const char*) override { order += "name "; }
+        void SetReservedPair(std::int32_t, std::int32_t) override { order += "pair "; }
+        void SetReservedValue(std::int32_t) override { order += "value "; }
+        std::string order;
+    } interface;
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    KEST_NetworkInterface* interfaces[] = {&interface};
+    unsigned number = 1;
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem.EnumerateNetworkInterfaces(number, interfaces));
+    EXPECT_EQ("address netmask name gateway pair value ", interface.order);
+}
+
+// The entry is an alias: asked about it by the interface's own name, the kernel would tell of the first address.
+TEST_F(NetworkInterfacesTest, NetmaskIsThatOfTheListedEntry)
+{
+    add("eth0", "10.1.0.2/16");
+    shell("ip addr add 10.2.0.2/24 dev eth0 label eth0:1");
+    InterfaceArray interfaces(2);
+    unsigned number = 2;
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem.EnumerateNetworkInterfaces(number, interfaces.pointers()));
+    EXPECT_EQ("255.255.0.0", interfaces[0].netmask);
+    EXPECT_EQ("eth0:1", interfaces[1].name);
+    EXPECT_EQ("10.2.0.2", interfaces[1].address);
+    EXPECT_EQ("255.255.255.0", interfaces[1].netmask);
+}
+
+TEST_F(NetworkInterfacesTest, TwoAddressesOfOneNameHaveTheNetmaskOfTheirOwn)
+{
+    add("eth0", "10.1.0.2/16");
+    shell("ip addr add 10.2.0.2/24 dev eth0");
+    InterfaceArray interfaces(2);
+    unsigned number = 2;
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem.EnumerateNetworkInterfaces(number, interfaces.pointers()));
+    EXPECT_EQ("10.2.0.2", interfaces[1].address);
+    EXPECT_EQ("255.255.255.0", interfaces[1].netmask);
+}
+
 TEST_F(NetworkInterfacesTest, FailedSocketFails)
 {
     const Fault fault(Call::Socket, 1, EMFILE);

@@ -10,6 +10,7 @@
 #include <optional>
 #include <system_error>
 
+#include "Faults.h"
 #include "SystemInterfaceTest.h"
 #include "TunDevice.h"
 
@@ -320,6 +321,34 @@ TEST_F(TunnelConfigurationTest, RestoreDoesAndLogsEverythingInItsOrder)
         ElementsAre("LOG 7 SystemInterface::RestoreSystemConfiguration called!!!", "CmDelInterfaceCfg norvatun0",
                     "LOG 7 SystemInterface::deleteFirewallSettings called!! Sending to Fw Ctrl " + deleteRequest,
                     "VkFirewallFullCtrl " + deleteRequest, "OnConfigurationChange"));
+}
+
+TEST_F(TunnelConfigurationTest, DefaultGatewayFlagIsClearedBeforeTheRestoreIsTold)
+{
+    struct : CallListCallback {
+        void OnConfigurationChange() override { note(sDoesHaveADefaultGateway ? "still set" : "cleared"); }
+    } callback;
+    mSystem->SetSystemPluginCB(&callback);
+    sDoesHaveADefaultGateway = true;
+    forget();
+    mSystem->RestoreSystemConfiguration();
+    EXPECT_EQ("cleared", fakes::calls().back());
+    mSystem->SetSystemPluginCB(nullptr);
+}
+
+TEST_F(TunnelConfigurationTest, EachKernelQueryThatFailsLeavesItsOwnKeyOut)
+{
+    if (!makeTunnelDevice("10.8.0.2", "10.8.0.1", "255.255.255.0")) return;
+    sDoesHaveADefaultGateway = true;
+    const char* const expected[] = {
+        R"( "netmask": "0x00ffffff", "gateway": "0x0100080a")",
+        R"( "ip": "0x0200080a", "gateway": "0x0100080a")",
+        R"( "ip": "0x0200080a", "netmask": "0x00ffffff")",
+    };
+    for (int query = 0; query < 3; ++query) {
+        const testsupport::Fault fault(testsupport::Call::Ioctl, query + 1, EIO);
+        EXPECT_EQ(request(expected[query]), appliedRequest());
+    }
 }
 
 TEST_F(TunnelConfigurationTest, RestoreKeepsWhatIsCollected)
