@@ -99,9 +99,9 @@ TEST(LoadOrderTest, OrderIsTheSameWhenTheProcessEndsWithTheLibraryLoaded)
     EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Finished!", result.lines.back());
 }
 
-TEST(LoadOrderTest, WithoutALogContextEverythingIsPrintedWithNull)
+void expectNoContext(const std::string& environment)
 {
-    const Session result = run(fakes + " WFOAL_TEST_LOG_RESULT=12", "unload");
+    const Session result = run(fakes + " " + environment, "unload");
     ASSERT_EQ(0, result.status) << result.all();
     ASSERT_GE(result.lines.size(), 4u);
     EXPECT_EQ("3 netlink=1 context=no InitLib: VkLogGetContext err 12", result.lines[1]);
@@ -109,6 +109,16 @@ TEST(LoadOrderTest, WithoutALogContextEverythingIsPrintedWithNull)
     for (const std::string& line : result.lines)
         EXPECT_THAT(line, testing::Not(HasSubstr("context=yes")));
     EXPECT_LT(result.find("stopQuorIpcHandling: Finished!"), result.lines.size());
+}
+
+TEST(LoadOrderTest, WithoutALogContextEverythingIsPrintedWithNull)
+{
+    expectNoContext("WFOAL_TEST_LOG_RESULT=12");
+}
+
+TEST(LoadOrderTest, ContextThatAFailedLookUpStoredIsNotUsed)
+{
+    expectNoContext("WFOAL_TEST_LOG_RESULT=12 WFOAL_TEST_LOG_STORES=1");
 }
 
 // With the platform's real libraries from here on.

@@ -22,9 +22,14 @@ std::string text(const char* value)
     return value != nullptr ? value : "(null)";
 }
 
+thread_local const QSError* sInitialised = nullptr;  // the record made ready last, until a call is given it
+
 bool outcome(const char* operation, const std::string& arguments, QSError* error)
 {
     recordCall(std::string(operation) + (arguments.empty() ? "" : " ") + arguments);
+    bus().errorWasInitialised = error != nullptr && error == sInitialised;
+    sInitialised = nullptr;
+    if (bus().onOperation) bus().onOperation(operation);
     if (bus().failing != operation) return true;
     if (error != nullptr) {
         ++bus().errorsFilled;
@@ -42,6 +47,8 @@ using fakes::text;
 
 extern "C" bool QSErrorInit(QSError* error)
 {
+    ++fakes::bus().errorsInitialised;
+    fakes::sInitialised = error;
     *error = QSError{};
     return true;
 }

@@ -36,6 +36,8 @@ struct BusState {
     std::vector<BusCall> calls;
     /// Told of each accepted call, on the caller's thread.
     std::function<void(const BusCall&)> onCall;
+    /// Told of every operation but those of error records, while it is made.
+    std::function<void(const std::string& operation)> onOperation;
     QSServerStatusCallback statusCallback = nullptr;
     std::string watchedService;
     void* statusUserData = nullptr;
@@ -43,6 +45,8 @@ struct BusState {
     QSHandle* handle = nullptr;  // the one used last, other than for registering
     QSMethod* methods = nullptr;
     bool noSignalsOrProperties = false;
+    int errorsInitialised = 0;
+    bool errorWasInitialised = false;  // of the call made last
     int errorsFilled = 0;
     int errorsFreed = 0;
 };

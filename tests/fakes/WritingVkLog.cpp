@@ -3,7 +3,8 @@
 // A log library of its own for processes that load the plug-in: each line goes to standard output at once, with the
 // number of netlink sockets that are open at that moment and whether there was a context:
 //     LEVEL netlink=NUMBER context=yes|no TEXT
-// WFOAL_TEST_LOG_RESULT is what VkLogGetContext() returns.
+// WFOAL_TEST_LOG_RESULT is what VkLogGetContext() returns; it stores a context all the same when WFOAL_TEST_LOG_STORES
+// is set.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,9 +34,9 @@ int netlinkSockets()
 
 extern "C" int VkLogGetContext(const char*, VkLogContext** context)
 {
-    if (const char* result = std::getenv("WFOAL_TEST_LOG_RESULT")) return std::atoi(result);
-    *context = &sContext;
-    return 0;
+    const char* result = std::getenv("WFOAL_TEST_LOG_RESULT");
+    if (result == nullptr || std::getenv("WFOAL_TEST_LOG_STORES") != nullptr) *context = &sContext;
+    return result != nullptr ? std::atoi(result) : 0;
 }
 
 extern "C" void VkLogPrint(VkLogContext* context, int level, const char* format, ...)

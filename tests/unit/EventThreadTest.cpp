@@ -35,6 +35,10 @@ GMainLoop* __real_g_main_loop_new(GMainContext* context, gboolean isRunning);
 GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning);
 void __real_g_main_loop_run(GMainLoop* loop);
 void __wrap_g_main_loop_run(GMainLoop* loop);
+void __real_g_main_context_unref(GMainContext* context);
+void __wrap_g_main_context_unref(GMainContext* context);
+void __real_g_usleep(gulong microseconds);
+void __wrap_g_usleep(gulong microseconds);
 GThread* __real_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
 GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
 }
@@ -44,13 +48,18 @@ namespace {
 enum class Failing { Nothing, Context, Loop, Thread };
 Failing sFailing = Failing::Nothing;
 GMainLoop* sLastLoop = nullptr;
+GMainContext* sLastContext = nullptr;
+int sReleases = 0;                 // of the last context
 std::function<void()> sBeforeRun;  // runs on the event thread, right before its loop does
+std::function<void()> sAfterRun;   // … and right after it
 
 }  // namespace
 
 GMainContext* __wrap_g_main_context_new()
 {
-    return sFailing == Failing::Context ? nullptr : __real_g_main_context_new();
+    sReleases = 0;
+    sLastContext = sFailing == Failing::Context ? nullptr : __real_g_main_context_new();
+    return sLastContext;
 }
 
 GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning)
@@ -63,6 +72,19 @@ void __wrap_g_main_loop_run(GMainLoop* loop)
 {
     if (sBeforeRun) sBeforeRun();
     __real_g_main_loop_run(loop);
+    if (sAfterRun) sAfterRun();
+}
+
+void __wrap_g_main_context_unref(GMainContext* context)
+{
+    if (context == sLastContext) ++sReleases;
+    __real_g_main_context_unref(context);
+}
+
+void __wrap_g_usleep(gulong microseconds)
+{
+    fakes::recordCall("g_usleep " + std::to_string(microseconds));
+    __real_g_usleep(microseconds);
 }
 
 GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error)
@@ -111,6 +133,8 @@ protected:
     {
         sFailing = Failing::Nothing;
         sBeforeRun = nullptr;
+        sAfterRun = nullptr;
+        fakes::recordLogInCalls(false);
         stopQuorIpcHandling();
         setSystemIfObject(nullptr);
         EXPECT_EQ(nullptr, g_main_context_get_thread_default());
@@ -121,6 +145,7 @@ protected:
     {
         std::vector<std::string> lines;
         for (const LogLine& line : fakes::logLines()) {
+            EXPECT_EQ(7, line.level) << line.text;
             if (line.text.rfind("eventProcessingThread", 0) != 0) lines.push_back(line.text);
         }
         return lines;
@@ -335,6 +360,7 @@ TEST_F(EventThreadTest, FailedLoopLeavesTheEventSideStopped)
     sFailing = Failing::Loop;
     EXPECT_FALSE(startQuorIpcHandling());
     EXPECT_THAT(fakes::logLines(3), ElementsAre(LogLine{3, "startQuorIpcHandling: Error Allocating Main Loop"}));
+    EXPECT_EQ(1, sReleases);
     EXPECT_THAT(fakes::calls(), IsEmpty());
     sFailing = Failing::Nothing;
     EXPECT_TRUE(startQuorIpcHandling());
@@ -346,6 +372,7 @@ TEST_F(EventThreadTest, FailedThreadLeavesTheEventSideStoppedButTheBusRegistered
     EXPECT_FALSE(startQuorIpcHandling());
     EXPECT_THAT(fakes::logLines(3),
                 ElementsAre(LogLine{3, "startQuorIpcHandling: Error creating event thread: no more threads"}));
+    EXPECT_EQ(1, sReleases);
     EXPECT_EQ(std::vector<std::string>(startCalls.begin(), startCalls.begin() + 3), fakes::calls());
     fakes::clearLog();
     EXPECT_TRUE(stopQuorIpcHandling());
@@ -383,7 +410,7 @@ TEST_F(EventThreadTest, PrepareSuspendTellsTheAgentWaitsASecondAndAgrees)
     EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
     EXPECT_LT(steady_clock::now() - begin, milliseconds(1900));
     EXPECT_THAT(agent.events, ElementsAre("OnPowerSuspended"));
-    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
+    EXPECT_THAT(fakes::calls(), ElementsAre("g_usleep 1000000", "PowerdPrepareSuspendAck 1"));
     EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!",
                                       "powerPrepareSuspendCallback: notifyPowerSuspended successful"));
 }
@@ -395,7 +422,64 @@ TEST_F(EventThreadTest, PrepareSuspendWithANullCallbackStillWaitsAndAgrees)
     const auto begin = steady_clock::now();
     powerPrepareSuspendCallback();
     EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
-    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
+    EXPECT_THAT(fakes::calls(), ElementsAre("g_usleep 1000000", "PowerdPrepareSuspendAck 1"));
+}
+
+/// Enters what it is told in fakes::calls().
+struct CallListCallback : RecordingCallback {
+    void note(const std::string& event) override { fakes::recordCall(event); }
+};
+
+TEST_F(EventThreadTest, PrepareSuspendTellsWaitsLogsAndAgreesInThisOrder)
+{
+    CallListCallback agent;
+    SystemInterface systemIf;
+    systemIf.SetSystemPluginCB(&agent);
+    setSystemIfObject(&systemIf);
+    fakes::recordLogInCalls(true);
+    fakes::clearCalls();
+    powerPrepareSuspendCallback();
+    EXPECT_THAT(
+        fakes::calls(),
+        ElementsAre("LOG 7 powerPrepareSuspendCallback: Called!", "OnPowerSuspended", "g_usleep 1000000",
+                    "LOG 7 powerPrepareSuspendCallback: notifyPowerSuspended successful", "PowerdPrepareSuspendAck 1"));
+    systemIf.SetSystemPluginCB(nullptr);
+}
+
+TEST_F(EventThreadTest, ResumeIsLoggedDoneWhenTheAgentWasTold)
+{
+    CallListCallback agent;
+    SystemInterface systemIf;
+    systemIf.SetSystemPluginCB(&agent);
+    setSystemIfObject(&systemIf);
+    fakes::recordLogInCalls(true);
+    fakes::clearCalls();
+    powerResumedCallback();
+    EXPECT_THAT(fakes::calls(), ElementsAre("LOG 7 powerResumedCallback: Called. Device Resumed.", "OnPowerResume",
+                                            "LOG 7 powerResumedCallback: notifyPowerResume done"));
+    systemIf.SetSystemPluginCB(nullptr);
+}
+
+TEST_F(EventThreadTest, StopWaitsForTheThreadBeforeItReleasesAnything)
+{
+    ASSERT_TRUE(startQuorIpcHandling());
+    onEventThread([] {});
+    sAfterRun = [] {
+        __real_g_usleep(100000);
+        fakes::recordCall("loop left, context released " + std::to_string(sReleases) + " times");
+    };
+    fakes::clearLog();
+    fakes::clearCalls();
+    fakes::recordLogInCalls(true);
+    stopQuorIpcHandling();
+    EXPECT_THAT(fakes::calls(),
+                ElementsAre("LOG 7 stopQuorIpcHandling: Called!", "LOG 7 stopQuorIpcHandling: Quitting Loop!",
+                            "LOG 7 stopQuorIpcHandling: Joining Thread!", "loop left, context released 0 times",
+                            "LOG 7 eventProcessingThread: Stopping Event Processing Thread",
+                            "LOG 7 stopQuorIpcHandling: Thread Quit or not up!",
+                            "LOG 7 stopQuorIpcHandling: Deiniting powerd client!", "PowerdClientDeinit",
+                            "LOG 7 stopQuorIpcHandling: Finished!"));
+    EXPECT_EQ(1, sReleases);
 }
 
 TEST_F(EventThreadTest, SuspendedIsOnlyLogged)

@@ -254,6 +254,36 @@ TEST_F(NetworkStatusTest, MissingPayloadIsNotEvenLogged)
     EXPECT_THAT(mAgent.events, IsEmpty());
 }
 
+TEST_F(NetworkStatusTest, AgentIsToldAfterEveryLine)
+{
+    struct : RecordingCallback {
+        void note(const std::string& event) override { fakes::recordCall(event); }
+    } agent;
+    mSystem.SetSystemPluginCB(&agent);
+    bindTo("ppp0");
+    const std::string payload = "{" + section("wifi", "connected", "yes") + "}";
+    fakes::clearCalls();
+    fakes::recordLogInCalls(true);
+    raised(payload);
+    fakes::recordLogInCalls(false);
+    EXPECT_THAT(fakes::calls(), ElementsAre("LOG 7 handleConManNetworkStatus Recieved: 5, " + payload,
+                                            "LOG 7 handleConManNetworkStatus: wifi connected",
+                                            "LOG 7 " + summary("ppp0", "true", "false", "false", "false", "true"),
+                                            std::string("LOG 7 ") + sending, "OnConnectionChange 0"));
+    mSystem.SetSystemPluginCB(&mAgent);
+}
+
+TEST_F(NetworkStatusTest, SubscriptionIsLoggedWhenItIsMade)
+{
+    fakes::recordLogInCalls(true);
+    handleConManServiceStatus(nullptr, "com.vesk.connectionmanager", true, nullptr);
+    fakes::recordLogInCalls(false);
+    EXPECT_THAT(fakes::calls(),
+                ElementsAre(std::string("LOG 7 ") + subscribing,
+                            "QSCall vesk://com.vesk.connectionmanager/getStatus {\"subscribe\":true}",
+                            "LOG 7 handleConManServiceStatus: Sent Request to register for ConMan Events"));
+}
+
 TEST_F(NetworkStatusTest, WithoutEitherObjectNothingIsDecided)
 {
     const std::string payload = "{" + section("wifi", "connected", "yes") + "}";

@@ -131,6 +131,23 @@ TEST_F(PluginEntryTest, OnlyTheFirstSystemOrSocketObjectStartsTheEventSide)
     EXPECT_THAT(fakes::calls(), testing::Not(testing::Contains("PowerdClientDeinit")));
 }
 
+TEST_F(PluginEntryTest, EventSideIsStartedBeforeTheObjectIsRegistered)
+{
+    for (const char* identifier : {identifiers[0], identifiers[3]}) {
+        stopQuorIpcHandling();
+        int operations = 0;
+        fakes::bus().onOperation = [&operations](const std::string& operation) {
+            ++operations;
+            EXPECT_EQ(nullptr, getSystemIfObject()) << operation;
+            EXPECT_EQ(nullptr, getSocketIfObject()) << operation;
+        };
+        Plugin* plugin = CreatePlugin(identifier);
+        EXPECT_EQ(3, operations);
+        fakes::bus() = {};
+        DisposePlugin(plugin);
+    }
+}
+
 TEST_F(PluginEntryTest, ObjectIsCreatedThoughTheEventSideCannotBeReached)
 {
     stopQuorIpcHandling();

@@ -165,6 +165,48 @@ TEST_F(QuorClientTest, EveryFailedCallGivesOneErrorLineAndFreesItsRecord)
     }
 }
 
+TEST_F(QuorClientTest, EachCallGetsAnErrorRecordMadeReadyForIt)
+{
+    const std::vector<std::pair<std::string, std::function<bool()>>> operations = {
+        {"QSRegister", [] { return quorRegister("name"); }},
+        {"QSGmainAttach", [] { return quorAttachToMainLoop(nullptr); }},
+        {"QSRegisterServerStatus", [] { return quorWatchServiceStatus("service", onStatus); }},
+        {"QSCall", [] { return quorSend("uri", "{}", onReply, nullptr); }},
+        {"QSSubscriptionReply", [] { return quorNotifySubscriber("key", "{}"); }},
+        {"QSRegisterCategory", [] { return quorRegisterCategory("/", nullptr, nullptr); }},
+        {"QSUnregister", [] { return quorUnregister(); }},
+    };
+    for (const auto& [name, operation] : operations) {
+        fakes::bus() = {};
+        EXPECT_TRUE(operation()) << name;
+        EXPECT_TRUE(fakes::bus().errorWasInitialised) << name;
+        EXPECT_EQ(1, fakes::bus().errorsInitialised) << name;
+    }
+}
+
+TEST_F(QuorClientTest, CallIsLoggedBeforeItIsMade)
+{
+    registerClient();
+    fakes::recordLogInCalls(true);
+    fakes::bus().failing = "QSCall";
+    quorSend("uri", "{}", onReply, nullptr);
+    fakes::recordLogInCalls(false);
+    EXPECT_THAT(fakes::calls(), ElementsAre("LOG 7 Sending QuorMessage URI: uri, Param: {}", "QSCall uri {}",
+                                            std::string("LOG 3 ") + errorLine));
+}
+
+TEST_F(QuorClientTest, UnregisteringIsLoggedBeforeAndAfter)
+{
+    registerClient();
+    fakes::recordLogInCalls(true);
+    fakes::bus().failing = "QSUnregister";
+    quorUnregister();
+    fakes::recordLogInCalls(false);
+    EXPECT_THAT(fakes::calls(),
+                ElementsAre("LOG 7 Starting To Unregister Quor Service", "QSUnregister",
+                            "LOG 7 Finished Unregistering Quor Service", std::string("LOG 3 ") + errorLine));
+}
+
 TEST_F(QuorClientTest, WithoutAHandleThePlatformIsAskedWithNull)
 {
     fakes::bus().handle = reinterpret_cast<QSHandle*>(this);
