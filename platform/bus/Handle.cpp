@@ -39,6 +39,7 @@ std::shared_ptr<QSHandle> lookUp(QSHandle* handle, bool take)
 QSHandle::QSHandle(const char* name)
     : mName(name != nullptr ? name : ""),
       mConnection(*this),
+      mClaim(mName, mConnection),
       mCalls(this, mConnection),
       mWatches(this),
       mService(this, mConnection)
@@ -64,11 +65,9 @@ quor::Failure QSHandle::connect()
         return QUOR_FAILURE(QS_ERROR_NOT_AVAILABLE,
                             std::string("the service bus cannot be reached: ") + strerror(-result));
     }
-    if (mName.empty()) return {};
-    result = sd_bus_request_name(mConnection.bus(), mName.c_str(), 0);
+    result = mClaim.requestAndWait();
     if (result == -EEXIST) return QUOR_FAILURE(result, "the name " + mName + " is taken");
     if (result < 0) return QUOR_FAILURE(result, "the name " + mName + " cannot be had: " + strerror(-result));
-    mOwnsName = true;
     return {};
 }
 
@@ -117,17 +116,14 @@ void QSHandle::onBusConnected(sd_bus* bus)
     if (sd_bus_add_filter(bus, &slot, onMessage, this) >= 0) mFilter.reset(slot);
     mService.onBusConnected(bus);
     mWatches.onBusConnected(bus);
-    if (mName.empty() || mOwnsName) return;
-    // The bus is a new one; once our methods are there, callers may find them.
-    slot = nullptr;
-    if (sd_bus_request_name_async(bus, &slot, mName.c_str(), 0, nullptr, nullptr) >= 0) mNameRequest.reset(slot);
+    // On a new bus: once our methods are there, callers may find them.
+    mClaim.onBusConnected();
 }
 
 void QSHandle::onBusLost()
 {
     mFilter.reset();
-    mNameRequest.reset();
-    mOwnsName = false;
+    mClaim.onBusLost();
     mService.onBusLost();
     mCalls.onBusLost();
     mWatches.onBusLost();

@@ -12,6 +12,7 @@
 #include "BusConnection.h"
 #include "CallTable.h"
 #include "ErrorRecord.h"
+#include "NameClaim.h"
 #include "ServiceSide.h"
 #include "StatusWatches.h"
 #include "handles/Glib.h"
@@ -43,15 +44,14 @@ private:
     void onBusLost() override;
 
     const std::string mName;  // empty for an anonymous client
-    bool mOwnsName = false;   // on the present bus object
     std::atomic<QSMessageToken> mLastToken{0};
     GMainLoopPtr mLoop;
     hostbus::BusConnection mConnection;
+    quor::NameClaim mClaim;
     quor::CallTable mCalls;
     quor::StatusWatches mWatches;
     quor::ServiceSide mService;
     SdBusSlotPtr mFilter;
-    SdBusSlotPtr mNameRequest;
 };
 
 #endif

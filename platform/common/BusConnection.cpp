@@ -120,6 +120,12 @@ void BusConnection::run(const Task& task)
     if (!mClosed) task();
 }
 
+void BusConnection::runAfter(std::int64_t pause, Task task)
+{
+    mDelayedUntil = g_get_monotonic_time() + pause;
+    mDelayed = std::move(task);
+}
+
 void BusConnection::close()
 {
     const Entry entry(*this);
@@ -171,6 +177,7 @@ void BusConnection::dispatch()
     if (mBus == nullptr) connectAgain();
     announce();
     runTasks();
+    runDelayed();
     processBus();
 }
 
@@ -180,7 +187,7 @@ std::int64_t BusConnection::nextTurn() const
     if (mBus == nullptr) return mRetryAt;
     std::uint64_t time = 0;
     if (sd_bus_get_timeout(mBus.get(), &time) < 0) return 0;
-    return time > static_cast<std::uint64_t>(never) ? never : static_cast<std::int64_t>(time);
+    return std::min(mDelayedUntil, time > static_cast<std::uint64_t>(never) ? never : static_cast<std::int64_t>(time));
 }
 
 bool BusConnection::hasTasks()
@@ -209,6 +216,13 @@ void BusConnection::runTasks()
     }
 }
 
+void BusConnection::runDelayed()
+{
+    if (mClosed || g_get_monotonic_time() < mDelayedUntil) return;
+    mDelayedUntil = never;
+    std::exchange(mDelayed, nullptr)();
+}
+
 void BusConnection::processBus()
 {
     for (int count = 0; count < messagesPerTurn && mBus != nullptr && !mClosed; ++count) {
@@ -222,9 +236,14 @@ void BusConnection::connectAgain()
 {
     if (g_get_monotonic_time() < mRetryAt) return;
     if (open() == 0) {
-        mRetryDelay = 0;
-        return;
+        mConnectedAt = g_get_monotonic_time();
+    } else {
+        pauseBeforeRetry();
     }
+}
+
+void BusConnection::pauseBeforeRetry()
+{
     mRetryDelay = std::clamp(2 * mRetryDelay, firstRetryDelay, longestRetryDelay);
     mRetryAt = g_get_monotonic_time() + mRetryDelay;
 }
@@ -235,7 +254,11 @@ void BusConnection::lose()
     mTag = nullptr;
     mWatchedFd = -1;
     const SdBusPtr lost = std::move(mBus);  // before the listener is told, so that it finds none
-    mRetryAt = g_get_monotonic_time() + firstRetryDelay;
+    mDelayedUntil = never;
+    mDelayed = nullptr;
+    // A bus that ends the connection at once is not asked ten times a second for ever.
+    if (g_get_monotonic_time() - mConnectedAt >= longestRetryDelay) mRetryDelay = 0;
+    pauseBeforeRetry();
     if (std::exchange(mAnnounced, false)) mListener.onBusLost();
 }
 

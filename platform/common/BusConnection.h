@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -55,6 +56,10 @@ public:
     /// Runs a task at once when called on the loop's thread, else posts it.
     void run(const Task& task);
 
+    /// Runs a task on the loop's thread after a pause, in microseconds, unless the bus is lost before. On the loop's
+    /// thread; a later call takes the place of an earlier one.
+    void runAfter(std::int64_t pause, Task task);
+
     /// Disconnects. From any thread; on another one than the loop's it waits until nothing of this object runs any
     /// more. Whoever calls must own the object.
     void close();
@@ -74,8 +79,10 @@ private:
     bool hasTasks();
     void announce();
     void runTasks();
+    void runDelayed();
     void processBus();
     void connectAgain();
+    void pauseBeforeRetry();
     void lose();
     void watchDescriptor();
     void release();
@@ -85,6 +92,10 @@ private:
     bool mAnnounced = false;  // the listener knows mBus
     std::int64_t mRetryAt = 0;
     std::int64_t mRetryDelay = 0;
+    std::int64_t mConnectedAt = 0;
+
+    std::int64_t mDelayedUntil = std::numeric_limits<std::int64_t>::max();
+    Task mDelayed;
 
     GMainContextPtr mContext;
     GSourcePtr mSource;

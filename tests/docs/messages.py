@@ -9,7 +9,7 @@ import pathlib
 import re
 import sys
 
-CALL = re.compile(r'\b(?:WFOAL|VKNETCONFIG|SERVICE)_(ERROR|WARNING)\(\s*((?:"(?:[^"\\]|\\.)*"\s*)+)')
+CALL = re.compile(r'\b(?:WFOAL|VKNETCONFIG|QUOR|SERVICE)_(ERROR|WARNING)\(\s*((?:"(?:[^"\\]|\\.)*"\s*)+)')
 PRINT = re.compile(r'\bVkLogPrint\(logContext\(\), (error|warning)Level,\s*((?:"(?:[^"\\]|\\.)*"\s*)+)')
 FAULT = re.compile(r'\b(?:RequestError|systemError)\(\s*"([^"]*)"')
 ROW = re.compile(r"^\| (error|warning) \| `([^`]+)` \|")
