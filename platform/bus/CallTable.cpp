@@ -63,6 +63,8 @@ void CallTable::settle(Call& call, sd_bus_message* reply)
         failure = describe(*sd_bus_message_get_error(reply));
     } else if (sd_bus_message_read_basic(reply, 's', &payload) <= 0) {
         failure = "the reply holds no JSON text";
+    } else if (isTooLarge(payload)) {
+        failure = tooLarge("reply");
     }
     // Entered before the callback runs, which may do anything, unregistering included.
     const Recipient recipient = call.recipient;
@@ -105,7 +107,11 @@ bool CallTable::takePush(sd_bus_message* message)
     // Only the service that answered the call may push to it.
     if (found == mCalls.end() || sender == nullptr || found->second->owner != sender) return true;
     const Recipient recipient = found->second->recipient;
-    deliver(recipient, payload);
+    if (isTooLarge(payload)) {
+        deliver(recipient, errorPayload(tooLarge("push")).c_str());
+    } else {
+        deliver(recipient, payload);
+    }
     return true;
 }
 

@@ -6,6 +6,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include <string>
+
 #include "quorservice.h"
 
 /// Lives on the stack of whoever calls back.
@@ -14,6 +16,7 @@ struct QSMessage {
     QSMessageToken token = 0;
     sd_bus_message* request = nullptr;  // what is to be answered; null in replies and pushes
     bool answered = false;
+    std::string refusal;  // why the sender cannot subscribe
 };
 
 namespace quor {

@@ -11,16 +11,25 @@ namespace quor {
 
 std::optional<RequestPayload> parseRequest(const char* text)
 {
-    if (!isCarriable(text)) return std::nullopt;
+    if (isTooLarge(text) || !isCarriable(text)) return std::nullopt;
     const std::size_t length = std::strlen(text);
     const JsonTokenerPtr tokener(json_tokener_new());
     // Strict, so that nothing may follow the object; with its terminator, so that it must be complete.
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
-    if (length >= G_MAXINT) return std::nullopt;
     const JsonPtr payload(json_tokener_parse_ex(tokener.get(), text, static_cast<int>(length + 1)));
     if (!json_object_is_type(payload.get(), json_type_object)) return std::nullopt;
     json_object* subscribe = json_object_object_get(payload.get(), "subscribe");
     return RequestPayload{json_object_is_type(subscribe, json_type_boolean) && json_object_get_boolean(subscribe)};
+}
+
+bool isTooLarge(const char* text)
+{
+    return strnlen(text, largestPayload + 1) > largestPayload;
+}
+
+std::string tooLarge(const char* what)
+{
+    return std::string("the ") + what + " is larger than " + std::to_string(largestPayload / 1024) + " KiB";
 }
 
 bool isCarriable(const char* text)

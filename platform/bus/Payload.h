@@ -4,6 +4,7 @@
 #ifndef QUOR_PAYLOAD_H
 #define QUOR_PAYLOAD_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -13,7 +14,15 @@ struct RequestPayload {
     bool subscribes = false;  // "subscribe": true
 };
 
-/// Nothing when the text is no JSON object in UTF-8, or nests deeper than 32 levels.
+/// The most bytes that a payload may have: what is larger is neither sent nor parsed.
+constexpr std::size_t largestPayload = 65536;
+
+bool isTooLarge(const char* text);
+
+/// "the payload is larger than 64 KiB", of whatever it is.
+std::string tooLarge(const char* what);
+
+/// Nothing when the text is too large, no JSON object in UTF-8, or nests deeper than 32 levels.
 std::optional<RequestPayload> parseRequest(const char* text);
 
 /// The bus can carry it as a text.

@@ -12,13 +12,14 @@
 #include "Handle.h"
 #include "Message.h"
 #include "Payload.h"
+#include "Sender.h"
 #include "ServiceUri.h"
 
 namespace {
 
 using quor::Failure;
 
-Failure badArgument(const char* what, int line)
+Failure badArgument(const std::string& what, int line)
 {
     return {QS_ERROR_BAD_ARGUMENT, what, __FILE__, line};
 }
@@ -45,6 +46,14 @@ bool perform(const char* function, QSHandle* handle, QSError* error, Operation o
         if (found == nullptr) return QUOR_FAILURE(QS_ERROR_BAD_HANDLE, "no such handle");
         return operation(*found);
     });
+}
+
+// What a reply or push is checked for.
+Failure checkPayload(const char* payload)
+{
+    if (payload == nullptr || !quor::isCarriable(payload)) return BAD_ARGUMENT("the payload is no UTF-8 text");
+    if (quor::isTooLarge(payload)) return BAD_ARGUMENT(quor::tooLarge("payload"));
+    return {};
 }
 
 Failure fromErrno(int result, const char* what, int line)
@@ -116,6 +125,7 @@ extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, Q
         const auto address = quor::parseServiceUri(uri != nullptr ? uri : "");
         if (!address) return BAD_ARGUMENT("the URI is not vesk://SERVICE/CATEGORY.../METHOD");
         const char* const text = payload != nullptr ? payload : "";
+        if (quor::isTooLarge(text)) return BAD_ARGUMENT(quor::tooLarge("payload"));
         const auto parsed = quor::parseRequest(text);
         if (!parsed) return BAD_ARGUMENT("the payload is no JSON object");
         quor::CallRequest request{*address, text, parsed->subscribes, {callback, user_data, self.newToken()}};
@@ -153,20 +163,16 @@ extern "C" bool QSRegisterCategory(QSHandle* handle, const char* category, QSMet
 extern "C" bool QSMessageGetSenderUid(QSMessage* request, unsigned int* uid)
 {
     if (request == nullptr || request->request == nullptr || uid == nullptr) return false;
-    sd_bus_creds* found = nullptr;
-    if (sd_bus_query_sender_creds(request->request, SD_BUS_CREDS_EUID, &found) < 0) return false;
-    const SdBusCredsPtr credentials(found);
-    uid_t user = 0;
-    if (sd_bus_creds_get_euid(credentials.get(), &user) < 0) return false;
-    *uid = user;
-    return true;
+    const auto user = quor::senderUser(request->request);
+    if (user) *uid = *user;
+    return user.has_value();
 }
 
 extern "C" bool QSMessageReply(QSHandle* handle, QSMessage* request, const char* payload, QSError* error)
 {
     return perform(__func__, handle, error, [&](QSHandle& self) -> Failure {
         if (request == nullptr) return BAD_ARGUMENT("no request");
-        if (payload == nullptr || !quor::isCarriable(payload)) return BAD_ARGUMENT("the payload is no UTF-8 text");
+        if (Failure failure = checkPayload(payload)) return failure;
         return fromErrno(self.service().reply(*request, payload), "the request cannot be answered", __LINE__);
     });
 }
@@ -175,7 +181,7 @@ extern "C" bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* 
 {
     return perform(__func__, handle, error, [&](QSHandle& self) -> Failure {
         if (key == nullptr || request == nullptr) return BAD_ARGUMENT("no key or no request");
-        return fromErrno(self.service().subscribe(key, *request), "the sender cannot subscribe", __LINE__);
+        return self.service().subscribe(key, *request);
     });
 }
 
@@ -183,7 +189,7 @@ extern "C" bool QSSubscriptionReply(QSHandle* handle, const char* key, const cha
 {
     return perform(__func__, handle, error, [&](QSHandle& self) -> Failure {
         if (key == nullptr) return BAD_ARGUMENT("no key");
-        if (payload == nullptr || !quor::isCarriable(payload)) return BAD_ARGUMENT("the payload is no UTF-8 text");
+        if (Failure failure = checkPayload(payload)) return failure;
         self.connection().run(
             [&self, key = std::string(key), payload = std::string(payload)] { self.service().push(key, payload); });
         return {};

@@ -5,12 +5,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Payload.h"
+
 namespace quor {
 
 namespace {
-
-constexpr int subscriptionsOfOnePeer = 64;
-constexpr std::size_t peersAtMost = 1024;
 
 // The table's own macros need designated initialisers. A value-initialised entry is all zeros, as they ask for.
 sd_bus_vtable tableStart()
@@ -92,7 +91,6 @@ void ServiceSide::onBusLost()
     for (Category& category : mCategories)
         category.slot.reset();
     mSubscribers.clear();
-    mPeers.clear();
 }
 
 int ServiceSide::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
@@ -110,11 +108,15 @@ int ServiceSide::answer(const Category& category, sd_bus_message* message, sd_bu
     request.request = message;
     const int result = sd_bus_message_read_basic(message, 's', &request.payload);
     if (result < 0) return result;
+    if (isTooLarge(request.payload)) {
+        return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, tooLarge("payload").c_str());
+    }
     const QSMethodCallback method = findMethod(category.methods, sd_bus_message_get_member(message));
     const bool accepted = method(mHandle, &request, nullptr);
     if (request.answered) return 1;
-    return sd_bus_error_set(error, SD_BUS_ERROR_FAILED,
-                            accepted ? "the service gave no answer" : "the service refused the request");
+    std::string reason = accepted ? "the service gave no answer" : "the service refused the request";
+    if (!accepted && !request.refusal.empty()) reason += ": " + request.refusal;
+    return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, reason.c_str());
 }
 
 int ServiceSide::reply(QSMessage& request, const char* payload)
@@ -126,40 +128,18 @@ int ServiceSide::reply(QSMessage& request, const char* payload)
     return std::min(result, 0);
 }
 
-int ServiceSide::subscribe(const std::string& key, const QSMessage& request)
+Failure ServiceSide::subscribe(const std::string& key, QSMessage& request)
 {
-    const char* sender = request.request != nullptr ? sd_bus_message_get_sender(request.request) : nullptr;
-    if (sender == nullptr) return -EINVAL;
-    const std::string name = sender;
-    if (mPeers.count(name) == 0) {
-        if (mPeers.size() >= peersAtMost) return -ENOBUFS;
-        mPeers[name].watch =
-            std::make_unique<hostbus::NameWatch>(mConnection.bus(), name, [this, name](const std::string& owner) {
-                if (owner.empty()) forgetPeer(name);
-            });
-    }
-    Peer& peer = mPeers[name];
-    if (peer.subscriptions >= subscriptionsOfOnePeer) return -ENOBUFS;
-    ++peer.subscriptions;
-    mSubscribers[key].push_back(
-        {name, static_cast<std::uint32_t>(request.token), sd_bus_message_get_path(request.request)});
-    return 0;
-}
-
-void ServiceSide::forgetPeer(const std::string& name)
-{
-    for (auto& [key, subscribers] : mSubscribers) {
-        const auto isGone = [&name](const Subscriber& subscriber) { return subscriber.peer == name; };
-        subscribers.erase(std::remove_if(subscribers.begin(), subscribers.end(), isGone), subscribers.end());
-    }
-    mPeers.erase(name);
+    if (request.request == nullptr) return QUOR_FAILURE(-EINVAL, "the message is no request");
+    Failure failure = mSubscribers.add(key, request.request);
+    if (failure) request.refusal = failure.message;
+    return failure;
 }
 
 void ServiceSide::push(const std::string& key, const std::string& payload)
 {
-    const auto subscribers = mSubscribers.find(key);
-    if (subscribers == mSubscribers.end() || mConnection.bus() == nullptr) return;
-    for (const Subscriber& subscriber : subscribers->second)
+    if (mConnection.bus() == nullptr) return;
+    for (const Subscriber& subscriber : mSubscribers.of(key))
         pushTo(subscriber, payload);
 }
 

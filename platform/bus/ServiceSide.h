@@ -6,14 +6,12 @@
 
 #include <cstdint>
 #include <deque>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "BusConnection.h"
 #include "Message.h"
-#include "NameWatch.h"
+#include "Subscribers.h"
 #include "quorservice.h"
 
 namespace quor {
@@ -27,8 +25,8 @@ public:
     void addCategory(const std::string& path, const QSMethod* methods);
     /// 0, or a negative errno value: -EALREADY for a request that has its answer.
     int reply(QSMessage& request, const char* payload);
-    /// 0, or a negative errno value: -ENOBUFS when one peer, or all together, subscribe without end.
-    int subscribe(const std::string& key, const QSMessage& request);
+    /// The failure, of which the request's sender is told as well when the method gives up.
+    Failure subscribe(const std::string& key, QSMessage& request);
     void push(const std::string& key, const std::string& payload);
 
     /// Offers everything again on a new bus object.
@@ -43,27 +41,16 @@ private:
         std::vector<sd_bus_vtable> table;
         SdBusSlotPtr slot;
     };
-    struct Subscriber {
-        std::string peer;  // its unique name
-        std::uint32_t serial;
-        std::string path;
-    };
-    struct Peer {
-        int subscriptions = 0;
-        std::unique_ptr<hostbus::NameWatch> watch;
-    };
 
     static int onRequest(sd_bus_message* message, void* category, sd_bus_error* error);
     int answer(const Category& category, sd_bus_message* message, sd_bus_error* error);
     void offer(Category& category, sd_bus* bus);
-    void forgetPeer(const std::string& name);
     void pushTo(const Subscriber& subscriber, const std::string& payload);
 
     QSHandle* const mHandle;
     hostbus::BusConnection& mConnection;
-    std::deque<Category> mCategories;                             // elements do not move
-    std::map<std::string, std::vector<Subscriber>> mSubscribers;  // by key
-    std::map<std::string, Peer> mPeers;                           // by unique name
+    std::deque<Category> mCategories;  // elements do not move
+    Subscribers mSubscribers;
 };
 
 }  // namespace quor

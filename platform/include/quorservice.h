@@ -89,11 +89,11 @@ bool QSGmainAttach(QSHandle* handle, struct _GMainLoop* loop, QSError* error);
 bool QSRegisterServerStatus(QSHandle* handle, const char* service, QSServerStatusCallback callback, void* user_data,
                             QSError* error);
 
-/* Calls `uri`, "vesk://SERVICE/CATEGORY.../METHOD", with a JSON object as payload. Every accepted call gets at least
+/* Calls `uri`, "vesk://SERVICE/CATEGORY.../METHOD", with a JSON object of at most 64 KiB as payload. Every accepted call gets at least
  * one reply: after 120 seconds without one, or when the service or the bus is gone,
  * {"returnValue":false,"errorCode":-1,"errorText":...}. It never comes from inside the call. A payload with
  * "subscribe": true asks for pushes, which go to the same callback with the same token until the service leaves the
- * bus. `callback` and `token` may be null. */
+ * bus. A reply or push of more than 64 KiB is dropped, and an error reply delivered in its place. `callback` and `token` may be null. */
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback, void* user_data,
             QSMessageToken* token, QSError* error);
 
@@ -109,12 +109,13 @@ bool QSRegisterCategory(QSHandle* handle, const char* category, QSMethod* method
 /* Stores the user id of a request's sender, as the bus vouches for it. Within the method callback only. False when the
  * message is no request or the sender is gone. */
 bool QSMessageGetSenderUid(QSMessage* request, unsigned int* uid);
-/* Answers a request. Must be called within the method callback. */
+/* Answers a request, with at most 64 KiB. Must be called within the method callback. */
 bool QSMessageReply(QSHandle* handle, QSMessage* request, const char* payload, QSError* error);
 /* Enters the sender of a request as subscriber under `key`, within the method callback. It takes pushes from the
- * answer on. A sender that leaves the bus is forgotten. Fails for the 65th subscription of one sender. */
+ * answer on. A sender that leaves the bus is forgotten. Fails when the sender, or all senders of its user, have as many
+ * subscriptions as they may (64, 128); the sender is told so when the method then returns false. */
 bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* request, QSError* error);
-/* Pushes a payload to every subscriber under `key`. No subscriber is no error. */
+/* Pushes a payload of at most 64 KiB to every subscriber under `key`. No subscriber is no error. */
 bool QSSubscriptionReply(QSHandle* handle, const char* key, const char* payload, QSError* error);
 
 #pragma GCC visibility pop

@@ -86,6 +86,14 @@ TEST_F(BusCommandsTest, CallThatFailsOrMakesNoSenseSaysSoByItsExitCode)
     EXPECT_THAT(answer.output, HasSubstr("DBUS_SYSTEM_BUS_ADDRESS"));
 }
 
+TEST_F(BusCommandsTest, CallWithTooLargeAPayloadSaysSo)
+{
+    const std::string payload = R"({"a":")" + std::string(65536, 'x') + R"("})";
+    const auto answer = runCommand({program, "bus", "call", status, payload});
+    EXPECT_EQ(2, answer.status);
+    EXPECT_THAT(answer.output, HasSubstr("the payload is larger than 64 KiB"));
+}
+
 TEST_F(BusCommandsTest, FollowPrintsPushesUntilInterrupted)
 {
     const FilePtr file(std::fopen(output, "we"));

@@ -49,7 +49,7 @@ Action defineBusCall(CLI::App& command)
 {
     const auto options = std::make_shared<Options>();
     command.add_option("URI", options->uri, "vesk://SERVICE/CATEGORY.../METHOD")->required();
-    command.add_option("PAYLOAD", options->payload, "A JSON object; {} when left out");
+    command.add_option("PAYLOAD", options->payload, "A JSON object of at most 64 KiB; {} when left out");
     command.add_flag("-f,--follow", options->follow, "Stay until Ctrl-C and print what the service pushes");
     return [options](Context& context) { return callService(*options, context); };
 }
