@@ -4,6 +4,7 @@
 # Package builds and tests may move the folders.
 include(Gzip)
 set(WFOAL_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING "Where systemd units go, below the prefix")
+set(WFOAL_TMPFILES_DIR lib/tmpfiles.d CACHE STRING "Where tmpfiles.d entries go, below the prefix")
 set(WFOAL_DBUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1 CACHE STRING "Where D-Bus policy and activation files go, below the prefix")
 
 # Installs a file that names the program. Where the program is, is known when the prefix is: as it is installed.

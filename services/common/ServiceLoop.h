@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The main loop of a service: it runs until SIGTERM or SIGINT.
+// The main loop of a service: it runs until SIGTERM or SIGINT. systemd, where it asks for it, is told that the service
+// is ready, and then that the loop still turns.
 #ifndef SERVICELOOP_H
 #define SERVICELOOP_H
 
 #include <glib-unix.h>
 #include <glib.h>
+#include <systemd/sd-daemon.h>
 
 #include <csignal>
+#include <cstdint>
 
 #include "handles/Glib.h"
 
@@ -20,9 +23,28 @@ public:
     }
 
     GMainLoop* get() const { return mLoop.get(); }
-    void run() { g_main_loop_run(mLoop.get()); }
+    /// Call it when the service can be reached.
+    void run()
+    {
+        feedWatchdog();
+        sd_notify(0, "READY=1");
+        g_main_loop_run(mLoop.get());
+        sd_notify(0, "STOPPING=1");
+    }
 
 private:
+    void feedWatchdog()
+    {
+        std::uint64_t limit = 0;
+        if (sd_watchdog_enabled(0, &limit) <= 0) return;
+        const GSourcePtr source(g_timeout_source_new(static_cast<guint>(limit / 1000 / 2)));
+        const GSourceFunc feed = [](gpointer) -> gboolean {
+            sd_notify(0, "WATCHDOG=1");
+            return G_SOURCE_CONTINUE;
+        };
+        g_source_set_callback(source.get(), feed, nullptr, nullptr);
+        g_source_attach(source.get(), mContext.get());
+    }
     void quitOn(int signalNumber)
     {
         const GSourcePtr source(g_unix_signal_source_new(signalNumber));
