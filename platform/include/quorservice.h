@@ -89,11 +89,12 @@ bool QSGmainAttach(QSHandle* handle, struct _GMainLoop* loop, QSError* error);
 bool QSRegisterServerStatus(QSHandle* handle, const char* service, QSServerStatusCallback callback, void* user_data,
                             QSError* error);
 
-/* Calls `uri`, "vesk://SERVICE/CATEGORY.../METHOD", with a JSON object of at most 64 KiB as payload. Every accepted call gets at least
- * one reply: after 120 seconds without one, or when the service or the bus is gone,
+/* Calls `uri`, "vesk://SERVICE/CATEGORY.../METHOD", with a JSON object of at most 64 KiB as payload. Every accepted
+ * call gets at least one reply: after 120 seconds without one, or when the service or the bus is gone,
  * {"returnValue":false,"errorCode":-1,"errorText":...}. It never comes from inside the call. A payload with
  * "subscribe": true asks for pushes, which go to the same callback with the same token until the service leaves the
- * bus. A reply or push of more than 64 KiB is dropped, and an error reply delivered in its place. `callback` and `token` may be null. */
+ * bus. A reply or push of more than 64 KiB is dropped, and an error reply delivered in its place. `callback` and
+ * `token` may be null. */
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSReplyCallback callback, void* user_data,
             QSMessageToken* token, QSError* error);
 
