@@ -5,10 +5,14 @@
  * come from any thread; they are worked off one at a time. They return 0 on success; on failure nothing is changed
  * and one line of the log names the key at fault.
  *
- * What is in force belongs to the process that put it there, for as long as that process lives; another one is refused
- * when it asks for the same interface, and may only take it back. When the process has ended, by itself or not, the
- * configuration stays until some process makes its first request: that takes back what ended processes left, as far as
- * it is still theirs. Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
+ * What is in force belongs to the process that put it there, for as long as that process lives; a request of another
+ * one that would replace or remove it fails and names the owner. With VKNETCONFIG_TAKE_OVER=1 in the environment a
+ * removal takes it from its owner, which finds a line in its log at its next request. When a process has ended, by
+ * itself or not, its configuration stays. A request for the same interface or filter adopts it and changes only the
+ * difference, so that no packet leaves beside the tunnel; when that request fails, everything stays as the ended
+ * process left it. Any other request first removes what ended processes left, as far as it is still theirs; a
+ * request for a packet filter leaves interfaces alone, as agents set their filter first. Network namespaces do not
+ * touch each other. Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
  *
  * A child of fork is a process of its own: it owns nothing that its parent set up, and its end changes nothing. It may
  * make requests. While a call runs, its thread handles no signal of the agent: they wait until it returns, or go to
@@ -41,7 +45,8 @@ extern "C" {
  * traffic goes into the interface by two /1 routes; the device's own default routes stay. */
 int CmAddInterfaceCfg2(const char* json);
 
-/* Takes back what was put in force for the interface, and only that. Nothing in force is no failure. */
+/* Takes back what was put in force for the interface, and only that. Nothing in force is no failure; that it belongs to
+ * another living process is one. */
 int CmDelInterfaceCfg(const char* ifName);
 
 /* Sets up or removes a packet filter.

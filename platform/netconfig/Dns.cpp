@@ -7,6 +7,7 @@
 #include "LinkDns.h"
 #include "RequestError.h"
 #include "ResolvconfResolver.h"
+#include "ResolvedManager.h"
 #include "ResolvedResolver.h"
 
 namespace vknetconfig {
@@ -22,21 +23,31 @@ std::string_view after(std::string_view word, std::string_view line)
     return line.substr(0, word.size()) == word ? line.substr(word.size()) : std::string_view();
 }
 
+// The same of each line that begins with the word.
+std::vector<std::string> allAfter(std::string_view word, const std::vector<std::string>& lines)
+{
+    std::vector<std::string> rests;
+    for (const std::string& line : lines) {
+        if (const std::string_view rest = after(word, line); !rest.empty()) rests.emplace_back(rest);
+    }
+    return rests;
+}
+
 }  // namespace
 
 Dns::Dns() : mWatcher(std::make_unique<DnsWatcher>()) {}
 
 Dns::~Dns() = default;
 
-std::string Dns::prepare(const Link& link, const DnsSettings& settings, std::string_view earlier)
+std::string Dns::prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier)
 {
     ResolvedResolver resolved;
     if (resolved.works()) {
-        return std::string(resolvedWord) + resolved.prepare(link, settings, after(resolvedWord, earlier));
+        return std::string(resolvedWord) + resolved.prepare(link, settings, allAfter(resolvedWord, earlier));
     }
     ResolvconfResolver resolvconf;
     if (resolvconf.works()) {
-        return std::string(resolvconfWord) + resolvconf.prepare(link, settings, after(resolvconfWord, earlier));
+        return std::string(resolvconfWord) + resolvconf.prepare(link, settings, allAfter(resolvconfWord, earlier));
     }
     throw RequestError("ipv4.dns",
                        "no resolver takes it: systemd-resolved does not answer on the system bus, and "
@@ -51,6 +62,16 @@ void Dns::set(const Link& link, const DnsSettings& settings, std::string_view pr
     }
     ResolvedResolver().set(link, settings);
     mWatcher->watch(link, wantedOf(settings));
+}
+
+void Dns::setAgain(std::string_view prepared)
+{
+    const std::string_view text = after(resolvedWord, prepared);
+    if (text.empty()) return;
+    const LinkChange change = LinkChange::decode(text);
+    if (!isPresent(change.link)) return;
+    ResolvedManager().write(change.link.index, change.set);
+    mWatcher->watch(change.link, change.set);
 }
 
 bool Dns::takesPlaceOf(std::string_view prepared, std::string_view earlier)

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Resolver.h"
 
@@ -26,13 +27,18 @@ public:
     Dns(const Dns&) = delete;
     Dns& operator=(const Dns&) = delete;
 
-    /// What undo() needs, in one line without a newline; changes nothing. `earlier` is the line of the settings that
-    /// are in force for this link now, empty when there are none: what was there before them is carried over.
-    std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier = {});
+    /// What undo() needs, in one line without a newline; changes nothing. `earlier` are the lines of the settings of
+    /// which one is in force for this link now: what was there before them is carried over.
+    std::string prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier = {});
 
     /// Puts the settings in force with the resolver that prepare() chose in `prepared`, and looks after them from now
     /// on: when systemd-resolved restarts they are set again.
     void set(const Link& link, const DnsSettings& settings, std::string_view prepared);
+
+    /// Puts the settings of a line in force again, which those of another line of the same resolver have replaced, or
+    /// may have. Where a line does not hold them, with resolvconf, nothing is changed: there a set() that fails keeps
+    /// what was there.
+    void setAgain(std::string_view prepared);
 
     /// Whether set() with the line `prepared` takes the place of the settings of `earlier`; else those are to be
     /// undone.

@@ -15,13 +15,6 @@ namespace {
 
 constexpr std::string_view subjectStart = "firewall-";
 
-// Subjects are names of files; '%' is in no label.
-std::string subjectOf(std::string label)
-{
-    std::replace(label.begin(), label.end(), '/', '%');
-    return std::string(subjectStart) + label;
-}
-
 std::string labelOf(const std::string& subject)
 {
     std::string label = subject.substr(subjectStart.size());
@@ -51,10 +44,12 @@ void FirewallControl::setUp(const FirewallRequest& request)
     const TableState before = mSession.stateOf(request.label);
     if (before == TableState::foreign) refuseForeign(request.label);
     const std::string subject = subjectOf(request.label);
+    NewOwnership ownership(mJournal, subject);
     mJournal.own(subject);
     try {
         mJournal.write(subject, "table\n");
         mSession.run(commands);
+        ownership.keep();
     } catch (const RequestError& error) {
         if (before == TableState::absent) rollBack(request.label);
         if (std::strstr(error.what(), "syntax error") != nullptr) refuseKeywords(request);
@@ -86,12 +81,20 @@ void FirewallControl::refuseKeywords(const FirewallRequest& request)
 
 void FirewallControl::remove(const std::string& label)
 {
-    switch (mSession.stateOf(label)) {
-    case TableState::foreign: refuseForeign(label);
-    case TableState::ours: mSession.run(removalCommand(label)); break;
-    case TableState::absent: break;
-    }
-    mJournal.erase(subjectOf(label));
+    const TableState state = mSession.stateOf(label);
+    if (state == TableState::foreign) refuseForeign(label);
+    const std::string subject = subjectOf(label);
+    const NewOwnership ownership(mJournal, subject);
+    mJournal.ownForRemoval(subject);
+    if (state == TableState::ours) mSession.run(removalCommand(label));
+    mJournal.erase(subject);
+}
+
+// Subjects are names of files; '%' is in no label.
+std::string FirewallControl::subjectOf(std::string label)
+{
+    std::replace(label.begin(), label.end(), '/', '%');
+    return std::string(subjectStart) + label;
 }
 
 bool FirewallControl::isSubject(std::string_view subject)

@@ -25,6 +25,8 @@ public:
     /// Sets up or removes what the request asks for.
     void apply(const FirewallRequest& request);
 
+    /// The subject of the journal for a label.
+    static std::string subjectOf(std::string label);
     /// True for subjects of the journal that stand for a packet filter.
     static bool isSubject(std::string_view subject);
     /// Removes what a dead process left.

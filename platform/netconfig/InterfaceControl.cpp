@@ -16,11 +16,6 @@ namespace {
 
 constexpr std::string_view subjectPrefix = "interface-";
 
-std::string subjectOf(const std::string& ifName)
-{
-    return std::string(subjectPrefix) + ifName;
-}
-
 template <class Value>
 bool contains(const std::vector<Value>& values, const Value& value)
 {
@@ -53,11 +48,6 @@ std::vector<Route> onePerGateway(const std::vector<Route>& routes)
     for (const auto& [gateway, route] : found)
         chosen.push_back(route);
     return chosen;
-}
-
-bool isEmpty(const InterfaceRecord& record)
-{
-    return record.addresses.empty() && record.routes.empty() && record.dns.empty();
 }
 
 bool hasAddress(const std::vector<AddressFound>& found, const InterfaceAddress& address)
@@ -129,26 +119,36 @@ bool InterfaceControl::isSubject(std::string_view subject)
     return subject.substr(0, subjectPrefix.size()) == subjectPrefix;
 }
 
+std::string InterfaceControl::subjectOf(const std::string& ifName)
+{
+    return std::string(subjectPrefix) + ifName;
+}
+
 void InterfaceControl::apply(const InterfaceRequest& request)
 {
     mSocket.followNamespace();
     const std::string subject = subjectOf(request.ifName);
-    InterfaceRecord earlier = takeOver(subject);
-    const bool isReplaced = !earlier.name.empty();
+    NewOwnership ownership(mJournal, subject);
+    const bool isOurs = mJournal.owns(subject);
+    InterfaceRecord earlier = readRecord(subject, mJournal.own(subject));
+    if (!isOurs) earlier = installedPart(std::move(earlier));
+    replace(request, subject, earlier);
+    ownership.keep();
+}
+
+void InterfaceControl::replace(const InterfaceRequest& request, const std::string& subject, InterfaceRecord& earlier)
+{
     Plan changes;
     try {
         const LinkState link = linkFor(request, earlier);
         changes = plan(request, link, earlier);
         mJournal.write(subject, together(changes.wanted, changes.dropped, earlier.dns).encode());
     } catch (...) {
-        if (!isReplaced) mJournal.erase(subject);
+        if (earlier.name.empty()) mJournal.erase(subject);
         throw;
     }
     try {
-        DnsSettings& dnsInForce = mDnsInForce[subject];
-        DnsSettings dns = request.dns;
         carryOut(request, changes);
-        dnsInForce = std::move(dns);
     } catch (...) {
         rollBack(subject, changes, earlier);
         throw;
@@ -162,10 +162,10 @@ void InterfaceControl::remove(const std::string& ifName)
 {
     mSocket.followNamespace();
     const std::string subject = subjectOf(ifName);
-    const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
+    NewOwnership ownership(mJournal, subject);
+    const InterfaceRecord record = readRecord(subject, mJournal.ownForRemoval(subject));
     takeBack(record);
     mJournal.erase(subject);
-    mDnsInForce.erase(subject);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
 }
 
@@ -177,14 +177,21 @@ void InterfaceControl::removeLeft(const std::string& subject)
     VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());
 }
 
-// What this process has in force. What a dead one left is taken back first.
-InterfaceRecord InterfaceControl::takeOver(const std::string& subject)
+// An ended process may have been in the middle of a change: then its record names what is not there, or no more.
+InterfaceRecord InterfaceControl::installedPart(InterfaceRecord record)
 {
-    const bool isOurs = mJournal.owns(subject);
-    InterfaceRecord record = readRecord(subject, mJournal.own(subject));
-    if (isOurs) return record;
-    takeBack(record);
-    return {};
+    if (!isThere(record)) return record;
+    const std::vector<Route> installed = ownRoutesOf(mSocket, record.index);
+    const auto isMissing = [&installed](const Route& route) {
+        return !std::binary_search(installed.begin(), installed.end(), route);
+    };
+    record.routes.erase(std::remove_if(record.routes.begin(), record.routes.end(), isMissing), record.routes.end());
+    std::vector<InterfaceAddress> addresses;
+    for (const AddressFound& found : addressesOf(mSocket, record.index)) {
+        if (found.isOurs && contains(record.addresses, found.address)) addresses.push_back(found.address);
+    }
+    record.addresses = std::move(addresses);
+    return record;
 }
 
 // What was in force on an interface that has since been replaced by another of its name counts no more.
@@ -242,48 +249,64 @@ void InterfaceControl::planRoutes(const InterfaceRequest& request, const Interfa
     plan.dropped.routes = without(earlier.routes, sorted(request.routes));
 }
 
-// The new settings take the place of those in force; only with another resolver, or without, are those undone.
+// The new settings take the place of those in force; those of another resolver are undone.
 void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
 {
-    plan.dropped.dns = earlier.dns;
-    if (request.dns.empty()) return;
-    const std::string before = earlier.dns.empty() ? std::string() : earlier.dns.front();
-    plan.wanted.dns = {mDns.prepare({plan.wanted.index, request.ifName}, request.dns, before)};
+    if (!request.dns.empty()) {
+        plan.wanted.dns = {mDns.prepare({plan.wanted.index, request.ifName}, request.dns, earlier.dns)};
+    }
     plan.added.dns = plan.wanted.dns;
-    if (!before.empty() && Dns::takesPlaceOf(plan.wanted.dns.front(), before)) plan.dropped.dns.clear();
+    std::copy_if(earlier.dns.begin(), earlier.dns.end(), std::back_inserter(plan.dropped.dns),
+                 [&](const std::string& line) {
+                     return plan.wanted.dns.empty() || !Dns::takesPlaceOf(plan.wanted.dns.front(), line);
+                 });
 }
 
-void InterfaceControl::carryOut(const InterfaceRequest& request, const Plan& plan)
+// New routes come before old ones go, so that no packet finds none. DNS comes last, when nothing else can fail any
+// more.
+void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
 {
     if (const auto failure = put(plan.added)) refuse(*failure, request, plan.added);
+    if (!plan.dropped.addresses.empty() || !plan.dropped.routes.empty()) {
+        takeBackKernelPart(plan.dropped);
+        // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by
+        // a dropped route, which the kernel tells when it is asked again.
+        InterfaceRecord missing = missingOf(plan.wanted);
+        const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
+        missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
+        if (const auto failure = put(missing)) refuse(*failure, request, missing);
+    }
+    plan.hasDnsBegun = true;
     for (const std::string& line : plan.added.dns)
         mDns.set({plan.added.index, request.ifName}, request.dns, line);
-    if (isEmpty(plan.dropped)) return;
-    takeBack(plan.dropped);
-    // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by a
-    // dropped route, which the kernel tells when it is asked again.
-    InterfaceRecord missing = missingOf(plan.wanted);
-    const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
-    missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
-    if (const auto failure = put(missing)) refuse(*failure, request, missing);
+    for (const std::string& line : plan.dropped.dns)
+        mDns.undo(line);
 }
 
 // Does not throw: what cannot be rolled back stays in the journal, for the next request or process.
 void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
 {
     try {
-        takeBack(plan.added);
+        if (plan.hasDnsBegun) rollBackDns(plan, earlier);
+        takeBackKernelPart(plan.added);
         if (earlier.name.empty()) {
             mJournal.erase(subject);
             return;
         }
         if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
-        for (const std::string& line : earlier.dns)
-            mDns.set({earlier.index, earlier.name}, mDnsInForce[subject], line);
         mJournal.write(subject, earlier.encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
     }
+}
+
+// Settings that took the place of earlier ones are replaced by those again, others are undone.
+void InterfaceControl::rollBackDns(const Plan& plan, const InterfaceRecord& earlier)
+{
+    for (const std::string& line : plan.added.dns) {
+        if (earlier.dns.empty() || !Dns::takesPlaceOf(line, earlier.dns.front())) mDns.undo(line);
+    }
+    if (!earlier.dns.empty()) mDns.setAgain(earlier.dns.front());
 }
 
 // The request has succeeded: a journal that names too much does no harm.
@@ -320,7 +343,7 @@ InterfaceRecord InterfaceControl::missingOf(const InterfaceRecord& record)
     missing.index = record.index;
     missing.name = record.name;
     const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
-    if (!link) return missing;
+    if (!link || link->name != record.name) return missing;
     if (record.linkBefore && !link->isUp) missing.linkBefore = record.linkBefore;
     const std::vector<AddressFound> found = addressesOf(mSocket, record.index);
     for (const InterfaceAddress& address : record.addresses) {
@@ -330,13 +353,28 @@ InterfaceRecord InterfaceControl::missingOf(const InterfaceRecord& record)
     return missing;
 }
 
+// Whether the record is about an interface that exists: one that got its index later has another name.
+bool InterfaceControl::isThere(const InterfaceRecord& record)
+{
+    if (record.name.empty()) return false;
+    const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
+    return link && link->name == record.name;
+}
+
 // Takes back what is still there and still ours.
 void InterfaceControl::takeBack(const InterfaceRecord& record)
 {
-    if (record.name.empty()) return;
     AllSteps inTurn;
     for (const std::string& line : record.dns)
         inTurn([&] { mDns.undo(line); });
+    inTurn([&] { takeBackKernelPart(record); });
+    inTurn.tell();
+}
+
+void InterfaceControl::takeBackKernelPart(const InterfaceRecord& record)
+{
+    if (!isThere(record)) return;
+    AllSteps inTurn;
     inTurn([&] { takeBackRoutes(record); });
     inTurn([&] { takeBackAddresses(record); });
     inTurn([&] { takeBackLink(record); });

@@ -6,7 +6,6 @@
 #ifndef VKNETCONFIG_INTERFACECONTROL_H
 #define VKNETCONFIG_INTERFACECONTROL_H
 
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,12 +22,15 @@ class InterfaceControl {
 public:
     explicit InterfaceControl(Journal& journal) : mJournal(journal) {}
 
-    /// Puts the configuration in force, in place of the one that the interface has from here. That one stays in force
-    /// when this one fails.
+    /// Puts the configuration in force, in place of the one that the interface has from here, or from a process that
+    /// has ended. Only the difference is changed. The earlier one stays in force when this one fails.
     void apply(const InterfaceRequest& request);
 
-    /// Takes back what is in force for the interface, whichever process put it there.
+    /// Takes back what is in force for the interface.
     void remove(const std::string& ifName);
+
+    /// The subject of the journal for an interface.
+    static std::string subjectOf(const std::string& ifName);
 
     /// True for subjects of the journal that stand for an interface.
     static bool isSubject(std::string_view subject);
@@ -41,23 +43,28 @@ private:
         InterfaceRecord wanted;   // in force afterwards
         InterfaceRecord added;    // not in force yet
         InterfaceRecord dropped;  // no longer wanted
+        bool hasDnsBegun = false;
     };
 
-    InterfaceRecord takeOver(const std::string& subject);
+    void replace(const InterfaceRequest& request, const std::string& subject, InterfaceRecord& earlier);
+    InterfaceRecord installedPart(InterfaceRecord record);
     LinkState linkFor(const InterfaceRequest& request, InterfaceRecord& earlier);
     Plan plan(const InterfaceRequest& request, const LinkState& link, const InterfaceRecord& earlier);
     void planAddress(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void planRoutes(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
     void planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
-    void carryOut(const InterfaceRequest& request, const Plan& plan);
+    void carryOut(const InterfaceRequest& request, Plan& plan);
     [[noreturn]] void refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
                              const InterfaceRecord& added);
     void rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
+    void rollBackDns(const Plan& plan, const InterfaceRecord& earlier);
     void settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
 
     std::optional<NetlinkFailure> put(const InterfaceRecord& record);
     InterfaceRecord missingOf(const InterfaceRecord& record);
+    bool isThere(const InterfaceRecord& record);
     void takeBack(const InterfaceRecord& record);
+    void takeBackKernelPart(const InterfaceRecord& record);
     void takeBackRoutes(const InterfaceRecord& record);
     void takeBackAddresses(const InterfaceRecord& record);
     void takeBackLink(const InterfaceRecord& record);
@@ -65,7 +72,6 @@ private:
     Journal& mJournal;
     NetlinkSocket mSocket;
     Dns mDns;
-    std::map<std::string, DnsSettings> mDnsInForce;  // by subject: what to set again after a failed replacement
 };
 
 }  // namespace vknetconfig

@@ -79,7 +79,7 @@ const LineKind lineKinds[] = {
     {"link",
      [](LineReader& line, InterfaceRecord& record) {
          const int mode = line.number<int>();
-         record.linkBefore = LinkState{0, false, std::string(line.rest()), mode};
+         record.linkBefore = LinkState{0, false, std::string(line.rest()), mode, {}};
      }},
     {"address",
      [](LineReader& line, InterfaceRecord& record) {

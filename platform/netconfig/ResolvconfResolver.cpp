@@ -38,7 +38,7 @@ bool ResolvconfResolver::works()
     return runTool({tool, "--version"}, {}, longestRun).end == ToolResult::End::exited;
 }
 
-std::string ResolvconfResolver::prepare(const Link& link, const DnsSettings&, std::string_view)
+std::string ResolvconfResolver::prepare(const Link& link, const DnsSettings&, const std::vector<std::string>&)
 {
     return link.name;
 }

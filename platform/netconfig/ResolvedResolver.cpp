@@ -38,12 +38,13 @@ bool ResolvedResolver::works()
     }
 }
 
-std::string ResolvedResolver::prepare(const Link& link, const DnsSettings& settings, std::string_view earlier)
+std::string ResolvedResolver::prepare(const Link& link, const DnsSettings& settings,
+                                      const std::vector<std::string>& earlier)
 {
     ResolvedManager manager;
     LinkChange change{link, wantedOf(settings), readPresent(manager, link)};
-    if (!earlier.empty()) {
-        const LinkChange inForce = LinkChange::decode(earlier);
+    for (const std::string& line : earlier) {
+        const LinkChange inForce = LinkChange::decode(line);
         if (inForce.link == link) change.before = takenBack(inForce, change.before);
     }
     return change.encode();

@@ -11,7 +11,8 @@ namespace vknetconfig {
 class ResolvedResolver : public Resolver {
 public:
     bool works() override;
-    std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier) override;
+    std::string prepare(const Link& link, const DnsSettings& settings,
+                        const std::vector<std::string>& earlier) override;
     void set(const Link& link, const DnsSettings& settings) override;
     void undo(std::string_view prepared) override;
 };

@@ -20,9 +20,10 @@ public:
     /// Asks whether it works here: does the service answer, does the tool run.
     virtual bool works() = 0;
 
-    /// Writes down, in one line, what undo() needs. Changes nothing. `earlier` is the line that prepare() returned for
-    /// the settings now in force when they are ours, else empty.
-    virtual std::string prepare(const Link& link, const DnsSettings& settings, std::string_view earlier) = 0;
+    /// Writes down, in one line, what undo() needs. Changes nothing. `earlier` are the lines that prepare()
+    /// returned for settings of ours, one of which are in force now.
+    virtual std::string prepare(const Link& link, const DnsSettings& settings,
+                                const std::vector<std::string>& earlier) = 0;
 
     /// Puts the settings in force, in place of those the link had. When it fails the link has those still.
     virtual void set(const Link& link, const DnsSettings& settings) = 0;

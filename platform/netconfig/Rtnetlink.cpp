@@ -100,7 +100,7 @@ void readLink(const nlmsghdr* message, std::optional<LinkState>& link)
     const Attributes families(attributes.get(IFLA_AF_SPEC));
     const Attributes inet6(families.get(AF_INET6));
     link = LinkState{header->ifi_index, (header->ifi_flags & IFF_UP) != 0, attributes.text(IFLA_QDISC),
-                     inet6.u8Or(IFLA_INET6_ADDR_GEN_MODE, -1)};
+                     inet6.u8Or(IFLA_INET6_ADDR_GEN_MODE, -1), attributes.text(IFLA_IFNAME)};
 }
 
 std::optional<LinkState> askForLink(NetlinkSocket& socket, Question& question)

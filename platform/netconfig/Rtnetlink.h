@@ -24,6 +24,7 @@ struct LinkState {
     bool isUp = false;
     std::string queueing;        // kind of the root queueing discipline
     int addressGeneration = -1;  // IPv6 address generation mode; -1: none
+    std::string name;
 };
 
 std::optional<LinkState> linkNamed(NetlinkSocket& socket, const std::string& name);

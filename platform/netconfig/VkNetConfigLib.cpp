@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The exported functions. Each reads its request whole before anything else happens, waits for its turn among all
-// processes, has the first one clean up what dead processes left, and lets no exception out. No signal of the agent is
-// handled on the calling thread until the request is done.
+// processes, cleans up what dead processes left, and lets no exception out. No signal of the agent is handled on the
+// calling thread until the request is done.
 #include "VkNetConfigLib.h"
 
 #include <unistd.h>
@@ -27,6 +27,15 @@ using namespace vknetconfig;
 
 namespace {
 
+// What a request is about. It cleans up what dead processes left, except, when it applies, what it adopts. A request
+// for a packet filter leaves interfaces alone: an agent that starts again replaces its filter first, and its interface
+// must keep the routes until they are adopted.
+struct Scope {
+    std::string subject;
+    bool isApplied;
+    bool cleansInterfaces;
+};
+
 class Session {
 public:
     explicit Session(Session* inherited) : mInherited(inherited) {}
@@ -34,19 +43,31 @@ public:
     bool isOfThisProcess() const { return mProcess == getpid(); }
     Session* inherited() const { return mInherited; }
 
-    /// Cleans up after dead processes, once a process, forked ones included. What cannot be taken back is left for
-    /// another try.
-    void cleanUpOnce()
+    // What cannot be taken back is left for another try.
+    void cleanUp(const Scope& scope)
     {
-        if (mCleanedUpIn == getpid()) return;
-        mCleanedUpIn = getpid();
-        for (const std::string& subject : journal.takeLeftBehind()) {
+        const auto isWanted = [&scope](const std::string& subject) {
+            if (scope.isApplied && subject == scope.subject) return false;
+            return scope.cleansInterfaces || !InterfaceControl::isSubject(subject);
+        };
+        for (const std::string& subject : journal.takeLeftBehind(isWanted)) {
             try {
                 if (InterfaceControl::isSubject(subject)) interfaces.removeLeft(subject);
                 if (FirewallControl::isSubject(subject)) firewall.removeLeft(subject);
             } catch (const std::exception& error) {
                 VKNETCONFIG_WARNING("%s: cleaning up after an ended process: %s", subject.c_str(), error.what());
                 journal.release(subject);
+            }
+        }
+    }
+
+    void reportLost()
+    {
+        for (const Journal::Lost& lost : journal.takeLost()) {
+            if (lost.by != 0) {
+                VKNETCONFIG_WARNING("%s: process %d took the configuration away", lost.subject.c_str(), lost.by);
+            } else {
+                VKNETCONFIG_WARNING("%s: somebody removed the journal of the configuration", lost.subject.c_str());
             }
         }
     }
@@ -59,7 +80,6 @@ public:
 private:
     const pid_t mProcess = getpid();
     Session* const mInherited;  // what fork copied from the parent, if this process is a child
-    pid_t mCleanedUpIn = 0;
 };
 
 std::atomic<Session*> spSession{nullptr};
@@ -90,15 +110,14 @@ __attribute__((destructor(200))) void endSession()
     delete current;
 }
 
-enum class Purpose { putInForce, takeBack };
-
 template <class Work>
-void inTurn(Purpose purpose, Work work)
+void inTurn(const Scope& scope, Work work)
 {
     Session& here = session();
     const std::lock_guard<std::mutex> lock(here.oneAtATime);
-    const Journal::Turn turn = here.journal.takeTurn(purpose == Purpose::putInForce);
-    here.cleanUpOnce();
+    const Journal::Turn turn = here.journal.takeTurn(scope.isApplied);
+    here.reportLost();
+    here.cleanUp(scope);
     work(here);
 }
 
@@ -128,7 +147,8 @@ extern "C" int CmAddInterfaceCfg2(const char* json)
 {
     return guarded(__func__, [json] {
         const InterfaceRequest request = parseInterfaceRequest(json);
-        inTurn(Purpose::putInForce, [&](Session& here) { here.interfaces.apply(request); });
+        const Scope scope{InterfaceControl::subjectOf(request.ifName), true, true};
+        inTurn(scope, [&](Session& here) { here.interfaces.apply(request); });
     });
 }
 
@@ -138,7 +158,8 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
         if (ifName == nullptr) throw RequestError("ifName", "is a null pointer");
         const std::string fault = interfaceNameFault(ifName);
         if (!fault.empty()) throw RequestError("ifName", fault);
-        inTurn(Purpose::takeBack, [&](Session& here) { here.interfaces.remove(ifName); });
+        const Scope scope{InterfaceControl::subjectOf(ifName), false, true};
+        inTurn(scope, [&](Session& here) { here.interfaces.remove(ifName); });
     });
 }
 
@@ -146,7 +167,7 @@ extern "C" int VkFirewallFullCtrl(const char* json)
 {
     return guarded(__func__, [json] {
         const FirewallRequest request = parseFirewallRequest(json);
-        const Purpose purpose = request.remove ? Purpose::takeBack : Purpose::putInForce;
-        inTurn(purpose, [&](Session& here) { here.firewall.apply(request); });
+        const Scope scope{FirewallControl::subjectOf(request.label), !request.remove, false};
+        inTurn(scope, [&](Session& here) { here.firewall.apply(request); });
     });
 }

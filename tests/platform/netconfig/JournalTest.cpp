@@ -3,7 +3,10 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,13 +15,17 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 
 #include "RequestError.h"
 
 using namespace vknetconfig;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -71,6 +78,11 @@ private:
     pid_t mPid = 0;
 };
 
+std::vector<std::string> leftBehind(Journal& journal)
+{
+    return journal.takeLeftBehind([](const std::string&) { return true; });
+}
+
 std::vector<std::string> filesLeft()
 {
     std::vector<std::string> names;
@@ -100,7 +112,7 @@ TEST(Journal, WithoutAFolderThereIsNothingAndNothingIsMade)
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(false);
     EXPECT_EQ(journal.read("a"), "");
-    EXPECT_THAT(journal.takeLeftBehind(), IsEmpty());
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
     journal.erase("a");
     EXPECT_FALSE(std::filesystem::exists(folder));
 }
@@ -120,7 +132,7 @@ TEST(Journal, ASubjectOfALivingProcessIsRefusedNamingIt)
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(true);
     EXPECT_THAT(errorOf([&] { journal.own("a"); }), HasSubstr("process " + std::to_string(other.pid())));
-    EXPECT_THAT(journal.takeLeftBehind(), IsEmpty());
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
     EXPECT_EQ(journal.read("a"), "theirs");
 }
 
@@ -130,7 +142,7 @@ TEST(Journal, WhatADeadProcessLeftIsFoundAndOwned)
     other.kill();
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_THAT(journal.takeLeftBehind(), ElementsAre("a"));
+    EXPECT_THAT(leftBehind(journal), ElementsAre("a"));
     EXPECT_EQ(journal.own("a"), "theirs");
     journal.erase("a");
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
@@ -143,7 +155,7 @@ TEST(Journal, AProcessThatDiedBeforeItsFirstEntryLeavesNothing)
     std::ofstream(std::string(folder) + "/a.journal.new") << "half an ent";
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_THAT(journal.takeLeftBehind(), IsEmpty());
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
@@ -155,7 +167,7 @@ TEST(Journal, AnEntryOfAnotherBootIsDiscarded)
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(true);
     EXPECT_EQ(journal.read("a"), "");
-    EXPECT_THAT(journal.takeLeftBehind(), IsEmpty());
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
@@ -166,9 +178,154 @@ TEST(Journal, AnEntryOfAnotherNetworkNamespaceStays)
     ASSERT_EQ(unshare(CLONE_NEWNET), 0);
     Journal journal;
     const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_THAT(journal.takeLeftBehind(), IsEmpty());
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
     EXPECT_EQ(journal.read("a"), "");
-    EXPECT_TRUE(std::filesystem::exists(std::string(folder) + "/a.journal"));
+    EXPECT_THAT(filesLeft(), Contains(MatchesRegex("a@c[0-9]+.journal")));
+}
+
+TEST(Journal, AThreadThatReturnsToItsNamespaceStillOwnsWhatItOwnedThere)
+{
+    Journal journal;
+    const UniqueFd first(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    {
+        const Journal::Turn turn = journal.takeTurn(true);
+        journal.own("a");
+        journal.write("a", "here");
+    }
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    {
+        const Journal::Turn turn = journal.takeTurn(true);
+        EXPECT_FALSE(journal.owns("a"));
+        EXPECT_EQ(journal.own("a"), "");
+        journal.write("a", "there");
+        journal.erase("a");
+    }
+    ASSERT_EQ(setns(first.get(), CLONE_NEWNET), 0);
+    const Journal::Turn turn = journal.takeTurn(true);
+    EXPECT_TRUE(journal.owns("a"));
+    EXPECT_EQ(journal.read("a"), "here");
+}
+
+namespace {
+
+std::string contentOf(const std::string& file)
+{
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::string lineOf(const char* file)
+{
+    std::ifstream stream(file);
+    std::string line;
+    std::getline(stream, line);
+    return line;
+}
+
+// An entry as version 1 wrote it, of this boot and network namespace, in the file that it had.
+void writeEntryOfVersion1(const std::string& content)
+{
+    struct stat status {};
+    ASSERT_EQ(stat("/proc/thread-self/ns/net", &status), 0);
+    std::filesystem::create_directory(folder);
+    std::ofstream(std::string(folder) + "/interface-vpn0.journal")
+        << "vknetconfig 1\nboot " << lineOf("/proc/sys/kernel/random/boot_id") << "\nnamespace " << status.st_ino
+        << "\n"
+        << content;
+}
+
+constexpr char recordOfVersion1[] =
+    "interface 7 vpn0\nlink 1 noop\naddress 200080a/24\nroute a8c0/16 100080a 5\ndns resolvconf vpn0\nend\n";
+
+}  // namespace
+
+TEST(Journal, AnEntryOfTheVersionBeforeIsTakenOver)
+{
+    writeEntryOfVersion1(recordOfVersion1);
+    std::ofstream(std::string(folder) + "/interface-vpn0.lock") << "4711\n";
+    Journal journal;
+    const Journal::Turn turn = journal.takeTurn(true);
+    EXPECT_EQ(journal.own("interface-vpn0"), recordOfVersion1);
+    EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", MatchesRegex("interface-vpn0@c[0-9]+.journal"),
+                                                  MatchesRegex("interface-vpn0@c[0-9]+.lock")));
+    journal.erase("interface-vpn0");
+    EXPECT_THAT(filesLeft(), ElementsAre("turn"));
+}
+
+TEST(Journal, AnEntryOfTheVersionBeforeIsCleanedUp)
+{
+    writeEntryOfVersion1(recordOfVersion1);
+    Journal journal;
+    const Journal::Turn turn = journal.takeTurn(false);
+    EXPECT_THAT(leftBehind(journal), ElementsAre("interface-vpn0"));
+    EXPECT_EQ(journal.read("interface-vpn0"), recordOfVersion1);
+    journal.erase("interface-vpn0");
+    EXPECT_THAT(filesLeft(), ElementsAre("turn"));
+}
+
+TEST(Journal, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
+{
+    writeEntryOfVersion1(recordOfVersion1);
+    const std::string name = std::string(folder) + "/interface-vpn0.lock";
+    std::ofstream(name) << "4711\n";
+    const UniqueFd lock(open(name.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0);
+    Journal journal;
+    const Journal::Turn turn = journal.takeTurn(true);
+    EXPECT_THAT(leftBehind(journal), IsEmpty());
+    const std::string refusal =
+        "journal: the configuration of interface-vpn0 belongs to process 4711, which is running";
+    EXPECT_EQ(errorOf([&] { journal.own("interface-vpn0"); }), refusal);
+    EXPECT_EQ(errorOf([&] { journal.ownForRemoval("interface-vpn0"); }), refusal);
+    EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", "interface-vpn0.journal", "interface-vpn0.lock"));
+}
+
+TEST(Journal, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
+{
+    setenv("VKLOG_TARGET", "stderr", 1);
+    OtherProcess author("a", "theirs");
+    author.kill();
+    std::string name;
+    for (const std::string& file : filesLeft()) {
+        if (file.find(".journal") != std::string::npos) name = std::string(folder) + "/" + file;
+    }
+    for (const std::string text : {"vknetconfig 3\nwhat nobody knows today", "", "vknetconfig 2\nboo"}) {
+        std::ofstream(name) << text;
+        Journal other;
+        const Journal::Turn none = other.takeTurn(false);
+        testing::internal::CaptureStderr();
+        EXPECT_THAT(leftBehind(other), IsEmpty());
+        EXPECT_THAT(leftBehind(other), IsEmpty());
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "vknetconfig[4]: the entry " + name + " is kept: it has an unknown version\n");
+        const std::string refusal = "journal: the entry " + name + " has an unknown version";
+        EXPECT_EQ(errorOf([&] { other.own("a"); }), refusal);
+        EXPECT_EQ(errorOf([&] { other.ownForRemoval("a"); }), refusal);
+        EXPECT_FALSE(other.owns("a"));
+        EXPECT_EQ(contentOf(name), text);
+    }
+}
+
+TEST(Journal, WhatCannotBeOwnedIsOwnedByNobody)
+{
+    OtherProcess other("a", "theirs");
+    other.kill();
+    Journal journal;
+    const Journal::Turn turn = journal.takeTurn(true);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    int refused = 0;
+    for (rlim_t files = 3; files < 16; ++files) {
+        const rlimit few{files, limit.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        const bool isRefused = errorOf([&] { leftBehind(journal); }) != "no error";
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        refused += isRefused ? 1 : 0;
+        ASSERT_EQ(journal.owns("a"), !isRefused) << files;
+        if (!isRefused) break;
+    }
+    EXPECT_GT(refused, 1);
+    EXPECT_EQ(journal.read("a"), "theirs");
 }
 
 TEST(Journal, AFullDiskIsReportedAndTheEarlierEntryStays)

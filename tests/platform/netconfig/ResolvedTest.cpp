@@ -193,7 +193,7 @@ TEST_F(ResolvedTest, replacingCarriesOverWhatWasThereFirst)
     const std::string first = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, first);
     const DnsSettings next = settings({"10.8.0.3"}, {}, true);
-    const std::string second = dns.prepare(link(), next, first);
+    const std::string second = dns.prepare(link(), next, {first});
     dns.set(link(), next, second);
     EXPECT_EQ(shown("dns"), "10.8.0.3");
     EXPECT_EQ(shown("domain"), "~.");
@@ -312,7 +312,7 @@ TEST_F(ResolvedTest, theThreadEndsWithTheConfiguration)
     EXPECT_EQ(countOf("/proc/self/task"), threads);
     dns.set(link(), tunnel, prepared);
     EXPECT_EQ(countOf("/proc/self/task"), threads + 1);
-    const std::string again = dns.prepare(link(), tunnel, prepared);
+    const std::string again = dns.prepare(link(), tunnel, {prepared});
     dns.set(link(), tunnel, again);
     EXPECT_EQ(countOf("/proc/self/task"), threads + 1) << "one thread, however often";
     dns.undo(again);

@@ -5,7 +5,9 @@
 //   delete NAME    takes back the configuration of an interface
 //   firewall FILE  sends the packet-filter request in FILE
 //   hold           prints "holding" and waits to be ended
+//   await FIFO     prints "waiting" and waits until somebody opens the FIFO for writing
 // Exits with the number of requests that failed.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,8 +17,21 @@
 #include <string>
 
 #include "VkNetConfigLib.h"
+#include "handles/UniqueFd.h"
 
 namespace {
+
+void print(const char* line)
+{
+    std::puts(line);
+    std::fflush(stdout);
+}
+
+int await(const char* fifo)
+{
+    print("waiting");
+    return UniqueFd(open(fifo, O_RDONLY | O_CLOEXEC)).valid() ? 0 : -1;
+}
 
 std::string contentOf(const char* path)
 {
@@ -29,6 +44,7 @@ int request(const char* step, const char* argument)
     if (std::strcmp(step, "add") == 0) return CmAddInterfaceCfg2(contentOf(argument).c_str());
     if (std::strcmp(step, "delete") == 0) return CmDelInterfaceCfg(argument);
     if (std::strcmp(step, "firewall") == 0) return VkFirewallFullCtrl(contentOf(argument).c_str());
+    if (std::strcmp(step, "await") == 0) return await(argument);
     std::fprintf(stderr, "unknown step %s\n", step);
     return -1;
 }
@@ -40,8 +56,7 @@ int main(int argc, char** argv)
     int failures = 0;
     for (int index = 1; index < argc; ++index) {
         if (std::strcmp(argv[index], "hold") == 0) {
-            std::puts("holding");
-            std::fflush(stdout);
+            print("holding");
             pause();
         } else if (index + 1 < argc) {
             const char* const step = argv[index++];

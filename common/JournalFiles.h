@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The files of the network-configuration library's journal, as the library writes them and tools look at them. A
+// subject ("interface-norvatun0") of a network namespace has two files, both named SUBJECT@NAMESPACE: the entry, while
+// something is installed, and the lock, which the owner holds and which holds the owner's process id as text.
+#ifndef WFOAL_JOURNALFILES_H
+#define WFOAL_JOURNALFILES_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+namespace wfoal {
+
+inline constexpr char journalFolder[] = "/run/vknetconfig";
+inline constexpr std::string_view entrySuffix = ".journal";
+inline constexpr std::string_view lockSuffix = ".lock";
+inline constexpr char namespaceSeparator = '@';
+
+/// The calling thread's network namespace: "c7", the kernel's cookie, which no other namespace gets until the next
+/// boot. Kernels before 5.14 have none; there it is "i4026531840", the inode, which a later namespace may get. Empty,
+/// with errno set, when the kernel cannot be asked.
+std::string currentNetworkNamespace();
+
+/// The process id in a lock file, 0 when there is none.
+pid_t holderIn(int lockFile);
+
+}  // namespace wfoal
+
+#endif
