@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "JsonFields.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 
@@ -11,17 +12,23 @@ namespace {
 // How many bytes json-c writes for a value, computed without memory.
 std::size_t lengthOf(json_object* value);
 
+// Bytes that json-c writes for each byte of a string.
+constexpr std::array<std::uint8_t, 256> makeEscapedLengths()
+{
+    std::array<std::uint8_t, 256> lengths{};
+    for (std::size_t byte = 0; byte < lengths.size(); ++byte)
+        lengths[byte] = byte < ' ' ? 6 : 1;
+    for (const char byte : {'\b', '\n', '\r', '\t', '\f', '"', '\\', '/'})
+        lengths[static_cast<unsigned char>(byte)] = 2;
+    return lengths;
+}
+constexpr auto escapedLengths = makeEscapedLengths();
+
 std::size_t lengthOfString(const char* text, std::size_t length)
 {
     std::size_t sum = 2;  // quotes
-    for (std::size_t i = 0; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte != 0 && std::strchr("\b\n\r\t\f\"\\/", byte) != nullptr) {
-            sum += 2;
-        } else {
-            sum += byte < ' ' ? 6 : 1;
-        }
-    }
+    for (std::size_t i = 0; i < length; ++i)
+        sum += escapedLengths[static_cast<unsigned char>(text[i])];
     return sum;
 }
 

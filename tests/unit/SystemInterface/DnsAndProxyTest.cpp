@@ -155,4 +155,13 @@ TEST_F(DnsAndProxyTest, ProxySettingsAreLoggedOnlyWhateverTheyAre)
     EXPECT_EQ(request(""), appliedRequest());
 }
 
+TEST_F(DnsAndProxyTest, DomainOfEveryByteIsApplied)
+{
+    std::string domain;
+    for (int byte = 1; byte < 256; ++byte)
+        domain += static_cast<char>(byte);
+    mSystem->SetDNSDomain(domain.c_str());
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem->ApplyConfiguration());
+}
+
 }  // namespace
