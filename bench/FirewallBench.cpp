@@ -10,7 +10,7 @@
 
 #include "Comparison.h"
 #include "FirewallRequest.h"
-#include "FirewallText.h"
+#include "NftText.h"
 #include "ToolRun.h"
 #include "VkNetConfigLib.h"
 
@@ -68,9 +68,9 @@ int main()
 {
     const std::string ours = request("ours");
     const std::string peers = request("peers");
-    std::ofstream(rulesFile) << vknetconfig::setUpCommands(vknetconfig::parseFirewallRequest(peers.c_str()));
+    std::ofstream(rulesFile) << testsupport::setUpCommands(vknetconfig::parseFirewallRequest(peers.c_str()));
     bench::Table table("Packet filter");
-    table.compare("replace 10,000 rules, to nft -f", 1.0,
+    table.compare("replace 10,000 rules, to nft -f", 0.7,
                   bench::timed([&] { require(VkFirewallFullCtrl(ours.c_str()) == 0, "VkFirewallFullCtrl"); }),
                   bench::timed([] {
                       runNft({"-f", rulesFile});

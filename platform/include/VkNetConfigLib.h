@@ -51,8 +51,9 @@ int CmDelInterfaceCfg(const char* ifName);
 
 /* Sets up or removes a packet filter.
  *
- *   "label"        text: names the filter, at most 31 characters: a letter, then letters, digits, '_', '-', '.', '/';
- *                  not a word of nft's own language, such as "counter"
+ *   "label"        text: names the filter, at most 31 characters: a letter, then letters, digits, '_', '-', '.', '/'.
+ *                  Better not a word of nft's own language, such as "counter": nft lists such a table, but reads its
+ *                  own listing not back, and deletes the table by its handle only
  *   "chainNew"     text like "label", for setting up: the chain's name; replaces the label's earlier filter in one step
  *   "chainDelete"  text like "label", for removing the label's filter. What is not there is no failure.
  *   "rules"        with "chainNew": objects of

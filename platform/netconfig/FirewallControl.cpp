@@ -2,11 +2,12 @@
 #include "FirewallControl.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <exception>
 
-#include "FirewallText.h"
+#include "FirewallMessages.h"
 #include "Log.h"
+#include "NftTransaction.h"
 #include "RequestError.h"
 
 namespace vknetconfig {
@@ -31,6 +32,7 @@ std::string labelOf(const std::string& subject)
 
 void FirewallControl::apply(const FirewallRequest& request)
 {
+    mSocket.followNamespace();
     if (request.remove) {
         remove(request.label);
     } else {
@@ -40,20 +42,43 @@ void FirewallControl::apply(const FirewallRequest& request)
 
 void FirewallControl::setUp(const FirewallRequest& request)
 {
-    const std::string commands = setUpCommands(request);
-    const TableState before = mSession.stateOf(request.label);
-    if (before == TableState::foreign) refuseForeign(request.label);
+    const TableFound before = findReplaceable(request.label);
     const std::string subject = subjectOf(request.label);
     NewOwnership ownership(mJournal, subject);
     mJournal.own(subject);
     try {
         mJournal.write(subject, "table\n");
-        mSession.run(commands);
+        replace(request, before);
         ownership.keep();
-    } catch (const RequestError& error) {
-        if (before == TableState::absent) rollBack(request.label);
-        if (std::strstr(error.what(), "syntax error") != nullptr) refuseKeywords(request);
+    } catch (...) {
+        if (before.state == TableState::absent) rollBack(request.label);
         throw;
+    }
+}
+
+TableFound FirewallControl::findReplaceable(const std::string& label)
+{
+    const TableFound found = findTable(mSocket, label);
+    if (found.state == TableState::foreign) refuseForeign(label);
+    return found;
+}
+
+// The kernel takes the transaction only while the tables are as they were seen: `before` is named by its handle, and
+// the new table must not be there.
+void FirewallControl::replace(const FirewallRequest& request, TableFound before)
+{
+    constexpr int mostAttempts = 5;  // somebody else changes tables of this name all the time
+    for (int attempt = 1;; ++attempt) {
+        NftTransaction transaction(mSocket);
+        if (before.state == TableState::ours) addTableRemoval(transaction, before.handle);
+        const FirewallMessages messages(transaction, request);
+        const std::optional<NetlinkFailure> failure = transaction.commit();
+        if (!failure) return;
+        const bool isOutdated =
+            messages.isAboutTables(failure->index) && (failure->error == ENOENT || failure->error == EEXIST);
+        if (!isOutdated || attempt == mostAttempts)
+            throw RequestError("nftables", messages.subjectOf(failure->index) + ": " + failure->reason());
+        before = findReplaceable(request.label);
     }
 }
 
@@ -68,25 +93,13 @@ void FirewallControl::rollBack(const std::string& label)
     }
 }
 
-// No other text in the commands can be wrong than names that nft's grammar uses for itself, such as "table".
-void FirewallControl::refuseKeywords(const FirewallRequest& request)
-{
-    const auto refuse = [](const char* key, const std::string& name) {
-        throw RequestError(key, excerpt(name) + " is a word of nft's own language");
-    };
-    if (!mSession.wouldTake("add table inet " + request.label + "\n")) refuse("label", request.label);
-    if (!mSession.wouldTake("add table inet a\nadd chain inet a " + request.chain + "\n"))
-        refuse("chainNew", request.chain);
-}
-
 void FirewallControl::remove(const std::string& label)
 {
-    const TableState state = mSession.stateOf(label);
-    if (state == TableState::foreign) refuseForeign(label);
+    const TableFound found = findReplaceable(label);
     const std::string subject = subjectOf(label);
     const NewOwnership ownership(mJournal, subject);
     mJournal.ownForRemoval(subject);
-    if (state == TableState::ours) mSession.run(removalCommand(label));
+    if (found.state == TableState::ours) removeTable(found);
     mJournal.erase(subject);
 }
 
@@ -95,6 +108,14 @@ std::string FirewallControl::subjectOf(std::string label)
 {
     std::replace(label.begin(), label.end(), '/', '%');
     return std::string(subjectStart) + label;
+}
+
+void FirewallControl::removeTable(const TableFound& table)
+{
+    NftTransaction transaction(mSocket);
+    addTableRemoval(transaction, table.handle);
+    const std::optional<NetlinkFailure> failure = transaction.commit();
+    if (failure && failure->error != ENOENT) throw RequestError("nftables", "the kernel: " + failure->reason());
 }
 
 bool FirewallControl::isSubject(std::string_view subject)
@@ -106,7 +127,9 @@ void FirewallControl::removeLeft(const std::string& subject)
 {
     const std::string label = labelOf(subject);
     // Somebody else's table of this name has taken the place of ours.
-    if (mSession.stateOf(label) == TableState::ours) mSession.run(removalCommand(label));
+    mSocket.followNamespace();
+    const TableFound found = findTable(mSocket, label);
+    if (found.state == TableState::ours) removeTable(found);
     mJournal.erase(subject);
 }
 

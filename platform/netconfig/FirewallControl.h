@@ -11,16 +11,14 @@
 
 #include "FirewallRequest.h"
 #include "Journal.h"
-#include "NftSession.h"
+#include "NetlinkSocket.h"
+#include "NftTable.h"
 
 namespace vknetconfig {
 
 class FirewallControl {
 public:
     explicit FirewallControl(Journal& journal) : mJournal(journal) {}
-
-    /// Opens what the first request would have to wait for.
-    void warmUp() noexcept { mSession.warmUp(); }
 
     /// Sets up or removes what the request asks for.
     void apply(const FirewallRequest& request);
@@ -34,12 +32,15 @@ public:
 
 private:
     void setUp(const FirewallRequest& request);
+    TableFound findReplaceable(const std::string& label);
+    void replace(const FirewallRequest& request, TableFound before);
     void rollBack(const std::string& label);
     void remove(const std::string& label);
-    void refuseKeywords(const FirewallRequest& request);
+    void removeTable(const TableFound& table);
 
     Journal& mJournal;
-    NftSession mSession;
+    // Stays open, as closing it right after a change waits for the kernel to clean up (5 to 15 ms).
+    NetlinkSocket mSocket{NETLINK_NETFILTER, "nftables"};
 };
 
 }  // namespace vknetconfig

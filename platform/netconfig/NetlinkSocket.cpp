@@ -27,10 +27,7 @@ constexpr int longestSilence = 5000;  // milliseconds; the kernel answers while 
 // While addresses change all the time, many dumps in a row may be interrupted.
 constexpr auto longestRepetition = std::chrono::seconds(3);
 
-[[noreturn]] void fail(const std::string& what)
-{
-    throw systemError("netlink", what, errno);
-}
+}  // namespace
 
 // The kernel's own words. They follow the error at once, as the request's payload is not echoed.
 std::string kernelText(const nlmsghdr* message)
@@ -48,18 +45,21 @@ std::string kernelText(const nlmsghdr* message)
     return text;
 }
 
-}  // namespace
-
 std::string NetlinkFailure::reason() const
 {
     const std::string general = std::strerror(error);
     return text.empty() ? general : text + " (" + general + ")";
 }
 
+void NetlinkSocket::fail(const char* what) const
+{
+    throw systemError(mKey, what, errno);
+}
+
 mnl_socket* NetlinkSocket::handle()
 {
     if (mSocket) return mSocket.get();
-    MnlSocketPtr socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    MnlSocketPtr socket(mnl_socket_open2(mProtocol, SOCK_CLOEXEC));
     if (!socket) fail("open");
     if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("bind");
     int on = 1;
@@ -80,21 +80,40 @@ void NetlinkSocket::followNamespace()
     mNamespace = status.st_ino;
 }
 
+int NetlinkSocket::descriptor()
+{
+    return mnl_socket_get_fd(handle());
+}
+
+void NetlinkSocket::send(const void* messages, std::size_t size)
+{
+    while (mnl_socket_sendto(handle(), messages, size) < 0) {
+        if (errno != EINTR) fail("send");
+    }
+}
+
+NetlinkReceived NetlinkSocket::receive(bool isLossy)
+{
+    const NetlinkReceived received = mDatagram.receive(descriptor(), isLossy ? 0 : longestSilence);
+    if (received == NetlinkReceived::failed) fail("receive");
+    return received;
+}
+
 int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit)
 {
     request->nlmsg_flags = static_cast<std::uint16_t>(request->nlmsg_flags | NLM_F_REQUEST);
     const auto end = std::chrono::steady_clock::now() + longestRepetition;
     while (true) {
-        request->nlmsg_seq = ++mSequence;
-        if (mnl_socket_sendto(handle(), request, request->nlmsg_len) < 0) fail("send");
+        request->nlmsg_seq = nextSequence();
+        send(request, request->nlmsg_len);
         // Kept until the answer is known to be whole. Rounded up, as libmnl reads to there.
         std::vector<std::vector<char>> answer;
-        const int error = wfoal::receiveAnswer(mnl_socket_get_fd(handle()), mDatagram, request->nlmsg_seq,
-                                               [&answer](const nlmsghdr& message) {
-                                                   const char* const bytes = reinterpret_cast<const char*>(&message);
-                                                   answer.emplace_back(bytes, bytes + MNL_ALIGN(message.nlmsg_len));
-                                               });
-        if (error == ETIMEDOUT) throw RequestError("netlink", "the kernel does not answer");
+        const int error =
+            wfoal::receiveAnswer(descriptor(), mDatagram, request->nlmsg_seq, [&answer](const nlmsghdr& message) {
+                const char* const bytes = reinterpret_cast<const char*>(&message);
+                answer.emplace_back(bytes, bytes + MNL_ALIGN(message.nlmsg_len));
+            });
+        if (error == ETIMEDOUT) throw RequestError(mKey, "the kernel does not answer");
         if (error == EINTR && std::chrono::steady_clock::now() < end) continue;
         if (error == EINTR) return error;
         for (const auto& message : answer)
@@ -115,7 +134,7 @@ nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
     mLast = mnl_nlmsg_put_header(mBuffer.data() + mUsed);
     mLast->nlmsg_type = type;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
-    mLast->nlmsg_seq = ++mSocket.mSequence;
+    mLast->nlmsg_seq = mSocket.nextSequence();
     ++mCount;
     return mLast;
 }
@@ -139,19 +158,17 @@ void NetlinkBatch::send()
     if (mUsed == 0) return;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
     const std::uint32_t last = mLast->nlmsg_seq;
-    if (mnl_socket_sendto(mSocket.handle(), mBuffer.data(), mUsed) < 0) fail("send");
+    mSocket.send(mBuffer.data(), mUsed);
     mUsed = 0;
     mLast = nullptr;
     // When answers are lost, the acknowledgement may be among them; the first error, being the oldest, never is.
     bool isLossy = false;
     bool isComplete = false;
     while (!isComplete) {
-        const NetlinkReceived received =
-            mSocket.mDatagram.receive(mnl_socket_get_fd(mSocket.handle()), isLossy ? 0 : longestSilence);
-        if (received == NetlinkReceived::failed) fail("receive");
+        const NetlinkReceived received = mSocket.receive(isLossy);
         if (received == NetlinkReceived::nothing) break;
         isLossy = isLossy || received == NetlinkReceived::lost;
-        while (const nlmsghdr* message = mSocket.mDatagram.next()) {
+        while (const nlmsghdr* message = mSocket.nextMessage()) {
             take(message);
             isComplete = isComplete || message->nlmsg_seq == last;
         }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Talking with rtnetlink: batches of changes whose errors are told by sequence number, and dumps. Knows nothing of
-// what the messages mean. Failures of the socket itself throw a RequestError with the key "netlink".
+// Talking with the kernel over netlink: batches of changes whose errors are told by sequence number, and dumps. Knows
+// nothing of what the messages mean. Failures of the socket itself throw a RequestError with the socket's key.
 #ifndef VKNETCONFIG_NETLINKSOCKET_H
 #define VKNETCONFIG_NETLINKSOCKET_H
 
@@ -26,8 +26,15 @@ struct NetlinkFailure {
     std::string reason() const;
 };
 
+/// The kernel's own words in an error; empty when there are none.
+std::string kernelText(const nlmsghdr* message);
+
 class NetlinkSocket {
 public:
+    explicit NetlinkSocket(int protocol = NETLINK_ROUTE, const char* key = "netlink") : mProtocol(protocol), mKey(key)
+    {
+    }
+
     /// Opens the socket at the first use; it stays open for later requests.
     mnl_socket* handle();
 
@@ -38,9 +45,19 @@ public:
     /// answer that a concurrent change interrupted is asked for again, for some seconds; then the result is EINTR.
     int ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit);
 
+    int descriptor();
+    std::uint32_t nextSequence() { return ++mSequence; }
+    void send(const void* messages, std::size_t size);
+    /// Waits for answers, but not when some were lost: the last one may be among them. Never `failed`.
+    wfoal::NetlinkReceived receive(bool isLossy);
+    const nlmsghdr* nextMessage() { return mDatagram.next(); }
+
 private:
     friend class NetlinkBatch;
+    [[noreturn]] void fail(const char* what) const;
 
+    int mProtocol;
+    const char* mKey;
     MnlSocketPtr mSocket;
     wfoal::NetlinkDatagram mDatagram;
     ino_t mNamespace = 0;

@@ -18,7 +18,6 @@
 #include "InterfaceName.h"
 #include "InterfaceRequest.h"
 #include "Journal.h"
-#include "Library.h"
 #include "Log.h"
 #include "RequestError.h"
 #include "SignalsBlocked.h"
@@ -84,7 +83,7 @@ private:
 
 std::atomic<Session*> spSession{nullptr};
 
-// Made when the library is loaded, or by the first request. A child of fork makes one of its own. The one that it
+// Made by the first request. A child of fork makes one of its own. The one that it
 // inherited is the parent's, maybe in the middle of a request of a thread that the child does not have: it is left as
 // it is, mutex included.
 Session& session()
@@ -137,11 +136,6 @@ int guarded(const char* function, Work work)
 }
 
 }  // namespace
-
-void vknetconfig::warmUp()
-{
-    session().firewall.warmUp();
-}
 
 extern "C" int CmAddInterfaceCfg2(const char* json)
 {

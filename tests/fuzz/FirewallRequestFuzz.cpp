@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Requests for the packet filter, of any shape. Whatever is accepted must print as commands that hold nothing but
-// what nft may see: one table of ours.
+// Requests for the packet filter, of any shape. Whatever is accepted fits into messages of the kernel, with names that
+// nft can print.
 #include <cstdlib>
 #include <string>
 
+#include "FirewallMessages.h"
 #include "FirewallRequest.h"
-#include "FirewallText.h"
 #include "RequestError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
@@ -15,10 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     const std::string json(reinterpret_cast<const char*>(data), size);
     try {
         const FirewallRequest request = parseFirewallRequest(json.c_str());
-        const std::string text = setUpCommands(request) + removalCommand(request.label);
-        constexpr std::string_view allowed =
-            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./\" \t\n{};";
-        if (text.find_first_not_of(allowed) != std::string::npos) std::abort();
+        NetlinkSocket socket(NETLINK_NETFILTER, "nftables");  // not opened before something is sent
+        NftTransaction transaction(socket);
+        const FirewallMessages messages(transaction, request);
+        if (transaction.nextIndex() < request.rules.size() + 9) std::abort();
         for (const FirewallRule& rule : request.rules) {
             if (rule.interfaceName.find_first_of("\"/ \t\n{};") != std::string::npos) std::abort();
             if (rule.interfaceName.size() > 15) std::abort();

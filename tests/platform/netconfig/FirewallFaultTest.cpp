@@ -39,3 +39,38 @@ TEST(FirewallFault, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
     }
     EXPECT_GT(installed, 25) << "the faults came too early to prove anything";
 }
+
+TEST(FirewallFault, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
+{
+    NEEDS_STRACE();
+    std::ofstream file("/tmp/filter.json");
+    file << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"})";
+    for (int count = 1; count < 10000; ++count)
+        file << R"(,{"operation":"append","jumpTo":"DROP"})";
+    file << "]}" << std::flush;
+    const std::string output = outputOf(driverUnderStrace(
+        "-o /dev/null -e trace=setsockopt -e inject=setsockopt:error=EPERM:when=5+", "firewall /tmp/filter.json"));
+    EXPECT_EQ(output, "vknetconfig[3]: VkFirewallFullCtrl: nftables: send: Message too long\n");
+    EXPECT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n");
+}
+
+TEST(FirewallFault, LostAnswersAreNoSuccessAndLeaveNothing)
+{
+    NEEDS_STRACE();
+    std::ofstream("/tmp/filter.json")
+        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    for (int number = 1; number <= 6; ++number) {
+        for (const char* error : {"ENOBUFS", "ENOMEM"}) {
+            const std::string output = outputOf(
+                driverUnderStrace("-o /dev/null -e trace=recvmsg -e inject=recvmsg:error=" + std::string(error) +
+                                      ":when=" + std::to_string(number),
+                                  "firewall /tmp/filter.json") +
+                " || echo REFUSED");
+            const bool isRefused = output.find("REFUSED") != std::string::npos;
+            const bool isInstalled = outputOf("nft list tables").find("inet fault") != std::string::npos;
+            EXPECT_NE(isRefused, isInstalled) << error << " " << number << ": " << output;
+            run(driver("delete nothing0"));
+            ASSERT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n") << error << " " << number;
+        }
+    }
+}

@@ -53,10 +53,9 @@ Finding lookAtTunDevice(Context&)
 
 Finding lookAtFilter(Context&)
 {
-    // Without the privilege there is no answer, only a complaint of the library's own on stderr.
+    // Without the privilege there is no answer.
     if (!hasCapability(CAP_NET_ADMIN)) return {Health::Missing, "nftables does not answer just anybody", "run as root"};
-    std::string tables;
-    const std::string fault = listFilterTables(tables);
+    const std::string fault = filterFault();
     if (fault.empty()) return {Health::Ok, "nftables answers", ""};
     return {Health::Missing, "nftables: " + fault, "load the module: modprobe nf_tables"};
 }

@@ -14,9 +14,8 @@ enum class FilterState { InForce, Missing, Unknown };
 /// Unknown where the platform is not this project's own, or where nftables does not answer.
 FilterState filterState();
 
-/// Has nftables list its tables, by their names as nft prints them, into `tables`. Returns an empty text, or why it
-/// could not.
-std::string listFilterTables(std::string& tables);
+/// Why nftables does not answer; empty when it does.
+std::string filterFault();
 
 }  // namespace vpnoalctl
 

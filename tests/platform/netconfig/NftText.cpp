@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "FirewallText.h"
+#include "NftText.h"
 
 #include <charconv>
 
 #include "Ipv4.h"
 
-namespace vknetconfig {
+using namespace vknetconfig;
+
+namespace testsupport {
 
 namespace {
 
@@ -106,7 +108,7 @@ void appendTable(std::string& text, std::string_view begin, std::string_view lab
 void appendMark(std::string& text)
 {
     text += " {\n\tcomment \"";
-    text += tableMark;
+    text += "vknetconfig";
     text += "\"\n";
 }
 
@@ -120,7 +122,8 @@ std::string setUpCommands(const FirewallRequest& request)
     // Deleting what is not there would fail the whole, so it is made first.
     appendTable(text, "add ", request.label);
     text += '\n';
-    text += removalCommand(request.label);
+    appendTable(text, "delete ", request.label);
+    text += '\n';
     appendTable(text, "", request.label);
     appendMark(text);
     text += "\tchain " + request.chain + " {\n";
@@ -135,12 +138,4 @@ std::string setUpCommands(const FirewallRequest& request)
     return text;
 }
 
-std::string removalCommand(std::string_view label)
-{
-    std::string text;
-    appendTable(text, "delete ", label);
-    text += '\n';
-    return text;
-}
-
-}  // namespace vknetconfig
+}  // namespace testsupport
