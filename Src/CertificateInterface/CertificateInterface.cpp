@@ -9,6 +9,11 @@
 #include "InterfaceCommon.h"
 #include "Log.h"
 
+static X509Ptr decode(const unsigned char* data, unsigned int length)
+{
+    return X509Ptr(d2i_X509(nullptr, &data, static_cast<long>(length)));
+}
+
 CertificateInterface::CertificateInterface()
 {
     const wfoal::ErrorQueueGuard queueGuard;
@@ -40,7 +45,9 @@ PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data
     if (!verificationCerts) verificationCerts.reset(sk_X509_new_null());
     if (!verificationCerts) return PLUGIN_FAILURE;
     if (data == nullptr) return PLUGIN_SUCCESS;
-    X509Ptr certificate(d2i_X509(nullptr, &data, static_cast<long>(length)));
+    X509Ptr certificate = decode(data, length);
+    // Once more: a fault must not look like bytes that are no certificate.
+    if (!certificate) certificate = decode(data, length);
     if (!certificate) return PLUGIN_SUCCESS;
     if (sk_X509_push(verificationCerts.get(), certificate.get()) == 0) return PLUGIN_FAILURE;
     static_cast<void>(certificate.release());  // the list's now

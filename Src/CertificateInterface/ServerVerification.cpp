@@ -3,7 +3,7 @@
 // Judging the gateway's certificate: accept, ask the user, or refuse. Trust comes from the installed directory alone;
 // what the agent collected serves as intermediates only, for one verification.
 #include <openssl/pem.h>
-#include <openssl/x509v3.h>
+#include <openssl/x509_vfy.h>
 #include <strings.h>
 #include <sys/stat.h>
 
@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "CertificateInterface.h"
+#include "ChainCheck.h"
 #include "ChainVerdict.h"
 #include "ErrorQueueGuard.h"
 #include "Log.h"
@@ -71,21 +72,18 @@ bool isWithinValidity(X509* certificate)
     return true;
 }
 
-bool isInStore(X509_STORE_CTX* context, X509_NAME* subject)
+// A text with a NUL inside only looks like what stands before the NUL.
+bool hasNulInCommonName(const X509_NAME* subject)
 {
-    const X509ObjectPtr found(X509_OBJECT_new());
-    return found && X509_STORE_CTX_get_by_subject(context, X509_LU_X509, subject, found.get()) == 1;
-}
-
-// `length` is what the certificate holds: a name with a NUL inside is longer than it looks, and is nobody's.
-bool isServerName(const char* serverName, const NameBuffer& commonName, int length)
-{
-    return serverName != nullptr && std::strlen(commonName.data()) == static_cast<std::size_t>(length) &&
-           strcasecmp(serverName, commonName.data()) == 0;
+    const X509_NAME_ENTRY* entry =
+        X509_NAME_get_entry(subject, X509_NAME_get_index_by_NID(subject, NID_commonName, -1));
+    const ASN1_STRING* text = X509_NAME_ENTRY_get_data(entry);
+    return text == nullptr || std::memchr(ASN1_STRING_get0_data(text), '\0',
+                                          static_cast<std::size_t>(ASN1_STRING_length(text))) != nullptr;
 }
 
 // The checks behind a chain that did not verify: the store and the name. `result` is what the chain came to.
-PluginResult resultOfName(X509_STORE_CTX* context, X509* certificate, const char* serverName, PluginResult result,
+PluginResult resultOfName(X509* certificate, bool isInstalled, const char* serverName, PluginResult result,
                           bool& promptUser)
 {
     NameBuffer commonName{};
@@ -102,7 +100,7 @@ PluginResult resultOfName(X509_STORE_CTX* context, X509* certificate, const char
         X509_NAME_oneline(subject, line.data(), static_cast<int>(line.size()));
         WFOAL_DEBUG("%s verifying server name: %s", verifyFunction, line.data());
     }
-    if (!isInStore(context, subject)) {
+    if (!isInstalled) {
         WFOAL_DEBUG("%s: Matching Certificate not found in store", verifyFunction);
         promptUser = true;
         return PLUGIN_SUCCESS;
@@ -110,7 +108,9 @@ PluginResult resultOfName(X509_STORE_CTX* context, X509* certificate, const char
     commonName.back() = '\0';
     WFOAL_DEBUG("%s: input server name: %s\n server name found in cert: %s", verifyFunction, serverName,
                 commonName.data());
-    if (isServerName(serverName, commonName, length)) {
+    const bool isServerName = serverName != nullptr && strcasecmp(serverName, commonName.data()) == 0;
+    // A name cut short by a NUL accepts nobody, and saves nobody from being refused.
+    if (isServerName && (result != PLUGIN_SUCCESS || !hasNulInCommonName(subject))) {
         WFOAL_DEBUG("%s: server name verification succeeded", verifyFunction);
         return result;
     }
@@ -155,17 +155,22 @@ PluginResult CertificateInterface::judge(X509* certificate, const char* serverNa
         WFOAL_ERROR("%s: Could not initialize X509_STORE_CTX.", verifyFunction);
         return PLUGIN_FAILURE;
     }
-    // Without the purpose a certificate of any use would pass, so a purpose that cannot be set is a failed chain.
-    if (X509_STORE_CTX_set_purpose(context.get(), X509_PURPOSE_SSL_SERVER) == 1 &&
-        X509_verify_cert(context.get()) == 1) {
-        return PLUGIN_SUCCESS;
-    }
-    const PluginResult result = resultOfChain(X509_STORE_CTX_get_error(context.get()), promptUser);
+    if (wfoal::verifiesForServer(context.get())) return PLUGIN_SUCCESS;
+    const int error = X509_STORE_CTX_get_error(context.get());
+    PluginResult result = resultOfChain(error, promptUser);
     if (!isWithinValidity(certificate)) {
         promptUser = false;
         return PLUGIN_FAILURE;
     }
-    return resultOfName(context.get(), certificate, serverName, result, promptUser);
+    const bool isInstalled = wfoal::isInStore(context.get(), X509_get_subject_name(certificate));
+    result = resultOfName(certificate, isInstalled, serverName, result, promptUser);
+    if (result == PLUGIN_SUCCESS &&
+        !wfoal::isConfirmed({error, isInstalled}, certificate, verificationCerts.get(), trustedDirectory)) {
+        WFOAL_ERROR("%s: Server Certificate verification is not reliable", verifyFunction);
+        promptUser = false;
+        return PLUGIN_FAILURE;
+    }
+    return result;
 }
 
 // Intermediates of one handshake never serve the next. A stack that is empty already stays.

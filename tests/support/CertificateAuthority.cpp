@@ -15,8 +15,6 @@ namespace testsupport {
 namespace {
 
 constexpr char trustedDirectory[] = "/var/ssl/trustedcerts/";
-constexpr unsigned keyBits = 2048;
-
 void check(bool done, const char* what)
 {
     if (!done) throw std::runtime_error(what);
@@ -42,6 +40,15 @@ void setSubject(X509* certificate, const std::string& commonName)
                                static_cast<int>(commonName.size()), -1, 0);
 }
 
+std::string freeTrustedPath(const Identity& identity)
+{
+    char name[32];
+    for (int i = 0;; ++i) {
+        std::snprintf(name, sizeof name, "%08lx.%d", X509_subject_name_hash(identity.certificate.get()), i);
+        if (!std::filesystem::exists(trustedDirectory + std::string(name))) return trustedDirectory + std::string(name);
+    }
+}
+
 std::string textOf(BIO* bio)
 {
     char* data = nullptr;
@@ -51,11 +58,13 @@ std::string textOf(BIO* bio)
 
 }  // namespace
 
+unsigned rsaKeyBits = 2048;
+
 EvpPkeyPtr rsaKey(int number)
 {
     static std::map<int, EvpPkeyPtr> keys;
     EvpPkeyPtr& key = keys[number];
-    if (!key) key.reset(EVP_RSA_gen(keyBits));
+    if (!key) key.reset(EVP_RSA_gen(rsaKeyBits));
     check(key != nullptr, "make key");
     EVP_PKEY_up_ref(key.get());
     return EvpPkeyPtr(key.get());
@@ -141,12 +150,16 @@ void writeFile(const std::string& path, const std::vector<unsigned char>& bytes)
 
 void installTrusted(const Identity& identity)
 {
-    char name[32];
-    for (int i = 0;; ++i) {
-        std::snprintf(name, sizeof name, "%08lx.%d", X509_subject_name_hash(identity.certificate.get()), i);
-        if (!std::filesystem::exists(trustedDirectory + std::string(name))) break;
-    }
-    writeFile(trustedDirectory + std::string(name), identity.pem());
+    writeFile(freeTrustedPath(identity), identity.pem());
+}
+
+void installDistrusted(const Identity& identity)
+{
+    const X509Ptr certificate(X509_dup(identity.certificate.get()));
+    check(X509_add1_reject_object(certificate.get(), OBJ_nid2obj(NID_server_auth)) == 1, "distrust");
+    const BioPtr bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509_AUX(bio.get(), certificate.get());
+    writeFile(freeTrustedPath(identity), textOf(bio.get()));
 }
 
 }  // namespace testsupport

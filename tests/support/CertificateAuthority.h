@@ -36,6 +36,9 @@ struct Identity {
                                       const std::vector<const Identity*>& others = {}) const;
 };
 
+/// Of the keys that are made from now on.
+extern unsigned rsaKeyBits;
+
 EvpPkeyPtr rsaKey(int number);
 
 /// Issued by `issuer`, or self-signed when it is null.
@@ -49,6 +52,9 @@ void writeFile(const std::string& path, const std::vector<unsigned char>& bytes)
 
 /// Puts a certificate into the trusted directory, under its hash, as OpenSSL looks for it.
 void installTrusted(const Identity& identity);
+
+/// The same, but the file says that the certificate is not trusted for servers.
+void installDistrusted(const Identity& identity);
 
 }  // namespace testsupport
 

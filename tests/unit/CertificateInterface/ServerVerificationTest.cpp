@@ -207,6 +207,47 @@ TEST_F(ServerVerificationTest, IssuerThatIsNoCaAsks)
                                                    "certificate")));
 }
 
+// The subject is installed, the name is the one asked for: the question stays all the same.
+TEST_F(ServerVerificationTest, AskingCodesAskAlsoWhenTheSubjectIsInstalledAndTheNameMatches)
+{
+    installTrusted(mRoot);
+    installTrusted(makeIdentity({"vpn.example", 5}));
+    CertificateOptions clientOnly{"vpn.example", 6};
+    clientOnly.extendedKeyUsage = "clientAuth";
+    EXPECT_EQ(ask, judge(makeIdentity(clientOnly, &mRoot)));
+    const Identity notCa = makeIdentity({"Not A CA", 3, false, ""}, &mRoot);
+    addIntermediate(notCa);
+    EXPECT_EQ(ask, judge(makeIdentity({"vpn.example", 6}, &notCa)));
+    const Identity intermediate = makeIdentity({"Intermediate", 4, true}, &mUnknownRoot);
+    installTrusted(intermediate);
+    EXPECT_EQ(ask, judge(makeIdentity({"vpn.example", 6}, &intermediate)));
+    const std::vector<fakes::LogLine> expected = {
+        error("Prompt User... Server Certificate Warning: 26 unsuitable certificate purpose"),
+        error("Prompt User... Server Certificate Warning: 79 invalid CA certificate"),
+        error("Prompt User... Server Certificate Warning: 2 unable to get issuer certificate"),
+    };
+    EXPECT_EQ(expected, fakes::logLines(3));
+    EXPECT_THAT(fakes::logLines(), Contains(debug("server name verification succeeded")).Times(3));
+}
+
+TEST_F(ServerVerificationTest, SelfSignedCertificateOutOfDateIsRefusedAlsoWhenItIsInstalled)
+{
+    CertificateOptions expired{"vpn.example", 6};
+    expired.notBefore = -7200;
+    expired.notAfter = -3600;
+    CertificateOptions early{"vpn.example", 6};
+    early.notBefore = 3600;
+    EXPECT_EQ(refuse, judge(makeIdentity(expired)));
+    EXPECT_THAT(fakes::logLines(3), Contains(error("Server Certificate Expired. notBefore(-1), notAfter(-1)")));
+    EXPECT_EQ(refuse, judge(makeIdentity(early)));
+    installTrusted(makeIdentity({"vpn.example", 5}));
+    EXPECT_EQ(refuse, judge(makeIdentity(expired)));
+    EXPECT_EQ(refuse, judge(makeIdentity(early)));
+    const Identity installed = makeIdentity(expired);
+    installTrusted(installed);
+    EXPECT_EQ(refuse, judge(installed));
+}
+
 TEST_F(ServerVerificationTest, SelfSignedServerThatIsNotInstalledAsks)
 {
     EXPECT_EQ(ask, judge(makeIdentity({"vpn.example"})));
@@ -263,17 +304,65 @@ TEST_F(ServerVerificationTest, CertificateWithoutCommonNameIsRefusedAndPromptKee
     EXPECT_EQ((Judgement{PLUGIN_FAILURE, false}), judge(makeIdentity(CertificateOptions{}), "vpn.example", true));
 }
 
-TEST_F(ServerVerificationTest, CommonNameWithANulInsideMatchesNoServerName)
+TEST_F(ServerVerificationTest, CommonNameWithANulInsideAsksInsteadOfAccepting)
 {
     const std::string name("vpn.example\0.attacker.example", 29);
     installTrusted(makeIdentity({name, 5}));
     EXPECT_EQ(ask, judge(makeIdentity({name, 6}), "vpn.example"));
+    EXPECT_THAT(fakes::logLines(3), Contains(error("server name verification failed")));
+}
+
+TEST_F(ServerVerificationTest, CommonNameWithANulBehindTheCutAsksInsteadOfAccepting)
+{
+    const std::string shown(255, 'a');
+    const std::string name = shown + std::string("\0.attacker.example", 18);
+    installTrusted(makeIdentity({name, 5}));
+    EXPECT_EQ(ask, judge(makeIdentity({name, 6}), shown.c_str()));
+}
+
+TEST_F(ServerVerificationTest, CommonNameWithANulInsideLeavesARefusalARefusal)
+{
+    const std::string name("vpn.example\0.attacker.example", 29);
+    installTrusted(makeIdentity({name, 5}));
+    EXPECT_EQ(refuse, judge(makeIdentity({name, 6}, &mUnknownRoot), "vpn.example"));
+    EXPECT_EQ(refuse, judge(makeIdentity({name, 6}, &mUnknownRoot), "VPN.example"));
+    EXPECT_EQ(ask, judge(makeIdentity({name, 6}, &mUnknownRoot), "other.example"));
+}
+
+TEST_F(ServerVerificationTest, CommonNameWithANulInsideLeavesAQuestionAQuestion)
+{
+    const std::string name("vpn.example\0.attacker.example", 29);
+    installTrusted(mRoot);
+    installTrusted(makeIdentity({name, 5}));
+    CertificateOptions options{name, 6};
+    options.extendedKeyUsage = "clientAuth";
+    EXPECT_EQ(ask, judge(makeIdentity(options, &mRoot), "vpn.example"));
+}
+
+// What verifies is accepted whatever its name.
+TEST_F(ServerVerificationTest, CommonNameWithANulInsideOfAGoodChainIsNotLookedAt)
+{
+    installTrusted(mRoot);
+    EXPECT_EQ(accept, judge(makeIdentity({std::string("vpn.example\0.x", 14)}, &mRoot)));
 }
 
 TEST_F(ServerVerificationTest, CommonNameOf255AndMoreCharactersStaysInTheBuffer)
 {
     for (const std::size_t length : {254u, 255u, 256u, 1000u}) {
         EXPECT_EQ(ask, judge(makeIdentity({std::string(length, 'a'), 6})));
+    }
+}
+
+TEST_F(ServerVerificationTest, CommonNameIsComparedUpToItsFirst255Characters)
+{
+    const std::string first255(255, 'a');
+    for (const std::size_t length : {255u, 256u, 300u}) {
+        const std::string name(length, 'a');
+        installTrusted(makeIdentity({name, 5}));
+        const Identity server = makeIdentity({name, 6});
+        EXPECT_EQ(accept, judge(server, first255.c_str())) << length;
+        EXPECT_EQ(ask, judge(server, (first255 + "a").c_str())) << length;
+        EXPECT_EQ(ask, judge(server, std::string(254, 'a').c_str())) << length;
     }
 }
 
