@@ -13,9 +13,21 @@ namespace vpnoalctl {
 namespace {
 
 constexpr Check checks[] = {
-    {"plug-in", lookAtPlugin},       {"privileges", lookAtPrivileges}, {"tunnel device", lookAtTunDevice},
-    {"packet filter", lookAtFilter}, {"resolver", lookAtResolver},     {"service bus", lookAtBus},
-    {"ip tool", lookAtIpTool},       {"journal", lookAtJournalFolder}, {"temporary files", lookAtTemporaryFolder},
+    {"plug-in", lookAtPlugin},
+    {"privileges", lookAtPrivileges},
+    {"tunnel device", lookAtTunDevice},
+    {"packet filter", lookAtFilter},
+    {"preferred interface", lookAtPreferredInterface},
+    {"resolver", lookAtResolver},
+    {"service bus", lookAtBus},
+    {"connection manager", lookAtConnectionManager},
+    {"certificate manager", lookAtCertificateManager},
+    {"logind", lookAtLogind},
+    {"trust store", lookAtTrustStore},
+    {"folder owners", lookAtFolderOwners},
+    {"ip tool", lookAtIpTool},
+    {"journal", lookAtJournalFolder},
+    {"temporary files", lookAtTemporaryFolder},
 };
 
 struct Look {
@@ -28,6 +40,7 @@ Look lookOf(Health health)
     switch (health) {
     case Health::Ok: return {"ok", Style::Good};
     case Health::Limited: return {"limited", Style::Warning};
+    case Health::Unsafe: return {"unsafe", Style::Bad};
     case Health::Missing: break;
     }
     return {"missing", Style::Bad};
@@ -36,9 +49,20 @@ Look lookOf(Health health)
 void enter(Table& table, bool forMachines, const char* name, const Finding& finding)
 {
     const Look look = lookOf(finding.health);
-    const std::string behind = finding.remedy.empty() ? "" : "; " + finding.remedy;
+    const std::string firstLine = finding.remedy.substr(0, finding.remedy.find('\n'));
+    const std::string behind = firstLine.empty() ? "" : "; " + firstLine;
     table.rows.push_back({{look.word, look.style}, {name}, {forMachines ? finding.detail : finding.detail + behind}});
     if (forMachines) table.rows.back().emplace_back(finding.remedy);
+}
+
+// The remedy's further lines.
+void printFiles(Output& output, const std::string& remedy)
+{
+    for (auto end = remedy.find('\n'); end != std::string::npos;) {
+        const auto begin = end + 1;
+        end = remedy.find('\n', begin);
+        output.line(remedy.substr(begin, end == std::string::npos ? end : end - begin));
+    }
 }
 
 int examine(Context& context)
@@ -46,12 +70,16 @@ int examine(Context& context)
     Table table{{{"state", ""}, {"check", ""}, {"detail", ""}}, {}};
     if (context.output.json()) table.columns.push_back({"remedy", ""});
     bool isUsable = true;
+    std::string remedies;
     for (const Check& check : checks) {
         const Finding finding = check.look(context);
-        isUsable = isUsable && finding.health != Health::Missing;
+        isUsable = isUsable && finding.health != Health::Missing && finding.health != Health::Unsafe;
         enter(table, context.output.json(), check.name, finding);
+        const auto files = finding.remedy.find('\n');
+        if (files != std::string::npos) remedies += finding.remedy.substr(files);
     }
     context.output.table(table);
+    printFiles(context.output, remedies);
     return isUsable ? ExitOk : ExitFailed;
 }
 

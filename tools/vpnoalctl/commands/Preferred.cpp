@@ -87,11 +87,7 @@ int showPreferred(Context& context, bool withReasons)
     addText(answer, "interface", preferred);
     if (withReasons) {
         const std::vector<RouteInfo> routes = kernelRoutes();
-        std::vector<const RouteInfo*> pointers;
-        pointers.reserve(routes.size());
-        for (const RouteInfo& route : routes)
-            pointers.push_back(&route);
-        const auto choice = wfoal::chooseInterface(pointers.data(), pointers.size(), interfaceName);
+        const wfoal::InterfaceChoice choice = chooseAmong(routes);
         const Table table = explainRoutes(routes, choice);
         if (!context.output.json()) context.output.table(table);
         const std::size_t others = routes.size() - table.rows.size();

@@ -1,11 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "CommandError.h"
 #include "Context.h"
 #include "doctor/Checks.h"
 
 namespace vpnoalctl {
+
+namespace {
+
+constexpr char ipTool[] = "/sbin/ip";
+
+}  // namespace
 
 Finding lookAtPlugin(Context& context)
 {
@@ -19,6 +29,13 @@ Finding lookAtPlugin(Context& context)
     } catch (const CommandError& error) {
         return {Health::Missing, error.reason(), remedy};
     }
+}
+
+Finding lookAtIpTool(Context&)
+{
+    if (access(ipTool, X_OK) == 0) return {Health::Ok, std::string(ipTool) + " is there", ""};
+    return {Health::Limited, fmt::format("{}: {}", ipTool, std::strerror(errno)),
+            "install iproute2; without it routes cannot be deleted"};
 }
 
 }  // namespace vpnoalctl

@@ -67,10 +67,19 @@ std::vector<RouteInfo> kernelRoutes()
     return routes;
 }
 
+wfoal::InterfaceChoice chooseAmong(const std::vector<RouteInfo>& routes)
+{
+    std::vector<const RouteInfo*> pointers;
+    pointers.reserve(routes.size());
+    for (const RouteInfo& route : routes)
+        pointers.push_back(&route);
+    return wfoal::chooseInterface(pointers.data(), pointers.size(), interfaceName);
+}
+
 std::string interfaceName(std::uint32_t index)
 {
     char name[IF_NAMESIZE];
-    return if_indextoname(index, name) != nullptr ? name : "-";
+    return if_indextoname(index, name) != nullptr ? name : noInterface;
 }
 
 std::string destinationText(const RouteInfo& route)

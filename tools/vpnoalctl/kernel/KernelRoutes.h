@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "InterfaceChoice.h"
 #include "RouteInfo.h"
 
 namespace vpnoalctl {
@@ -15,7 +16,12 @@ namespace vpnoalctl {
 /// All tables, in the kernel's order. Throws CommandError.
 std::vector<RouteInfo> kernelRoutes();
 
-/// Name of an interface; "-" when there is none.
+/// The choice that the plug-in would make among these routes, which must outlive it.
+wfoal::InterfaceChoice chooseAmong(const std::vector<RouteInfo>& routes);
+
+constexpr char noInterface[] = "-";
+
+/// Name of an interface; `noInterface` when there is none.
 std::string interfaceName(std::uint32_t index);
 
 /// "10.8.0.0/24", or "default".
