@@ -14,4 +14,14 @@ std::string excerpt(std::string_view text)
     return "\"" + shown + (text.size() > longest ? "...\"" : "\"");
 }
 
+std::string positionIn(std::string_view text, std::size_t offset)
+{
+    const std::string_view before = text.substr(0, offset);
+    const auto lines = std::count(before.begin(), before.end(), '\n');
+    const std::string_view line = before.substr(before.rfind('\n') + 1);
+    const auto characters =
+        std::count_if(line.begin(), line.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; });
+    return "line " + std::to_string(lines + 1) + ", column " + std::to_string(characters + 1);
+}
+
 }  // namespace wfoal

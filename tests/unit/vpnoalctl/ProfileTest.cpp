@@ -140,7 +140,8 @@ TEST(ProfileTest, WhatIsNotJsonIsRefusedWithLineAndColumn)
         {"{\n  \"tunnel\": {,\n}", "the profile is not JSON: Missing a name for object member, at line 2, column 14"},
         {std::string("{") + tunnel + "}}",
          "the profile is not JSON: The document root must not be followed by other values, at line 1, column 55"},
-        {std::string("{}\0{}", 5), "the profile is not JSON: it holds a NUL byte"},
+        {std::string("{}\0{}", 5), "the profile is not JSON: it holds a NUL byte, at line 1, column 3"},
+        {std::string("{\n  \"\xc3\xa9\0\"", 8), "the profile is not JSON: it holds a NUL byte, at line 2, column 5"},
         {"{\"\xc3\xa9\" 1}",
          "the profile is not JSON: Missing a colon after a name of object member, at line 1, column 6"},
     });

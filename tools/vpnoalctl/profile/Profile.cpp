@@ -193,7 +193,9 @@ Profile parseProfile(const std::string& text, const std::string& file)
 {
     try {
         Profile profile;
-        if (text.find('\0') != std::string::npos) throw JsonError("", "the profile is not JSON: it holds a NUL byte");
+        if (const auto nul = text.find('\0'); nul != std::string::npos) {
+            throw JsonError("", "the profile is not JSON: it holds a NUL byte, at " + wfoal::positionIn(text, nul));
+        }
         const JsonDocument document(text.c_str(), "the profile");
         document.root().readObject(profileKeys, profile);
         completeAndCheck(profile);
