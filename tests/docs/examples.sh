@@ -36,4 +36,5 @@ done
 cp "$work/README.cpp" "$work/place/agent.cpp"
 
 export PATH=$work/bin:$work/prefix/bin:$PATH LD_LIBRARY_PATH=$library WFOAL_DAEMONS_DIR=$source/build/daemons
-exec "$isolate" "$here/run-examples.sh" "$work" "$source"
+# Not with exec: this shell removes its folder.
+"$isolate" "$here/run-examples.sh" "$work" "$source"

@@ -67,6 +67,32 @@ TEST_F(CertificateCommandsTest, VerdictInWordsWithReasonAndChain)
     EXPECT_THAT(result.output, AllOf(HasSubstr("ask the user"), HasSubstr("unable to get local issuer certificate")));
 }
 
+TEST_F(CertificateCommandsTest, SystemWithoutCertificatesHasAnEmptyList)
+{
+    for (const char* folder : {"/var/ssl/certs", "/var/ssl"}) {
+        std::filesystem::remove_all(folder);
+        const CommandResult result = ctl({"certs", "list"});
+        EXPECT_EQ(0, result.status) << folder;
+        EXPECT_EQ("No client certificates; 'vpnoalctl certs import' installs one.\n", result.output) << folder;
+        EXPECT_EQ("[]\n", ctl({"certs", "list", "--json"}).output) << folder;
+    }
+    const CommandResult chosen = ctl({"certs", "show", "Jane Doe"});
+    EXPECT_EQ(2, chosen.status);
+    EXPECT_EQ(
+        "vpnoalctl: Jane Doe: no certificate has this name, number or fingerprint; 'vpnoalctl certs list' shows what "
+        "there is\n",
+        chosen.output);
+}
+
+TEST_F(CertificateCommandsTest, FolderThatCannotBeListedIsAFailure)
+{
+    std::filesystem::remove_all("/var/ssl/certs");
+    writeFile("/var/ssl/certs", "");
+    const CommandResult result = ctl({"certs", "list"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: certs: the client certificates cannot be listed; "));
+}
+
 TEST_F(CertificateCommandsTest, RefusalIsExitCodeOne)
 {
     testsupport::installTrusted(mRoot);

@@ -5,11 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <optional>
 
 #include "CommandError.h"
-#include "CommandTable.h"
-#include "Context.h"
 #include "Output.h"
 #include "Suggest.h"
 
@@ -79,11 +76,10 @@ int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
 
 }  // namespace
 
-int run(int argc, char** argv)
+void defineProgram(CLI::App& app, Settings& settings, std::optional<Action>& chosen)
 {
-    CLI::App app(description, "vpnoalctl");
-    Settings settings;
-    std::optional<Action> chosen;
+    app.name("vpnoalctl");
+    app.description(description);
     app.footer(footer);
     app.set_version_flag("--version", "vpnoalctl " WFOAL_VERSION);
     app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
@@ -93,12 +89,21 @@ int run(int argc, char** argv)
                  "Tell more and show the log on stderr; twice: with debug output, which can hold passwords");
     app.require_subcommand(1);
     defineCommands(app, chosen);
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App app;
+    Settings settings;
+    std::optional<Action> chosen;
+    defineProgram(app, settings, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
         return complainAboutUsage(app, error);
     }
+    settings.showLog = settings.verbosity > 0 || std::getenv("VKLOG_LEVEL") != nullptr;
     setUpLog(settings.verbosity);
     Output output(stdout, settings.json);
     Context context(settings, output);

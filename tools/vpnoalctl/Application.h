@@ -4,7 +4,15 @@
 #ifndef VPNOALCTL_APPLICATION_H
 #define VPNOALCTL_APPLICATION_H
 
+#include <optional>
+
+#include "CommandTable.h"
+#include "Context.h"
+
 namespace vpnoalctl {
+
+/// Enters the common options and every command in `app`; parsing fills `settings` and `chosen`, which must outlive it.
+void defineProgram(CLI::App& app, Settings& settings, std::optional<Action>& chosen);
 
 /// Everything from the command line to the exit code (see ExitCode in CommandError.h). Never throws.
 int run(int argc, char** argv);

@@ -16,7 +16,8 @@ namespace vpnoalctl {
 struct Settings {
     std::string pluginPath;  ///< empty: search
     bool json = false;
-    int verbosity = 0;  ///< number of -v
+    int verbosity = 0;     ///< number of -v
+    bool showLog = false;  ///< the user has asked for the log, with -v or $VKLOG_LEVEL
 };
 
 class Context {

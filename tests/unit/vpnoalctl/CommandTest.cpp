@@ -222,10 +222,10 @@ TEST_F(CommandTest, DoctorNamesWhatIsMissingAndTheRemedy)
 {
     const CommandResult result = run({"doctor", "--plugin", "/nowhere.so"});
     EXPECT_EQ(1, result.status);
-    EXPECT_THAT(result.output, StartsWith("missing  plug-in          /nowhere.so: "));
+    EXPECT_THAT(result.output, StartsWith("missing  plug-in              /nowhere.so: "));
     EXPECT_THAT(result.output, HasSubstr("; install the plug-in, or name its file with --plugin or $WFOAL_PLUGIN\n"));
     // No bus in these namespaces; DNS is not what every tunnel needs.
-    EXPECT_THAT(result.output, HasSubstr("\nlimited  service bus      the system bus does not answer: "));
+    EXPECT_THAT(result.output, HasSubstr("\nlimited  service bus          the system bus does not answer: "));
 }
 
 TEST_F(CommandTest, DoctorIsReadableByMachines)
@@ -377,6 +377,13 @@ TEST_F(ApplyCommandTest, ConfigurationStaysWhenTheProgramEnds)
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_THAT(recordedCalls(), ElementsAre("no-filter", "filter", "add"));
     EXPECT_THAT(runCommand({"nft", "list", "tables"}).output, HasSubstr("vpn.vpnoal"));
+}
+
+TEST_F(ApplyCommandTest, SummaryTellsTheDevicesMtuAndNotTheProfiles)
+{
+    ASSERT_EQ(0, runCommand({"ip", "link", "set", "norvatun0", "mtu", "1420"}).status);
+    EXPECT_THAT(run({"apply", profile}).output, HasSubstr("norvatun0, MTU 1420\n"));
+    EXPECT_THAT(run({"apply", profile, "--json"}).output, HasSubstr("\"mtu\":1420,"));
 }
 
 TEST_F(ApplyCommandTest, DeviceThatCarriesSomethingElseIsLeftAlone)

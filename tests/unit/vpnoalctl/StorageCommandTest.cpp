@@ -74,6 +74,24 @@ TEST_F(StorageCommandTest, PutThenGetGivesTheSameBytes)
     EXPECT_TRUE(content == contentOf("/tmp/target"));
 }
 
+TEST_F(StorageCommandTest, GetShowsTheLogWhenItFailsOrWhenTheLogWasAskedFor)
+{
+    putFile("/tmp/vpn/main/f", "content");
+    const CommandResult good = ctl("storage get main f");
+    EXPECT_EQ(0, good.code);
+    EXPECT_EQ("content", good.out);
+    EXPECT_EQ("", good.err);
+    EXPECT_THAT(ctl("-v storage get main f").err, HasSubstr("LoadFile"));
+    setenv("VKLOG_LEVEL", "3", 1);
+    EXPECT_THAT(ctl("storage get main f").err, HasSubstr("LoadFile"));
+    unsetenv("VKLOG_LEVEL");
+    const CommandResult missing = ctl("storage get main g");
+    EXPECT_EQ(vpnoalctl::ExitFailed, missing.code);
+    EXPECT_THAT(missing.err, testing::MatchesRegex("[^\n]*LoadFile[^\n]*\n(.*\n)?vpnoalctl: storage main g: the file "
+                                                   "could not be loaded; see whether 'vpnoalctl storage ls main' shows "
+                                                   "it\n"));
+}
+
 TEST_F(StorageCommandTest, PutReadsStandardInput)
 {
     EXPECT_EQ(0, ctl("storage put main f < /dev/null").code);

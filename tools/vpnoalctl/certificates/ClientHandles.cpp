@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "certificates/ClientHandles.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 
 #include "CommandError.h"
 
@@ -10,6 +13,7 @@ namespace vpnoalctl {
 
 namespace {
 
+constexpr char certificateFolder[] = "/var/ssl/certs/";
 constexpr char listHint[] = "'vpnoalctl certs list' shows what there is";
 constexpr std::size_t shortestFingerprint = 4;
 
@@ -57,10 +61,12 @@ HandlePtr takeOnly(std::vector<HandlePtr>& handles, Fits fits, const char* sever
 
 std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates)
 {
+    // The first import makes the folder. Before that the plug-in has an error to tell, and there is none.
+    if (access(certificateFolder, F_OK) != 0 && errno == ENOENT) return {};
     unsigned int count = 0;
     if (certificates.EnumerateClientCerts(count, nullptr) != PLUGIN_SUCCESS) {
         throw CommandError("certs", "the client certificates cannot be listed",
-                           "see whether /var/ssl/certs/ exists and is readable; -v shows the log");
+                           "see whether /var/ssl/certs/ is a folder and readable; -v shows the log");
     }
     std::vector<ClientCertHandle*> raw(count);
     if (count > 0 && certificates.EnumerateClientCerts(count, raw.data()) != PLUGIN_SUCCESS) {

@@ -43,7 +43,10 @@ int applyProfile(Context& context, const std::string& file)
     auto& system = plugin.createKept<KEST_SystemPlugin>();
     system.SetSystemPluginCB(notices);
     bringUpOrRestore(system, profile, signals);
-    printSummary(context.output, profile, "applied");
+    // The device is somebody else's, and so is its MTU.
+    Profile applied = profile;
+    applied.tunnel.mtu = deviceMtu();
+    printSummary(context.output, applied, "applied");
     context.output.line("It stays in force; 'vpnoalctl restore' takes it back.", Style::Faint);
     return ExitOk;
 }

@@ -94,6 +94,7 @@ Action defineBind(CLI::App& command)
     command.add_option("host", target->host, "Name or IPv4 address")->required()->type_name("HOST");
     command.add_option("port", target->port, "TCP port")->required()->type_name("PORT")->check(CLI::Range(1, 65535));
     command.add_option("--timeout", target->timeout, "Seconds to wait for the connection (10)")
+        ->type_name("SECONDS")
         ->check(CLI::Range(1, 3600));
     return [target](Context& context) { return openConnection(context, *target); };
 }

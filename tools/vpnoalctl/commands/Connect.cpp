@@ -103,6 +103,7 @@ Action defineConnect(CLI::App& command)
                      "Trust a gateway that the user would be asked about, without asking");
     command
         .add_option("--give-up", options->agent.giveUpSeconds, "Seconds for which a lost gateway is tried again (300)")
+        ->type_name("SECONDS")
         ->check(CLI::Range(1, 86400));
     command.footer(
         "\nExit codes: 0 done; 1 the operation failed; 2 wrong usage or bad input, nothing was changed;\n"

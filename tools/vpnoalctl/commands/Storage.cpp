@@ -19,6 +19,7 @@
 
 #include "CommandError.h"
 #include "Context.h"
+#include "HeldLog.h"
 #include "Json.h"
 #include "Progress.h"
 #include "commands/Commands.h"
@@ -168,6 +169,18 @@ std::vector<unsigned char> load(KEST_StoragePlugin& storage, const Request& requ
     throw failure(request, "the file keeps growing", "try again when nobody writes to it");
 }
 
+// A file that is loaded leaves lines at error level behind that tell of no error.
+std::vector<unsigned char> loadQuietly(KEST_StoragePlugin& storage, const Request& request, bool showLog)
+{
+    HeldLog log(!showLog);
+    try {
+        return load(storage, request);
+    } catch (const CommandError&) {
+        log.show();
+        throw;
+    }
+}
+
 void writeOut(int target, const std::string& label, const std::vector<unsigned char>& bytes, bool wanted)
 {
     Progress progress(stderr, "writing " + label, bytes.size(), wanted);
@@ -187,7 +200,7 @@ int runGet(Context& context, const Request& request)
         throw badInput("--json", "the file's content is no JSON", "name a file for it with --output");
     }
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
-    const std::vector<unsigned char> bytes = load(*storage, request);
+    const std::vector<unsigned char> bytes = loadQuietly(*storage, request, context.settings.showLog);
     if (request.file.empty()) {
         writeOut(STDOUT_FILENO, "stdout", bytes, true);
         return ExitOk;

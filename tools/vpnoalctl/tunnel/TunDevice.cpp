@@ -127,4 +127,11 @@ void checkDevice(const TunnelSettings& settings)
     }
 }
 
+unsigned int deviceMtu()
+{
+    ifreq request = requestForDevice();
+    DeviceControl().change(SIOCGIFMTU, request, "MTU");
+    return static_cast<unsigned int>(request.ifr_mtu);
+}
+
 }  // namespace vpnoalctl

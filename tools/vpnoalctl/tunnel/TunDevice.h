@@ -30,6 +30,9 @@ private:
 /// Throws CommandError unless the device exists, is up and carries what `settings` say. Changes nothing.
 void checkDevice(const TunnelSettings& settings);
 
+/// The device's own MTU. Throws CommandError.
+unsigned int deviceMtu();
+
 }  // namespace vpnoalctl
 
 #endif

@@ -1,0 +1,95 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""manual.py VPNOALCTL MANUAL.gz: the manual page and --help tell of the same commands, arguments and options.
+
+The page is read as man shows it, or else as it is written; the help is asked for command by command.
+"""
+import gzip
+import re
+import subprocess
+import sys
+
+
+def helpOf(program, command):
+    return subprocess.run([program, *command, "--help"], check=True, capture_output=True, text=True).stdout
+
+
+def sectionOf(text, title):
+    """The lines below a title of the help, up to the next blank line."""
+    found = re.search(r"^%s:\n(.*?)(?:^$|\Z)" % title, text, re.M | re.S)
+    return found.group(1).splitlines() if found else []
+
+
+def wordsOf(text, title):
+    return [line.split()[0] for line in sectionOf(text, title) if re.match(r"^  \S", line)]
+
+
+def optionsOf(help):
+    options = {option for words in wordsOf(help, "Options") for option in words.split(",")}
+    return options - {"-h", "--help", "--help-all"}
+
+
+def commandsOf(program, command=()):
+    """Each command with its help; a group's are those in it."""
+    help = helpOf(program, command)
+    inner = wordsOf(help, "Subcommands")
+    if not inner:
+        yield " ".join(command), help
+    for word in inner:
+        yield from commandsOf(program, (*command, word))
+
+
+def plain(line):
+    return re.sub(r"\\f[BIRP]", "", line).replace("\\-", "-").replace("\\&", "")
+
+
+def pageSections(roff):
+    """Of each command its lines, and those of the common options under an empty name."""
+    sections, current = {}, None
+    for line in roff.splitlines():
+        if line.startswith(".SS "):
+            current = sections.setdefault(plain(line[4:]).strip('"'), [])
+        elif line.startswith(".SH "):
+            current = sections.setdefault("", []) if line == ".SH OPTIONS" else None
+        elif current is not None:
+            current.append(line)
+    return sections
+
+
+def pageTags(lines):
+    """The lines behind .TP, which name an option or an argument."""
+    return [plain(line) for before, line in zip(lines, lines[1:]) if before == ".TP"]
+
+
+def pageOptions(lines):
+    return {word for tag in pageTags(lines) for word in re.findall(r"(?<!\S)--?[A-Za-z][\w-]*", tag)}
+
+
+def differences(where, inHelp, inPage):
+    for word in sorted(inHelp - inPage):
+        yield "%s: %s is in --help, not in the manual page" % (where, word)
+    for word in sorted(inPage - inHelp):
+        yield "%s: %s is in the manual page, not in --help" % (where, word)
+
+
+def main():
+    program, manual = sys.argv[1:]
+    roff = gzip.open(manual, "rt", encoding="utf-8").read()
+    sections = pageSections(roff)
+    commands = dict(commandsOf(program))
+    faults = list(differences("commands", set(commands), set(sections) - {""}))
+    for name, help in commands.items():
+        lines = sections.get(name, [])
+        faults += differences(name, optionsOf(help), pageOptions(lines))
+        arguments = {tag for tag in pageTags(lines) if not tag.startswith("-")}
+        if len(arguments) != len(wordsOf(help, "Positionals")):
+            faults.append("%s: --help has other arguments than %s" % (name, sorted(arguments)))
+    common = pageOptions(sections[""]) - {"-h", "--help", "--help-all"}
+    faults += differences("common options", optionsOf(helpOf(program, ())), common)
+    if len(commands) < 23:
+        faults.append("only %d commands were found" % len(commands))
+    print("\n".join(faults))
+    return 1 if faults else 0
+
+
+sys.exit(main())
