@@ -52,6 +52,9 @@ while [ $# -gt 0 ]; do
     shift
 done
 [ -z "$build" ] || [ -x "$build/bin/samplegateway" ] || die "there is no build in $build" 2
+daemons=${WFOAL_DAEMONS_DIR:-$PWD/build/daemons}
+[ -z "$build" ] || [ -x "$daemons/bin/systemd-resolved" ] ||
+    die "there is no systemd-resolved in $daemons; tests/support/fetch-daemons.sh unpacks it there" 2
 
 quietly() {
     local what=$1

@@ -26,6 +26,9 @@ stop_agent() {
 
 outer_connection() { ss -H -n -t state established dst 198.51.100.2; }
 
+# The handset's, which tells this connection from every other in a gateway's log.
+outer_port() { outer_connection | sed -nE 's/.*%[a-z0-9]+:([0-9]+) .*/\1/p'; }
+
 filters_in_force() { echo "$(nft list ruleset | grep -c 'dport 9999 drop') rule"; }
 
 status_of_networks() {

@@ -7,6 +7,7 @@
 tell_networks() {
     chapter 'Networks: a handset, two access networks, an internet, gateways'
     build_networks
+    prepared 'networks were made'
     expect 'the gateway is reached over Wi-Fi' '1 received' ping -n -q -c 1 -W 5 -I eth0 198.51.100.2
     expect 'and over the cellular network' '1 received' ping -n -q -c 1 -W 5 -I rmnet0 198.51.100.2
     expect 'the network behind the gateway is not' '^[^0-9]*(1 packets transmitted, 0 received|connect:)|nreachable' \
@@ -43,6 +44,7 @@ tell_services() {
 tell_certificate() {
     chapter "The user's certificate"
     make_certificates
+    prepared 'keys and certificates were made'
     expect_status 'a PKCS#12 bundle is imported over the bus' 0 'Installed: CN=Demo User' \
         "$build/bin/vpnoalctl" certs import "$secrets/user.p12" --password-file "$secrets/password"
     expect 'certificate and key are installed, for root only' 'same public key.*mode 600' installed_pair_fits
@@ -54,9 +56,11 @@ tell_certificate() {
 # connect_once STEP STATUS VERDICT PROFILE [OPTION...]: a connection that ends at once. Where there is no tunnel device
 # to be had it ends, with status 1, behind the handshake.
 connect_once() {
-    local step=$1 status=$2 verdict=$3 reached=connected
+    local step=$1 status=$2 verdict=$3 reached=connected status_means=''
     shift 3
-    if ! $have_tun && [ "$status" -eq 0 ]; then status=1 reached=handshake; fi
+    if ! $have_tun && [ "$status" -eq 0 ]; then
+        status=1 reached=handshake status_means='the handshake is done; there is no tunnel device for this user'
+    fi
     [ "$verdict" != "" ] || verdict="\"event\":\"$reached\""
     expect_status "$step" "$status" "$verdict" "$build/bin/vpnoalctl" --json connect "$@" --exec true
 }
@@ -84,6 +88,7 @@ tell_gateways() {
 }
 
 tell_connection() {
+    local this_client
     chapter 'The connection'
     start_captures
     if ! $have_tun; then
@@ -98,7 +103,8 @@ tell_connection() {
     expect 'interface chosen: the lowest metric' '^default via 192\.0\.2\.1 dev eth0 metric 100' ip route show default
     await_event connected
     expect 'outer socket bound to Wi-Fi' '192\.0\.2\.10%eth0:.*198\.51\.100\.2:443' outer_connection
-    expect 'the gateway has verified who the user is' 'client CN=Demo User.* from 192\.0\.2\.10' gateway_log gateway 'client CN=Demo User'
+    this_client="client CN=Demo User.* from 192\\.0\\.2\\.10:$(outer_port)\$"
+    expect 'the gateway has verified who the user is' "$this_client" gateway_log gateway "$this_client"
     expect 'tunnel device' 'norvatun0 .*10\.8\.0\.2 peer 10\.8\.0\.1/24' ip -br address show norvatun0
 }
 

@@ -8,6 +8,7 @@
 # shellcheck disable=SC2154  # shared with story.sh and its other parts
 steps_verified=0
 steps_skipped=0
+failure_told=false
 if [ -t 1 ] && [ -z "${NO_COLOR:-}" ] && ! $as_json; then
     bold=$'\e[1m' good=$'\e[32m' bad=$'\e[31m' faint=$'\e[2m' plain=$'\e[0m'
 else
@@ -59,6 +60,12 @@ json_line() {
         line+="${line:+,}\"$key\":$value"
     done
     printf '{%s}\n' "$line"
+}
+
+# prepared WHAT: what was done for the steps that follow. It has a time of its own, which is not the next step's.
+prepared() {
+    $as_json || printf '    %s%s: %s ms%s\n' "$faint" "$1" "$(milliseconds $(($(now) - step_began)))" "$plain"
+    step_began=$(now)
 }
 
 chapter() {
@@ -113,6 +120,7 @@ skipped() {
 failed() {
     local took log name
     trap - ERR
+    failure_told=true
     note failed "$1"
     $as_json && json_line step "=$((steps_verified + steps_skipped + 1))" chapter "$chapter" what "$1" result failed \
         expected "$2" got "${3:-nothing}"
@@ -151,12 +159,13 @@ expect() {
     passed "$step" "$(name_of_check "$@")" "$line"
 }
 
-# expect_status STEP WANTED REGEX COMMAND...: the exit status of the command, and a line of its output.
+# expect_status STEP WANTED REGEX COMMAND...: the exit status of the command, and a line of its output. Where
+# $status_means is set, that is shown instead of the number.
 expect_status() {
     local step=$1 wanted=$2 regex=$3 status=0 output line
     shift 3
     output=$(run_check "$@" 2>&1 </dev/null) || status=$?
     [ "$status" -eq "$wanted" ] || failed "$step" "$* exits with $wanted" "$status: $output"
     line=$(grep -m 1 -E -- "$regex" <<<"$output") || failed "$step" "$* prints a line like /$regex/" "$output"
-    passed "$step" "exit status $wanted" "$line"
+    passed "$step" "${status_means:-exit status $wanted}" "$line"
 }

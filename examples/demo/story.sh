@@ -67,10 +67,17 @@ keep_connected() {
     if $have_tun; then stop_agent; fi
 }
 
+# A command that failed outside of a step has ended the demo, and nobody has said so.
+tell_unexpected_end() {
+    [ "$1" -eq 0 ] || $failure_told || (failed "what comes next in this chapter" "success" "exit status $1") || true
+}
+
 summarize() {
     local status=$? verdict
     trap - EXIT ERR
     [ $status -ne 130 ] || exit 130
+    tell_unexpected_end $status
+    [ $status -eq 0 ] || status=1
     [ $status -eq 0 ] || keep_shell
     [ $status -ne 0 ] || [ "$steps_skipped" -eq 0 ] || status=3
     [ -z "$plot" ] || [ ! -s $logs/steps.tsv ] || draw_svg >&"$plot"

@@ -161,6 +161,7 @@ TEST_F(DemoTest, EveryStepIsVerifiedAndDrawn)
     const CommandResult result = runCommand(command({"--plot", "/tmp/demo.svg"}));
     EXPECT_EQ(result.status, expectedStatus()) << result.output;
     EXPECT_THAT(result.output, HasSubstr(" steps verified"));
+    EXPECT_THAT(result.output, HasSubstr("\n    keys and certificates were made: "));
     EXPECT_THAT(result.output, HasSubstr("Time line"));
     const std::string picture = contentOf("/tmp/demo.svg");
     EXPECT_THAT(picture, StartsWith("<svg "));
@@ -177,13 +178,17 @@ TEST_F(DemoTest, JsonForMachines)
     EXPECT_EQ(result.status, expectedStatus()) << result.output;
     std::ofstream("/tmp/demo.json") << result.output;
     const std::string judge = R"(
-import json
+import json, re
 lines = [json.loads(line) for line in open('/tmp/demo.json')]
 steps, summary = lines[:-1], lines[-1]['summary']
 assert [step['step'] for step in steps] == list(range(1, len(steps) + 1))
 verified = [step for step in steps if step['result'] == 'verified']
 assert all(step['milliseconds'] >= 0 and step['check'] and step['evidence'] and step['chapter'] for step in verified)
 assert all(step['reason'] for step in steps if step['result'] == 'skipped')
+evidence = {step['what']: step['evidence'] for step in verified}
+if 'tunnel device' in evidence:
+    port = re.search(r'%eth0:(\d+) ', evidence['outer socket bound to Wi-Fi']).group(1)
+    assert evidence['the gateway has verified who the user is'].endswith(' from 192.0.2.10:' + port)
 assert summary['verified'] == len(verified) and summary['skipped'] == len(steps) - len(verified) and len(verified) > 30
 )";
     const CommandResult judged = runCommand({"python3", "-c", judge});
@@ -228,6 +233,54 @@ TEST_F(DemoTest, AStepThatFailsIsNamedAndTheDemoFails)
     EXPECT_EQ(json.status, 1) << json.output;
     EXPECT_THAT(json.output, HasSubstr(R"("result":"failed")"));
     EXPECT_THAT(json.output, HasSubstr(R"("exitStatus":1)"));
+}
+
+// As in a clone where nothing was fetched yet.
+TEST_F(DemoTest, DaemonsThatWereNotFetchedAreNamed)
+{
+    setenv("WFOAL_DAEMONS_DIR", "/no/such/folder", 1);
+    const CommandResult result = runCommand(command());
+    unsetenv("WFOAL_DAEMONS_DIR");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output,
+              "demo.sh: there is no systemd-resolved in /no/such/folder; tests/support/fetch-daemons.sh unpacks it "
+              "there\n");
+}
+
+TEST_F(DemoTest, DaemonThatDoesNotStartIsNamed)
+{
+    std::string folder = WFOAL_BUILD_DIR "/daemons.XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    std::filesystem::create_directory(folder + "/bin");
+    std::ofstream(folder + "/bin/systemd-resolved") << "#!/bin/sh\necho 'no such library'; exit 127\n";
+    std::filesystem::permissions(folder + "/bin/systemd-resolved", std::filesystem::perms::owner_all);
+    setenv("WFOAL_DAEMONS_DIR", folder.c_str(), 1);
+    const CommandResult result = runCommand(command());
+    unsetenv("WFOAL_DAEMONS_DIR");
+    std::filesystem::remove_all(folder);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output, HasSubstr("no such library\ndaemons.sh: resolved did not start\n"));
+    EXPECT_THAT(result.output, HasSubstr("✗"));
+    EXPECT_THAT(result.output, HasSubstr("A step failed after 3 verified ones."));
+}
+
+TEST_F(DemoTest, UserWhoMayNotOpenTheTunnelDeviceSeesNoStepThatLooksFailed)
+{
+    if (isInUserNamespace()) GTEST_SKIP() << "another user cannot be had in a user namespace";
+    const std::string script =
+        "touch /tmp/closed && chmod 0 /tmp/closed && mount -n --bind /tmp/closed /dev/net/tun && "
+        "exec setpriv --reuid 65534 --regid 65534 --clear-groups \"$@\"";
+    std::vector<std::string> words{"unshare", "--mount", "sh", "-c", script, "sh"};
+    const std::vector<std::string> demo = command();
+    words.insert(words.end(), demo.begin(), demo.end());
+    const CommandResult result = runCommand(words);
+    std::filesystem::remove("/tmp/closed");
+    if (result.output.find("does not let this user make private namespaces") != std::string::npos) {
+        GTEST_SKIP() << "an ordinary user cannot make namespaces here";
+    }
+    EXPECT_EQ(result.status, someSkipped) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("the handshake is done; there is no tunnel device for this user: "));
+    EXPECT_THAT(result.output, Not(HasSubstr("exit status 1")));
 }
 
 TEST_F(DemoTest, WrongUsage)

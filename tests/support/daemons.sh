@@ -142,8 +142,8 @@ start_named_daemon() {
     gdbus wait --system --timeout 20 "$bus_name" 2>/dev/null &
     waiter=$!
     wait -n -p first $pid $waiter && [ "$first" = $waiter ] && { daemon_pids[$name]=$pid; return; }
-    kill $pid $waiter 2>/dev/null
-    wait $pid $waiter 2>/dev/null
+    kill $pid $waiter 2>/dev/null || true
+    wait $pid $waiter 2>/dev/null || true
     cat "$log" >&2
     daemons_fail "$name did not start"
 }
