@@ -493,7 +493,9 @@ TEST_F(ConnectEventsTest, SleepClosesTheConnectionAndWakingUpMakesItAgain)
     const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
     LineProcess agent(command());
     ASSERT_TRUE(agent.awaitEvent("connected")) << agent.output;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (shell(manager + "ListInhibitors").find("norva-vpnagentd") == std::string::npos) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the plug-in holds no inhibitor";
     }
     shell(manager + "Suspend b false");
     ASSERT_TRUE(agent.awaitEvent("suspended")) << agent.output;

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,8 +36,7 @@ using testsupport::NotingCallback;
 using testsupport::shell;
 
 constexpr char serviceName[] = "com.vesk.connectionmanager";
-// The connection manager looks half a second after a change at the latest; nothing comes later than this.
-constexpr milliseconds settling{900};
+constexpr std::size_t connectionsOfAnAgent = 2;  // of its bus client and of its power client
 
 std::ptrdiff_t countIn(const char* folder)
 {
@@ -84,6 +84,40 @@ protected:
         mSocket = mPlugin->createSocket();
         mSystem->SetSystemPluginCB(&mAgent);
     }
+    /// Names of this process's connections to the bus.
+    static std::vector<std::string> namesOfAgent()
+    {
+        std::istringstream list(shell("busctl --system list --unique --no-legend"));
+        std::vector<std::string> names;
+        for (std::string line; std::getline(list, line);) {
+            std::istringstream words(line);
+            std::string name, process;
+            words >> name >> process;
+            if (process == std::to_string(getpid())) names.push_back(name);
+        }
+        return names;
+    }
+    static std::vector<std::string> awaitAgentOnBus()
+    {
+        const auto deadline = steady_clock::now() + seconds(10);
+        for (;;) {
+            std::vector<std::string> names = namesOfAgent();
+            if (names.size() >= connectionsOfAnAgent) return names;
+            if (steady_clock::now() > deadline) throw std::runtime_error("the agent is not on the bus");
+        }
+    }
+    /// Returns when all that has happened so far was told. Whoever asks the connection manager makes it look at once,
+    /// and push what has changed; a connection answers a ping behind all that came before it. What the agent does about
+    /// a message can lead to another one: it asks for the owner of the name, and then subscribes.
+    static void settleEvents()
+    {
+        const std::vector<std::string> names = awaitAgentOnBus();
+        for (int round = 0; round < 3; ++round) {
+            shell("busctl --system call com.vesk.connectionmanager / com.vesk.JsonService1 getStatus s '{}'");
+            for (const std::string& name : names)
+                shell("busctl --system call " + name + " / org.freedesktop.DBus.Peer Ping");
+        }
+    }
     void disposeAgent()
     {
         if (mSystem != nullptr) mPlugin->dispose(mSystem);
@@ -100,14 +134,14 @@ protected:
         socklen_t length = sizeof bound;
         ASSERT_EQ(0, getsockopt(mOuter.get(), SOL_SOCKET, SO_BINDTODEVICE, bound, &length));
         ASSERT_EQ(name, bound);
-        std::this_thread::sleep_for(settling);  // what belonged to the time before
+        settleEvents();  // what belonged to the time before
         mAgent.mailbox.clear();
     }
     /// Everything the agent was told once all is quiet; `least` is waited for, however slow the machine.
     std::vector<std::string> told(std::size_t least = 0)
     {
         mAgent.mailbox.wait(least);
-        std::this_thread::sleep_for(settling);
+        settleEvents();
         return mAgent.mailbox.all();
     }
 
@@ -193,7 +227,7 @@ TEST_F(EventScenarioTest, RestartedBusLeavesOneWorkingSubscription)
     mBus.wait();
     mBus = testsupport::startBus();
     testsupport::waitForBusName(serviceName, mManager);
-    std::this_thread::sleep_for(settling);
+    settleEvents();
     mAgent.mailbox.clear();
     wifiUp();
     EXPECT_THAT(told(1), ElementsAre("changed"));
@@ -219,12 +253,12 @@ TEST_F(EventScenarioTest, ManagerThatIsSilentHoldsNobodyUp)
 {
     startManager();
     mManager.sendSignal(SIGSTOP);
-    const auto begin = steady_clock::now();
     startAgent();
-    std::this_thread::sleep_for(milliseconds(200));
+    awaitAgentOnBus();
+    const auto begin = steady_clock::now();
     disposeAgent();
     mPlugin.reset();  // with the subscription still unanswered
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(1200));
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(1000));
     startAgent();
     wanUp();
     mManager.sendSignal(SIGCONT);
