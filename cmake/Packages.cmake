@@ -77,7 +77,9 @@ here too, for whoever ports it to a device, and vpnoalconform, which tries
 what a platform's libraries promise.")
 wfoal_package(HostPlatform libvpnwfoal-platform0 libs
     PACKAGE_PROVIDES vpnwfoal-platform
-    PACKAGE_RECOMMENDS "default-dbus-system-bus | dbus-system-bus, systemd-resolved | resolvconf"
+    PACKAGE_RECOMMENDS "default-dbus-system-bus | dbus-system-bus"
+    # Not recommended: installing either takes /etc/resolv.conf over.
+    PACKAGE_SUGGESTS "systemd-resolved | resolvconf"
     PACKAGE_MULTIARCH same
     DESCRIPTION "platform libraries of the VPN plug-in for an ordinary Linux
 The four libraries that the plug-in calls on a device, made for an ordinary

@@ -26,6 +26,14 @@ for package in "$packages"/*.deb; do
 done | sed "s|$architecture|ARCHITECTURE|g; s|\.$version|.VERSION|g" >"$work/contents"
 diff -u "$here/contents.txt" "$work/contents" || complain 'the packages do not hold what tests/packages/contents.txt lists'
 
+# Whoever installs the packages keeps the resolver that is there: apt follows these fields by itself.
+for package in "$packages"/*.deb; do
+    dpkg-deb -f "$package" Pre-Depends Depends Recommends | grep -E 'resolved|resolvconf' &&
+        complain "$(basename "$package") brings a resolver with it"
+done
+dpkg-deb -f "$packages"/libvpnwfoal-platform0_*.deb Suggests | grep -qx 'systemd-resolved | resolvconf' ||
+    complain 'libvpnwfoal-platform0 does not suggest a resolver'
+
 while read -r file; do
     readelf -Wd "$file" >"$work/dynamic"
     grep -qE 'R(UN)?PATH' "$work/dynamic" && complain "$file has a path of its own"
