@@ -3,7 +3,7 @@
 #
 # The chapters up to a connection that stands.
 
-# shellcheck disable=SC2154  # shared with story.sh and its other parts
+# shellcheck disable=SC2154,SC2034  # shared with story.sh and its other parts
 tell_networks() {
     chapter 'Networks: a handset, two access networks, an internet, gateways'
     build_networks

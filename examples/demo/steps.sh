@@ -5,7 +5,7 @@
 # how long since the step before, how it was checked and what the check said. The first step that fails ends the demo.
 # $logs/steps.tsv keeps begin, end (microseconds), result, chapter and step for the time line.
 
-# shellcheck disable=SC2154  # shared with story.sh and its other parts
+# shellcheck disable=SC2154,SC2034  # shared with story.sh and its other parts
 steps_verified=0
 steps_skipped=0
 failure_told=false
