@@ -5,6 +5,7 @@
 
 #include "DnsWatcher.h"
 #include "LinkDns.h"
+#include "Log.h"
 #include "RequestError.h"
 #include "ResolvconfResolver.h"
 #include "ResolvedManager.h"
@@ -51,27 +52,27 @@ std::string Dns::prepare(const Link& link, const DnsSettings& settings, const st
     }
     throw RequestError("ipv4.dns",
                        "no resolver takes it: systemd-resolved does not answer on the system bus, and "
-                       "there is no resolvconf that runs");
+                       "there is no resolvconf that works without it");
 }
 
-void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared)
+void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared, std::function<bool()> isWanted)
 {
     if (after(resolvedWord, prepared).empty()) {
         ResolvconfResolver().set(link, settings);
         return;
     }
     ResolvedResolver().set(link, settings);
-    mWatcher->watch(link, wantedOf(settings));
+    mWatcher->watch(link, wantedOf(settings), std::move(isWanted));
 }
 
-void Dns::setAgain(std::string_view prepared)
+void Dns::setAgain(std::string_view prepared, std::function<bool()> isWanted)
 {
     const std::string_view text = after(resolvedWord, prepared);
     if (text.empty()) return;
     const LinkChange change = LinkChange::decode(text);
     if (!isPresent(change.link)) return;
     ResolvedManager().write(change.link.index, change.set);
-    mWatcher->watch(change.link, change.set);
+    mWatcher->watch(change.link, change.set, std::move(isWanted));
 }
 
 bool Dns::takesPlaceOf(std::string_view prepared, std::string_view earlier)
@@ -81,9 +82,15 @@ bool Dns::takesPlaceOf(std::string_view prepared, std::string_view earlier)
 
 void Dns::undo(std::string_view prepared)
 {
-    if (const std::string_view change = after(resolvedWord, prepared); !change.empty()) {
-        mWatcher->forget(LinkChange::decode(change).link);
-        ResolvedResolver().undo(change);
+    mPending.erase(std::string(prepared));
+    if (const std::string_view text = after(resolvedWord, prepared); !text.empty()) {
+        const LinkChange change = LinkChange::decode(text);
+        mWatcher->forget(change.link);
+        if (ResolvedResolver().undo(text)) return;
+        VKNETCONFIG_WARNING("the DNS settings of %s are removed when systemd-resolved answers again",
+                            change.link.name.c_str());
+        mPending.emplace(prepared);
+        mWatcher->undoLater(change);
     } else if (const std::string_view name = after(resolvconfWord, prepared); !name.empty()) {
         ResolvconfResolver().undo(name);
     } else {

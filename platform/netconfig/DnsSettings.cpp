@@ -16,4 +16,10 @@ bool isPresent(const Link& link)
     return link.index > 0 && if_indextoname(static_cast<unsigned>(link.index), name) != nullptr && link.name == name;
 }
 
+bool hasIndex(const Link& link)
+{
+    char name[IF_NAMESIZE] = {};
+    return link.index > 0 && if_indextoname(static_cast<unsigned>(link.index), name) != nullptr;
+}
+
 }  // namespace vknetconfig

@@ -22,6 +22,9 @@ bool operator==(const Link& left, const Link& right);
 /// True while the interface of this index still has this name.
 bool isPresent(const Link& link);
 
+/// True while there is an interface of this index, whatever its name is now.
+bool hasIndex(const Link& link);
+
 struct DnsSettings {
     std::vector<in_addr> servers;
     std::vector<std::string> domains;  // checked names; "~name" is for choosing this link only, not for searching

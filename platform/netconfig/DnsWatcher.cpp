@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <system_error>
@@ -11,6 +12,7 @@
 #include "Log.h"
 #include "RequestError.h"
 #include "ResolvedManager.h"
+#include "ResolvedResolver.h"
 #include "SignalMatch.h"
 #include "SignalsBlocked.h"
 
@@ -31,13 +33,27 @@ DnsWatcher::~DnsWatcher()
     stop();
 }
 
-void DnsWatcher::watch(const Link& link, const LinkDns& dns)
+void DnsWatcher::watch(const Link& link, const LinkDns& dns, IsWanted isWanted)
 {
     {
         const std::lock_guard<std::mutex> lock(mLock);
-        mWatched[link.index] = {link.name, dns};
+        mWatched[link.index] = {link.name, dns, std::move(isWanted)};
+        mPending.erase(link.index);
     }
     if (!mThread.joinable()) start();
+}
+
+void DnsWatcher::undoLater(const LinkChange& change) noexcept
+{
+    try {
+        {
+            const std::lock_guard<std::mutex> lock(mLock);
+            mPending[change.link.index] = change;
+        }
+        if (!mThread.joinable()) start();
+    } catch (const std::exception& error) {
+        VKNETCONFIG_DEBUG("not waiting for systemd-resolved: %s", error.what());
+    }
 }
 
 void DnsWatcher::forget(const Link& link)
@@ -46,7 +62,8 @@ void DnsWatcher::forget(const Link& link)
     {
         const std::lock_guard<std::mutex> lock(mLock);
         mWatched.erase(link.index);
-        isLast = mWatched.empty();
+        mPending.erase(link.index);
+        isLast = mWatched.empty() && mPending.empty();
     }
     if (isLast) stop();
 }
@@ -112,25 +129,64 @@ void DnsWatcher::listen()
     mDue = isUnchanged ? never : Clock::now();
     do {
         process(manager.bus());
-        if (Clock::now() >= mDue) setAgain(manager);
+        if (Clock::now() >= mDue) resolvedIsUp(manager);
     } while (waitFor(manager.bus(), mStop.get(), mDue));
 }
 
-void DnsWatcher::setAgain(ResolvedManager& manager)
+void DnsWatcher::resolvedIsUp(ResolvedManager& manager)
 {
     // Held while setting, so that what is forgotten is not set any more.
     const std::lock_guard<std::mutex> lock(mLock);
     mDue = never;
+    if (manager.owner().empty()) return;  // it has a word when it comes
+    undoPending(manager);
+    dropUnwanted();
+    setAgain(manager);
+}
+
+// In this moment it may not know the link yet.
+void DnsWatcher::undoPending(ResolvedManager& manager)
+{
+    for (auto next = mPending.begin(); next != mPending.end();) {
+        if (undoChange(manager, next->second)) {
+            VKNETCONFIG_INFO("removed the DNS settings of %s, as systemd-resolved is back",
+                             next->second.link.name.c_str());
+            next = mPending.erase(next);
+        } else {
+            mDue = Clock::now() + retryPause;
+            ++next;
+        }
+    }
+}
+
+// Another process may have removed or replaced the configuration.
+void DnsWatcher::dropUnwanted()
+{
+    for (auto next = mWatched.begin(); next != mWatched.end();) {
+        if (!next->second.isWanted || next->second.isWanted()) {
+            ++next;
+        } else {
+            VKNETCONFIG_INFO("the DNS settings of %s are not set again: the configuration is no longer this process's",
+                             next->second.name.c_str());
+            next = mWatched.erase(next);
+        }
+    }
+}
+
+void DnsWatcher::setAgain(ResolvedManager& manager)
+{
     for (const auto& [index, watched] : mWatched) {
         if (!isPresent({index, watched.name})) continue;
         const auto found = manager.read(index);
         if (found && *found == watched.dns) continue;
         const auto now = Clock::now();
-        mDue = std::max(mLimit.next(now), found ? now : now + retryPause);
-        if (!found || mDue > now) return;  // it may not know the link yet
+        const auto possible = std::max(mLimit.next(now), found ? now : now + retryPause);
+        if (!found || possible > now) {
+            mDue = std::min(mDue, possible);
+            return;
+        }
         manager.write(index, watched.dns);
         mLimit.count(now);
-        mDue = never;
         VKNETCONFIG_INFO("set the DNS servers of %s again, as systemd-resolved had restarted", watched.name.c_str());
     }
 }

@@ -165,15 +165,16 @@ void InterfaceControl::remove(const std::string& ifName)
     NewOwnership ownership(mJournal, subject);
     const InterfaceRecord record = readRecord(subject, mJournal.ownForRemoval(subject));
     takeBack(record);
-    mJournal.erase(subject);
+    forget(subject, record);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
 }
 
 void InterfaceControl::removeLeft(const std::string& subject)
 {
     mSocket.followNamespace();
-    takeBack(readRecord(subject, mJournal.read(subject)));
-    mJournal.erase(subject);
+    const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
+    takeBack(record);
+    forget(subject, record);
     VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());
 }
 
@@ -278,7 +279,7 @@ void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
     }
     plan.hasDnsBegun = true;
     for (const std::string& line : plan.added.dns)
-        mDns.set({plan.added.index, request.ifName}, request.dns, line);
+        mDns.set({plan.added.index, request.ifName}, request.dns, line, recordCheck(request.ifName, line));
     for (const std::string& line : plan.dropped.dns)
         mDns.undo(line);
 }
@@ -289,10 +290,7 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
     try {
         if (plan.hasDnsBegun) rollBackDns(plan, earlier);
         takeBackKernelPart(plan.added);
-        if (earlier.name.empty()) {
-            mJournal.erase(subject);
-            return;
-        }
+        if (earlier.name.empty()) return forget(subject, plan.added);
         if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
         mJournal.write(subject, earlier.encode());
     } catch (const std::exception& error) {
@@ -306,7 +304,8 @@ void InterfaceControl::rollBackDns(const Plan& plan, const InterfaceRecord& earl
     for (const std::string& line : plan.added.dns) {
         if (earlier.dns.empty() || !Dns::takesPlaceOf(line, earlier.dns.front())) mDns.undo(line);
     }
-    if (!earlier.dns.empty()) mDns.setAgain(earlier.dns.front());
+    if (earlier.dns.empty()) return;
+    mDns.setAgain(earlier.dns.front(), recordCheck(earlier.name, earlier.dns.front()));
 }
 
 // The request has succeeded: a journal that names too much does no harm.
@@ -314,10 +313,37 @@ void InterfaceControl::settle(const std::string& subject, const Plan& plan, cons
 {
     if (earlier.name.empty()) return;
     try {
-        mJournal.write(subject, plan.wanted.encode());
+        mJournal.write(subject, together(plan.wanted, {}, pendingPart(plan.dropped).dns).encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_WARNING("%s: the earlier configuration stays in the journal: %s", subject.c_str(), error.what());
     }
+}
+
+// What has been removed leaves the journal, except for DNS settings that systemd-resolved could not be told of: they
+// are left behind for the next request, of whichever process.
+void InterfaceControl::forget(const std::string& subject, const InterfaceRecord& record)
+{
+    const InterfaceRecord pending = pendingPart(record);
+    if (pending.name.empty()) return mJournal.erase(subject);
+    mJournal.write(subject, pending.encode());
+    mJournal.release(subject);
+}
+
+InterfaceRecord InterfaceControl::pendingPart(const InterfaceRecord& record) const
+{
+    InterfaceRecord pending;
+    std::copy_if(record.dns.begin(), record.dns.end(), std::back_inserter(pending.dns),
+                 [this](const std::string& line) { return mDns.isPending(line); });
+    if (pending.dns.empty()) return {};
+    pending.index = record.index;
+    pending.name = record.name;
+    return pending;
+}
+
+// DNS settings are maintained for as long as the journal has them.
+std::function<bool()> InterfaceControl::recordCheck(const std::string& ifName, const std::string& dns) const
+{
+    return mJournal.lineCheck(subjectOf(ifName), "dns " + dns);
 }
 
 // The first failure, when there is one; then the rest may have been left out.

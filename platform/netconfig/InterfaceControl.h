@@ -6,6 +6,7 @@
 #ifndef VKNETCONFIG_INTERFACECONTROL_H
 #define VKNETCONFIG_INTERFACECONTROL_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,6 +60,10 @@ private:
     void rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
     void rollBackDns(const Plan& plan, const InterfaceRecord& earlier);
     void settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier);
+
+    void forget(const std::string& subject, const InterfaceRecord& record);
+    InterfaceRecord pendingPart(const InterfaceRecord& record) const;
+    std::function<bool()> recordCheck(const std::string& ifName, const std::string& dns) const;
 
     std::optional<NetlinkFailure> put(const InterfaceRecord& record);
     InterfaceRecord missingOf(const InterfaceRecord& record);

@@ -327,6 +327,16 @@ std::string Journal::read(const std::string& subject) const
     return head.kind == EntryKind::here ? textOf(name).substr(head.content) : std::string();
 }
 
+std::function<bool()> Journal::lineCheck(const std::string& subject, const std::string& line) const
+{
+    return [path = mFolderPath + "/" + joined(stemOf(subject), entrySuffix), text = "\n" + line + "\n"] {
+        const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (file.valid()) return readFrom(file.get(), std::string::npos).find(text) != std::string::npos;
+        if (errno == ENOENT) return false;
+        fail("open " + path);
+    };
+}
+
 void Journal::erase(const std::string& subject)
 {
     if (mFolder.valid()) removeEntry(stemOf(subject));

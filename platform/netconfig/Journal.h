@@ -65,6 +65,10 @@ public:
     /// The content of the entry, whoever owns it; empty when there is none.
     std::string read(const std::string& subject) const;
 
+    /// A question for any thread at any time: does the entry of the subject still have this line? It throws when the
+    /// entry cannot be read.
+    std::function<bool()> lineCheck(const std::string& subject, const std::string& line) const;
+
     /// Removes the entry and gives up ownership. Without an entry nothing happens.
     void erase(const std::string& subject);
 

@@ -34,8 +34,12 @@ std::string fileFor(const DnsSettings& settings)
 
 bool ResolvconfResolver::works()
 {
-    // Its kinds agree on no harmless operation, but each says something about this one and ends.
-    return runTool({tool, "--version"}, {}, longestRun).end == ToolResult::End::exited;
+    // Its kinds agree on no harmless operation, but each says something about this one and ends. One kind is a link to
+    // resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
+    const ToolResult answer = runTool({tool, "--version"}, {}, longestRun);
+    constexpr std::string_view resolvectlSays = "systemd ";
+    return answer.end == ToolResult::End::exited &&
+           answer.output.compare(0, resolvectlSays.size(), resolvectlSays) != 0;
 }
 
 std::string ResolvconfResolver::prepare(const Link& link, const DnsSettings&, const std::vector<std::string>&)
@@ -49,11 +53,12 @@ void ResolvconfResolver::set(const Link& link, const DnsSettings& settings)
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
 }
 
-void ResolvconfResolver::undo(std::string_view prepared)
+bool ResolvconfResolver::undo(std::string_view prepared)
 {
+    if (!works()) return true;
     const ToolResult result = run("-d", prepared, {});
-    if (result.succeeded() || result.end == ToolResult::End::notStarted) return;
-    throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
+    if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
+    return true;
 }
 
 }  // namespace vknetconfig

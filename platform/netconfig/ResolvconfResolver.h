@@ -16,7 +16,7 @@ public:
     std::string prepare(const Link& link, const DnsSettings& settings,
                         const std::vector<std::string>& earlier) override;
     void set(const Link& link, const DnsSettings& settings) override;
-    void undo(std::string_view prepared) override;
+    bool undo(std::string_view prepared) override;
 };
 
 }  // namespace vknetconfig

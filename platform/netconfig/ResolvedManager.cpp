@@ -147,6 +147,25 @@ bool readFlag(sd_bus_message* reply)
     return flag != 0;
 }
 
+std::string readText(sd_bus_message* reply)
+{
+    const char* text = nullptr;
+    check(sd_bus_message_read(reply, "s", &text), "property");
+    return text;
+}
+
+std::string readTexts(sd_bus_message* reply)
+{
+    check(sd_bus_message_enter_container(reply, 'a', "s"), "property");
+    std::string texts;
+    const char* text = nullptr;
+    int result = 0;
+    while ((result = sd_bus_message_read(reply, "s", &text)) > 0)
+        texts += std::string(text) + " ";
+    check(result, "property");
+    return texts;
+}
+
 // One property of a link; false when link or service is gone.
 template <class Value>
 bool readProperty(sd_bus* bus, const char* path, const char* name, const char* type, Value (*read)(sd_bus_message*),
@@ -226,44 +245,98 @@ std::string ResolvedManager::owner()
     return name;
 }
 
-std::optional<LinkDns> ResolvedManager::read(int index)
+// Empty when the link, or the service, is not there.
+std::string ResolvedManager::pathOf(int index)
 {
     BusError error;
     sd_bus_message* reply = nullptr;
     const int result = sd_bus_call_method(mBus.get(), resolvedName, managerPath, managerInterface, "GetLink",
                                           error.put(), &reply, "i", index);
     const SdBusMessagePtr owned(reply);
-    if (result < 0 && error.tellsAbsence()) return std::nullopt;
+    if (result < 0 && error.tellsAbsence()) return {};
     if (result < 0) error.fail("GetLink", result);
     const char* path = nullptr;
     check(sd_bus_message_read(reply, "o", &path), "GetLink");
+    return path;
+}
+
+std::optional<LinkDns> ResolvedManager::read(int index)
+{
+    const std::string path = pathOf(index);
+    if (path.empty()) return std::nullopt;
     LinkDns dns;
-    const bool isThere = readProperty(mBus.get(), path, "DNSEx", "a(iayqs)", readServers, dns.servers) &&
-                         readProperty(mBus.get(), path, "Domains", "a(sb)", readDomains, dns.domains) &&
-                         readProperty(mBus.get(), path, "DefaultRoute", "b", readFlag, dns.defaultRoute);
+    const bool isThere = readProperty(mBus.get(), path.c_str(), "DNSEx", "a(iayqs)", readServers, dns.servers) &&
+                         readProperty(mBus.get(), path.c_str(), "Domains", "a(sb)", readDomains, dns.domains) &&
+                         readProperty(mBus.get(), path.c_str(), "DefaultRoute", "b", readFlag, dns.defaultRoute);
     return isThere ? std::optional<LinkDns>(dns) : std::nullopt;
 }
 
-void ResolvedManager::write(int index, const LinkDns& dns)
+// What can be set on a link beside servers, domains and default route, as one text; empty when the link is not there.
+std::string ResolvedManager::otherSettings(int index)
+{
+    const std::string path = pathOf(index);
+    std::string all;
+    for (const char* name : {"LLMNR", "MulticastDNS", "DNSOverTLS", "DNSSEC"}) {
+        std::string value;
+        if (path.empty() || !readProperty(mBus.get(), path.c_str(), name, "s", readText, value)) return {};
+        all += value + " ";
+    }
+    std::string anchors;
+    if (!readProperty(mBus.get(), path.c_str(), "DNSSECNegativeTrustAnchors", "as", readTexts, anchors)) return {};
+    return all + anchors;
+}
+
+void ResolvedManager::writeServers(int index, const LinkDns& dns)
 {
     const SdBusMessagePtr servers = newCall(mBus.get(), "SetLinkDNSEx");
     check(sd_bus_message_append(servers.get(), "i", index), "servers");
     appendServers(servers.get(), dns.servers);
     send(mBus.get(), servers, "servers");
+}
+
+void ResolvedManager::writeDomains(int index, const LinkDns& dns)
+{
     const SdBusMessagePtr domains = newCall(mBus.get(), "SetLinkDomains");
     check(sd_bus_message_append(domains.get(), "i", index), "domains");
     appendDomains(domains.get(), dns.domains);
     send(mBus.get(), domains, "domains");
+}
+
+void ResolvedManager::writeDefaultRoute(int index, const LinkDns& dns)
+{
     const SdBusMessagePtr route = newCall(mBus.get(), "SetLinkDefaultRoute");
     check(sd_bus_message_append(route.get(), "ib", index, dns.defaultRoute ? 1 : 0), "default route");
     send(mBus.get(), route, "default route");
 }
 
+void ResolvedManager::write(int index, const LinkDns& dns)
+{
+    writeServers(index, dns);
+    writeDomains(index, dns);
+    writeDefaultRoute(index, dns);
+}
+
+// Forgets everything that was set on the link.
 void ResolvedManager::revert(int index)
 {
     const SdBusMessagePtr call = newCall(mBus.get(), "RevertLink");
     check(sd_bus_message_append(call.get(), "i", index), "revert");
     send(mBus.get(), call, "revert");
+}
+
+// Only a link that is forgotten as a whole forgets that a default route was ever set, so that is done where nobody has
+// set anything: there the link has what the loopback device has, which nobody configures.
+void ResolvedManager::restore(int index, const LinkDns& before, const LinkDns& now)
+{
+    constexpr int loopback = 1;
+    if (before == now) return;
+    const std::string others = otherSettings(index);
+    if (before == LinkDns() && !others.empty() && others == otherSettings(loopback)) return revert(index);
+    if (!(before.servers == now.servers)) writeServers(index, before);
+    if (!(before.domains == now.domains)) writeDomains(index, before);
+    // Where none was set it follows from the servers and domains.
+    const auto after = read(index);
+    if (after && after->defaultRoute != before.defaultRoute) writeDefaultRoute(index, before);
 }
 
 }  // namespace vknetconfig

@@ -45,10 +45,18 @@ public:
 
     void write(int index, const LinkDns& dns);
 
-    /// Forgets everything that was set on the link.
-    void revert(int index);
+    /// Brings the link, which has `now`, to what it had `before` somebody set servers, domains and default route. What
+    /// is set beside these stays as it is.
+    void restore(int index, const LinkDns& before, const LinkDns& now);
 
 private:
+    void writeServers(int index, const LinkDns& dns);
+    void writeDomains(int index, const LinkDns& dns);
+    void writeDefaultRoute(int index, const LinkDns& dns);
+    void revert(int index);
+    std::string pathOf(int index);
+    std::string otherSettings(int index);
+
     SdBusPtr mBus;
 };
 

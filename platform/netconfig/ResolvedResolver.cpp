@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ResolvedResolver.h"
 
-#include "LinkDns.h"
-#include "Log.h"
 #include "RequestError.h"
 #include "ResolvedManager.h"
 
@@ -15,16 +13,6 @@ LinkDns readPresent(ResolvedManager& manager, const Link& link)
     auto found = manager.read(link.index);
     if (!found) throw RequestError("ipv4.dns", "systemd-resolved does not know the interface " + link.name);
     return *found;
-}
-
-void putBack(ResolvedManager& manager, int index, const LinkDns& target)
-{
-    // Nothing of anybody's: also forgets that a default route was ever set.
-    if (target.servers.empty() && target.domains.empty()) {
-        manager.revert(index);
-    } else {
-        manager.write(index, target);
-    }
 }
 
 }  // namespace
@@ -58,7 +46,7 @@ void ResolvedResolver::set(const Link& link, const DnsSettings& settings)
         manager.write(link.index, wantedOf(settings));
     } catch (const RequestError&) {
         try {
-            putBack(manager, link.index, before);
+            manager.restore(link.index, before, readPresent(manager, link));
         } catch (const RequestError&) {
             // The first failure is the one to tell.
         }
@@ -66,22 +54,27 @@ void ResolvedResolver::set(const Link& link, const DnsSettings& settings)
     }
 }
 
-void ResolvedResolver::undo(std::string_view prepared)
+bool undoChange(ResolvedManager& manager, const LinkChange& change)
+{
+    if (!hasIndex(change.link)) return true;
+    const auto now = manager.read(change.link.index);
+    if (!now) return false;
+    manager.restore(change.link.index, takenBack(change, *now), *now);
+    return true;
+}
+
+bool ResolvedResolver::undo(std::string_view prepared)
 {
     const LinkChange change = LinkChange::decode(prepared);
-    if (!isPresent(change.link)) return;
+    if (!hasIndex(change.link)) return true;
     SdBusPtr bus;
     try {
         bus = openSystemBus();
-    } catch (const RequestError& error) {
-        VKNETCONFIG_WARNING("the DNS settings of %s are not taken back: %s", change.link.name.c_str(), error.what());
-        return;
+    } catch (const RequestError&) {
+        return false;  // no bus, no systemd-resolved
     }
     ResolvedManager manager(std::move(bus));
-    const auto now = manager.read(change.link.index);
-    if (!now) return;
-    const LinkDns target = takenBack(change, *now);
-    if (!(target == *now)) putBack(manager, change.link.index, target);
+    return undoChange(manager, change);
 }
 
 }  // namespace vknetconfig

@@ -4,9 +4,17 @@
 #ifndef VKNETCONFIG_RESOLVEDRESOLVER_H
 #define VKNETCONFIG_RESOLVEDRESOLVER_H
 
+#include "LinkDns.h"
 #include "Resolver.h"
 
 namespace vknetconfig {
+
+class ResolvedManager;
+
+/// Restores what the link had before the change, where it still has what was set. The link is told by its index, which
+/// stays with it when it is renamed; another interface has other settings than those of the change. False when
+/// systemd-resolved, or the link in it, is not there yet.
+bool undoChange(ResolvedManager& manager, const LinkChange& change);
 
 class ResolvedResolver : public Resolver {
 public:
@@ -14,7 +22,7 @@ public:
     std::string prepare(const Link& link, const DnsSettings& settings,
                         const std::vector<std::string>& earlier) override;
     void set(const Link& link, const DnsSettings& settings) override;
-    void undo(std::string_view prepared) override;
+    bool undo(std::string_view prepared) override;
 };
 
 }  // namespace vknetconfig

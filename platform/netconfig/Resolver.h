@@ -28,9 +28,9 @@ public:
     /// Puts the settings in force, in place of those the link had. When it fails the link has those still.
     virtual void set(const Link& link, const DnsSettings& settings) = 0;
 
-    /// Brings back what was there before, when the link still has what was set. A link or service that is gone is no
-    /// failure.
-    virtual void undo(std::string_view prepared) = 0;
+    /// Restores what was there before, where the link still has what was set. A link or tool that is gone is no
+    /// failure. False when the service is not there now and may come back with the settings.
+    virtual bool undo(std::string_view prepared) = 0;
 };
 
 }  // namespace vknetconfig

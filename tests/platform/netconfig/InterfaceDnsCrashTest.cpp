@@ -4,11 +4,18 @@
 // it.
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <thread>
 
 #include "Daemons.h"
 #include "Driver.h"
 #include "KernelState.h"
+#include "handles/Stdio.h"
 
 using namespace testsupport;
 using testing::HasSubstr;
@@ -37,6 +44,17 @@ protected:
                                             " default-route vpn0; ls /run/vknetconfig");
     }
 
+    static std::string servers() { return outputOf(daemonTool("resolvectl") + " dns vpn0"); }
+
+    static bool comesTrue(const std::function<bool()>& condition)
+    {
+        for (int attempt = 0; attempt < 500; ++attempt) {
+            if (condition()) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
     ChildProcess mBus;
     ChildProcess mResolved;
 };
@@ -60,4 +78,54 @@ TEST_F(InterfaceDnsCrash, KilledAtAnyStepTheNextProcessBringsTheServersBack)
         }
     }
     EXPECT_GT(changed, 5) << "the kills came too early or too late to prove anything";
+}
+
+TEST_F(InterfaceDnsCrash, WhatIsRemovedWhileResolvedIsDownStaysInTheJournalUntilItIsTold)
+{
+    run(driver("add /tmp/dns.json delete vpn0"));
+    const std::string before = state();
+    run(driver("add /tmp/dns.json"));
+    ASSERT_THAT(servers(), HasSubstr("10.8.0.1"));
+    mResolved.stop();
+    EXPECT_THAT(
+        outputOf(driver("delete vpn0")),
+        HasSubstr("vknetconfig[4]: the DNS settings of vpn0 are removed when systemd-resolved answers again\n"));
+    EXPECT_EQ(routesOf("vpn0").size(), 0U);
+    run(driver("delete nothing0"));
+    mResolved = startDaemon(Daemon::resolved);
+    ASSERT_THAT(servers(), HasSubstr("10.8.0.1")) << "it is to keep the settings of links over a restart";
+    run(driver("delete nothing0"));
+    EXPECT_EQ(state(), before);
+}
+
+TEST_F(InterfaceDnsCrash, ARequestWithoutDnsWhileResolvedIsDownKeepsWhatIsPending)
+{
+    std::ofstream("/tmp/routes.json") << requestWithRoutes(2);
+    run(driver("add /tmp/dns.json"));
+    mResolved.stop();
+    run(driver("add /tmp/routes.json delete vpn0"));
+    EXPECT_EQ(routesOf("vpn0").size(), 0U);
+    mResolved = startDaemon(Daemon::resolved);
+    ASSERT_THAT(servers(), HasSubstr("10.8.0.1"));
+    run(driver("delete nothing0"));
+    EXPECT_THAT(servers(), HasSubstr("10.9.0.1"));
+    EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
+}
+
+TEST_F(InterfaceDnsCrash, WhatAnotherProcessRemovedIsNotSetAgain)
+{
+    const PipePtr holder(popen(("exec " + driver("add /tmp/dns.json hold 2>/tmp/log")).c_str(), "re"));
+    ASSERT_TRUE(holder);
+    char line[64] = {};
+    ASSERT_NE(fgets(line, sizeof line, holder.get()), nullptr);
+    const int pid = std::stoi(outputOf("cat /run/vknetconfig/*.lock"));
+    run("env VKNETCONFIG_TAKE_OVER=1 " + driver("delete vpn0"));
+    EXPECT_THAT(servers(), HasSubstr("10.9.0.1"));
+    mResolved.stop();
+    std::filesystem::remove_all("/run/systemd/resolve/netif");
+    mResolved = startDaemon(Daemon::resolved);
+    EXPECT_TRUE(comesTrue([] { return outputOf("cat /tmp/log").find("not set again") != std::string::npos; }))
+        << outputOf("cat /tmp/log") << servers();
+    EXPECT_EQ(servers().find("10.8.0.1"), std::string::npos);
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);  // closing the pipe waits for its end
 }

@@ -107,6 +107,30 @@ TEST(Journal, AnOwnedEntryIsReadBackAndErasedWithoutATrace)
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
+TEST(Journal, AnyThreadCanAskWhetherAnEntryStillHasALine)
+{
+    Journal journal;
+    const Journal::Turn turn = journal.takeTurn(true);
+    const auto hasLine = journal.lineCheck("a", "dns one");
+    EXPECT_FALSE(hasLine());
+    journal.own("a");
+    journal.write("a", "interface 3 vpn0\ndns one\nend\n");
+    EXPECT_TRUE(hasLine());
+    EXPECT_FALSE(journal.lineCheck("a", "dns on")());
+    journal.write("a", "interface 3 vpn0\ndns other\nend\n");
+    EXPECT_FALSE(hasLine());
+    journal.erase("a");
+    EXPECT_FALSE(hasLine());
+    journal.write("a", "dns one\n");
+    for (const std::string& name : filesLeft()) {
+        const std::string path = std::string(folder) + "/" + name;
+        if (path.find(".journal") == std::string::npos) continue;
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    }
+    EXPECT_EQ(errorOf([&] { hasLine(); }), "journal: read: Is a directory");
+}
+
 TEST(Journal, WithoutAFolderThereIsNothingAndNothingIsMade)
 {
     Journal journal;

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "Daemons.h"
 #include "Dns.h"
 #include "RequestError.h"
 #include "ToolRun.h"
@@ -121,6 +122,25 @@ TEST_F(ResolvconfTest, aToolThatDoesNotRunIsNoResolver)
     std::ofstream(std::string(folder) + "/resolvconf") << "#!/nonexistent/interpreter\n";
     ASSERT_EQ(chmod((std::string(folder) + "/resolvconf").c_str(), 0755), 0);
     EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+}
+
+// Where systemd-resolved brings its own resolvconf, that is a link to resolvectl, which needs systemd-resolved.
+TEST_F(ResolvconfTest, resolvectlUnderThisNameIsNoResolver)
+{
+    if (const std::string reason = testsupport::daemonUnavailable(testsupport::Daemon::resolved); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const std::string path = std::string(folder) + "/resolvconf";
+    // The program goes by the name that it is called by; what fetched it wraps it in a script.
+    std::ofstream(path) << "#!/bin/bash\nexec() { builtin exec -a resolvconf \"$@\"; }\n. "
+                        << testsupport::daemonTool("resolvectl") << "\n";
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    ASSERT_THAT(testsupport::runCommand({path, "--help"}).output, HasSubstr("resolvconf -a INTERFACE"));
+    EXPECT_EQ(errorOf([&] { dns.prepare(link0, tunnel()); }),
+              "ipv4.dns: no resolver takes it: systemd-resolved does not answer on the system bus, and there is no "
+              "resolvconf that works without it");
+    // What an earlier resolvconf was given went with it.
+    EXPECT_EQ(errorOf([&] { dns.undo("resolvconf norvatun0"); }), "no error");
 }
 
 TEST_F(ResolvconfTest, aToolThatFailsIsReportedInItsOwnWords)

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -89,7 +90,8 @@ protected:
         runCommand({"ip", "addr", "add", "10.8.0.9/24", "dev", linkName});
         runCommand({"ip", "link", "set", "veth1", "up"});
         runCommand({"ip", "link", "set", linkName, "up"});
-        ASSERT_TRUE(comesTrue([] { return runCommand({daemonTool("resolvectl"), "dns", linkName}).status == 0; }));
+        // It takes a moment to see that the link is up.
+        ASSERT_TRUE(comesTrue([] { return status().find("LLMNR/IPv4") != std::string::npos; }));
     }
     static Link link() { return {static_cast<int>(if_nametoindex(linkName)), linkName}; }
 
@@ -210,6 +212,96 @@ TEST_F(ResolvedTest, whatSomebodyElseHasSetSinceIsLeft)
     dns.undo(prepared);
     EXPECT_EQ(shown("dns"), "192.0.2.7");
     EXPECT_EQ(shown("domain"), "theirs.test");
+}
+
+TEST_F(ResolvedTest, whatOthersSetBesideServersAndDomainsIsLeft)
+{
+    change({"dnsovertls", linkName, "yes"});
+    const std::string before = status();
+    ASSERT_THAT(before, HasSubstr("+DNSOverTLS"));
+    const std::string prepared = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, prepared);
+    dns.undo(prepared);
+    EXPECT_EQ(status(), before);
+    const std::string again = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, again);
+    change({"llmnr", linkName, "no"});
+    change({"nta", linkName, "internal.test"});
+    dns.undo(again);
+    EXPECT_THAT(status(), HasSubstr("-LLMNR -mDNS +DNSOverTLS"));
+    EXPECT_EQ(shown("nta"), "internal.test");
+    EXPECT_EQ(shown("dns"), "");
+    EXPECT_EQ(shown("domain"), "");
+}
+
+TEST_F(ResolvedTest, aRefusedSettingLeavesWhatOthersSet)
+{
+    change({"dnsovertls", linkName, "yes"});
+    const std::string before = status();
+    const DnsSettings half = settings({"10.8.0.1"}, {std::string(70, 'a') + ".test"}, false);
+    EXPECT_THAT(errorOf([&] { dns.set(link(), half, dns.prepare(link(), half)); }),
+                StartsWith("ipv4.dns: systemd-resolved: domains: "));
+    EXPECT_EQ(status(), before);
+}
+
+TEST_F(ResolvedTest, aRenamedLinkIsTakenBackAsWell)
+{
+    const std::string prepared = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, prepared);
+    ASSERT_EQ(runCommand({"ip", "link", "set", linkName, "name", "renamed0"}).status, 0);
+    dns.undo(prepared);
+    const std::string left = runCommand({daemonTool("resolvectl"), "status", "renamed0"}).output;
+    ASSERT_EQ(runCommand({"ip", "link", "set", "renamed0", "name", linkName}).status, 0);
+    EXPECT_THAT(left, testing::Not(HasSubstr("10.8.0.1")));
+    EXPECT_THAT(left, testing::Not(HasSubstr("corp.test")));
+}
+
+TEST_F(ResolvedTest, whatIsTakenBackWhileTheServiceIsDownIsTakenBackWhenItIsUp)
+{
+    const std::string before = status();
+    const std::string prepared = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, prepared);
+    resolved.stop();
+    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_TRUE(dns.isPending(prepared));
+    resolved = testsupport::startDaemon(Daemon::resolved);  // it has kept the settings of the link
+    EXPECT_TRUE(comesTrue([] { return shown("dns").empty() && shown("domain").empty(); })) << status();
+    dns.undo(prepared);
+    EXPECT_FALSE(dns.isPending(prepared));
+    EXPECT_TRUE(comesTrue([&] { return status() == before; })) << status();
+}
+
+TEST_F(ResolvedTest, whatIsPendingIsOverWhenTheLinkIsGone)
+{
+    const std::string prepared = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, prepared);
+    resolved.stop();
+    dns.undo(prepared);
+    EXPECT_TRUE(dns.isPending(prepared));
+    runCommand({"ip", "link", "del", linkName});
+    dns.undo(prepared);
+    EXPECT_FALSE(dns.isPending(prepared));
+}
+
+TEST_F(ResolvedTest, whatIsNoLongerWantedIsNotSetAgain)
+{
+    std::atomic<bool> isWanted{true};
+    std::atomic<int> asked{0};
+    {
+        Dns maintaining;
+        maintaining.set(link(), tunnel, maintaining.prepare(link(), tunnel), [&] {
+            ++asked;
+            return isWanted.load();
+        });
+        restartForgetful();
+        EXPECT_TRUE(comesTrue([] { return shown("domain") == "corp.test lab.test"; }));
+        isWanted = false;
+        asked = 0;
+        restartForgetful();
+        EXPECT_TRUE(comesTrue([&] { return asked > 0; }));
+    }  // waits for the watcher
+    EXPECT_EQ(asked, 1) << "the answer counts once and for all";
+    EXPECT_EQ(shown("dns"), "");
 }
 
 TEST_F(ResolvedTest, aSettingThatIsRefusedChangesNothing)
