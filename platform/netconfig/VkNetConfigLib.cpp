@@ -64,9 +64,9 @@ public:
     {
         for (const Journal::Lost& lost : journal.takeLost()) {
             if (lost.by != 0) {
-                VKNETCONFIG_WARNING("%s: process %d took the configuration away", lost.subject.c_str(), lost.by);
+                VKNETCONFIG_ERROR("%s: process %d took the configuration away", lost.subject.c_str(), lost.by);
             } else {
-                VKNETCONFIG_WARNING("%s: somebody removed the journal of the configuration", lost.subject.c_str());
+                VKNETCONFIG_ERROR("%s: somebody removed the journal of the configuration", lost.subject.c_str());
             }
         }
     }

@@ -416,6 +416,18 @@ TEST_F(ConnectTest, DeviceThatIsRemovedMeanwhileLeavesNothing)
                 HasSubstr("vpnoalctl: norvatun0: somebody removed the interface, everything is restored"));
 }
 
+TEST_F(ConnectTest, ConfigurationThatIsTakenByForceEndsTheConnection)
+{
+    startGoodGateway();
+    LineProcess agent(command());
+    ASSERT_TRUE(agent.awaitEvent("connected")) << agent.output;
+    shell(WFOAL_BUILD_DIR "/bin/vpnoalctl restore --force");
+    EXPECT_EQ(1, agent.wait());
+    EXPECT_THAT(
+        agent.output,
+        HasSubstr("vpnoalctl: norvatun0: another process removed the tunnel's configuration; the log names it"));
+}
+
 TEST_F(ConnectTest, SecondConnectLeavesTheFirstAlone)
 {
     startGoodGateway();

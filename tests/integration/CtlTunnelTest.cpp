@@ -211,6 +211,67 @@ TEST_F(CtlTunnelTest, KilledConnectDoesNotStandInTheWayOfTheNextOne)
     expectStateAsBefore();
 }
 
+TEST_F(CtlTunnelTest, ALiveTunnelIsNeitherReplacedNorRemoved)
+{
+    writeProfile(goodProfile);
+    ChildProcess connecting = connect();
+    const std::string connected = state();
+    const std::string owner = "it belongs to process " + std::to_string(connecting.pid()) + ", which is running";
+    const CommandResult applied = run({"apply", profile});
+    EXPECT_EQ(1, applied.status);
+    EXPECT_THAT(applied.output, HasSubstr("vpnoalctl: norvatun0: cannot be configured: " + owner +
+                                          "; end that process, or take it away with 'vpnoalctl restore --force'\n"));
+    EXPECT_EQ(connected, state());
+    const CommandResult restored = run({"restore"});
+    EXPECT_EQ(1, restored.status);
+    EXPECT_THAT(restored.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: " + owner +
+                                           "; end that process, or take it away with --force\n"));
+    EXPECT_EQ(connected, state());
+    connecting.sendSignal(SIGINT);
+    EXPECT_EQ(0, connecting.wait());
+    expectStateAsBefore();
+}
+
+TEST_F(CtlTunnelTest, ConnectNoticesThatItsConfigurationWasTakenByForce)
+{
+    writeProfile(goodProfile);
+    ChildProcess connecting = connect();
+    const CommandResult restored = run({"restore", "--force"});
+    EXPECT_EQ(0, restored.status) << restored.output;
+    EXPECT_THAT(restored.output, HasSubstr("The tunnel's configuration is removed."));
+    EXPECT_EQ(1, connecting.wait());
+    EXPECT_THAT(contentOf(output),
+                HasSubstr("vpnoalctl: norvatun0: another process removed the tunnel's configuration; "
+                          "the log names it; connect again when it is wanted\n"));
+    EXPECT_THAT(contentOf(output), HasSubstr("interface-norvatun0: process "));
+    expectStateAsBefore();
+}
+
+TEST_F(CtlTunnelTest, RestoreThatRemovesNothingSaysSo)
+{
+    makeDevice();
+    const std::string before = state();
+    writeProfile(goodProfile);
+    ASSERT_EQ(0, run({"apply", profile}).status);
+    const std::string applied = state();
+    const CommandResult withoutRight =
+        runCommand({"setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", program, "restore"});
+    EXPECT_EQ(1, withoutRight.status);
+    EXPECT_THAT(withoutRight.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: "));
+    EXPECT_THAT(withoutRight.output, Not(HasSubstr("The tunnel's configuration is removed.")));
+    EXPECT_EQ(applied, state());
+    if (!testsupport::isInUserNamespace()) {  // a user namespace of one user has no other
+        const CommandResult ordinary =
+            runCommand({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program, "restore"});
+        EXPECT_EQ(1, ordinary.status);
+        EXPECT_THAT(ordinary.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: "
+                                               "/run/vknetconfig cannot be looked at: Permission denied; "));
+        EXPECT_EQ(applied, state());
+    }
+    EXPECT_EQ(0, run({"restore"}).status);
+    EXPECT_EQ(before, state());
+}
+
 TEST_F(CtlTunnelTest, DeviceThatIsRemovedMeanwhileLeavesNothing)
 {
     writeProfile(goodProfile);

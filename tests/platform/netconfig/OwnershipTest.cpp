@@ -87,9 +87,9 @@ TEST_F(Ownership, ForceRemovesWhatBelongsToALivingProcessAndTheOwnerIsTold)
     expectAllGone();
     EXPECT_EQ(owner.finish(), 0) << "nothing is in force any more, which is no failure";
     EXPECT_THAT(owner.output(),
-                testing::ContainsRegex("vknetconfig.4.: interface-vpn0: process [0-9]+ took the configuration away"));
+                testing::ContainsRegex("vknetconfig.3.: interface-vpn0: process [0-9]+ took the configuration away"));
     EXPECT_THAT(owner.output(), testing::ContainsRegex(
-                                    "vknetconfig.4.: firewall-vpn.vpnoal: process [0-9]+ took the configuration away"));
+                                    "vknetconfig.3.: firewall-vpn.vpnoal: process [0-9]+ took the configuration away"));
     expectAllGone();
 }
 

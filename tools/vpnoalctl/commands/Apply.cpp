@@ -10,6 +10,7 @@
 #include "Context.h"
 #include "commands/Commands.h"
 #include "tunnel/BringUp.h"
+#include "tunnel/InstalledState.h"
 #include "tunnel/Notices.h"
 #include "tunnel/Signals.h"
 #include "tunnel/TunDevice.h"
@@ -28,6 +29,11 @@ void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals
         }
     } catch (...) {
         system.RestoreSystemConfiguration();
+        // What is another process's was neither replaced nor removed.
+        if (const InstalledState left = installedState(); left.owner != 0) {
+            throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
+                               "end that process, or take it away with 'vpnoalctl restore --force'");
+        }
         throw;
     }
 }

@@ -20,6 +20,7 @@
 #include "tunnel/ChildCommand.h"
 #include "tunnel/LinkWatch.h"
 #include "tunnel/Notices.h"
+#include "tunnel/OwnershipWatch.h"
 #include "tunnel/Signals.h"
 #include "tunnel/TunDevice.h"
 
@@ -32,11 +33,13 @@ struct Options {
     AgentOptions agent;
 };
 
-// Sleeps until a signal comes; throws when the device disappears meanwhile.
-void waitForSignal(const Signals& signals, const LinkWatch& link)
+// Sleeps until a signal comes; throws when the device disappears meanwhile, or the configuration is taken away.
+void waitForSignal(const Signals& signals, const LinkWatch& link, const OwnershipWatch& ownership)
 {
-    pollfd watched[] = {{signals.descriptor(), POLLIN, 0}, {link.descriptor(), POLLIN, 0}};
-    poll(watched, 2, -1);
+    pollfd watched[] = {
+        {signals.descriptor(), POLLIN, 0}, {link.descriptor(), POLLIN, 0}, {ownership.descriptor(), POLLIN, 0}};
+    poll(watched, 3, -1);
+    ownership.check();
     if (link.isGone()) {
         throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
                            "connect again when it is wanted");
@@ -46,6 +49,7 @@ void waitForSignal(const Signals& signals, const LinkWatch& link)
 int hold(Signals& signals, const TunDevice& device, const std::string& text)
 {
     const LinkWatch link(tunnelDeviceName);
+    const OwnershipWatch ownership;
     std::optional<ChildCommand> child;
     if (!text.empty()) {
         // What the command needs to carry the tunnel's packets.
@@ -54,7 +58,7 @@ int hold(Signals& signals, const TunDevice& device, const std::string& text)
     }
     while (!signals.isInterrupted()) {
         if (child && child->status()) return *child->status();
-        waitForSignal(signals, link);
+        waitForSignal(signals, link, ownership);
     }
     return child ? child->end() : ExitOk;
 }

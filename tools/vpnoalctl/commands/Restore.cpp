@@ -1,23 +1,50 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl restore: what an agent does when it disconnects. Nothing in force is no failure.
+// vpnoalctl restore: what an agent does when it disconnects. Nothing in force is no failure. The plug-in reports none
+// at all, so it is looked whether the configuration is gone.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <memory>
+
 #include "CommandError.h"
 #include "Context.h"
 #include "commands/Commands.h"
+#include "tunnel/InstalledState.h"
 
 namespace vpnoalctl {
 
-Action defineRestore(CLI::App&)
+namespace {
+
+int restore(Context& context, bool isForced)
 {
-    return [](Context& context) {
-        // Kept: disposing of it would only restore a second time.
-        auto& system = context.plugin().createKept<KEST_SystemPlugin>();
-        if (system.RestoreSystemConfiguration() != PLUGIN_SUCCESS) {
-            throw CommandError("restore", "the plug-in reports a failure", "run it again with -v to see the log");
-        }
-        context.output.line("The tunnel's configuration is removed.", Style::Good);
-        return ExitOk;
-    };
+    // Read by the host platform; the plug-in has no word for it.
+    if (isForced) setenv("VKNETCONFIG_TAKE_OVER", "1", 1);
+    // Kept: disposing of it would only restore a second time.
+    auto& system = context.plugin().createKept<KEST_SystemPlugin>();
+    if (system.RestoreSystemConfiguration() != PLUGIN_SUCCESS) {
+        throw CommandError("restore", "the plug-in reports a failure", "run it again with -v to see the log");
+    }
+    const InstalledState left = installedState();
+    if (left.owner != 0) {
+        throw CommandError("restore", "the configuration is not removed: " + left.reason,
+                           "end that process, or take it away with --force");
+    }
+    if (!left.reason.empty()) {
+        throw CommandError("restore", "the configuration is not removed: " + left.reason,
+                           "run it as root; the log names the reason");
+    }
+    context.output.line("The tunnel's configuration is removed.", Style::Good);
+    return ExitOk;
+}
+
+}  // namespace
+
+Action defineRestore(CLI::App& command)
+{
+    auto isForced = std::make_shared<bool>(false);
+    command.add_flag("--force", *isForced,
+                     "Remove the configuration also when it belongs to another process, which is running");
+    return [isForced](Context& context) { return restore(context, *isForced); };
 }
 
 }  // namespace vpnoalctl

@@ -13,6 +13,7 @@
 #include "tunnel/BringUp.h"
 #include "tunnel/ChildCommand.h"
 #include "tunnel/LinkWatch.h"
+#include "tunnel/OwnershipWatch.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
@@ -106,6 +107,7 @@ void Agent::open()
 int Agent::carry(int device)
 {
     const LinkWatch link(tunnelDeviceName);
+    const OwnershipWatch ownership;
     std::optional<ChildCommand> child;
     if (!mOptions.command.empty()) child.emplace(mOptions.command, -1);
     while (!mSignals.isInterrupted()) {
@@ -114,10 +116,11 @@ int Agent::carry(int device)
             throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
                                "connect again when it is wanted");
         }
+        ownership.check();
         handleEvents();
         if (!mStream && !mAsleep && Clock::now() >= mNextAttempt) tryAgain();
         if (mStream && !mCarrier->carry()) lose(mStream->reason());
-        if (mStream || Clock::now() < mNextAttempt || mAsleep) wait(device, link.descriptor());
+        if (mStream || Clock::now() < mNextAttempt || mAsleep) wait(device, link.descriptor(), ownership.descriptor());
     }
     if (mStream) mStream->shutDown();
     return child ? child->end() : ExitOk;
@@ -189,17 +192,18 @@ void Agent::retryLater(const CommandError& error)
     mPause = std::min(mPause * 2, longestPause);
 }
 
-void Agent::wait(int device, int link)
+void Agent::wait(int device, int link, int ownership)
 {
     const short deviceEvents = mCarrier->deviceEvents();
     const short streamEvents = mCarrier->streamEvents();
     pollfd watched[] = {{mSignals.descriptor(), POLLIN, 0},
                         {mEvents.descriptor(), POLLIN, 0},
                         {link, POLLIN, 0},
+                        {ownership, POLLIN, 0},
                         {deviceEvents != 0 ? device : -1, deviceEvents, 0},
                         {mStream ? mStream->descriptor() : -1, streamEvents, 0}};
     const bool forGood = mStream != nullptr || mAsleep;
-    poll(watched, 5, forGood ? -1 : millisecondsUntil(mNextAttempt));
+    poll(watched, 6, forGood ? -1 : millisecondsUntil(mNextAttempt));
 }
 
 }  // namespace vpnoalctl

@@ -43,7 +43,7 @@ private:
     void lose(std::string reason);
     void tryAgain();
     void retryLater(const CommandError& error);
-    void wait(int device, int link);
+    void wait(int device, int link, int ownership);
 
     const Profile& mProfile;
     const AgentOptions& mOptions;

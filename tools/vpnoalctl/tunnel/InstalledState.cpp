@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tunnel/InstalledState.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "CommandError.h"
+#include "JournalFiles.h"
+#include "handles/UniqueFd.h"
+#include "tunnel/FilterState.h"
+
+namespace vpnoalctl {
+
+std::array<std::string, 2> journalFiles()
+{
+    const std::string here = wfoal::currentNetworkNamespace();
+    if (here.empty()) throw systemError("network namespace", errno, "free resources and try again");
+    const auto fileOf = [&here](const char* subject) {
+        return fmt::format("{}/{}{}{}", wfoal::journalFolder, subject, wfoal::namespaceSeparator, here);
+    };
+    return {fileOf("interface-norvatun0"), fileOf("firewall-vpn.vpnoal")};
+}
+
+#ifdef WFOAL_HOST_PLATFORM
+
+namespace {
+
+bool isRunning(pid_t process)
+{
+    return process > 0 && (kill(process, 0) == 0 || errno == EPERM);
+}
+
+InstalledState stateOf(const std::string& file)
+{
+    struct stat status {};
+    if (stat((file + std::string(wfoal::entrySuffix)).c_str(), &status) != 0) {
+        if (errno == ENOENT) return {};
+        return {fmt::format("{} cannot be looked at: {}", wfoal::journalFolder, std::strerror(errno)), 0};
+    }
+    const UniqueFd lock(open((file + std::string(wfoal::lockSuffix)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const pid_t holder = lock.valid() ? wfoal::holderIn(lock.get()) : 0;
+    if (isRunning(holder)) return {fmt::format("it belongs to process {}, which is running", holder), holder};
+    return {"it is still installed", 0};
+}
+
+}  // namespace
+
+InstalledState installedState()
+{
+    for (const std::string& file : journalFiles()) {
+        InstalledState found = stateOf(file);
+        if (!found.reason.empty()) return found;
+    }
+    if (filterState() == FilterState::InForce) return {"the packet filter is still installed", 0};
+    return {};
+}
+
+#else
+
+InstalledState installedState()
+{
+    return {};
+}
+
+#endif
+
+}  // namespace vpnoalctl
