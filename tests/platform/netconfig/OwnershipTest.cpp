@@ -202,10 +202,12 @@ TEST_F(Ownership, AProcessWhoseFirstRequestFailedForDescriptorsCleansUpWithItsNe
 
 TEST_F(Ownership, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemovedFirst)
 {
+    NEEDS_STRACE();
     run(driver("firewall /tmp/filter.json"));
-    std::ofstream("/tmp/refused-filter.json") << R"({"label":"vpn.vpnoal","chainNew":"drop","rules":[]})";
     const std::string inForce = outputOf("nft list ruleset");
-    EXPECT_THAT(outputOf(driver("firewall /tmp/refused-filter.json")), HasSubstr("VkFirewallFullCtrl: "));
+    const std::string refused =
+        driverUnderStrace("-o /dev/null -e trace=fsync -e inject=fsync:error=EIO", "firewall /tmp/other-filter.json");
+    EXPECT_THAT(outputOf(refused), HasSubstr("VkFirewallFullCtrl: journal: sync "));
     EXPECT_EQ(outputOf("nft list ruleset"), inForce);
     RunningDriver next({"firewall", "/tmp/other-filter.json"});
     EXPECT_THAT(outputOf("nft list ruleset"), Not(HasSubstr("drop")));
