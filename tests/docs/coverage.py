@@ -3,8 +3,8 @@
 """coverage.py SOURCE_TREE: the documentation leaves nothing out, and its links lead somewhere.
 
 Each operation and callback of the agent's interface, as the ABI guard knows them, is in the agent guide; each service
-method with each of its error codes is in bus.md; each tool and library is in porting.md; each link between files of
-the tree has a target.
+method with each of its error codes is in bus.md; each tool and library is in porting.md; each claim of security.md names
+tests that exist; each link between files of the tree has a target.
 """
 import pathlib
 import re
@@ -58,6 +58,26 @@ def missingFunctions(root):
             yield "docs/porting.md does not tell of " + header.name
 
 
+def missingTests(root):
+    known = set()
+    for path in (root / "tests").rglob("*.cpp"):
+        for suite, case in re.findall(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", path.read_text(encoding="utf-8"), re.M):
+            known |= {suite, suite + "." + case}
+    for path in (root / "tests").rglob("CMakeLists.txt"):
+        known |= set(re.findall(r"wfoal_script_test\(([\w.]+)", path.read_text(encoding="utf-8")))
+    rows = re.findall(r"^\|.*\|(.*)\|$", read(root, "docs/security.md"), re.M)
+    claims = [row for row in rows if row.strip() not in ("test", "---")]
+    for row in claims:
+        tests = re.findall(r"`([\w.]+)`", row)
+        if not tests:
+            yield "docs/security.md has a claim without a test: " + row
+        for test in tests:
+            if test not in known:
+                yield "docs/security.md names the test %s, which is not there" % test
+    if len(claims) < 20:
+        yield "only %d claims were found" % len(claims)
+
+
 def documents(root):
     return [*root.glob("*.md"), *(root / "docs").glob("*.md"), root / "Src/README.md"]
 
@@ -79,8 +99,8 @@ def brokenLinks(root):
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    faults = [fault for check in (missingOperations, missingCodes, missingMethods, missingFunctions, missingFiles,
-                                brokenLinks)
+    faults = [fault for check in (missingOperations, missingCodes, missingMethods, missingFunctions, missingTests,
+                                missingFiles, brokenLinks)
               for fault in check(root)]
     print("\n".join(faults))
     return 1 if faults else 0
