@@ -174,7 +174,7 @@ constexpr Fault faults[] = {
     {netConfig, "any filter is taken", "a filter drops what"},
     {netConfig, "any filter is taken", "a filter replaces"},
     {netConfig, "any filter is taken", "rules are tried in their order"},
-    {netConfig, "any filter is taken", "what an ended process left"},
+    {netConfig, "nothing is taken back", "what an ended process left"},
     {netConfig, "filters stay", "a filter drops what"},
     {netConfig, "drops everything", "a filter drops what"},
 
