@@ -124,8 +124,11 @@ bool CertElement::Pkcs12ToDER(PKCS12* bundle, const std::string& password, unsig
 {
     WFOAL_DEBUG("%s", __func__);
     Pkcs12Parts parts;
-    if (!takePkcs12Apart(bundle, password.c_str(), parts)) {
-        WFOAL_ERROR("%s: PKCS12_parse Failed %s", __func__, ERR_reason_error_string(ERR_get_error()));
+    const Pkcs12Fault fault = takePkcs12Apart(bundle, password.c_str(), parts);
+    if (fault != Pkcs12Fault::None) {
+        WFOAL_ERROR(
+            "%s: PKCS12_parse Failed %s", __func__,
+            fault == Pkcs12Fault::TooManyIterations ? "too many iterations" : ERR_reason_error_string(ERR_get_error()));
         return false;
     }
     privKey = std::move(parts.key);

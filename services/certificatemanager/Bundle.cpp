@@ -43,12 +43,39 @@ std::string fingerprintOf(X509* certificate)
     return hexOf(digest, length);
 }
 
-// A bundle may be made with an empty password or with none at all; both are "no passphrase" to people.
-bool isPassphrase(PKCS12* bundle, const std::string& passphrase)
+int refusePassword(char*, int, int, void*)
 {
-    return PKCS12_mac_present(bundle) == 0 ||
-           PKCS12_verify_mac(bundle, passphrase.c_str(), static_cast<int>(passphrase.size())) == 1 ||
-           (passphrase.empty() && PKCS12_verify_mac(bundle, nullptr, 0) == 1);
+    return -1;
+}
+
+int noteEncryption(char*, int, int, void* isEncrypted)
+{
+    *static_cast<bool*>(isEncrypted) = true;
+    return -1;
+}
+
+X509Ptr certificateOfPem(const std::string& pem)
+{
+    const BioPtr text(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    X509Ptr certificate(text ? PEM_read_bio_X509(text.get(), nullptr, refusePassword, nullptr) : nullptr);
+    ERR_clear_error();
+    return certificate;
+}
+
+InstallResult resultOf(Pkcs12Fault fault, bool hasMac)
+{
+    switch (fault) {
+    case Pkcs12Fault::None: break;
+    case Pkcs12Fault::WrongPassword: return {InstallError::WrongPassphrase, "the passphrase is wrong"};
+    case Pkcs12Fault::TooManyIterations:
+        return {InstallError::TooManyIterations, "the bundle asks for more than " +
+                                                     std::to_string(largestPkcs12Iterations) +
+                                                     " iterations of key derivation"};
+    case Pkcs12Fault::Undecodable:
+        if (hasMac) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
+        return {InstallError::WrongPassphrase, "the bundle has no MAC and does not decrypt with the passphrase"};
+    }
+    return {};
 }
 
 }  // namespace
@@ -87,12 +114,11 @@ InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::str
     const unsigned char* position = bytes.data();
     const Pkcs12Ptr parsed(d2i_PKCS12(nullptr, &position, static_cast<long>(bytes.size())));
     if (!parsed) return {InstallError::NotPkcs12, "the file is not a PKCS#12 bundle"};
-    if (!isPassphrase(parsed.get(), passphrase)) return {InstallError::WrongPassphrase, "the passphrase is wrong"};
-
+    const bool hasMac = PKCS12_mac_present(parsed.get()) == 1;
     Pkcs12Parts parts;
-    const bool isOpen = takePkcs12Apart(parsed.get(), passphrase.c_str(), parts);
+    const Pkcs12Fault fault = takePkcs12Apart(parsed.get(), passphrase.c_str(), parts);
     ERR_clear_error();
-    if (!isOpen) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
+    if (fault != Pkcs12Fault::None) return resultOf(fault, hasMac);
     X509* const certificate = parts.certificate.get();
     EVP_PKEY* const key = parts.key.get();
     if (key == nullptr) return {InstallError::NoKey, "the bundle holds no private key"};
@@ -111,11 +137,20 @@ InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::str
 
 std::string fingerprintOfPem(const std::string& pem)
 {
-    const BioPtr text(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    const auto noPassword = [](char*, int, int, void*) { return -1; };
-    const X509Ptr certificate(text ? PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr) : nullptr);
-    ERR_clear_error();
+    const X509Ptr certificate = certificateOfPem(pem);
     return certificate ? fingerprintOf(certificate.get()) : std::string();
+}
+
+bool isKeyOf(const std::string& certificatePem, const std::string& keyPem)
+{
+    const X509Ptr certificate = certificateOfPem(certificatePem);
+    const BioPtr text(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
+    if (!certificate || !text) return false;
+    bool isEncrypted = false;
+    const EvpPkeyPtr key(PEM_read_bio_PrivateKey(text.get(), nullptr, noteEncryption, &isEncrypted));
+    ERR_clear_error();
+    if (!key) return isEncrypted;
+    return matchKey(certificate.get(), key.get()) != KeyMatch::Different;
 }
 
 }  // namespace certificatemanager

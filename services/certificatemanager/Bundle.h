@@ -27,6 +27,10 @@ InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::str
 /// Fingerprint of the first certificate of a PEM text; empty when there is none.
 std::string fingerprintOfPem(const std::string& pem);
 
+/// Both are PEM texts. False when the key is another certificate's, or is no key. An encrypted key, which nobody here
+/// can open, counts as the right one.
+bool isKeyOf(const std::string& certificatePem, const std::string& keyPem);
+
 }  // namespace certificatemanager
 
 #endif

@@ -26,6 +26,18 @@ VkLogContext* logContext()
     return context;
 }
 
+CertificateStore certificateStore()
+{
+    return {"/var/ssl/certs/", "/var/ssl/private/"};
+}
+
+// Whoever owns the service's name is the only one that installs.
+void removeInterruptedInstallations()
+{
+    const unsigned removed = certificateStore().removeInterruptedInstallations();
+    if (removed != 0) VkLogPrint(logContext(), infoLevel, "removed %u files of interrupted installations", removed);
+}
+
 // The request's own text is never logged: it holds a passphrase.
 std::string answerTo(QSMessage* request)
 {
@@ -34,8 +46,7 @@ std::string answerTo(QSMessage* request)
         VkLogPrint(logContext(), errorLevel, "addcertificate: refused, the caller is not root");
         return replyText({InstallError::NotPermitted, "only root may install certificates"});
     }
-    const CertificateStore store("/var/ssl/certs/", "/var/ssl/private/");
-    std::string answer = addCertificate(store, QSMessageGetPayload(request));
+    std::string answer = addCertificate(certificateStore(), QSMessageGetPayload(request));
     VkLogPrint(logContext(), infoLevel, "addcertificate: %s", answer.c_str());
     return answer;
 }
@@ -66,6 +77,7 @@ bool CertificateManager::start(GMainLoop* loop)
     QSError error;
     QSErrorInit(&error);
     if (!QSRegister(serviceName, &mBus, &error)) return failed("taking the name on the bus", error);
+    removeInterruptedInstallations();
     if (!QSRegisterCategory(mBus, category, sMethods, nullptr, nullptr, &error)) return failed("offering", error);
     if (!QSGmainAttach(mBus, loop, &error)) return failed("attaching to the loop", error);
     return true;

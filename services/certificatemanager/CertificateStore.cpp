@@ -27,12 +27,6 @@ std::string textOfFile(const std::string& path)
     return text.str();
 }
 
-bool exists(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0;
-}
-
 // Folder by folder; the last one with `mode`.
 bool makeFolders(const std::string& folder, mode_t mode)
 {
@@ -80,7 +74,13 @@ InstallResult CertificateStore::install(const std::string& path, const std::stri
     return {};
 }
 
-// Under whatever name it was installed, but only with its key: a certificate without one is of no use to anybody.
+unsigned CertificateStore::removeInterruptedInstallations() const
+{
+    return removeInterrupted(mCertificateFolder) + removeInterrupted(mKeyFolder);
+}
+
+// Under whatever name it was installed, but only with its key: a certificate without one, or with another's, is of no
+// use to anybody.
 bool CertificateStore::isInstalled(const std::string& fingerprint) const
 {
     const DirPtr folder(opendir(mCertificateFolder.c_str()));
@@ -88,8 +88,9 @@ bool CertificateStore::isInstalled(const std::string& fingerprint) const
     while (const dirent* entry = readdir(folder.get())) {
         const std::string name = entry->d_name;
         if (name.find(certificateSuffix) == std::string::npos) continue;
-        if (!exists(mKeyFolder + keyPrefix + name)) continue;
-        if (fingerprintOfPem(textOfFile(mCertificateFolder + name)) == fingerprint) return true;
+        const std::string certificate = textOfFile(mCertificateFolder + name);
+        if (fingerprintOfPem(certificate) != fingerprint) continue;
+        if (isKeyOf(certificate, textOfFile(mKeyFolder + keyPrefix + name))) return true;
     }
     return false;
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Installs a PKCS#12 bundle as the PEM files that the plug-in lists: the key first, then the certificate, each written
-// aside, synced and renamed, so that a certificate never stands there without its key, nor half a file. Knows nothing
-// of the bus. Used on one thread.
+// Installs a PKCS#12 bundle as the PEM files that the plug-in lists: the key first, then the certificate. Each gets its
+// name when it is written and synced, so that a certificate never stands there without its key, nor half a file. Knows
+// nothing of the bus. Used on one thread.
 #ifndef CERTIFICATESTORE_H
 #define CERTIFICATESTORE_H
 
@@ -24,6 +24,7 @@ enum class InstallError : int {
     NoCertificate = 9,
     AlreadyInstalled = 10,
     NotStored = 11,
+    TooManyIterations = 12,
 };
 
 struct InstallResult {
@@ -38,6 +39,9 @@ public:
 
     /// Installs the bundle in file `path`. On failure nothing is left behind.
     InstallResult install(const std::string& path, const std::string& passphrase) const;
+
+    /// Removes the files of installations that were killed. Returns how many. Only the one service may call it.
+    unsigned removeInterruptedInstallations() const;
 
 private:
     bool isInstalled(const std::string& fingerprint) const;

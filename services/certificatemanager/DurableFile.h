@@ -8,9 +8,13 @@
 
 namespace certificatemanager {
 
-/// Writes `text` as `folder` + `name` with mode 0600 and syncs file and folder: written aside, then renamed. False
-/// with errno set on failure, which leaves nothing behind.
+/// Writes `text` as `folder` + `name` with mode 0600 and syncs file and folder. The file gets its name when it is
+/// complete. False with errno set on failure, which leaves nothing behind.
 bool writeDurably(const std::string& folder, const std::string& name, const std::string& text);
+
+/// Removes what a process that died in writeDurably() left in the folder. Returns how many files that were. No other
+/// process may be writing there.
+unsigned removeInterrupted(const std::string& folder);
 
 }  // namespace certificatemanager
 

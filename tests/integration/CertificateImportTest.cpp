@@ -6,6 +6,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "BundleMaker.h"
 #include "CertificateAuthority.h"
 #include "ChildProcess.h"
 #include "Daemons.h"
@@ -104,6 +105,36 @@ TEST_F(CertificateImportTest, AnyBusClientCanCallIt)
     EXPECT_THAT(call("no json").output, HasSubstr("not a JSON object"));
     EXPECT_THAT(call("{\"certificateFilename\":\"/tmp/client.pfx\",\"passphrase\":\"secret\"}").output,
                 HasSubstr("\\\"returnValue\\\": true"));
+}
+
+TEST_F(CertificateImportTest, StartRemovesWhatAKilledInstallationLeft)
+{
+    for (const char* path : {"/var/ssl/private/.installing-a1b2c3", "/var/ssl/certs/.installing-a1b2c3"})
+        writeFile(path, std::string("left"));
+    writeFile("/var/ssl/private/rsamine.pem", std::string("mine"));
+    startService();
+    call("{}");  // is answered when the service has started
+    EXPECT_FALSE(fs::exists("/var/ssl/private/.installing-a1b2c3"));
+    EXPECT_FALSE(fs::exists("/var/ssl/certs/.installing-a1b2c3"));
+    EXPECT_TRUE(fs::exists("/var/ssl/private/rsamine.pem"));
+    // A second service does not get the name, and must leave alone what the first one is writing.
+    writeFile("/var/ssl/private/.installing-d4e5f6", std::string("being written"));
+    EXPECT_EQ(1, runCommand({WFOAL_BUILD_DIR "/bin/vesk-certificatemanager"}).status);
+    EXPECT_TRUE(fs::exists("/var/ssl/private/.installing-d4e5f6"));
+}
+
+TEST_F(CertificateImportTest, BundleWithTooManyIterationsLeavesTheServiceUsable)
+{
+    testsupport::BundleOptions options;
+    options.macIterations = 2147483647;
+    writeFile("/tmp/hostile.pfx", testsupport::BundleMaker("secret", options)
+                                      .addKey(mClient.key.get())
+                                      .addCertificate(mClient.certificate.get())
+                                      .bytes());
+    startService();
+    EXPECT_THAT(call("{\"certificateFilename\":\"/tmp/hostile.pfx\",\"passphrase\":\"secret\"}").output,
+                HasSubstr("more than 5000000 iterations"));
+    EXPECT_EQ(0, import().status);
 }
 
 TEST_F(CertificateImportTest, OnlyRootMayInstall)

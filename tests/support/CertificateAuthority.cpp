@@ -10,6 +10,8 @@
 #include <map>
 #include <stdexcept>
 
+#include "handles/LegacyProvider.h"
+
 namespace testsupport {
 
 namespace {
@@ -123,7 +125,7 @@ std::string Identity::keyPem(const char* password) const
 std::vector<unsigned char> Identity::pkcs12(const char* password, int cipher,
                                             const std::vector<const Identity*>& others) const
 {
-    const ProviderPtr legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
+    const ProviderPtr legacy = loadLegacyProvider();
     STACK_OF(X509)* stack = sk_X509_new_null();
     for (const Identity* other : others)
         sk_X509_push(stack, other->certificate.get());

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// PKCS#12 bundles of any make: keys and certificates with any key ids in any order, any ciphers and iterations, with
+// and without a MAC.
+#ifndef WFOAL_TEST_BUNDLEMAKER_H
+#define WFOAL_TEST_BUNDLEMAKER_H
+
+#include <openssl/objects.h>
+
+#include <string>
+#include <vector>
+
+#include "CertificateAuthority.h"
+
+namespace testsupport {
+
+struct BundleOptions {
+    int cipher = NID_aes_256_cbc;  // of key and certificates, or -1 for none
+    bool hasMac = true;
+    // What the bundle claims instead of the truth; such a bundle does not open.
+    long macIterations = 0;
+    const X509_ALGOR* keyAlgorithm = nullptr;
+    const X509_ALGOR* certificateAlgorithm = nullptr;
+};
+
+class BundleMaker {
+public:
+    BundleMaker(std::string password, BundleOptions options);
+    explicit BundleMaker(std::string password) : BundleMaker(std::move(password), BundleOptions{}) {}
+
+    /// Adds to what is in the bundle already. An empty id is none.
+    BundleMaker& addKey(EVP_PKEY* key, const std::string& keyId = "");
+    BundleMaker& addCertificate(X509* certificate, const std::string& keyId = "");
+    std::vector<unsigned char> bytes() const;
+
+private:
+    std::string mPassword;
+    BundleOptions mOptions;
+    SafeBagStackPtr mKeys;
+    SafeBagStackPtr mCertificates;
+};
+
+/// A certificate of a DSA key, issued by `issuer`, that leaves the key's parameters out.
+Identity makeDsaIdentity(const std::string& commonName, const Identity& issuer);
+
+}  // namespace testsupport
+
+#endif
