@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The error queue of OpenSSL belongs to the calling thread, and the agent reads it after its own calls (SSL_get_error()).
+// The error queue of OpenSSL belongs to the calling thread, and the agent reads it after its own calls
+// (SSL_get_error()).
 #ifndef WFOAL_ERRORQUEUEGUARD_H
 #define WFOAL_ERRORQUEUEGUARD_H
 

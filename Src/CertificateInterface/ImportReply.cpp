@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ImportReply.h"
 
-#include <condition_variable>
+#include <pthread.h>
+
 #include <mutex>
+#include <type_traits>
 
 #include "Assertion.h"
 #include "Log.h"
@@ -13,14 +15,25 @@ std::chrono::milliseconds importReplyTimeout = std::chrono::minutes(2);
 
 namespace {
 
+// The process may exit while an import waits, so none of these has a destructor. Destroying a condition, for one, waits
+// for those who wait for it.
 std::mutex sImportCertOpMutex;
-std::condition_variable sImportCertOpCond;
+pthread_cond_t sImportCertOpCond = PTHREAD_COND_INITIALIZER;
+static_assert(std::is_trivially_destructible_v<std::mutex>);
 
-// All guarded by the mutex. 0 is no import.
+// Guarded by the mutex.
 std::size_t sLastNumber = 0;
-std::size_t sWaitingNumber = 0;
-bool sHasReply = false;
-JsonPtr sReply;
+ImportReply* spWaiting = nullptr;
+
+timespec monotonicTimeAfter(std::chrono::milliseconds delay)
+{
+    using std::chrono::nanoseconds;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const nanoseconds time = std::chrono::seconds(now.tv_sec) + nanoseconds(now.tv_nsec) + delay;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+}
 
 }  // namespace
 
@@ -28,15 +41,14 @@ ImportReply::ImportReply()
 {
     const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
     mNumber = ++sLastNumber;
-    sWaitingNumber = mNumber;
-    sHasReply = false;
-    sReply.reset();
+    spWaiting = this;
+    pthread_cond_broadcast(&sImportCertOpCond);
 }
 
 ImportReply::~ImportReply()
 {
     const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
-    if (sWaitingNumber == mNumber) sWaitingNumber = 0;
+    if (spWaiting == this) spWaiting = nullptr;
 }
 
 void* ImportReply::context() const
@@ -46,21 +58,31 @@ void* ImportReply::context() const
 
 JsonPtr ImportReply::wait()
 {
-    std::unique_lock<std::mutex> lock(sImportCertOpMutex);
-    sImportCertOpCond.wait_for(lock, importReplyTimeout, [this] { return sHasReply || sWaitingNumber != mNumber; });
-    if (sWaitingNumber != mNumber) return nullptr;
-    sWaitingNumber = 0;
-    return std::move(sReply);
+    const timespec end = monotonicTimeAfter(importReplyTimeout);
+    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    int error = 0;
+    while (error == 0 && !mHasReply && spWaiting == this) {
+        error = pthread_cond_clockwait(&sImportCertOpCond, sImportCertOpMutex.native_handle(), CLOCK_MONOTONIC, &end);
+    }
+    if (spWaiting != this) return nullptr;
+    spWaiting = nullptr;
+    return std::move(mReply);
 }
 
-static void storeReply(std::size_t number, const char* payload)
+bool ImportReply::isNewest() const
+{
+    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    return mNumber == sLastNumber;
+}
+
+void storeReply(std::size_t number, const char* payload)
 {
     JsonPtr reply(json_tokener_parse(payload));
     const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
-    if (number == 0 || number != sWaitingNumber || sHasReply) return;
-    sReply = std::move(reply);
-    sHasReply = true;
-    sImportCertOpCond.notify_all();
+    if (spWaiting == nullptr || spWaiting->mNumber != number || spWaiting->mHasReply) return;
+    spWaiting->mReply = std::move(reply);
+    spWaiting->mHasReply = true;
+    pthread_cond_broadcast(&sImportCertOpCond);
 }
 
 }  // namespace wfoal

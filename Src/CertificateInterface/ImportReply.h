@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The certificate manager's answer, on its way from the event thread to the agent's thread, which waits for it. One
-// import waits at a time. A reply that nobody waits for any more, or a second one, is ignored: it names its import by
-// number, so it can never reach into another one, nor into memory that is gone.
+// import waits at a time: a newer one ends the wait of the older. A reply that nobody waits for any more, or a second
+// one, is ignored: it names its import by number, so it can never reach into another one, nor into memory that is gone.
 #ifndef WFOAL_IMPORTREPLY_H
 #define WFOAL_IMPORTREPLY_H
 
@@ -27,11 +27,18 @@ public:
 
     /// What the bus must hand to importCallRespHandler().
     void* context() const;
-    /// Waits until the reply is there or the time is over. Null: no usable reply came.
+    /// Waits until the reply is there, a newer import begins, or the time is over. Null: no usable reply came.
     JsonPtr wait();
+    /// False once a newer import has begun.
+    bool isNewest() const;
 
 private:
+    friend void storeReply(std::size_t number, const char* payload);
+
     std::size_t mNumber;
+    // Guarded by the mutex.
+    bool mHasReply = false;
+    JsonPtr mReply;
 };
 
 }  // namespace wfoal

@@ -3,9 +3,10 @@
 // Importing a PKCS#12 bundle: staged in a file, installed by the certificate manager, and handed to the agent as a
 // handle made of the same file.
 #include <glib.h>
-#include <sys/stat.h>
 
 #include <cstring>
+#include <mutex>
+#include <new>
 
 #include "Assertion.h"
 #include "CertElement.h"
@@ -14,6 +15,7 @@
 #include "Log.h"
 #include "Pkcs12Import.h"
 #include "QuorClient.h"
+#include "StagingFolder.h"
 #include "handles/Glib.h"
 
 namespace {
@@ -22,7 +24,11 @@ constexpr char stagingDirectory[] = "/tmp/vpncerts/";
 constexpr char stagingFile[] = "/tmp/vpncerts/vpninstall.pfx";
 constexpr char installMethod[] = "vesk://com.vesk.certificatemanager/addcertificate";
 constexpr char importFunction[] = "ImportPKCS12";
+constexpr char saveFunction[] = "saveCertFile";
 constexpr int alreadyInstalled = 10;
+
+// The staged file belongs to one import at a time: from staging to sending, and while the element reads it.
+std::mutex sStagedFileMutex;
 
 // Writes everything, or leaves `error` set.
 void writeAll(GIOChannel* channel, const unsigned char* data, unsigned int length, GError** error)
@@ -33,62 +39,115 @@ void writeAll(GIOChannel* channel, const unsigned char* data, unsigned int lengt
         gsize written = 0;
         g_io_channel_write_chars(channel, text + total, static_cast<gssize>(length - total), &written, error);
         total += written;
-        WFOAL_DEBUG("%s: Written %i of %i", "saveCertFile", static_cast<int>(total), static_cast<int>(length));
+        WFOAL_DEBUG("%s: Written %i of %i", saveFunction, static_cast<int>(total), static_cast<int>(length));
     } while (*error == nullptr && total < length);
     if (*error == nullptr) g_io_channel_shutdown(channel, TRUE, error);
 }
 
+// False when memory runs out.
+bool addText(json_object* object, const char* key, const char* text)
+{
+    JsonPtr value(json_object_new_string(text));
+    if (!value || json_object_object_add(object, key, value.get()) != 0) return false;
+    static_cast<void>(value.release());  // the object's now
+    return true;
+}
+
+// Null when memory runs out.
 JsonPtr installRequest(const char* passphrase)
 {
     JsonPtr jsonToSend(json_object_new_object());
     WFOAL_ASSERT("Src/CertificateInterface", 417, jsonToSend);
-    json_object_object_add(jsonToSend.get(), "certificateFilename", json_object_new_string(stagingFile));
-    if (passphrase != nullptr) {
-        json_object_object_add(jsonToSend.get(), "passphrase", json_object_new_string(passphrase));
-    }
-    return jsonToSend;
+    const bool isComplete = addText(jsonToSend.get(), "certificateFilename", stagingFile) &&
+                            (passphrase == nullptr || addText(jsonToSend.get(), "passphrase", passphrase));
+    return isComplete ? std::move(jsonToSend) : nullptr;
 }
 
-// Sends the request and waits. Null when no usable reply came.
-JsonPtr requestInstallation(const char* passphrase)
+bool sendRequest(const char* passphrase, void* replyContext)
 {
-    wfoal::ImportReply reply;
     WFOAL_DEBUG("%s: Sending Cert Install Request", importFunction);
     const JsonPtr jsonToSend = installRequest(passphrase);
+    if (!jsonToSend) return false;
     const char* szJsonOutMsg = json_object_get_string(jsonToSend.get());
     WFOAL_ASSERT("Src/CertificateInterface", 424, szJsonOutMsg);
-    const bool isSent = quorSend(installMethod, szJsonOutMsg, importCallRespHandler, reply.context());
-    JsonPtr answer = isSent ? reply.wait() : nullptr;
-    WFOAL_DEBUG("%s: Done Waiting For Response", importFunction);
-    return answer;
+    if (quorSend(installMethod, szJsonOutMsg, importCallRespHandler, replyContext)) return true;
+    if (passphrase != nullptr && !g_utf8_validate(passphrase, -1, nullptr)) {
+        WFOAL_ERROR("%s: The import password is not UTF-8, which the service bus may not carry", importFunction);
+    }
+    return false;
 }
 
+// Logs what is wrong with the reply.
 bool isInstalled(json_object* reply)
 {
-    json_object* value = nullptr;
-    if (!json_object_object_get_ex(reply, "returnValue", &value)) return false;
-    if (json_object_get_boolean(value)) return true;
-    return json_object_object_get_ex(reply, "errorCode", &value) && json_object_get_int(value) == alreadyInstalled;
+    if (reply == nullptr) {
+        WFOAL_ERROR("%s: Error getting response for certificate install", importFunction);
+        return false;
+    }
+    const char* text = json_object_get_string(reply);
+    WFOAL_DEBUG("%s: Json: %s", importFunction, text);
+    const bool isAnswer = json_object_is_type(reply, json_type_object);
+    json_object* const value = isAnswer ? json_object_object_get(reply, "returnValue") : nullptr;
+    json_object* const code = isAnswer ? json_object_object_get(reply, "errorCode") : nullptr;
+    // A value of another type counts as missing.
+    if (json_object_is_type(value, json_type_boolean)) {
+        if (json_object_get_boolean(value)) return true;
+        if (json_object_is_type(code, json_type_int) && json_object_get_int64(code) == alreadyInstalled) return true;
+    }
+    WFOAL_ERROR("%s: Error Installing Certificate into system: %s", importFunction, text);
+    return false;
+}
+
+UniqueFd openStaged(const char* fileName)
+{
+    std::string reason;
+    const std::string folderName(stagingDirectory, std::strlen(stagingDirectory) - 1);
+    if (g_mkdir_with_parents(stagingDirectory, 0777) == -1) {
+        WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
+        return UniqueFd();
+    }
+    const UniqueFd folder = wfoal::openStagingFolder(folderName, reason);
+    if (!folder.valid()) {
+        WFOAL_ERROR("%s: %s is refused: it %s", saveFunction, stagingDirectory, reason.c_str());
+        WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
+        return UniqueFd();
+    }
+    const char* slash = std::strrchr(fileName, '/');
+    UniqueFd file = wfoal::openStagingFile(folder, slash != nullptr ? slash + 1 : fileName, reason);
+    if (!file.valid()) WFOAL_ERROR("%s: Error Opening Cert File: %s", saveFunction, reason.c_str());
+    return file;
+}
+
+// Throws what the element's constructor throws: the certificate is installed then, but the bundle does not open.
+PluginResult importStaged(unsigned int length, const unsigned char* data, const char* importPassword,
+                          ClientCertHandle*& handle)
+{
+    std::unique_lock<std::mutex> stagedFile(sStagedFileMutex);
+    if (!saveCertFile(length, data, stagingFile)) return PLUGIN_FAILURE;
+    wfoal::ImportReply answer;
+    const bool isSent = sendRequest(importPassword, answer.context());
+    stagedFile.unlock();
+    JsonPtr reply = isSent ? answer.wait() : nullptr;
+    WFOAL_DEBUG("%s: Done Waiting For Response", importFunction);
+
+    stagedFile.lock();
+    // The staged file is the newer import's.
+    if (!answer.isNewest()) reply.reset();
+    if (!isInstalled(reply.get())) return PLUGIN_FAILURE;
+    handle = new CertElement(stagingFile, importPassword != nullptr ? importPassword : "");
+    return PLUGIN_SUCCESS;
 }
 
 }  // namespace
 
 bool saveCertFile(unsigned int length, const unsigned char* data, const char* fileName)
 {
-    if (g_mkdir_with_parents(stagingDirectory, 0777) == -1) {
-        WFOAL_ERROR("%s: Error Making the directory path", __func__);
-        return false;
-    }
-    GError* error = nullptr;
-    const GIOChannelPtr channel(g_io_channel_new_file(fileName, "w", &error));
-    if (!channel) {
-        const GErrorPtr reason(error);
-        WFOAL_ERROR("%s: Error Opening Cert File: %s", __func__, reason->message);
-        return false;
-    }
-    // A private key goes in: nobody else's to read, even while it is under a password.
-    fchmod(g_io_channel_unix_get_fd(channel.get()), S_IRUSR | S_IWUSR);
+    UniqueFd file = openStaged(fileName);
+    if (!file.valid()) return false;
+    const GIOChannelPtr channel(g_io_channel_unix_new(file.release()));
+    g_io_channel_set_close_on_unref(channel.get(), TRUE);
     g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
+    GError* error = nullptr;
     writeAll(channel.get(), data, length, &error);
     if (error == nullptr) return true;
     const GErrorPtr reason(error);
@@ -103,20 +162,10 @@ PluginResult CertificateInterface::ImportPKCS12(unsigned int length, const unsig
     WFOAL_DEBUG("%s: importPass: %s storePass: %s", __func__, importPassword, storePassword);
     secondFlag = false;
     if (data == nullptr && length > 0) return PLUGIN_FAILURE;
-    if (!saveCertFile(length, data, stagingFile)) return PLUGIN_FAILURE;
-
-    const JsonPtr reply = requestInstallation(importPassword);
-    if (!reply) {
-        WFOAL_ERROR("%s: Error getting response for certificate install", __func__);
+    try {
+        return importStaged(length, data, importPassword, handle);
+    } catch (const std::bad_alloc&) {
+        WFOAL_ERROR("%s: Error Instantiating CertElement", __func__);
         return PLUGIN_FAILURE;
     }
-    const char* text = json_object_get_string(reply.get());
-    WFOAL_DEBUG("%s: Json: %s", __func__, text);
-    if (!isInstalled(reply.get())) {
-        WFOAL_ERROR("%s: Error Installing Certificate into system: %s", __func__, text);
-        return PLUGIN_FAILURE;
-    }
-    // May leave by the constructor's exception: the certificate is installed then, but the bundle does not open.
-    handle = new CertElement(stagingFile, importPassword != nullptr ? importPassword : "");
-    return PLUGIN_SUCCESS;
 }

@@ -76,6 +76,35 @@ TEST(LoadOrderTest, StaticObjectsAreThereBeforeTheLoadHookAndGoneBeforeTheUnload
     EXPECT_EQ("-- left", result.lines.back());
 }
 
+/// The functions that the loader runs at load, in their order, as the linker's tables name them.
+std::vector<std::string> loadFunctions()
+{
+    const std::string script = "set -- $(readelf -W -S '" PLUGIN
+                               "' | sed -n 's/^.* \\.init_array *INIT_ARRAY *\\([0-9a-f]*\\) [0-9a-f]* "
+                               "\\([0-9a-f]*\\) .*/0x\\1 0x\\2/p'); "
+                               "readelf -W -r '" PLUGIN
+                               "' | while read -r place info kind address rest; do "
+                               "case $kind in *_RELATIVE) ;; *) continue ;; esac; "
+                               "if [ $((0x$place)) -ge $(($1)) ] && [ $((0x$place)) -lt $(($1 + $2)) ]; then "
+                               "nm -C '" PLUGIN "' | sed -n \"s/^0*$address [tT] //p\" | head -1; fi; done";
+    std::vector<std::string> names;
+    const PipePtr pipe(popen(script.c_str(), "r"));
+    char line[1024];
+    while (pipe && std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+        names.emplace_back(line);
+        names.back().pop_back();
+    }
+    return names;
+}
+
+TEST(LoadOrderTest, NoStaticObjectIsConstructedAfterTheLoadHook)
+{
+    const std::vector<std::string> functions = loadFunctions();
+    ASSERT_GE(functions.size(), 2u) << "the reader's constructor and the load hook at least";
+    EXPECT_THAT(functions, testing::Contains(HasSubstr("NetLinkHelper.cpp")).Times(1));
+    EXPECT_EQ("(anonymous namespace)::InitLib()", functions.back()) << testing::PrintToString(functions);
+}
+
 TEST(LoadOrderTest, ConstructorOfAStaticObjectLogsBeforeTheLoadHookAndWithoutAContext)
 {
     const Session result = run(fakes, "blocked");

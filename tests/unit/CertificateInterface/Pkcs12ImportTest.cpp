@@ -4,15 +4,21 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
+#include "CertElement.h"
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
 #include "CertificateInterface/ImportReply.h"
+#include "FailingNew.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
 
@@ -102,6 +108,14 @@ protected:
 
     static fakes::LogLine error(const std::string& text) { return {3, "ImportPKCS12: " + text}; }
 
+    static std::vector<unsigned char> derOf(ClientCertHandle* handle)
+    {
+        unsigned length = 0;
+        unsigned char* der = nullptr;
+        handle->GetCertDer(length, der);
+        return {der, der + length};
+    }
+
     CertificateInterface mInterface;
     Identity mIdentity = makeIdentity({"client", 10});
     std::vector<unsigned char> mBundle;
@@ -152,6 +166,23 @@ TEST_F(Pkcs12ImportTest, ReplyWithoutReturnValueIsRefused)
     EXPECT_EQ(nullptr, mHandle);
 }
 
+TEST_F(Pkcs12ImportTest, ValuesOfAnotherTypeCountAsMissing)
+{
+    for (const char* payload :
+         {"{\"returnValue\": \"false\"}", "{\"returnValue\": \"true\"}", "{\"returnValue\": 1}",
+          "{\"returnValue\": [true]}", "{\"returnValue\": {\"a\": 1}}", "{\"returnValue\": null, \"errorCode\": 10}",
+          "{\"returnValue\": 0, \"errorCode\": 10}", "{\"returnValue\": false, \"errorCode\": \"10\"}",
+          "{\"returnValue\": false, \"errorCode\": 10.0}", "{\"returnValue\": false, \"errorCode\": 4294967306}"}) {
+        fakes::bus() = fakes::BusState{};
+        fakes::clearLog();
+        EXPECT_EQ(PLUGIN_FAILURE, import({payload})) << payload;
+        ASSERT_EQ(1u, fakes::logLines(3).size()) << payload;
+        EXPECT_THAT(fakes::logLines(3)[0].text,
+                    testing::StartsWith("ImportPKCS12: Error Installing Certificate into system: { \"returnValue\": "));
+        EXPECT_EQ(nullptr, mHandle);
+    }
+}
+
 TEST_F(Pkcs12ImportTest, ReplyThatIsNotJson)
 {
     EXPECT_EQ(PLUGIN_FAILURE, import({"no json"}));
@@ -176,6 +207,96 @@ TEST_F(Pkcs12ImportTest, SendThatFailsEndsTheImportAtOnce)
     fakes::bus().failing = "QSCall";
     EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
     EXPECT_THAT(fakes::logLines(3), Contains(error("Error getting response for certificate install")));
+}
+
+TEST_F(Pkcs12ImportTest, PasswordThatTheBusCannotCarryIsNamed)
+{
+    fakes::bus().failing = "QSCall";
+    EXPECT_EQ(PLUGIN_FAILURE, call("p\xe4ssword"));
+    const std::vector<fakes::LogLine> errors = fakes::logLines(3);
+    EXPECT_THAT(errors, Contains(error("The import password is not UTF-8, which the service bus may not carry")));
+    EXPECT_EQ(error("Error getting response for certificate install"), errors.back());
+    fakes::bus() = fakes::BusState{};
+    // A bus that carries it gets it as it is.
+    mBundle = mIdentity.pkcs12("p\xe4ssword");
+    EXPECT_EQ(PLUGIN_SUCCESS, import({"{\"returnValue\": true}"}, "p\xe4ssword"));
+    EXPECT_THAT(fakes::bus().calls[0].payload, testing::HasSubstr("\"passphrase\": \"p\xe4ssword\""));
+}
+
+TEST_F(Pkcs12ImportTest, NewerImportEndsTheWaitOfTheOlderAtOnce)
+{
+    PluginResult older = PLUGIN_SUCCESS;
+    std::promise<void> sent;
+    std::promise<void> ended;
+    std::future<void> end = ended.get_future();
+    fakes::bus().onCall = [&](const fakes::BusCall&) { sent.set_value(); };
+    std::thread waiting([&] {
+        ClientCertHandle* handle = nullptr;
+        bool first = false;
+        bool second = true;
+        CertificateInterface other;
+        older = other.ImportPKCS12(static_cast<unsigned>(mBundle.size()), mBundle.data(), "secret", "store", first,
+                                   second, handle);
+        EXPECT_EQ(nullptr, handle);
+        ended.set_value();
+    });
+    const JoinAtEnd joined{waiting};
+    sent.get_future().wait();
+    fakes::bus().onCall = [&](const fakes::BusCall& made) {
+        mEventThread = std::thread([&end, made] {
+            EXPECT_EQ(std::future_status::ready, end.wait_for(std::chrono::seconds(30)));
+            QSMessage message{"{\"returnValue\": true}", 1};
+            made.callback(made.handle, &message, made.userData);
+        });
+    };
+    const JoinAtEnd answered{mEventThread};
+    EXPECT_EQ(PLUGIN_SUCCESS, call("secret"));
+    EXPECT_EQ(PLUGIN_FAILURE, older);
+    EXPECT_EQ(mIdentity.der(), derOf(mHandle));
+}
+
+// Every import that succeeds has its own certificate; the last one to begin succeeds.
+TEST_F(Pkcs12ImportTest, ConcurrentImportsDoNotMix)
+{
+    constexpr int importers = 4;
+    constexpr int rounds = 10;
+    std::mutex mutex;
+    std::vector<std::thread> answers;
+    fakes::bus().onCall = [&](const fakes::BusCall& made) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        answers.emplace_back([made] {
+            QSMessage message{"{\"returnValue\": true}", 1};
+            made.callback(made.handle, &message, made.userData);
+        });
+    };
+    std::vector<Identity> identities;
+    for (int i = 0; i < importers; ++i)
+        identities.push_back(makeIdentity({"client " + std::to_string(i), 20 + i}));
+    std::atomic<int> succeeded{0};
+    std::vector<std::thread> threads;
+    for (const Identity& identity : identities) {
+        threads.emplace_back([&identity, &succeeded, bundle = identity.pkcs12("secret")] {
+            CertificateInterface own;
+            for (int round = 0; round < rounds; ++round) {
+                ClientCertHandle* handle = nullptr;
+                bool first = false;
+                bool second = true;
+                const PluginResult result = own.ImportPKCS12(static_cast<unsigned>(bundle.size()), bundle.data(),
+                                                             "secret", "store", first, second, handle);
+                EXPECT_EQ(result == PLUGIN_SUCCESS, handle != nullptr);
+                if (handle == nullptr) continue;
+                ++succeeded;
+                EXPECT_EQ(identity.der(), derOf(handle));
+                own.DisposeClientCertHandle(handle);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (std::thread& answer : answers)
+        answer.join();
+    EXPECT_GE(succeeded, 1);
+    EXPECT_EQ(static_cast<std::size_t>(importers * rounds), fakes::bus().calls.size());
 }
 
 TEST_F(Pkcs12ImportTest, SilenceEndsTheWaitAndALateReplyTouchesNothing)
@@ -261,6 +382,32 @@ TEST_F(Pkcs12ImportTest, StagedFileIsTheOwnersOnly)
 }
 
 using Pkcs12ImportDeathTest = Pkcs12ImportTest;
+
+TEST_F(Pkcs12ImportDeathTest, ProcessExitsWhileAnImportWaits)
+{
+    EXPECT_EXIT(
+        {
+            alarm(20);
+            std::promise<void> sent;
+            fakes::bus().onCall = [&](const fakes::BusCall&) { sent.set_value(); };
+            std::thread([this] { call("secret"); }).detach();
+            sent.get_future().wait();
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // it shall wait by now
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Pkcs12ImportTest, FailedAllocationOfTheElementIsAFailure)
+{
+    testsupport::failingNew = sizeof(CertElement);
+    EXPECT_EQ(PLUGIN_FAILURE, import({"{\"returnValue\": true}"}));
+    EXPECT_EQ(0u, testsupport::failingNew) << "nothing of that size was allocated";
+    EXPECT_EQ(std::vector<fakes::LogLine>({error("Error Instantiating CertElement")}), fakes::logLines(3));
+    EXPECT_EQ(nullptr, mHandle);
+    EXPECT_FALSE(mSecondFlag);
+    EXPECT_TRUE(mFirstFlag);
+}
 
 TEST_F(Pkcs12ImportDeathTest, ReplyWithoutPayloadStopsTheProcess)
 {

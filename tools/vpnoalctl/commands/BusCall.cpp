@@ -20,11 +20,13 @@ struct Options {
     bool follow = false;
 };
 
+// A service need not say "returnValue"; when it does, only true is success.
 bool reportsFailure(json_object* reply)
 {
     json_object* result = nullptr;
     if (!json_object_is_type(reply, json_type_object)) return false;
-    return json_object_object_get_ex(reply, "returnValue", &result) && !json_object_get_boolean(result);
+    if (!json_object_object_get_ex(reply, "returnValue", &result)) return false;
+    return !json_object_is_type(result, json_type_boolean) || !json_object_get_boolean(result);
 }
 
 int callService(const Options& options, Context& context)

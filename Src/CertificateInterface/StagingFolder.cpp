@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "StagingFolder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace wfoal {
+
+namespace {
+
+constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
+constexpr mode_t othersWrite = S_IWGRP | S_IWOTH;
+
+std::string ownerText(const struct stat& status)
+{
+    return "belongs to user " + std::to_string(status.st_uid);
+}
+
+// Empty when the folder is safe.
+std::string faultOfFolder(int folder)
+{
+    struct stat status {};
+    if (fstat(folder, &status) != 0) return std::strerror(errno);
+    if (S_ISLNK(status.st_mode)) return "is a symbolic link";
+    if (!S_ISDIR(status.st_mode)) return "is no directory";
+    const bool isMine = status.st_uid == geteuid();
+    if (!isMine && status.st_uid != 0) return ownerText(status);
+    if (!isMine || (status.st_mode & othersWrite) == 0) return {};
+    // The descriptor is only a place, which fchmod() does not take.
+    if (fchmodat(folder, ".", status.st_mode & ~(S_IFMT | othersWrite), 0) == 0) return {};
+    return std::string("others may write there, which cannot be changed: ") + std::strerror(errno);
+}
+
+// Empty when the file is safe and empty.
+std::string faultOfFile(int file)
+{
+    struct stat status {};
+    if (fstat(file, &status) != 0) return std::strerror(errno);
+    if (!S_ISREG(status.st_mode)) return "is no regular file";
+    if (status.st_uid != geteuid()) return ownerText(status);
+    if (status.st_nlink > 1) return "has another name too";
+    if (fchmod(file, ownerOnly) != 0 || ftruncate(file, 0) != 0) return std::strerror(errno);
+    return {};
+}
+
+}  // namespace
+
+UniqueFd openStagingFolder(const std::string& path, std::string& reason)
+{
+    UniqueFd folder(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    reason = folder.valid() ? faultOfFolder(folder.get()) : std::strerror(errno);
+    return reason.empty() ? std::move(folder) : UniqueFd();
+}
+
+UniqueFd openStagingFile(const UniqueFd& folder, const std::string& name, std::string& reason)
+{
+    constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    UniqueFd file(openat(folder.get(), name.c_str(), flags, ownerOnly));
+    if (!file.valid()) {
+        reason = errno == ELOOP ? "is a symbolic link" : std::strerror(errno);
+        return UniqueFd();
+    }
+    reason = faultOfFile(file.get());
+    return reason.empty() ? std::move(file) : UniqueFd();
+}
+
+}  // namespace wfoal

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The folder and the file that a bundle is staged in. They lie in /tmp, where anybody may have put something of that
+// name before.
+#ifndef WFOAL_STAGINGFOLDER_H
+#define WFOAL_STAGINGFOLDER_H
+
+#include <string>
+
+#include "handles/UniqueFd.h"
+
+namespace wfoal {
+
+/// Opens a folder that nobody but root or this user can have prepared. Takes away the others' permission to write when
+/// the folder is this user's. Invalid after a refusal or a failure; `reason` tells why.
+UniqueFd openStagingFolder(const std::string& path, std::string& reason);
+
+/// Opens an empty file of this user, readable by nobody else, for writing. What the name stands for is emptied, but
+/// never anybody else's file, nor what a link leads to. Invalid after a refusal or a failure; `reason` tells why.
+UniqueFd openStagingFile(const UniqueFd& folder, const std::string& name, std::string& reason);
+
+}  // namespace wfoal
+
+#endif
