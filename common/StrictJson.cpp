@@ -97,6 +97,12 @@ bool JsonValue::isText() const
     return raw(mValue).IsString();
 }
 
+bool JsonValue::boolean() const
+{
+    if (!raw(mValue).IsBool()) refuse("must be true or false");
+    return raw(mValue).GetBool();
+}
+
 std::string_view JsonValue::text() const
 {
     if (!isText()) refuse("must be a text");

@@ -32,6 +32,7 @@ public:
 
     bool isNull() const;
     bool isText() const;
+    bool boolean() const;
     /// Text without NUL characters.
     std::string_view text() const;
     std::int64_t wholeNumber(std::int64_t smallest, std::int64_t largest) const;

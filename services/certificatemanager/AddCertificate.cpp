@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AddCertificate.h"
 
+#include "JsonError.h"
+#include "StrictJson.h"
 #include "handles/Json.h"
 
 namespace certificatemanager {
@@ -12,32 +14,24 @@ struct Request {
     std::string passphrase;
 };
 
-InstallResult badRequest(const std::string& why)
-{
-    return {InstallError::BadRequest, why};
-}
-
-// False when the key is there with another type than text, or with a NUL inside.
-bool readText(json_object* object, const char* key, std::string& text)
-{
-    json_object* value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value)) return true;
-    if (!json_object_is_type(value, json_type_string)) return false;
-    text.assign(json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value)));
-    return text.find('\0') == std::string::npos;
-}
+const wfoal::JsonField<Request> sRequestFields[] = {
+    {"certificateFilename", true,
+     [](const wfoal::JsonValue& value, Request& request) {
+         request.fileName = value.text();
+         if (request.fileName.empty() || request.fileName.front() != '/') value.refuse("must be an absolute path");
+     }},
+    {"passphrase", false, [](const wfoal::JsonValue& value, Request& request) { request.passphrase = value.text(); }},
+};
 
 InstallResult parse(const char* text, Request& request)
 {
-    const JsonPtr object(text != nullptr ? json_tokener_parse(text) : nullptr);
-    if (!json_object_is_type(object.get(), json_type_object)) return badRequest("the request is not a JSON object");
-    if (!readText(object.get(), "certificateFilename", request.fileName)) {
-        return badRequest("certificateFilename must be a text");
+    try {
+        const wfoal::JsonDocument document(text);
+        document.root().readObject(sRequestFields, request);
+        return {};
+    } catch (const wfoal::JsonError& error) {
+        return {InstallError::BadRequest, error.what()};
     }
-    if (!readText(object.get(), "passphrase", request.passphrase)) return badRequest("passphrase must be a text");
-    if (request.fileName.empty()) return badRequest("certificateFilename is missing");
-    if (request.fileName.front() != '/') return badRequest("certificateFilename must be an absolute path");
-    return {};
 }
 
 }  // namespace

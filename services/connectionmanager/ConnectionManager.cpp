@@ -5,9 +5,10 @@
 #include <cstring>
 #include <optional>
 
+#include "JsonError.h"
 #include "ServiceLog.h"
 #include "SnapshotReader.h"
-#include "handles/Json.h"
+#include "StrictJson.h"
 
 namespace conman {
 
@@ -19,12 +20,22 @@ constexpr char statusKey[] = "status";
 // Methods of the bus take no data of their own.
 ConnectionManager* sInstance = nullptr;
 
-bool wantsSubscription(const char* payload)
+struct StatusRequest {
+    bool subscribes = false;
+};
+
+const wfoal::JsonField<StatusRequest> sRequestFields[] = {
+    {"subscribe", false,
+     [](const wfoal::JsonValue& value, StatusRequest& request) { request.subscribes = value.boolean(); }},
+};
+
+// Throws a JsonError.
+StatusRequest parseRequest(const char* payload)
 {
-    const JsonPtr request(json_tokener_parse(payload));
-    json_object* subscribe = nullptr;
-    json_object_object_get_ex(request.get(), "subscribe", &subscribe);
-    return json_object_is_type(subscribe, json_type_boolean) && json_object_get_boolean(subscribe);
+    StatusRequest request;
+    const wfoal::JsonDocument document(payload);
+    document.root().readObject(sRequestFields, request);
+    return request;
 }
 
 }  // namespace
@@ -73,12 +84,17 @@ bool ConnectionManager::startBus(GMainLoop* loop)
 
 bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
 {
-    sInstance->lookIfUnsettled();
     QSError error;
     QSErrorInit(&error);
-    bool done =
-        !wantsSubscription(QSMessageGetPayload(message)) || QSSubscriptionAdd(handle, statusKey, message, &error);
-    done = done && QSMessageReply(handle, message, sInstance->mPayload.c_str(), &error);
+    bool done = false;
+    try {
+        const StatusRequest request = parseRequest(QSMessageGetPayload(message));
+        sInstance->lookIfUnsettled();
+        done = !request.subscribes || QSSubscriptionAdd(handle, statusKey, message, &error);
+        done = done && QSMessageReply(handle, message, sInstance->mPayload.c_str(), &error);
+    } catch (const wfoal::JsonError& refusal) {
+        done = QSMessageReply(handle, message, refusalToJson(refusal.what()).c_str(), &error);
+    }
     if (!done) SERVICE_ERROR("getStatus: %s", error.message);
     QSErrorFree(&error);
     return done;

@@ -88,4 +88,14 @@ std::string toJson(const Status& status)
     return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
 }
 
+std::string refusalToJson(const std::string& reason)
+{
+    constexpr int badRequest = 1;
+    const JsonPtr payload(json_object_new_object());
+    json_object_object_add(payload.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(payload.get(), "errorCode", json_object_new_int(badRequest));
+    json_object_object_add(payload.get(), "errorText", json_object_new_string(reason.c_str()));
+    return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
+}
+
 }  // namespace conman

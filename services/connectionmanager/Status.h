@@ -39,6 +39,9 @@ Status judge(const Snapshot& snapshot, Connectivity connectivity);
 /// The payload of replies and pushes.
 std::string toJson(const Status& status);
 
+/// The reply to a request that cannot be read.
+std::string refusalToJson(const std::string& reason);
+
 }  // namespace conman
 
 #endif

@@ -101,8 +101,8 @@ TEST_F(CertificateImportTest, ServiceThatDiesInBetweenEndsTheImport)
 TEST_F(CertificateImportTest, AnyBusClientCanCallIt)
 {
     startService();
-    EXPECT_THAT(call("{}").output, HasSubstr("certificateFilename is missing"));
-    EXPECT_THAT(call("no json").output, HasSubstr("not a JSON object"));
+    EXPECT_THAT(call("{}").output, HasSubstr("certificateFilename: missing"));
+    EXPECT_THAT(call("no json").output, HasSubstr("the request is not JSON"));
     EXPECT_THAT(call("{\"certificateFilename\":\"/tmp/client.pfx\",\"passphrase\":\"secret\"}").output,
                 HasSubstr("\\\"returnValue\\\": true"));
 }

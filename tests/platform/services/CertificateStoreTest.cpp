@@ -200,15 +200,32 @@ TEST_F(AddCertificateTest, RequestIsAnsweredInJson)
 
 TEST_F(AddCertificateTest, BadRequestsNameWhatIsWrong)
 {
-    for (const char* request : {"", "no json", "[]", "7", "null"}) {
-        EXPECT_THAT(answer(request), HasSubstr("not a JSON object")) << request;
+    const auto errorOf = [this](const char* request) {
+        const std::string text = answer(request);
+        const std::string before = "{ \"returnValue\": false, \"errorCode\": 1, \"errorText\": \"";
+        EXPECT_EQ(before, text.substr(0, before.size())) << text;
+        return text.substr(before.size());
+    };
+    EXPECT_THAT(errorOf(nullptr), HasSubstr("the request is a null pointer"));
+    for (const char* request :
+         {"", "no json", "{} {}", "{\"certificateFilename\":\"/x\",}", "{'certificateFilename':'/x'}",
+          "{\"certificateFilename\":\"/x\"", "{\"certificateFilename\":\"/x\"}x", "{/* */}",
+          "{\"certificateFilename\":\"/\xe4\"}"}) {
+        EXPECT_THAT(errorOf(request), HasSubstr("the request is not JSON: ")) << request;
     }
-    EXPECT_THAT(answer(nullptr), HasSubstr("not a JSON object"));
-    EXPECT_THAT(answer("{}"), HasSubstr("certificateFilename is missing"));
-    EXPECT_THAT(answer("{\"certificateFilename\":7}"), HasSubstr("certificateFilename must be a text"));
-    EXPECT_THAT(answer("{\"certificateFilename\":\"x.pfx\"}"), HasSubstr("absolute path"));
-    EXPECT_THAT(answer("{\"certificateFilename\":\"/x\\u0000.pfx\"}"), HasSubstr("certificateFilename must be a text"));
-    EXPECT_THAT(answer("{\"certificateFilename\":\"/x\",\"passphrase\":[]}"), HasSubstr("passphrase must be a text"));
+    for (const char* request : {"[]", "7", "null"}) {
+        EXPECT_THAT(errorOf(request), HasSubstr("the request: must be an object")) << request;
+    }
+    EXPECT_THAT(errorOf("{}"), HasSubstr("certificateFilename: missing"));
+    EXPECT_THAT(errorOf("{\"certificateFilename\":7}"), HasSubstr("certificateFilename: must be a text"));
+    for (const char* path : {"", "x.pfx"}) {
+        const std::string request = std::string("{\"certificateFilename\":\"") + path + "\"}";
+        EXPECT_THAT(errorOf(request.c_str()), HasSubstr("certificateFilename: must be an absolute path"));
+    }
+    EXPECT_THAT(errorOf("{\"certificateFilename\":\"/x\\u0000.pfx\"}"), HasSubstr("must not hold a NUL character"));
+    EXPECT_THAT(errorOf("{\"certificateFilename\":\"/x\",\"certificateFilename\":\"/y\"}"), HasSubstr("given twice"));
+    EXPECT_THAT(errorOf("{\"certificateFilename\":\"/x\",\"passphrase\":[]}"), HasSubstr("passphrase: must be a text"));
+    EXPECT_THAT(errorOf("{\"certificateFilename\":\"/x\",\"passPhrase\":\"y\"}"), HasSubstr("passPhrase: unknown key"));
 }
 
 }  // namespace

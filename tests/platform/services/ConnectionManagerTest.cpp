@@ -99,6 +99,24 @@ TEST_F(ConnectionManagerTest, FirstReplySaysHowItIs)
               mStatuses.wait(1).at(0));
 }
 
+TEST_F(ConnectionManagerTest, RequestsAreReadStrictly)
+{
+    const auto ask = [](const std::string& payload) {
+        return testsupport::runCommand(
+                   {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "getStatus", "s", payload})
+            .output;
+    };
+    for (const char* payload : {"", "{} {}", "{'subscribe':true}", "{\"subscribe\":true", "{\"subscribe\":true,}",
+                                "{\"subscribe\":tRUE}", "{/* */}", "NaN"}) {
+        EXPECT_THAT(ask(payload), HasSubstr("the request is not JSON: ")) << payload;
+    }
+    EXPECT_THAT(ask("[]"), HasSubstr("the request: must be an object"));
+    EXPECT_THAT(ask("{\"subscribe\":\"true\"}"), HasSubstr("subscribe: must be true or false"));
+    EXPECT_THAT(ask("{\"subscribe\":true,\"subscribe\":true}"), HasSubstr("subscribe: given twice"));
+    EXPECT_THAT(ask("{\"subscribed\":true}"), HasSubstr("subscribed: unknown key"));
+    EXPECT_THAT(ask("{}"), HasSubstr("\\\"returnValue\\\":true"));
+}
+
 TEST_F(ConnectionManagerTest, ReplyIsNotStaleRightAfterAChange)
 {
     wifiUp();
