@@ -108,7 +108,7 @@ UniqueFd openStaged(const char* fileName)
     }
     const UniqueFd folder = wfoal::openStagingFolder(folderName, reason);
     if (!folder.valid()) {
-        WFOAL_ERROR("%s: %s is refused: it %s", saveFunction, stagingDirectory, reason.c_str());
+        WFOAL_ERROR("%s: %s is refused: %s", saveFunction, stagingDirectory, reason.c_str());
         WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
         return UniqueFd();
     }

@@ -105,7 +105,7 @@ protected:
     }
     static void expectFolderRefused(const std::string& reason)
     {
-        expectRefused({{3, "saveCertFile: /tmp/vpncerts/ is refused: it " + reason},
+        expectRefused({{3, "saveCertFile: /tmp/vpncerts/ is refused: " + reason},
                        {3, "saveCertFile: Error Making the directory path"}});
     }
     static void expectFileRefused(const std::string& reason)
