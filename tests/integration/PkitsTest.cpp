@@ -16,6 +16,7 @@
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
 #include "CertificateStore.h"
+#include "FakeVkLog.h"
 
 namespace {
 
@@ -127,6 +128,9 @@ TEST_F(PkitsTest, NeverAcceptsWithoutAskingWhatPlainVerificationRefuses)
     }
     for (const auto& [what, count] : counts)
         std::cout << what << ": " << count << "\n";
+    for (const fakes::LogLine& line : fakes::logLines(3)) {
+        EXPECT_EQ(std::string::npos, line.text.find("not reliable")) << "the two verifications differ";
+    }
     EXPECT_GT(counts["plain accepted"], 50);
     EXPECT_GT(counts["plain refused"], 20);
 }
