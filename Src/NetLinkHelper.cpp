@@ -13,7 +13,7 @@
 #include "DottedAddress.h"
 #include "LeakCheck.h"
 #include "Log.h"
-#include "RouteParser.h"
+#include "Decisions/RouteParser.h"
 
 // The priority builds the reader before the load hook runs and lets it go before the unload hook does.
 __attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "RouteInfo.h"
+#include "Decisions/RouteInfo.h"
 #include "handles/UniqueFd.h"
 
 struct nlmsghdr;

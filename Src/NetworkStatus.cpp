@@ -4,11 +4,11 @@
 #include <string>
 
 #include "Log.h"
-#include "NetworkDecision.h"
+#include "Decisions/NetworkDecision.h"
 #include "ObjectRegistry.h"
 #include "QuorClient.h"
 #include "SocketInterface.h"
-#include "StatusPayload.h"
+#include "Decisions/StatusPayload.h"
 #include "SystemInterface.h"
 #include "handles/Json.h"
 

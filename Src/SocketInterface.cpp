@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "InterfaceChoice.h"
+#include "Decisions/InterfaceChoice.h"
 #include "InterfaceCommon.h"
 #include "InterfaceIndex.h"
 #include "Log.h"

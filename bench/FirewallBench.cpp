@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "Comparison.h"
-#include "FirewallRequest.h"
+#include "firewall/FirewallRequest.h"
 #include "NftText.h"
-#include "ToolRun.h"
+#include "dns/ToolRun.h"
 #include "VkNetConfigLib.h"
 
 namespace {

@@ -2,7 +2,7 @@
 # What an installation holds: the plug-in, the agent API, and how an agent's build finds both.
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY include/kest DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development)
+install(DIRECTORY include/agent/kest DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development)
 install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/wfoal-platform COMPONENT Development)
 
 set(WFOAL_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VpnWfOal)

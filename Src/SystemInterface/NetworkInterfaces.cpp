@@ -11,7 +11,7 @@
 
 #include "DottedAddress.h"
 #include "InterfaceIndex.h"
-#include "InterfaceNames.h"
+#include "Decisions/InterfaceNames.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
 #include "SystemInterface.h"

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "JsonError.h"
-#include "StrictJson.h"
+#include "json/JsonError.h"
+#include "json/StrictJson.h"
 
 namespace vknetconfig {
 

@@ -13,11 +13,11 @@
 #include <mutex>
 #include <string>
 
-#include "FirewallControl.h"
-#include "InterfaceControl.h"
-#include "InterfaceName.h"
-#include "InterfaceRequest.h"
-#include "Journal.h"
+#include "firewall/FirewallControl.h"
+#include "interface/InterfaceControl.h"
+#include "interface/InterfaceName.h"
+#include "interface/InterfaceRequest.h"
+#include "undolog/Journal.h"
 #include "Log.h"
 #include "RequestError.h"
 #include "SignalsBlocked.h"

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AddCertificate.h"
 
-#include "JsonError.h"
-#include "StrictJson.h"
+#include "json/JsonError.h"
+#include "json/StrictJson.h"
 #include "handles/Json.h"
 
 namespace certificatemanager {

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <optional>
 
-#include "JsonError.h"
+#include "json/JsonError.h"
 #include "ServiceLog.h"
 #include "SnapshotReader.h"
-#include "StrictJson.h"
+#include "json/StrictJson.h"
 
 namespace conman {
 

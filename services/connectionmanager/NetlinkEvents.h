@@ -10,7 +10,7 @@
 #include <functional>
 #include <memory>
 
-#include "NetlinkDatagram.h"
+#include "netlink/NetlinkDatagram.h"
 #include "handles/Glib.h"
 #include "handles/Mnl.h"
 

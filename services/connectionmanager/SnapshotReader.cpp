@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "NetlinkAnswer.h"
+#include "netlink/NetlinkAnswer.h"
 #include "SnapshotParser.h"
 #include "handles/UniqueFd.h"
 

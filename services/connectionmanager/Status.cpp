@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "InterfaceNames.h"
+#include "Decisions/InterfaceNames.h"
 #include "handles/Json.h"
 
 namespace conman {

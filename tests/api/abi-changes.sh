@@ -9,7 +9,7 @@ failed=0
 
 # changed NAME agent|platform HEADER EXPECTED SED_SCRIPT: EXPECTED is a line of the difference.
 changed() {
-    local name=$1 api=$2 header=$3 expected=$4 script=$5 folder=include/kest status=0
+    local name=$1 api=$2 header=$3 expected=$4 script=$5 folder=include/agent/kest status=0
     [ "$api" = agent ] || folder=platform/include
     rm -rf "$work/headers"
     cp -r "$root/$folder" "$work/headers"

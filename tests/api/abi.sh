@@ -9,7 +9,7 @@ here=$(dirname "$(realpath "$0")") api=$1
 root=$(realpath "$here/../..")
 case $api in
     agent)
-        headers=include/kest
+        headers=include/agent/kest
         mapfile -t functions < <(awk '$2 == "FUNC" { print $1 }' "$here/names/VpnWfOal.txt")
         language=c++
         ;;

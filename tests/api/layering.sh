@@ -6,23 +6,25 @@ set -euo pipefail
 export LC_ALL=C
 cd "$1"
 
-# Which part may include which: folder, then what it may reach beside itself, folders and single files. The most exact
-# folder counts. The files of Src that are plain values, without a system call or a log line, are for all.
-plain='Src/InterfaceNames.h Src/InterfaceChoice.h Src/RouteParser.h Src/RouteInfo.h Src/NetworkDecision.h Src/StatusPayload.h'
+# Which part may include which: folder, then the folders that it may reach beside itself. The most exact folder counts.
 rules="
-include/kest        -
-include/handles     -
-include             include/kest include/handles
-platform/include    -
-Src                 include platform/include
-common              include/handles
-platform/common     include/handles platform/include common
-platform/log        include/handles platform/include
-platform/bus        include/handles platform/include platform/common common
-platform/power      include/handles platform/include platform/common common
-platform/netconfig  include/handles platform/include platform/common common
-services            include/handles platform/include platform/common common $plain
-tools               include/kest include/handles platform/include common $plain
+base/handles         -
+base/text            -
+base/json            base/text
+base/netlink         base/handles
+base/undolog         base/handles
+include/agent        -
+include/plugin       include/agent base/handles
+platform/include     -
+Src/Decisions        base/handles
+Src                  Src/Decisions include base/handles platform/include
+platform/systembus   base/handles platform/include
+platform/log         base/handles platform/include
+platform/bus         base/handles platform/include platform/systembus
+platform/power       base/handles platform/include platform/systembus
+platform/netconfig   base platform/include platform/systembus
+services             base platform/include platform/systembus Src/Decisions
+tools                base include/agent platform/include Src/Decisions
 "
 # The plug-in's own layers, from the top: a file includes its own layer and those below it.
 layers='
@@ -30,18 +32,17 @@ PluginEntry
 EventThread
 NetworkStatus
 SystemInterface SocketInterface StorageInterface CertificateInterface ObjectRegistry QuorClient
-NetLinkHelper InterfaceNames InterfaceIndex InterfaceChoice NetworkDecision StatusPayload
-RouteParser
-RouteInfo Log Assertion InterfaceCommon DottedAddress
+NetLinkHelper InterfaceIndex
+Log Assertion InterfaceCommon DottedAddress
 '
 
 # FILE INCLUDED, one a line, for every include that is a file of this tree.
 edges=$(
-    for file in $(find include Src common platform services tools -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort); do
+    for file in $(find base include Src platform services tools -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort); do
         { sed -n 's/^ *# *include *"\([^"]*\)".*/\1/p' "$file" || true; } | while read -r name; do
             folder=$(dirname "$file")
             top=$(cut -d/ -f1-2 <<< "$file/")
-            for base in "$folder" Src include platform/include "$top" common platform/common; do
+            for base in "$folder" "$top" base Src include/agent include/plugin platform/include platform/systembus; do
                 if [ -f "$base/$name" ]; then
                     echo "$file $(realpath --relative-to=. "$base/$name")"
                     break
@@ -100,7 +101,7 @@ judge() {
 judge <<< "$edges" || failed=1
 
 # The judge itself must see each kind of fault.
-for fault in "Src/Log.h platform/bus/Bus.h" "Src/NetLinkHelper.cpp Src/EventThread.h" "include/kest/Plugin.h Src/Log.h" \
+for fault in "Src/Log.h platform/bus/Bus.h" "Src/NetLinkHelper.cpp Src/EventThread.h" "include/agent/kest/Plugin.h Src/Log.h" \
              "tools/vpnoalctl/main.cpp Src/Log.h" "platform/log/VkLogLib.cpp platform/bus/Bus.h"; do
     if judge <<< "$fault" > /dev/null; then echo "not seen as a fault: $fault"; failed=1; fi
 done

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "FirewallMessages.h"
-#include "FirewallRequest.h"
+#include "firewall/FirewallMessages.h"
+#include "firewall/FirewallRequest.h"
 #include "RequestError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Requests for an interface, of any shape. Whatever is accepted has only names and numbers that the rest relies on.
-#include "InterfaceRequest.h"
+#include "interface/InterfaceRequest.h"
 
 #include <cstdlib>
 #include <string>
 
-#include "InterfaceName.h"
-#include "LinkDns.h"
+#include "interface/InterfaceName.h"
+#include "dns/LinkDns.h"
 #include "RequestError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A datagram of netlink, as far as the connection manager reads it.
-#include "NetlinkDatagram.h"
+#include "netlink/NetlinkDatagram.h"
 
 #include "SnapshotParser.h"
 

@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "FakeVkLog.h"
-#include "InterfaceChoice.h"
+#include "Decisions/InterfaceChoice.h"
 #include "NetLinkHelper.h"
 
 namespace {

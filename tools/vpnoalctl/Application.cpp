@@ -8,7 +8,7 @@
 
 #include "CommandError.h"
 #include "Output.h"
-#include "Suggest.h"
+#include "text/Suggest.h"
 
 namespace vpnoalctl {
 

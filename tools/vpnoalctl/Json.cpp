@@ -6,7 +6,7 @@
 #include <new>
 #include <string_view>
 
-#include "Utf8.h"
+#include "text/Utf8.h"
 
 namespace vpnoalctl {
 

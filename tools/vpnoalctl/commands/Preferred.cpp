@@ -6,7 +6,7 @@
 
 #include "CommandError.h"
 #include "Context.h"
-#include "InterfaceChoice.h"
+#include "Decisions/InterfaceChoice.h"
 #include "Json.h"
 #include "commands/Commands.h"
 #include "connect/OuterSocket.h"

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "CommandError.h"
-#include "InterfaceChoice.h"
-#include "InterfaceNames.h"
+#include "Decisions/InterfaceChoice.h"
+#include "Decisions/InterfaceNames.h"
 #include "doctor/Checks.h"
 #include "handles/UniqueFd.h"
 #include "kernel/KernelRoutes.h"

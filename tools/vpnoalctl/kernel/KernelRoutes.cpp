@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "CommandError.h"
-#include "RouteParser.h"
+#include "Decisions/RouteParser.h"
 #include "handles/UniqueFd.h"
 #include "profile/Ipv4.h"
 

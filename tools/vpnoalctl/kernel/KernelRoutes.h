@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "InterfaceChoice.h"
-#include "RouteInfo.h"
+#include "Decisions/InterfaceChoice.h"
+#include "Decisions/RouteInfo.h"
 
 namespace vpnoalctl {
 

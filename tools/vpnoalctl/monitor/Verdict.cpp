@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "monitor/Verdict.h"
 
-#include "InterfaceNames.h"
-#include "NetworkDecision.h"
-#include "StatusPayload.h"
+#include "Decisions/InterfaceNames.h"
+#include "Decisions/NetworkDecision.h"
+#include "Decisions/StatusPayload.h"
 #include "handles/Json.h"
 
 namespace vpnoalctl {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "StrictJson.h"
+#include "json/StrictJson.h"
 #include "profile/Ipv4.h"
 
 namespace vpnoalctl {

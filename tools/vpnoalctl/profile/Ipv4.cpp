@@ -5,7 +5,7 @@
 
 #include <charconv>
 
-#include "JsonError.h"
+#include "json/JsonError.h"
 
 namespace vpnoalctl {
 

@@ -9,8 +9,8 @@
 #include <tuple>
 
 #include "CommandError.h"
-#include "JsonError.h"
-#include "StrictJson.h"
+#include "json/JsonError.h"
+#include "json/StrictJson.h"
 #include "profile/Names.h"
 #include "profile/Values.h"
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "StrictJson.h"
+#include "json/StrictJson.h"
 #include "profile/Ipv4.h"
 
 namespace vpnoalctl {

@@ -14,7 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "NetlinkAnswer.h"
+#include "netlink/NetlinkAnswer.h"
 #include "handles/UniqueFd.h"
 #endif
 

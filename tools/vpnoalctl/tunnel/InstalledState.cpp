@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "CommandError.h"
-#include "JournalFiles.h"
+#include "undolog/UndoLogFiles.h"
 #include "handles/UniqueFd.h"
 #include "tunnel/FilterState.h"
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "CommandError.h"
-#include "JournalFiles.h"
+#include "undolog/UndoLogFiles.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/TunDevice.h"
 

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Decisions/RouteParser.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+namespace wfoal {
+
+namespace {
+
+constexpr std::size_t headerLength = NLMSG_HDRLEN;
+constexpr std::size_t attributesOffset = NLMSG_LENGTH(sizeof(rtmsg));
+
+std::size_t aligned(std::size_t length)
+{
+    static_assert(NLMSG_ALIGNTO == RTA_ALIGNTO, "messages and attributes are aligned alike");
+    return (length + NLMSG_ALIGNTO - 1) & ~std::size_t{NLMSG_ALIGNTO - 1};
+}
+
+// Where the value of each attribute goes, by its type. The kernel's own table of types is longer; the rest is not
+// wanted.
+constexpr std::size_t unwanted = sizeof(RouteInfo);
+constexpr std::size_t fieldOffsets[] = {
+    unwanted,                       // RTA_UNSPEC
+    offsetof(RouteInfo, dst),       // RTA_DST
+    offsetof(RouteInfo, src),       // RTA_SRC
+    offsetof(RouteInfo, iifIndex),  // RTA_IIF
+    offsetof(RouteInfo, oifIndex),  // RTA_OIF
+    offsetof(RouteInfo, gateway),   // RTA_GATEWAY
+    offsetof(RouteInfo, priority),  // RTA_PRIORITY
+    offsetof(RouteInfo, prefSrc),   // RTA_PREFSRC
+    offsetof(RouteInfo, metric),    // RTA_METRICS
+};
+static_assert(RTA_METRICS + 1 == std::size(fieldOffsets), "the table is indexed by attribute type");
+
+}  // namespace
+
+MessageWalk::MessageWalk(const void* bytes, std::size_t length)
+    : mNext(static_cast<const unsigned char*>(bytes)), mRemaining(length)
+{
+    readHeader();
+}
+
+void MessageWalk::next()
+{
+    const std::size_t step = std::min(aligned(mHeader.nlmsg_len), mRemaining);
+    mNext += step;
+    mRemaining -= step;
+    readHeader();
+}
+
+void MessageWalk::readHeader()
+{
+    mValid = false;
+    if (mRemaining < headerLength) return;
+    std::memcpy(&mHeader, mNext, headerLength);
+    mValid = mHeader.nlmsg_len >= headerLength && mHeader.nlmsg_len <= mRemaining;
+}
+
+void parseRouteMessage(const void* message, std::size_t length, RouteInfo& route)
+{
+    const auto* bytes = static_cast<const unsigned char*>(message);
+    rtmsg header{};
+    if (length > headerLength) {
+        std::memcpy(&header, bytes + headerLength, std::min(length - headerLength, sizeof header));
+    }
+    route.table = header.rtm_table;
+    route.mask = netmaskOf(header.rtm_dst_len);
+
+    std::size_t offset = attributesOffset;
+    while (offset + sizeof(rtattr) <= length) {
+        rtattr attribute;
+        std::memcpy(&attribute, bytes + offset, sizeof attribute);
+        if (attribute.rta_len < sizeof attribute || attribute.rta_len > length - offset) return;
+        const std::size_t field =
+            attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
+        if (field != unwanted) {
+            // The value is the four bytes after the attribute's header, whatever length it claims: bytes of the next
+            // attribute when it is shorter.
+            std::uint32_t value = 0;
+            const std::size_t valueOffset = offset + sizeof attribute;
+            if (valueOffset + sizeof value <= length) std::memcpy(&value, bytes + valueOffset, sizeof value);
+            std::memcpy(reinterpret_cast<unsigned char*>(&route) + field, &value, sizeof value);
+        }
+        offset += aligned(attribute.rta_len);
+    }
+}
+
+in_addr netmaskOf(unsigned prefixLength)
+{
+    if (prefixLength == 0) return {0};
+    return {htonl(~std::uint32_t{0} << (32 - std::min(prefixLength, 32u)))};
+}
+
+}  // namespace wfoal

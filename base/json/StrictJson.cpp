@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "json/StrictJson.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "json/JsonError.h"
+#include "text/Suggest.h"
+#include "text/Utf8.h"
+
+// What rapidjson would abort on becomes an exception, which the C boundary reports.
+#define RAPIDJSON_ASSERT(condition) \
+    ((condition) ? static_cast<void>(0) : throw wfoal::JsonError("", "inconsistent JSON value"))
+#define RAPIDJSON_ASSERT_THROWS
+#define RAPIDJSON_NOEXCEPT_ASSERT(condition) static_cast<void>(0)
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+
+namespace wfoal {
+
+namespace {
+
+// rapidjson does not look at what malloc returns.
+struct ThrowingAllocator {
+    [[maybe_unused]] static constexpr bool kNeedFree = true;
+    void* Malloc(std::size_t size) { return size == 0 ? nullptr : checked(std::malloc(size)); }
+    void* Realloc(void* block, std::size_t, std::size_t size)
+    {
+        if (size != 0) return checked(std::realloc(block, size));
+        std::free(block);
+        return nullptr;
+    }
+    static void Free(void* block) { std::free(block); }
+
+private:
+    static void* checked(void* block) { return block != nullptr ? block : throw std::bad_alloc(); }
+};
+
+using Pool = rapidjson::MemoryPoolAllocator<ThrowingAllocator>;
+using Value = rapidjson::GenericValue<rapidjson::UTF8<>, Pool>;
+using Document = rapidjson::GenericDocument<rapidjson::UTF8<>, Pool, ThrowingAllocator>;
+
+const Value& raw(const void* value)
+{
+    return *static_cast<const Value*>(value);
+}
+
+std::string_view view(const Value& text)
+{
+    return {text.GetString(), text.GetStringLength()};
+}
+
+// A key that comes from the request is shown as it is when it looks like a key.
+std::string shownKey(std::string_view key)
+{
+    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    const bool isPlain = !key.empty() && key.size() <= 40 && key.find_first_not_of(plain) == std::string_view::npos;
+    return isPlain ? std::string(key) : excerpt(key);
+}
+
+}  // namespace
+
+std::string JsonValue::path() const
+{
+    if (mParent == nullptr) return {};
+    const std::string before = mParent->path();
+    if (mKey.data() == nullptr) return before + "[" + std::to_string(mIndex) + "]";
+    return before.empty() ? shownKey(mKey) : before + "." + shownKey(mKey);
+}
+
+void JsonValue::refuse(const std::string& reason) const
+{
+    throw JsonError(path(), mParent == nullptr ? std::string(mKey) + ": " + reason : reason);
+}
+
+void JsonValue::refuseMissing(const char* key) const
+{
+    const std::string before = path();
+    throw JsonError(before.empty() ? key : before + "." + key, "missing");
+}
+
+void JsonValue::refuseUnknown(const std::vector<std::string>& known) const
+{
+    const std::string meant = nearest(mKey, known);
+    refuse(meant.empty() ? "unknown key" : "unknown key; perhaps \"" + meant + "\" is meant");
+}
+
+bool JsonValue::isNull() const
+{
+    return raw(mValue).IsNull();
+}
+
+bool JsonValue::isText() const
+{
+    return raw(mValue).IsString();
+}
+
+bool JsonValue::boolean() const
+{
+    if (!raw(mValue).IsBool()) refuse("must be true or false");
+    return raw(mValue).GetBool();
+}
+
+std::string_view JsonValue::text() const
+{
+    if (!isText()) refuse("must be a text");
+    const std::string_view text = view(raw(mValue));
+    if (std::memchr(text.data(), 0, text.size()) != nullptr) refuse("must not hold a NUL character");
+    return text;
+}
+
+std::int64_t JsonValue::wholeNumber(std::int64_t smallest, std::int64_t largest) const
+{
+    const Value& value = raw(mValue);
+    if (!value.IsInt64() || value.GetInt64() < smallest || value.GetInt64() > largest) {
+        refuse("must be a whole number from " + std::to_string(smallest) + " to " + std::to_string(largest));
+    }
+    return value.GetInt64();
+}
+
+std::size_t JsonValue::arraySize() const
+{
+    if (!raw(mValue).IsArray()) refuse("must be an array");
+    return raw(mValue).Size();
+}
+
+JsonValue JsonValue::element(std::size_t index) const
+{
+    return {&raw(mValue)[static_cast<rapidjson::SizeType>(index)], this, {}, index};
+}
+
+std::size_t JsonValue::objectSize() const
+{
+    if (!raw(mValue).IsObject()) refuse("must be an object");
+    return raw(mValue).MemberCount();
+}
+
+JsonValue JsonValue::member(std::size_t position) const
+{
+    const auto member = raw(mValue).MemberBegin() + static_cast<std::ptrdiff_t>(position);
+    return {&member->value, this, view(member->name), 0};
+}
+
+struct JsonDocument::Parsed {
+    std::string text;  // parsed in place: the values point into it
+    const char* name;
+    Document document;
+};
+
+JsonDocument::JsonDocument(const char* text, const char* name) : mParsed(std::make_unique<Parsed>())
+{
+    if (text == nullptr) throw JsonError("", std::string(name) + " is a null pointer");
+    mParsed->text = text;
+    mParsed->name = name;
+    // Checked beforehand: rapidjson's own check reads over the end of a text that ends within a character.
+    if (const std::size_t fault = utf8FaultIn(mParsed->text); fault != std::string_view::npos) {
+        throw JsonError("", std::string(name) + " is not JSON: no UTF-8, at " + positionIn(text, fault));
+    }
+    // Iterative, so that deep nesting costs no stack.
+    mParsed->document.ParseInsitu<rapidjson::kParseIterativeFlag>(mParsed->text.data());
+    if (!mParsed->document.HasParseError()) return;
+    std::string reason = rapidjson::GetParseError_En(mParsed->document.GetParseError());
+    if (!reason.empty() && reason.back() == '.') reason.pop_back();
+    throw JsonError("", std::string(name) + " is not JSON: " + reason + ", at " +
+                            positionIn(text, mParsed->document.GetErrorOffset()));
+}
+
+JsonDocument::~JsonDocument() = default;
+
+JsonValue JsonDocument::root() const
+{
+    return {static_cast<const Value*>(&mParsed->document), nullptr, mParsed->name, 0};
+}
+
+}  // namespace wfoal

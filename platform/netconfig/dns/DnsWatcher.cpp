@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dns/DnsWatcher.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "Log.h"
+#include "RequestError.h"
+#include "dns/ResolvedManager.h"
+#include "dns/ResolvedResolver.h"
+#include "SignalMatch.h"
+#include "SignalsBlocked.h"
+
+namespace vknetconfig {
+
+namespace {
+
+using Clock = RateLimit::Clock;
+
+constexpr auto never = Clock::time_point::max();
+constexpr int reconnectPause = 5000;  // milliseconds
+constexpr auto retryPause = std::chrono::milliseconds(250);
+
+}  // namespace
+
+DnsWatcher::~DnsWatcher()
+{
+    stop();
+}
+
+void DnsWatcher::watch(const Link& link, const LinkDns& dns, IsWanted isWanted)
+{
+    {
+        const std::lock_guard<std::mutex> lock(mLock);
+        mWatched[link.index] = {link.name, dns, std::move(isWanted)};
+        mPending.erase(link.index);
+    }
+    if (!mThread.joinable()) start();
+}
+
+void DnsWatcher::undoLater(const LinkChange& change) noexcept
+{
+    try {
+        {
+            const std::lock_guard<std::mutex> lock(mLock);
+            mPending[change.link.index] = change;
+        }
+        if (!mThread.joinable()) start();
+    } catch (const std::exception& error) {
+        VKNETCONFIG_DEBUG("not waiting for systemd-resolved: %s", error.what());
+    }
+}
+
+void DnsWatcher::forget(const Link& link)
+{
+    bool isLast = false;
+    {
+        const std::lock_guard<std::mutex> lock(mLock);
+        mWatched.erase(link.index);
+        mPending.erase(link.index);
+        isLast = mWatched.empty() && mPending.empty();
+    }
+    if (isLast) stop();
+}
+
+namespace {
+
+std::string currentOwner()
+{
+    try {
+        return ResolvedManager().owner();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+}  // namespace
+
+void DnsWatcher::start()
+{
+    mStop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mStop.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
+    mOwner = currentOwner();
+    const SignalsBlocked forTheThread;  // signals are for the agent's own threads
+    mThread = std::thread(&DnsWatcher::run, this);
+}
+
+void DnsWatcher::stop()
+{
+    if (!mThread.joinable()) return;
+    eventfd_write(mStop.get(), 1);
+    mThread.join();
+    mStop.reset();
+}
+
+void DnsWatcher::run()
+{
+    pollfd stop{mStop.get(), POLLIN, 0};
+    do {
+        try {
+            listen();
+        } catch (const std::exception& error) {
+            VKNETCONFIG_DEBUG("not watching systemd-resolved for now: %s", error.what());
+        }
+    } while (poll(&stop, 1, reconnectPause) == 0);
+}
+
+void DnsWatcher::listen()
+{
+    ResolvedManager manager(openSystemBus(mStop.get()));
+    const std::string argument = std::string("arg0='") + resolvedName + "'";
+    const hostbus::SignalMatch match(
+        manager.bus(), hostbus::nameOwnerChanged(argument), [this](sd_bus_message* signal) {
+            const char* unused = nullptr;
+            const char* owner = nullptr;
+            const bool isRead = sd_bus_message_read(signal, "sss", &unused, &unused, &owner) > 0;
+            if (isRead && *owner != '\0') mDue = Clock::now();
+        });
+    if (match.result() < 0) throw systemError("ipv4.dns", "match", -match.result());
+    // It may have restarted while nobody listened. Where it has not, somebody else may have taken the settings back
+    // by now, which is not to be undone.
+    const bool isUnchanged = !mOwner.empty() && manager.owner() == mOwner;
+    mOwner.clear();
+    mDue = isUnchanged ? never : Clock::now();
+    do {
+        process(manager.bus());
+        if (Clock::now() >= mDue) resolvedIsUp(manager);
+    } while (waitFor(manager.bus(), mStop.get(), mDue));
+}
+
+void DnsWatcher::resolvedIsUp(ResolvedManager& manager)
+{
+    // Held while setting, so that what is forgotten is not set any more.
+    const std::lock_guard<std::mutex> lock(mLock);
+    mDue = never;
+    if (manager.owner().empty()) return;  // it has a word when it comes
+    undoPending(manager);
+    dropUnwanted();
+    setAgain(manager);
+}
+
+// In this moment it may not know the link yet.
+void DnsWatcher::undoPending(ResolvedManager& manager)
+{
+    for (auto next = mPending.begin(); next != mPending.end();) {
+        if (undoChange(manager, next->second)) {
+            VKNETCONFIG_INFO("removed the DNS settings of %s, as systemd-resolved is back",
+                             next->second.link.name.c_str());
+            next = mPending.erase(next);
+        } else {
+            mDue = Clock::now() + retryPause;
+            ++next;
+        }
+    }
+}
+
+// Another process may have removed or replaced the configuration.
+void DnsWatcher::dropUnwanted()
+{
+    for (auto next = mWatched.begin(); next != mWatched.end();) {
+        if (!next->second.isWanted || next->second.isWanted()) {
+            ++next;
+        } else {
+            VKNETCONFIG_INFO("the DNS settings of %s are not set again: the configuration is no longer this process's",
+                             next->second.name.c_str());
+            next = mWatched.erase(next);
+        }
+    }
+}
+
+void DnsWatcher::setAgain(ResolvedManager& manager)
+{
+    for (const auto& [index, watched] : mWatched) {
+        if (!isPresent({index, watched.name})) continue;
+        const auto found = manager.read(index);
+        if (found && *found == watched.dns) continue;
+        const auto now = Clock::now();
+        const auto possible = std::max(mLimit.next(now), found ? now : now + retryPause);
+        if (!found || possible > now) {
+            mDue = std::min(mDue, possible);
+            return;
+        }
+        manager.write(index, watched.dns);
+        mLimit.count(now);
+        VKNETCONFIG_INFO("set the DNS servers of %s again, as systemd-resolved had restarted", watched.name.c_str());
+    }
+}
+
+}  // namespace vknetconfig

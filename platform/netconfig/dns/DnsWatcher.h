@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Looks after DNS settings in force: when systemd-resolved has restarted they are set again, at most five times a
+// minute so that two managers cannot fight for ever. And after settings that could not be removed, as systemd-resolved
+// was not there: they are removed when it is. One thread, with a bus connection of its own, from the first watch() or
+// undoLater() to the last forget(). Functions are called on one thread at a time; forget() and the destructor wait for
+// the thread, a few seconds at most.
+#ifndef VKNETCONFIG_DNSWATCHER_H
+#define VKNETCONFIG_DNSWATCHER_H
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "dns/LinkDns.h"
+#include "dns/RateLimit.h"
+#include "handles/UniqueFd.h"
+
+namespace vknetconfig {
+
+class ResolvedManager;
+
+class DnsWatcher {
+public:
+    DnsWatcher() = default;
+    DnsWatcher(const DnsWatcher&) = delete;
+    DnsWatcher& operator=(const DnsWatcher&) = delete;
+    ~DnsWatcher();
+
+    /// Whether the settings are still to be maintained; called on the watcher's thread.
+    using IsWanted = std::function<bool()>;
+
+    /// From now on `dns` is what the link has to have, until `isWanted` (empty: always) says no. Throws
+    /// std::system_error when no thread can be started.
+    void watch(const Link& link, const LinkDns& dns, IsWanted isWanted = {});
+
+    /// The change is undone when systemd-resolved answers again; without memory or a thread it is not.
+    void undoLater(const LinkChange& change) noexcept;
+
+    /// The link is left alone from now on.
+    void forget(const Link& link);
+
+private:
+    struct Watched {
+        std::string name;
+        LinkDns dns;
+        IsWanted isWanted;
+    };
+
+    void start();
+    void stop();
+    void run();
+    void listen();
+    void resolvedIsUp(ResolvedManager& manager);
+    void undoPending(ResolvedManager& manager);
+    void setAgain(ResolvedManager& manager);
+    void dropUnwanted();
+
+    std::mutex mLock;
+    std::map<int, Watched> mWatched;     // by interface index; under the lock
+    std::map<int, LinkChange> mPending;  // likewise
+    std::thread mThread;
+    UniqueFd mStop;  // an eventfd, readable when the thread is to end
+
+    // Of the thread alone, once it runs.
+    std::string mOwner;  // systemd-resolved's, when the first link was set; empty for unknown
+    RateLimit mLimit{5, std::chrono::minutes(1)};
+    RateLimit::Clock::time_point mDue;
+};
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What systemd-resolved has of one link, as plain values: what to set, and what to bring back.
+#ifndef VKNETCONFIG_LINKDNS_H
+#define VKNETCONFIG_LINKDNS_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dns/DnsSettings.h"
+
+namespace vknetconfig {
+
+/// A server as others may have set it: of either family, with a port (0: the usual one) and a name for TLS.
+struct DnsServer {
+    int family = 0;
+    std::string address;  // 4 or 16 bytes
+    std::uint16_t port = 0;
+    std::string name;
+};
+
+struct DnsDomain {
+    std::string name;        // "." is the root
+    bool routeOnly = false;  // chooses this link, is not searched
+};
+
+struct LinkDns {
+    std::vector<DnsServer> servers;
+    std::vector<DnsDomain> domains;
+    bool defaultRoute = false;  // takes questions that no link's domains match
+};
+
+bool operator==(const DnsServer& left, const DnsServer& right);
+bool operator==(const DnsDomain& left, const DnsDomain& right);
+bool operator==(const LinkDns& left, const LinkDns& right);
+
+/// Names are the same whatever their case and a dot at the end; doubles are dropped, as systemd-resolved does.
+///
+///     domains | all traffic | default route | set beside the domains
+///     --------+-------------+---------------+-----------------------
+///     any     | yes         | yes           | "~." when there are servers
+///     some    | no          | no            |
+///     none    | no          | yes           |
+LinkDns wantedOf(const DnsSettings& settings);
+
+/// What was set on a link, and what was there before. As text it is one line of words.
+struct LinkChange {
+    Link link;
+    LinkDns set;
+    LinkDns before;
+
+    std::string encode() const;
+    /// Throws a RequestError with the key "journal" when the text is no change.
+    static LinkChange decode(std::string_view text);
+};
+
+/// What the link should have after the change is taken back, given what it has now: of servers, domains and default
+/// route each as it was before when it still is as it was set, else as somebody else has set it since.
+LinkDns takenBack(const LinkChange& change, const LinkDns& now);
+
+}  // namespace vknetconfig
+
+#endif

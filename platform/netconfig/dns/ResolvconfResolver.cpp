@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dns/ResolvconfResolver.h"
+
+#include "kernel/Ipv4.h"
+#include "dns/LinkDns.h"
+#include "RequestError.h"
+#include "dns/ToolRun.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr char tool[] = "resolvconf";
+constexpr auto longestRun = std::chrono::seconds(5);
+
+ToolResult run(const char* operation, std::string_view interfaceName, std::string_view input)
+{
+    return runTool({tool, operation, std::string(interfaceName) + ".vknetconfig"}, input, longestRun);
+}
+
+std::string fileFor(const DnsSettings& settings)
+{
+    std::string text;
+    for (const in_addr& server : settings.servers)
+        text += "nameserver " + dotted(server) + "\n";
+    std::string names;
+    for (const DnsDomain& domain : wantedOf(settings).domains) {
+        if (!domain.routeOnly) names += " " + domain.name;  // this resolver cannot choose links by name
+    }
+    return names.empty() ? text : text + "search" + names + "\n";
+}
+
+}  // namespace
+
+bool ResolvconfResolver::works()
+{
+    // Its kinds agree on no harmless operation, but each says something about this one and ends. One kind is a link to
+    // resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
+    const ToolResult answer = runTool({tool, "--version"}, {}, longestRun);
+    constexpr std::string_view resolvectlSays = "systemd ";
+    return answer.end == ToolResult::End::exited &&
+           answer.output.compare(0, resolvectlSays.size(), resolvectlSays) != 0;
+}
+
+std::string ResolvconfResolver::prepare(const Link& link, const DnsSettings&, const std::vector<std::string>&)
+{
+    return link.name;
+}
+
+void ResolvconfResolver::set(const Link& link, const DnsSettings& settings)
+{
+    const ToolResult result = run("-a", link.name, fileFor(settings));
+    if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
+}
+
+bool ResolvconfResolver::undo(std::string_view prepared)
+{
+    if (!works()) return true;
+    const ToolResult result = run("-d", prepared, {});
+    if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
+    return true;
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dns/ResolvedManager.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr auto longestWait = std::chrono::seconds(5);
+constexpr char managerPath[] = "/org/freedesktop/resolve1";
+constexpr char managerInterface[] = "org.freedesktop.resolve1.Manager";
+constexpr char linkInterface[] = "org.freedesktop.resolve1.Link";
+
+// Errors by which the bus and the service say that something is not there.
+constexpr const char* absenceErrors[] = {
+    "org.freedesktop.resolve1.NoSuchLink",
+    "org.freedesktop.DBus.Error.ServiceUnknown",
+    "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.UnknownObject",
+    "org.freedesktop.DBus.Error.Spawn.ServiceNotFound",
+};
+
+[[noreturn]] void fail(const std::string& what, int result)
+{
+    throw systemError("ipv4.dns", what, -result);
+}
+
+void check(int result, const char* what)
+{
+    if (result < 0) fail(what, result);
+}
+
+// The error of one call.
+class BusError {
+public:
+    BusError() = default;
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+    ~BusError() { sd_bus_error_free(&mError); }
+    sd_bus_error* put() { return &mError; }
+    bool tellsAbsence() const
+    {
+        for (const char* name : absenceErrors) {
+            if (sd_bus_error_has_name(&mError, name) > 0) return true;
+        }
+        return false;
+    }
+    [[noreturn]] void fail(const char* what, int result) const
+    {
+        if (mError.message == nullptr) vknetconfig::fail(std::string("systemd-resolved: ") + what, result);
+        throw RequestError("ipv4.dns", std::string("systemd-resolved: ") + what + ": " + mError.message);
+    }
+
+private:
+    sd_bus_error mError{};
+};
+
+SdBusMessagePtr newCall(sd_bus* bus, const char* method)
+{
+    sd_bus_message* call = nullptr;
+    check(sd_bus_message_new_method_call(bus, &call, resolvedName, managerPath, managerInterface, method), method);
+    return SdBusMessagePtr(call);
+}
+
+void send(sd_bus* bus, const SdBusMessagePtr& call, const char* what)
+{
+    BusError error;
+    const int result = sd_bus_call(bus, call.get(), 0, error.put(), nullptr);
+    if (result < 0) error.fail(what, result);
+}
+
+void appendServers(sd_bus_message* call, const std::vector<DnsServer>& servers)
+{
+    check(sd_bus_message_open_container(call, 'a', "(iayqs)"), "servers");
+    for (const DnsServer& server : servers) {
+        check(sd_bus_message_open_container(call, 'r', "iayqs"), "server");
+        check(sd_bus_message_append(call, "i", server.family), "server");
+        check(sd_bus_message_append_array(call, 'y', server.address.data(), server.address.size()), "server");
+        check(sd_bus_message_append(call, "qs", server.port, server.name.c_str()), "server");
+        check(sd_bus_message_close_container(call), "server");
+    }
+    check(sd_bus_message_close_container(call), "servers");
+}
+
+void appendDomains(sd_bus_message* call, const std::vector<DnsDomain>& domains)
+{
+    check(sd_bus_message_open_container(call, 'a', "(sb)"), "domains");
+    for (const DnsDomain& domain : domains)
+        check(sd_bus_message_append(call, "(sb)", domain.name.c_str(), domain.routeOnly ? 1 : 0), "domain");
+    check(sd_bus_message_close_container(call), "domains");
+}
+
+DnsServer readServer(sd_bus_message* reply)
+{
+    DnsServer server;
+    const void* bytes = nullptr;
+    std::size_t size = 0;
+    const char* name = nullptr;
+    check(sd_bus_message_read(reply, "i", &server.family), "DNSEx");
+    check(sd_bus_message_read_array(reply, 'y', &bytes, &size), "DNSEx");
+    check(sd_bus_message_read(reply, "qs", &server.port, &name), "DNSEx");
+    const std::size_t expected = server.family == AF_INET ? 4 : 16;
+    if ((server.family != AF_INET && server.family != AF_INET6) || size != expected) fail("DNSEx", -EBADMSG);
+    server.address.assign(static_cast<const char*>(bytes), size);
+    server.name = name;
+    return server;
+}
+
+std::vector<DnsServer> readServers(sd_bus_message* reply)
+{
+    std::vector<DnsServer> servers;
+    check(sd_bus_message_enter_container(reply, 'a', "(iayqs)"), "DNSEx");
+    int result = 0;
+    while ((result = sd_bus_message_enter_container(reply, 'r', "iayqs")) > 0) {
+        servers.push_back(readServer(reply));
+        check(sd_bus_message_exit_container(reply), "DNSEx");
+    }
+    check(result, "DNSEx");
+    return servers;
+}
+
+std::vector<DnsDomain> readDomains(sd_bus_message* reply)
+{
+    std::vector<DnsDomain> domains;
+    check(sd_bus_message_enter_container(reply, 'a', "(sb)"), "Domains");
+    const char* name = nullptr;
+    int routeOnly = 0;
+    int result = 0;
+    while ((result = sd_bus_message_read(reply, "(sb)", &name, &routeOnly)) > 0)
+        domains.push_back({name, routeOnly != 0});
+    check(result, "Domains");
+    return domains;
+}
+
+bool readFlag(sd_bus_message* reply)
+{
+    int flag = 0;
+    check(sd_bus_message_read(reply, "b", &flag), "DefaultRoute");
+    return flag != 0;
+}
+
+std::string readText(sd_bus_message* reply)
+{
+    const char* text = nullptr;
+    check(sd_bus_message_read(reply, "s", &text), "property");
+    return text;
+}
+
+std::string readTexts(sd_bus_message* reply)
+{
+    check(sd_bus_message_enter_container(reply, 'a', "s"), "property");
+    std::string texts;
+    const char* text = nullptr;
+    int result = 0;
+    while ((result = sd_bus_message_read(reply, "s", &text)) > 0)
+        texts += std::string(text) + " ";
+    check(result, "property");
+    return texts;
+}
+
+// One property of a link; false when link or service is gone.
+template <class Value>
+bool readProperty(sd_bus* bus, const char* path, const char* name, const char* type, Value (*read)(sd_bus_message*),
+                  Value& value)
+{
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    const int result = sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error.put(), &reply, type);
+    const SdBusMessagePtr owned(reply);
+    if (result < 0 && error.tellsAbsence()) return false;
+    if (result < 0) error.fail(name, result);
+    value = read(reply);
+    return true;
+}
+
+}  // namespace
+
+void process(sd_bus* bus)
+{
+    int processed = 0;
+    do {
+        processed = sd_bus_process(bus, nullptr);
+        check(processed, "system bus");
+    } while (processed > 0);
+}
+
+bool waitFor(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end)
+{
+    using namespace std::chrono;
+    std::uint64_t ownEnd = 0;  // when sd-bus itself has something to do, in microseconds of the same clock
+    check(sd_bus_get_timeout(bus, &ownEnd), "system bus");
+    const auto wanted = ceil<milliseconds>(std::min(end - steady_clock::now(), steady_clock::duration(hours(1))));
+    const auto own = ceil<milliseconds>(microseconds(std::min<std::uint64_t>(ownEnd, INT64_MAX / 1000)) -
+                                        steady_clock::now().time_since_epoch());
+    const int patience = static_cast<int>(std::max<std::int64_t>(0, std::min(wanted, own).count()));
+    const int events = sd_bus_get_events(bus);
+    check(events, "system bus");
+    pollfd waiting[] = {{sd_bus_get_fd(bus), static_cast<short>(events), 0}, {stop, POLLIN, 0}};
+    if (poll(waiting, 2, patience) < 0 && errno != EINTR) fail("system bus", -errno);
+    return waiting[1].revents == 0;
+}
+
+SdBusPtr openSystemBus(int stop)
+{
+    sd_bus* opened = nullptr;
+    const int result = sd_bus_open_system(&opened);
+    SdBusPtr bus(opened);
+    check(result, "system bus");
+    const auto limit = std::chrono::duration_cast<std::chrono::microseconds>(longestWait).count();
+    check(sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(limit)), "system bus");
+    // A call would wait for a silent bus as long as the bus pleases.
+    const auto end = std::chrono::steady_clock::now() + longestWait;
+    while (true) {
+        process(bus.get());
+        const int ready = sd_bus_is_ready(bus.get());
+        check(ready, "system bus");
+        if (ready > 0) return bus;
+        if (std::chrono::steady_clock::now() >= end) fail("system bus", -ETIMEDOUT);
+        if (!waitFor(bus.get(), stop, end)) fail("system bus", -ECANCELED);
+    }
+}
+
+bool ResolvedManager::answers()
+{
+    return sd_bus_call_method(mBus.get(), resolvedName, managerPath, "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                              nullptr, "") >= 0;
+}
+
+std::string ResolvedManager::owner()
+{
+    sd_bus_message* answer = nullptr;
+    const int result = sd_bus_call_method(mBus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                          "org.freedesktop.DBus", "GetNameOwner", nullptr, &answer, "s", resolvedName);
+    const SdBusMessagePtr owned(answer);
+    const char* name = nullptr;
+    if (result < 0 || sd_bus_message_read(answer, "s", &name) < 0) return {};
+    return name;
+}
+
+// Empty when the link, or the service, is not there.
+std::string ResolvedManager::pathOf(int index)
+{
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    const int result = sd_bus_call_method(mBus.get(), resolvedName, managerPath, managerInterface, "GetLink",
+                                          error.put(), &reply, "i", index);
+    const SdBusMessagePtr owned(reply);
+    if (result < 0 && error.tellsAbsence()) return {};
+    if (result < 0) error.fail("GetLink", result);
+    const char* path = nullptr;
+    check(sd_bus_message_read(reply, "o", &path), "GetLink");
+    return path;
+}
+
+std::optional<LinkDns> ResolvedManager::read(int index)
+{
+    const std::string path = pathOf(index);
+    if (path.empty()) return std::nullopt;
+    LinkDns dns;
+    const bool isThere = readProperty(mBus.get(), path.c_str(), "DNSEx", "a(iayqs)", readServers, dns.servers) &&
+                         readProperty(mBus.get(), path.c_str(), "Domains", "a(sb)", readDomains, dns.domains) &&
+                         readProperty(mBus.get(), path.c_str(), "DefaultRoute", "b", readFlag, dns.defaultRoute);
+    return isThere ? std::optional<LinkDns>(dns) : std::nullopt;
+}
+
+// What can be set on a link beside servers, domains and default route, as one text; empty when the link is not there.
+std::string ResolvedManager::otherSettings(int index)
+{
+    const std::string path = pathOf(index);
+    std::string all;
+    for (const char* name : {"LLMNR", "MulticastDNS", "DNSOverTLS", "DNSSEC"}) {
+        std::string value;
+        if (path.empty() || !readProperty(mBus.get(), path.c_str(), name, "s", readText, value)) return {};
+        all += value + " ";
+    }
+    std::string anchors;
+    if (!readProperty(mBus.get(), path.c_str(), "DNSSECNegativeTrustAnchors", "as", readTexts, anchors)) return {};
+    return all + anchors;
+}
+
+void ResolvedManager::writeServers(int index, const LinkDns& dns)
+{
+    const SdBusMessagePtr servers = newCall(mBus.get(), "SetLinkDNSEx");
+    check(sd_bus_message_append(servers.get(), "i", index), "servers");
+    appendServers(servers.get(), dns.servers);
+    send(mBus.get(), servers, "servers");
+}
+
+void ResolvedManager::writeDomains(int index, const LinkDns& dns)
+{
+    const SdBusMessagePtr domains = newCall(mBus.get(), "SetLinkDomains");
+    check(sd_bus_message_append(domains.get(), "i", index), "domains");
+    appendDomains(domains.get(), dns.domains);
+    send(mBus.get(), domains, "domains");
+}
+
+void ResolvedManager::writeDefaultRoute(int index, const LinkDns& dns)
+{
+    const SdBusMessagePtr route = newCall(mBus.get(), "SetLinkDefaultRoute");
+    check(sd_bus_message_append(route.get(), "ib", index, dns.defaultRoute ? 1 : 0), "default route");
+    send(mBus.get(), route, "default route");
+}
+
+void ResolvedManager::write(int index, const LinkDns& dns)
+{
+    writeServers(index, dns);
+    writeDomains(index, dns);
+    writeDefaultRoute(index, dns);
+}
+
+// Forgets everything that was set on the link.
+void ResolvedManager::revert(int index)
+{
+    const SdBusMessagePtr call = newCall(mBus.get(), "RevertLink");
+    check(sd_bus_message_append(call.get(), "i", index), "revert");
+    send(mBus.get(), call, "revert");
+}
+
+// Only a link that is forgotten as a whole forgets that a default route was ever set, so that is done where nobody has
+// set anything: there the link has what the loopback device has, which nobody configures.
+void ResolvedManager::restore(int index, const LinkDns& before, const LinkDns& now)
+{
+    constexpr int loopback = 1;
+    if (before == now) return;
+    const std::string others = otherSettings(index);
+    if (before == LinkDns() && !others.empty() && others == otherSettings(loopback)) return revert(index);
+    if (!(before.servers == now.servers)) writeServers(index, before);
+    if (!(before.domains == now.domains)) writeDomains(index, before);
+    // Where none was set it follows from the servers and domains.
+    const auto after = read(index);
+    if (after && after->defaultRoute != before.defaultRoute) writeDefaultRoute(index, before);
+}
+
+}  // namespace vknetconfig

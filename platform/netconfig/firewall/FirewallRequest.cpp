@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "firewall/FirewallRequest.h"
+
+#include <charconv>
+#include <string_view>
+
+#include "interface/InterfaceName.h"
+#include "kernel/Ipv4.h"
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+// A text of the request and what it stands for.
+template <class Meaning>
+struct Word {
+    std::string_view text;
+    Meaning meaning;
+};
+
+constexpr Word<RuleProtocol> protocols[] = {
+    {"ICMP", RuleProtocol::icmp}, {"TCP", RuleProtocol::tcp}, {"UDP", RuleProtocol::udp}};
+constexpr Word<RuleDirection> directions[] = {{"in", RuleDirection::in}, {"out", RuleDirection::out}};
+constexpr Word<RuleVerdict> verdicts[] = {{"ACCEPT", RuleVerdict::accept}, {"DROP", RuleVerdict::drop}};
+constexpr Word<bool> operations[] = {{"append", true}};
+
+template <class Meaning, std::size_t count>
+Meaning meaningOf(const JsonValue& value, const Word<Meaning> (&words)[count])
+{
+    const std::string_view text = value.text();
+    std::string known;
+    for (const Word<Meaning>& word : words) {
+        if (word.text == text) return word.meaning;
+    }
+    for (const Word<Meaning>& word : words)
+        known += (known.empty() ? "" : ", ") + excerpt(word.text);
+    value.refuse(excerpt(text) + " is not one of " + known);
+}
+
+// The rules of nft for names; what its grammar uses for itself is left for nft to refuse.
+std::string filterName(const JsonValue& value)
+{
+    constexpr std::size_t longest = 31;
+    constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    constexpr std::string_view allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./";
+    const std::string_view name = value.text();
+    if (name.empty() || name.size() > longest || letters.find(name[0]) == std::string_view::npos ||
+        name.find_first_not_of(allowed) != std::string_view::npos) {
+        value.refuse(excerpt(name) + " is not a letter and up to 30 letters, digits, '_', '-', '.' and '/'");
+    }
+    return std::string(name);
+}
+
+std::optional<std::uint8_t> parsePrefix(std::string_view text)
+{
+    std::uint8_t prefix = 0;
+    const char* const end = text.data() + text.size();
+    const auto [after, error] = std::from_chars(text.data(), end, prefix);
+    if (error != std::errc() || after != end || prefix > 32 || (text.size() > 1 && text[0] == '0')) return std::nullopt;
+    return prefix;
+}
+
+// What follows the slash: a prefix length or a dotted mask.
+std::uint8_t readMask(const JsonValue& value, std::string_view text)
+{
+    if (const auto prefix = parsePrefix(text)) return *prefix;
+    const auto mask = parseDottedAddress(text);
+    if (!mask) value.refuse(excerpt(text) + " is neither a prefix length nor a netmask");
+    const auto prefix = prefixLength(*mask);
+    if (!prefix) value.refuse("the netmask " + std::string(text) + " has holes");
+    return *prefix;
+}
+
+Network readNetwork(const JsonValue& value)
+{
+    const std::string_view text = value.text();
+    const std::size_t slash = text.find('/');
+    const auto address = parseDottedAddress(text.substr(0, slash));
+    if (!address) value.refuse(excerpt(text) + " does not begin with a dotted IPv4 address");
+    Network network{*address, 32};
+    if (slash != std::string_view::npos) network.prefix = readMask(value, text.substr(slash + 1));
+    network.address.s_addr &= netmaskOf(network.prefix).s_addr;
+    return network;
+}
+
+std::uint16_t readPort(const JsonValue& value)
+{
+    return static_cast<std::uint16_t>(value.wholeNumber(1, 65535));
+}
+
+void readInterface(const JsonValue& value, FirewallRule& rule)
+{
+    const std::string_view name = value.text();
+    const std::string fault = interfaceNameFault(name);
+    if (!fault.empty()) value.refuse(fault);
+    rule.interfaceName = name;
+}
+
+constexpr JsonField<FirewallRule> ruleFields[] = {
+    {"operation", true, [](const JsonValue& value, FirewallRule&) { meaningOf(value, operations); }},
+    {"source", false, [](const JsonValue& value, FirewallRule& rule) { rule.source = readNetwork(value); }},
+    {"destination", false, [](const JsonValue& value, FirewallRule& rule) { rule.destination = readNetwork(value); }},
+    {"protocol", false,
+     [](const JsonValue& value, FirewallRule& rule) { rule.protocol = meaningOf(value, protocols); }},
+    {"interfaceName", false, readInterface},
+    {"interfaceDirection", false,
+     [](const JsonValue& value, FirewallRule& rule) { rule.direction = meaningOf(value, directions); }},
+    {"sourcePort", false, [](const JsonValue& value, FirewallRule& rule) { rule.sourcePort = readPort(value); }},
+    {"destinationPort", false,
+     [](const JsonValue& value, FirewallRule& rule) { rule.destinationPort = readPort(value); }},
+    {"jumpTo", true, [](const JsonValue& value, FirewallRule& rule) { rule.verdict = meaningOf(value, verdicts); }},
+};
+
+FirewallRule readRule(const JsonValue& value)
+{
+    FirewallRule rule;
+    value.readObject(ruleFields, rule);
+    const auto refuse = [&value](const char* key, const char* reason) {
+        throw RequestError(value.path() + "." + key, reason);
+    };
+    const bool named = !rule.interfaceName.empty();
+    const bool directed = rule.direction != RuleDirection::any;
+    if (named && !directed) refuse("interfaceDirection", "missing beside \"interfaceName\"");
+    if (directed && !named) refuse("interfaceName", "missing beside \"interfaceDirection\"");
+    if (rule.protocol == RuleProtocol::icmp) {
+        if (rule.sourcePort != 0) refuse("sourcePort", "ICMP has no ports");
+        if (rule.destinationPort != 0) refuse("destinationPort", "ICMP has no ports");
+    }
+    return rule;
+}
+
+// The keys of both requests, before it is clear which one it is.
+struct RawRequest {
+    std::string label;
+    std::string chainNew;
+    std::string chainDelete;
+    std::optional<std::vector<FirewallRule>> rules;
+};
+
+constexpr JsonField<RawRequest> requestFields[] = {
+    {"label", true, [](const JsonValue& value, RawRequest& raw) { raw.label = filterName(value); }},
+    {"chainNew", false, [](const JsonValue& value, RawRequest& raw) { raw.chainNew = filterName(value); }},
+    {"chainDelete", false, [](const JsonValue& value, RawRequest& raw) { raw.chainDelete = filterName(value); }},
+    {"rules", false,
+     [](const JsonValue& value, RawRequest& raw) {
+         raw.rules.emplace();
+         value.forEach([&raw](const JsonValue& rule, std::size_t) { raw.rules->push_back(readRule(rule)); });
+     }},
+};
+
+}  // namespace
+
+bool operator==(const Network& left, const Network& right)
+{
+    return left.address.s_addr == right.address.s_addr && left.prefix == right.prefix;
+}
+
+bool operator==(const FirewallRule& left, const FirewallRule& right)
+{
+    return left.source == right.source && left.destination == right.destination && left.protocol == right.protocol &&
+           left.direction == right.direction && left.interfaceName == right.interfaceName &&
+           left.sourcePort == right.sourcePort && left.destinationPort == right.destinationPort &&
+           left.verdict == right.verdict;
+}
+
+bool operator==(const FirewallRequest& left, const FirewallRequest& right)
+{
+    return left.label == right.label && left.chain == right.chain && left.remove == right.remove &&
+           left.rules == right.rules;
+}
+
+FirewallRequest parseFirewallRequest(const char* json)
+{
+    const JsonDocument document(json);
+    RawRequest raw;
+    document.root().readObject(requestFields, raw);
+    const bool create = !raw.chainNew.empty();
+    const bool remove = !raw.chainDelete.empty();
+    if (create && remove) throw RequestError("chainDelete", "not together with \"chainNew\"");
+    if (!create && !remove) throw RequestError("chainNew", "missing, and no \"chainDelete\" either");
+    if (create && !raw.rules) throw RequestError("rules", "missing");
+    if (remove && raw.rules) throw RequestError("rules", "not together with \"chainDelete\"");
+    FirewallRequest request{std::move(raw.label), std::move(create ? raw.chainNew : raw.chainDelete), remove, {}};
+    if (raw.rules) request.rules = std::move(*raw.rules);
+    return request;
+}
+
+}  // namespace vknetconfig

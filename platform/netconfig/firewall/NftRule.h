@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A rule of nftables in the form that nft itself gives it, so that nft prints it as it would be written.
+#ifndef VKNETCONFIG_NFTRULE_H
+#define VKNETCONFIG_NFTRULE_H
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string>
+
+#include "firewall/NftTransaction.h"
+#include "handles/Nftnl.h"
+
+namespace vknetconfig {
+
+class NftRule {
+public:
+    /// At the end of a chain of a table of the family inet.
+    NftRule(const std::string& table, const std::string& chain);
+
+    void matchInterface(bool isInput, const std::string& name);
+    void matchIpv4();
+    /// `offset` in the IPv4 header; `prefix` from 1 to 32. IPv4 packets only.
+    void matchAddress(std::uint32_t offset, in_addr address, std::uint8_t prefix);
+    void matchProtocol(std::uint8_t protocol);
+    /// `offset` in the header of a protocol that was matched before.
+    void matchPort(std::uint32_t offset, std::uint16_t port);
+    /// NF_ACCEPT or NF_DROP.
+    void decide(std::uint32_t verdict);
+    void jump(const std::string& chain);
+
+    void addTo(NftTransaction& transaction);
+
+private:
+    /// Bytes of a header that are to be compared. Adjacent ones are compared at once.
+    struct Comparison {
+        std::uint32_t base = 0;
+        std::uint32_t offset = 0;
+        std::string bytes;
+    };
+
+    void matchMeta(std::uint32_t key, const void* value, std::size_t size);
+    void matchHeader(std::uint32_t base, std::uint32_t offset, std::string bytes);
+    void flush();
+    void load(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
+    void mask(std::uint32_t bits);
+    void compare(const void* value, std::size_t size);
+    void append(NftnlExprPtr expression);
+
+    NftnlRulePtr mRule;
+    Comparison mPending;
+    bool mIsIpv4 = false;
+};
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "firewall/NftTransaction.h"
+
+#include <netinet/in.h>  // before the kernel's header of the same names
+
+#include <libnftnl/common.h>
+#include <linux/netfilter.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::size_t largestMessage = 4096;
+constexpr std::size_t firstRoom = std::size_t{64} * 1024;
+
+}  // namespace
+
+NftTransaction::NftTransaction(NetlinkSocket& socket)
+    : mSocket(socket), mBuffer(firstRoom), mFirstSequence(socket.nextSequence())
+{
+    mLast = nftnl_batch_begin(room(), mFirstSequence);
+    mCount = 1;
+}
+
+char* NftTransaction::room()
+{
+    close();
+    if (mBuffer.size() - mUsed < largestMessage) mBuffer.resize(2 * mBuffer.size());
+    return mBuffer.data() + mUsed;
+}
+
+void NftTransaction::close()
+{
+    if (mLast == nullptr) return;
+    mUsed += MNL_ALIGN(mLast->nlmsg_len);
+    mLast = nullptr;
+}
+
+nlmsghdr* NftTransaction::add(std::uint16_t type, std::uint16_t flags)
+{
+    char* const place = room();
+    mLast = nftnl_nlmsg_build_hdr(place, type, NFPROTO_INET, flags, mSocket.nextSequence());
+    ++mCount;
+    return mLast;
+}
+
+std::optional<NetlinkFailure> NftTransaction::commit()
+{
+    // Older kernels acknowledge neither begin nor end. The answers come in the order of the messages.
+    mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
+    char* const place = room();
+    mLast = nftnl_batch_end(place, mSocket.nextSequence());
+    close();
+    provideSendBuffer();
+    mSocket.send(mBuffer.data(), mUsed);
+    return receiveResult();
+}
+
+// The kernel's usual limit is far below what many rules take.
+void NftTransaction::provideSendBuffer()
+{
+    const int socket = mSocket.descriptor();
+    int size = 0;
+    socklen_t length = sizeof size;
+    // Half of it is for the kernel's own records.
+    if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && mUsed < static_cast<std::size_t>(size) / 2)
+        return;
+    size = static_cast<int>(mUsed);
+    if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) == 0) return;
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);  // sending tells when that is not enough
+}
+
+// The oldest answers are never lost, and the first error is among them.
+std::optional<NetlinkFailure> NftTransaction::receiveResult()
+{
+    const std::size_t acknowledged = mCount - 1;
+    std::optional<NetlinkFailure> failure;
+    bool isLossy = false;
+    while (true) {
+        const wfoal::NetlinkReceived received = mSocket.receive(isLossy);
+        isLossy = isLossy || received == wfoal::NetlinkReceived::lost;
+        if (received == wfoal::NetlinkReceived::nothing) break;
+        while (const nlmsghdr* message = mSocket.nextMessage()) {
+            const std::size_t index = message->nlmsg_seq - mFirstSequence;
+            if (message->nlmsg_type != NLMSG_ERROR || index >= mCount) continue;
+            const int error = wfoal::errorOf(*message);
+            if (error != 0 && !failure) failure = NetlinkFailure{index, error, kernelText(message)};
+            if (index == 0 || index == acknowledged) return failure;
+        }
+    }
+    if (failure) return failure;
+    throw systemError("nftables", "receive", isLossy ? ENOBUFS : ETIMEDOUT);
+}
+
+}  // namespace vknetconfig

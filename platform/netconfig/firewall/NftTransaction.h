@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A transaction of nftables: messages for the table family inet that the kernel carries out together, or not at all.
+// It goes to the kernel in one system call, as the kernel knows no transaction of several.
+#ifndef VKNETCONFIG_NFTTRANSACTION_H
+#define VKNETCONFIG_NFTTRANSACTION_H
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "kernel/NetlinkSocket.h"
+
+namespace vknetconfig {
+
+class NftTransaction {
+public:
+    /// The socket's protocol is NETLINK_NETFILTER.
+    explicit NftTransaction(NetlinkSocket& socket);
+
+    /// A header to put one message of at most 4096 bytes under; valid until the next call. `type`: NFT_MSG_...
+    nlmsghdr* add(std::uint16_t type, std::uint16_t flags);
+
+    /// The index that the next message gets. The first one has 1.
+    std::size_t nextIndex() const { return mCount; }
+
+    /// Sends it. Nothing when all is in force; else why nothing has changed. The index of the failure is that of the
+    /// message which the kernel refused first; 0: the transaction as such.
+    /// Throws a RequestError when the kernel's answer is lost: then either may be.
+    std::optional<NetlinkFailure> commit();
+
+private:
+    char* room();
+    void close();
+    void provideSendBuffer();
+    std::optional<NetlinkFailure> receiveResult();
+
+    NetlinkSocket& mSocket;
+    std::vector<char> mBuffer;
+    std::size_t mUsed = 0;      // bytes of closed messages
+    nlmsghdr* mLast = nullptr;  // the open message
+    std::size_t mCount = 0;
+    std::uint32_t mFirstSequence;
+};
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,447 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interface/InterfaceControl.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <iterator>
+#include <map>
+
+#include "Log.h"
+#include "RequestError.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::string_view subjectPrefix = "interface-";
+
+template <class Value>
+bool contains(const std::vector<Value>& values, const Value& value)
+{
+    return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+std::vector<Route> sorted(std::vector<Route> routes)
+{
+    std::sort(routes.begin(), routes.end());
+    return routes;
+}
+
+// In their order; `others` are sorted.
+std::vector<Route> without(const std::vector<Route>& routes, const std::vector<Route>& others)
+{
+    std::vector<Route> left;
+    std::copy_if(routes.begin(), routes.end(), std::back_inserter(left),
+                 [&](const Route& route) { return !std::binary_search(others.begin(), others.end(), route); });
+    return left;
+}
+
+std::vector<Route> onePerGateway(const std::vector<Route>& routes)
+{
+    std::map<in_addr_t, Route> found;
+    for (const Route& route : routes) {
+        if (route.gateway != 0) found.emplace(route.gateway, route);
+    }
+    std::vector<Route> chosen;
+    chosen.reserve(found.size());
+    for (const auto& [gateway, route] : found)
+        chosen.push_back(route);
+    return chosen;
+}
+
+bool hasAddress(const std::vector<AddressFound>& found, const InterfaceAddress& address)
+{
+    return std::any_of(found.begin(), found.end(), [&](const AddressFound& one) { return one.address == address; });
+}
+
+// A damaged entry tells nothing; to stop at it would mean to stop at it forever.
+InterfaceRecord readRecord(const std::string& subject, const std::string& content)
+{
+    try {
+        if (!content.empty()) return InterfaceRecord::decode(content);
+    } catch (const RequestError& error) {
+        VKNETCONFIG_WARNING("the entry of %s is dropped: %s", subject.c_str(), error.what());
+    }
+    return {};
+}
+
+// All that is in force at one moment or another of a change.
+InterfaceRecord together(InterfaceRecord record, const InterfaceRecord& dropped, const std::vector<std::string>& dns)
+{
+    record.addresses.insert(record.addresses.end(), dropped.addresses.begin(), dropped.addresses.end());
+    record.routes.insert(record.routes.end(), dropped.routes.begin(), dropped.routes.end());
+    std::copy_if(dns.begin(), dns.end(), std::back_inserter(record.dns),
+                 [&](const std::string& line) { return !contains(record.dns, line); });
+    return record;
+}
+
+// Works through all steps whatever fails, and then tells the first failure.
+class AllSteps {
+public:
+    template <class Step>
+    void operator()(Step step)
+    {
+        try {
+            step();
+        } catch (...) {
+            if (!mFirst) mFirst = std::current_exception();
+        }
+    }
+    void tell() const
+    {
+        if (mFirst) std::rethrow_exception(mFirst);
+    }
+
+private:
+    std::exception_ptr mFirst;
+};
+
+}  // namespace
+
+// Which key of the request the kernel refused. Without the interface, its words are about the consequences.
+void InterfaceControl::refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
+                              const InterfaceRecord& added)
+{
+    if (!linkWithIndex(mSocket, added.index)) throw RequestError("ifName", "the interface is gone");
+    if (failure.error == EPERM) throw RequestError("netlink", failure.reason() + ": CAP_NET_ADMIN is needed");
+    const std::size_t links = added.linkBefore ? 1 : 0;
+    if (failure.index < links) throw RequestError("ifName", "cannot be brought up: " + failure.reason());
+    const std::size_t routesFrom = links + added.addresses.size();
+    if (failure.index < routesFrom) throw RequestError("ipv4.ip", "cannot be added: " + failure.reason());
+    const Route& route = added.routes.at(failure.index - routesFrom);
+    const auto place = std::find(request.routes.begin(), request.routes.end(), route) - request.routes.begin();
+    throw RequestError(request.routeKey(static_cast<std::size_t>(place)), "cannot be added: " + failure.reason());
+}
+
+bool InterfaceControl::isSubject(std::string_view subject)
+{
+    return subject.substr(0, subjectPrefix.size()) == subjectPrefix;
+}
+
+std::string InterfaceControl::subjectOf(const std::string& ifName)
+{
+    return std::string(subjectPrefix) + ifName;
+}
+
+void InterfaceControl::apply(const InterfaceRequest& request)
+{
+    mSocket.followNamespace();
+    const std::string subject = subjectOf(request.ifName);
+    NewOwnership ownership(mJournal, subject);
+    const bool isOurs = mJournal.owns(subject);
+    InterfaceRecord earlier = readRecord(subject, mJournal.own(subject));
+    if (!isOurs) earlier = installedPart(std::move(earlier));
+    replace(request, subject, earlier);
+    ownership.keep();
+}
+
+void InterfaceControl::replace(const InterfaceRequest& request, const std::string& subject, InterfaceRecord& earlier)
+{
+    Plan changes;
+    try {
+        const LinkState link = linkFor(request, earlier);
+        changes = plan(request, link, earlier);
+        mJournal.write(subject, together(changes.wanted, changes.dropped, earlier.dns).encode());
+    } catch (...) {
+        if (earlier.name.empty()) mJournal.erase(subject);
+        throw;
+    }
+    try {
+        carryOut(request, changes);
+    } catch (...) {
+        rollBack(subject, changes, earlier);
+        throw;
+    }
+    settle(subject, changes, earlier);
+    VKNETCONFIG_INFO("%s: %zu routes in force, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
+                     changes.added.routes.size());
+}
+
+void InterfaceControl::remove(const std::string& ifName)
+{
+    mSocket.followNamespace();
+    const std::string subject = subjectOf(ifName);
+    NewOwnership ownership(mJournal, subject);
+    const InterfaceRecord record = readRecord(subject, mJournal.ownForRemoval(subject));
+    takeBack(record);
+    forget(subject, record);
+    if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
+}
+
+void InterfaceControl::removeLeft(const std::string& subject)
+{
+    mSocket.followNamespace();
+    const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
+    takeBack(record);
+    forget(subject, record);
+    VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());
+}
+
+// An ended process may have been in the middle of a change: then its record names what is not there, or no more.
+InterfaceRecord InterfaceControl::installedPart(InterfaceRecord record)
+{
+    if (!isThere(record)) return record;
+    const std::vector<Route> installed = ownRoutesOf(mSocket, record.index);
+    const auto isMissing = [&installed](const Route& route) {
+        return !std::binary_search(installed.begin(), installed.end(), route);
+    };
+    record.routes.erase(std::remove_if(record.routes.begin(), record.routes.end(), isMissing), record.routes.end());
+    std::vector<InterfaceAddress> addresses;
+    for (const AddressFound& found : addressesOf(mSocket, record.index)) {
+        if (found.isOurs && contains(record.addresses, found.address)) addresses.push_back(found.address);
+    }
+    record.addresses = std::move(addresses);
+    return record;
+}
+
+// What was in force on an interface that has since been replaced by another of its name counts no more.
+LinkState InterfaceControl::linkFor(const InterfaceRequest& request, InterfaceRecord& earlier)
+{
+    const std::optional<LinkState> link = linkNamed(mSocket, request.ifName);
+    if (!link) throw RequestError("ifName", "there is no interface " + request.ifName);
+    if (!earlier.name.empty() && earlier.index != link->index) {
+        takeBack(earlier);
+        earlier = {};
+    }
+    return *link;
+}
+
+InterfaceControl::Plan InterfaceControl::plan(const InterfaceRequest& request, const LinkState& link,
+                                              const InterfaceRecord& earlier)
+{
+    Plan plan;
+    for (InterfaceRecord* record : {&plan.wanted, &plan.added, &plan.dropped}) {
+        record->index = link.index;
+        record->name = request.ifName;
+    }
+    if (!link.isUp) plan.added.linkBefore = link;
+    plan.wanted.linkBefore = earlier.linkBefore ? earlier.linkBefore : plan.added.linkBefore;
+    planAddress(request, earlier, plan);
+    planRoutes(request, earlier, plan);
+    planDns(request, earlier, plan);
+    return plan;
+}
+
+// An address that the device has already is not ours to add or to remove.
+void InterfaceControl::planAddress(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
+{
+    if (request.address) {
+        const bool isThere = hasAddress(addressesOf(mSocket, plan.wanted.index), *request.address);
+        if (!isThere) plan.added.addresses.push_back(*request.address);
+        if (!isThere || contains(earlier.addresses, *request.address)) {
+            plan.wanted.addresses.push_back(*request.address);
+        }
+    }
+    for (const InterfaceAddress& address : earlier.addresses) {
+        if (!contains(plan.wanted.addresses, address)) plan.dropped.addresses.push_back(address);
+    }
+}
+
+// Routes that stay are left alone, so that traffic through them goes on.
+void InterfaceControl::planRoutes(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
+{
+    plan.wanted.routes = request.routes;
+    if (earlier.name.empty()) {
+        plan.added.routes = request.routes;
+        return;
+    }
+    plan.added.routes = without(request.routes, ownRoutesOf(mSocket, plan.wanted.index));
+    plan.dropped.routes = without(earlier.routes, sorted(request.routes));
+}
+
+// The new settings take the place of those in force; those of another resolver are undone.
+void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
+{
+    if (!request.dns.empty()) {
+        plan.wanted.dns = {mDns.prepare({plan.wanted.index, request.ifName}, request.dns, earlier.dns)};
+    }
+    plan.added.dns = plan.wanted.dns;
+    std::copy_if(earlier.dns.begin(), earlier.dns.end(), std::back_inserter(plan.dropped.dns),
+                 [&](const std::string& line) {
+                     return plan.wanted.dns.empty() || !Dns::takesPlaceOf(plan.wanted.dns.front(), line);
+                 });
+}
+
+// New routes come before old ones go, so that no packet finds none. DNS comes last, when nothing else can fail any
+// more.
+void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
+{
+    if (const auto failure = put(plan.added)) refuse(*failure, request, plan.added);
+    if (!plan.dropped.addresses.empty() || !plan.dropped.routes.empty()) {
+        takeBackKernelPart(plan.dropped);
+        // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by
+        // a dropped route, which the kernel tells when it is asked again.
+        InterfaceRecord missing = missingOf(plan.wanted);
+        const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
+        missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
+        if (const auto failure = put(missing)) refuse(*failure, request, missing);
+    }
+    plan.hasDnsBegun = true;
+    for (const std::string& line : plan.added.dns)
+        mDns.set({plan.added.index, request.ifName}, request.dns, line, recordCheck(request.ifName, line));
+    for (const std::string& line : plan.dropped.dns)
+        mDns.undo(line);
+}
+
+// Does not throw: what cannot be rolled back stays in the journal, for the next request or process.
+void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
+{
+    try {
+        if (plan.hasDnsBegun) rollBackDns(plan, earlier);
+        takeBackKernelPart(plan.added);
+        if (earlier.name.empty()) return forget(subject, plan.added);
+        if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
+        mJournal.write(subject, earlier.encode());
+    } catch (const std::exception& error) {
+        VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
+    }
+}
+
+// Settings that took the place of earlier ones are replaced by those again, others are undone.
+void InterfaceControl::rollBackDns(const Plan& plan, const InterfaceRecord& earlier)
+{
+    for (const std::string& line : plan.added.dns) {
+        if (earlier.dns.empty() || !Dns::takesPlaceOf(line, earlier.dns.front())) mDns.undo(line);
+    }
+    if (earlier.dns.empty()) return;
+    mDns.setAgain(earlier.dns.front(), recordCheck(earlier.name, earlier.dns.front()));
+}
+
+// The request has succeeded: a journal that names too much does no harm.
+void InterfaceControl::settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
+{
+    if (earlier.name.empty()) return;
+    try {
+        mJournal.write(subject, together(plan.wanted, {}, pendingPart(plan.dropped).dns).encode());
+    } catch (const std::exception& error) {
+        VKNETCONFIG_WARNING("%s: the earlier configuration stays in the journal: %s", subject.c_str(), error.what());
+    }
+}
+
+// What has been removed leaves the journal, except for DNS settings that systemd-resolved could not be told of: they
+// are left behind for the next request, of whichever process.
+void InterfaceControl::forget(const std::string& subject, const InterfaceRecord& record)
+{
+    const InterfaceRecord pending = pendingPart(record);
+    if (pending.name.empty()) return mJournal.erase(subject);
+    mJournal.write(subject, pending.encode());
+    mJournal.release(subject);
+}
+
+InterfaceRecord InterfaceControl::pendingPart(const InterfaceRecord& record) const
+{
+    InterfaceRecord pending;
+    std::copy_if(record.dns.begin(), record.dns.end(), std::back_inserter(pending.dns),
+                 [this](const std::string& line) { return mDns.isPending(line); });
+    if (pending.dns.empty()) return {};
+    pending.index = record.index;
+    pending.name = record.name;
+    return pending;
+}
+
+// DNS settings are maintained for as long as the journal has them.
+std::function<bool()> InterfaceControl::recordCheck(const std::string& ifName, const std::string& dns) const
+{
+    return mJournal.lineCheck(subjectOf(ifName), "dns " + dns);
+}
+
+// The first failure, when there is one; then the rest may have been left out.
+std::optional<NetlinkFailure> InterfaceControl::put(const InterfaceRecord& record)
+{
+    // An equal one that is there already: given twice in the request, or added by somebody in this moment.
+    NetlinkBatch batch(mSocket, {EEXIST});
+    if (record.linkBefore) addLinkUp(batch, record.index);
+    for (const InterfaceAddress& address : record.addresses)
+        addAddress(batch, record.index, address);
+    for (const Route& route : record.routes) {
+        if (batch.hasFailed()) break;
+        addRoute(batch, record.index, route);
+    }
+    const std::vector<NetlinkFailure>& failures = batch.finish();
+    return failures.empty() ? std::nullopt : std::optional(failures.front());
+}
+
+// The part of a record that is not, or no longer, in force.
+InterfaceRecord InterfaceControl::missingOf(const InterfaceRecord& record)
+{
+    InterfaceRecord missing;
+    missing.index = record.index;
+    missing.name = record.name;
+    const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
+    if (!link || link->name != record.name) return missing;
+    if (record.linkBefore && !link->isUp) missing.linkBefore = record.linkBefore;
+    const std::vector<AddressFound> found = addressesOf(mSocket, record.index);
+    for (const InterfaceAddress& address : record.addresses) {
+        if (!hasAddress(found, address)) missing.addresses.push_back(address);
+    }
+    missing.routes = without(record.routes, ownRoutesOf(mSocket, record.index));
+    return missing;
+}
+
+// Whether the record is about an interface that exists: one that got its index later has another name.
+bool InterfaceControl::isThere(const InterfaceRecord& record)
+{
+    if (record.name.empty()) return false;
+    const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
+    return link && link->name == record.name;
+}
+
+// Takes back what is still there and still ours.
+void InterfaceControl::takeBack(const InterfaceRecord& record)
+{
+    AllSteps inTurn;
+    for (const std::string& line : record.dns)
+        inTurn([&] { mDns.undo(line); });
+    inTurn([&] { takeBackKernelPart(record); });
+    inTurn.tell();
+}
+
+void InterfaceControl::takeBackKernelPart(const InterfaceRecord& record)
+{
+    if (!isThere(record)) return;
+    AllSteps inTurn;
+    inTurn([&] { takeBackRoutes(record); });
+    inTurn([&] { takeBackAddresses(record); });
+    inTurn([&] { takeBackLink(record); });
+    inTurn.tell();
+}
+
+void InterfaceControl::takeBackRoutes(const InterfaceRecord& record)
+{
+    if (record.routes.empty()) return;
+    const std::vector<Route> wanted = sorted(record.routes);
+    NetlinkBatch batch(mSocket, {ESRCH, ENODEV});
+    for (const Route& route : ownRoutesOf(mSocket, record.index)) {
+        if (std::binary_search(wanted.begin(), wanted.end(), route)) removeRoute(batch, record.index, route);
+    }
+    const std::vector<NetlinkFailure>& failures = batch.finish();
+    if (!failures.empty()) throw RequestError("netlink", "removing a route: " + failures.front().reason());
+}
+
+void InterfaceControl::takeBackAddresses(const InterfaceRecord& record)
+{
+    if (record.addresses.empty()) return;
+    NetlinkBatch batch(mSocket, {EADDRNOTAVAIL, ENODEV});
+    for (const AddressFound& found : addressesOf(mSocket, record.index)) {
+        if (found.isOurs && contains(record.addresses, found.address))
+            removeAddress(batch, record.index, found.address);
+    }
+    const std::vector<NetlinkFailure>& failures = batch.finish();
+    if (!failures.empty()) throw RequestError("netlink", "removing an address: " + failures.front().reason());
+}
+
+void InterfaceControl::takeBackLink(const InterfaceRecord& record)
+{
+    const std::optional<LinkState> now = linkWithIndex(mSocket, record.index);
+    if (!record.linkBefore || !now) return;
+    NetlinkBatch batch(mSocket, {ENODEV});
+    addLinkRestore(batch, *record.linkBefore, *now);
+    // Only the first message takes the link down; the others tidy up where that makes sense.
+    const std::vector<NetlinkFailure>& failures = batch.finish();
+    if (now->isUp && !failures.empty() && failures.front().index == 0) {
+        throw RequestError("netlink", "taking the link down: " + failures.front().reason());
+    }
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What is, or may be, in force on an interface and has to be taken back: the content of its journal entry.
+#ifndef VKNETCONFIG_INTERFACERECORD_H
+#define VKNETCONFIG_INTERFACERECORD_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kernel/Route.h"
+#include "kernel/Rtnetlink.h"
+
+namespace vknetconfig {
+
+struct InterfaceRecord {
+    int index = 0;
+    std::string name;
+    std::optional<LinkState> linkBefore;  // when the link is brought up
+    std::vector<InterfaceAddress> addresses;
+    std::vector<Route> routes;
+    std::vector<std::string> dns;  // lines of the resolver, not looked into
+
+    std::string encode() const;
+    /// Throws a RequestError with the key "journal" when the text is no record.
+    static InterfaceRecord decode(std::string_view text);
+};
+
+}  // namespace vknetconfig
+
+#endif

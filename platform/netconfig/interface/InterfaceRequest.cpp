@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interface/InterfaceRequest.h"
+
+#include <arpa/inet.h>
+
+#include <limits>
+
+#include "interface/InterfaceName.h"
+#include "kernel/Ipv4.h"
+#include "RequestError.h"
+#include "json/StrictJson.h"
+
+namespace vknetconfig {
+
+namespace {
+
+constexpr std::string_view lettersAndDigits = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+constexpr char routesKey[] = "ipv4.additionalIfRoutes";
+
+// As read, before anything is concluded from it.
+struct Ipv4Part {
+    std::optional<in_addr> ip;
+    std::optional<in_addr> netmask;
+    std::optional<in_addr> gateway;
+    std::vector<Route> routes;  // one for each element
+    std::vector<in_addr> dns;
+};
+
+struct Whole {
+    InterfaceRequest request;
+    Ipv4Part ipv4;
+};
+
+in_addr hexAddress(const JsonValue& value)
+{
+    const std::string_view text = value.text();
+    const std::optional<in_addr> address = parseHexAddress(text);
+    if (!address) value.refuse("must be \"0x\" and eight hex digits, not " + excerpt(text));
+    return *address;
+}
+
+in_addr dottedAddress(const JsonValue& value)
+{
+    const std::string_view text = value.text();
+    const std::optional<in_addr> address = parseDottedAddress(text);
+    if (!address) value.refuse("must be a dotted IPv4 address, not " + excerpt(text));
+    return *address;
+}
+
+std::uint8_t prefixOfNetmask(const JsonValue& value)
+{
+    const in_addr netmask = dottedAddress(value);
+    const std::optional<std::uint8_t> prefix = prefixLength(netmask);
+    if (!prefix) value.refuse("a netmask without holes is needed, not " + dotted(netmask));
+    return *prefix;
+}
+
+bool standsForNoGateway(const JsonValue& value)
+{
+    return value.isNull() || (value.isText() && value.text().empty());
+}
+
+bool isDomainName(std::string_view name)
+{
+    if (!name.empty() && name.front() == '~') name.remove_prefix(1);  // for routing queries only, as resolvers write it
+    if (name == ".") return true;
+    if (!name.empty() && name.back() == '.') name.remove_suffix(1);
+    if (name.empty() || name.size() > 253) return false;
+    while (true) {
+        const std::size_t dot = name.find('.');
+        const std::string_view label = name.substr(0, dot);
+        if (label.empty() || label.size() > 63) return false;
+        for (const char c : label) {
+            if (c != '-' && c != '_' && lettersAndDigits.find(c) == std::string_view::npos) return false;
+        }
+        if (dot == std::string_view::npos) return true;
+        name.remove_prefix(dot + 1);
+    }
+}
+
+std::string domainName(const JsonValue& value)
+{
+    const std::string_view name = value.text();
+    if (!isDomainName(name)) value.refuse("is no domain name: " + excerpt(name));
+    return std::string(name);
+}
+
+void readText(const JsonValue& value, Whole&)
+{
+    value.text();
+}
+
+void readTexts(const JsonValue& value, Whole&)
+{
+    value.forEach([](const JsonValue& element, std::size_t) { element.text(); });
+}
+
+const JsonField<Route> routeFields[] = {
+    {"ip", true, [](const JsonValue& value, Route& route) { route.destination = dottedAddress(value).s_addr; }},
+    {"netmask", true, [](const JsonValue& value, Route& route) { route.prefix = prefixOfNetmask(value); }},
+    {"gateway", false,
+     [](const JsonValue& value, Route& route) {
+         route.gateway = standsForNoGateway(value) ? 0 : dottedAddress(value).s_addr;
+     }},
+    {"metric", false,
+     [](const JsonValue& value, Route& route) {
+         route.metric = static_cast<std::uint32_t>(value.wholeNumber(0, std::numeric_limits<std::uint32_t>::max()));
+     }},
+};
+
+void readRoute(const JsonValue& value, Ipv4Part& part)
+{
+    Route route;
+    value.readObject(routeFields, route);
+    if ((route.destination & ~netmaskOf(route.prefix).s_addr) != 0) {
+        value.refuse("\"ip\" " + dotted({route.destination}) + " has bits outside of \"netmask\" " +
+                     dotted(netmaskOf(route.prefix)));
+    }
+    part.routes.push_back(route);
+}
+
+const JsonField<Ipv4Part> ipv4Fields[] = {
+    {"ip", false, [](const JsonValue& value, Ipv4Part& part) { part.ip = hexAddress(value); }},
+    {"netmask", false,
+     [](const JsonValue& value, Ipv4Part& part) {
+         part.netmask = hexAddress(value);
+         if (!prefixLength(*part.netmask)) {
+             value.refuse("a netmask without holes is needed, not " + dotted(*part.netmask));
+         }
+     }},
+    {"gateway", false, [](const JsonValue& value, Ipv4Part& part) { part.gateway = hexAddress(value); }},
+    {"dns", false,
+     [](const JsonValue& value, Ipv4Part& part) {
+         value.forEach([&](const JsonValue& element, std::size_t) {
+             part.dns.push_back(hexAddress(element));
+             if (part.dns.back().s_addr == 0) element.refuse("0.0.0.0 is no server");
+         });
+     }},
+    {"additionalIfRoutes", false,
+     [](const JsonValue& value, Ipv4Part& part) {
+         value.forEach([&](const JsonValue& element, std::size_t) { readRoute(element, part); });
+     }},
+};
+
+const JsonField<Whole> requestFields[] = {
+    {"ifName", true,
+     [](const JsonValue& value, Whole& whole) {
+         const std::string fault = interfaceNameFault(value.text());
+         if (!fault.empty()) value.refuse(fault);
+         whole.request.ifName = value.text();
+     }},
+    {"ifPriority", false,
+     [](const JsonValue& value, Whole&) {
+         value.wholeNumber(std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max());
+     }},
+    {"networkTechnology", false, readText},
+    {"networkScope", false, readText},
+    {"networkUsage", false, readTexts},
+    {"domainsOnIfDns", false,
+     [](const JsonValue& value, Whole& whole) {
+         value.forEach(
+             [&](const JsonValue& element, std::size_t) { whole.request.dns.domains.push_back(domainName(element)); });
+     }},
+    {"ipv4", false, [](const JsonValue& value, Whole& whole) { value.readObject(ipv4Fields, whole.ipv4); }},
+};
+
+// A default route becomes its two halves: more specific than the device's own default routes, which stay.
+void addRoute(InterfaceRequest& request, Route route, int source)
+{
+    if (route.prefix == 0) {
+        request.dns.allTraffic = true;
+        route.prefix = 1;
+        request.routes.push_back(route);
+        request.routeSources.push_back(source);
+        route.destination = htonl(0x80000000U);
+    }
+    request.routes.push_back(route);
+    request.routeSources.push_back(source);
+}
+
+void concludeAddress(const Ipv4Part& part, InterfaceRequest& request)
+{
+    if (!part.ip && part.netmask) throw RequestError("ipv4.ip", "missing, while \"netmask\" is given");
+    if (!part.ip) return;
+    if (!part.netmask) throw RequestError("ipv4.netmask", "missing, while \"ip\" is given");
+    if (part.ip->s_addr == 0) throw RequestError("ipv4.ip", "0.0.0.0 is no address for an interface");
+    request.address = InterfaceAddress{part.ip->s_addr, *prefixLength(*part.netmask)};
+}
+
+void concludeRoutes(const Ipv4Part& part, InterfaceRequest& request)
+{
+    request.routes.reserve(part.routes.size() + 2);
+    request.routeSources.reserve(part.routes.size() + 2);
+    int source = 0;
+    for (const Route& route : part.routes)
+        addRoute(request, route, source++);
+    // A default route among the routes says the same, and says it better.
+    if (!part.gateway || request.dns.allTraffic) return;
+    // An interface without a peer gives its own address for one.
+    const bool isOwn = part.ip && part.ip->s_addr == part.gateway->s_addr;
+    addRoute(request, Route{0, isOwn ? 0 : part.gateway->s_addr, 0, 0}, InterfaceRequest::fromGateway);
+}
+
+}  // namespace
+
+std::string InterfaceRequest::routeKey(std::size_t index) const
+{
+    const int source = routeSources[index];
+    return source == fromGateway ? "ipv4.gateway" : std::string(routesKey) + "[" + std::to_string(source) + "]";
+}
+
+InterfaceRequest parseInterfaceRequest(const char* json)
+{
+    const JsonDocument document(json);
+    Whole whole;
+    document.root().readObject(requestFields, whole);
+    concludeAddress(whole.ipv4, whole.request);
+    concludeRoutes(whole.ipv4, whole.request);
+    whole.request.dns.servers = std::move(whole.ipv4.dns);
+    return std::move(whole.request);
+}
+
+}  // namespace vknetconfig

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Talking with the kernel over netlink: batches of changes whose errors are told by sequence number, and dumps. Knows
+// nothing of what the messages mean. Failures of the socket itself throw a RequestError with the socket's key.
+#ifndef VKNETCONFIG_NETLINKSOCKET_H
+#define VKNETCONFIG_NETLINKSOCKET_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "netlink/NetlinkDatagram.h"
+#include "handles/Mnl.h"
+
+namespace vknetconfig {
+
+/// Why the kernel refused one message.
+struct NetlinkFailure {
+    std::size_t index = 0;  // of the message in its batch, from 0
+    int error = 0;          // errno value
+    std::string text;       // the kernel's own words, when it has some
+    std::string reason() const;
+};
+
+/// The kernel's own words in an error; empty when there are none.
+std::string kernelText(const nlmsghdr* message);
+
+class NetlinkSocket {
+public:
+    explicit NetlinkSocket(int protocol = NETLINK_ROUTE, const char* key = "netlink") : mProtocol(protocol), mKey(key)
+    {
+    }
+
+    /// Opens the socket at the first use; it stays open for later requests.
+    mnl_socket* handle();
+
+    /// Closes a socket that belongs to another network namespace than the calling thread does by now.
+    void followNamespace();
+
+    /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value; an
+    /// answer that a concurrent change interrupted is asked for again, for some seconds; then the result is EINTR.
+    int ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit);
+
+    int descriptor();
+    std::uint32_t nextSequence() { return ++mSequence; }
+    void send(const void* messages, std::size_t size);
+    /// Waits for answers, but not when some were lost: the last one may be among them. Never `failed`.
+    wfoal::NetlinkReceived receive(bool isLossy);
+    const nlmsghdr* nextMessage() { return mDatagram.next(); }
+
+private:
+    friend class NetlinkBatch;
+    [[noreturn]] void fail(const char* what) const;
+
+    int mProtocol;
+    const char* mKey;
+    MnlSocketPtr mSocket;
+    wfoal::NetlinkDatagram mDatagram;
+    ino_t mNamespace = 0;
+    std::uint32_t mSequence = 0;
+};
+
+/// Changes, sent in as few system calls as fit. Only the last message of each call asks for an acknowledgement.
+class NetlinkBatch {
+public:
+    /// tolerated: errno values that are no failure here.
+    NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated);
+
+    /// A header to put one message of at most 1024 bytes under; valid until the next call.
+    nlmsghdr* add(std::uint16_t type, std::uint16_t flags);
+
+    /// Sends what is left. The failures that the kernel told, in order; those of many may be incomplete, but the first
+    /// is always there.
+    const std::vector<NetlinkFailure>& finish();
+
+    /// True once a failure is known: the rest can as well be left out.
+    bool hasFailed() const { return !mFailures.empty(); }
+
+private:
+    void close();
+    void send();
+    void take(const nlmsghdr* message);
+
+    NetlinkSocket& mSocket;
+    std::vector<int> mTolerated;
+    std::vector<char> mBuffer;
+    std::size_t mUsed = 0;      // bytes of closed messages
+    nlmsghdr* mLast = nullptr;  // the open or last message
+    std::size_t mCount = 0;     // messages added so far
+    std::uint32_t mFirstSequence;
+    std::vector<NetlinkFailure> mFailures;
+};
+
+}  // namespace vknetconfig
+
+#endif

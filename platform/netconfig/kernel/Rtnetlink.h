@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Links, addresses and routes as rtnetlink messages: putting changes into a batch, and asking what is there. All that
+// is added carries this library's mark, the protocol number 119, and only what carries it is removed.
+#ifndef VKNETCONFIG_RTNETLINK_H
+#define VKNETCONFIG_RTNETLINK_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kernel/NetlinkSocket.h"
+#include "kernel/Route.h"
+
+namespace vknetconfig {
+
+constexpr std::uint8_t routeProtocol = 119;
+
+/// What bringing a link up changes. The kernel gives it a queueing discipline, and, when it has no hardware address,
+/// another way of making IPv6 addresses; neither goes back by itself.
+struct LinkState {
+    int index = 0;
+    bool isUp = false;
+    std::string queueing;        // kind of the root queueing discipline
+    int addressGeneration = -1;  // IPv6 address generation mode; -1: none
+    std::string name;
+};
+
+std::optional<LinkState> linkNamed(NetlinkSocket& socket, const std::string& name);
+std::optional<LinkState> linkWithIndex(NetlinkSocket& socket, int index);
+
+struct AddressFound {
+    InterfaceAddress address;
+    bool isOurs = false;
+};
+std::vector<AddressFound> addressesOf(NetlinkSocket& socket, int index);
+
+/// The marked routes through an interface, sorted.
+std::vector<Route> ownRoutesOf(NetlinkSocket& socket, int index);
+
+void addLinkUp(NetlinkBatch& batch, int index);
+/// Takes the link down when `now` is up, and puts back what bringing it up has changed.
+void addLinkRestore(NetlinkBatch& batch, const LinkState& before, const LinkState& now);
+void addAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address);
+void removeAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address);
+/// In front of an equal route of somebody else, which takes over again when this one goes.
+void addRoute(NetlinkBatch& batch, int index, const Route& route);
+void removeRoute(NetlinkBatch& batch, int index, const Route& route);
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,458 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "undolog/Journal.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "Log.h"
+#include "RequestError.h"
+#include "handles/Stdio.h"
+
+namespace vknetconfig {
+
+using wfoal::entrySuffix;
+using wfoal::holderIn;
+using wfoal::lockSuffix;
+using wfoal::namespaceSeparator;
+
+namespace {
+
+constexpr char turnName[] = "turn";
+constexpr std::string_view asideSuffix = ".journal.new";
+constexpr auto longestWait = std::chrono::seconds(10);
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw systemError("journal", what, errno);
+}
+
+std::string joined(std::string_view stem, std::string_view suffix)
+{
+    std::string name(stem);
+    name += suffix;
+    return name;
+}
+
+// The first `most` bytes.
+std::string readFrom(int file, std::size_t most)
+{
+    std::string text;
+    char part[65536];
+    while (text.size() < most) {
+        const ssize_t count = ::read(file, part, std::min(sizeof part, most - text.size()));
+        if (count == 0) break;
+        if (count > 0) {
+            text.append(part, static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            fail("read");
+        }
+    }
+    return text;
+}
+
+void writeAll(int file, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t count = ::write(file, text.data(), text.size());
+        if (count > 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            fail("write");
+        }
+    }
+}
+
+std::string bootId()
+{
+    const UniqueFd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) fail("boot id");
+    const std::string text = readFrom(file.get(), 64);
+    return text.substr(0, text.find('\n'));
+}
+
+Origin currentOrigin()
+{
+    Origin origin{bootId(), wfoal::currentNetworkNamespace(), {}};
+    struct stat status {};
+    if (origin.networkNamespace.empty() || stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
+    origin.namespaceInode = std::to_string(status.st_ino);
+    return origin;
+}
+
+// What a file of the folder is named without its suffix; empty for the file of the turn.
+std::string_view stemOfFile(std::string_view name)
+{
+    for (const std::string_view suffix : {entrySuffix, asideSuffix, lockSuffix}) {
+        if (name.size() > suffix.size() && name.substr(name.size() - suffix.size()) == suffix) {
+            return name.substr(0, name.size() - suffix.size());
+        }
+    }
+    return {};
+}
+
+bool isLinked(int file, int folder, const std::string& name)
+{
+    struct stat held {};
+    struct stat found {};
+    return fstat(file, &held) == 0 && fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+           held.st_ino == found.st_ino && held.st_dev == found.st_dev;
+}
+
+void nameHolder(int file)
+{
+    const std::string text = std::to_string(getpid()) + "\n";
+    if (ftruncate(file, 0) != 0 || pwrite(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        fail("write lock");
+    }
+}
+
+// A lock of the process: a child of fork does not have it, not even before it executes another program, and it ends
+// with the process. It also ends when the process closes any descriptor of the file, so a file that is locked must not
+// be opened a second time. A file that is open for reading only, as on a disk that cannot be written, cannot be locked
+// for writing; there nobody writes.
+bool lockNow(int file)
+{
+    struct flock wanted {};
+    const int mode = fcntl(file, F_GETFL);
+    wanted.l_type = mode >= 0 && (mode & O_ACCMODE) == O_RDONLY ? F_RDLCK : F_WRLCK;
+    wanted.l_whence = SEEK_SET;
+    while (fcntl(file, F_SETLK, &wanted) != 0) {
+        if (errno == EACCES || errno == EAGAIN) return false;
+        if (errno != EINTR) fail("lock");
+    }
+    return true;
+}
+
+std::string holderText(pid_t holder)
+{
+    return holder > 0 ? "process " + std::to_string(holder) : std::string("another process");
+}
+
+[[noreturn]] void refuseForOwner(const std::string& subject, pid_t holder)
+{
+    throw RequestError("journal",
+                       "the configuration of " + subject + " belongs to " + holderText(holder) + ", which is running");
+}
+
+bool mayTakeOver()
+{
+    const char* const value = secure_getenv("VKNETCONFIG_TAKE_OVER");
+    return value != nullptr && std::string_view(value) == "1";
+}
+
+}  // namespace
+
+Journal::Journal(std::string folder) : mFolderPath(std::move(folder)) {}
+
+Journal::Turn Journal::takeTurn(bool mustExist)
+{
+    // Asked anew each time: the folder may have been removed, and a process may enter another namespace.
+    mOrigin = currentOrigin();
+    mFolder.reset();
+    if (mustExist && mkdir(mFolderPath.c_str(), 0700) != 0 && errno != EEXIST) fail("make " + mFolderPath);
+    UniqueFd folder(open(mFolderPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder.valid()) {
+        if (errno == ENOENT && !mustExist) return Turn();
+        fail("open " + mFolderPath);
+    }
+    UniqueFd lock(openat(folder.get(), turnName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock.valid() && !mustExist) lock.reset(openat(folder.get(), turnName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!lock.valid()) {
+        if (errno == ENOENT && !mustExist) return Turn();
+        fail("open " + mFolderPath + "/" + turnName);
+    }
+    const auto end = std::chrono::steady_clock::now() + longestWait;
+    while (!lockNow(lock.get())) {
+        if (std::chrono::steady_clock::now() > end) {
+            throw RequestError("journal", holderText(holderIn(lock.get())) + " has been at work for 10 seconds");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (mustExist) nameHolder(lock.get());
+    mFolder = std::move(folder);
+    return Turn(std::move(lock));
+}
+
+std::string Journal::stemOf(std::string_view subject) const
+{
+    return joined(subject, namespaceSeparator + mOrigin.networkNamespace);
+}
+
+// The lock file of a stem, locked; invalid when a living process, then named, holds it. A file that was unlinked
+// between opening and locking is no lock, so it is opened again.
+UniqueFd Journal::lockOf(const std::string& stem, pid_t& holder) const
+{
+    const std::string name = joined(stem, lockSuffix);
+    while (true) {
+        UniqueFd lock(openat(mFolder.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!lock.valid()) fail("open " + name);
+        if (!lockNow(lock.get())) {
+            holder = holderIn(lock.get());
+            return UniqueFd();
+        }
+        if (isLinked(lock.get(), mFolder.get(), name)) return lock;
+    }
+}
+
+std::string Journal::own(const std::string& subject)
+{
+    const std::string stem = stemOf(subject);
+    const auto owned = mOwned.find(stem);
+    if (owned != mOwned.end() && isLinked(owned->second.get(), mFolder.get(), joined(stem, lockSuffix))) {
+        return read(subject);
+    }
+    pid_t holder = 0;
+    if (!upgrade(subject, holder)) refuseForOwner(subject, holder);
+    UniqueFd lock = lockOf(stem, holder);
+    if (!lock.valid()) refuseForOwner(subject, holder);
+    try {
+        nameHolder(lock.get());
+        std::string content = read(subject);
+        mOwned[stem] = std::move(lock);
+        return content;
+    } catch (...) {
+        unlinkat(mFolder.get(), joined(stem, lockSuffix).c_str(), 0);
+        throw;
+    }
+}
+
+std::string Journal::ownForRemoval(const std::string& subject)
+{
+    if (!mFolder.valid()) return {};
+    const std::string stem = stemOf(subject);
+    if (mayTakeOver() && !owns(subject)) takeFromHolder(stem);
+    pid_t holder = 0;
+    if (!upgrade(subject, holder)) refuseForOwner(subject, holder);
+    // The folder may be one that cannot be written to.
+    if (!exists(joined(stem, entrySuffix)) && !exists(joined(stem, lockSuffix))) return {};
+    return own(subject);
+}
+
+// The holder sees by the removed lock file that the subject is no longer its own, and by the number in it who took it.
+void Journal::takeFromHolder(const std::string& stem)
+{
+    const std::string name = joined(stem, lockSuffix);
+    const UniqueFd lock(openat(mFolder.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!lock.valid()) {
+        if (errno == ENOENT) return;
+        fail("open " + name);
+    }
+    if (lockNow(lock.get())) return;  // it has no living holder
+    const pid_t holder = holderIn(lock.get());
+    nameHolder(lock.get());
+    if (unlinkat(mFolder.get(), name.c_str(), 0) != 0) fail("remove " + name);
+    VKNETCONFIG_WARNING("%s: taken from %s, which is running", stem.substr(0, stem.rfind(namespaceSeparator)).c_str(),
+                        holderText(holder).c_str());
+}
+
+// Writes an entry of version 1 anew, as one of this version. False when its owner lives, with an earlier library.
+bool Journal::upgrade(const std::string& subject, pid_t& holder)
+{
+    const EntryHead head = headOf(subject);
+    if (head.kind != EntryKind::here || head.version != 1 || exists(joined(stemOf(subject), entrySuffix))) return true;
+    const UniqueFd lock = lockOf(subject, holder);
+    if (!lock.valid()) return false;
+    // The earlier library took another kind of lock.
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        holder = holderIn(lock.get());
+        return false;
+    }
+    write(subject, textOf(joined(subject, entrySuffix)).substr(head.content));
+    removeFiles(subject);
+    return true;
+}
+
+void Journal::write(const std::string& subject, std::string_view content)
+{
+    const std::string stem = stemOf(subject);
+    const std::string name = joined(stem, entrySuffix);
+    const std::string aside = joined(stem, asideSuffix);
+    try {
+        const UniqueFd file(
+            openat(mFolder.get(), aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!file.valid()) fail("write " + name);
+        writeAll(file.get(), entryHead(mOrigin));
+        writeAll(file.get(), content);
+        if (fsync(file.get()) != 0) fail("sync " + name);
+        if (renameat(mFolder.get(), aside.c_str(), mFolder.get(), name.c_str()) != 0) fail("rename " + name);
+        if (fsync(mFolder.get()) != 0) fail("sync " + mFolderPath);
+    } catch (...) {
+        unlinkat(mFolder.get(), aside.c_str(), 0);
+        throw;
+    }
+}
+
+// The text of a file, or its first bytes; empty when there is none.
+std::string Journal::textOf(const std::string& name, std::size_t most) const
+{
+    if (!mFolder.valid()) return {};
+    const UniqueFd file(openat(mFolder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (file.valid()) return readFrom(file.get(), most);
+    if (errno == ENOENT) return {};
+    fail("open " + name);
+}
+
+EntryHead Journal::headOf(const std::string& stem) const
+{
+    const std::string name = joined(stem, entrySuffix);
+    return exists(name) ? readEntryHead(textOf(name, longestEntryHead), mOrigin) : EntryHead();
+}
+
+bool Journal::exists(const std::string& name) const
+{
+    struct stat status {};
+    if (!mFolder.valid()) return false;
+    if (fstatat(mFolder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return true;
+    if (errno == ENOENT) return false;
+    fail("look at " + name);
+}
+
+std::string Journal::read(const std::string& subject) const
+{
+    const std::string stem = stemOf(subject);
+    const EntryHead head = headOf(stem);
+    const std::string name = joined(stem, entrySuffix);
+    if (head.kind == EntryKind::unknown) {
+        throw RequestError("journal", "the entry " + mFolderPath + "/" + name + " has an unknown version");
+    }
+    return head.kind == EntryKind::here ? textOf(name).substr(head.content) : std::string();
+}
+
+std::function<bool()> Journal::lineCheck(const std::string& subject, const std::string& line) const
+{
+    return [path = mFolderPath + "/" + joined(stemOf(subject), entrySuffix), text = "\n" + line + "\n"] {
+        const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (file.valid()) return readFrom(file.get(), std::string::npos).find(text) != std::string::npos;
+        if (errno == ENOENT) return false;
+        fail("open " + path);
+    };
+}
+
+void Journal::erase(const std::string& subject)
+{
+    if (mFolder.valid()) removeEntry(stemOf(subject));
+    release(subject);
+}
+
+// Also a half-written one. The lock is its owner's to remove.
+void Journal::removeEntry(const std::string& stem) const
+{
+    const std::string name = joined(stem, entrySuffix);
+    unlinkat(mFolder.get(), joined(stem, asideSuffix).c_str(), 0);
+    if (unlinkat(mFolder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove " + name);
+}
+
+// The caller holds the lock.
+void Journal::removeFiles(const std::string& stem) const
+{
+    removeEntry(stem);
+    unlinkat(mFolder.get(), joined(stem, lockSuffix).c_str(), 0);
+}
+
+void Journal::release(const std::string& subject)
+{
+    const std::string stem = stemOf(subject);
+    const auto owned = mOwned.find(stem);
+    if (owned == mOwned.end()) return;
+    const std::string name = joined(stem, lockSuffix);
+    if (mFolder.valid() && isLinked(owned->second.get(), mFolder.get(), name)) {
+        unlinkat(mFolder.get(), name.c_str(), 0);
+    }
+    mOwned.erase(owned);
+}
+
+std::set<std::string> Journal::stems() const
+{
+    std::set<std::string> stems;
+    if (!mFolder.valid()) return stems;
+    UniqueFd again(openat(mFolder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const DirPtr folder(again.valid() ? fdopendir(again.get()) : nullptr);
+    if (!folder) fail("list " + mFolderPath);
+    again.release();
+    while (const dirent* found = readdir(folder.get())) {
+        const std::string_view stem = stemOfFile(found->d_name);
+        if (!stem.empty()) stems.emplace(stem);
+    }
+    return stems;
+}
+
+std::vector<std::string> Journal::takeLeftBehind(const std::function<bool(const std::string& subject)>& isWanted)
+{
+    std::vector<std::string> left;
+    try {
+        for (const std::string& stem : stems()) {
+            if (mOwned.count(stem) != 0) continue;
+            const std::string subject = subjectOf(stem);
+            if (subject.empty() || owns(subject) || !isWanted(subject)) continue;
+            left.push_back(subject);
+            pid_t holder = 0;
+            UniqueFd lock = lockOf(stemOf(subject), holder);
+            if (lock.valid()) {
+                mOwned[stemOf(subject)] = std::move(lock);
+            } else {
+                left.pop_back();
+            }
+        }
+    } catch (...) {
+        for (const std::string& subject : left)
+            release(subject);
+        throw;
+    }
+    return left;
+}
+
+// The subject that an entry of this boot and network namespace is about; empty for other files. Those of no use are
+// removed, unless a living process holds their lock.
+std::string Journal::subjectOf(const std::string& stem)
+{
+    const EntryHead head = headOf(stem);
+    pid_t holder = 0;
+    switch (head.kind) {
+    case EntryKind::here:
+        if (head.version != 1) return stem.substr(0, stem.rfind(namespaceSeparator));
+        return upgrade(stem, holder) ? stem : std::string();
+    case EntryKind::elsewhere: return {};
+    case EntryKind::unknown: reportUnknown(stem); return {};
+    case EntryKind::none:
+    case EntryKind::otherBoot: break;
+    }
+    const UniqueFd lock = lockOf(stem, holder);
+    if (lock.valid()) removeFiles(stem);
+    return {};
+}
+
+// Once a process, as every request comes by.
+void Journal::reportUnknown(const std::string& stem)
+{
+    if (!mReported.insert(stem).second) return;
+    VKNETCONFIG_WARNING("the entry %s/%s.journal is kept: it has an unknown version", mFolderPath.c_str(),
+                        stem.c_str());
+}
+
+std::vector<Journal::Lost> Journal::takeLost()
+{
+    std::vector<Lost> lost;
+    for (auto owned = mOwned.begin(); owned != mOwned.end();) {
+        struct stat status {};
+        if (fstat(owned->second.get(), &status) != 0 || status.st_nlink != 0) {
+            ++owned;
+            continue;
+        }
+        const pid_t holder = holderIn(owned->second.get());
+        lost.push_back(
+            {owned->first.substr(0, owned->first.rfind(namespaceSeparator)), holder == getpid() ? 0 : holder});
+        owned = mOwned.erase(owned);
+    }
+    return lost;
+}
+
+}  // namespace vknetconfig

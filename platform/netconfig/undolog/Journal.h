@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The journal of changes under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one
+// entry that tells how to undo what is, or may be, installed. It is written whole and synced before anything is
+// changed, so whoever finds it after a crash can clean up. An entry belongs to the process that holds its lock, for as
+// long as that process lives; an entry without a living owner was left behind. Subjects are those of the calling
+// thread's network namespace; the entries of other ones are not touched. Entries of an earlier boot are removed.
+// Entries of an unknown version are kept, and refuse requests for their subject.
+//
+// A child of fork holds none of its parent's locks; it needs a journal of its own. One process has one journal.
+//
+// Not thread-safe: the library's one mutex guards it. Failures throw a RequestError with the key "journal"; then
+// nothing is owned that was not owned before.
+#ifndef VKNETCONFIG_JOURNAL_H
+#define VKNETCONFIG_JOURNAL_H
+
+#include <sys/types.h>
+
+#include <exception>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "undolog/JournalEntry.h"
+#include "undolog/UndoLogFiles.h"
+#include "handles/UniqueFd.h"
+
+namespace vknetconfig {
+
+class Journal {
+public:
+    explicit Journal(std::string folder = wfoal::journalFolder);
+
+    /// The lock that lets one request at a time work, over all processes. Every other operation needs it.
+    class Turn {
+    public:
+        Turn() = default;
+        explicit Turn(UniqueFd lock) : mLock(std::move(lock)) {}
+
+    private:
+        UniqueFd mLock;
+    };
+
+    /// Waits for the turn, 10 seconds at most.
+    /// mustExist: a request that changes something; the folder is made. Otherwise a missing folder is an empty journal.
+    Turn takeTurn(bool mustExist);
+
+    /// Makes this process the owner of the subject; throws, naming the process, when another living one is. Returns the
+    /// content of the entry: what this process wrote, or what a dead one left; empty when there is none.
+    std::string own(const std::string& subject);
+
+    /// The same for a request that only removes. Without entry and lock nothing is owned. With VKNETCONFIG_TAKE_OVER=1
+    /// in the environment the subject of another living process is taken from it.
+    std::string ownForRemoval(const std::string& subject);
+
+    bool owns(const std::string& subject) const { return mOwned.count(stemOf(subject)) != 0; }
+
+    /// Replaces the content of an owned subject. When this returns it is on the disk; when it throws, the earlier
+    /// content still is.
+    void write(const std::string& subject, std::string_view content);
+
+    /// The content of the entry, whoever owns it; empty when there is none.
+    std::string read(const std::string& subject) const;
+
+    /// A question for any thread at any time: does the entry of the subject still have this line? It throws when the
+    /// entry cannot be read.
+    std::function<bool()> lineCheck(const std::string& subject, const std::string& line) const;
+
+    /// Removes the entry and gives up ownership. Without an entry nothing happens.
+    void erase(const std::string& subject);
+
+    /// Gives up the ownership of a subject; its entry stays.
+    void release(const std::string& subject);
+
+    /// Subjects that a dead process of this boot and network namespace left, of those that are wanted; this process
+    /// owns them now.
+    std::vector<std::string> takeLeftBehind(const std::function<bool(const std::string& subject)>& isWanted);
+
+    /// A subject that another process took from this one; `by` is 0 when its files were removed without a word.
+    struct Lost {
+        std::string subject;
+        pid_t by = 0;
+    };
+    /// The subjects lost since the last call, which this process owns no more.
+    std::vector<Lost> takeLost();
+
+private:
+    std::string stemOf(std::string_view subject) const;
+    std::set<std::string> stems() const;
+    std::string textOf(const std::string& name, std::size_t most = std::string::npos) const;
+    EntryHead headOf(const std::string& stem) const;
+    bool exists(const std::string& name) const;
+    UniqueFd lockOf(const std::string& stem, pid_t& holder) const;
+    void removeEntry(const std::string& stem) const;
+    void removeFiles(const std::string& stem) const;
+    bool upgrade(const std::string& subject, pid_t& holder);
+    void takeFromHolder(const std::string& stem);
+    std::string subjectOf(const std::string& stem);
+    void reportUnknown(const std::string& stem);
+
+    std::string mFolderPath;
+    Origin mOrigin;  // of the calling thread, asked at each turn
+    UniqueFd mFolder;
+    std::map<std::string, UniqueFd> mOwned;  // the locks, by stem
+    std::set<std::string> mReported;         // entries of an unknown version that the log has a line about
+};
+
+/// While a request works on a subject: gives up its ownership at the end of the scope, unless this process owned it
+/// before or keep() was called. So a refused request takes over nothing.
+class NewOwnership {
+public:
+    NewOwnership(Journal& journal, std::string subject)
+        : mJournal(journal), mSubject(std::move(subject)), mIsKept(journal.owns(mSubject))
+    {
+    }
+    NewOwnership(const NewOwnership&) = delete;
+    NewOwnership& operator=(const NewOwnership&) = delete;
+    ~NewOwnership()
+    {
+        try {
+            if (!mIsKept) mJournal.release(mSubject);
+        } catch (const std::exception&) {
+            // No memory for a name: it stays owned, and the next request for the subject goes on from there.
+        }
+    }
+    void keep() { mIsKept = true; }
+
+private:
+    Journal& mJournal;
+    std::string mSubject;
+    bool mIsKept;
+};
+
+}  // namespace vknetconfig
+
+#endif

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "json/StrictJson.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "json/JsonError.h"
+
+using namespace wfoal;
+
+namespace {
+
+struct Point {
+    std::int64_t x = 0;
+    std::string name;
+};
+
+const JsonField<Point> pointFields[] = {
+    {"x", true, [](const JsonValue& value, Point& point) { point.x = value.wholeNumber(-5, 4294967295); }},
+    {"name", false, [](const JsonValue& value, Point& point) { point.name = value.text(); }},
+};
+
+struct Shape {
+    std::vector<Point> points;
+};
+
+const JsonField<Shape> shapeFields[] = {
+    {"points", true,
+     [](const JsonValue& value, Shape& shape) {
+         value.forEach([&](const JsonValue& element, std::size_t) {
+             element.readObject(pointFields, shape.points.emplace_back());
+         });
+     }},
+};
+
+Shape read(const char* text)
+{
+    const JsonDocument document(text);
+    Shape shape;
+    document.root().readObject(shapeFields, shape);
+    return shape;
+}
+
+std::string errorOf(const char* text)
+{
+    try {
+        read(text);
+    } catch (const JsonError& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+}  // namespace
+
+TEST(StrictJson, ReadsObjectsIntoRecords)
+{
+    const Shape shape = read(R"({"points":[{"x":4294967295,"name":"\u00e9 \"q\""},{"x":-5}]})");
+    ASSERT_EQ(shape.points.size(), 2U);
+    EXPECT_EQ(shape.points[0].x, 4294967295);
+    EXPECT_EQ(shape.points[0].name, "\xc3\xa9 \"q\"");
+    EXPECT_EQ(shape.points[1].x, -5);
+}
+
+TEST(StrictJson, ErrorsNameTheKeyByItsPath)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {R"([])", "the request: must be an object"},
+        {R"({})", "points: missing"},
+        {R"({"points":null})", "points: must be an array"},
+        {R"({"points":[{"x":1},{}]})", "points[1].x: missing"},
+        {R"({"points":[{"x":"1"}]})", "points[0].x: must be a whole number from -5 to 4294967295"},
+        {R"({"points":[{"x":1.5}]})", "points[0].x: must be a whole number from -5 to 4294967295"},
+        {R"({"points":[{"x":1e2}]})", "points[0].x: must be a whole number from -5 to 4294967295"},
+        {R"({"points":[{"x":4294967296}]})", "points[0].x: must be a whole number from -5 to 4294967295"},
+        {R"({"points":[{"x":99999999999999999999}]})", "points[0].x: must be a whole number from -5 to 4294967295"},
+        {R"({"points":[{"x":1,"name":null}]})", "points[0].name: must be a text"},
+        {R"({"points":[{"x":1,"name":"a\u0000b"}]})", "points[0].name: must not hold a NUL character"},
+        {R"({"points":[{"x":1,"x":1}]})", "points[0].x: given twice"},
+        {R"({"points":[{"x":1,"y":1}]})", "points[0].y: unknown key"},
+        {"{\"points\":[{\"x\":1,\"a\\nb\":1}]}", "points[0].\"a?b\": unknown key"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(errorOf(text), expected) << text;
+}
+
+TEST(StrictJson, WhatIsNotJsonIsRefusedWithThePlace)
+{
+    for (const char* text : {"", " ", "{", "{\"points\":[]", "{\"points\":[],}", "{'points':[]}", "{\"points\":[]} x",
+                             "{\"points\":[] /* no */}", "{\"points\":[NaN]}", "{\"points\":[01]}", "nul",
+                             "{\"points\":[\"\xff\"]}", "{\"points\":[\"a\nb\"]}"}) {
+        EXPECT_EQ(errorOf(text).find("the request is not JSON: "), 0U) << text << " gave " << errorOf(text);
+    }
+    EXPECT_EQ(errorOf(nullptr), "the request is a null pointer");
+}
+
+TEST(StrictJson, DeepNestingCostsNoStack)
+{
+    const std::size_t depth = 1 << 20;
+    const std::string open(depth, '[');
+    EXPECT_EQ(errorOf(open.c_str()).find("the request is not JSON: "), 0U);
+    EXPECT_EQ(errorOf((open + std::string(depth, ']')).c_str()), "the request: must be an object");
+}
+
+TEST(StrictJson, AKeyOfOneMebibyteIsShownInPart)
+{
+    const std::string key(1 << 20, 'k');
+    EXPECT_EQ(errorOf(("{\"" + key + "\":1}").c_str()), "\"" + key.substr(0, 40) + "...\": unknown key");
+}
+
+TEST(StrictJson, ATextThatEndsWithinACharacterIsReadNoFurther)
+{
+    for (const char* text :
+         {"{\"\xf0", "{\"\xe2\x82", "{\"a\":\"\xc3", "\xf0\x9f\x98", "{\"\xff\":1}", "{\"\xc0\x80\":1}"}) {
+        const std::string error = errorOf(text);
+        EXPECT_EQ(error.rfind("the request is not JSON: no UTF-8, at line 1, column ", 0), 0U) << error;
+    }
+    EXPECT_EQ(errorOf("\n\n{\"\xc3\xa9\xe9"), "the request is not JSON: no UTF-8, at line 3, column 4");
+}

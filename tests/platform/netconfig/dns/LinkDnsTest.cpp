@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dns/LinkDns.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+
+#include "dns/RateLimit.h"
+#include "RequestError.h"
+
+using namespace vknetconfig;
+using testing::StartsWith;
+using namespace std::chrono_literals;
+
+namespace {
+
+DnsServer server(const char* address, std::uint16_t port = 0, const char* name = "")
+{
+    const int family = std::string(address).find(':') == std::string::npos ? AF_INET : AF_INET6;
+    DnsServer made{family, std::string(family == AF_INET ? 4 : 16, '\0'), port, name};
+    EXPECT_EQ(inet_pton(family, address, made.address.data()), 1);
+    return made;
+}
+
+DnsSettings settings(const std::vector<const char*>& servers, const std::vector<std::string>& domains, bool allTraffic)
+{
+    DnsSettings made{{}, domains, allTraffic};
+    for (const char* address : servers)
+        made.servers.push_back(in_addr{inet_addr(address)});
+    return made;
+}
+
+const LinkDns tunnel{{server("10.8.0.1")}, {{"corp.test", false}}, false};
+const LinkDns nothing{{}, {}, true};
+
+std::string errorOf(const std::string& text)
+{
+    try {
+        LinkChange::decode(text);
+    } catch (const RequestError& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+}  // namespace
+
+TEST(LinkDnsTest, domainsWithoutAllTrafficAreAskedHereAndNothingElseIs)
+{
+    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"corp.test"}, false)), tunnel);
+}
+
+TEST(LinkDnsTest, withAllTrafficEverythingIsAskedHere)
+{
+    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"corp.test"}, true)),
+              (LinkDns{{server("10.8.0.1")}, {{"corp.test", false}, {".", true}}, true}));
+}
+
+TEST(LinkDnsTest, serversWithoutDomainsTakeWhatNoOtherLinkClaims)
+{
+    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {}, false)), (LinkDns{{server("10.8.0.1")}, {}, true}));
+    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {}, true)), (LinkDns{{server("10.8.0.1")}, {{".", true}}, true}));
+}
+
+TEST(LinkDnsTest, domainsWithoutServersClaimNotEverything)
+{
+    EXPECT_EQ(wantedOf(settings({}, {"corp.test"}, true)), (LinkDns{{}, {{"corp.test", false}}, true}));
+}
+
+TEST(LinkDnsTest, namesDifferNeitherByCaseNorByTheLastDot)
+{
+    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"Corp.TEST.", "corp.test"}, false)), tunnel);
+}
+
+TEST(LinkDnsTest, aTildeMeansNotSearched)
+{
+    EXPECT_EQ(wantedOf(settings({}, {"~a", "~."}, false)).domains, (std::vector<DnsDomain>{{"a", true}, {".", true}}));
+    EXPECT_EQ(wantedOf(settings({}, {"~a", "a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
+    EXPECT_EQ(wantedOf(settings({}, {"a", "~a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
+}
+
+TEST(LinkDnsTest, doublesAreDroppedAndTheOrderStays)
+{
+    EXPECT_EQ(wantedOf(settings({"10.0.0.2", "10.0.0.1", "10.0.0.2"}, {}, false)).servers,
+              (std::vector<DnsServer>{server("10.0.0.2"), server("10.0.0.1")}));
+}
+
+TEST(LinkDnsTest, aChangeComesBackFromItsLine)
+{
+    const LinkDns others{
+        {server("192.168.1.1", 5353), server("fe80::1", 853, "dns.example")}, {{"a", true}, {"b", false}}, true};
+    const LinkChange change{{17, "norvatun0"}, tunnel, others};
+    EXPECT_EQ(change.encode(),
+              "17 norvatun0 10.8.0.1/0/ corp.test no 192.168.1.1/5353/,fe80::1/853/dns.example ~a,b yes");
+    const LinkChange again = LinkChange::decode(change.encode());
+    EXPECT_EQ(again.link, change.link);
+    EXPECT_EQ(again.set, change.set);
+    EXPECT_EQ(again.before, change.before);
+}
+
+TEST(LinkDnsTest, emptyListsComeBackFromTheirLine)
+{
+    const LinkChange change{{1, "a"}, nothing, nothing};
+    EXPECT_EQ(change.encode(), "1 a - - yes - - yes");
+    EXPECT_EQ(LinkChange::decode(change.encode()).before, nothing);
+}
+
+TEST(LinkDnsTest, aLineThatIsNoChangeIsRefused)
+{
+    for (const char* text : {"", "x", "1", "1 a", "1 a - - yes", "1 a - - yes - - maybe", "1 a - - yes - - yes more",
+                             "a a - - yes - - yes", "1 a 10.0.0.1 - yes - - yes", "1 a 10.0.0.1/x/ - yes - - yes",
+                             "1 a 10.0.0.1/70000/ - yes - - yes", "1 a 10.0.0/0/ - yes - - yes", "1  - - yes - - yes",
+                             "1 a 10.0.0.1/0/a/b - yes - - yes", "1 a , - yes - - yes"}) {
+        EXPECT_THAT(errorOf(text), StartsWith("journal: ")) << text;
+    }
+}
+
+TEST(LinkDnsTest, whatIsStillOursIsTakenBack)
+{
+    const LinkChange change{{1, "a"}, tunnel, nothing};
+    EXPECT_EQ(takenBack(change, tunnel), nothing);
+}
+
+TEST(LinkDnsTest, whatWasSetOnlyInPartIsTakenBack)
+{
+    const LinkChange change{{1, "a"}, tunnel, nothing};
+    EXPECT_EQ(takenBack(change, {tunnel.servers, {}, true}), nothing);
+    EXPECT_EQ(takenBack(change, {tunnel.servers, tunnel.domains, true}), nothing);
+    EXPECT_EQ(takenBack(change, nothing), nothing);
+}
+
+TEST(LinkDnsTest, whatSomebodyElseHasSetSinceIsLeft)
+{
+    const LinkChange change{{1, "a"}, tunnel, nothing};
+    const LinkDns theirs{{server("9.9.9.9")}, {{"their.test", false}}, true};
+    EXPECT_EQ(takenBack(change, theirs), theirs);
+    EXPECT_EQ(takenBack(change, {theirs.servers, tunnel.domains, false}), (LinkDns{theirs.servers, {}, true}));
+}
+
+TEST(RateLimitTest, soManyTimesInASpanAndThenWhenTheFirstIsOver)
+{
+    RateLimit limit(2, 60s);
+    const RateLimit::Clock::time_point start(1000s);
+    EXPECT_EQ(limit.next(start), start);
+    limit.count(start);
+    EXPECT_EQ(limit.next(start + 10s), start + 10s);
+    limit.count(start + 10s);
+    EXPECT_EQ(limit.next(start + 20s), start + 60s);
+    EXPECT_EQ(limit.next(start + 65s), start + 65s);
+    limit.count(start + 65s);
+    EXPECT_EQ(limit.next(start + 66s), start + 70s) << "the second one counts now";
+}

@@ -1,0 +1,242 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// DNS through resolvconf, with a small script of this name that writes down how it was called.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+#include "Daemons.h"
+#include "dns/Dns.h"
+#include "RequestError.h"
+#include "dns/ToolRun.h"
+#include "handles/UniqueFd.h"
+
+using namespace vknetconfig;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr char folder[] = "/tmp/tools";
+constexpr char record[] = "/tmp/record";
+
+const Link link0{5, "norvatun0"};
+
+DnsSettings tunnel()
+{
+    return {{in_addr{inet_addr("10.8.0.1")}, in_addr{inet_addr("10.8.0.2")}}, {"corp.test", "Lab.test."}, true};
+}
+
+std::string errorOf(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const RequestError& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+std::string contentOf(const std::string& path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+class ResolvconfTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+        setenv("PATH", (std::string(folder) + ":/usr/bin:/bin").c_str(), 1);
+        std::filesystem::create_directories(folder);
+        std::filesystem::remove(record);
+    }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    // A resolvconf that records its arguments and input, and then does what `then` says.
+    static void install(const std::string& then = "", mode_t mode = 0755)
+    {
+        const std::string path = std::string(folder) + "/resolvconf";
+        std::ofstream(path) << "#!/bin/sh\n[ \"$1\" = --version ] && exit 1\n{ echo \"$*\"; cat; } >>" << record << "\n"
+                            << then << "\n";
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    }
+
+    Dns dns;
+};
+
+}  // namespace
+
+TEST_F(ResolvconfTest, serversAndSearchDomainsAreHandedOver)
+{
+    install();
+    const std::string prepared = dns.prepare(link0, tunnel());
+    EXPECT_EQ(contentOf(record), "") << "preparing changes nothing";
+    dns.set(link0, tunnel(), prepared);
+    EXPECT_EQ(contentOf(record),
+              "-a norvatun0.vknetconfig\nnameserver 10.8.0.1\nnameserver 10.8.0.2\nsearch corp.test lab.test\n");
+}
+
+TEST_F(ResolvconfTest, takingBackRemovesOurEntryOnly)
+{
+    install();
+    const std::string prepared = dns.prepare(link0, tunnel());
+    dns.set(link0, tunnel(), prepared);
+    std::filesystem::remove(record);
+    Dns other;
+    other.undo(prepared);
+    EXPECT_EQ(contentOf(record), "-d norvatun0.vknetconfig\n");
+}
+
+TEST_F(ResolvconfTest, domainsAloneHaveNoServerLine)
+{
+    install();
+    const DnsSettings settings{{}, {"corp.test", "~route.test"}, false};
+    dns.set(link0, settings, dns.prepare(link0, settings));
+    EXPECT_EQ(contentOf(record), "-a norvatun0.vknetconfig\nsearch corp.test\n");
+}
+
+TEST_F(ResolvconfTest, withoutAnyResolverTheErrorNamesTheKey)
+{
+    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+}
+
+TEST_F(ResolvconfTest, aToolThatDoesNotRunIsNoResolver)
+{
+    install("", 0644);
+    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+    std::ofstream(std::string(folder) + "/resolvconf") << "#!/nonexistent/interpreter\n";
+    ASSERT_EQ(chmod((std::string(folder) + "/resolvconf").c_str(), 0755), 0);
+    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+}
+
+// Where systemd-resolved brings its own resolvconf, that is a link to resolvectl, which needs systemd-resolved.
+TEST_F(ResolvconfTest, resolvectlUnderThisNameIsNoResolver)
+{
+    if (const std::string reason = testsupport::daemonUnavailable(testsupport::Daemon::resolved); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const std::string path = std::string(folder) + "/resolvconf";
+    // The program goes by the name that it is called by; what fetched it wraps it in a script.
+    std::ofstream(path) << "#!/bin/bash\nexec() { builtin exec -a resolvconf \"$@\"; }\n. "
+                        << testsupport::daemonTool("resolvectl") << "\n";
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    ASSERT_THAT(testsupport::runCommand({path, "--help"}).output, HasSubstr("resolvconf -a INTERFACE"));
+    EXPECT_EQ(errorOf([&] { dns.prepare(link0, tunnel()); }),
+              "ipv4.dns: no resolver takes it: systemd-resolved does not answer on the system bus, and there is no "
+              "resolvconf that works without it");
+    // What an earlier resolvconf was given went with it.
+    EXPECT_EQ(errorOf([&] { dns.undo("resolvconf norvatun0"); }), "no error");
+}
+
+TEST_F(ResolvconfTest, aToolThatFailsIsReportedInItsOwnWords)
+{
+    install("echo 'no space left' >&2; echo more >&2; exit 3");
+    const std::string prepared = dns.prepare(link0, tunnel());
+    EXPECT_EQ(errorOf([&] { dns.set(link0, tunnel(), prepared); }),
+              "ipv4.dns: resolvconf: exit code 3: \"no space left\"");
+    EXPECT_THAT(errorOf([&] { dns.undo(prepared); }), StartsWith("ipv4.dns: resolvconf: exit code 3"));
+}
+
+TEST_F(ResolvconfTest, aToolThatHangsIsKilledWithWhatItStarted)
+{
+    install("sleep 3600 & echo $! >/tmp/sleeper; wait");
+    const std::string prepared = dns.prepare(link0, tunnel());
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(errorOf([&] { dns.set(link0, tunnel(), prepared); }), "ipv4.dns: resolvconf: it takes too long");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 7s);
+    std::string sleeper = contentOf("/tmp/sleeper");
+    sleeper.resize(sleeper.find('\n'));
+    // Killed, it is dead in a moment; whoever inherited it may not have collected it yet.
+    std::string status;
+    for (int attempt = 0; attempt < 500; ++attempt) {
+        status = contentOf("/proc/" + sleeper + "/stat");
+        if (status.empty() || status.find(") Z ") != std::string::npos) return;
+        std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << "still running: " << status;
+}
+
+TEST_F(ResolvconfTest, takingBackAfterTheToolIsGoneSucceeds)
+{
+    install();
+    const std::string prepared = dns.prepare(link0, tunnel());
+    std::filesystem::remove_all(folder);
+    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+}
+
+TEST_F(ResolvconfTest, aLineThatNobodyWroteIsRefused)
+{
+    EXPECT_THAT(errorOf([&] { dns.undo("somebody norvatun0"); }), StartsWith("journal: "));
+    EXPECT_THAT(errorOf([&] { dns.undo(""); }), StartsWith("journal: "));
+}
+
+TEST_F(ResolvconfTest, theAgentsOpenFilesAreNotTheTools)
+{
+    install("ls /proc/$$/fd >/tmp/files");
+    const UniqueFd inheritable(open("/dev/null", O_RDONLY));
+    const UniqueFd high(fcntl(inheritable.get(), F_DUPFD, 200));
+    dns.set(link0, tunnel(), dns.prepare(link0, tunnel()));
+    // The shell's own copy of its script has a number of its own choice.
+    EXPECT_THAT(contentOf("/tmp/files"), StartsWith("0\n1\n"));
+    EXPECT_THAT(contentOf("/tmp/files"), testing::Not(HasSubstr("200")));
+}
+
+TEST_F(ResolvconfTest, signalsThatTheAgentBlocksOrIgnoresReachTheTool)
+{
+    // The C library keeps the two real-time signals that it uses itself, 32 and 33.
+    install("grep -E 'Sig(Blk|Ign)' /proc/$$/status | sed s/180000000$/000000000/ >/tmp/signals");
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
+    const auto handler = signal(SIGPIPE, SIG_IGN);
+    dns.set(link0, tunnel(), dns.prepare(link0, tunnel()));
+    signal(SIGPIPE, handler);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(contentOf("/tmp/signals"), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+TEST(ToolRunTest, aResultIsToldInWords)
+{
+    EXPECT_EQ(runTool({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
+    EXPECT_TRUE(runTool({"true"}, {}, 5s).succeeded());
+    EXPECT_EQ(runTool({"sh", "-c", "kill -9 $$"}, {}, 5s).reason(), "killed by signal 9");
+    EXPECT_EQ(runTool({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
+}
+
+TEST(ToolRunTest, aMegabyteInAndOutBlocksNobody)
+{
+    const std::string megabyte(1 << 20, 'x');
+    const ToolResult result = runTool({"cat"}, megabyte, 20s);
+    EXPECT_TRUE(result.succeeded());
+    EXPECT_EQ(result.output, std::string(200, 'x'));
+}
+
+TEST(ToolRunTest, argumentsAreNoShellText)
+{
+    const ToolResult result = runTool({"echo", "$(id); `id` *"}, {}, 5s);
+    EXPECT_EQ(result.output, "$(id); `id` *");
+}
+
+TEST(ToolRunTest, anAgentThatIgnoresItsChildrenIsToldSo)
+{
+    const auto handler = signal(SIGCHLD, SIG_IGN);
+    const ToolResult result = runTool({"true"}, {}, 5s);
+    signal(SIGCHLD, handler);
+    EXPECT_EQ(result.end, ToolResult::End::unknown);
+}
