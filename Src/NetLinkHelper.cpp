@@ -10,7 +10,7 @@
 #include <cstring>
 #include <utility>
 
-#include "DottedAddress.h"
+#include "net/DottedAddress.h"
 #include "LeakCheck.h"
 #include "Log.h"
 #include "Decisions/RouteParser.h"

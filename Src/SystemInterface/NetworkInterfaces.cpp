@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "DottedAddress.h"
+#include "net/DottedAddress.h"
 #include "InterfaceIndex.h"
 #include "Decisions/InterfaceNames.h"
 #include "Log.h"

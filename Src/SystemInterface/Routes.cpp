@@ -8,7 +8,7 @@
 #include <new>
 #include <string>
 
-#include "DottedAddress.h"
+#include "net/DottedAddress.h"
 #include "InterfaceIndex.h"
 #include "JsonFields.h"
 #include "Log.h"

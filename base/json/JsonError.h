@@ -6,7 +6,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 
 namespace wfoal {
@@ -23,12 +22,6 @@ public:
 private:
     std::string mKey;
 };
-
-/// Text of a document in a form fit for an error line: quoted, printable, 40 characters at most.
-std::string excerpt(std::string_view text);
-
-/// "line 2, column 5": where a byte of a text is. Lines and characters from 1, as an editor counts them.
-std::string positionIn(std::string_view text, std::size_t offset);
 
 }  // namespace wfoal
 

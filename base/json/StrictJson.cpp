@@ -7,6 +7,7 @@
 #include <new>
 
 #include "json/JsonError.h"
+#include "text/Excerpt.h"
 #include "text/Suggest.h"
 #include "text/Utf8.h"
 

@@ -10,6 +10,7 @@
 
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
+#include "text/Excerpt.h"
 
 namespace vknetconfig {
 

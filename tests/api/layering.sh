@@ -9,15 +9,17 @@ cd "$1"
 # Which part may include which: folder, then the folders that it may reach beside itself. The most exact folder counts.
 rules="
 base/handles         -
-base/text            -
-base/json            base/text
+base/result          -
+base/text            base/result
+base/json            base/result base/text
+base/net             base/result base/text
 base/netlink         base/handles
 base/undolog         base/handles
 include/agent        -
 include/plugin       include/agent base/handles
 platform/include     -
-Src/Decisions        base/handles
-Src                  Src/Decisions include base/handles platform/include
+Src/Decisions        base/handles base/net
+Src                  Src/Decisions include base/handles base/net platform/include
 platform/systembus   base/handles platform/include
 platform/log         base/handles platform/include
 platform/bus         base/handles platform/include platform/systembus

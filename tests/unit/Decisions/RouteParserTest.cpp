@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "DottedAddress.h"
+#include "net/DottedAddress.h"
 #include "RouteMessages.h"
 
 namespace {

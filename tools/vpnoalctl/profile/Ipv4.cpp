@@ -5,7 +5,7 @@
 
 #include <charconv>
 
-#include "json/JsonError.h"
+#include "text/Excerpt.h"
 
 namespace vpnoalctl {
 

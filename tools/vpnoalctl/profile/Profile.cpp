@@ -10,6 +10,7 @@
 
 #include "CommandError.h"
 #include "json/JsonError.h"
+#include "text/Excerpt.h"
 #include "json/StrictJson.h"
 #include "profile/Names.h"
 #include "profile/Values.h"

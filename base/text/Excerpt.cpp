@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "json/JsonError.h"
+#include "text/Excerpt.h"
 
 #include <algorithm>
 
