@@ -4,10 +4,10 @@
 #ifndef VKNETCONFIG_DNSSETTINGS_H
 #define VKNETCONFIG_DNSSETTINGS_H
 
-#include <netinet/in.h>
-
 #include <string>
 #include <vector>
+
+#include "net/Ipv4.h"
 
 namespace vknetconfig {
 
@@ -26,7 +26,7 @@ bool isPresent(const Link& link);
 bool hasIndex(const Link& link);
 
 struct DnsSettings {
-    std::vector<in_addr> servers;
+    std::vector<wfoal::Ipv4Address> servers;
     std::vector<std::string> domains;  // checked names; "~name" is for choosing this link only, not for searching
     bool allTraffic = false;           // everything goes into the tunnel, so every question does too
 

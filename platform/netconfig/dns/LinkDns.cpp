@@ -165,8 +165,8 @@ bool operator==(const LinkDns& left, const LinkDns& right)
 LinkDns wantedOf(const DnsSettings& settings)
 {
     LinkDns wanted;
-    for (const in_addr& address : settings.servers) {
-        const std::string bytes(reinterpret_cast<const char*>(&address), sizeof address);
+    for (const wfoal::Ipv4Address address : settings.servers) {
+        const std::string bytes(reinterpret_cast<const char*>(&address.bits), sizeof address.bits);
         append(wanted.servers, DnsServer{AF_INET, bytes, 0, {}});
     }
     for (const std::string& name : settings.domains)

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dns/ResolvconfResolver.h"
 
-#include "kernel/Ipv4.h"
 #include "dns/LinkDns.h"
 #include "RequestError.h"
 #include "dns/ToolRun.h"
@@ -21,7 +20,7 @@ ToolResult run(const char* operation, std::string_view interfaceName, std::strin
 std::string fileFor(const DnsSettings& settings)
 {
     std::string text;
-    for (const in_addr& server : settings.servers)
+    for (const wfoal::Ipv4Address server : settings.servers)
         text += "nameserver " + dotted(server) + "\n";
     std::string names;
     for (const DnsDomain& domain : wantedOf(settings).domains) {

@@ -67,13 +67,13 @@ void addBaseChain(NftTransaction& transaction, const FirewallRequest& request, c
     rule.addTo(transaction);
 }
 
-void match(NftRule& rule, std::uint32_t offset, const std::optional<Network>& network)
+void match(NftRule& rule, std::uint32_t offset, const std::optional<wfoal::Ipv4Network>& network)
 {
     if (!network) return;
     if (network->prefix == 0) {
         rule.matchIpv4();  // any address, but still only IPv4
     } else {
-        rule.matchAddress(offset, network->address, network->prefix);
+        rule.matchAddress(offset, *network);
     }
 }
 

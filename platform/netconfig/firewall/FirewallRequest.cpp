@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "firewall/FirewallRequest.h"
 
-#include <charconv>
 #include <string_view>
 
 #include "interface/InterfaceName.h"
-#include "kernel/Ipv4.h"
 #include "RequestError.h"
 
 namespace vknetconfig {
@@ -52,36 +50,11 @@ std::string filterName(const JsonValue& value)
     return std::string(name);
 }
 
-std::optional<std::uint8_t> parsePrefix(std::string_view text)
+wfoal::Ipv4Network readNetwork(const JsonValue& value)
 {
-    std::uint8_t prefix = 0;
-    const char* const end = text.data() + text.size();
-    const auto [after, error] = std::from_chars(text.data(), end, prefix);
-    if (error != std::errc() || after != end || prefix > 32 || (text.size() > 1 && text[0] == '0')) return std::nullopt;
-    return prefix;
-}
-
-// What follows the slash: a prefix length or a dotted mask.
-std::uint8_t readMask(const JsonValue& value, std::string_view text)
-{
-    if (const auto prefix = parsePrefix(text)) return *prefix;
-    const auto mask = parseDottedAddress(text);
-    if (!mask) value.refuse(excerpt(text) + " is neither a prefix length nor a netmask");
-    const auto prefix = prefixLength(*mask);
-    if (!prefix) value.refuse("the netmask " + std::string(text) + " has holes");
-    return *prefix;
-}
-
-Network readNetwork(const JsonValue& value)
-{
-    const std::string_view text = value.text();
-    const std::size_t slash = text.find('/');
-    const auto address = parseDottedAddress(text.substr(0, slash));
-    if (!address) value.refuse(excerpt(text) + " does not begin with a dotted IPv4 address");
-    Network network{*address, 32};
-    if (slash != std::string_view::npos) network.prefix = readMask(value, text.substr(slash + 1));
-    network.address.s_addr &= netmaskOf(network.prefix).s_addr;
-    return network;
+    const wfoal::Result<wfoal::Ipv4Network> network = wfoal::parseNetwork(value.text());
+    if (!network) value.refuse(network.reason());
+    return {network->base(), network->prefix};
 }
 
 std::uint16_t readPort(const JsonValue& value)
@@ -150,11 +123,6 @@ constexpr JsonField<RawRequest> requestFields[] = {
 };
 
 }  // namespace
-
-bool operator==(const Network& left, const Network& right)
-{
-    return left.address.s_addr == right.address.s_addr && left.prefix == right.prefix;
-}
 
 bool operator==(const FirewallRule& left, const FirewallRule& right)
 {

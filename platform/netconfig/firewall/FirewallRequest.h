@@ -4,28 +4,22 @@
 #ifndef VKNETCONFIG_FIREWALLREQUEST_H
 #define VKNETCONFIG_FIREWALLREQUEST_H
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace vknetconfig {
+#include "net/Ipv4.h"
 
-/// The addresses that share the first `prefix` bits with `address`, whose other bits are zero.
-struct Network {
-    in_addr address{};
-    std::uint8_t prefix = 32;
-};
+namespace vknetconfig {
 
 enum class RuleProtocol : std::uint8_t { any, icmp, tcp, udp };
 enum class RuleDirection : std::uint8_t { any, in, out };
 enum class RuleVerdict : std::uint8_t { accept, drop };
 
 struct FirewallRule {
-    std::optional<Network> source;
-    std::optional<Network> destination;
+    std::optional<wfoal::Ipv4Network> source;  // networks without host bits
+    std::optional<wfoal::Ipv4Network> destination;
     RuleProtocol protocol = RuleProtocol::any;
     RuleDirection direction = RuleDirection::any;
     std::string interfaceName;          // empty exactly when the direction is `any`
@@ -41,7 +35,6 @@ struct FirewallRequest {
     std::vector<FirewallRule> rules;
 };
 
-bool operator==(const Network& left, const Network& right);
 bool operator==(const FirewallRule& left, const FirewallRule& right);
 bool operator==(const FirewallRequest& left, const FirewallRequest& right);
 

@@ -8,8 +8,6 @@
 #include <array>
 #include <new>
 
-#include "kernel/Ipv4.h"
-
 namespace vknetconfig {
 
 namespace {
@@ -122,17 +120,18 @@ void NftRule::matchIpv4()
     mIsIpv4 = true;
 }
 
-void NftRule::matchAddress(std::uint32_t offset, in_addr address, std::uint8_t prefix)
+void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& network)
 {
     if (!mIsIpv4) matchIpv4();
+    const in_addr_t address = network.address.bits;
     const std::string bytes(reinterpret_cast<const char*>(&address), sizeof address);
-    if (prefix % 8 == 0) {
-        matchHeader(NFT_PAYLOAD_NETWORK_HEADER, offset, bytes.substr(0, prefix / 8));
+    if (network.prefix % 8 == 0) {
+        matchHeader(NFT_PAYLOAD_NETWORK_HEADER, offset, bytes.substr(0, network.prefix / 8));
         return;
     }
     flush();
     load(NFT_PAYLOAD_NETWORK_HEADER, offset, sizeof address);
-    mask(netmaskOf(prefix).s_addr);
+    mask(network.mask().bits);
     compare(&address, sizeof address);
 }
 

@@ -4,13 +4,12 @@
 #ifndef VKNETCONFIG_NFTRULE_H
 #define VKNETCONFIG_NFTRULE_H
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <string>
 
 #include "firewall/NftTransaction.h"
 #include "handles/Nftnl.h"
+#include "net/Ipv4.h"
 
 namespace vknetconfig {
 
@@ -22,7 +21,7 @@ public:
     void matchInterface(bool isInput, const std::string& name);
     void matchIpv4();
     /// `offset` in the IPv4 header; `prefix` from 1 to 32. IPv4 packets only.
-    void matchAddress(std::uint32_t offset, in_addr address, std::uint8_t prefix);
+    void matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& network);
     void matchProtocol(std::uint8_t protocol);
     /// `offset` in the header of a protocol that was matched before.
     void matchPort(std::uint32_t offset, std::uint16_t port);

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interface/InterfaceRequest.h"
 
-#include <arpa/inet.h>
-
 #include <limits>
 
 #include "interface/InterfaceName.h"
-#include "kernel/Ipv4.h"
 #include "RequestError.h"
 #include "json/StrictJson.h"
+#include "net/Ipv4.h"
 
 namespace vknetconfig {
+
+using wfoal::Ipv4Address;
+using wfoal::Ipv4Network;
 
 namespace {
 
@@ -19,11 +20,11 @@ constexpr char routesKey[] = "ipv4.additionalIfRoutes";
 
 // As read, before anything is concluded from it.
 struct Ipv4Part {
-    std::optional<in_addr> ip;
-    std::optional<in_addr> netmask;
-    std::optional<in_addr> gateway;
+    std::optional<Ipv4Address> ip;
+    std::optional<Ipv4Address> netmask;
+    std::optional<Ipv4Address> gateway;
     std::vector<Route> routes;  // one for each element
-    std::vector<in_addr> dns;
+    std::vector<Ipv4Address> dns;
 };
 
 struct Whole {
@@ -31,25 +32,25 @@ struct Whole {
     Ipv4Part ipv4;
 };
 
-in_addr hexAddress(const JsonValue& value)
+Ipv4Address hexAddress(const JsonValue& value)
 {
     const std::string_view text = value.text();
-    const std::optional<in_addr> address = parseHexAddress(text);
+    const std::optional<Ipv4Address> address = wfoal::parseHexAddress(text);
     if (!address) value.refuse("must be \"0x\" and eight hex digits, not " + excerpt(text));
     return *address;
 }
 
-in_addr dottedAddress(const JsonValue& value)
+Ipv4Address dottedAddress(const JsonValue& value)
 {
     const std::string_view text = value.text();
-    const std::optional<in_addr> address = parseDottedAddress(text);
+    const std::optional<Ipv4Address> address = wfoal::parseDottedAddress(text);
     if (!address) value.refuse("must be a dotted IPv4 address, not " + excerpt(text));
     return *address;
 }
 
 std::uint8_t prefixOfNetmask(const JsonValue& value)
 {
-    const in_addr netmask = dottedAddress(value);
+    const Ipv4Address netmask = dottedAddress(value);
     const std::optional<std::uint8_t> prefix = prefixLength(netmask);
     if (!prefix) value.refuse("a netmask without holes is needed, not " + dotted(netmask));
     return *prefix;
@@ -96,11 +97,11 @@ void readTexts(const JsonValue& value, Whole&)
 }
 
 const JsonField<Route> routeFields[] = {
-    {"ip", true, [](const JsonValue& value, Route& route) { route.destination = dottedAddress(value).s_addr; }},
+    {"ip", true, [](const JsonValue& value, Route& route) { route.destination = dottedAddress(value).bits; }},
     {"netmask", true, [](const JsonValue& value, Route& route) { route.prefix = prefixOfNetmask(value); }},
     {"gateway", false,
      [](const JsonValue& value, Route& route) {
-         route.gateway = standsForNoGateway(value) ? 0 : dottedAddress(value).s_addr;
+         route.gateway = standsForNoGateway(value) ? 0 : dottedAddress(value).bits;
      }},
     {"metric", false,
      [](const JsonValue& value, Route& route) {
@@ -112,9 +113,10 @@ void readRoute(const JsonValue& value, Ipv4Part& part)
 {
     Route route;
     value.readObject(routeFields, route);
-    if ((route.destination & ~netmaskOf(route.prefix).s_addr) != 0) {
-        value.refuse("\"ip\" " + dotted({route.destination}) + " has bits outside of \"netmask\" " +
-                     dotted(netmaskOf(route.prefix)));
+    const Ipv4Network network{{route.destination}, route.prefix};
+    if (network.base() != network.address) {
+        value.refuse("\"ip\" " + dotted(network.address) + " has bits outside of \"netmask\" " +
+                     dotted(network.mask()));
     }
     part.routes.push_back(route);
 }
@@ -133,7 +135,7 @@ const JsonField<Ipv4Part> ipv4Fields[] = {
      [](const JsonValue& value, Ipv4Part& part) {
          value.forEach([&](const JsonValue& element, std::size_t) {
              part.dns.push_back(hexAddress(element));
-             if (part.dns.back().s_addr == 0) element.refuse("0.0.0.0 is no server");
+             if (part.dns.back().bits == 0) element.refuse("0.0.0.0 is no server");
          });
      }},
     {"additionalIfRoutes", false,
@@ -183,8 +185,8 @@ void concludeAddress(const Ipv4Part& part, InterfaceRequest& request)
     if (!part.ip && part.netmask) throw RequestError("ipv4.ip", "missing, while \"netmask\" is given");
     if (!part.ip) return;
     if (!part.netmask) throw RequestError("ipv4.netmask", "missing, while \"ip\" is given");
-    if (part.ip->s_addr == 0) throw RequestError("ipv4.ip", "0.0.0.0 is no address for an interface");
-    request.address = InterfaceAddress{part.ip->s_addr, *prefixLength(*part.netmask)};
+    if (part.ip->bits == 0) throw RequestError("ipv4.ip", "0.0.0.0 is no address for an interface");
+    request.address = InterfaceAddress{part.ip->bits, *prefixLength(*part.netmask)};
 }
 
 void concludeRoutes(const Ipv4Part& part, InterfaceRequest& request)
@@ -197,8 +199,8 @@ void concludeRoutes(const Ipv4Part& part, InterfaceRequest& request)
     // A default route among the routes says the same, and says it better.
     if (!part.gateway || request.dns.allTraffic) return;
     // An interface without a peer gives its own address for one.
-    const bool isOwn = part.ip && part.ip->s_addr == part.gateway->s_addr;
-    addRoute(request, Route{0, isOwn ? 0 : part.gateway->s_addr, 0, 0}, InterfaceRequest::fromGateway);
+    const bool isOwn = part.ip && part.ip->bits == part.gateway->bits;
+    addRoute(request, Route{0, isOwn ? 0 : part.gateway->bits, 0, 0}, InterfaceRequest::fromGateway);
 }
 
 }  // namespace

@@ -77,7 +77,7 @@ TEST_F(ForgedResolvedTest, ForgedRestartSetsNothingAgain)
 {
     Dns dns;
     const Link link{static_cast<int>(if_nametoindex(linkName)), linkName};
-    const DnsSettings tunnel{{in_addr{inet_addr("10.8.0.1")}}, {"corp.test"}, false};
+    const DnsSettings tunnel{{wfoal::Ipv4Address{inet_addr("10.8.0.1")}}, {"corp.test"}, false};
     dns.set(link, tunnel, dns.prepare(link, tunnel));
     waitForWatcher();
     ASSERT_TRUE(shows("10.8.0.1", std::chrono::seconds(10)));

@@ -25,7 +25,7 @@ DnsSettings settings(const std::vector<const char*>& servers, const std::vector<
 {
     DnsSettings made{{}, domains, allTraffic};
     for (const char* address : servers)
-        made.servers.push_back(in_addr{inet_addr(address)});
+        made.servers.push_back(wfoal::Ipv4Address{inet_addr(address)});
     return made;
 }
 

@@ -36,7 +36,7 @@ const Link link0{5, "norvatun0"};
 
 DnsSettings tunnel()
 {
-    return {{in_addr{inet_addr("10.8.0.1")}, in_addr{inet_addr("10.8.0.2")}}, {"corp.test", "Lab.test."}, true};
+    return {{wfoal::Ipv4Address{inet_addr("10.8.0.1")}, wfoal::Ipv4Address{inet_addr("10.8.0.2")}}, {"corp.test", "Lab.test."}, true};
 }
 
 std::string errorOf(const std::function<void()>& action)

@@ -20,10 +20,10 @@ namespace {
 
 constexpr char label[] = "vpn.vpnoal";
 
-Network network(const char* address, std::uint8_t prefix)
+wfoal::Ipv4Network network(const char* address, std::uint8_t prefix)
 {
-    Network made;
-    EXPECT_EQ(inet_pton(AF_INET, address, &made.address), 1);
+    wfoal::Ipv4Network made;
+    EXPECT_EQ(inet_pton(AF_INET, address, &made.address.bits), 1);
     made.prefix = prefix;
     return made;
 }
@@ -69,9 +69,9 @@ FirewallRequest requestOf(std::vector<FirewallRule> rules)
 // Every combination of conditions.
 std::vector<FirewallRule> allRules()
 {
-    const std::optional<Network> sources[] = {
+    const std::optional<wfoal::Ipv4Network> sources[] = {
         {}, network("10.1.2.3", 32), network("10.1.2.0", 24), network("10.128.0.0", 9), network("0.0.0.0", 0)};
-    const std::optional<Network> destinations[] = {
+    const std::optional<wfoal::Ipv4Network> destinations[] = {
         {}, network("192.168.1.9", 32), network("192.168.0.0", 16), network("192.168.1.8", 31), network("0.0.0.0", 0)};
     const std::pair<std::uint16_t, std::uint16_t> ports[] = {{0, 0}, {1, 0}, {0, 65535}, {256, 53}};
     std::vector<FirewallRule> rules;

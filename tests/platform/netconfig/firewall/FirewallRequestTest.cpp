@@ -47,10 +47,10 @@ FirewallRule ruleOf(const std::string& keys)
     return parseFirewallRequest(withRule(keys).c_str()).rules.at(0);
 }
 
-Network network(const char* address, std::uint8_t prefix)
+wfoal::Ipv4Network network(const char* address, std::uint8_t prefix)
 {
-    Network made;
-    EXPECT_EQ(inet_pton(AF_INET, address, &made.address), 1);
+    wfoal::Ipv4Network made;
+    EXPECT_EQ(inet_pton(AF_INET, address, &made.address.bits), 1);
     made.prefix = prefix;
     return made;
 }
@@ -106,6 +106,7 @@ TEST(FirewallRequestTest, addressesMayHaveADottedMaskAPrefixOrNone)
 TEST(FirewallRequestTest, bitsOutsideTheMaskAreDropped)
 {
     EXPECT_EQ(ruleOf(R"("source":"10.1.2.3/255.0.0.0")").source, network("10.0.0.0", 8));
+    EXPECT_EQ(ruleOf(R"("source":"10.8.0.7/24")").source, network("10.8.0.0", 24));
     EXPECT_EQ(ruleOf(R"("source":"10.1.2.3/0")").source, network("0.0.0.0", 0));
 }
 
@@ -118,18 +119,23 @@ TEST(FirewallRequestTest, addressesThatAreNoneAreRefused)
     }
 }
 
+TEST(FirewallRequestTest, TheReasonQuotesTheAddress)
+{
+    EXPECT_EQ(errorOfRule(R"("destination":"host/8")"), R"(rules[0].destination: "host" is no IPv4 address)");
+}
+
 TEST(FirewallRequestTest, masksThatAreNoneAreRefused)
 {
     for (const char* text : {"", "33", "-1", "+8", "08", "8 ", "255", "255.0.0", "10.0.0.0/8"}) {
         const std::string error = errorOfRule(std::string(R"("source":"10.0.0.0/)") + text + "\"");
-        EXPECT_THAT(error, HasSubstr("is neither a prefix length nor a netmask")) << text;
+        EXPECT_THAT(error, HasSubstr("is neither a prefix length from 0 to 32 nor a netmask")) << text;
         EXPECT_THAT(error, StartsWith("rules[0].source: ")) << text;
     }
 }
 
 TEST(FirewallRequestTest, aNetmaskWithHolesIsRefused)
 {
-    EXPECT_EQ(errorOfRule(R"("source":"10.0.0.0/255.0.255.0")"), "rules[0].source: the netmask 255.0.255.0 has holes");
+    EXPECT_EQ(errorOfRule(R"("source":"10.0.0.0/255.0.255.0")"), R"(rules[0].source: netmask "255.0.255.0" has holes)");
     EXPECT_THAT(errorOfRule(R"("source":"10.0.0.0/0.0.0.255")"), HasSubstr("has holes"));
 }
 

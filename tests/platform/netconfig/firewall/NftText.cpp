@@ -3,8 +3,6 @@
 
 #include <charconv>
 
-#include "kernel/Ipv4.h"
-
 using namespace vknetconfig;
 
 namespace testsupport {
@@ -29,7 +27,7 @@ void appendInterface(std::string& text, const FirewallRule& rule)
     text += "\" ";
 }
 
-void appendNetwork(std::string& text, std::string_view field, const std::optional<Network>& network)
+void appendNetwork(std::string& text, std::string_view field, const std::optional<wfoal::Ipv4Network>& network)
 {
     if (!network) return;
     if (network->prefix == 0) {

@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include "kernel/Ipv4.h"
 #include "RequestError.h"
 
 using namespace vknetconfig;
@@ -36,8 +35,8 @@ std::vector<std::string> shown(const InterfaceRequest& request)
 {
     std::vector<std::string> texts;
     for (const Route& route : request.routes) {
-        texts.push_back(dotted({route.destination}) + "/" + std::to_string(route.prefix) + " " +
-                        dotted({route.gateway}) + " " + std::to_string(route.metric));
+        texts.push_back(wfoal::dotted({route.destination}) + "/" + std::to_string(route.prefix) + " " +
+                        wfoal::dotted({route.gateway}) + " " + std::to_string(route.metric));
     }
     return texts;
 }
@@ -54,7 +53,7 @@ TEST(InterfaceRequest, ReadsTheWholeRequest)
         "networkTechnology":"vpn","networkScope":"wan","networkUsage":["internet"]})");
     EXPECT_EQ(request.ifName, "norvatun0");
     ASSERT_TRUE(request.address);
-    EXPECT_EQ(dotted({request.address->local}), "10.8.0.2");
+    EXPECT_EQ(wfoal::dotted({request.address->local}), "10.8.0.2");
     EXPECT_EQ(request.address->prefix, 24);
     EXPECT_THAT(shown(request), ElementsAre("192.168.0.0/16 10.8.0.1 4294967295"));
     ASSERT_EQ(request.dns.servers.size(), 1U);
