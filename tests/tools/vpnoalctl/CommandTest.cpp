@@ -197,7 +197,7 @@ TEST_F(CommandTest, BadProfileAsksNothingOfThePlatform)
         const CommandResult result = run({command, profile});
         EXPECT_EQ(2, result.status);
         EXPECT_EQ(
-            "vpnoalctl: /tmp/profile.json: tunnel.peer: '10.8.0.300' is no IPv4 address; correct the profile; "
+            "vpnoalctl: /tmp/profile.json: tunnel.peer: \"10.8.0.300\" is no IPv4 address; correct the profile; "
             "nothing was changed\n",
             result.output);
     }

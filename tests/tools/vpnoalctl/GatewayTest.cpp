@@ -85,19 +85,19 @@ TEST(GatewayTest, WhatIsMissingOrUnknown)
 
 TEST(GatewayTest, ValuesThatAreNone)
 {
-    EXPECT_EQ("gateway.address: 'vpn.example' is no IPv4 address", errorOf(R"("address":"vpn.example")"));
+    EXPECT_EQ("gateway.address: \"vpn.example\" is no IPv4 address", errorOf(R"("address":"vpn.example")"));
     EXPECT_EQ("gateway.address: 127.0.0.1 is no address of a host", errorOf(R"("address":"127.0.0.1")"));
     EXPECT_EQ("gateway.address: must be a text", errorOf(R"("address":17)"));
     EXPECT_EQ("gateway.port: must be a whole number from 1 to 65535", errorBehind(R"("port":0)"));
     EXPECT_EQ("gateway.port: must be a whole number from 1 to 65535", errorBehind(R"("port":"443")"));
-    EXPECT_EQ("gateway.serverName: 'vpn example' is no domain name",
+    EXPECT_EQ("gateway.serverName: \"vpn example\" is no domain name",
               errorOf(R"("address":"198.51.100.2","serverName":"vpn example")"));
     EXPECT_EQ("gateway.certificate: must not be empty", errorBehind(R"("certificate":"")"));
     EXPECT_EQ("gateway.passwordFile: must not be empty", errorBehind(R"("passwordFile":"")"));
     EXPECT_EQ("gateway.passwordFile: is longer than 4096 bytes",
               errorBehind(R"("passwordFile":")" + std::string(4097, 'x') + "\""));
     for (const char* name : {"1A", "A-B", "A=B", "A B"}) {
-        EXPECT_EQ(std::string("gateway.passwordVariable: '") + name + "' is no name of an environment variable",
+        EXPECT_EQ(std::string("gateway.passwordVariable: \"") + name + "\" is no name of an environment variable",
                   errorBehind(std::string(R"("passwordVariable":")") + name + "\""));
     }
 }

@@ -184,11 +184,11 @@ TEST(ProfileTest, UnknownKeysComeWithAGuess)
 TEST(ProfileTest, AddressesOutOfRange)
 {
     expectRefusals({
-        {withTunnel(R"("address":"10.8.0.256/24")"), "tunnel.address: '10.8.0.256' is no IPv4 address"},
-        {withTunnel(R"("address":"10.8.0")"), "tunnel.address: '10.8.0' is no IPv4 address"},
-        {withTunnel(R"("address":"10.8.0.02")"), "tunnel.address: '10.8.0.02' is no IPv4 address"},
-        {withTunnel(R"("address":"fe80::1")"), "tunnel.address: 'fe80::1' is no IPv4 address"},
-        {withTunnel(R"("address":"")"), "tunnel.address: '' is no IPv4 address"},
+        {withTunnel(R"("address":"10.8.0.256/24")"), "tunnel.address: \"10.8.0.256\" is no IPv4 address"},
+        {withTunnel(R"("address":"10.8.0")"), "tunnel.address: \"10.8.0\" is no IPv4 address"},
+        {withTunnel(R"("address":"10.8.0.02")"), "tunnel.address: \"10.8.0.02\" is no IPv4 address"},
+        {withTunnel(R"("address":"fe80::1")"), "tunnel.address: \"fe80::1\" is no IPv4 address"},
+        {withTunnel(R"("address":"")"), "tunnel.address: \"\" is no IPv4 address"},
         {withTunnel(R"("address":"10.8.0.2\u0000")"), "tunnel.address: must not hold a NUL character"},
         {withTunnel(R"("address":"224.0.0.1")"), "tunnel.address: 224.0.0.1 is no address of a host"},
         {withTunnel(R"("address":"10.8.0.2/24","peer":"0.0.0.0")"), "tunnel.peer: 0.0.0.0 is no address of a host"},
@@ -197,25 +197,25 @@ TEST(ProfileTest, AddressesOutOfRange)
          "tunnel.peer: 10.8.0.2 is the tunnel's own address"},
         {withTunnel(R"("address":"10.8.0.2/0","peer":"10.8.0.1")"),
          "tunnel.address: a prefix of 0 would be everybody's network"},
-        {withRoute(R"("destination":"10.0.0.300")"), "routes[1].destination: '10.0.0.300' is no IPv4 address"},
-        {with(R"("dns":{"servers":["10.8.0.1","dns.example"]})"), "dns.servers[1]: 'dns.example' is no IPv4 address"},
-        {withRule(R"("action":"drop","source":"any")"), "filter[1].source: 'any' is no IPv4 address"},
+        {withRoute(R"("destination":"10.0.0.300")"), "routes[1].destination: \"10.0.0.300\" is no IPv4 address"},
+        {with(R"("dns":{"servers":["10.8.0.1","dns.example"]})"), "dns.servers[1]: \"dns.example\" is no IPv4 address"},
+        {withRule(R"("action":"drop","source":"any")"), "filter[1].source: \"any\" is no IPv4 address"},
     });
 }
 
 TEST(ProfileTest, NetmasksWithHolesAndPrefixesOutOfRange)
 {
     expectRefusals({
-        {withTunnel(R"("address":"10.8.0.2/255.0.255.0")"), "tunnel.address: netmask '255.0.255.0' has holes"},
-        {withTunnel(R"("address":"10.8.0.2/0.0.0.255")"), "tunnel.address: netmask '0.0.0.255' has holes"},
+        {withTunnel(R"("address":"10.8.0.2/255.0.255.0")"), "tunnel.address: netmask \"255.0.255.0\" has holes"},
+        {withTunnel(R"("address":"10.8.0.2/0.0.0.255")"), "tunnel.address: netmask \"0.0.0.255\" has holes"},
         {withRoute(R"("destination":"10.0.0.0/33")"),
-         "routes[1].destination: '33' is neither a prefix length from 0 to 32 nor a netmask"},
+         "routes[1].destination: \"33\" is neither a prefix length from 0 to 32 nor a netmask"},
         {withRoute(R"("destination":"10.0.0.0/")"),
-         "routes[1].destination: '' is neither a prefix length from 0 to 32 nor a netmask"},
+         "routes[1].destination: \"\" is neither a prefix length from 0 to 32 nor a netmask"},
         {withRoute(R"("destination":"10.0.0.0/-1")"),
-         "routes[1].destination: '-1' is neither a prefix length from 0 to 32 nor a netmask"},
+         "routes[1].destination: \"-1\" is neither a prefix length from 0 to 32 nor a netmask"},
         {withRoute(R"("destination":"10.0.0.0/8/8")"),
-         "routes[1].destination: '8/8' is neither a prefix length from 0 to 32 nor a netmask"},
+         "routes[1].destination: \"8/8\" is neither a prefix length from 0 to 32 nor a netmask"},
         {withRoute(R"("destination":"10.20.5.1/16")"),
          "routes[1].destination: 10.20.5.1/16 has bits set behind its prefix; the network is 10.20.0.0/16"},
         {withRule(R"("action":"drop","destination":"10.8.0.2/24")"),
@@ -264,17 +264,18 @@ TEST(ProfileTest, SameRouteTwiceIsRefusedUnlessTheMetricsDiffer)
 TEST(ProfileTest, RulesThatThePlatformWouldRefuseOrMisunderstand)
 {
     expectRefusals({
-        {withRule(R"("action":"reject")"), "filter[1].action: 'reject' is none of 'accept', 'drop'"},
+        {withRule(R"("action":"reject")"), "filter[1].action: \"reject\" is none of \"accept\", \"drop\""},
         {withRule(R"("action":"drop","direction":"both")"),
-         "filter[1].direction: 'both' is none of 'in', 'out', 'any'"},
+         "filter[1].direction: \"both\" is none of \"in\", \"out\", \"any\""},
         {withRule(R"("action":"drop","protocol":"TCP")"),
-         "filter[1].protocol: 'TCP' is none of 'any', 'icmp', 'tcp', 'udp'"},
+         "filter[1].protocol: \"TCP\" is none of \"any\", \"icmp\", \"tcp\", \"udp\""},
         {withRule(R"("action":"drop","protocol":"icmp","sourcePort":5)"),
-         "filter[1].sourcePort: the protocol 'icmp' has no ports"},
+         "filter[1].sourcePort: the protocol \"icmp\" has no ports"},
         {withRule(R"("action":"drop","protocol":"icmp","destinationPort":5)"),
-         "filter[1].destinationPort: the protocol 'icmp' has no ports"},
-        {withRule(R"("action":"drop","direction":"in")"), "filter[1].direction: 'in' and 'out' need an interface"},
-        {withRule(R"("action":"drop","interface":"eth0")"), "filter[1].interface: needs the direction 'in' or 'out'"},
+         "filter[1].destinationPort: the protocol \"icmp\" has no ports"},
+        {withRule(R"("action":"drop","direction":"in")"), "filter[1].direction: \"in\" and \"out\" need an interface"},
+        {withRule(R"("action":"drop","interface":"eth0")"),
+         "filter[1].interface: needs the direction \"in\" or \"out\""},
     });
 }
 
@@ -284,12 +285,12 @@ TEST(ProfileTest, InterfaceNames)
         return errorOf(withRule(R"("action":"drop","direction":"in","interface":")" + name + "\""));
     };
     EXPECT_EQ("no error", errorFor("fifteen-letters"));
-    EXPECT_EQ("filter[1].interface: 'sixteen-letters0' is longer than the 15 characters of an interface name",
+    EXPECT_EQ("filter[1].interface: \"sixteen-letters0\" is longer than the 15 characters of an interface name",
               errorFor("sixteen-letters0"));
     EXPECT_EQ("filter[1].interface: an interface name must not be empty", errorFor(""));
     for (const char* name : {"eth 0", "eth/0", "eth0;drop", "*", "..", "eth+"}) {
-        EXPECT_EQ(std::string("filter[1].interface: '") + name +
-                      "' is no interface name: letters, digits, '_', '-' and '.' make one",
+        EXPECT_EQ(std::string("filter[1].interface: \"") + name +
+                      "\" is no interface name: letters, digits, '_', '-' and '.' make one",
                   errorFor(name));
     }
 }
@@ -313,7 +314,7 @@ TEST(ProfileTest, Domains)
 TEST(ProfileTest, OneMebibyteOfTextIsShownInPart)
 {
     const std::string error = errorOf(withRoute(R"("destination":")" + std::string(1 << 20, '1') + "\""));
-    EXPECT_EQ("routes[1].destination: '" + std::string(40, '1') + "...' is no IPv4 address", error);
+    EXPECT_EQ("routes[1].destination: \"" + std::string(40, '1') + "...\" is no IPv4 address", error);
 }
 
 TEST(ProfileTest, DeepNestingIsAnErrorAndNoCrash)

@@ -13,7 +13,7 @@
 #include "Context.h"
 #include "commands/Commands.h"
 #include "kernel/KernelRoutes.h"
-#include "profile/Ipv4.h"
+#include "net/Ipv4.h"
 
 namespace vpnoalctl {
 
@@ -27,37 +27,36 @@ struct Request {
 };
 
 // Whether the main table has it, which is the one that the plug-in deletes from.
-std::size_t countRoutes(const Ipv4Network& network, Ipv4Address gateway)
+std::size_t countRoutes(const wfoal::Ipv4Network& network, wfoal::Ipv4Address gateway)
 {
     const auto routes = kernelRoutes();
     return static_cast<std::size_t>(std::count_if(routes.begin(), routes.end(), [&](const RouteInfo& route) {
-        return route.table == RT_TABLE_MAIN && ntohl(route.dst.s_addr) == network.address.bits &&
-               ntohl(route.mask.s_addr) == network.mask().bits && ntohl(route.gateway.s_addr) == gateway.bits;
+        return route.table == RT_TABLE_MAIN && route.dst.s_addr == network.address.bits &&
+               route.mask.s_addr == network.mask().bits && route.gateway.s_addr == gateway.bits;
     }));
 }
 
 int deleteRoute(Context& context, const Request& request)
 {
-    Ipv4Network network;
-    const std::string fault = readNetwork(request.destination, network);
-    if (!fault.empty()) throw badInput(request.label(), fault);
-    const auto gateway = parseAddress(request.gateway);
+    const auto network = wfoal::parseNetwork(request.destination);
+    if (!network) throw badInput(request.label(), network.reason());
+    const auto gateway = wfoal::parseDottedAddress(request.gateway);
     if (!gateway) throw badInput(request.label(), "the gateway is no IPv4 address");
-    if (network.prefix == 0) {
+    if (network->prefix == 0) {
         throw badInput(request.label(), "the plug-in cannot name a default route", "use 'ip route del default'");
     }
-    const std::size_t before = countRoutes(network, *gateway);
+    const std::size_t before = countRoutes(*network, *gateway);
     if (before == 0) throw CommandError(request.label(), "there is no such route", "'vpnoalctl routes' lists them");
 
     // Kept: disposing of a system object would restore the system's configuration.
     auto& system = context.plugin().createKept<KEST_SystemPlugin>();
-    AgentRoute route(dotted(network.address), dotted(network.mask()), dotted(*gateway), 0);
+    AgentRoute route(dotted(network->address), dotted(network->mask()), dotted(*gateway), 0);
     KEST_SystemPluginRoute* routes[] = {&route};
-    if (system.DeleteRoute(1, routes) != PLUGIN_SUCCESS || countRoutes(network, *gateway) >= before) {
+    if (system.DeleteRoute(1, routes) != PLUGIN_SUCCESS || countRoutes(*network, *gateway) >= before) {
         throw CommandError(request.label(), "the route is still there",
                            "deleting takes root; run it with -vv to see the log");
     }
-    context.output.line("Deleted " + withPrefix(network) + " via " + dotted(*gateway) + ".", Style::Good);
+    context.output.line("Deleted " + withPrefix(*network) + " via " + dotted(*gateway) + ".", Style::Good);
     return ExitOk;
 }
 

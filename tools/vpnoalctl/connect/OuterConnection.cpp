@@ -23,7 +23,7 @@ sockaddr_in addressOf(const GatewaySettings& gateway)
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(gateway.port);
-    address.sin_addr.s_addr = htonl(gateway.address.bits);
+    address.sin_addr.s_addr = gateway.address.bits;
     return address;
 }
 

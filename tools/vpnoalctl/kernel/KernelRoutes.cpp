@@ -11,7 +11,7 @@
 #include "CommandError.h"
 #include "Decisions/RouteParser.h"
 #include "handles/UniqueFd.h"
-#include "profile/Ipv4.h"
+#include "net/Ipv4.h"
 
 namespace vpnoalctl {
 
@@ -85,13 +85,13 @@ std::string interfaceName(std::uint32_t index)
 std::string destinationText(const RouteInfo& route)
 {
     if (route.isDefaultRoute()) return "default";
-    const Ipv4Address address{ntohl(route.dst.s_addr)};
-    return withPrefix({address, prefixOf({ntohl(route.mask.s_addr)}).value_or(32)});
+    const std::uint8_t prefix = wfoal::prefixLength({route.mask.s_addr}).value_or(32);
+    return wfoal::withPrefix({{route.dst.s_addr}, prefix});
 }
 
 std::string addressText(in_addr address)
 {
-    return dotted({ntohl(address.s_addr)});
+    return wfoal::dotted({address.s_addr});
 }
 
 }  // namespace vpnoalctl

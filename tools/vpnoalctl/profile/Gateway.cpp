@@ -6,8 +6,9 @@
 
 #include "CommandError.h"
 #include "certificates/CertificateFile.h"
-#include "profile/Names.h"
 #include "profile/Values.h"
+#include "text/Excerpt.h"
+#include "text/Names.h"
 
 namespace vpnoalctl {
 
@@ -26,13 +27,14 @@ std::string nonEmptyText(const JsonValue& value)
     return text;
 }
 
-std::string faultOfVariable(const std::string& name)
+wfoal::Check checkVariableName(const std::string& name)
 {
     const auto isFit = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
     bool fits = std::isdigit(static_cast<unsigned char>(name.front())) == 0;
     for (const char c : name)
         fits = fits && isFit(static_cast<unsigned char>(c));
-    return fits ? "" : quoted(name) + " is no name of an environment variable";
+    if (!fits) return wfoal::Fault{wfoal::excerpt(name) + " is no name of an environment variable"};
+    return wfoal::passed();
 }
 
 constexpr JsonField<GatewaySettings> keys[] = {
@@ -41,7 +43,7 @@ constexpr JsonField<GatewaySettings> keys[] = {
     {"serverName", true,
      [](const JsonValue& value, GatewaySettings& gateway) {
          gateway.serverName = value.text();
-         refuseFault(value, faultOfDomain(gateway.serverName));
+         require(value, wfoal::checkDomainName(gateway.serverName));
      }},
     {"certificate", false,
      [](const JsonValue& value, GatewaySettings& gateway) { gateway.certificate = nonEmptyText(value); }},
@@ -53,7 +55,7 @@ constexpr JsonField<GatewaySettings> keys[] = {
     {"passwordVariable", false,
      [](const JsonValue& value, GatewaySettings& gateway) {
          gateway.passwordVariable = nonEmptyText(value);
-         refuseFault(value, faultOfVariable(gateway.passwordVariable));
+         require(value, checkVariableName(gateway.passwordVariable));
          if (!gateway.passwordFile.empty()) value.refuse("there is a passwordFile already");
      }},
 };

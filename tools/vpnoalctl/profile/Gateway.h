@@ -9,12 +9,12 @@
 #include <string>
 
 #include "json/StrictJson.h"
-#include "profile/Ipv4.h"
+#include "net/Ipv4.h"
 
 namespace vpnoalctl {
 
 struct GatewaySettings {
-    Ipv4Address address;
+    wfoal::Ipv4Address address;
     std::uint16_t port = 443;
     std::string serverName;        ///< what the user calls the gateway, for its certificate
     std::string certificate;       ///< which client certificate, as chooseHandle() takes it; empty: the only one

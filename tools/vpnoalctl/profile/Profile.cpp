@@ -10,15 +10,17 @@
 
 #include "CommandError.h"
 #include "json/JsonError.h"
-#include "text/Excerpt.h"
 #include "json/StrictJson.h"
-#include "profile/Names.h"
 #include "profile/Values.h"
+#include "text/Excerpt.h"
+#include "text/Names.h"
 
 namespace vpnoalctl {
 
 namespace {
 
+using wfoal::excerpt;
+using wfoal::Ipv4Network;
 using wfoal::JsonDocument;
 using wfoal::JsonError;
 using wfoal::JsonField;
@@ -34,13 +36,12 @@ struct Word {
 template <class Meaning, std::size_t count>
 Meaning wordOf(const JsonValue& value, const Word<Meaning> (&words)[count])
 {
-    const std::string text(value.text());
     std::string known;
     for (const auto& word : words) {
-        if (text == word.word) return word.meaning;
-        known += (known.empty() ? "" : ", ") + quoted(word.word);
+        if (value.text() == word.word) return word.meaning;
+        known += (known.empty() ? "" : ", ") + excerpt(word.word);
     }
-    value.refuse(quoted(text) + " is none of " + known);
+    value.refuse(excerpt(value.text()) + " is none of " + known);
 }
 
 constexpr Word<KEST_FilterAction> actions[] = {{"accept", FILTER_ACTION_ACCEPT}, {"drop", FILTER_ACTION_DROP}};
@@ -54,7 +55,7 @@ constexpr Word<KEST_FilterProtocol> protocols[] = {{"any", FILTER_PROTOCOL_ANY},
 constexpr JsonField<TunnelSettings> tunnelKeys[] = {
     {"address", true,
      [](const JsonValue& value, TunnelSettings& tunnel) {
-         refuseFault(value, readNetwork(std::string(value.text()), tunnel.address));
+         tunnel.address = require(value, wfoal::parseNetwork(value.text()));
          requireHost(value, tunnel.address.address);
      }},
     {"peer", true, [](const JsonValue& value, TunnelSettings& tunnel) { tunnel.peer = hostAddressOf(value); }},
@@ -83,7 +84,7 @@ constexpr JsonField<FilterRule> ruleKeys[] = {
     {"interface", false,
      [](const JsonValue& value, FilterRule& rule) {
          rule.interface = value.text();
-         refuseFault(value, faultOfInterfaceName(rule.interface));
+         require(value, wfoal::checkInterfaceName(rule.interface));
      }},
     {"protocol", false, [](const JsonValue& value, FilterRule& rule) { rule.protocol = wordOf(value, protocols); }},
     {"source", false, [](const JsonValue& value, FilterRule& rule) { rule.source.network = networkOf(value); }},
@@ -104,7 +105,7 @@ constexpr JsonField<Profile> dnsKeys[] = {
      [](const JsonValue& value, Profile& profile) {
          value.forEach([&](const JsonValue& domain, std::size_t) {
              profile.dnsDomains.emplace_back(domain.text());
-             refuseFault(domain, faultOfDomain(profile.dnsDomains.back()));
+             require(domain, wfoal::checkDomainName(profile.dnsDomains.back()));
          });
      }},
 };
@@ -144,16 +145,17 @@ void completeRoute(ProfileRoute& route, std::size_t index, const TunnelSettings&
     if (!tunnel.network().contains(route.gateway)) {
         throw JsonError(
             key, fmt::format("{} cannot be reached through the tunnel, whose network is {}", dotted(route.gateway),
-                             withPrefix({tunnel.network().base(), tunnel.address.prefix})));
+                             wfoal::withPrefix({tunnel.network().base(), tunnel.address.prefix})));
     }
 }
 
 void checkRoutesDiffer(const std::vector<ProfileRoute>& routes)
 {
-    using Identity = std::tuple<std::uint32_t, int, std::uint32_t, std::size_t>;
+    using Identity = std::tuple<std::uint32_t, std::uint8_t, std::uint32_t, std::size_t>;
     std::vector<Identity> identities;
     for (std::size_t i = 0; i < routes.size(); ++i) {
-        identities.emplace_back(routes[i].destination.address.bits, routes[i].destination.prefix, routes[i].metric, i);
+        const Ipv4Network& destination = routes[i].destination;
+        identities.emplace_back(destination.address.number(), destination.prefix, routes[i].metric, i);
     }
     std::sort(identities.begin(), identities.end());
     for (std::size_t i = 1; i < identities.size(); ++i) {
@@ -171,11 +173,11 @@ void checkRule(const FilterRule& rule, std::size_t index)
         throw JsonError(fmt::format("filter[{}].{}", index, key), reason);
     };
     const bool isBound = rule.direction != FILTER_DIRECTION_BOTH;
-    if (isBound && rule.interface.empty()) refuse("direction", "'in' and 'out' need an interface");
-    if (!isBound && !rule.interface.empty()) refuse("interface", "needs the direction 'in' or 'out'");
+    if (isBound && rule.interface.empty()) refuse("direction", "\"in\" and \"out\" need an interface");
+    if (!isBound && !rule.interface.empty()) refuse("interface", "needs the direction \"in\" or \"out\"");
     if (rule.protocol != FILTER_PROTOCOL_ICMP) return;
-    if (rule.source.port != 0) refuse("sourcePort", "the protocol 'icmp' has no ports");
-    if (rule.destination.port != 0) refuse("destinationPort", "the protocol 'icmp' has no ports");
+    if (rule.source.port != 0) refuse("sourcePort", "the protocol \"icmp\" has no ports");
+    if (rule.destination.port != 0) refuse("destinationPort", "the protocol \"icmp\" has no ports");
 }
 
 void completeAndCheck(Profile& profile)

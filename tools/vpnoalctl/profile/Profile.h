@@ -12,30 +12,30 @@
 #include <vector>
 
 #include "kest/SystemPlugin.h"
+#include "net/Ipv4.h"
 #include "profile/Gateway.h"
-#include "profile/Ipv4.h"
 
 namespace vpnoalctl {
 
 struct TunnelSettings {
-    Ipv4Network address;  ///< the tunnel's own address and its prefix
-    Ipv4Address peer;
+    wfoal::Ipv4Network address;  ///< the tunnel's own address and its prefix
+    wfoal::Ipv4Address peer;
     unsigned int mtu = 1400;  ///< bytes
 
     /// What is reached through the tunnel without a route: the peer's network.
-    Ipv4Network network() const { return {peer, address.prefix}; }
+    wfoal::Ipv4Network network() const { return {peer, address.prefix}; }
 };
 
 struct ProfileRoute {
-    Ipv4Network destination;
-    Ipv4Address gateway;
+    wfoal::Ipv4Network destination;
+    wfoal::Ipv4Address gateway;
     std::uint32_t metric = 0;
 };
 
 /// Where a packet comes from or goes to.
 struct Endpoint {
-    std::optional<Ipv4Network> network;  ///< none: any
-    std::uint16_t port = 0;              ///< 0: any
+    std::optional<wfoal::Ipv4Network> network;  ///< none: any
+    std::uint16_t port = 0;                     ///< 0: any
 };
 
 struct FilterRule {

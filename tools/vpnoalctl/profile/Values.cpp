@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "profile/Values.h"
 
+#include "text/Excerpt.h"
+
 namespace vpnoalctl {
 
+using wfoal::Ipv4Address;
+using wfoal::Ipv4Network;
 using wfoal::JsonValue;
 
 namespace {
 
 Ipv4Address addressOf(const JsonValue& value)
 {
-    const std::string text(value.text());
-    const auto address = parseAddress(text);
-    if (!address) value.refuse(quoted(text) + " is no IPv4 address");
+    const auto address = wfoal::parseDottedAddress(value.text());
+    if (!address) value.refuse(wfoal::excerpt(value.text()) + " is no IPv4 address");
     return *address;
 }
 
@@ -19,7 +22,7 @@ Ipv4Address addressOf(const JsonValue& value)
 
 void requireHost(const JsonValue& value, Ipv4Address address)
 {
-    const std::uint32_t first = address.bits >> 24;
+    const std::uint32_t first = address.number() >> 24;
     if (first == 0 || first == 127 || first >= 224) value.refuse(dotted(address) + " is no address of a host");
 }
 
@@ -30,17 +33,11 @@ Ipv4Address hostAddressOf(const JsonValue& value)
     return address;
 }
 
-void refuseFault(const JsonValue& value, const std::string& fault)
-{
-    if (!fault.empty()) value.refuse(fault);
-}
-
 Ipv4Network networkOf(const JsonValue& value)
 {
-    Ipv4Network network;
-    refuseFault(value, readNetwork(std::string(value.text()), network));
+    const Ipv4Network network = require(value, wfoal::parseNetwork(value.text()));
     const Ipv4Network base{network.base(), network.prefix};
-    if (!(base == network)) {
+    if (base != network) {
         value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
     }
     return network;

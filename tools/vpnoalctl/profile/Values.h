@@ -5,21 +5,27 @@
 #define VPNOALCTL_VALUES_H
 
 #include <cstdint>
-#include <string>
+#include <utility>
 
 #include "json/StrictJson.h"
-#include "profile/Ipv4.h"
+#include "net/Ipv4.h"
+#include "result/Result.h"
 
 namespace vpnoalctl {
 
-/// Refuses the value unless `fault` is empty.
-void refuseFault(const wfoal::JsonValue& value, const std::string& fault);
+/// What the result holds. Refuses the JSON value when it holds a fault.
+template <class Value>
+Value require(const wfoal::JsonValue& value, wfoal::Result<Value> result)
+{
+    if (!result) value.refuse(result.reason());
+    return std::move(*result);
+}
 
 /// Refuses an address that no host can have.
-void requireHost(const wfoal::JsonValue& value, Ipv4Address address);
-Ipv4Address hostAddressOf(const wfoal::JsonValue& value);
+void requireHost(const wfoal::JsonValue& value, wfoal::Ipv4Address address);
+wfoal::Ipv4Address hostAddressOf(const wfoal::JsonValue& value);
 /// No bit behind the prefix is set.
-Ipv4Network networkOf(const wfoal::JsonValue& value);
+wfoal::Ipv4Network networkOf(const wfoal::JsonValue& value);
 std::uint16_t portOf(const wfoal::JsonValue& value);
 
 }  // namespace vpnoalctl

@@ -18,6 +18,8 @@ namespace vpnoalctl {
 
 namespace {
 
+using wfoal::Ipv4Address;
+
 constexpr char askDoctor[] = "'vpnoalctl doctor' tells what is missing";
 
 ifreq requestForDevice()
@@ -39,7 +41,7 @@ public:
         ifreq request = requestForDevice();
         sockaddr_in value{};
         value.sin_family = AF_INET;
-        value.sin_addr.s_addr = htonl(address.bits);
+        value.sin_addr.s_addr = address.bits;
         std::memcpy(&request.ifr_addr, &value, sizeof value);
         change(command, request, what);
     }
@@ -56,7 +58,7 @@ public:
         if (ioctl(mSocket.get(), query, &request) != 0) return {};
         sockaddr_in value{};
         std::memcpy(&value, &request.ifr_addr, sizeof value);
-        return {ntohl(value.sin_addr.s_addr)};
+        return {value.sin_addr.s_addr};
     }
 
 private:
