@@ -10,6 +10,7 @@
 
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
+#include "result/Result.h"
 #include "text/Excerpt.h"
 
 namespace vknetconfig {
@@ -21,6 +22,12 @@ using wfoal::excerpt;
 using wfoal::JsonDocument;
 using wfoal::JsonField;
 using wfoal::JsonValue;
+
+/// Refuses the value unless the check passed.
+inline void require(const JsonValue& value, const wfoal::Check& check)
+{
+    if (!check) value.refuse(check.reason());
+}
 
 /// What a system call said: "WHAT: No space left on device".
 inline RequestError systemError(std::string key, const std::string& what, int error)

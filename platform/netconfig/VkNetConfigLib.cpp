@@ -15,12 +15,12 @@
 
 #include "firewall/FirewallControl.h"
 #include "interface/InterfaceControl.h"
-#include "interface/InterfaceName.h"
 #include "interface/InterfaceRequest.h"
 #include "undolog/Journal.h"
 #include "Log.h"
 #include "RequestError.h"
 #include "SignalsBlocked.h"
+#include "text/Names.h"
 
 using namespace vknetconfig;
 
@@ -150,8 +150,8 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
 {
     return guarded(__func__, [ifName] {
         if (ifName == nullptr) throw RequestError("ifName", "is a null pointer");
-        const std::string fault = interfaceNameFault(ifName);
-        if (!fault.empty()) throw RequestError("ifName", fault);
+        const wfoal::Check check = wfoal::checkInterfaceName(ifName);
+        if (!check) throw RequestError("ifName", check.reason());
         const Scope scope{InterfaceControl::subjectOf(ifName), false, true};
         inTurn(scope, [&](Session& here) { here.interfaces.remove(ifName); });
     });

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "interface/InterfaceName.h"
 #include "dns/LinkDns.h"
 #include "RequestError.h"
+#include "text/Names.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     const std::string json(reinterpret_cast<const char*>(data), size);
     try {
         const InterfaceRequest request = parseInterfaceRequest(json.c_str());
-        if (!interfaceNameFault(request.ifName).empty()) std::abort();
+        if (!wfoal::checkInterfaceName(request.ifName)) std::abort();
         for (std::size_t index = 0; index < request.routes.size(); ++index) {
             if (request.routeKey(index).empty()) std::abort();
         }

@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "interface/InterfaceName.h"
 #include "RequestError.h"
+#include "text/Names.h"
 
 namespace vknetconfig {
 
@@ -64,10 +64,8 @@ std::uint16_t readPort(const JsonValue& value)
 
 void readInterface(const JsonValue& value, FirewallRule& rule)
 {
-    const std::string_view name = value.text();
-    const std::string fault = interfaceNameFault(name);
-    if (!fault.empty()) value.refuse(fault);
-    rule.interfaceName = name;
+    require(value, wfoal::checkInterfaceName(value.text()));
+    rule.interfaceName = value.text();
 }
 
 constexpr JsonField<FirewallRule> ruleFields[] = {

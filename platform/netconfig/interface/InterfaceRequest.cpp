@@ -3,10 +3,10 @@
 
 #include <limits>
 
-#include "interface/InterfaceName.h"
 #include "RequestError.h"
 #include "json/StrictJson.h"
 #include "net/Ipv4.h"
+#include "text/Names.h"
 
 namespace vknetconfig {
 
@@ -15,7 +15,6 @@ using wfoal::Ipv4Network;
 
 namespace {
 
-constexpr std::string_view lettersAndDigits = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 constexpr char routesKey[] = "ipv4.additionalIfRoutes";
 
 // As read, before anything is concluded from it.
@@ -61,29 +60,17 @@ bool standsForNoGateway(const JsonValue& value)
     return value.isNull() || (value.isText() && value.text().empty());
 }
 
-bool isDomainName(std::string_view name)
-{
-    if (!name.empty() && name.front() == '~') name.remove_prefix(1);  // for routing queries only, as resolvers write it
-    if (name == ".") return true;
-    if (!name.empty() && name.back() == '.') name.remove_suffix(1);
-    if (name.empty() || name.size() > 253) return false;
-    while (true) {
-        const std::size_t dot = name.find('.');
-        const std::string_view label = name.substr(0, dot);
-        if (label.empty() || label.size() > 63) return false;
-        for (const char c : label) {
-            if (c != '-' && c != '_' && lettersAndDigits.find(c) == std::string_view::npos) return false;
-        }
-        if (dot == std::string_view::npos) return true;
-        name.remove_prefix(dot + 1);
-    }
-}
-
+// Resolvers write '~' before a domain that is for routing queries only. The root is "." alone.
 std::string domainName(const JsonValue& value)
 {
-    const std::string_view name = value.text();
-    if (!isDomainName(name)) value.refuse("is no domain name: " + excerpt(name));
-    return std::string(name);
+    const std::string_view text = value.text();
+    std::string_view name = text;
+    if (!name.empty() && name.front() == '~') name.remove_prefix(1);
+    if (name != ".") {
+        if (!name.empty() && name.back() == '.') name.remove_suffix(1);
+        require(value, wfoal::checkDomainName(name));
+    }
+    return std::string(text);
 }
 
 void readText(const JsonValue& value, Whole&)
@@ -147,8 +134,7 @@ const JsonField<Ipv4Part> ipv4Fields[] = {
 const JsonField<Whole> requestFields[] = {
     {"ifName", true,
      [](const JsonValue& value, Whole& whole) {
-         const std::string fault = interfaceNameFault(value.text());
-         if (!fault.empty()) value.refuse(fault);
+         require(value, wfoal::checkInterfaceName(value.text()));
          whole.request.ifName = value.text();
      }},
     {"ifPriority", false,

@@ -7,6 +7,7 @@
 
 using namespace vknetconfig;
 using testing::ElementsAre;
+using testing::MatchesRegex;
 
 namespace {
 
@@ -192,11 +193,12 @@ TEST(InterfaceRequest, AMetricIsFrom0To4294967295)
 
 TEST(InterfaceRequest, InterfaceNamesAreShortAndPlain)
 {
-    EXPECT_EQ(errorOf(R"({"ifName":""})"), "ifName: must not be empty");
+    EXPECT_EQ(errorOf(R"({"ifName":""})"), "ifName: an interface name must not be empty");
     EXPECT_EQ(errorOf(R"({"ifName":"abcdefghijklmnop"})"),
-              "ifName: is longer than 15 characters: \"abcdefghijklmnop\"");
+              "ifName: \"abcdefghijklmnop\" is longer than the 15 characters of an interface name");
     for (const char* name : {".", "..", "tun/0", "tun 0", "tun;0", "tun$0", "tun:0", "t\\u00fcn0", "tun\\n0", "tun*"}) {
-        EXPECT_EQ(errorOf("{\"ifName\":\"" + std::string(name) + "\"}").find("ifName: is no interface name: "), 0U)
+        EXPECT_THAT(errorOf("{\"ifName\":\"" + std::string(name) + "\"}"),
+                    MatchesRegex("ifName: \".*\" is no interface name: letters, digits, '_', '-' and '.' make one"))
             << name;
     }
 }
@@ -204,7 +206,8 @@ TEST(InterfaceRequest, InterfaceNamesAreShortAndPlain)
 TEST(InterfaceRequest, DomainsAreNames)
 {
     for (const std::string& domain : {std::string(), std::string("a..b"), std::string("a b"), std::string("a/b"),
-                                      std::string(64, 'a'), std::string("a.") + std::string(300, 'b')}) {
+                                      std::string(64, 'a'), std::string("a.") + std::string(300, 'b'),
+                                      std::string("-a.b"), std::string("a-.b"), std::string("~"), std::string("..")}) {
         EXPECT_EQ(errorOf(R"({"ifName":"tun0","domainsOnIfDns":["a.example",")" + domain + "\"]}")
                       .find("domainsOnIfDns[1]: "),
                   0U)
@@ -212,11 +215,19 @@ TEST(InterfaceRequest, DomainsAreNames)
     }
 }
 
+TEST(InterfaceRequest, ATildeAndATrailingDotStayWithADomain)
+{
+    const InterfaceRequest request = parseInterfaceRequest(
+        R"({"ifName":"tun0","domainsOnIfDns":["~corp.example","b.example.","~c.example.",".","~.","a-b._tcp"]})");
+    EXPECT_THAT(request.dns.domains,
+                ElementsAre("~corp.example", "b.example.", "~c.example.", ".", "~.", "a-b._tcp"));
+}
+
 TEST(InterfaceRequest, OneMebibyteOfTextInAValueIsRefusedAndShownInPart)
 {
     const std::string text(1 << 20, 'x');
     const std::string part = "\"" + text.substr(0, 40) + "...\"";
-    EXPECT_EQ(errorOf("{\"ifName\":\"" + text + "\"}"), "ifName: is longer than 15 characters: " + part);
+    EXPECT_EQ(errorOf("{\"ifName\":\"" + text + "\"}"), "ifName: " + part + " is longer than the 15 characters of an interface name");
     EXPECT_EQ(errorOfIpv4("\"ip\":\"" + text + "\""), "ipv4.ip: must be \"0x\" and eight hex digits, not " + part);
     EXPECT_EQ(errorOfRoute("{\"ip\":\"" + text + "\",\"netmask\":\"255.0.0.0\"}"),
               "ipv4.additionalIfRoutes[1].ip: must be a dotted IPv4 address, not " + part);
