@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "BusParty.h"
+#include "BusPeer.h"
 #include "Threads.h"
 
 namespace conformance {
@@ -91,9 +91,9 @@ void nullHandleIsRefused(Platform& platform)
     refused("QSUnregister", [&](QSError* e) { return QUOR(QSUnregister)(nullptr, e); });
     refused("QSGmainAttach", [&](QSError* e) { return QUOR(QSGmainAttach)(nullptr, loop.get(), e); });
     refused("QSRegisterServerStatus",
-            [&](QSError* e) { return QUOR(QSRegisterServerStatus)(nullptr, "a.b", BusParty::onStatus, nullptr, e); });
+            [&](QSError* e) { return QUOR(QSRegisterServerStatus)(nullptr, "a.b", BusPeer::onStatus, nullptr, e); });
     refused("QSCall",
-            [&](QSError* e) { return QUOR(QSCall)(nullptr, nobody, "{}", BusParty::onReply, nullptr, nullptr, e); });
+            [&](QSError* e) { return QUOR(QSCall)(nullptr, nobody, "{}", BusPeer::onReply, nullptr, nullptr, e); });
     refused("QSRegisterCategory",
             [&](QSError* e) { return QUOR(QSRegisterCategory)(nullptr, "/", methods, nullptr, nullptr, e); });
     refused("QSMessageReply", [&](QSError* e) { return QUOR(QSMessageReply)(nullptr, nullptr, "{}", e); });
@@ -121,28 +121,28 @@ void failedRegisterLeavesHandle(Platform& platform)
 
 void registersAnonymously(Platform& platform)
 {
-    BusParty party(platform);
-    party.leave();
+    BusPeer peer(platform);
+    peer.leave();
 }
 
 void attachesOnce(Platform& platform)
 {
-    BusParty party(platform, BusParty::Attached::no);
+    BusPeer peer(platform, BusPeer::Attached::No);
     ErrorRecord error(platform);
-    expect(!QUOR(QSGmainAttach)(party.handle(), nullptr, error.get()), "a null loop was taken");
+    expect(!QUOR(QSGmainAttach)(peer.handle(), nullptr, error.get()), "a null loop was taken");
     error.expectFilled("QSGmainAttach() of a null loop");
-    party.attach();
-    expect(!QUOR(QSGmainAttach)(party.handle(), party.thread().loop(), nullptr), "a handle was attached twice");
+    peer.attach();
+    expect(!QUOR(QSGmainAttach)(peer.handle(), peer.thread().loop(), nullptr), "a handle was attached twice");
 }
 
 void malformedCallIsRefused(Platform& platform)
 {
-    BusParty party(platform);
+    BusPeer peer(platform);
     const auto refused = [&](const char* uri, const char* payload) {
         ErrorRecord error(platform);
         const std::string call =
             std::string("QSCall(") + (uri ? uri : "null") + ", " + (payload ? payload : "null") + ")";
-        expect(!QUOR(QSCall)(party.handle(), uri, payload, BusParty::onReply, &party, nullptr, error.get()),
+        expect(!QUOR(QSCall)(peer.handle(), uri, payload, BusPeer::onReply, &peer, nullptr, error.get()),
                call + " was accepted");
         expect(error.code() == QS_ERROR_BAD_ARGUMENT, call + " gave the error " + std::to_string(error.code()));
         error.expectFilled(call);
@@ -155,106 +155,106 @@ void malformedCallIsRefused(Platform& platform)
          {static_cast<const char*>(nullptr), "", "[]", "7", "\"text\"", "{", "{} {}", "{\"a\":\xff}"}) {
         refused(nobody, payload);
     }
-    party.thread().run([] {});
-    expect(party.inbox().size() == 0, "a refused call was answered");
+    peer.thread().call([] {});
+    expect(peer.mailbox().size() == 0, "a refused call was answered");
 }
 
 void callWithoutServiceIsAnswered(Platform& platform)
 {
-    BusParty party(platform);
-    const QSMessageToken token = party.call(nobody, "{}");
-    const auto replies = party.inbox().wait(1);
+    BusPeer peer(platform);
+    const QSMessageToken token = peer.call(nobody, "{}");
+    const auto replies = peer.mailbox().wait(1);
     expect(replies.size() == 1, "no reply within five seconds");
     expectErrorReply(replies[0].text);
     expect(replies[0].token == token, "the reply carries another token than the call");
-    expect(replies[0].thread == party.thread().id(), "the reply came on another thread than the loop's");
-    expect(party.inbox().wait(2, milliseconds(200)).size() == 1, "there was a second reply");
+    expect(replies[0].thread == peer.thread().id(), "the reply came on another thread than the loop's");
+    expect(peer.mailbox().wait(2, milliseconds(200)).size() == 1, "there was a second reply");
 }
 
 void replyNeverInsideCall(Platform& platform)
 {
-    BusParty party(platform);
+    BusPeer peer(platform);
     std::size_t seen = 0;
-    party.thread().run([&] {
-        party.call(nobody, "{}");
-        seen = party.inbox().size();
+    peer.thread().call([&] {
+        peer.call(nobody, "{}");
+        seen = peer.mailbox().size();
     });
     expect(seen == 0, "the reply came from inside QSCall()");
-    expect(party.inbox().wait(1).size() == 1, "no reply within five seconds");
+    expect(peer.mailbox().wait(1).size() == 1, "no reply within five seconds");
 }
 
 void nothingSentBeforeAttach(Platform& platform)
 {
-    BusParty party(platform, BusParty::Attached::no);
-    party.call(nobody, "{}");
-    expect(party.inbox().wait(1, milliseconds(200)).empty(), "a reply came before the loop was attached");
-    party.attach();
-    expect(party.inbox().wait(1).size() == 1, "no reply within five seconds of attaching");
+    BusPeer peer(platform, BusPeer::Attached::No);
+    peer.call(nobody, "{}");
+    expect(peer.mailbox().wait(1, milliseconds(200)).empty(), "a reply came before the loop was attached");
+    peer.attach();
+    expect(peer.mailbox().wait(1).size() == 1, "no reply within five seconds of attaching");
 }
 
 void callbackAndTokenMayBeNull(Platform& platform)
 {
-    BusParty party(platform);
-    expect(QUOR(QSCall)(party.handle(), nobody, "{}", nullptr, nullptr, nullptr, nullptr), "the call was refused");
-    party.call(nobody, "{}");
-    expect(party.inbox().wait(1).size() == 1, "no reply to the call after it");
+    BusPeer peer(platform);
+    expect(QUOR(QSCall)(peer.handle(), nobody, "{}", nullptr, nullptr, nullptr, nullptr), "the call was refused");
+    peer.call(nobody, "{}");
+    expect(peer.mailbox().wait(1).size() == 1, "no reply to the call after it");
 }
 
 void tokensDiffer(Platform& platform)
 {
-    BusParty party(platform);
-    expect(party.call(nobody, "{}") != party.call(nobody, "{}"), "two calls have one token");
+    BusPeer peer(platform);
+    expect(peer.call(nobody, "{}") != peer.call(nobody, "{}"), "two calls have one token");
 }
 
 void callsFromAnyThread(Platform& platform)
 {
-    BusParty party(platform);
+    BusPeer peer(platform);
     std::atomic<int> refused{0};
     auto& call = QUOR(QSCall);
     onThreads(4, [&](int) {
         for (int round = 0; round < 50; ++round)
-            refused += call(party.handle(), nobody, "{}", BusParty::onReply, &party, nullptr, nullptr) ? 0 : 1;
+            refused += call(peer.handle(), nobody, "{}", BusPeer::onReply, &peer, nullptr, nullptr) ? 0 : 1;
     });
     expect(refused == 0, std::to_string(refused) + " of 200 calls were refused");
-    const auto replies = party.inbox().wait(200);
+    const auto replies = peer.mailbox().wait(200);
     expect(replies.size() == 200, "200 calls from four threads got " + std::to_string(replies.size()) + " replies");
-    for (const Inbox::Entry& entry : replies)
-        expect(entry.thread == party.thread().id(), "a reply came on another thread than the loop's");
+    for (const Mailbox::Entry& entry : replies)
+        expect(entry.thread == peer.thread().id(), "a reply came on another thread than the loop's");
 }
 
 void noReplyAfterUnregister(Platform& platform)
 {
-    BusParty party(platform);
-    party.thread().run([&] {  // where no reply can come in between
-        party.call(nobody, "{}");
-        party.leave();
+    BusPeer peer(platform);
+    peer.thread().call([&] {  // where no reply can come in between
+        peer.call(nobody, "{}");
+        peer.leave();
     });
-    expect(party.inbox().wait(1, milliseconds(200)).empty(), "a call was answered after QSUnregister()");
+    expect(peer.mailbox().wait(1, milliseconds(200)).empty(), "a call was answered after QSUnregister()");
 }
 
 void ownerMayReleaseTheLoop(Platform& platform)
 {
-    BusParty party(platform, BusParty::Attached::no);
+    BusPeer peer(platform, BusPeer::Attached::No);
     GMainContextPtr context(g_main_context_new());
     GMainLoopPtr loop(g_main_loop_new(context.get(), FALSE));
-    expect(QUOR(QSGmainAttach)(party.handle(), loop.get(), nullptr), "QSGmainAttach() failed");
+    expect(QUOR(QSGmainAttach)(peer.handle(), loop.get(), nullptr), "QSGmainAttach() failed");
     loop.reset();
     context.reset();
-    party.call(nobody, "{}");
-    party.leave();
+    peer.call(nobody, "{}");
+    peer.leave();
 }
 
 void leavesNothingBehind(Platform& platform)
 {
     const auto use = [&platform] {
-        BusParty party(platform);
-        party.call(nobody, "{}");
-        party.inbox().wait(1);
-        party.leave();
+        BusPeer peer(platform);
+        peer.call(nobody, "{}");
+        peer.mailbox().wait(1);
+        peer.leave();
     };
     use();
     platform.unload("quorservice.h");
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 10; ++round) {
         use();
         platform.unload("quorservice.h");
@@ -265,9 +265,9 @@ void leavesNothingBehind(Platform& platform)
 void unloadDisconnects(Platform& platform)
 {
     {
-        BusParty(platform).leave();
+        BusPeer(platform).leave();
     }
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 10; ++round) {
         {
             QSHandle* handle = nullptr;

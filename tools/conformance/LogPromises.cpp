@@ -105,7 +105,7 @@ void threadsPrintWholeLines(Platform& platform)
 
 void leavesNothingBehind(Platform& platform)
 {
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 20; ++round) {
         VKLOG(VkLogPrint)(contextOf(platform, "conformance"), 6, "round %d", round);
         platform.unload("VkLogLib.h");

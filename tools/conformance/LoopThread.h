@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A main loop on a thread of its own, as the plug-in has one, and what callbacks left there.
+// A main loop on a thread of its own, as the plug-in has one, and a mailbox for its callbacks.
 #ifndef CONFORMANCE_LOOPTHREAD_H
 #define CONFORMANCE_LOOPTHREAD_H
 
@@ -26,18 +26,18 @@ public:
             g_main_loop_run(loop);
             g_main_context_pop_thread_default(mContext.get());
         });
-        run([] {});
+        call([] {});
     }
     ~LoopThread()
     {
-        run([this] { g_main_loop_quit(mLoop.get()); });
+        call([this] { g_main_loop_quit(mLoop.get()); });
         mThread.join();
     }
 
     GMainLoop* loop() const { return mLoop.get(); }
     std::thread::id id() const { return mThread.get_id(); }
-    /// Has the loop's thread do something, and waits for it.
-    void run(const std::function<void()>& task)
+    /// Runs a task on the loop's thread and waits for it.
+    void call(const std::function<void()>& task)
     {
         std::packaged_task<void()> packaged(task);
         std::future<void> done = packaged.get_future();
@@ -55,8 +55,8 @@ private:
     std::thread mThread;
 };
 
-/// What callbacks were told, in order, and on which thread.
-class Inbox {
+/// The messages of callbacks, in order, and the thread of each.
+class Mailbox {
 public:
     struct Entry {
         std::string text;
@@ -69,7 +69,7 @@ public:
         mEntries.push_back({text, token, std::this_thread::get_id()});
         mChanged.notify_all();
     }
-    /// Waits until there are `count`, for so long at most, and returns all.
+    /// Waits until there are `count` messages, for `atMost`, and returns all.
     std::vector<Entry> wait(std::size_t count, std::chrono::milliseconds atMost = std::chrono::seconds(5))
     {
         std::unique_lock<std::mutex> lock(mLock);

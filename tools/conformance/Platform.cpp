@@ -30,7 +30,7 @@ void Platform::Unloader::operator()(void* library) const
 void Platform::load(const std::string& header)
 {
     if (mLoaded.count(header) != 0) return;
-    // The others may print through the log library, wherever it is.
+    // The other libraries may log through the log library under test.
     if (header != "VkLogLib.h") load("VkLogLib.h");
     const std::string& file = mSettings.libraries.at(header);
     void* library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -74,17 +74,17 @@ void Platform::requireVisibleLog()
     }
 }
 
-Holdings holdings()
+ProcessResources currentResources()
 {
     return {entriesOf("/proc/self/fd"), entriesOf("/proc/self/task")};
 }
 
-void expectNothingLeft(const Holdings& before)
+void expectNothingLeft(const ProcessResources& before)
 {
-    Holdings now = holdings();
+    ProcessResources now = currentResources();
     for (int tries = 0; tries < 40 && now.threads > before.threads; ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        now = holdings();
+        now = currentResources();
     }
     expect(now.threads <= before.threads, std::to_string(now.threads - before.threads) + " threads are left");
     expect(now.descriptors <= before.descriptors,

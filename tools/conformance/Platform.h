@@ -32,11 +32,11 @@ public:
     }
     /// Loads the library of a header.
     void load(const std::string& header);
-    /// Unloads it, with what it brought. Throws Broken when it stays in memory.
+    /// Unloads the library of a header, with its dependencies. Throws Broken when it stays in memory.
     void unload(const std::string& header);
-    /// All that was written to the log so far, as far as it goes to stderr.
+    /// What the platform has logged to stderr so far.
     std::string log() const;
-    /// Throws Untestable when the log does not go there.
+    /// Throws Untestable when the platform does not log to stderr.
     void requireVisibleLog();
 
     const Settings& settings() const { return mSettings; }
@@ -51,18 +51,18 @@ private:
     std::map<std::string, std::unique_ptr<void, Unloader>> mLoaded;
 };
 
-/// How much the process holds: open descriptors and threads.
-struct Holdings {
+/// What this process has: open descriptors and threads.
+struct ProcessResources {
     long descriptors = 0;
     long threads = 0;
 };
-Holdings holdings();
-/// Throws Broken when there is more now, after threads that are about to end had the time to.
-void expectNothingLeft(const Holdings& before);
+ProcessResources currentResources();
+/// Throws Broken when there are more now. Threads that are about to end get the time to do so.
+void expectNothingLeft(const ProcessResources& before);
 
 }  // namespace conformance
 
-// The library's own, instead of one that this program is linked against.
+// The function of the library under test, not of one that this program links.
 #define VKLOG(name) platform.function<decltype(name)>("VkLogLib.h", #name)
 #define POWERD(name) platform.function<decltype(name)>("powerd.h", #name)
 #define QUOR(name) platform.function<decltype(name)>("quorservice.h", #name)

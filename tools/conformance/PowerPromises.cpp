@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The promises of powerd.h. What happens when a device sleeps is not tried: this one shall not.
+// The promises of powerd.h. Suspend itself is not tested, so that the machine is
+// never put to sleep.
 #include <atomic>
 
 #include "LoopThread.h"
@@ -131,7 +132,7 @@ void deinitOnTheLoopsThread(Platform& platform)
     start(platform, thread.loop());
     bool done = false;
     auto& deinit = POWERD(PowerdClientDeinit);
-    thread.run([&] { done = deinit(); });
+    thread.call([&] { done = deinit(); });
     expect(done, "PowerdClientDeinit() failed on the loop's thread");
 }
 
@@ -139,7 +140,7 @@ void leavesNothingBehind(Platform& platform)
 {
     startsAgain(platform);  // what GLib keeps for itself is there from now on
     platform.unload("powerd.h");
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 5; ++round) {
         startsAgain(platform);
         platform.unload("powerd.h");
@@ -151,7 +152,7 @@ void unloadWithoutDeinit(Platform& platform)
 {
     startsAgain(platform);
     platform.unload("powerd.h");
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 5; ++round) {
         {
             LoopThread thread;  // ends first: nothing may run in a library that is being unloaded

@@ -17,7 +17,7 @@ public:
     void add(const Promise& promise, const Verdict& verdict);
     void finish();
     /// True when no promise was found broken.
-    bool conforms() const { return mCounts[static_cast<int>(Result::notOk)] == 0; }
+    bool conforms() const { return mCounts[static_cast<int>(Result::NotOk)] == 0; }
 
 private:
     bool mJson;

@@ -134,7 +134,7 @@ void leavesNothingBehind(Platform& platform)
         platform.unload("VkNetConfigLib.h");
     };
     use();
-    const Holdings before = holdings();
+    const ProcessResources before = currentResources();
     for (int round = 0; round < 10; ++round)
         use();
     expectNothingLeft(before);

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "BusParty.h"
+#include "BusPeer.h"
 
 namespace conformance {
 
@@ -14,47 +14,47 @@ constexpr char header[] = "quorservice.h";
 
 using std::chrono::milliseconds;
 
-std::string textAt(const std::vector<Inbox::Entry>& entries, std::size_t index)
+std::string textAt(const std::vector<Mailbox::Entry>& entries, std::size_t index)
 {
     return index < entries.size() ? entries[index].text : "(nothing within five seconds)";
 }
 
-void expectReply(BusParty& party, const std::string& expected)
+void expectReply(BusPeer& peer, const std::string& expected)
 {
-    const std::string reply = textAt(party.inbox().wait(1), 0);
+    const std::string reply = textAt(peer.mailbox().wait(1), 0);
     expect(reply == expected, "the reply is " + reply + ", not " + expected);
 }
 
 void answersCalls(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     const QSMessageToken token = client.call(service.uri("echo"), R"({"text":"x\u00e4 / \"y\""})");
     expectReply(client, R"({"text":"x\u00e4 / \"y\""})");
-    const auto reply = client.inbox().wait(1)[0];
+    const auto reply = client.mailbox().wait(1)[0];
     expect(reply.token == token, "the reply carries another token than the call");
     expect(reply.thread == client.thread().id(), "the reply came on another thread than the loop's");
-    expect(client.inbox().wait(2, milliseconds(200)).size() == 1, "there was a second reply");
+    expect(client.mailbox().wait(2, milliseconds(200)).size() == 1, "there was a second reply");
 }
 
 void categoriesAreApart(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     client.call(service.uri("one/two/where"), "{}");
     expectReply(client, R"({"where":"below"})");
     client.call(service.uri("where"), "{}");
-    expectErrorReply(textAt(client.inbox().wait(2), 1));
+    expectErrorReply(textAt(client.mailbox().wait(2), 1));
 }
 
 void failedRequestIsAnswered(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     std::size_t count = 0;
     for (const char* method : {"silent", "refuse", "unknown"}) {
         client.call(service.uri(method), "{}");
-        const auto replies = client.inbox().wait(count + 1);
+        const auto replies = client.mailbox().wait(count + 1);
         expectErrorReply(textAt(replies, count++));
     }
 }
@@ -62,16 +62,16 @@ void failedRequestIsAnswered(Platform& platform)
 void answersOnce(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     client.call(service.uri("twice"), "{}");
     expectReply(client, R"({"first":true})");
-    expect(client.inbox().wait(2, milliseconds(200)).size() == 1, "the second answer arrived too");
+    expect(client.mailbox().wait(2, milliseconds(200)).size() == 1, "the second answer arrived too");
 }
 
 void tellsTheSender(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     client.call(service.uri("who"), "{}");
     expectReply(client, R"({"known":true})");
 }
@@ -79,20 +79,20 @@ void tellsTheSender(Platform& platform)
 void pushesToSubscribers(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
-    BusParty other(platform);
+    BusPeer client(platform);
+    BusPeer other(platform);
     const QSMessageToken token = client.call(service.uri("watch"), R"({"subscribe":true})");
     expectReply(client, R"({"entered":true})");
     other.call(service.uri("echo"), "{}");
     expectReply(other, "{}");
     for (const char* payload : {R"({"push":1})", R"({"push":2})"})
         service.push(payload);
-    const auto all = client.inbox().wait(3);
+    const auto all = client.mailbox().wait(3);
     expect(textAt(all, 1) == R"({"push":1})" && textAt(all, 2) == R"({"push":2})",
            "two pushes arrived as " + textAt(all, 1) + " and " + textAt(all, 2));
     expect(all[1].token == token && all[2].token == token, "a push carries another token than its subscription");
     expect(all[1].thread == client.thread().id(), "a push came on another thread than the loop's");
-    expect(other.inbox().wait(2, milliseconds(100)).size() == 1, "a push went to a client that did not ask for any");
+    expect(other.mailbox().wait(2, milliseconds(100)).size() == 1, "a push went to a client that did not ask for any");
 }
 
 void pushWithoutSubscriber(Platform& platform)
@@ -104,39 +104,39 @@ void pushWithoutSubscriber(Platform& platform)
 void subscriberThatLeftIsForgotten(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     client.call(service.uri("watch"), R"({"subscribe":true})");
     expectReply(client, R"({"entered":true})");
     client.leave();
     service.push("{}");
-    service.thread().run([] {});
-    expect(client.inbox().wait(2, milliseconds(200)).size() == 1, "a push arrived after QSUnregister()");
+    service.thread().call([] {});
+    expect(client.mailbox().wait(2, milliseconds(200)).size() == 1, "a push arrived after QSUnregister()");
 }
 
 void subscriptionsAreLimited(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     for (int number = 0; number < 65; ++number)
         client.call(service.uri("watch"), R"({"subscribe":true})");
-    const auto replies = client.inbox().wait(65);
+    const auto replies = client.mailbox().wait(65);
     expect(textAt(replies, 63) == R"({"entered":true})", "the 64th subscription of one sender was refused");
     expect(textAt(replies, 64) == R"({"entered":false})", "the 65th subscription of one sender was taken");
 }
 
 void serviceStatusIsTold(Platform& platform)
 {
-    BusParty client(platform);
+    BusPeer client(platform);
     const std::string name = platform.settings().serviceName;
-    expect(QUOR(QSRegisterServerStatus)(client.handle(), name.c_str(), BusParty::onStatus,
-                                        static_cast<BusParty*>(&client), nullptr),
+    expect(QUOR(QSRegisterServerStatus)(client.handle(), name.c_str(), BusPeer::onStatus,
+                                        static_cast<BusPeer*>(&client), nullptr),
            "QSRegisterServerStatus() failed");
-    expect(textAt(client.inbox().wait(1), 0) == name + " is gone", "the state found first was not told");
+    expect(textAt(client.mailbox().wait(1), 0) == name + " is gone", "the state found first was not told");
     {
         BusService service(platform);
-        expect(textAt(client.inbox().wait(2), 1) == name + " is there", "it was not told that the service appeared");
+        expect(textAt(client.mailbox().wait(2), 1) == name + " is there", "it was not told that the service appeared");
     }
-    const auto all = client.inbox().wait(3);
+    const auto all = client.mailbox().wait(3);
     expect(textAt(all, 2) == name + " is gone", "it was not told that the service left");
     expect(all.size() == 3, "more was told than what happened");
     expect(all[0].thread == client.thread().id(), "the status came on another thread than the loop's");
@@ -170,7 +170,7 @@ struct SlowCallback {
 void unregisterWaits(Platform& platform)
 {
     BusService service(platform);
-    BusParty client(platform);
+    BusPeer client(platform);
     SlowCallback slow;
     expect(QUOR(QSCall)(client.handle(), service.uri("echo").c_str(), "{}", SlowCallback::run, &slow, nullptr, nullptr),
            "the call was refused");
@@ -181,20 +181,19 @@ void unregisterWaits(Platform& platform)
 
 void malformedServiceIsRefused(Platform& platform)
 {
-    BusParty party(platform);
+    BusPeer peer(platform);
     static QSMethod nameless[] = {{"good", nullptr}, {nullptr, nullptr}};
     static QSMethod good[] = {{nullptr, nullptr}};
-    expect(!QUOR(QSRegisterCategory)(party.handle(), "/", nullptr, nullptr, nullptr, nullptr),
-           "a null table was taken");
-    expect(!QUOR(QSRegisterCategory)(party.handle(), "/", nameless, nullptr, nullptr, nullptr),
+    expect(!QUOR(QSRegisterCategory)(peer.handle(), "/", nullptr, nullptr, nullptr, nullptr), "a null table was taken");
+    expect(!QUOR(QSRegisterCategory)(peer.handle(), "/", nameless, nullptr, nullptr, nullptr),
            "a method without a function was taken");
-    expect(!QUOR(QSRegisterCategory)(party.handle(), nullptr, good, nullptr, nullptr, nullptr),
+    expect(!QUOR(QSRegisterCategory)(peer.handle(), nullptr, good, nullptr, nullptr, nullptr),
            "a null category was taken");
-    expect(!QUOR(QSRegisterServerStatus)(party.handle(), nullptr, BusParty::onStatus, nullptr, nullptr),
+    expect(!QUOR(QSRegisterServerStatus)(peer.handle(), nullptr, BusPeer::onStatus, nullptr, nullptr),
            "a watch on a null name was taken");
-    expect(!QUOR(QSSubscriptionReply)(party.handle(), nullptr, "{}", nullptr), "a push under a null key was taken");
-    expect(!QUOR(QSSubscriptionReply)(party.handle(), "key", nullptr, nullptr), "a null push was taken");
-    expect(!QUOR(QSMessageReply)(party.handle(), nullptr, "{}", nullptr), "a null request was answered");
+    expect(!QUOR(QSSubscriptionReply)(peer.handle(), nullptr, "{}", nullptr), "a push under a null key was taken");
+    expect(!QUOR(QSSubscriptionReply)(peer.handle(), "key", nullptr, nullptr), "a null push was taken");
+    expect(!QUOR(QSMessageReply)(peer.handle(), nullptr, "{}", nullptr), "a null request was answered");
 }
 
 }  // namespace

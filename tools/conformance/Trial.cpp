@@ -19,16 +19,17 @@ namespace conformance {
 
 namespace {
 
-// What the child tells: one letter for the result, then the reason. A memory file, which nobody has to read meanwhile.
+// The child writes one letter for the result, then the reason. It writes to a memory file, so that it never waits for a
+// reader.
 constexpr char letters[] = "obu";
 
-[[noreturn]] void beTheChild(const Promise& promise, const Settings& settings, int answer, int log)
+[[noreturn]] void runInChild(const Promise& promise, const Settings& settings, int answer, int log)
 {
     alarm(settings.secondsAtMost);
     dup2(log, STDERR_FILENO);
-    // The host platform's way to have its log on stderr; others may heed it or not.
+    // The host platform then logs to stderr. Other platforms may ignore this.
     setenv("VKLOG_TARGET", "stderr", 1);
-    mallopt(M_PERTURB, 0xa5);  // memory that was given back does not look as if it were still there
+    mallopt(M_PERTURB, 0xa5);  // freed memory does not keep its content
     std::string text(1, letters[0]);
     try {
         Platform platform(settings);
@@ -40,8 +41,8 @@ constexpr char letters[] = "obu";
     } catch (const std::exception& error) {
         text = letters[1] + std::string(error.what());
     }
-    const bool told = write(answer, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    _exit(told ? 0 : 1);
+    const bool written = write(answer, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    _exit(written ? 0 : 1);
 }
 
 UniqueFd memoryFile(const char* name)
@@ -75,12 +76,12 @@ Verdict tryPromise(const Promise& promise, const Settings& settings)
     const UniqueFd log = memoryFile("log");
     const pid_t child = fork();
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (child == 0) beTheChild(promise, settings, answer.get(), log.get());
+    if (child == 0) runInChild(promise, settings, answer.get(), log.get());
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     const std::string text = contentOf(answer);
-    if (status != 0 || text.empty()) return {Result::notOk, endOf(status, settings.secondsAtMost)};
+    if (status != 0 || text.empty()) return {Result::NotOk, endOf(status, settings.secondsAtMost)};
     return {static_cast<Result>(std::strchr(letters, text[0]) - letters), text.substr(1)};
 }
 

@@ -11,10 +11,10 @@
 
 namespace conformance {
 
-enum class Result { ok, notOk, notTestable };
+enum class Result { Ok, NotOk, NotTestable };
 
 struct Verdict {
-    Result result = Result::ok;
+    Result result = Result::Ok;
     std::string reason;  // empty when it holds
 };
 

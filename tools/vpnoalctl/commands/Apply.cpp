@@ -11,8 +11,8 @@
 #include "commands/Commands.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/InstalledState.h"
-#include "tunnel/Notices.h"
 #include "tunnel/Signals.h"
+#include "tunnel/StderrCallbacks.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
@@ -45,9 +45,9 @@ int applyProfile(Context& context, const std::string& file)
     PluginLibrary& plugin = context.plugin();
     checkDevice(profile.tunnel);
     // As long as the object that calls it.
-    static auto* const notices = new Notices(context.settings.verbosity > 0);
+    static auto* const callbacks = new StderrCallbacks(context.settings.verbosity > 0);
     auto& system = plugin.createKept<KEST_SystemPlugin>();
-    system.SetSystemPluginCB(notices);
+    system.SetSystemPluginCB(callbacks);
     bringUpOrRestore(system, profile, signals);
     // The device is somebody else's, and so is its MTU.
     Profile applied = profile;

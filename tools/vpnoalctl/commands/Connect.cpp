@@ -19,9 +19,9 @@
 #include "tunnel/BringUp.h"
 #include "tunnel/ChildCommand.h"
 #include "tunnel/LinkWatch.h"
-#include "tunnel/Notices.h"
 #include "tunnel/OwnershipWatch.h"
 #include "tunnel/Signals.h"
+#include "tunnel/StderrCallbacks.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
@@ -46,7 +46,7 @@ void waitForSignal(const Signals& signals, const LinkWatch& link, const Ownershi
     }
 }
 
-int hold(Signals& signals, const TunDevice& device, const std::string& text)
+int waitUntilEnd(Signals& signals, const TunDevice& device, const std::string& text)
 {
     const LinkWatch link(tunnelDeviceName);
     const OwnershipWatch ownership;
@@ -68,16 +68,16 @@ int holdTunnel(Context& context, const Profile& profile, const std::string& comm
     Signals signals;
     PluginLibrary& plugin = context.plugin();
     const TunDevice device(profile.tunnel);
-    Notices notices(context.settings.verbosity > 0);
+    StderrCallbacks callbacks(context.settings.verbosity > 0);
     // Disposing of the object at the end of this scope restores the configuration.
     const auto system = plugin.create<KEST_SystemPlugin>();
-    system->SetSystemPluginCB(&notices);
+    system->SetSystemPluginCB(&callbacks);
     bringUp(*system, profile);
     verifyFilter(profile);
     printSummary(context.output, profile, "connected");
     if (command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
     if (!context.output.flush()) context.explain("nobody reads the output");
-    return hold(signals, device, command);
+    return waitUntilEnd(signals, device, command);
 }
 
 int connect(Context& context, const Options& options)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl doctor: whether a tunnel can be brought up here, one line a check, with the remedy where something lacks.
+// vpnoalctl doctor: checks whether a tunnel can be brought up here. One line a check, with the remedy for what is
+// missing.
 #include "Context.h"
 #include "Json.h"
 #include "commands/Commands.h"
@@ -13,29 +14,29 @@ namespace vpnoalctl {
 namespace {
 
 constexpr Check checks[] = {
-    {"plug-in", lookAtPlugin},
-    {"privileges", lookAtPrivileges},
-    {"tunnel device", lookAtTunDevice},
-    {"packet filter", lookAtFilter},
-    {"preferred interface", lookAtPreferredInterface},
-    {"resolver", lookAtResolver},
-    {"service bus", lookAtBus},
-    {"connection manager", lookAtConnectionManager},
-    {"certificate manager", lookAtCertificateManager},
-    {"logind", lookAtLogind},
-    {"trust store", lookAtTrustStore},
-    {"folder owners", lookAtFolderOwners},
-    {"ip tool", lookAtIpTool},
-    {"journal", lookAtJournalFolder},
-    {"temporary files", lookAtTemporaryFolder},
+    {"plug-in", checkPlugin},
+    {"privileges", checkPrivileges},
+    {"tunnel device", checkTunDevice},
+    {"packet filter", checkFilter},
+    {"preferred interface", checkPreferredInterface},
+    {"resolver", checkResolver},
+    {"service bus", checkBus},
+    {"connection manager", checkConnectionManager},
+    {"certificate manager", checkCertificateManager},
+    {"logind", checkLogind},
+    {"trust store", checkTrustStore},
+    {"folder owners", checkFolderOwners},
+    {"ip tool", checkIpTool},
+    {"journal", checkJournalFolder},
+    {"temporary files", checkTemporaryFolder},
 };
 
-struct Look {
+struct Label {
     const char* word;
     Style style;
 };
 
-Look lookOf(Health health)
+Label labelFor(Health health)
 {
     switch (health) {
     case Health::Ok: return {"ok", Style::Good};
@@ -46,12 +47,12 @@ Look lookOf(Health health)
     return {"missing", Style::Bad};
 }
 
-void enter(Table& table, bool forMachines, const char* name, const Finding& finding)
+void addRow(Table& table, bool forMachines, const char* name, const Finding& finding)
 {
-    const Look look = lookOf(finding.health);
+    const Label label = labelFor(finding.health);
     const std::string firstLine = finding.remedy.substr(0, finding.remedy.find('\n'));
     const std::string behind = firstLine.empty() ? "" : "; " + firstLine;
-    table.rows.push_back({{look.word, look.style}, {name}, {forMachines ? finding.detail : finding.detail + behind}});
+    table.rows.push_back({{label.word, label.style}, {name}, {forMachines ? finding.detail : finding.detail + behind}});
     if (forMachines) table.rows.back().emplace_back(finding.remedy);
 }
 
@@ -72,9 +73,9 @@ int examine(Context& context)
     bool isUsable = true;
     std::string remedies;
     for (const Check& check : checks) {
-        const Finding finding = check.look(context);
+        const Finding finding = check.run(context);
         isUsable = isUsable && finding.health != Health::Missing && finding.health != Health::Unsafe;
-        enter(table, context.output.json(), check.name, finding);
+        addRow(table, context.output.json(), check.name, finding);
         const auto files = finding.remedy.find('\n');
         if (files != std::string::npos) remedies += finding.remedy.substr(files);
     }

@@ -9,8 +9,8 @@
 #include "Context.h"
 #include "bus/BusClient.h"
 #include "commands/Commands.h"
+#include "monitor/StatusExplanation.h"
 #include "monitor/Timeline.h"
-#include "monitor/Verdict.h"
 #include "monitor/WatchingAgent.h"
 #include "tunnel/Signals.h"
 
@@ -54,7 +54,7 @@ private:
         mTimeline.add({"bus", std::string(service) + (connected ? " is there" : " is not there"), "", ""});
         if (!connected) return;
         mBus.call(statusUri, R"({"subscribe":true})",
-                  [this](const std::string& payload) { mTimeline.add(judgeStatus(payload, mBoundName)); });
+                  [this](const std::string& payload) { mTimeline.add(explainStatus(payload, mBoundName)); });
     }
 
     Signals mSignals;  // before anything starts a thread

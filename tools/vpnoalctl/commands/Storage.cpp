@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl storage: the agent's files, through the plug-in's storage interface only. Names are handed over as they
-// are given.
+// vpnoalctl storage: the agent's files, through the plug-in's storage interface only. Names are passed on unchanged.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,7 +47,7 @@ struct Request {
     std::string name;
     std::string file;
 
-    KEST_FileLocation place() const
+    KEST_FileLocation locationId() const
     {
         for (const LocationName& each : locations) {
             if (location == each.name) return each.location;
@@ -78,7 +77,7 @@ const char* kindOf(const KEST_FileInformation& information)
     return (information.flags & KEST_FILE_DIRECTORY) != 0 ? "directory" : "other";
 }
 
-// JSON is UTF-8; a name that is not has its bytes in hexadecimal beside what can be shown of it.
+// JSON is UTF-8. A name that is not valid UTF-8 also gets its bytes in hexadecimal.
 void addName(const JsonPtr& object, const std::string& name)
 {
     const std::string shown = validUtf8(name);
@@ -101,7 +100,7 @@ std::vector<std::string> list(KEST_StoragePlugin& storage, const Request& reques
         for (auto& buffer : buffers)
             names.push_back(buffer.data());
         auto count = static_cast<unsigned int>(buffers.size());
-        const PluginResult result = storage.EnumerateFiles(request.place(), count, names.data());
+        const PluginResult result = storage.EnumerateFiles(request.locationId(), count, names.data());
         if (result == PLUGIN_SUCCESS) {
             buffers.resize(count);
             break;
@@ -122,13 +121,13 @@ std::vector<std::string> list(KEST_StoragePlugin& storage, const Request& reques
 
 int runList(Context& context, const Request& request)
 {
-    request.place();
+    request.locationId();
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
     Table table{{{"name", "NAME"}, {"kind", "KIND"}, {"size", "SIZE"}}, {}};
     const JsonPtr array = newArray();
     for (const std::string& name : list(*storage, request)) {
         KEST_FileInformation information{};
-        const bool known = storage->SimpleStat(request.place(), name.c_str(), information) == PLUGIN_SUCCESS;
+        const bool known = storage->SimpleStat(request.locationId(), name.c_str(), information) == PLUGIN_SUCCESS;
         const char* kind = known ? kindOf(information) : "unknown";
         const auto size = static_cast<std::uint64_t>(information.size);
         table.rows.push_back({name, kind, known ? plainSize(size) : "-"});
@@ -153,8 +152,8 @@ std::vector<unsigned char> load(KEST_StoragePlugin& storage, const Request& requ
     std::vector<unsigned char> buffer;
     for (int attempt = 0; attempt < 10; ++attempt) {
         auto size = static_cast<unsigned int>(buffer.size());
-        const PluginResult result =
-            storage.LoadFile(request.place(), request.name.c_str(), buffer.empty() ? nullptr : buffer.data(), size);
+        const PluginResult result = storage.LoadFile(request.locationId(), request.name.c_str(),
+                                                     buffer.empty() ? nullptr : buffer.data(), size);
         if (result == PLUGIN_SUCCESS) {
             buffer.resize(buffer.empty() ? 0 : size);
             return buffer;
@@ -163,13 +162,13 @@ std::vector<unsigned char> load(KEST_StoragePlugin& storage, const Request& requ
             throw failure(request, "the file could not be loaded",
                           "see whether 'vpnoalctl storage ls " + request.location + "' shows it");
         }
-        // One byte more than the file, or the end of the file is not seen.
+        // Ask for one byte more than expected; not receiving it signals end of file.
         buffer.resize(std::size_t{size} + 1);
     }
     throw failure(request, "the file keeps growing", "try again when nobody writes to it");
 }
 
-// A file that is loaded leaves lines at error level behind that tell of no error.
+// Loading a file logs lines at error level although nothing failed. They are shown only when loading fails.
 std::vector<unsigned char> loadQuietly(KEST_StoragePlugin& storage, const Request& request, bool showLog)
 {
     HeldLog log(!showLog);
@@ -181,9 +180,9 @@ std::vector<unsigned char> loadQuietly(KEST_StoragePlugin& storage, const Reques
     }
 }
 
-void writeOut(int target, const std::string& label, const std::vector<unsigned char>& bytes, bool wanted)
+void writeToFile(int target, const std::string& label, const std::vector<unsigned char>& bytes, bool showProgress)
 {
-    Progress progress(stderr, "writing " + label, bytes.size(), wanted);
+    Progress progress(stderr, "writing " + label, bytes.size(), showProgress);
     for (std::size_t done = 0; done < bytes.size();) {
         const ssize_t written = ::write(target, bytes.data() + done, std::min(block, bytes.size() - done));
         if (written < 0 && errno == EINTR) continue;
@@ -195,19 +194,19 @@ void writeOut(int target, const std::string& label, const std::vector<unsigned c
 
 int runGet(Context& context, const Request& request)
 {
-    request.place();
+    request.locationId();
     if (context.output.json() && request.file.empty()) {
         throw badInput("--json", "the file's content is no JSON", "name a file for it with --output");
     }
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
     const std::vector<unsigned char> bytes = loadQuietly(*storage, request, context.settings.showLog);
     if (request.file.empty()) {
-        writeOut(STDOUT_FILENO, "stdout", bytes, true);
+        writeToFile(STDOUT_FILENO, "stdout", bytes, true);
         return ExitOk;
     }
     UniqueFd target(::open(request.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!target.valid()) throw systemError(request.file, errno, "choose a file that can be written");
-    writeOut(target.get(), request.file, bytes, !context.output.json());
+    writeToFile(target.get(), request.file, bytes, !context.output.json());
     if (::close(target.release()) != 0) throw systemError(request.file, errno, "free the disk or choose another file");
     const JsonPtr value = newObject();
     addName(value, request.name);
@@ -220,7 +219,7 @@ int runGet(Context& context, const Request& request)
 
 // --- put ---
 
-std::vector<unsigned char> readIn(const std::string& file, bool wanted)
+std::vector<unsigned char> readFromFile(const std::string& file, bool showProgress)
 {
     const bool isStandardInput = file.empty() || file == "-";
     const UniqueFd source(isStandardInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
@@ -234,7 +233,7 @@ std::vector<unsigned char> readIn(const std::string& file, bool wanted)
     const auto total = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
     if (total > largest) throw tooLarge();
 
-    Progress progress(stderr, "reading " + label, total, wanted && (total != 0 || !S_ISREG(status.st_mode)));
+    Progress progress(stderr, "reading " + label, total, showProgress && (total != 0 || !S_ISREG(status.st_mode)));
     std::vector<unsigned char> bytes;
     bytes.reserve(total + block);
     for (std::size_t done = 0;;) {
@@ -254,10 +253,10 @@ std::vector<unsigned char> readIn(const std::string& file, bool wanted)
 
 int runPut(Context& context, const Request& request)
 {
-    request.place();
-    const std::vector<unsigned char> bytes = readIn(request.file, !context.output.json());
+    request.locationId();
+    const std::vector<unsigned char> bytes = readFromFile(request.file, !context.output.json());
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
-    if (storage->SaveFile(request.place(), request.name.c_str(), bytes.data(),
+    if (storage->SaveFile(request.locationId(), request.name.c_str(), bytes.data(),
                           static_cast<unsigned int>(bytes.size())) != PLUGIN_SUCCESS) {
         throw failure(request, "the file could not be saved",
                       "'vpnoalctl storage ls " + request.location +
@@ -275,9 +274,9 @@ int runPut(Context& context, const Request& request)
 
 int runRemove(Context& context, const Request& request)
 {
-    request.place();
+    request.locationId();
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
-    if (storage->DeleteFile(request.place(), request.name.c_str()) != PLUGIN_SUCCESS) {
+    if (storage->DeleteFile(request.locationId(), request.name.c_str()) != PLUGIN_SUCCESS) {
         throw failure(request, "the file could not be deleted",
                       "see whether 'vpnoalctl storage ls " + request.location + "' shows it as a file");
     }
@@ -291,10 +290,10 @@ int runRemove(Context& context, const Request& request)
 
 int runStat(Context& context, const Request& request)
 {
-    request.place();
+    request.locationId();
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
     KEST_FileInformation information{};
-    if (storage->SimpleStat(request.place(), request.name.c_str(), information) != PLUGIN_SUCCESS) {
+    if (storage->SimpleStat(request.locationId(), request.name.c_str(), information) != PLUGIN_SUCCESS) {
         throw failure(request, "there is no such file, or it has 2 GiB and more",
                       "see what 'vpnoalctl storage ls " + request.location + "' shows");
     }
@@ -310,24 +309,24 @@ int runStat(Context& context, const Request& request)
 
 int runMap(Context& context, const Request& request)
 {
-    request.place();
+    request.locationId();
     const auto storage = context.plugin().create<KEST_StoragePlugin>();
     void* address = nullptr;
     unsigned int size = 0;
-    if (storage->SimpleMapFile(request.place(), request.name.c_str(), address, size) != PLUGIN_SUCCESS) {
+    if (storage->SimpleMapFile(request.locationId(), request.name.c_str(), address, size) != PLUGIN_SUCCESS) {
         throw failure(request, "the file could not be mapped",
                       "look at the log above; an empty file and a directory cannot be mapped");
     }
-    const std::string place = fmt::format("0x{:x}", reinterpret_cast<std::uintptr_t>(address));
+    const std::string start = fmt::format("0x{:x}", reinterpret_cast<std::uintptr_t>(address));
     if (storage->SimpleUnmapFile(address) != PLUGIN_SUCCESS) {
         throw failure(request, "the mapping could not be ended", "look at the log above");
     }
     const JsonPtr value = newObject();
     addName(value, request.name);
-    addText(value, "address", place);
+    addText(value, "address", start);
     addNumber(value, "size", size);
     context.output.value(value);
-    context.output.line("Mapped " + plainSize(size) + " at " + place + " and unmapped them.", Style::Good);
+    context.output.line("Mapped " + plainSize(size) + " at " + start + " and unmapped them.", Style::Good);
     return ExitOk;
 }
 

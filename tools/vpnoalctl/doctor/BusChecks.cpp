@@ -110,32 +110,32 @@ bool hasResolvconf()
 
 }  // namespace
 
-Finding lookAtBus(Context&)
+Finding checkBus(Context&)
 {
     const std::string fault = namesOnBus().fault;
     if (fault.empty()) return {Health::Ok, "the system bus answers", ""};
     return {Health::Limited, fault, noBus};
 }
 
-Finding lookAtConnectionManager(Context&)
+Finding checkConnectionManager(Context&)
 {
     return lookForService("com.vesk.connectionmanager",
                           "install vpnwfoal-services; without it nobody tells of network changes");
 }
 
-Finding lookAtCertificateManager(Context&)
+Finding checkCertificateManager(Context&)
 {
     return lookForService("com.vesk.certificatemanager",
                           "install vpnwfoal-services; without it no certificate can be imported");
 }
 
-Finding lookAtLogind(Context&)
+Finding checkLogind(Context&)
 {
     return lookForService("org.freedesktop.login1",
                           "start systemd-logind or elogind; without one nobody tells of the device's sleep");
 }
 
-Finding lookAtResolver(Context&)
+Finding checkResolver(Context&)
 {
     const std::string fault = resolvedFault();
     if (fault.empty()) return {Health::Ok, "systemd-resolved answers", ""};
@@ -150,27 +150,27 @@ Finding lookAtResolver(Context&)
 
 namespace vpnoalctl {
 
-Finding lookAtBus(Context&)
+Finding checkBus(Context&)
 {
     return {Health::Ok, "the device's own platform knows its bus", ""};
 }
 
-Finding lookAtConnectionManager(Context&)
+Finding checkConnectionManager(Context&)
 {
     return {Health::Ok, "the device's own platform tells of network changes", ""};
 }
 
-Finding lookAtCertificateManager(Context&)
+Finding checkCertificateManager(Context&)
 {
     return {Health::Ok, "the device's own platform installs certificates", ""};
 }
 
-Finding lookAtLogind(Context&)
+Finding checkLogind(Context&)
 {
     return {Health::Ok, "the device's own platform tells of sleep", ""};
 }
 
-Finding lookAtResolver(Context&)
+Finding checkResolver(Context&)
 {
     return {Health::Ok, "the device's own platform sets DNS", ""};
 }

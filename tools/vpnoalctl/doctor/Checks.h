@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the doctor looks at. A check changes nothing that lasts.
+// The checks of the doctor. A check makes no lasting change.
 #ifndef VPNOALCTL_CHECKS_H
 #define VPNOALCTL_CHECKS_H
 
@@ -14,44 +14,44 @@ enum class Health {
     Ok,
     Limited,  ///< something that not every tunnel needs is missing
     Missing,  ///< no tunnel can be brought up
-    Unsafe    ///< somebody else can get at what only root may have
+    Unsafe    ///< another user can change what only root may change
 };
 
 struct Finding {
     Health health;
     std::string detail;  ///< what was found
-    std::string remedy;  ///< what to do about it; empty when it is well. Further lines show a file to write
+    std::string remedy;  ///< what to do about it; empty when nothing is wrong. Further lines show a file to write
 };
 
 struct Check {
     const char* name;
-    Finding (*look)(Context& context);
+    Finding (*run)(Context& context);
 };
 
 // The plug-in, and what it runs.
-Finding lookAtPlugin(Context& context);
-Finding lookAtIpTool(Context& context);
+Finding checkPlugin(Context& context);
+Finding checkIpTool(Context& context);
 
 // What the kernel and the privileges of this process allow.
-Finding lookAtPrivileges(Context& context);
-Finding lookAtTunDevice(Context& context);
-Finding lookAtFilter(Context& context);
+Finding checkPrivileges(Context& context);
+Finding checkTunDevice(Context& context);
+Finding checkFilter(Context& context);
 
 // The interface for the outer connection.
-Finding lookAtPreferredInterface(Context& context);
+Finding checkPreferredInterface(Context& context);
 
-// Who is on the bus, or would be started by it.
-Finding lookAtBus(Context& context);
-Finding lookAtResolver(Context& context);
-Finding lookAtConnectionManager(Context& context);
-Finding lookAtCertificateManager(Context& context);
-Finding lookAtLogind(Context& context);
+// Services that are on the bus, or that the bus can start.
+Finding checkBus(Context& context);
+Finding checkResolver(Context& context);
+Finding checkConnectionManager(Context& context);
+Finding checkCertificateManager(Context& context);
+Finding checkLogind(Context& context);
 
 // Folders.
-Finding lookAtTrustStore(Context& context);
-Finding lookAtFolderOwners(Context& context);
-Finding lookAtJournalFolder(Context& context);
-Finding lookAtTemporaryFolder(Context& context);
+Finding checkTrustStore(Context& context);
+Finding checkFolderOwners(Context& context);
+Finding checkJournalFolder(Context& context);
+Finding checkTemporaryFolder(Context& context);
 
 }  // namespace vpnoalctl
 

@@ -63,7 +63,7 @@ bool isHashedName(const std::string& name)
 
 }  // namespace
 
-Finding lookAtFolderOwners(Context&)
+Finding checkFolderOwners(Context&)
 {
     std::string faults;
     for (const char* folder : privateFolders) {
@@ -74,7 +74,7 @@ Finding lookAtFolderOwners(Context&)
     return {Health::Unsafe, faults, "remove it as root: whoever made it may read or replace what is written there"};
 }
 
-Finding lookAtTrustStore(Context&)
+Finding checkTrustStore(Context&)
 {
     struct stat status {};
     if (stat(trustStore, &status) != 0) {
@@ -98,7 +98,7 @@ Finding lookAtTrustStore(Context&)
             "put the roots that are to be trusted there, and run 'openssl rehash' on it"};
 }
 
-Finding lookAtTemporaryFolder(Context&)
+Finding checkTemporaryFolder(Context&)
 {
     const std::string fault = folderFault("/tmp");
     if (fault.empty()) return {Health::Ok, "/tmp is writable", ""};
@@ -107,7 +107,7 @@ Finding lookAtTemporaryFolder(Context&)
 
 #ifdef WFOAL_HOST_PLATFORM
 
-Finding lookAtJournalFolder(Context&)
+Finding checkJournalFolder(Context&)
 {
     const std::string folder = "/run/vknetconfig";
     struct stat status {};
@@ -120,7 +120,7 @@ Finding lookAtJournalFolder(Context&)
 
 #else
 
-Finding lookAtJournalFolder(Context&)
+Finding checkJournalFolder(Context&)
 {
     return {Health::Ok, "the device's own platform keeps its journal", ""};
 }

@@ -145,7 +145,7 @@ Finding explain(const Candidates& candidates)
 
 }  // namespace
 
-Finding lookAtPreferredInterface(Context&)
+Finding checkPreferredInterface(Context&)
 {
     try {
         const std::vector<RouteInfo> routes = kernelRoutes();

@@ -28,13 +28,13 @@ bool hasCapability(int capability)
 
 }  // namespace
 
-Finding lookAtPrivileges(Context&)
+Finding checkPrivileges(Context&)
 {
     if (hasCapability(CAP_NET_ADMIN)) return {Health::Ok, "may change the network (CAP_NET_ADMIN)", ""};
     return {Health::Missing, "may not change the network: CAP_NET_ADMIN is missing", "run as root"};
 }
 
-Finding lookAtTunDevice(Context&)
+Finding checkTunDevice(Context&)
 {
     const UniqueFd device(open("/dev/net/tun", O_RDWR | O_CLOEXEC));
     if (!device.valid()) {
@@ -51,7 +51,7 @@ Finding lookAtTunDevice(Context&)
 
 #ifdef WFOAL_HOST_PLATFORM
 
-Finding lookAtFilter(Context&)
+Finding checkFilter(Context&)
 {
     // Without the privilege there is no answer.
     if (!hasCapability(CAP_NET_ADMIN)) return {Health::Missing, "nftables does not answer just anybody", "run as root"};
@@ -62,7 +62,7 @@ Finding lookAtFilter(Context&)
 
 #else
 
-Finding lookAtFilter(Context&)
+Finding checkFilter(Context&)
 {
     return {Health::Ok, "the device's own platform filters", ""};
 }

@@ -17,7 +17,7 @@ constexpr char ipTool[] = "/sbin/ip";
 
 }  // namespace
 
-Finding lookAtPlugin(Context& context)
+Finding checkPlugin(Context& context)
 {
     constexpr unsigned int expected = 4;
     const char* const remedy = "install the plug-in, or name its file with --plugin or $WFOAL_PLUGIN";
@@ -31,7 +31,7 @@ Finding lookAtPlugin(Context& context)
     }
 }
 
-Finding lookAtIpTool(Context&)
+Finding checkIpTool(Context&)
 {
     if (access(ipTool, X_OK) == 0) return {Health::Ok, std::string(ipTool) + " is there", ""};
     return {Health::Limited, fmt::format("{}: {}", ipTool, std::strerror(errno)),

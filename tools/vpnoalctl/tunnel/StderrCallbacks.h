@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The agent's callback record of this program: tells on stderr, with -v, what the plug-in reports. Its operations are
-// called on the plug-in's event thread too.
-#ifndef VPNOALCTL_NOTICES_H
-#define VPNOALCTL_NOTICES_H
+// The callback record of this program: with -v, it writes to stderr what the plug-in reports. Its operations are also
+// called on the plug-in's event thread.
+#ifndef VPNOALCTL_STDERRCALLBACKS_H
+#define VPNOALCTL_STDERRCALLBACKS_H
 
 #include "Output.h"
 #include "kest/SystemPluginCB.h"
 
 namespace vpnoalctl {
 
-class Notices : public KEST_SystemPluginCB {
+class StderrCallbacks : public KEST_SystemPluginCB {
 public:
-    explicit Notices(bool told) : mTold(told) {}
+    explicit StderrCallbacks(bool enabled) : mEnabled(enabled) {}
     void OnPowerSuspended() override { report("the device is about to sleep"); }
     void OnPowerResume() override { report("the device is awake again"); }
     void OnConnectionChange(std::uint32_t) override { report("the physical network changed"); }
@@ -21,10 +21,10 @@ public:
 private:
     void report(const char* what) const
     {
-        if (mTold) tell(what);
+        if (mEnabled) tell(what);
     }
 
-    bool mTold;
+    bool mEnabled;
 };
 
 }  // namespace vpnoalctl

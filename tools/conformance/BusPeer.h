@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One user of the service bus, with a loop thread and an inbox of its own; and error records.
-#ifndef CONFORMANCE_BUSPARTY_H
-#define CONFORMANCE_BUSPARTY_H
+// One client of the service bus, with a loop thread and a mailbox of its own; and error records.
+#ifndef CONFORMANCE_BUSPEER_H
+#define CONFORMANCE_BUSPEER_H
 
 #include <string>
 
@@ -12,7 +12,7 @@
 
 namespace conformance {
 
-/// An error record that is released, and was empty before.
+/// An error record that is initialised and released.
 class ErrorRecord {
 public:
     explicit ErrorRecord(Platform& users) : platform(users) { QUOR(QSErrorInit)(&mError); }
@@ -23,7 +23,7 @@ public:
     QSError* get() { return &mError; }
     int code() const { return mError.error_code; }
     std::string text() const { return mError.message != nullptr ? mError.message : "(no message)"; }
-    /// Throws Broken unless it tells a failure as the header says.
+    /// Throws Broken unless it describes a failure as the header says.
     void expectFilled(const std::string& after) const;
 
 private:
@@ -31,41 +31,41 @@ private:
     QSError mError;
 };
 
-/// Registered as long as it lives, or until leave(). Throws Untestable where the device has no bus or does not give
-/// the name.
-class BusParty {
+/// Registered until leave() or the end of the object. Throws Untestable where the device has no bus or refuses the
+/// name.
+class BusPeer {
 public:
-    enum class Attached { yes, no };
-    explicit BusParty(Platform& platform, Attached attached = Attached::yes, bool asService = false);
-    ~BusParty();
-    BusParty(const BusParty&) = delete;
-    BusParty& operator=(const BusParty&) = delete;
+    enum class Attached { Yes, No };
+    explicit BusPeer(Platform& platform, Attached attached = Attached::Yes, bool asService = false);
+    ~BusPeer();
+    BusPeer(const BusPeer&) = delete;
+    BusPeer& operator=(const BusPeer&) = delete;
 
     QSHandle* handle() const { return mHandle; }
     LoopThread& thread() { return mThread; }
-    Inbox& inbox() { return mInbox; }
+    Mailbox& mailbox() { return mMailbox; }
 
     void attach();
     void leave();
-    /// Calls with the inbox as the place for replies. Throws Broken when the call is refused.
+    /// Calls a method; replies go to the mailbox. Throws Broken when the call is refused.
     QSMessageToken call(const std::string& uri, const std::string& payload);
 
-    /// For QSCall() and QSRegisterServerStatus() with this party as user data.
-    static bool onReply(QSHandle* handle, QSMessage* message, void* party);
-    static bool onStatus(QSHandle* handle, const char* service, bool connected, void* party);
+    /// For QSCall() and QSRegisterServerStatus() with this peer as user data.
+    static bool onReply(QSHandle* handle, QSMessage* message, void* peer);
+    static bool onStatus(QSHandle* handle, const char* service, bool connected, void* peer);
 
 protected:
     Platform& platform;
 
 private:
-    Inbox mInbox;
+    Mailbox mMailbox;
     LoopThread mThread;
     QSHandle* mHandle = nullptr;
 };
 
 /// A service with the methods echo, silent, refuse, watch, twice and who, in the root category; those of a category
 /// below are `where` only.
-class BusService : public BusParty {
+class BusService : public BusPeer {
 public:
     explicit BusService(Platform& platform);
     /// "vesk://NAME/METHOD".

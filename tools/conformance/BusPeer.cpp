@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "BusParty.h"
+#include "BusPeer.h"
 
 #include <unistd.h>
 
@@ -71,7 +71,7 @@ void ErrorRecord::expectFilled(const std::string& after) const
     expect(mError.line > 0, after + ": the error record's line is " + std::to_string(mError.line));
 }
 
-BusParty::BusParty(Platform& users, Attached attached, bool asService) : platform(users)
+BusPeer::BusPeer(Platform& users, Attached attached, bool asService) : platform(users)
 {
     sPlatform = &platform;
     const char* name = asService ? platform.settings().serviceName.c_str() : nullptr;
@@ -83,21 +83,21 @@ BusParty::BusParty(Platform& users, Attached attached, bool asService) : platfor
         throw Broken{"an anonymous QSRegister() failed: " + error.text()};
     }
     expect(mHandle != nullptr, "QSRegister() succeeded without a handle");
-    if (attached == Attached::yes) attach();
+    if (attached == Attached::Yes) attach();
 }
 
-BusParty::~BusParty()
+BusPeer::~BusPeer()
 {
     if (mHandle != nullptr) QUOR(QSUnregister)(mHandle, nullptr);
 }
 
-void BusParty::attach()
+void BusPeer::attach()
 {
     ErrorRecord error(platform);
     expect(QUOR(QSGmainAttach)(mHandle, mThread.loop(), error.get()), "QSGmainAttach() failed: " + error.text());
 }
 
-void BusParty::leave()
+void BusPeer::leave()
 {
     ErrorRecord error(platform);
     QSHandle* handle = mHandle;
@@ -105,7 +105,7 @@ void BusParty::leave()
     expect(QUOR(QSUnregister)(handle, error.get()), "QSUnregister() failed: " + error.text());
 }
 
-QSMessageToken BusParty::call(const std::string& uri, const std::string& payload)
+QSMessageToken BusPeer::call(const std::string& uri, const std::string& payload)
 {
     ErrorRecord error(platform);
     QSMessageToken token = 0;
@@ -114,22 +114,22 @@ QSMessageToken BusParty::call(const std::string& uri, const std::string& payload
     return token;
 }
 
-bool BusParty::onReply(QSHandle*, QSMessage* message, void* party)
+bool BusPeer::onReply(QSHandle*, QSMessage* message, void* peer)
 {
-    auto& self = *static_cast<BusParty*>(party);
+    auto& self = *static_cast<BusPeer*>(peer);
     Platform& platform = self.platform;
     const char* payload = QUOR(QSMessageGetPayload)(message);
-    self.mInbox.put(payload != nullptr ? payload : "(no payload)", QUOR(QSMessageGetResponseToken)(message));
+    self.mMailbox.put(payload != nullptr ? payload : "(no payload)", QUOR(QSMessageGetResponseToken)(message));
     return true;
 }
 
-bool BusParty::onStatus(QSHandle*, const char* service, bool connected, void* party)
+bool BusPeer::onStatus(QSHandle*, const char* service, bool connected, void* peer)
 {
-    static_cast<BusParty*>(party)->mInbox.put(std::string(service) + (connected ? " is there" : " is gone"));
+    static_cast<BusPeer*>(peer)->mMailbox.put(std::string(service) + (connected ? " is there" : " is gone"));
     return true;
 }
 
-BusService::BusService(Platform& users) : BusParty(users, Attached::no, true)
+BusService::BusService(Platform& users) : BusPeer(users, Attached::No, true)
 {
     static QSMethod root[] = {{"echo", echo},   {"silent", silent}, {"refuse", refuse}, {"watch", watch},
                               {"twice", twice}, {"who", who},       {nullptr, nullptr}};

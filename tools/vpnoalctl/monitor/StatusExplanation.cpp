@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "monitor/Verdict.h"
+#include "monitor/StatusExplanation.h"
 
 #include "Decisions/InterfaceNames.h"
 #include "Decisions/NetworkDecision.h"
@@ -27,7 +27,7 @@ std::string whyNot(const wfoal::StatusPayload& status, const std::string& boundN
 
 }  // namespace
 
-TimelineEvent judgeStatus(const std::string& payload, const std::string& boundName)
+TimelineEvent explainStatus(const std::string& payload, const std::string& boundName)
 {
     const JsonPtr json(json_tokener_parse(payload.c_str()));
     if (json == nullptr) return {"network", "a status that is no JSON", "leave the agent alone", "it says nothing"};
