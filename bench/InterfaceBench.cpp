@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Putting an interface configuration of 10,000 routes in force: against the bare netlink messages in batches, and
+// Installing an interface configuration of 10,000 routes: against the bare netlink messages in batches, and
 // against the process that administrators would use. Each side has a network namespace of its own.
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The exported functions. Each reads its request whole before anything else happens, waits for its turn among all
-// processes, cleans up what dead processes left, and lets no exception out. No signal of the agent is handled on the
+// The exported functions. Each reads its request whole before anything else happens, waits for the lock over all
+// processes, removes what is stale, and lets no exception out. No signal of the agent is handled on the
 // calling thread until the request is done.
 #include "VkNetConfigLib.h"
 
@@ -13,20 +13,20 @@
 #include <mutex>
 #include <string>
 
-#include "firewall/FirewallControl.h"
-#include "interface/InterfaceControl.h"
-#include "interface/InterfaceRequest.h"
-#include "undolog/Journal.h"
 #include "Log.h"
 #include "RequestError.h"
 #include "SignalsBlocked.h"
+#include "firewall/FirewallControl.h"
+#include "interface/InterfaceControl.h"
+#include "interface/InterfaceRequest.h"
 #include "text/Names.h"
+#include "undolog/UndoLog.h"
 
 using namespace vknetconfig;
 
 namespace {
 
-// What a request is about. It cleans up what dead processes left, except, when it applies, what it adopts. A request
+// What a request is about. It removes what is stale, except, when it applies, what it adopts. A request
 // for a packet filter leaves interfaces alone: an agent that starts again replaces its filter first, and its interface
 // must keep the routes until they are adopted.
 struct Scope {
@@ -42,27 +42,27 @@ public:
     bool isOfThisProcess() const { return mProcess == getpid(); }
     Session* inherited() const { return mInherited; }
 
-    // What cannot be taken back is left for another try.
+    // What cannot be removed stays for a retry.
     void cleanUp(const Scope& scope)
     {
         const auto isWanted = [&scope](const std::string& subject) {
             if (scope.isApplied && subject == scope.subject) return false;
             return scope.cleansInterfaces || !InterfaceControl::isSubject(subject);
         };
-        for (const std::string& subject : journal.takeLeftBehind(isWanted)) {
+        for (const std::string& subject : undoLog.claimStaleEntries(isWanted)) {
             try {
-                if (InterfaceControl::isSubject(subject)) interfaces.removeLeft(subject);
-                if (FirewallControl::isSubject(subject)) firewall.removeLeft(subject);
+                if (InterfaceControl::isSubject(subject)) interfaces.removeStale(subject);
+                if (FirewallControl::isSubject(subject)) firewall.removeStale(subject);
             } catch (const std::exception& error) {
                 VKNETCONFIG_WARNING("%s: cleaning up after an ended process: %s", subject.c_str(), error.what());
-                journal.release(subject);
+                undoLog.release(subject);
             }
         }
     }
 
     void reportLost()
     {
-        for (const Journal::Lost& lost : journal.takeLost()) {
+        for (const UndoLog::Lost& lost : undoLog.takeLost()) {
             if (lost.by != 0) {
                 VKNETCONFIG_ERROR("%s: process %d took the configuration away", lost.subject.c_str(), lost.by);
             } else {
@@ -71,10 +71,10 @@ public:
         }
     }
 
-    std::mutex oneAtATime;
-    Journal journal;
-    InterfaceControl interfaces{journal};
-    FirewallControl firewall{journal};
+    std::mutex mutex;
+    UndoLog undoLog;
+    InterfaceControl interfaces{undoLog};
+    FirewallControl firewall{undoLog};
 
 private:
     const pid_t mProcess = getpid();
@@ -86,7 +86,7 @@ std::atomic<Session*> spSession{nullptr};
 // Made by the first request. A child of fork makes one of its own. The one that it
 // inherited is the parent's, maybe in the middle of a request of a thread that the child does not have: it is left as
 // it is, mutex included.
-Session& session()
+Session& currentSession()
 {
     Session* current = spSession.load();
     while (current == nullptr || !current->isOfThisProcess()) {
@@ -103,21 +103,22 @@ __attribute__((destructor(200))) void endSession()
 {
     Session* const current = spSession.load();
     if (current == nullptr || !current->isOfThisProcess()) return;
-    if (!current->oneAtATime.try_lock()) return;
-    current->oneAtATime.unlock();
+    if (!current->mutex.try_lock()) return;
+    current->mutex.unlock();
     spSession = current->inherited();
     delete current;
 }
 
 template <class Work>
-void inTurn(const Scope& scope, Work work)
+void withLockedSession(const Scope& scope, Work work)
 {
-    Session& here = session();
-    const std::lock_guard<std::mutex> lock(here.oneAtATime);
-    const Journal::Turn turn = here.journal.takeTurn(scope.isApplied);
-    here.reportLost();
-    here.cleanUp(scope);
-    work(here);
+    Session& session = currentSession();
+    const std::lock_guard<std::mutex> threadLock(session.mutex);
+    const UndoLog::Lock processLock =
+        session.undoLog.lock(scope.isApplied ? UndoLog::Create::Yes : UndoLog::Create::No);
+    session.reportLost();
+    session.cleanUp(scope);
+    work(session);
 }
 
 template <class Work>
@@ -142,7 +143,7 @@ extern "C" int CmAddInterfaceCfg2(const char* json)
     return guarded(__func__, [json] {
         const InterfaceRequest request = parseInterfaceRequest(json);
         const Scope scope{InterfaceControl::subjectOf(request.ifName), true, true};
-        inTurn(scope, [&](Session& here) { here.interfaces.apply(request); });
+        withLockedSession(scope, [&](Session& session) { session.interfaces.apply(request); });
     });
 }
 
@@ -153,7 +154,7 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
         const wfoal::Check check = wfoal::checkInterfaceName(ifName);
         if (!check) throw RequestError("ifName", check.reason());
         const Scope scope{InterfaceControl::subjectOf(ifName), false, true};
-        inTurn(scope, [&](Session& here) { here.interfaces.remove(ifName); });
+        withLockedSession(scope, [&](Session& session) { session.interfaces.remove(ifName); });
     });
 }
 
@@ -162,6 +163,6 @@ extern "C" int VkFirewallFullCtrl(const char* json)
     return guarded(__func__, [json] {
         const FirewallRequest request = parseFirewallRequest(json);
         const Scope scope{FirewallControl::subjectOf(request.label), !request.remove, false};
-        inTurn(scope, [&](Session& here) { here.firewall.apply(request); });
+        withLockedSession(scope, [&](Session& session) { session.firewall.apply(request); });
     });
 }

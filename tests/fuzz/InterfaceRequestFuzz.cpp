@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "dns/LinkDns.h"
 #include "RequestError.h"
+#include "dns/LinkDns.h"
 #include "text/Names.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
@@ -20,8 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         for (std::size_t index = 0; index < request.routes.size(); ++index) {
             if (request.routeKey(index).empty()) std::abort();
         }
-        // DNS settings go through the journal, where a line must come back as it was.
-        const LinkChange change{{1, request.ifName}, wantedOf(request.dns), {}};
+        // DNS settings go through the undo log, where a line must come back as it was.
+        const LinkChange change{{1, request.ifName}, resolvedSettingsFor(request.dns), {}};
         const LinkChange again = LinkChange::decode(change.encode());
         if (!(again.link == change.link) || !(again.set == change.set)) std::abort();
     } catch (const RequestError& error) {

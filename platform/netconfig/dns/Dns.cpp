@@ -3,13 +3,13 @@
 // A prepared line begins with the name of the resolver that it is for.
 #include "dns/Dns.h"
 
-#include "dns/DnsWatcher.h"
-#include "dns/LinkDns.h"
 #include "Log.h"
 #include "RequestError.h"
-#include "dns/ResolvconfResolver.h"
+#include "dns/DnsWatcher.h"
+#include "dns/LinkDns.h"
+#include "dns/ResolvconfBackend.h"
 #include "dns/ResolvedManager.h"
-#include "dns/ResolvedResolver.h"
+#include "dns/SystemdResolvedBackend.h"
 
 namespace vknetconfig {
 
@@ -42,11 +42,11 @@ Dns::~Dns() = default;
 
 std::string Dns::prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier)
 {
-    ResolvedResolver resolved;
+    SystemdResolvedBackend resolved;
     if (resolved.works()) {
         return std::string(resolvedWord) + resolved.prepare(link, settings, allAfter(resolvedWord, earlier));
     }
-    ResolvconfResolver resolvconf;
+    ResolvconfBackend resolvconf;
     if (resolvconf.works()) {
         return std::string(resolvconfWord) + resolvconf.prepare(link, settings, allAfter(resolvconfWord, earlier));
     }
@@ -58,11 +58,11 @@ std::string Dns::prepare(const Link& link, const DnsSettings& settings, const st
 void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared, std::function<bool()> isWanted)
 {
     if (after(resolvedWord, prepared).empty()) {
-        ResolvconfResolver().set(link, settings);
+        ResolvconfBackend().set(link, settings);
         return;
     }
-    ResolvedResolver().set(link, settings);
-    mWatcher->watch(link, wantedOf(settings), std::move(isWanted));
+    SystemdResolvedBackend().set(link, settings);
+    mWatcher->watch(link, resolvedSettingsFor(settings), std::move(isWanted));
 }
 
 void Dns::setAgain(std::string_view prepared, std::function<bool()> isWanted)
@@ -75,7 +75,7 @@ void Dns::setAgain(std::string_view prepared, std::function<bool()> isWanted)
     mWatcher->watch(change.link, change.set, std::move(isWanted));
 }
 
-bool Dns::takesPlaceOf(std::string_view prepared, std::string_view earlier)
+bool Dns::usesSameResolver(std::string_view prepared, std::string_view earlier)
 {
     return prepared.substr(0, prepared.find(' ')) == earlier.substr(0, earlier.find(' '));
 }
@@ -86,13 +86,13 @@ void Dns::undo(std::string_view prepared)
     if (const std::string_view text = after(resolvedWord, prepared); !text.empty()) {
         const LinkChange change = LinkChange::decode(text);
         mWatcher->forget(change.link);
-        if (ResolvedResolver().undo(text)) return;
+        if (SystemdResolvedBackend().undo(text)) return;
         VKNETCONFIG_WARNING("the DNS settings of %s are removed when systemd-resolved answers again",
                             change.link.name.c_str());
         mPending.emplace(prepared);
         mWatcher->undoLater(change);
     } else if (const std::string_view name = after(resolvconfWord, prepared); !name.empty()) {
-        ResolvconfResolver().undo(name);
+        ResolvconfBackend().undo(name);
     } else {
         throw RequestError("journal", "no DNS settings: " + excerpt(prepared));
     }

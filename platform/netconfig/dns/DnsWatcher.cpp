@@ -11,10 +11,10 @@
 
 #include "Log.h"
 #include "RequestError.h"
-#include "dns/ResolvedManager.h"
-#include "dns/ResolvedResolver.h"
 #include "SignalMatch.h"
 #include "SignalsBlocked.h"
+#include "dns/ResolvedManager.h"
+#include "dns/SystemdResolvedBackend.h"
 
 namespace vknetconfig {
 
@@ -122,15 +122,15 @@ void DnsWatcher::listen()
             if (isRead && *owner != '\0') mDue = Clock::now();
         });
     if (match.result() < 0) throw systemError("ipv4.dns", "match", -match.result());
-    // It may have restarted while nobody listened. Where it has not, somebody else may have taken the settings back
+    // It may have restarted while no one listened. Where it has not, another program may have removed the settings
     // by now, which is not to be undone.
     const bool isUnchanged = !mOwner.empty() && manager.owner() == mOwner;
     mOwner.clear();
     mDue = isUnchanged ? never : Clock::now();
     do {
-        process(manager.bus());
+        processPending(manager.bus());
         if (Clock::now() >= mDue) resolvedIsUp(manager);
-    } while (waitFor(manager.bus(), mStop.get(), mDue));
+    } while (waitForEvents(manager.bus(), mStop.get(), mDue));
 }
 
 void DnsWatcher::resolvedIsUp(ResolvedManager& manager)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Looks after DNS settings in force: when systemd-resolved has restarted they are set again, at most five times a
+// Looks after installed DNS settings: when systemd-resolved has restarted they are set again, at most five times a
 // minute so that two managers cannot fight for ever. And after settings that could not be removed, as systemd-resolved
 // was not there: they are removed when it is. One thread, with a bus connection of its own, from the first watch() or
 // undoLater() to the last forget(). Functions are called on one thread at a time; forget() and the destructor wait for

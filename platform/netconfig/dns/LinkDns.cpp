@@ -162,7 +162,7 @@ bool operator==(const LinkDns& left, const LinkDns& right)
     return left.servers == right.servers && left.domains == right.domains && left.defaultRoute == right.defaultRoute;
 }
 
-LinkDns wantedOf(const DnsSettings& settings)
+LinkDns resolvedSettingsFor(const DnsSettings& settings)
 {
     LinkDns wanted;
     for (const wfoal::Ipv4Address address : settings.servers) {
@@ -193,7 +193,7 @@ LinkChange LinkChange::decode(std::string_view text)
     return change;
 }
 
-LinkDns takenBack(const LinkChange& change, const LinkDns& now)
+LinkDns stateAfterUndo(const LinkChange& change, const LinkDns& now)
 {
     LinkDns target = now;
     if (now.servers == change.set.servers) target.servers = change.before.servers;

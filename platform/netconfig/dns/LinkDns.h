@@ -43,7 +43,7 @@ bool operator==(const LinkDns& left, const LinkDns& right);
 ///     any     | yes         | yes           | "~." when there are servers
 ///     some    | no          | no            |
 ///     none    | no          | yes           |
-LinkDns wantedOf(const DnsSettings& settings);
+LinkDns resolvedSettingsFor(const DnsSettings& settings);
 
 /// What was set on a link, and what was there before. As text it is one line of words.
 struct LinkChange {
@@ -56,9 +56,9 @@ struct LinkChange {
     static LinkChange decode(std::string_view text);
 };
 
-/// What the link should have after the change is taken back, given what it has now: of servers, domains and default
-/// route each as it was before when it still is as it was set, else as somebody else has set it since.
-LinkDns takenBack(const LinkChange& change, const LinkDns& now);
+/// What the link should have after the change is undone, given what it has now. For servers, domains and default route
+/// separately: the previous value if ours is still in place, otherwise the current one.
+LinkDns stateAfterUndo(const LinkChange& change, const LinkDns& now);
 
 }  // namespace vknetconfig
 

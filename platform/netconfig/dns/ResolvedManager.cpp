@@ -45,8 +45,8 @@ public:
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
     ~BusError() { sd_bus_error_free(&mError); }
-    sd_bus_error* put() { return &mError; }
-    bool tellsAbsence() const
+    sd_bus_error* out() { return &mError; }
+    bool isAbsence() const
     {
         for (const char* name : absenceErrors) {
             if (sd_bus_error_has_name(&mError, name) > 0) return true;
@@ -73,7 +73,7 @@ SdBusMessagePtr newCall(sd_bus* bus, const char* method)
 void send(sd_bus* bus, const SdBusMessagePtr& call, const char* what)
 {
     BusError error;
-    const int result = sd_bus_call(bus, call.get(), 0, error.put(), nullptr);
+    const int result = sd_bus_call(bus, call.get(), 0, error.out(), nullptr);
     if (result < 0) error.fail(what, result);
 }
 
@@ -173,9 +173,9 @@ bool readProperty(sd_bus* bus, const char* path, const char* name, const char* t
 {
     BusError error;
     sd_bus_message* reply = nullptr;
-    const int result = sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error.put(), &reply, type);
+    const int result = sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error.out(), &reply, type);
     const SdBusMessagePtr owned(reply);
-    if (result < 0 && error.tellsAbsence()) return false;
+    if (result < 0 && error.isAbsence()) return false;
     if (result < 0) error.fail(name, result);
     value = read(reply);
     return true;
@@ -183,7 +183,7 @@ bool readProperty(sd_bus* bus, const char* path, const char* name, const char* t
 
 }  // namespace
 
-void process(sd_bus* bus)
+void processPending(sd_bus* bus)
 {
     int processed = 0;
     do {
@@ -192,7 +192,7 @@ void process(sd_bus* bus)
     } while (processed > 0);
 }
 
-bool waitFor(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end)
+bool waitForEvents(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end)
 {
     using namespace std::chrono;
     std::uint64_t ownEnd = 0;  // when sd-bus itself has something to do, in microseconds of the same clock
@@ -219,12 +219,12 @@ SdBusPtr openSystemBus(int stop)
     // A call would wait for a silent bus as long as the bus pleases.
     const auto end = std::chrono::steady_clock::now() + longestWait;
     while (true) {
-        process(bus.get());
+        processPending(bus.get());
         const int ready = sd_bus_is_ready(bus.get());
         check(ready, "system bus");
         if (ready > 0) return bus;
         if (std::chrono::steady_clock::now() >= end) fail("system bus", -ETIMEDOUT);
-        if (!waitFor(bus.get(), stop, end)) fail("system bus", -ECANCELED);
+        if (!waitForEvents(bus.get(), stop, end)) fail("system bus", -ECANCELED);
     }
 }
 
@@ -251,9 +251,9 @@ std::string ResolvedManager::pathOf(int index)
     BusError error;
     sd_bus_message* reply = nullptr;
     const int result = sd_bus_call_method(mBus.get(), resolvedName, managerPath, managerInterface, "GetLink",
-                                          error.put(), &reply, "i", index);
+                                          error.out(), &reply, "i", index);
     const SdBusMessagePtr owned(reply);
-    if (result < 0 && error.tellsAbsence()) return {};
+    if (result < 0 && error.isAbsence()) return {};
     if (result < 0) error.fail("GetLink", result);
     const char* path = nullptr;
     check(sd_bus_message_read(reply, "o", &path), "GetLink");
@@ -324,8 +324,8 @@ void ResolvedManager::revert(int index)
     send(mBus.get(), call, "revert");
 }
 
-// Only a link that is forgotten as a whole forgets that a default route was ever set, so that is done where nobody has
-// set anything: there the link has what the loopback device has, which nobody configures.
+// No servers or domains remain, so the link is reverted; that also resets its default-route setting. It is done only
+// where nothing else is set either: there the link has what the loopback device has, which is never configured.
 void ResolvedManager::restore(int index, const LinkDns& before, const LinkDns& now)
 {
     constexpr int loopback = 1;

@@ -22,11 +22,11 @@ inline constexpr char resolvedName[] = "org.freedesktop.resolve1";
 /// readable.
 SdBusPtr openSystemBus(int stop = -1);
 
-/// Works off what has arrived.
-void process(sd_bus* bus);
+/// Dispatches what has arrived.
+void processPending(sd_bus* bus);
 
 /// Waits until something arrives, at most until `end`. False when `stop` is readable (-1: never).
-bool waitFor(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end);
+bool waitForEvents(sd_bus* bus, int stop, std::chrono::steady_clock::time_point end);
 
 class ResolvedManager {
 public:

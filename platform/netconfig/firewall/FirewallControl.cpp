@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <exception>
 
-#include "firewall/FirewallMessages.h"
 #include "Log.h"
-#include "firewall/NftTransaction.h"
 #include "RequestError.h"
+#include "firewall/FirewallMessages.h"
+#include "firewall/NftTransaction.h"
 
 namespace vknetconfig {
 
@@ -44,14 +44,14 @@ void FirewallControl::setUp(const FirewallRequest& request)
 {
     const TableFound before = findReplaceable(request.label);
     const std::string subject = subjectOf(request.label);
-    NewOwnership ownership(mJournal, subject);
-    mJournal.own(subject);
+    NewOwnership ownership(mUndoLog, subject);
+    mUndoLog.own(subject);
     try {
-        mJournal.write(subject, "table\n");
+        mUndoLog.write(subject, "table\n");
         replace(request, before);
         ownership.keep();
     } catch (...) {
-        if (before.state == TableState::absent) rollBack(request.label);
+        if (before.state == TableState::Absent) rollBack(request.label);
         throw;
     }
 }
@@ -59,7 +59,7 @@ void FirewallControl::setUp(const FirewallRequest& request)
 TableFound FirewallControl::findReplaceable(const std::string& label)
 {
     const TableFound found = findTable(mSocket, label);
-    if (found.state == TableState::foreign) refuseForeign(label);
+    if (found.state == TableState::Foreign) refuseForeign(label);
     return found;
 }
 
@@ -67,10 +67,10 @@ TableFound FirewallControl::findReplaceable(const std::string& label)
 // the new table must not be there.
 void FirewallControl::replace(const FirewallRequest& request, TableFound before)
 {
-    constexpr int mostAttempts = 5;  // somebody else changes tables of this name all the time
+    constexpr int mostAttempts = 5;  // another process changes tables of this name all the time
     for (int attempt = 1;; ++attempt) {
         NftTransaction transaction(mSocket);
-        if (before.state == TableState::ours) addTableRemoval(transaction, before.handle);
+        if (before.state == TableState::Ours) addTableRemoval(transaction, before.handle);
         const FirewallMessages messages(transaction, request);
         const std::optional<NetlinkFailure> failure = transaction.commit();
         if (!failure) return;
@@ -83,7 +83,7 @@ void FirewallControl::replace(const FirewallRequest& request, TableFound before)
 }
 
 // The failure may have hit no more than the kernel's answer: the entry is kept until the kernel says that the table is
-// not there. Does not throw: what cannot be rolled back stays in the journal, for the next request or process.
+// not there. Does not throw: what cannot be rolled back stays in the undo log, for the next request or process.
 void FirewallControl::rollBack(const std::string& label)
 {
     try {
@@ -97,10 +97,10 @@ void FirewallControl::remove(const std::string& label)
 {
     const TableFound found = findReplaceable(label);
     const std::string subject = subjectOf(label);
-    const NewOwnership ownership(mJournal, subject);
-    mJournal.ownForRemoval(subject);
-    if (found.state == TableState::ours) removeTable(found);
-    mJournal.erase(subject);
+    const NewOwnership ownership(mUndoLog, subject);
+    mUndoLog.ownForRemoval(subject);
+    if (found.state == TableState::Ours) removeTable(found);
+    mUndoLog.erase(subject);
 }
 
 // Subjects are names of files; '%' is in no label.
@@ -123,14 +123,14 @@ bool FirewallControl::isSubject(std::string_view subject)
     return subject.substr(0, subjectStart.size()) == subjectStart;
 }
 
-void FirewallControl::removeLeft(const std::string& subject)
+void FirewallControl::removeStale(const std::string& subject)
 {
     const std::string label = labelOf(subject);
     // Somebody else's table of this name has taken the place of ours.
     mSocket.followNamespace();
     const TableFound found = findTable(mSocket, label);
-    if (found.state == TableState::ours) removeTable(found);
-    mJournal.erase(subject);
+    if (found.state == TableState::Ours) removeTable(found);
+    mUndoLog.erase(subject);
 }
 
 }  // namespace vknetconfig

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Puts packet filters in force and removes them, each as one transaction of the kernel. That a table is, or may be,
-// there is first written to the journal. Tables without our mark are never touched. Used under the library's one
-// mutex, within a turn of the journal. Failures throw a RequestError that names the key or the step.
+// Installs and removes packet filters, each as one transaction of the kernel. That a table is, or may be,
+// there is first written to the undo log. Tables without our mark are never touched. Used under the library's one
+// mutex, while the undo log is locked. Failures throw a RequestError that names the key or the step.
 #ifndef VKNETCONFIG_FIREWALLCONTROL_H
 #define VKNETCONFIG_FIREWALLCONTROL_H
 
@@ -10,25 +10,25 @@
 #include <string_view>
 
 #include "firewall/FirewallRequest.h"
-#include "undolog/Journal.h"
-#include "kernel/NetlinkSocket.h"
 #include "firewall/NftTable.h"
+#include "kernel/NetlinkSocket.h"
+#include "undolog/UndoLog.h"
 
 namespace vknetconfig {
 
 class FirewallControl {
 public:
-    explicit FirewallControl(Journal& journal) : mJournal(journal) {}
+    explicit FirewallControl(UndoLog& undoLog) : mUndoLog(undoLog) {}
 
     /// Sets up or removes what the request asks for.
     void apply(const FirewallRequest& request);
 
-    /// The subject of the journal for a label.
+    /// The subject in the undo log for a label.
     static std::string subjectOf(std::string label);
-    /// True for subjects of the journal that stand for a packet filter.
+    /// True for subjects of the undo log that stand for a packet filter.
     static bool isSubject(std::string_view subject);
-    /// Removes what a dead process left.
-    void removeLeft(const std::string& subject);
+    /// Removes what an ended process had installed.
+    void removeStale(const std::string& subject);
 
 private:
     void setUp(const FirewallRequest& request);
@@ -38,7 +38,7 @@ private:
     void remove(const std::string& label);
     void removeTable(const TableFound& table);
 
-    Journal& mJournal;
+    UndoLog& mUndoLog;
     // Stays open, as closing it right after a change waits for the kernel to clean up (5 to 15 ms).
     NetlinkSocket mSocket{NETLINK_NETFILTER, "nftables"};
 };

@@ -85,28 +85,28 @@ void addRule(NftTransaction& transaction, const FirewallRequest& request, const 
     constexpr std::uint32_t sourcePort = 0;
     constexpr std::uint32_t destinationPort = 2;
     NftRule rule(request.label, request.chain);
-    if (wanted.direction != RuleDirection::any)
-        rule.matchInterface(wanted.direction == RuleDirection::in, wanted.interfaceName);
+    if (wanted.direction != RuleDirection::Any)
+        rule.matchInterface(wanted.direction == RuleDirection::In, wanted.interfaceName);
     match(rule, sourceAddress, wanted.source);
     match(rule, destinationAddress, wanted.destination);
     switch (protocol) {
-    case RuleProtocol::any: break;
-    case RuleProtocol::icmp: rule.matchProtocol(IPPROTO_ICMP); break;
-    case RuleProtocol::tcp: rule.matchProtocol(IPPROTO_TCP); break;
-    case RuleProtocol::udp: rule.matchProtocol(IPPROTO_UDP); break;
+    case RuleProtocol::Any: break;
+    case RuleProtocol::Icmp: rule.matchProtocol(IPPROTO_ICMP); break;
+    case RuleProtocol::Tcp: rule.matchProtocol(IPPROTO_TCP); break;
+    case RuleProtocol::Udp: rule.matchProtocol(IPPROTO_UDP); break;
     }
     if (wanted.sourcePort != 0) rule.matchPort(sourcePort, wanted.sourcePort);
     if (wanted.destinationPort != 0) rule.matchPort(destinationPort, wanted.destinationPort);
-    rule.decide(wanted.verdict == RuleVerdict::accept ? NF_ACCEPT : NF_DROP);
+    rule.decide(wanted.verdict == RuleVerdict::Accept ? NF_ACCEPT : NF_DROP);
     rule.addTo(transaction);
 }
 
 void addRules(NftTransaction& transaction, const FirewallRequest& request, const FirewallRule& wanted)
 {
     const bool hasPort = wanted.sourcePort != 0 || wanted.destinationPort != 0;
-    if (hasPort && wanted.protocol == RuleProtocol::any) {
-        addRule(transaction, request, wanted, RuleProtocol::tcp);
-        addRule(transaction, request, wanted, RuleProtocol::udp);
+    if (hasPort && wanted.protocol == RuleProtocol::Any) {
+        addRule(transaction, request, wanted, RuleProtocol::Tcp);
+        addRule(transaction, request, wanted, RuleProtocol::Udp);
     } else {
         addRule(transaction, request, wanted, wanted.protocol);
     }

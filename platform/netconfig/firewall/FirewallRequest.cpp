@@ -11,28 +11,28 @@ namespace vknetconfig {
 namespace {
 
 // A text of the request and what it stands for.
-template <class Meaning>
-struct Word {
+template <class Enum>
+struct EnumName {
     std::string_view text;
-    Meaning meaning;
+    Enum value;
 };
 
-constexpr Word<RuleProtocol> protocols[] = {
-    {"ICMP", RuleProtocol::icmp}, {"TCP", RuleProtocol::tcp}, {"UDP", RuleProtocol::udp}};
-constexpr Word<RuleDirection> directions[] = {{"in", RuleDirection::in}, {"out", RuleDirection::out}};
-constexpr Word<RuleVerdict> verdicts[] = {{"ACCEPT", RuleVerdict::accept}, {"DROP", RuleVerdict::drop}};
-constexpr Word<bool> operations[] = {{"append", true}};
+constexpr EnumName<RuleProtocol> protocols[] = {
+    {"ICMP", RuleProtocol::Icmp}, {"TCP", RuleProtocol::Tcp}, {"UDP", RuleProtocol::Udp}};
+constexpr EnumName<RuleDirection> directions[] = {{"in", RuleDirection::In}, {"out", RuleDirection::Out}};
+constexpr EnumName<RuleVerdict> verdicts[] = {{"ACCEPT", RuleVerdict::Accept}, {"DROP", RuleVerdict::Drop}};
+constexpr EnumName<bool> operations[] = {{"append", true}};
 
-template <class Meaning, std::size_t count>
-Meaning meaningOf(const JsonValue& value, const Word<Meaning> (&words)[count])
+template <class Enum, std::size_t count>
+Enum parseEnum(const JsonValue& value, const EnumName<Enum> (&names)[count])
 {
     const std::string_view text = value.text();
     std::string known;
-    for (const Word<Meaning>& word : words) {
-        if (word.text == text) return word.meaning;
+    for (const EnumName<Enum>& name : names) {
+        if (name.text == text) return name.value;
     }
-    for (const Word<Meaning>& word : words)
-        known += (known.empty() ? "" : ", ") + excerpt(word.text);
+    for (const EnumName<Enum>& name : names)
+        known += (known.empty() ? "" : ", ") + excerpt(name.text);
     value.refuse(excerpt(text) + " is not one of " + known);
 }
 
@@ -69,18 +69,18 @@ void readInterface(const JsonValue& value, FirewallRule& rule)
 }
 
 constexpr JsonField<FirewallRule> ruleFields[] = {
-    {"operation", true, [](const JsonValue& value, FirewallRule&) { meaningOf(value, operations); }},
+    {"operation", true, [](const JsonValue& value, FirewallRule&) { parseEnum(value, operations); }},
     {"source", false, [](const JsonValue& value, FirewallRule& rule) { rule.source = readNetwork(value); }},
     {"destination", false, [](const JsonValue& value, FirewallRule& rule) { rule.destination = readNetwork(value); }},
     {"protocol", false,
-     [](const JsonValue& value, FirewallRule& rule) { rule.protocol = meaningOf(value, protocols); }},
+     [](const JsonValue& value, FirewallRule& rule) { rule.protocol = parseEnum(value, protocols); }},
     {"interfaceName", false, readInterface},
     {"interfaceDirection", false,
-     [](const JsonValue& value, FirewallRule& rule) { rule.direction = meaningOf(value, directions); }},
+     [](const JsonValue& value, FirewallRule& rule) { rule.direction = parseEnum(value, directions); }},
     {"sourcePort", false, [](const JsonValue& value, FirewallRule& rule) { rule.sourcePort = readPort(value); }},
     {"destinationPort", false,
      [](const JsonValue& value, FirewallRule& rule) { rule.destinationPort = readPort(value); }},
-    {"jumpTo", true, [](const JsonValue& value, FirewallRule& rule) { rule.verdict = meaningOf(value, verdicts); }},
+    {"jumpTo", true, [](const JsonValue& value, FirewallRule& rule) { rule.verdict = parseEnum(value, verdicts); }},
 };
 
 FirewallRule readRule(const JsonValue& value)
@@ -91,10 +91,10 @@ FirewallRule readRule(const JsonValue& value)
         throw RequestError(value.path() + "." + key, reason);
     };
     const bool named = !rule.interfaceName.empty();
-    const bool directed = rule.direction != RuleDirection::any;
+    const bool directed = rule.direction != RuleDirection::Any;
     if (named && !directed) refuse("interfaceDirection", "missing beside \"interfaceName\"");
     if (directed && !named) refuse("interfaceName", "missing beside \"interfaceDirection\"");
-    if (rule.protocol == RuleProtocol::icmp) {
+    if (rule.protocol == RuleProtocol::Icmp) {
         if (rule.sourcePort != 0) refuse("sourcePort", "ICMP has no ports");
         if (rule.destinationPort != 0) refuse("destinationPort", "ICMP has no ports");
     }

@@ -13,19 +13,19 @@
 
 namespace vknetconfig {
 
-enum class RuleProtocol : std::uint8_t { any, icmp, tcp, udp };
-enum class RuleDirection : std::uint8_t { any, in, out };
-enum class RuleVerdict : std::uint8_t { accept, drop };
+enum class RuleProtocol : std::uint8_t { Any, Icmp, Tcp, Udp };
+enum class RuleDirection : std::uint8_t { Any, In, Out };
+enum class RuleVerdict : std::uint8_t { Accept, Drop };
 
 struct FirewallRule {
     std::optional<wfoal::Ipv4Network> source;  // networks without host bits
     std::optional<wfoal::Ipv4Network> destination;
-    RuleProtocol protocol = RuleProtocol::any;
-    RuleDirection direction = RuleDirection::any;
-    std::string interfaceName;          // empty exactly when the direction is `any`
+    RuleProtocol protocol = RuleProtocol::Any;
+    RuleDirection direction = RuleDirection::Any;
+    std::string interfaceName;          // empty exactly when the direction is Any
     std::uint16_t sourcePort = 0;       // 0: any port
-    std::uint16_t destinationPort = 0;  // with protocol `any`, a port means TCP and UDP
-    RuleVerdict verdict = RuleVerdict::accept;
+    std::uint16_t destinationPort = 0;  // with protocol Any, a port means TCP and UDP
+    RuleVerdict verdict = RuleVerdict::Accept;
 };
 
 struct FirewallRequest {

@@ -26,7 +26,7 @@ TableFound readTable(const nlmsghdr* message)
     std::uint32_t length = 0;
     const auto* data = static_cast<const char*>(nftnl_table_get_data(table.get(), NFTNL_TABLE_USERDATA, &length));
     const bool isOurs = data != nullptr && bearsMark({data, length});
-    return {isOurs ? TableState::ours : TableState::foreign, nftnl_table_get_u64(table.get(), NFTNL_TABLE_HANDLE)};
+    return {isOurs ? TableState::Ours : TableState::Foreign, nftnl_table_get_u64(table.get(), NFTNL_TABLE_HANDLE)};
 }
 
 }  // namespace

@@ -12,13 +12,13 @@
 
 namespace vknetconfig {
 
-/// The comment on each table of ours. A table without it is somebody else's.
+/// The comment on each table of ours. A table without it is another program's.
 inline constexpr std::string_view tableMark = "vknetconfig";
 
-enum class TableState { absent, ours, foreign };
+enum class TableState { Absent, Ours, Foreign };
 
 struct TableFound {
-    TableState state = TableState::absent;
+    TableState state = TableState::Absent;
     std::uint64_t handle = 0;  // the kernel's own name; no later table has it
 };
 

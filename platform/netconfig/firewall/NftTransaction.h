@@ -24,7 +24,7 @@ public:
     /// The index that the next message gets. The first one has 1.
     std::size_t nextIndex() const { return mCount; }
 
-    /// Sends it. Nothing when all is in force; else why nothing has changed. The index of the failure is that of the
+    /// Sends it. Nothing when all is installed; else why nothing has changed. The index of the failure is that of the
     /// message which the kernel refused first; 0: the transaction as such.
     /// Throws a RequestError when the kernel's answer is lost: then either may be.
     std::optional<NetlinkFailure> commit();

@@ -55,7 +55,7 @@ bool hasAddress(const std::vector<AddressFound>& found, const InterfaceAddress& 
     return std::any_of(found.begin(), found.end(), [&](const AddressFound& one) { return one.address == address; });
 }
 
-// A damaged entry tells nothing; to stop at it would mean to stop at it forever.
+// Drop a damaged entry: failing on it would block every later request.
 InterfaceRecord readRecord(const std::string& subject, const std::string& content)
 {
     try {
@@ -66,8 +66,8 @@ InterfaceRecord readRecord(const std::string& subject, const std::string& conten
     return {};
 }
 
-// All that is in force at one moment or another of a change.
-InterfaceRecord together(InterfaceRecord record, const InterfaceRecord& dropped, const std::vector<std::string>& dns)
+// All that is installed at one moment or another of a change.
+InterfaceRecord unionOf(InterfaceRecord record, const InterfaceRecord& dropped, const std::vector<std::string>& dns)
 {
     record.addresses.insert(record.addresses.end(), dropped.addresses.begin(), dropped.addresses.end());
     record.routes.insert(record.routes.end(), dropped.routes.begin(), dropped.routes.end());
@@ -76,11 +76,11 @@ InterfaceRecord together(InterfaceRecord record, const InterfaceRecord& dropped,
     return record;
 }
 
-// Works through all steps whatever fails, and then tells the first failure.
-class AllSteps {
+// Runs every step, whatever fails, and then throws the first failure.
+class StepErrors {
 public:
     template <class Step>
-    void operator()(Step step)
+    void attempt(Step step)
     {
         try {
             step();
@@ -88,7 +88,7 @@ public:
             if (!mFirst) mFirst = std::current_exception();
         }
     }
-    void tell() const
+    void throwFirst() const
     {
         if (mFirst) std::rethrow_exception(mFirst);
     }
@@ -128,9 +128,9 @@ void InterfaceControl::apply(const InterfaceRequest& request)
 {
     mSocket.followNamespace();
     const std::string subject = subjectOf(request.ifName);
-    NewOwnership ownership(mJournal, subject);
-    const bool isOurs = mJournal.owns(subject);
-    InterfaceRecord earlier = readRecord(subject, mJournal.own(subject));
+    NewOwnership ownership(mUndoLog, subject);
+    const bool isOurs = mUndoLog.owns(subject);
+    InterfaceRecord earlier = readRecord(subject, mUndoLog.own(subject));
     if (!isOurs) earlier = installedPart(std::move(earlier));
     replace(request, subject, earlier);
     ownership.keep();
@@ -142,9 +142,9 @@ void InterfaceControl::replace(const InterfaceRequest& request, const std::strin
     try {
         const LinkState link = linkFor(request, earlier);
         changes = plan(request, link, earlier);
-        mJournal.write(subject, together(changes.wanted, changes.dropped, earlier.dns).encode());
+        mUndoLog.write(subject, unionOf(changes.wanted, changes.dropped, earlier.dns).encode());
     } catch (...) {
-        if (earlier.name.empty()) mJournal.erase(subject);
+        if (earlier.name.empty()) mUndoLog.erase(subject);
         throw;
     }
     try {
@@ -153,7 +153,7 @@ void InterfaceControl::replace(const InterfaceRequest& request, const std::strin
         rollBack(subject, changes, earlier);
         throw;
     }
-    settle(subject, changes, earlier);
+    commitUndoLog(subject, changes, earlier);
     VKNETCONFIG_INFO("%s: %zu routes in force, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
                      changes.added.routes.size());
 }
@@ -162,18 +162,18 @@ void InterfaceControl::remove(const std::string& ifName)
 {
     mSocket.followNamespace();
     const std::string subject = subjectOf(ifName);
-    NewOwnership ownership(mJournal, subject);
-    const InterfaceRecord record = readRecord(subject, mJournal.ownForRemoval(subject));
-    takeBack(record);
+    NewOwnership ownership(mUndoLog, subject);
+    const InterfaceRecord record = readRecord(subject, mUndoLog.ownForRemoval(subject));
+    removeInstalled(record);
     forget(subject, record);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
 }
 
-void InterfaceControl::removeLeft(const std::string& subject)
+void InterfaceControl::removeStale(const std::string& subject)
 {
     mSocket.followNamespace();
-    const InterfaceRecord record = readRecord(subject, mJournal.read(subject));
-    takeBack(record);
+    const InterfaceRecord record = readRecord(subject, mUndoLog.read(subject));
+    removeInstalled(record);
     forget(subject, record);
     VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());
 }
@@ -195,13 +195,13 @@ InterfaceRecord InterfaceControl::installedPart(InterfaceRecord record)
     return record;
 }
 
-// What was in force on an interface that has since been replaced by another of its name counts no more.
+// Ignores a record of an earlier interface with the same name.
 LinkState InterfaceControl::linkFor(const InterfaceRequest& request, InterfaceRecord& earlier)
 {
     const std::optional<LinkState> link = linkNamed(mSocket, request.ifName);
     if (!link) throw RequestError("ifName", "there is no interface " + request.ifName);
     if (!earlier.name.empty() && earlier.index != link->index) {
-        takeBack(earlier);
+        removeInstalled(earlier);
         earlier = {};
     }
     return *link;
@@ -250,7 +250,7 @@ void InterfaceControl::planRoutes(const InterfaceRequest& request, const Interfa
     plan.dropped.routes = without(earlier.routes, sorted(request.routes));
 }
 
-// The new settings take the place of those in force; those of another resolver are undone.
+// The new settings replace those that are set; those of another resolver are undone.
 void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan)
 {
     if (!request.dns.empty()) {
@@ -259,7 +259,7 @@ void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceR
     plan.added.dns = plan.wanted.dns;
     std::copy_if(earlier.dns.begin(), earlier.dns.end(), std::back_inserter(plan.dropped.dns),
                  [&](const std::string& line) {
-                     return plan.wanted.dns.empty() || !Dns::takesPlaceOf(plan.wanted.dns.front(), line);
+                     return plan.wanted.dns.empty() || !Dns::usesSameResolver(plan.wanted.dns.front(), line);
                  });
 }
 
@@ -267,15 +267,15 @@ void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceR
 // more.
 void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
 {
-    if (const auto failure = put(plan.added)) refuse(*failure, request, plan.added);
+    if (const auto failure = install(plan.added)) refuse(*failure, request, plan.added);
     if (!plan.dropped.addresses.empty() || !plan.dropped.routes.empty()) {
-        takeBackKernelPart(plan.dropped);
+        removeKernelPart(plan.dropped);
         // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by
-        // a dropped route, which the kernel tells when it is asked again.
-        InterfaceRecord missing = missingOf(plan.wanted);
+        // a dropped route, which shows when the kernel is asked again.
+        InterfaceRecord missing = partNotInstalled(plan.wanted);
         const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
         missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
-        if (const auto failure = put(missing)) refuse(*failure, request, missing);
+        if (const auto failure = install(missing)) refuse(*failure, request, missing);
     }
     plan.hasDnsBegun = true;
     for (const std::string& line : plan.added.dns)
@@ -284,15 +284,15 @@ void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
         mDns.undo(line);
 }
 
-// Does not throw: what cannot be rolled back stays in the journal, for the next request or process.
+// Does not throw: what cannot be rolled back stays in the undo log, for the next request or process.
 void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
 {
     try {
         if (plan.hasDnsBegun) rollBackDns(plan, earlier);
-        takeBackKernelPart(plan.added);
+        removeKernelPart(plan.added);
         if (earlier.name.empty()) return forget(subject, plan.added);
-        if (const auto failure = put(missingOf(earlier))) throw RequestError("netlink", failure->reason());
-        mJournal.write(subject, earlier.encode());
+        if (const auto failure = install(partNotInstalled(earlier))) throw RequestError("netlink", failure->reason());
+        mUndoLog.write(subject, earlier.encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
     }
@@ -302,31 +302,31 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
 void InterfaceControl::rollBackDns(const Plan& plan, const InterfaceRecord& earlier)
 {
     for (const std::string& line : plan.added.dns) {
-        if (earlier.dns.empty() || !Dns::takesPlaceOf(line, earlier.dns.front())) mDns.undo(line);
+        if (earlier.dns.empty() || !Dns::usesSameResolver(line, earlier.dns.front())) mDns.undo(line);
     }
     if (earlier.dns.empty()) return;
     mDns.setAgain(earlier.dns.front(), recordCheck(earlier.name, earlier.dns.front()));
 }
 
-// The request has succeeded: a journal that names too much does no harm.
-void InterfaceControl::settle(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
+// The request has succeeded: an undo log that names too much does no harm.
+void InterfaceControl::commitUndoLog(const std::string& subject, const Plan& plan, const InterfaceRecord& earlier)
 {
     if (earlier.name.empty()) return;
     try {
-        mJournal.write(subject, together(plan.wanted, {}, pendingPart(plan.dropped).dns).encode());
+        mUndoLog.write(subject, unionOf(plan.wanted, {}, pendingPart(plan.dropped).dns).encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_WARNING("%s: the earlier configuration stays in the journal: %s", subject.c_str(), error.what());
     }
 }
 
-// What has been removed leaves the journal, except for DNS settings that systemd-resolved could not be told of: they
-// are left behind for the next request, of whichever process.
+// Erases what has been removed from the undo log, except for DNS settings that systemd-resolved was not there to
+// remove: they stay, without an owner, for the next request of any process.
 void InterfaceControl::forget(const std::string& subject, const InterfaceRecord& record)
 {
     const InterfaceRecord pending = pendingPart(record);
-    if (pending.name.empty()) return mJournal.erase(subject);
-    mJournal.write(subject, pending.encode());
-    mJournal.release(subject);
+    if (pending.name.empty()) return mUndoLog.erase(subject);
+    mUndoLog.write(subject, pending.encode());
+    mUndoLog.release(subject);
 }
 
 InterfaceRecord InterfaceControl::pendingPart(const InterfaceRecord& record) const
@@ -340,16 +340,16 @@ InterfaceRecord InterfaceControl::pendingPart(const InterfaceRecord& record) con
     return pending;
 }
 
-// DNS settings are maintained for as long as the journal has them.
+// DNS settings are maintained for as long as the undo log has them.
 std::function<bool()> InterfaceControl::recordCheck(const std::string& ifName, const std::string& dns) const
 {
-    return mJournal.lineCheck(subjectOf(ifName), "dns " + dns);
+    return mUndoLog.lineCheck(subjectOf(ifName), "dns " + dns);
 }
 
 // The first failure, when there is one; then the rest may have been left out.
-std::optional<NetlinkFailure> InterfaceControl::put(const InterfaceRecord& record)
+std::optional<NetlinkFailure> InterfaceControl::install(const InterfaceRecord& record)
 {
-    // An equal one that is there already: given twice in the request, or added by somebody in this moment.
+    // An equal one that is there already: given twice in the request, or added by another process in this moment.
     NetlinkBatch batch(mSocket, {EEXIST});
     if (record.linkBefore) addLinkUp(batch, record.index);
     for (const InterfaceAddress& address : record.addresses)
@@ -362,8 +362,8 @@ std::optional<NetlinkFailure> InterfaceControl::put(const InterfaceRecord& recor
     return failures.empty() ? std::nullopt : std::optional(failures.front());
 }
 
-// The part of a record that is not, or no longer, in force.
-InterfaceRecord InterfaceControl::missingOf(const InterfaceRecord& record)
+// The part of a record that is not, or no longer, installed.
+InterfaceRecord InterfaceControl::partNotInstalled(const InterfaceRecord& record)
 {
     InterfaceRecord missing;
     missing.index = record.index;
@@ -387,27 +387,27 @@ bool InterfaceControl::isThere(const InterfaceRecord& record)
     return link && link->name == record.name;
 }
 
-// Takes back what is still there and still ours.
-void InterfaceControl::takeBack(const InterfaceRecord& record)
+// Removes what is still there and still ours.
+void InterfaceControl::removeInstalled(const InterfaceRecord& record)
 {
-    AllSteps inTurn;
+    StepErrors errors;
     for (const std::string& line : record.dns)
-        inTurn([&] { mDns.undo(line); });
-    inTurn([&] { takeBackKernelPart(record); });
-    inTurn.tell();
+        errors.attempt([&] { mDns.undo(line); });
+    errors.attempt([&] { removeKernelPart(record); });
+    errors.throwFirst();
 }
 
-void InterfaceControl::takeBackKernelPart(const InterfaceRecord& record)
+void InterfaceControl::removeKernelPart(const InterfaceRecord& record)
 {
     if (!isThere(record)) return;
-    AllSteps inTurn;
-    inTurn([&] { takeBackRoutes(record); });
-    inTurn([&] { takeBackAddresses(record); });
-    inTurn([&] { takeBackLink(record); });
-    inTurn.tell();
+    StepErrors errors;
+    errors.attempt([&] { removeRoutes(record); });
+    errors.attempt([&] { removeAddresses(record); });
+    errors.attempt([&] { restoreLink(record); });
+    errors.throwFirst();
 }
 
-void InterfaceControl::takeBackRoutes(const InterfaceRecord& record)
+void InterfaceControl::removeRoutes(const InterfaceRecord& record)
 {
     if (record.routes.empty()) return;
     const std::vector<Route> wanted = sorted(record.routes);
@@ -419,7 +419,7 @@ void InterfaceControl::takeBackRoutes(const InterfaceRecord& record)
     if (!failures.empty()) throw RequestError("netlink", "removing a route: " + failures.front().reason());
 }
 
-void InterfaceControl::takeBackAddresses(const InterfaceRecord& record)
+void InterfaceControl::removeAddresses(const InterfaceRecord& record)
 {
     if (record.addresses.empty()) return;
     NetlinkBatch batch(mSocket, {EADDRNOTAVAIL, ENODEV});
@@ -431,7 +431,7 @@ void InterfaceControl::takeBackAddresses(const InterfaceRecord& record)
     if (!failures.empty()) throw RequestError("netlink", "removing an address: " + failures.front().reason());
 }
 
-void InterfaceControl::takeBackLink(const InterfaceRecord& record)
+void InterfaceControl::restoreLink(const InterfaceRecord& record)
 {
     const std::optional<LinkState> now = linkWithIndex(mSocket, record.index);
     if (!record.linkBefore || !now) return;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is, or may be, in force on an interface and has to be taken back: the content of its journal entry.
+// What is, or may be, installed on an interface and has to be removed: the content of its entry in the undo log.
 #ifndef VKNETCONFIG_INTERFACERECORD_H
 #define VKNETCONFIG_INTERFACERECORD_H
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char routesKey[] = "ipv4.additionalIfRoutes";
 
-// As read, before anything is concluded from it.
+// As read, before addresses and routes are derived from it.
 struct Ipv4Part {
     std::optional<Ipv4Address> ip;
     std::optional<Ipv4Address> netmask;
@@ -26,7 +26,7 @@ struct Ipv4Part {
     std::vector<Ipv4Address> dns;
 };
 
-struct Whole {
+struct ParsedRequest {
     InterfaceRequest request;
     Ipv4Part ipv4;
 };
@@ -73,12 +73,12 @@ std::string domainName(const JsonValue& value)
     return std::string(text);
 }
 
-void readText(const JsonValue& value, Whole&)
+void readText(const JsonValue& value, ParsedRequest&)
 {
     value.text();
 }
 
-void readTexts(const JsonValue& value, Whole&)
+void readTexts(const JsonValue& value, ParsedRequest&)
 {
     value.forEach([](const JsonValue& element, std::size_t) { element.text(); });
 }
@@ -131,25 +131,25 @@ const JsonField<Ipv4Part> ipv4Fields[] = {
      }},
 };
 
-const JsonField<Whole> requestFields[] = {
+const JsonField<ParsedRequest> requestFields[] = {
     {"ifName", true,
-     [](const JsonValue& value, Whole& whole) {
+     [](const JsonValue& value, ParsedRequest& parsed) {
          require(value, wfoal::checkInterfaceName(value.text()));
-         whole.request.ifName = value.text();
+         parsed.request.ifName = value.text();
      }},
     {"ifPriority", false,
-     [](const JsonValue& value, Whole&) {
+     [](const JsonValue& value, ParsedRequest&) {
          value.wholeNumber(std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max());
      }},
     {"networkTechnology", false, readText},
     {"networkScope", false, readText},
     {"networkUsage", false, readTexts},
     {"domainsOnIfDns", false,
-     [](const JsonValue& value, Whole& whole) {
+     [](const JsonValue& value, ParsedRequest& parsed) {
          value.forEach(
-             [&](const JsonValue& element, std::size_t) { whole.request.dns.domains.push_back(domainName(element)); });
+             [&](const JsonValue& element, std::size_t) { parsed.request.dns.domains.push_back(domainName(element)); });
      }},
-    {"ipv4", false, [](const JsonValue& value, Whole& whole) { value.readObject(ipv4Fields, whole.ipv4); }},
+    {"ipv4", false, [](const JsonValue& value, ParsedRequest& parsed) { value.readObject(ipv4Fields, parsed.ipv4); }},
 };
 
 // A default route becomes its two halves: more specific than the device's own default routes, which stay.
@@ -166,7 +166,7 @@ void addRoute(InterfaceRequest& request, Route route, int source)
     request.routeSources.push_back(source);
 }
 
-void concludeAddress(const Ipv4Part& part, InterfaceRequest& request)
+void resolveAddress(const Ipv4Part& part, InterfaceRequest& request)
 {
     if (!part.ip && part.netmask) throw RequestError("ipv4.ip", "missing, while \"netmask\" is given");
     if (!part.ip) return;
@@ -175,7 +175,7 @@ void concludeAddress(const Ipv4Part& part, InterfaceRequest& request)
     request.address = InterfaceAddress{part.ip->bits, *prefixLength(*part.netmask)};
 }
 
-void concludeRoutes(const Ipv4Part& part, InterfaceRequest& request)
+void resolveRoutes(const Ipv4Part& part, InterfaceRequest& request)
 {
     request.routes.reserve(part.routes.size() + 2);
     request.routeSources.reserve(part.routes.size() + 2);
@@ -200,12 +200,12 @@ std::string InterfaceRequest::routeKey(std::size_t index) const
 InterfaceRequest parseInterfaceRequest(const char* json)
 {
     const JsonDocument document(json);
-    Whole whole;
-    document.root().readObject(requestFields, whole);
-    concludeAddress(whole.ipv4, whole.request);
-    concludeRoutes(whole.ipv4, whole.request);
-    whole.request.dns.servers = std::move(whole.ipv4.dns);
-    return std::move(whole.request);
+    ParsedRequest parsed;
+    document.root().readObject(requestFields, parsed);
+    resolveAddress(parsed.ipv4, parsed.request);
+    resolveRoutes(parsed.ipv4, parsed.request);
+    parsed.request.dns.servers = std::move(parsed.ipv4.dns);
+    return std::move(parsed.request);
 }
 
 }  // namespace vknetconfig

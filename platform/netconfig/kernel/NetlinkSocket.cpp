@@ -11,8 +11,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "netlink/NetlinkAnswer.h"
 #include "RequestError.h"
+#include "netlink/NetlinkAnswer.h"
 
 namespace vknetconfig {
 
@@ -64,7 +64,7 @@ mnl_socket* NetlinkSocket::handle()
     if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("bind");
     int on = 1;
     if (mnl_socket_setsockopt(socket.get(), NETLINK_CAP_ACK, &on, sizeof on) < 0) fail("set up");
-    // Only better with these: the kernel's own words, dumps filtered by the kernel, room for many errors.
+    // Optional features:: the kernel's own words, dumps filtered by the kernel, room for many errors.
     mnl_socket_setsockopt(socket.get(), NETLINK_EXT_ACK, &on, sizeof on);
     mnl_socket_setsockopt(socket.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);

@@ -20,10 +20,10 @@ namespace vknetconfig {
 
 namespace {
 
-constexpr std::uint32_t passingQueueing = 0xff770000;  // handle of the discipline that is put in only to be deleted
-constexpr char noQueueing[] = "noop";
-constexpr int byHardwareAddress = IN6_ADDR_GEN_MODE_EUI64;
-constexpr int byChance = IN6_ADDR_GEN_MODE_RANDOM;
+constexpr std::uint32_t placeholderQdiscHandle = 0xff770000;  // of a discipline that is installed only to be deleted
+constexpr char noopQdisc[] = "noop";
+constexpr int hardwareAddressGeneration = IN6_ADDR_GEN_MODE_EUI64;
+constexpr int randomAddressGeneration = IN6_ADDR_GEN_MODE_RANDOM;
 
 // The attributes of a message or of a nest, by type; all the types that matter here are below 64.
 class Attributes {
@@ -138,22 +138,22 @@ void putAddressGeneration(NetlinkBatch& batch, int index, int mode)
     mnl_attr_nest_end(message, families);
 }
 
-// The kernel's own discipline cannot be deleted, only one that took its place. One of somebody else is not replaced,
+// The kernel's own discipline cannot be deleted, only one that took its place. One of another program is not replaced,
 // and then there is none with this handle to delete.
-void putNoQueueing(NetlinkBatch& batch, int index)
+void putNoopQdisc(NetlinkBatch& batch, int index)
 {
     for (const std::uint16_t type : {RTM_NEWQDISC, RTM_DELQDISC}) {
         nlmsghdr* message = batch.add(type, type == RTM_NEWQDISC ? NLM_F_CREATE | NLM_F_EXCL : 0);
         auto* header = putHeader<tcmsg>(message);
         header->tcm_family = AF_UNSPEC;
         header->tcm_ifindex = index;
-        header->tcm_handle = passingQueueing;
+        header->tcm_handle = placeholderQdiscHandle;
         header->tcm_parent = TC_H_ROOT;
         mnl_attr_put_strz(message, TCA_KIND, "pfifo");
     }
 }
 
-// Kernels from 5.18 on do. On others every address of the journal counts as ours.
+// Kernels from 5.18 on do. On others every address of the undo log counts as ours.
 bool addressesKeepMarks()
 {
     utsname system{};
@@ -228,7 +228,7 @@ std::vector<AddressFound> addressesOf(NetlinkSocket& socket, int index)
     Question question(RTM_GETADDR, NLM_F_DUMP);
     auto* wanted = putHeader<ifaddrmsg>(question.message);
     wanted->ifa_family = AF_INET;
-    wanted->ifa_index = static_cast<std::uint32_t>(index);  // the kernel may still tell of others
+    wanted->ifa_index = static_cast<std::uint32_t>(index);  // the kernel may still report others
     std::vector<AddressFound> found;
     static const bool marksAreKept = addressesKeepMarks();
     const int error = socket.ask(question.message, [&](const nlmsghdr* message) {
@@ -270,8 +270,8 @@ void addLinkUp(NetlinkBatch& batch, int index)
 void addLinkRestore(NetlinkBatch& batch, const LinkState& before, const LinkState& now)
 {
     if (now.isUp) putUp(batch, before.index, false);
-    if (before.queueing == noQueueing && now.queueing != noQueueing) putNoQueueing(batch, before.index);
-    if (before.addressGeneration == byHardwareAddress && now.addressGeneration == byChance) {
+    if (before.queueing == noopQdisc && now.queueing != noopQdisc) putNoopQdisc(batch, before.index);
+    if (before.addressGeneration == hardwareAddressGeneration && now.addressGeneration == randomAddressGeneration) {
         putAddressGeneration(batch, before.index, before.addressGeneration);
     }
 }

@@ -40,11 +40,11 @@ std::vector<AddressFound> addressesOf(NetlinkSocket& socket, int index);
 std::vector<Route> ownRoutesOf(NetlinkSocket& socket, int index);
 
 void addLinkUp(NetlinkBatch& batch, int index);
-/// Takes the link down when `now` is up, and puts back what bringing it up has changed.
+/// Takes the link down when `now` is up, and restores what bringing it up has changed.
 void addLinkRestore(NetlinkBatch& batch, const LinkState& before, const LinkState& now);
 void addAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address);
 void removeAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address);
-/// In front of an equal route of somebody else, which takes over again when this one goes.
+/// In front of an equal route of another program, which takes effect again when this one goes.
 void addRoute(NetlinkBatch& batch, int index, const Route& route);
 void removeRoute(NetlinkBatch& batch, int index, const Route& route);
 

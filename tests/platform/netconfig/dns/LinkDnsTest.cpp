@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
-#include "dns/RateLimit.h"
 #include "RequestError.h"
+#include "dns/RateLimit.h"
 
 using namespace vknetconfig;
 using testing::StartsWith;
@@ -44,47 +44,49 @@ std::string errorOf(const std::string& text)
 
 }  // namespace
 
-TEST(LinkDnsTest, domainsWithoutAllTrafficAreAskedHereAndNothingElseIs)
+TEST(LinkDnsTest, DomainsWithoutAllTrafficAreAskedHereAndNothingElseIs)
 {
-    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"corp.test"}, false)), tunnel);
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.8.0.1"}, {"corp.test"}, false)), tunnel);
 }
 
-TEST(LinkDnsTest, withAllTrafficEverythingIsAskedHere)
+TEST(LinkDnsTest, WithAllTrafficEverythingIsAskedHere)
 {
-    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"corp.test"}, true)),
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.8.0.1"}, {"corp.test"}, true)),
               (LinkDns{{server("10.8.0.1")}, {{"corp.test", false}, {".", true}}, true}));
 }
 
-TEST(LinkDnsTest, serversWithoutDomainsTakeWhatNoOtherLinkClaims)
+TEST(LinkDnsTest, ServersWithoutDomainsTakeWhatNoOtherLinkClaims)
 {
-    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {}, false)), (LinkDns{{server("10.8.0.1")}, {}, true}));
-    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {}, true)), (LinkDns{{server("10.8.0.1")}, {{".", true}}, true}));
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.8.0.1"}, {}, false)), (LinkDns{{server("10.8.0.1")}, {}, true}));
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.8.0.1"}, {}, true)),
+              (LinkDns{{server("10.8.0.1")}, {{".", true}}, true}));
 }
 
-TEST(LinkDnsTest, domainsWithoutServersClaimNotEverything)
+TEST(LinkDnsTest, DomainsWithoutServersClaimNotEverything)
 {
-    EXPECT_EQ(wantedOf(settings({}, {"corp.test"}, true)), (LinkDns{{}, {{"corp.test", false}}, true}));
+    EXPECT_EQ(resolvedSettingsFor(settings({}, {"corp.test"}, true)), (LinkDns{{}, {{"corp.test", false}}, true}));
 }
 
-TEST(LinkDnsTest, namesDifferNeitherByCaseNorByTheLastDot)
+TEST(LinkDnsTest, NamesDifferNeitherByCaseNorByTheLastDot)
 {
-    EXPECT_EQ(wantedOf(settings({"10.8.0.1"}, {"Corp.TEST.", "corp.test"}, false)), tunnel);
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.8.0.1"}, {"Corp.TEST.", "corp.test"}, false)), tunnel);
 }
 
-TEST(LinkDnsTest, aTildeMeansNotSearched)
+TEST(LinkDnsTest, ATildeMeansNotSearched)
 {
-    EXPECT_EQ(wantedOf(settings({}, {"~a", "~."}, false)).domains, (std::vector<DnsDomain>{{"a", true}, {".", true}}));
-    EXPECT_EQ(wantedOf(settings({}, {"~a", "a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
-    EXPECT_EQ(wantedOf(settings({}, {"a", "~a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
+    EXPECT_EQ(resolvedSettingsFor(settings({}, {"~a", "~."}, false)).domains,
+              (std::vector<DnsDomain>{{"a", true}, {".", true}}));
+    EXPECT_EQ(resolvedSettingsFor(settings({}, {"~a", "a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
+    EXPECT_EQ(resolvedSettingsFor(settings({}, {"a", "~a"}, false)).domains, (std::vector<DnsDomain>{{"a", false}}));
 }
 
-TEST(LinkDnsTest, doublesAreDroppedAndTheOrderStays)
+TEST(LinkDnsTest, DoublesAreDroppedAndTheOrderStays)
 {
-    EXPECT_EQ(wantedOf(settings({"10.0.0.2", "10.0.0.1", "10.0.0.2"}, {}, false)).servers,
+    EXPECT_EQ(resolvedSettingsFor(settings({"10.0.0.2", "10.0.0.1", "10.0.0.2"}, {}, false)).servers,
               (std::vector<DnsServer>{server("10.0.0.2"), server("10.0.0.1")}));
 }
 
-TEST(LinkDnsTest, aChangeComesBackFromItsLine)
+TEST(LinkDnsTest, AChangeComesBackFromItsLine)
 {
     const LinkDns others{
         {server("192.168.1.1", 5353), server("fe80::1", 853, "dns.example")}, {{"a", true}, {"b", false}}, true};
@@ -97,14 +99,14 @@ TEST(LinkDnsTest, aChangeComesBackFromItsLine)
     EXPECT_EQ(again.before, change.before);
 }
 
-TEST(LinkDnsTest, emptyListsComeBackFromTheirLine)
+TEST(LinkDnsTest, EmptyListsComeBackFromTheirLine)
 {
     const LinkChange change{{1, "a"}, nothing, nothing};
     EXPECT_EQ(change.encode(), "1 a - - yes - - yes");
     EXPECT_EQ(LinkChange::decode(change.encode()).before, nothing);
 }
 
-TEST(LinkDnsTest, aLineThatIsNoChangeIsRefused)
+TEST(LinkDnsTest, ALineThatIsNoChangeIsRefused)
 {
     for (const char* text : {"", "x", "1", "1 a", "1 a - - yes", "1 a - - yes - - maybe", "1 a - - yes - - yes more",
                              "a a - - yes - - yes", "1 a 10.0.0.1 - yes - - yes", "1 a 10.0.0.1/x/ - yes - - yes",
@@ -114,29 +116,29 @@ TEST(LinkDnsTest, aLineThatIsNoChangeIsRefused)
     }
 }
 
-TEST(LinkDnsTest, whatIsStillOursIsTakenBack)
+TEST(LinkDnsTest, WhatIsStillOursIsTakenBack)
 {
     const LinkChange change{{1, "a"}, tunnel, nothing};
-    EXPECT_EQ(takenBack(change, tunnel), nothing);
+    EXPECT_EQ(stateAfterUndo(change, tunnel), nothing);
 }
 
-TEST(LinkDnsTest, whatWasSetOnlyInPartIsTakenBack)
+TEST(LinkDnsTest, WhatWasSetOnlyInPartIsTakenBack)
 {
     const LinkChange change{{1, "a"}, tunnel, nothing};
-    EXPECT_EQ(takenBack(change, {tunnel.servers, {}, true}), nothing);
-    EXPECT_EQ(takenBack(change, {tunnel.servers, tunnel.domains, true}), nothing);
-    EXPECT_EQ(takenBack(change, nothing), nothing);
+    EXPECT_EQ(stateAfterUndo(change, {tunnel.servers, {}, true}), nothing);
+    EXPECT_EQ(stateAfterUndo(change, {tunnel.servers, tunnel.domains, true}), nothing);
+    EXPECT_EQ(stateAfterUndo(change, nothing), nothing);
 }
 
-TEST(LinkDnsTest, whatSomebodyElseHasSetSinceIsLeft)
+TEST(LinkDnsTest, WhatSomebodyElseHasSetSinceIsLeft)
 {
     const LinkChange change{{1, "a"}, tunnel, nothing};
     const LinkDns theirs{{server("9.9.9.9")}, {{"their.test", false}}, true};
-    EXPECT_EQ(takenBack(change, theirs), theirs);
-    EXPECT_EQ(takenBack(change, {theirs.servers, tunnel.domains, false}), (LinkDns{theirs.servers, {}, true}));
+    EXPECT_EQ(stateAfterUndo(change, theirs), theirs);
+    EXPECT_EQ(stateAfterUndo(change, {theirs.servers, tunnel.domains, false}), (LinkDns{theirs.servers, {}, true}));
 }
 
-TEST(RateLimitTest, soManyTimesInASpanAndThenWhenTheFirstIsOver)
+TEST(RateLimitTest, SoManyTimesInASpanAndThenWhenTheFirstIsOver)
 {
     RateLimit limit(2, 60s);
     const RateLimit::Clock::time_point start(1000s);

@@ -17,8 +17,8 @@
 #include <thread>
 
 #include "Daemons.h"
-#include "dns/Dns.h"
 #include "RequestError.h"
+#include "dns/Dns.h"
 #include "dns/ToolRun.h"
 #include "handles/UniqueFd.h"
 
@@ -36,7 +36,9 @@ const Link link0{5, "norvatun0"};
 
 DnsSettings tunnel()
 {
-    return {{wfoal::Ipv4Address{inet_addr("10.8.0.1")}, wfoal::Ipv4Address{inet_addr("10.8.0.2")}}, {"corp.test", "Lab.test."}, true};
+    return {{wfoal::Ipv4Address{inet_addr("10.8.0.1")}, wfoal::Ipv4Address{inet_addr("10.8.0.2")}},
+            {"corp.test", "Lab.test."},
+            true};
 }
 
 std::string errorOf(const std::function<void()>& action)
@@ -81,7 +83,7 @@ protected:
 
 }  // namespace
 
-TEST_F(ResolvconfTest, serversAndSearchDomainsAreHandedOver)
+TEST_F(ResolvconfTest, ServersAndSearchDomainsAreHandedOver)
 {
     install();
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -91,7 +93,7 @@ TEST_F(ResolvconfTest, serversAndSearchDomainsAreHandedOver)
               "-a norvatun0.vknetconfig\nnameserver 10.8.0.1\nnameserver 10.8.0.2\nsearch corp.test lab.test\n");
 }
 
-TEST_F(ResolvconfTest, takingBackRemovesOurEntryOnly)
+TEST_F(ResolvconfTest, TakingBackRemovesOurEntryOnly)
 {
     install();
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -102,7 +104,7 @@ TEST_F(ResolvconfTest, takingBackRemovesOurEntryOnly)
     EXPECT_EQ(contentOf(record), "-d norvatun0.vknetconfig\n");
 }
 
-TEST_F(ResolvconfTest, domainsAloneHaveNoServerLine)
+TEST_F(ResolvconfTest, DomainsAloneHaveNoServerLine)
 {
     install();
     const DnsSettings settings{{}, {"corp.test", "~route.test"}, false};
@@ -110,12 +112,12 @@ TEST_F(ResolvconfTest, domainsAloneHaveNoServerLine)
     EXPECT_EQ(contentOf(record), "-a norvatun0.vknetconfig\nsearch corp.test\n");
 }
 
-TEST_F(ResolvconfTest, withoutAnyResolverTheErrorNamesTheKey)
+TEST_F(ResolvconfTest, WithoutAnyResolverTheErrorNamesTheKey)
 {
     EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
 }
 
-TEST_F(ResolvconfTest, aToolThatDoesNotRunIsNoResolver)
+TEST_F(ResolvconfTest, AToolThatDoesNotRunIsNoResolver)
 {
     install("", 0644);
     EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
@@ -125,7 +127,7 @@ TEST_F(ResolvconfTest, aToolThatDoesNotRunIsNoResolver)
 }
 
 // Where systemd-resolved brings its own resolvconf, that is a link to resolvectl, which needs systemd-resolved.
-TEST_F(ResolvconfTest, resolvectlUnderThisNameIsNoResolver)
+TEST_F(ResolvconfTest, ResolvectlUnderThisNameIsNoResolver)
 {
     if (const std::string reason = testsupport::daemonUnavailable(testsupport::Daemon::resolved); !reason.empty()) {
         GTEST_SKIP() << reason;
@@ -143,7 +145,7 @@ TEST_F(ResolvconfTest, resolvectlUnderThisNameIsNoResolver)
     EXPECT_EQ(errorOf([&] { dns.undo("resolvconf norvatun0"); }), "no error");
 }
 
-TEST_F(ResolvconfTest, aToolThatFailsIsReportedInItsOwnWords)
+TEST_F(ResolvconfTest, AToolThatFailsIsReportedInItsOwnWords)
 {
     install("echo 'no space left' >&2; echo more >&2; exit 3");
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -152,7 +154,7 @@ TEST_F(ResolvconfTest, aToolThatFailsIsReportedInItsOwnWords)
     EXPECT_THAT(errorOf([&] { dns.undo(prepared); }), StartsWith("ipv4.dns: resolvconf: exit code 3"));
 }
 
-TEST_F(ResolvconfTest, aToolThatHangsIsKilledWithWhatItStarted)
+TEST_F(ResolvconfTest, AToolThatHangsIsKilledWithWhatItStarted)
 {
     install("sleep 3600 & echo $! >/tmp/sleeper; wait");
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -171,7 +173,7 @@ TEST_F(ResolvconfTest, aToolThatHangsIsKilledWithWhatItStarted)
     FAIL() << "still running: " << status;
 }
 
-TEST_F(ResolvconfTest, takingBackAfterTheToolIsGoneSucceeds)
+TEST_F(ResolvconfTest, TakingBackAfterTheToolIsGoneSucceeds)
 {
     install();
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -179,13 +181,13 @@ TEST_F(ResolvconfTest, takingBackAfterTheToolIsGoneSucceeds)
     EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
 }
 
-TEST_F(ResolvconfTest, aLineThatNobodyWroteIsRefused)
+TEST_F(ResolvconfTest, ALineThatNobodyWroteIsRefused)
 {
     EXPECT_THAT(errorOf([&] { dns.undo("somebody norvatun0"); }), StartsWith("journal: "));
     EXPECT_THAT(errorOf([&] { dns.undo(""); }), StartsWith("journal: "));
 }
 
-TEST_F(ResolvconfTest, theAgentsOpenFilesAreNotTheTools)
+TEST_F(ResolvconfTest, TheAgentsOpenFilesAreNotTheTools)
 {
     install("ls /proc/$$/fd >/tmp/files");
     const UniqueFd inheritable(open("/dev/null", O_RDONLY));
@@ -196,7 +198,7 @@ TEST_F(ResolvconfTest, theAgentsOpenFilesAreNotTheTools)
     EXPECT_THAT(contentOf("/tmp/files"), testing::Not(HasSubstr("200")));
 }
 
-TEST_F(ResolvconfTest, signalsThatTheAgentBlocksOrIgnoresReachTheTool)
+TEST_F(ResolvconfTest, SignalsThatTheAgentBlocksOrIgnoresReachTheTool)
 {
     // The C library keeps the two real-time signals that it uses itself, 32 and 33.
     install("grep -E 'Sig(Blk|Ign)' /proc/$$/status | sed s/180000000$/000000000/ >/tmp/signals");
@@ -211,7 +213,7 @@ TEST_F(ResolvconfTest, signalsThatTheAgentBlocksOrIgnoresReachTheTool)
     EXPECT_EQ(contentOf("/tmp/signals"), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 
-TEST(ToolRunTest, aResultIsToldInWords)
+TEST(ToolRunTest, AResultIsToldInWords)
 {
     EXPECT_EQ(runTool({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
     EXPECT_TRUE(runTool({"true"}, {}, 5s).succeeded());
@@ -219,7 +221,7 @@ TEST(ToolRunTest, aResultIsToldInWords)
     EXPECT_EQ(runTool({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
 }
 
-TEST(ToolRunTest, aMegabyteInAndOutBlocksNobody)
+TEST(ToolRunTest, AMegabyteInAndOutBlocksNobody)
 {
     const std::string megabyte(1 << 20, 'x');
     const ToolResult result = runTool({"cat"}, megabyte, 20s);
@@ -227,13 +229,13 @@ TEST(ToolRunTest, aMegabyteInAndOutBlocksNobody)
     EXPECT_EQ(result.output, std::string(200, 'x'));
 }
 
-TEST(ToolRunTest, argumentsAreNoShellText)
+TEST(ToolRunTest, ArgumentsAreNoShellText)
 {
     const ToolResult result = runTool({"echo", "$(id); `id` *"}, {}, 5s);
     EXPECT_EQ(result.output, "$(id); `id` *");
 }
 
-TEST(ToolRunTest, anAgentThatIgnoresItsChildrenIsToldSo)
+TEST(ToolRunTest, AnAgentThatIgnoresItsChildrenIsToldSo)
 {
     const auto handler = signal(SIGCHLD, SIG_IGN);
     const ToolResult result = runTool({"true"}, {}, 5s);

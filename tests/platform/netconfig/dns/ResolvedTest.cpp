@@ -17,8 +17,8 @@
 #include <thread>
 
 #include "Daemons.h"
-#include "dns/Dns.h"
 #include "RequestError.h"
+#include "dns/Dns.h"
 #include "handles/UniqueFd.h"
 
 using namespace vknetconfig;
@@ -127,7 +127,7 @@ protected:
 
 }  // namespace
 
-TEST_F(ResolvedTest, serversAndSearchDomainsAreOnTheLink)
+TEST_F(ResolvedTest, ServersAndSearchDomainsAreOnTheLink)
 {
     dns.set(link(), tunnel, dns.prepare(link(), tunnel));
     EXPECT_EQ(shown("dns"), "10.8.0.1 10.8.0.2");
@@ -135,7 +135,7 @@ TEST_F(ResolvedTest, serversAndSearchDomainsAreOnTheLink)
     EXPECT_EQ(shown("default-route"), "no");
 }
 
-TEST_F(ResolvedTest, withAllTrafficEveryQuestionGoesIntoTheTunnel)
+TEST_F(ResolvedTest, WithAllTrafficEveryQuestionGoesIntoTheTunnel)
 {
     const DnsSettings all = settings({"10.8.0.1"}, {"corp.test"}, true);
     dns.set(link(), all, dns.prepare(link(), all));
@@ -144,14 +144,14 @@ TEST_F(ResolvedTest, withAllTrafficEveryQuestionGoesIntoTheTunnel)
     EXPECT_EQ(shown("default-route"), "yes");
 }
 
-TEST_F(ResolvedTest, preparingChangesNothing)
+TEST_F(ResolvedTest, PreparingChangesNothing)
 {
     const std::string before = status();
     dns.prepare(link(), tunnel);
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, takingBackLeavesAnUntouchedLinkAsItWas)
+TEST_F(ResolvedTest, TakingBackLeavesAnUntouchedLinkAsItWas)
 {
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);
@@ -163,7 +163,7 @@ TEST_F(ResolvedTest, takingBackLeavesAnUntouchedLinkAsItWas)
     EXPECT_EQ(status(), before) << "twice";
 }
 
-TEST_F(ResolvedTest, takingBackRestoresWhatWasThereBefore)
+TEST_F(ResolvedTest, TakingBackRestoresWhatWasThereBefore)
 {
     change({"dns", linkName, "192.0.2.1:5353#dns.example", "2001:db8::53"});
     change({"domain", linkName, "before.test", "~route.test"});
@@ -178,7 +178,7 @@ TEST_F(ResolvedTest, takingBackRestoresWhatWasThereBefore)
     EXPECT_EQ(shown("dns"), "192.0.2.1:5353#dns.example 2001:db8::53");
 }
 
-TEST_F(ResolvedTest, anotherProcessCanTakeBack)
+TEST_F(ResolvedTest, AnotherProcessCanTakeBack)
 {
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);
@@ -188,7 +188,7 @@ TEST_F(ResolvedTest, anotherProcessCanTakeBack)
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, replacingCarriesOverWhatWasThereFirst)
+TEST_F(ResolvedTest, ReplacingCarriesOverWhatWasThereFirst)
 {
     change({"dns", linkName, "192.0.2.1"});
     const std::string before = status();
@@ -203,7 +203,7 @@ TEST_F(ResolvedTest, replacingCarriesOverWhatWasThereFirst)
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, whatSomebodyElseHasSetSinceIsLeft)
+TEST_F(ResolvedTest, WhatSomebodyElseHasSetSinceIsLeft)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -214,7 +214,7 @@ TEST_F(ResolvedTest, whatSomebodyElseHasSetSinceIsLeft)
     EXPECT_EQ(shown("domain"), "theirs.test");
 }
 
-TEST_F(ResolvedTest, whatOthersSetBesideServersAndDomainsIsLeft)
+TEST_F(ResolvedTest, WhatOthersSetBesideServersAndDomainsIsLeft)
 {
     change({"dnsovertls", linkName, "yes"});
     const std::string before = status();
@@ -234,7 +234,7 @@ TEST_F(ResolvedTest, whatOthersSetBesideServersAndDomainsIsLeft)
     EXPECT_EQ(shown("domain"), "");
 }
 
-TEST_F(ResolvedTest, aRefusedSettingLeavesWhatOthersSet)
+TEST_F(ResolvedTest, ARefusedSettingLeavesWhatOthersSet)
 {
     change({"dnsovertls", linkName, "yes"});
     const std::string before = status();
@@ -244,7 +244,7 @@ TEST_F(ResolvedTest, aRefusedSettingLeavesWhatOthersSet)
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, aRenamedLinkIsTakenBackAsWell)
+TEST_F(ResolvedTest, ARenamedLinkIsTakenBackAsWell)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -256,7 +256,7 @@ TEST_F(ResolvedTest, aRenamedLinkIsTakenBackAsWell)
     EXPECT_THAT(left, testing::Not(HasSubstr("corp.test")));
 }
 
-TEST_F(ResolvedTest, whatIsTakenBackWhileTheServiceIsDownIsTakenBackWhenItIsUp)
+TEST_F(ResolvedTest, WhatIsTakenBackWhileTheServiceIsDownIsTakenBackWhenItIsUp)
 {
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);
@@ -271,7 +271,7 @@ TEST_F(ResolvedTest, whatIsTakenBackWhileTheServiceIsDownIsTakenBackWhenItIsUp)
     EXPECT_TRUE(comesTrue([&] { return status() == before; })) << status();
 }
 
-TEST_F(ResolvedTest, whatIsPendingIsOverWhenTheLinkIsGone)
+TEST_F(ResolvedTest, WhatIsPendingIsOverWhenTheLinkIsGone)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -283,7 +283,7 @@ TEST_F(ResolvedTest, whatIsPendingIsOverWhenTheLinkIsGone)
     EXPECT_FALSE(dns.isPending(prepared));
 }
 
-TEST_F(ResolvedTest, whatIsNoLongerWantedIsNotSetAgain)
+TEST_F(ResolvedTest, WhatIsNoLongerWantedIsNotSetAgain)
 {
     std::atomic<bool> isWanted{true};
     std::atomic<int> asked{0};
@@ -304,7 +304,7 @@ TEST_F(ResolvedTest, whatIsNoLongerWantedIsNotSetAgain)
     EXPECT_EQ(shown("dns"), "");
 }
 
-TEST_F(ResolvedTest, aSettingThatIsRefusedChangesNothing)
+TEST_F(ResolvedTest, ASettingThatIsRefusedChangesNothing)
 {
     const std::string before = status();
     const DnsSettings refused = settings({"0.0.0.0"}, {"corp.test"}, false);
@@ -318,7 +318,7 @@ TEST_F(ResolvedTest, aSettingThatIsRefusedChangesNothing)
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, anUnknownLinkIsAnError)
+TEST_F(ResolvedTest, AnUnknownLinkIsAnError)
 {
     EXPECT_THAT(errorOf([&] {
                     dns.prepare({4711, "absent0"}, tunnel);
@@ -326,7 +326,7 @@ TEST_F(ResolvedTest, anUnknownLinkIsAnError)
                 HasSubstr("systemd-resolved does not know the interface absent0"));
 }
 
-TEST_F(ResolvedTest, takingBackFromAVanishedLinkSucceeds)
+TEST_F(ResolvedTest, TakingBackFromAVanishedLinkSucceeds)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -338,7 +338,7 @@ TEST_F(ResolvedTest, takingBackFromAVanishedLinkSucceeds)
     EXPECT_EQ(status(), before) << "another interface of this name";
 }
 
-TEST_F(ResolvedTest, takingBackWithoutTheServiceOrTheBusSucceeds)
+TEST_F(ResolvedTest, TakingBackWithoutTheServiceOrTheBusSucceeds)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -348,7 +348,7 @@ TEST_F(ResolvedTest, takingBackWithoutTheServiceOrTheBusSucceeds)
     EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
 }
 
-TEST_F(ResolvedTest, aRestartOfTheServiceSetsTheServersAgain)
+TEST_F(ResolvedTest, ARestartOfTheServiceSetsTheServersAgain)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -359,7 +359,7 @@ TEST_F(ResolvedTest, aRestartOfTheServiceSetsTheServersAgain)
     EXPECT_EQ(shown("dns"), "");
 }
 
-TEST_F(ResolvedTest, withoutTheWatcherARestartForgets)
+TEST_F(ResolvedTest, WithoutTheWatcherARestartForgets)
 {
     {
         Dns shortLived;
@@ -370,7 +370,7 @@ TEST_F(ResolvedTest, withoutTheWatcherARestartForgets)
     EXPECT_EQ(shown("dns"), "");
 }
 
-TEST_F(ResolvedTest, aRestartOfTheBusIsSurvived)
+TEST_F(ResolvedTest, ARestartOfTheBusIsSurvived)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -383,7 +383,7 @@ TEST_F(ResolvedTest, aRestartOfTheBusIsSurvived)
     EXPECT_EQ(shown("dns"), "10.8.0.1 10.8.0.2");
 }
 
-TEST_F(ResolvedTest, afterFiveTimesInAMinuteItGivesWay)
+TEST_F(ResolvedTest, AfterFiveTimesInAMinuteItGivesWay)
 {
     dns.set(link(), tunnel, dns.prepare(link(), tunnel));
     for (int count = 0; count < 5; ++count) {
@@ -395,7 +395,7 @@ TEST_F(ResolvedTest, afterFiveTimesInAMinuteItGivesWay)
     EXPECT_EQ(shown("dns"), "");
 }
 
-TEST_F(ResolvedTest, theThreadEndsWithTheConfiguration)
+TEST_F(ResolvedTest, TheThreadEndsWithTheConfiguration)
 {
     std::thread([] {}).join();  // the thread sanitizer answers the first thread with one of its own
     const std::size_t threads = countOf("/proc/self/task");
@@ -412,7 +412,7 @@ TEST_F(ResolvedTest, theThreadEndsWithTheConfiguration)
     EXPECT_EQ(countOf("/proc/self/fd"), files);
 }
 
-TEST_F(ResolvedTest, aSilentBusHoldsNobodyUpForLong)
+TEST_F(ResolvedTest, ASilentBusHoldsNobodyUpForLong)
 {
     const UniqueFd silent(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, "/run/silent"};
@@ -426,7 +426,7 @@ TEST_F(ResolvedTest, aSilentBusHoldsNobodyUpForLong)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", real.c_str(), 1);
 }
 
-TEST_F(ResolvedTest, aStoppedServiceHoldsNobodyUpForLong)
+TEST_F(ResolvedTest, AStoppedServiceHoldsNobodyUpForLong)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);

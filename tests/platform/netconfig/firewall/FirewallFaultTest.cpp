@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A packet filter whose request fails half-way: what the kernel has is in the journal.
+// A packet filter whose request fails half-way: what the kernel has is in the undo log.
 #include <gmock/gmock.h>
 
 #include <cstdlib>
@@ -12,7 +12,7 @@
 using namespace testsupport;
 using testing::HasSubstr;
 
-TEST(FirewallFault, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
+TEST(FirewallFaultTest, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
 {
     NEEDS_STRACE();
     std::ofstream("/tmp/filter.json")
@@ -40,7 +40,7 @@ TEST(FirewallFault, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
     EXPECT_GT(installed, 25) << "the faults came too early to prove anything";
 }
 
-TEST(FirewallFault, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
+TEST(FirewallFaultTest, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
 {
     NEEDS_STRACE();
     std::ofstream file("/tmp/filter.json");
@@ -54,7 +54,7 @@ TEST(FirewallFault, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
     EXPECT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n");
 }
 
-TEST(FirewallFault, LostAnswersAreNoSuccessAndLeaveNothing)
+TEST(FirewallFaultTest, LostAnswersAreNoSuccessAndLeaveNothing)
 {
     NEEDS_STRACE();
     std::ofstream("/tmp/filter.json")

@@ -126,7 +126,7 @@ protected:
 
 }  // namespace
 
-TEST_F(FirewallKernelTest, everyKindOfRuleIsInTheKernel)
+TEST_F(FirewallKernelTest, EveryKindOfRuleIsInTheKernel)
 {
     ASSERT_EQ(control(request(
                   R"({"operation":"append","source":"10.1.2.3/255.0.0.0","destination":"192.168.1.9","protocol":"TCP",)"
@@ -149,20 +149,20 @@ TEST_F(FirewallKernelTest, everyKindOfRuleIsInTheKernel)
               "\t\tdrop\n"));
 }
 
-TEST_F(FirewallKernelTest, aFilterWithoutRulesIsThereAndLetsEverythingThrough)
+TEST_F(FirewallKernelTest, AFilterWithoutRulesIsThereAndLetsEverythingThrough)
 {
     ASSERT_EQ(control(request("")), 0);
     EXPECT_EQ(ruleset(), table(""));
 }
 
-TEST_F(FirewallKernelTest, settingUpReplacesTheLabelsEarlierFilter)
+TEST_F(FirewallKernelTest, SettingUpReplacesTheLabelsEarlierFilter)
 {
     ASSERT_EQ(control(request(dropAll)), 0);
     ASSERT_EQ(control(request(R"({"operation":"append","protocol":"TCP","jumpTo":"DROP"})")), 0);
     EXPECT_EQ(ruleset(), table("\t\tmeta l4proto tcp drop\n"));
 }
 
-TEST_F(FirewallKernelTest, labelsDoNotDisturbEachOther)
+TEST_F(FirewallKernelTest, LabelsDoNotDisturbEachOther)
 {
     ASSERT_EQ(control(request("", "other")), 0);
     ASSERT_EQ(control(request(dropAll)), 0);
@@ -170,7 +170,7 @@ TEST_F(FirewallKernelTest, labelsDoNotDisturbEachOther)
     EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
 }
 
-TEST_F(FirewallKernelTest, aLabelMayHoldASlash)
+TEST_F(FirewallKernelTest, ALabelMayHoldASlash)
 {
     ASSERT_EQ(control(request("", "a/b")), 0);
     EXPECT_EQ(ruleset(), table("", "a/b"));
@@ -178,7 +178,7 @@ TEST_F(FirewallKernelTest, aLabelMayHoldASlash)
     EXPECT_EQ(ruleset(), "");
 }
 
-TEST_F(FirewallKernelTest, removalLeavesNothing)
+TEST_F(FirewallKernelTest, RemovalLeavesNothing)
 {
     ASSERT_EQ(control(request(dropAll)), 0);
     ASSERT_EQ(control(removal), 0);
@@ -186,14 +186,14 @@ TEST_F(FirewallKernelTest, removalLeavesNothing)
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(FirewallKernelTest, removingWhatIsNotThereSucceeds)
+TEST_F(FirewallKernelTest, RemovingWhatIsNotThereSucceeds)
 {
     EXPECT_EQ(control(removal), 0);
     EXPECT_EQ(control(removal), 0);
     EXPECT_EQ(ruleset(), "");
 }
 
-TEST_F(FirewallKernelTest, aFilterThatSomebodyFlushedCanBeRemovedAndSetUpAgain)
+TEST_F(FirewallKernelTest, AFilterThatSomebodyFlushedCanBeRemovedAndSetUpAgain)
 {
     ASSERT_EQ(control(request(dropAll)), 0);
     outputOf("nft flush ruleset");
@@ -202,7 +202,7 @@ TEST_F(FirewallKernelTest, aFilterThatSomebodyFlushedCanBeRemovedAndSetUpAgain)
     EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
 }
 
-TEST_F(FirewallKernelTest, aForeignTableOfTheSameNameIsNeverTouched)
+TEST_F(FirewallKernelTest, AForeignTableOfTheSameNameIsNeverTouched)
 {
     outputOf("nft 'table inet vpn.vpnoal { comment \"mine\"; chain c { drop; }; }'");
     const std::string before = ruleset();
@@ -212,7 +212,7 @@ TEST_F(FirewallKernelTest, aForeignTableOfTheSameNameIsNeverTouched)
     EXPECT_EQ(ruleset(), before);
 }
 
-TEST_F(FirewallKernelTest, aTableOfAnotherFamilyIsNoObstacle)
+TEST_F(FirewallKernelTest, ATableOfAnotherFamilyIsNoObstacle)
 {
     outputOf("nft add table ip vpn.vpnoal");
     EXPECT_EQ(control(request("")), 0);
@@ -220,7 +220,7 @@ TEST_F(FirewallKernelTest, aTableOfAnotherFamilyIsNoObstacle)
     EXPECT_EQ(ruleset(), "table ip vpn.vpnoal {\n}\n");
 }
 
-TEST_F(FirewallKernelTest, wordsOfNftsOwnLanguageAreNamesLikeOthers)
+TEST_F(FirewallKernelTest, WordsOfNftsOwnLanguageAreNamesLikeOthers)
 {
     ASSERT_EQ(control(request(dropAll, "counter", "drop")), 0);
     EXPECT_THAT(ruleset(), HasSubstr("table inet counter {\n\tcomment \"vknetconfig\"\n\tchain drop {\n\t\tdrop\n"));
@@ -228,7 +228,7 @@ TEST_F(FirewallKernelTest, wordsOfNftsOwnLanguageAreNamesLikeOthers)
     EXPECT_EQ(ruleset(), "");
 }
 
-TEST_F(FirewallKernelTest, tenThousandRulesAreOneTransaction)
+TEST_F(FirewallKernelTest, TenThousandRulesAreOneTransaction)
 {
     std::string rules = dropAll;
     for (int count = 1; count < 10000; ++count)
@@ -242,7 +242,7 @@ TEST_F(FirewallKernelTest, tenThousandRulesAreOneTransaction)
     EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
 }
 
-TEST_F(FirewallKernelTest, aBadRequestChangesNothing)
+TEST_F(FirewallKernelTest, ABadRequestChangesNothing)
 {
     ASSERT_EQ(control(request(dropAll)), 0);
     const std::string before = ruleset();
@@ -254,13 +254,13 @@ TEST_F(FirewallKernelTest, aBadRequestChangesNothing)
     EXPECT_EQ(ruleset(), before);
 }
 
-TEST_F(FirewallKernelTest, missingPrivilegesAreReported)
+TEST_F(FirewallKernelTest, MissingPrivilegesAreReported)
 {
     testing::internal::CaptureStderr();
     const int result = inChild([] {
         __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct none[2] = {};
-        none[0].effective = none[0].permitted = 1U << CAP_DAC_OVERRIDE;  // for the journal
+        none[0].effective = none[0].permitted = 1U << CAP_DAC_OVERRIDE;  // for the undo log
         if (syscall(SYS_capset, &head, none) != 0) return 99;
         return control(request(dropAll)) != 0 && control(removal) != 0 ? 0 : 1;
     });
@@ -269,7 +269,7 @@ TEST_F(FirewallKernelTest, missingPrivilegesAreReported)
     EXPECT_EQ(ruleset(), "");
 }
 
-TEST_F(FirewallKernelTest, everythingItOpensIsCloseOnExec)
+TEST_F(FirewallKernelTest, EverythingItOpensIsCloseOnExec)
 {
     const int result = inChild([] {
         const std::set<int> before = openFiles();
@@ -285,7 +285,7 @@ TEST_F(FirewallKernelTest, everythingItOpensIsCloseOnExec)
     EXPECT_EQ(result, 0);
 }
 
-TEST_F(FirewallKernelTest, aThreadInAnotherNetworkNamespaceGetsItsOwnFilter)
+TEST_F(FirewallKernelTest, AThreadInAnotherNetworkNamespaceGetsItsOwnFilter)
 {
     ASSERT_EQ(control(request("")), 0);
     const std::string here = ruleset();
@@ -299,7 +299,7 @@ TEST_F(FirewallKernelTest, aThreadInAnotherNetworkNamespaceGetsItsOwnFilter)
     EXPECT_EQ(ruleset(), here);
 }
 
-TEST_F(FirewallKernelTest, aForkedProcessDoesNotLeaveItsAnswersToItsParent)
+TEST_F(FirewallKernelTest, AForkedProcessDoesNotLeaveItsAnswersToItsParent)
 {
     outputOf("nft add table inet theirs");
     ASSERT_EQ(control(request("")), 0);
@@ -314,7 +314,7 @@ TEST_F(FirewallKernelTest, aForkedProcessDoesNotLeaveItsAnswersToItsParent)
     }
 }
 
-TEST_F(FirewallKernelTest, aReaderNeverSeesTheFilterAbsentOrPartial)
+TEST_F(FirewallKernelTest, AReaderNeverSeesTheFilterAbsentOrPartial)
 {
     std::string fewRules = dropAll;
     std::string manyRules = dropAll;
@@ -356,7 +356,7 @@ TEST_F(FirewallKernelTest, aReaderNeverSeesTheFilterAbsentOrPartial)
     EXPECT_GE(seenMany, 20);
 }
 
-TEST_F(FirewallKernelTest, killedAtAnyStepTheNextProcessCleansUp)
+TEST_F(FirewallKernelTest, KilledAtAnyStepTheNextProcessCleansUp)
 {
     outputOf("nft 'table inet somebody { chain c { type filter hook input priority 5; counter; }; }'");
     outputOf("nft 'table ip vpn.vpnoal { chain c { drop; }; }'");
@@ -378,7 +378,7 @@ TEST_F(FirewallKernelTest, killedAtAnyStepTheNextProcessCleansUp)
     EXPECT_GT(step, 20);
 }
 
-TEST_F(FirewallKernelTest, aTableThatReplacedOursAfterACrashIsLeftAlone)
+TEST_F(FirewallKernelTest, ATableThatReplacedOursAfterACrashIsLeftAlone)
 {
     EXPECT_EQ(inChild([] { return control(request(dropAll)) == 0 ? raise(SIGKILL) : 1; }), 128 + SIGKILL);
     EXPECT_EQ(ruleset(), table("\t\tdrop\n"));
@@ -388,7 +388,7 @@ TEST_F(FirewallKernelTest, aTableThatReplacedOursAfterACrashIsLeftAlone)
     EXPECT_EQ(ruleset(), "table inet vpn.vpnoal {\n}\n");
 }
 
-TEST_F(FirewallKernelTest, loadingAndUnloadingLeavesNothing)
+TEST_F(FirewallKernelTest, LoadingAndUnloadingLeavesNothing)
 {
     const auto cycle = [] {
         void* const library = dlopen(WFOAL_BUILD_DIR "/lib/libVkNetConfigLib.so", RTLD_NOW | RTLD_LOCAL);
@@ -472,7 +472,7 @@ private:
 
 }  // namespace
 
-TEST_F(FirewallPacketTest, aDroppedPacketDoesNotComeInAndAnAllowedOneDoes)
+TEST_F(FirewallPacketTest, ADroppedPacketDoesNotComeInAndAnAllowedOneDoes)
 {
     const UniqueFd dropped = socketHere(4001);
     const UniqueFd allowed = socketHere(4002);
@@ -492,7 +492,7 @@ TEST_F(FirewallPacketTest, aDroppedPacketDoesNotComeInAndAnAllowedOneDoes)
     EXPECT_TRUE(arrives(dropped, longEnough)) << "after the removal";
 }
 
-TEST_F(FirewallPacketTest, aDroppedPacketDoesNotGoOut)
+TEST_F(FirewallPacketTest, ADroppedPacketDoesNotGoOut)
 {
     const UniqueFd receiver = socketThere(4001);
     const UniqueFd sender = socketHere(5000);
@@ -506,7 +506,7 @@ TEST_F(FirewallPacketTest, aDroppedPacketDoesNotGoOut)
     EXPECT_TRUE(arrives(receiver, longEnough));
 }
 
-TEST_F(FirewallPacketTest, theFirstRuleThatMatchesDecides)
+TEST_F(FirewallPacketTest, TheFirstRuleThatMatchesDecides)
 {
     const UniqueFd receiver = socketThere(4001);
     const UniqueFd sender = socketHere(5000);

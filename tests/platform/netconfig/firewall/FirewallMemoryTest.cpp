@@ -50,14 +50,14 @@ void expectRuleset(const std::string& expected, const std::string& log)
     EXPECT_EQ(ruleset(), expected) << log;
 }
 
-class FirewallMemory : public testing::Test {
+class FirewallMemoryTest : public testing::Test {
 protected:
     void SetUp() override { setenv("VKLOG_TARGET", "stderr", 1); }
 };
 
 }  // namespace
 
-TEST_F(FirewallMemory, TheFirstRequestOfAProcessIsAppliedWholeOrNotAtAll)
+TEST_F(FirewallMemoryTest, TheFirstRequestOfAProcessIsAppliedWholeOrNotAtAll)
 {
     EXPECT_GT(sweep(filter, [](const std::string& log) { expectRuleset("", log); }), 30);
     EXPECT_THAT(ruleset(), testing::HasSubstr("comment \"vknetconfig\""));
@@ -65,7 +65,7 @@ TEST_F(FirewallMemory, TheFirstRequestOfAProcessIsAppliedWholeOrNotAtAll)
     EXPECT_EQ(ruleset(), "");
 }
 
-TEST_F(FirewallMemory, AfterEachFailureTheNextRequestWorks)
+TEST_F(FirewallMemoryTest, AfterEachFailureTheNextRequestWorks)
 {
     const auto nextRequest = [](const std::string& log) {
         expectRuleset("", log);
@@ -75,7 +75,7 @@ TEST_F(FirewallMemory, AfterEachFailureTheNextRequestWorks)
     EXPECT_GT(sweep(filter, nextRequest), 30);
 }
 
-TEST_F(FirewallMemory, AReplacementThatFailsKeepsTheFilterThatIsInstalled)
+TEST_F(FirewallMemoryTest, AReplacementThatFailsKeepsTheFilterThatIsInstalled)
 {
     ASSERT_EQ(VkFirewallFullCtrl(otherFilter), 0);
     const std::string before = ruleset();
@@ -83,11 +83,11 @@ TEST_F(FirewallMemory, AReplacementThatFailsKeepsTheFilterThatIsInstalled)
     EXPECT_NE(ruleset(), before);
 }
 
-TEST_F(FirewallMemory, ARemovalThatFailsCanBeRepeated)
+TEST_F(FirewallMemoryTest, ARemovalThatFailsCanBeRepeated)
 {
     ASSERT_EQ(VkFirewallFullCtrl(filter), 0);
     const std::string before = ruleset();
-    // The table may be gone already when its entry in the journal cannot be erased.
+    // The table may be gone already when its entry in the undo log cannot be erased.
     const auto isWholeOrGone = [&before](const std::string& log) {
         EXPECT_THAT(ruleset(), testing::AnyOf(before, "")) << log;
     };

@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "KernelState.h"
-#include "firewall/NftTable.h"
 #include "NftText.h"
+#include "firewall/NftTable.h"
 
 using namespace vknetconfig;
 using testing::HasSubstr;
@@ -78,14 +78,14 @@ std::vector<FirewallRule> allRules()
     for (const auto& source : sources) {
         for (const auto& destination : destinations) {
             for (const RuleProtocol protocol :
-                 {RuleProtocol::any, RuleProtocol::icmp, RuleProtocol::tcp, RuleProtocol::udp}) {
+                 {RuleProtocol::Any, RuleProtocol::Icmp, RuleProtocol::Tcp, RuleProtocol::Udp}) {
                 for (const auto& [from, to] : ports) {
-                    if (protocol == RuleProtocol::icmp && from + to != 0) continue;
-                    for (const RuleDirection direction : {RuleDirection::any, RuleDirection::in, RuleDirection::out}) {
-                        const std::string name = direction == RuleDirection::any  ? ""
-                                                 : direction == RuleDirection::in ? "abcdefghijklmno"
+                    if (protocol == RuleProtocol::Icmp && from + to != 0) continue;
+                    for (const RuleDirection direction : {RuleDirection::Any, RuleDirection::In, RuleDirection::Out}) {
+                        const std::string name = direction == RuleDirection::Any  ? ""
+                                                 : direction == RuleDirection::In ? "abcdefghijklmno"
                                                                                   : "eth0.7";
-                        const RuleVerdict verdict = rules.size() % 2 == 0 ? RuleVerdict::accept : RuleVerdict::drop;
+                        const RuleVerdict verdict = rules.size() % 2 == 0 ? RuleVerdict::Accept : RuleVerdict::Drop;
                         rules.push_back({source, destination, protocol, direction, name, from, to, verdict});
                     }
                 }
@@ -129,7 +129,7 @@ TEST(FirewallMessagesTest, EveryPrefixLengthIsAsNftMakesIt)
 TEST(FirewallMessagesTest, LongestNamesFit)
 {
     FirewallRule rule;
-    rule.direction = RuleDirection::out;
+    rule.direction = RuleDirection::Out;
     rule.interfaceName = std::string(15, 'i');
     expectAsNftMakesIt({std::string(31, 'l'), std::string(31, 'c'), false, {rule}});
 }
@@ -174,9 +174,9 @@ TEST(FirewallMessagesTest, RemovalIsOfTheTableThatWasSeen)
     NetlinkSocket socket(NETLINK_NETFILTER, "nftables");
     ASSERT_FALSE(install(requestOf({})));
     const TableFound seen = findTable(socket, label);
-    EXPECT_EQ(seen.state, TableState::ours);
+    EXPECT_EQ(seen.state, TableState::Ours);
     testsupport::run("nft flush ruleset; nft add table inet vpn.vpnoal");
-    EXPECT_EQ(findTable(socket, label).state, TableState::foreign);
+    EXPECT_EQ(findTable(socket, label).state, TableState::Foreign);
     NftTransaction transaction(socket);
     addTableRemoval(transaction, seen.handle);
     const std::optional<NetlinkFailure> failure = transaction.commit();
@@ -188,7 +188,7 @@ TEST(FirewallMessagesTest, RemovalIsOfTheTableThatWasSeen)
 TEST(FirewallMessagesTest, ATableThatIsNotThereIsAbsent)
 {
     NetlinkSocket socket(NETLINK_NETFILTER, "nftables");
-    EXPECT_EQ(findTable(socket, label).state, TableState::absent);
+    EXPECT_EQ(findTable(socket, label).state, TableState::Absent);
 }
 
 TEST(FirewallMessagesTest, TheMarkIsFoundInUserDataOfTheKernel)

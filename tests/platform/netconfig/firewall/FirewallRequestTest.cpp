@@ -57,7 +57,7 @@ wfoal::Ipv4Network network(const char* address, std::uint8_t prefix)
 
 }  // namespace
 
-TEST(FirewallRequestTest, everyKeyOfARuleIsRead)
+TEST(FirewallRequestTest, EveryKeyOfARuleIsRead)
 {
     const FirewallRequest request = parseFirewallRequest(
         R"({"label":"vpn.vpnoal","chainNew":"NORVA","rules":[{"operation":"append","source":"10.0.0.0\/255.0.0.0",)"
@@ -66,34 +66,34 @@ TEST(FirewallRequestTest, everyKeyOfARuleIsRead)
     FirewallRule rule;
     rule.source = network("10.0.0.0", 8);
     rule.destination = network("192.168.1.9", 32);
-    rule.protocol = RuleProtocol::tcp;
-    rule.direction = RuleDirection::out;
+    rule.protocol = RuleProtocol::Tcp;
+    rule.direction = RuleDirection::Out;
     rule.interfaceName = "norvatun0";
     rule.sourcePort = 1;
     rule.destinationPort = 65535;
     EXPECT_EQ(request, (FirewallRequest{"vpn.vpnoal", "NORVA", false, {rule}}));
 }
 
-TEST(FirewallRequestTest, aRuleMayHaveOnlyAnAction)
+TEST(FirewallRequestTest, ARuleMayHaveOnlyAnAction)
 {
     FirewallRule rule;
-    rule.verdict = RuleVerdict::drop;
+    rule.verdict = RuleVerdict::Drop;
     const std::string json = withRules(R"({"operation":"append","jumpTo":"DROP"})");
     EXPECT_EQ(parseFirewallRequest(json.c_str()).rules, std::vector<FirewallRule>{rule});
 }
 
-TEST(FirewallRequestTest, noRulesAreFine)
+TEST(FirewallRequestTest, NoRulesAreFine)
 {
     EXPECT_EQ(parseFirewallRequest(withRules("").c_str()), (FirewallRequest{"vpn.vpnoal", "NORVA", false, {}}));
 }
 
-TEST(FirewallRequestTest, removalHasLabelAndChain)
+TEST(FirewallRequestTest, RemovalHasLabelAndChain)
 {
     EXPECT_EQ(parseFirewallRequest(R"({"label":"vpn.vpnoal","chainDelete":"NORVA"})"),
               (FirewallRequest{"vpn.vpnoal", "NORVA", true, {}}));
 }
 
-TEST(FirewallRequestTest, addressesMayHaveADottedMaskAPrefixOrNone)
+TEST(FirewallRequestTest, AddressesMayHaveADottedMaskAPrefixOrNone)
 {
     EXPECT_EQ(ruleOf(R"("source":"10.1.0.0/255.255.0.0")").source, network("10.1.0.0", 16));
     EXPECT_EQ(ruleOf(R"("source":"10.1.0.0/16")").source, network("10.1.0.0", 16));
@@ -103,14 +103,14 @@ TEST(FirewallRequestTest, addressesMayHaveADottedMaskAPrefixOrNone)
     EXPECT_EQ(ruleOf(R"("destination":"0.0.0.0/0")").destination, network("0.0.0.0", 0));
 }
 
-TEST(FirewallRequestTest, bitsOutsideTheMaskAreDropped)
+TEST(FirewallRequestTest, BitsOutsideTheMaskAreDropped)
 {
     EXPECT_EQ(ruleOf(R"("source":"10.1.2.3/255.0.0.0")").source, network("10.0.0.0", 8));
     EXPECT_EQ(ruleOf(R"("source":"10.8.0.7/24")").source, network("10.8.0.0", 24));
     EXPECT_EQ(ruleOf(R"("source":"10.1.2.3/0")").source, network("0.0.0.0", 0));
 }
 
-TEST(FirewallRequestTest, addressesThatAreNoneAreRefused)
+TEST(FirewallRequestTest, AddressesThatAreNoneAreRefused)
 {
     for (const char* text : {"", "10.0.0", "10.0.0.0.0", "10.0.0.256", "10.0.0.01", "10.0.0.1 ", "::1", "host", "/8",
                              "0x0100000a", "10.0.0.1\\nadd rule", "10.0.0.1-10.0.0.9"}) {
@@ -124,7 +124,7 @@ TEST(FirewallRequestTest, TheReasonQuotesTheAddress)
     EXPECT_EQ(errorOfRule(R"("destination":"host/8")"), R"(rules[0].destination: "host" is no IPv4 address)");
 }
 
-TEST(FirewallRequestTest, masksThatAreNoneAreRefused)
+TEST(FirewallRequestTest, MasksThatAreNoneAreRefused)
 {
     for (const char* text : {"", "33", "-1", "+8", "08", "8 ", "255", "255.0.0", "10.0.0.0/8"}) {
         const std::string error = errorOfRule(std::string(R"("source":"10.0.0.0/)") + text + "\"");
@@ -133,19 +133,19 @@ TEST(FirewallRequestTest, masksThatAreNoneAreRefused)
     }
 }
 
-TEST(FirewallRequestTest, aNetmaskWithHolesIsRefused)
+TEST(FirewallRequestTest, ANetmaskWithHolesIsRefused)
 {
     EXPECT_EQ(errorOfRule(R"("source":"10.0.0.0/255.0.255.0")"), R"(rules[0].source: netmask "255.0.255.0" has holes)");
     EXPECT_THAT(errorOfRule(R"("source":"10.0.0.0/0.0.0.255")"), HasSubstr("has holes"));
 }
 
-TEST(FirewallRequestTest, aPortWithIcmpIsRefused)
+TEST(FirewallRequestTest, APortWithIcmpIsRefused)
 {
     EXPECT_EQ(errorOfRule(R"("protocol":"ICMP","sourcePort":5)"), "rules[0].sourcePort: ICMP has no ports");
     EXPECT_EQ(errorOfRule(R"("destinationPort":5,"protocol":"ICMP")"), "rules[0].destinationPort: ICMP has no ports");
 }
 
-TEST(FirewallRequestTest, portsAreFrom1To65535)
+TEST(FirewallRequestTest, PortsAreFrom1To65535)
 {
     for (const char* port : {"0", "-1", "65536", "4294967297", "1e3", "5.0", "\"80\"", "null", "true"}) {
         EXPECT_EQ(errorOfRule(std::string(R"("sourcePort":)") + port),
@@ -154,14 +154,14 @@ TEST(FirewallRequestTest, portsAreFrom1To65535)
     }
 }
 
-TEST(FirewallRequestTest, aPortWithoutAProtocolIsFine)
+TEST(FirewallRequestTest, APortWithoutAProtocolIsFine)
 {
     const FirewallRule rule = ruleOf(R"("destinationPort":53)");
-    EXPECT_EQ(rule.protocol, RuleProtocol::any);
+    EXPECT_EQ(rule.protocol, RuleProtocol::Any);
     EXPECT_EQ(rule.destinationPort, 53);
 }
 
-TEST(FirewallRequestTest, wordsAreExact)
+TEST(FirewallRequestTest, WordsAreExact)
 {
     EXPECT_EQ(errorOfRule(R"("protocol":"tcp")"), R"(rules[0].protocol: "tcp" is not one of "ICMP", "TCP", "UDP")");
     EXPECT_THAT(errorOfRule(R"("protocol":6)"), StartsWith("rules[0].protocol: "));
@@ -173,19 +173,19 @@ TEST(FirewallRequestTest, wordsAreExact)
                 StartsWith("rules[0].jumpTo: "));
 }
 
-TEST(FirewallRequestTest, operationAndActionAreRequired)
+TEST(FirewallRequestTest, OperationAndActionAreRequired)
 {
     EXPECT_EQ(errorOf(withRules(R"({"jumpTo":"DROP"})").c_str()), "rules[0].operation: missing");
     EXPECT_EQ(errorOf(withRules(R"({"operation":"append"})").c_str()), "rules[0].jumpTo: missing");
 }
 
-TEST(FirewallRequestTest, interfaceNameAndDirectionGoTogether)
+TEST(FirewallRequestTest, InterfaceNameAndDirectionGoTogether)
 {
     EXPECT_THAT(errorOfRule(R"("interfaceName":"eth0")"), StartsWith("rules[0].interfaceDirection: missing"));
     EXPECT_THAT(errorOfRule(R"("interfaceDirection":"in")"), StartsWith("rules[0].interfaceName: missing"));
 }
 
-TEST(FirewallRequestTest, anInterfaceNameOf15CharactersIsTheLongest)
+TEST(FirewallRequestTest, AnInterfaceNameOf15CharactersIsTheLongest)
 {
     EXPECT_EQ(ruleOf(R"("interfaceName":"abcdefghijklmno","interfaceDirection":"in")").interfaceName,
               "abcdefghijklmno");
@@ -193,7 +193,7 @@ TEST(FirewallRequestTest, anInterfaceNameOf15CharactersIsTheLongest)
               "rules[0].interfaceName: \"abcdefghijklmnop\" is longer than the 15 characters of an interface name");
 }
 
-TEST(FirewallRequestTest, oddCharactersInInterfaceNamesAreRefused)
+TEST(FirewallRequestTest, OddCharactersInInterfaceNamesAreRefused)
 {
     for (const char* name :
          {"", "eth*", "e\\\"h0", "eth 0", "eth/0", "eth0;", "eth\\n", "eth\\u0000", "\xc3\xa4", "..", "."}) {
@@ -203,7 +203,7 @@ TEST(FirewallRequestTest, oddCharactersInInterfaceNamesAreRefused)
     }
 }
 
-TEST(FirewallRequestTest, theErrorNamesTheRule)
+TEST(FirewallRequestTest, TheErrorNamesTheRule)
 {
     const std::string good = R"({"operation":"append","jumpTo":"DROP"})";
     const std::string bad = R"({"operation":"append","jumpTo":"DROP","sourcePort":-1})";
@@ -211,7 +211,7 @@ TEST(FirewallRequestTest, theErrorNamesTheRule)
                 StartsWith("rules[3].sourcePort: "));
 }
 
-TEST(FirewallRequestTest, labelsAreNamesOfNft)
+TEST(FirewallRequestTest, LabelsAreNamesOfNft)
 {
     for (const char* label : {"vpn.vpnoal", "A", "a_b-c.d/e9", "abcdefghijklmnopqrstuvwxyz01234"}) {
         EXPECT_EQ(errorOfLabel(label), "no error") << label;
@@ -222,13 +222,13 @@ TEST(FirewallRequestTest, labelsAreNamesOfNft)
     }
 }
 
-TEST(FirewallRequestTest, chainsHaveNamesOfNftToo)
+TEST(FirewallRequestTest, ChainsHaveNamesOfNftToo)
 {
     EXPECT_THAT(errorOf(R"({"label":"a","chainDelete":"NOR VA"})"), StartsWith("chainDelete: "));
     EXPECT_THAT(errorOf(R"({"label":"a","chainNew":"_input","rules":[]})"), StartsWith("chainNew: "));
 }
 
-TEST(FirewallRequestTest, exactlyOneOfSetUpAndRemoval)
+TEST(FirewallRequestTest, ExactlyOneOfSetUpAndRemoval)
 {
     EXPECT_THAT(errorOf(R"({"label":"a","chainNew":"B","chainDelete":"B","rules":[]})"), StartsWith("chainDelete: "));
     EXPECT_THAT(errorOf(R"({"label":"a"})"), StartsWith("chainNew: missing"));
@@ -237,14 +237,14 @@ TEST(FirewallRequestTest, exactlyOneOfSetUpAndRemoval)
     EXPECT_EQ(errorOf(R"({"chainDelete":"B"})"), "label: missing");
 }
 
-TEST(FirewallRequestTest, unknownAndRepeatedKeysAreRefused)
+TEST(FirewallRequestTest, UnknownAndRepeatedKeysAreRefused)
 {
     EXPECT_EQ(errorOf(R"({"label":"a","chainDelete":"B","colour":1})"), "colour: unknown key");
     EXPECT_EQ(errorOfRule(R"("state":"new")"), "rules[0].state: unknown key");
     EXPECT_EQ(errorOfRule(R"("sourcePort":1,"sourcePort":2)"), "rules[0].sourcePort: given twice");
 }
 
-TEST(FirewallRequestTest, wrongTypesAreRefused)
+TEST(FirewallRequestTest, WrongTypesAreRefused)
 {
     EXPECT_THAT(errorOf(R"({"label":1,"chainDelete":"B"})"), StartsWith("label: "));
     EXPECT_THAT(errorOf(R"({"label":"a","chainNew":"B","rules":{}})"), StartsWith("rules: "));
@@ -254,7 +254,7 @@ TEST(FirewallRequestTest, wrongTypesAreRefused)
     EXPECT_NE(errorOf("null"), "no error");
 }
 
-TEST(FirewallRequestTest, whatIsNoJsonIsRefused)
+TEST(FirewallRequestTest, WhatIsNoJsonIsRefused)
 {
     EXPECT_NE(errorOf(nullptr), "no error");
     EXPECT_NE(errorOf(""), "no error");
@@ -262,7 +262,7 @@ TEST(FirewallRequestTest, whatIsNoJsonIsRefused)
     EXPECT_NE(errorOf(R"({"label":"a","chainDelete":"B"} x)"), "no error");
 }
 
-TEST(FirewallRequestTest, aMegabyteOfTextIsRefusedInOneShortLine)
+TEST(FirewallRequestTest, AMegabyteOfTextIsRefusedInOneShortLine)
 {
     const std::string megabyte(1 << 20, 'a');
     for (const std::string& json :

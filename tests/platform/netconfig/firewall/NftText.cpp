@@ -21,8 +21,8 @@ void appendNumber(std::string& text, unsigned number)
 
 void appendInterface(std::string& text, const FirewallRule& rule)
 {
-    if (rule.direction == RuleDirection::any) return;
-    text += rule.direction == RuleDirection::in ? "iifname \"" : "oifname \"";
+    if (rule.direction == RuleDirection::Any) return;
+    text += rule.direction == RuleDirection::In ? "iifname \"" : "oifname \"";
     text += rule.interfaceName;
     text += "\" ";
 }
@@ -55,7 +55,7 @@ void appendPort(std::string& text, std::string_view protocol, std::string_view f
 // `protocol` is TCP or UDP.
 void appendPorts(std::string& text, RuleProtocol protocol, const FirewallRule& rule)
 {
-    const std::string_view name = protocol == RuleProtocol::tcp ? "tcp" : "udp";
+    const std::string_view name = protocol == RuleProtocol::Tcp ? "tcp" : "udp";
     appendPort(text, name, " sport ", rule.sourcePort);
     appendPort(text, name, " dport ", rule.destinationPort);
 }
@@ -63,10 +63,10 @@ void appendPorts(std::string& text, RuleProtocol protocol, const FirewallRule& r
 // Numbers, not names: nft would look each name up in /etc/protocols.
 void appendProtocol(std::string& text, RuleProtocol protocol)
 {
-    if (protocol == RuleProtocol::any) return;
+    if (protocol == RuleProtocol::Any) return;
     text += "meta l4proto ";
-    appendNumber(text, protocol == RuleProtocol::icmp  ? IPPROTO_ICMP
-                       : protocol == RuleProtocol::tcp ? IPPROTO_TCP
+    appendNumber(text, protocol == RuleProtocol::Icmp  ? IPPROTO_ICMP
+                       : protocol == RuleProtocol::Tcp ? IPPROTO_TCP
                                                        : IPPROTO_UDP);
     text += ' ';
 }
@@ -82,15 +82,15 @@ void appendLine(std::string& text, const FirewallRule& rule, RuleProtocol protoc
     } else {
         appendProtocol(text, protocol);
     }
-    text += rule.verdict == RuleVerdict::accept ? "accept\n" : "drop\n";
+    text += rule.verdict == RuleVerdict::Accept ? "accept\n" : "drop\n";
 }
 
 void appendRule(std::string& text, const FirewallRule& rule)
 {
     const bool hasPort = rule.sourcePort != 0 || rule.destinationPort != 0;
-    if (hasPort && rule.protocol == RuleProtocol::any) {
-        appendLine(text, rule, RuleProtocol::tcp);
-        appendLine(text, rule, RuleProtocol::udp);
+    if (hasPort && rule.protocol == RuleProtocol::Any) {
+        appendLine(text, rule, RuleProtocol::Tcp);
+        appendLine(text, rule, RuleProtocol::Udp);
     } else {
         appendLine(text, rule, rule.protocol);
     }

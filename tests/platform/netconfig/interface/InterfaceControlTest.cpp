@@ -16,7 +16,7 @@ using testing::IsEmpty;
 
 namespace {
 
-class InterfaceControl : public testing::Test {
+class InterfaceControlTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -52,7 +52,7 @@ constexpr char twoRoutes[] =
 
 }  // namespace
 
-TEST_F(InterfaceControl, RoutesAreAppliedWithTheirMarkAndTakenBack)
+TEST_F(InterfaceControlTest, RoutesAreAppliedWithTheirMarkAndTakenBack)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     EXPECT_THAT(routesOf("vpn0"), ElementsAre("172.16.5.4 via - metric 0 proto 119",
@@ -61,14 +61,14 @@ TEST_F(InterfaceControl, RoutesAreAppliedWithTheirMarkAndTakenBack)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, NothingInForceIsNoFailureToTakeBack)
+TEST_F(InterfaceControlTest, NothingInForceIsNoFailureToTakeBack)
 {
     EXPECT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     EXPECT_EQ(CmDelInterfaceCfg("nowhere0"), 0);
     EXPECT_FALSE(std::filesystem::exists("/run/vknetconfig"));
 }
 
-TEST_F(InterfaceControl, AllTrafficTakesTwoHalvesAndLeavesTheDefaultRoute)
+TEST_F(InterfaceControlTest, AllTrafficTakesTwoHalvesAndLeavesTheDefaultRoute)
 {
     run("ip route add default via 10.8.0.254 dev vpn0 metric 100");
     mBefore = networkSnapshot();
@@ -81,7 +81,7 @@ TEST_F(InterfaceControl, AllTrafficTakesTwoHalvesAndLeavesTheDefaultRoute)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, ALinkThatIsDownIsBroughtUpAndTakenDownAgain)
+TEST_F(InterfaceControlTest, ALinkThatIsDownIsBroughtUpAndTakenDownAgain)
 {
     run("ip link del vpn0");
     makeInterface("vpn0", "");
@@ -94,7 +94,7 @@ TEST_F(InterfaceControl, ALinkThatIsDownIsBroughtUpAndTakenDownAgain)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AnAddressTheDeviceHasIsNotOurs)
+TEST_F(InterfaceControlTest, AnAddressTheDeviceHasIsNotOurs)
 {
     run("ip address add 10.9.0.2/24 dev vpn0");
     mBefore = networkSnapshot();
@@ -103,7 +103,7 @@ TEST_F(InterfaceControl, AnAddressTheDeviceHasIsNotOurs)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AnEqualRouteOfAnotherIsOvertakenAndComesBack)
+TEST_F(InterfaceControlTest, AnEqualRouteOfAnotherIsOvertakenAndComesBack)
 {
     run("ip route add 192.168.0.0/16 via 10.8.0.77 dev vpn0");
     makeInterface("vpn1", "10.7.0.1/24");
@@ -119,7 +119,7 @@ TEST_F(InterfaceControl, AnEqualRouteOfAnotherIsOvertakenAndComesBack)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, ARouteGivenTwiceIsOneRoute)
+TEST_F(InterfaceControlTest, ARouteGivenTwiceIsOneRoute)
 {
     const std::string route = R"({"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1","metric":5})";
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[)" + route + "," + route + "]}}"), 0);
@@ -128,7 +128,7 @@ TEST_F(InterfaceControl, ARouteGivenTwiceIsOneRoute)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, FiftyThousandRoutes)
+TEST_F(InterfaceControlTest, FiftyThousandRoutes)
 {
     ASSERT_EQ(add(requestWithRoutes(50000)), 0);
     EXPECT_EQ(routesOf("vpn0").size(), 50000U);
@@ -136,7 +136,7 @@ TEST_F(InterfaceControl, FiftyThousandRoutes)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, ARouteViaAnUnreachableGatewayIsRefusedNamingItAndNothingIsChanged)
+TEST_F(InterfaceControlTest, ARouteViaAnUnreachableGatewayIsRefusedNamingItAndNothingIsChanged)
 {
     EXPECT_EQ(refusalOf(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[
         {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1"},
@@ -146,7 +146,7 @@ TEST_F(InterfaceControl, ARouteViaAnUnreachableGatewayIsRefusedNamingItAndNothin
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, TenThousandRoutesViaAnUnreachableGatewayAreOneErrorLine)
+TEST_F(InterfaceControlTest, TenThousandRoutesViaAnUnreachableGatewayAreOneErrorLine)
 {
     run("ip address add 10.77.0.2/24 dev vpn0 && ip address del 10.8.0.2/24 dev vpn0");
     mBefore = networkSnapshot();
@@ -156,14 +156,14 @@ TEST_F(InterfaceControl, TenThousandRoutesViaAnUnreachableGatewayAreOneErrorLine
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AnInterfaceThatIsNotThereIsRefused)
+TEST_F(InterfaceControlTest, AnInterfaceThatIsNotThereIsRefused)
 {
     EXPECT_EQ(refusalOf(R"({"ifName":"vpn7"})"),
               "vknetconfig[3]: CmAddInterfaceCfg2: ifName: there is no interface vpn7\n");
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, ARequestThatCannotBeReadTouchesNothing)
+TEST_F(InterfaceControlTest, ARequestThatCannotBeReadTouchesNothing)
 {
     EXPECT_EQ(refusalOf(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[{"ip":"10.0.0.1","netmask":null}]}})"),
               "vknetconfig[3]: CmAddInterfaceCfg2: ipv4.additionalIfRoutes[0].netmask: must be a text\n");
@@ -177,7 +177,7 @@ TEST_F(InterfaceControl, ARequestThatCannotBeReadTouchesNothing)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AnotherRequestReplacesTheConfigurationInForce)
+TEST_F(InterfaceControlTest, AnotherRequestReplacesTheConfigurationInForce)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[
@@ -190,7 +190,7 @@ TEST_F(InterfaceControl, AnotherRequestReplacesTheConfigurationInForce)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AFailedReplacementLeavesTheConfigurationInForce)
+TEST_F(InterfaceControlTest, AFailedReplacementLeavesTheConfigurationInForce)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     const std::string inForce = networkSnapshot();
@@ -202,7 +202,7 @@ TEST_F(InterfaceControl, AFailedReplacementLeavesTheConfigurationInForce)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, AGatewayThatOnlyTheReplacedRoutesReachIsRefused)
+TEST_F(InterfaceControlTest, AGatewayThatOnlyTheReplacedRoutesReachIsRefused)
 {
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"gateway":"0x00000000"}})"), 0);
     const std::string inForce = networkSnapshot();
@@ -212,7 +212,7 @@ TEST_F(InterfaceControl, AGatewayThatOnlyTheReplacedRoutesReachIsRefused)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, ReplacingAnAddressKeepsTheRoutesAndAFailureBringsAllBack)
+TEST_F(InterfaceControlTest, ReplacingAnAddressKeepsTheRoutesAndAFailureBringsAllBack)
 {
     run("ip address del 10.8.0.2/24 dev vpn0");
     mBefore = networkSnapshot();
@@ -230,7 +230,7 @@ TEST_F(InterfaceControl, ReplacingAnAddressKeepsTheRoutesAndAFailureBringsAllBac
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, RoutesLostWithTheLinkComeBackWithTheSameRequest)
+TEST_F(InterfaceControlTest, RoutesLostWithTheLinkComeBackWithTheSameRequest)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     run("ip link set vpn0 down && ip link set vpn0 up");
@@ -241,7 +241,7 @@ TEST_F(InterfaceControl, RoutesLostWithTheLinkComeBackWithTheSameRequest)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, OnlyWhatIsStillOursIsTakenBack)
+TEST_F(InterfaceControlTest, OnlyWhatIsStillOursIsTakenBack)
 {
     run("ip address del 10.8.0.2/24 dev vpn0");
     ASSERT_EQ(add(twoRoutes), 0);
@@ -254,7 +254,7 @@ TEST_F(InterfaceControl, OnlyWhatIsStillOursIsTakenBack)
     EXPECT_EQ(networkSnapshot(), changed);
 }
 
-TEST_F(InterfaceControl, AnInterfaceOfTheSameNameMadeAnewIsNotTouched)
+TEST_F(InterfaceControlTest, AnInterfaceOfTheSameNameMadeAnewIsNotTouched)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     run("ip link del vpn0");
@@ -265,7 +265,7 @@ TEST_F(InterfaceControl, AnInterfaceOfTheSameNameMadeAnewIsNotTouched)
     EXPECT_EQ(networkSnapshot(), changed);
 }
 
-TEST_F(InterfaceControl, AnInterfaceMadeAnewIsConfiguredFromScratch)
+TEST_F(InterfaceControlTest, AnInterfaceMadeAnewIsConfiguredFromScratch)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     run("ip link del vpn0");
@@ -277,7 +277,7 @@ TEST_F(InterfaceControl, AnInterfaceMadeAnewIsConfiguredFromScratch)
     expectAllGone();
 }
 
-TEST_F(InterfaceControl, TwoInterfacesHaveConfigurationsOfTheirOwn)
+TEST_F(InterfaceControlTest, TwoInterfacesHaveConfigurationsOfTheirOwn)
 {
     makeInterface("vpn1", "10.7.0.1/24");
     mBefore = networkSnapshot();

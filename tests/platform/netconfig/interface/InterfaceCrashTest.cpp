@@ -20,7 +20,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class InterfaceCrash : public testing::Test {
+class InterfaceCrashTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -44,7 +44,7 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
+TEST_F(InterfaceCrashTest, KilledAtAnyStepTheNextProcessBringsEverythingBack)
 {
     NEEDS_STRACE();
     const std::string steps = "add /tmp/first.json add /tmp/second.json delete vpn0";
@@ -67,7 +67,7 @@ TEST_F(InterfaceCrash, KilledAtAnyStepTheNextProcessBringsEverythingBack)
     EXPECT_GT(changed, 20) << "the kills came too early or too late to prove anything";
 }
 
-TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
+TEST_F(InterfaceCrashTest, KilledWhileCleaningUpTheNextProcessGoesOn)
 {
     NEEDS_STRACE();
     run(driver("add /tmp/first.json"));
@@ -86,7 +86,7 @@ TEST_F(InterfaceCrash, KilledWhileCleaningUpTheNextProcessGoesOn)
     expectAllGone();
 }
 
-TEST_F(InterfaceCrash, AnEndedProcessLeavesItsConfigurationUntilTheNextRequest)
+TEST_F(InterfaceCrashTest, AnEndedProcessLeavesItsConfigurationUntilTheNextRequest)
 {
     run(driver("add /tmp/second.json"));
     EXPECT_THAT(routesOf("vpn0"),
@@ -98,7 +98,7 @@ TEST_F(InterfaceCrash, AnEndedProcessLeavesItsConfigurationUntilTheNextRequest)
     expectAllGone();
 }
 
-TEST_F(InterfaceCrash, ARequestThatCannotBeReadDoesNotCleanUp)
+TEST_F(InterfaceCrashTest, ARequestThatCannotBeReadDoesNotCleanUp)
 {
     run(driver("add /tmp/second.json"));
     std::ofstream("/tmp/bad.json") << "{}";
@@ -108,7 +108,7 @@ TEST_F(InterfaceCrash, ARequestThatCannotBeReadDoesNotCleanUp)
     expectAllGone();
 }
 
-TEST_F(InterfaceCrash, ANewConfigurationStartsFromTheStateBeforeTheDeadProcess)
+TEST_F(InterfaceCrashTest, ANewConfigurationStartsFromTheStateBeforeTheDeadProcess)
 {
     run(driver("add /tmp/first.json"));
     run(driver("add /tmp/second.json"));
@@ -118,7 +118,7 @@ TEST_F(InterfaceCrash, ANewConfigurationStartsFromTheStateBeforeTheDeadProcess)
     expectAllGone();
 }
 
-TEST_F(InterfaceCrash, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
+TEST_F(InterfaceCrashTest, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
 {
     run(driver("add /tmp/second.json"));
     run("ip link del vpn0");
@@ -129,7 +129,7 @@ TEST_F(InterfaceCrash, AnInterfaceMadeAnewAfterTheCrashIsNotTouched)
     EXPECT_EQ(networkSnapshot(), changed);
 }
 
-TEST_F(InterfaceCrash, WhatALivingProcessHoldsIsRefusedNamingItUntilItIsDead)
+TEST_F(InterfaceCrashTest, WhatALivingProcessHoldsIsRefusedNamingItUntilItIsDead)
 {
     PipePtr holder(popen(("exec " + driver("add /tmp/second.json hold 2>/dev/null")).c_str(), "re"));
     ASSERT_TRUE(holder);

@@ -22,7 +22,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class InterfaceDnsCrash : public testing::Test {
+class InterfaceDnsCrashTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -61,7 +61,7 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceDnsCrash, KilledAtAnyStepTheNextProcessBringsTheServersBack)
+TEST_F(InterfaceDnsCrashTest, KilledAtAnyStepTheNextProcessBringsTheServersBack)
 {
     NEEDS_STRACE();
     const std::string steps = "add /tmp/dns.json delete vpn0";
@@ -80,7 +80,7 @@ TEST_F(InterfaceDnsCrash, KilledAtAnyStepTheNextProcessBringsTheServersBack)
     EXPECT_GT(changed, 5) << "the kills came too early or too late to prove anything";
 }
 
-TEST_F(InterfaceDnsCrash, WhatIsRemovedWhileResolvedIsDownStaysInTheJournalUntilItIsTold)
+TEST_F(InterfaceDnsCrashTest, WhatIsRemovedWhileResolvedIsDownStaysInTheJournalUntilItIsTold)
 {
     run(driver("add /tmp/dns.json delete vpn0"));
     const std::string before = state();
@@ -98,7 +98,7 @@ TEST_F(InterfaceDnsCrash, WhatIsRemovedWhileResolvedIsDownStaysInTheJournalUntil
     EXPECT_EQ(state(), before);
 }
 
-TEST_F(InterfaceDnsCrash, ARequestWithoutDnsWhileResolvedIsDownKeepsWhatIsPending)
+TEST_F(InterfaceDnsCrashTest, ARequestWithoutDnsWhileResolvedIsDownKeepsWhatIsPending)
 {
     std::ofstream("/tmp/routes.json") << requestWithRoutes(2);
     run(driver("add /tmp/dns.json"));
@@ -112,7 +112,7 @@ TEST_F(InterfaceDnsCrash, ARequestWithoutDnsWhileResolvedIsDownKeepsWhatIsPendin
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(InterfaceDnsCrash, WhatAnotherProcessRemovedIsNotSetAgain)
+TEST_F(InterfaceDnsCrashTest, WhatAnotherProcessRemovedIsNotSetAgain)
 {
     const PipePtr holder(popen(("exec " + driver("add /tmp/dns.json hold 2>/tmp/log")).c_str(), "re"));
     ASSERT_TRUE(holder);

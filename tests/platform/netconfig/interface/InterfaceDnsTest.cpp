@@ -19,7 +19,7 @@ namespace {
 
 constexpr char folder[] = "/tmp/tools";
 
-class InterfaceDns : public testing::Test {
+class InterfaceDnsTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -70,7 +70,7 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceDns, ServersAndDomainsAreSetWithTheRoutesAndTakenBack)
+TEST_F(InterfaceDnsTest, ServersAndDomainsAreSetWithTheRoutesAndTakenBack)
 {
     ASSERT_EQ(add("one.example"), 0);
     EXPECT_THAT(dns(), HasSubstr("10.8.0.1"));
@@ -80,7 +80,7 @@ TEST_F(InterfaceDns, ServersAndDomainsAreSetWithTheRoutesAndTakenBack)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, AResolverThatRefusesLeavesNothing)
+TEST_F(InterfaceDnsTest, AResolverThatRefusesLeavesNothing)
 {
     testing::internal::CaptureStderr();
     EXPECT_NE(add("refused.example"), 0);
@@ -88,7 +88,7 @@ TEST_F(InterfaceDns, AResolverThatRefusesLeavesNothing)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, WithoutAResolverTheRequestIsRefusedAndNothingIsChanged)
+TEST_F(InterfaceDnsTest, WithoutAResolverTheRequestIsRefusedAndNothingIsChanged)
 {
     std::filesystem::remove_all(folder);
     testing::internal::CaptureStderr();
@@ -97,7 +97,7 @@ TEST_F(InterfaceDns, WithoutAResolverTheRequestIsRefusedAndNothingIsChanged)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, ARequestWithoutDnsNeedsNoResolver)
+TEST_F(InterfaceDnsTest, ARequestWithoutDnsNeedsNoResolver)
 {
     std::filesystem::remove_all(folder);
     ASSERT_EQ(CmAddInterfaceCfg2(requestWithRoutes(2, R"("dns":[],)").c_str()), 0);
@@ -105,7 +105,7 @@ TEST_F(InterfaceDns, ARequestWithoutDnsNeedsNoResolver)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, AReplacementReplacesTheSettings)
+TEST_F(InterfaceDnsTest, AReplacementReplacesTheSettings)
 {
     ASSERT_EQ(add("one.example"), 0);
     ASSERT_EQ(add("two.example"), 0);
@@ -117,7 +117,7 @@ TEST_F(InterfaceDns, AReplacementReplacesTheSettings)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, AFailedReplacementLeavesTheSettingsInForce)
+TEST_F(InterfaceDnsTest, AFailedReplacementLeavesTheSettingsInForce)
 {
     ASSERT_EQ(add("one.example"), 0);
     const std::string inForce = state();
@@ -129,7 +129,7 @@ TEST_F(InterfaceDns, AFailedReplacementLeavesTheSettingsInForce)
     expectAllGone();
 }
 
-TEST_F(InterfaceDns, WhatADeadProcessSetIsTakenBackAlsoWhenTheInterfaceIsGone)
+TEST_F(InterfaceDnsTest, WhatADeadProcessSetIsTakenBackAlsoWhenTheInterfaceIsGone)
 {
     std::ofstream("/tmp/request.json")
         << R"({"ifName":"vpn0","domainsOnIfDns":["one.example"],"ipv4":{"dns":["0x0100080a"]}})";

@@ -28,7 +28,7 @@ namespace {
 
 constexpr char folder[] = "/run/vknetconfig";
 
-class InterfaceFault : public testing::Test {
+class InterfaceFaultTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -58,7 +58,7 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceFault, AFullDiskUnderTheJournalIsReported)
+TEST_F(InterfaceFaultTest, AFullDiskUnderTheJournalIsReported)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
@@ -68,7 +68,7 @@ TEST_F(InterfaceFault, AFullDiskUnderTheJournalIsReported)
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(InterfaceFault, ADiskThatIsFullAtAReplacementKeepsTheConfigurationInForce)
+TEST_F(InterfaceFaultTest, ADiskThatIsFullAtAReplacementKeepsTheConfigurationInForce)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
@@ -80,7 +80,7 @@ TEST_F(InterfaceFault, ADiskThatIsFullAtAReplacementKeepsTheConfigurationInForce
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
 
-TEST_F(InterfaceFault, AJournalFolderThatCannotBeWrittenIsReported)
+TEST_F(InterfaceFaultTest, AJournalFolderThatCannotBeWrittenIsReported)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("fixed", folder, "tmpfs", MS_RDONLY, nullptr), 0);
@@ -90,7 +90,7 @@ TEST_F(InterfaceFault, AJournalFolderThatCannotBeWrittenIsReported)
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
 
-TEST_F(InterfaceFault, AJournaldThatDoesNotReadHoldsNoRequestUp)
+TEST_F(InterfaceFaultTest, AJournaldThatDoesNotReadHoldsNoRequestUp)
 {
     std::filesystem::create_directories("/run/systemd/journal");
     const UniqueFd journald(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -103,7 +103,7 @@ TEST_F(InterfaceFault, AJournaldThatDoesNotReadHoldsNoRequestUp)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST_F(InterfaceFault, WithoutTheRightToChangeTheNetworkItIsReported)
+TEST_F(InterfaceFaultTest, WithoutTheRightToChangeTheNetworkItIsReported)
 {
     const std::string refusal = outputOf("setpriv --bounding-set=-net_admin " + driver("add /tmp/request.json"));
     EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: netlink: "));
@@ -113,7 +113,7 @@ TEST_F(InterfaceFault, WithoutTheRightToChangeTheNetworkItIsReported)
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(InterfaceFault, AnOrdinaryUserIsRefused)
+TEST_F(InterfaceFaultTest, AnOrdinaryUserIsRefused)
 {
     if (isInUserNamespace()) GTEST_SKIP() << "a user namespace of one user has no other";
     const std::string refusal =
@@ -122,7 +122,7 @@ TEST_F(InterfaceFault, AnOrdinaryUserIsRefused)
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
 
-TEST_F(InterfaceFault, WithoutASocketItIsReported)
+TEST_F(InterfaceFaultTest, WithoutASocketItIsReported)
 {
     NEEDS_STRACE();
     const std::string refusal = withFault("socket", "error=EMFILE", "add /tmp/request.json");
@@ -131,7 +131,7 @@ TEST_F(InterfaceFault, WithoutASocketItIsReported)
     EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
-TEST_F(InterfaceFault, AnySystemCallThatFailsLeavesAllOrNothing)
+TEST_F(InterfaceFaultTest, AnySystemCallThatFailsLeavesAllOrNothing)
 {
     NEEDS_STRACE();
     const std::vector<std::pair<const char*, const char*>> faults = {
@@ -160,7 +160,7 @@ TEST_F(InterfaceFault, AnySystemCallThatFailsLeavesAllOrNothing)
     }
 }
 
-TEST_F(InterfaceFault, AnInterfaceThatIsDeletedInTheMiddleIsReported)
+TEST_F(InterfaceFaultTest, AnInterfaceThatIsDeletedInTheMiddleIsReported)
 {
     NEEDS_STRACE();
     int reported = 0;
@@ -180,7 +180,7 @@ TEST_F(InterfaceFault, AnInterfaceThatIsDeletedInTheMiddleIsReported)
     EXPECT_GE(reported, 5);
 }
 
-TEST_F(InterfaceFault, AnyAllocationThatFailsLeavesAllOrNothing)
+TEST_F(InterfaceFaultTest, AnyAllocationThatFailsLeavesAllOrNothing)
 {
     const std::string json = requestWithRoutes(5, address);
     int result = -1;

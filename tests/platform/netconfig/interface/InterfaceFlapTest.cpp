@@ -86,12 +86,12 @@ void expectNoneRefused(const char* flapping)
 
 }  // namespace
 
-TEST(InterfaceFlap, RequestsAreNotRefusedWhileAddressesOfAnotherInterfaceChange)
+TEST(InterfaceFlapTest, RequestsAreNotRefusedWhileAddressesOfAnotherInterfaceChange)
 {
     expectNoneRefused("other0");
 }
 
-TEST(InterfaceFlap, RequestsAreNotRefusedWhileAddressesOfTheSameInterfaceChange)
+TEST(InterfaceFlapTest, RequestsAreNotRefusedWhileAddressesOfTheSameInterfaceChange)
 {
     expectNoneRefused("vpn0");
 }

@@ -44,7 +44,7 @@ std::vector<std::string> shown(const InterfaceRequest& request)
 
 }  // namespace
 
-TEST(InterfaceRequest, ReadsTheWholeRequest)
+TEST(InterfaceRequestTest, ReadsTheWholeRequest)
 {
     const InterfaceRequest request = parseInterfaceRequest(R"({
         "ipv4":{"dns":["0x0100080a"],"additionalIfRoutes":[
@@ -63,13 +63,13 @@ TEST(InterfaceRequest, ReadsTheWholeRequest)
     EXPECT_FALSE(request.dns.allTraffic);
 }
 
-TEST(InterfaceRequest, OnlyTheNameIsRequired)
+TEST(InterfaceRequestTest, OnlyTheNameIsRequired)
 {
     EXPECT_TRUE(parseInterfaceRequest(R"({"ifName":"abcdefghijklmno"})").dns.empty());
     EXPECT_TRUE(parseInterfaceRequest(R"({"ifName":"tun0","ipv4":{"dns":[],"additionalIfRoutes":[]}})").dns.empty());
 }
 
-TEST(InterfaceRequest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
+TEST(InterfaceRequestTest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
 {
     for (const char* gateway : {R"(,"gateway":null)", R"(,"gateway":"")", R"(,"gateway":"0.0.0.0")", ""}) {
         const std::string json =
@@ -79,7 +79,7 @@ TEST(InterfaceRequest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
     }
 }
 
-TEST(InterfaceRequest, AGatewayOfTheInterfaceBecomesTwoHalves)
+TEST(InterfaceRequestTest, AGatewayOfTheInterfaceBecomesTwoHalves)
 {
     const InterfaceRequest request = parseInterfaceRequest(R"({"ifName":"tun0","ipv4":{"gateway":"0x0100080a"}})");
     EXPECT_THAT(shown(request), ElementsAre("0.0.0.0/1 10.8.0.1 0", "128.0.0.0/1 10.8.0.1 0"));
@@ -87,7 +87,7 @@ TEST(InterfaceRequest, AGatewayOfTheInterfaceBecomesTwoHalves)
     EXPECT_EQ(request.routeKey(1), "ipv4.gateway");
 }
 
-TEST(InterfaceRequest, ADefaultRouteBecomesTwoHalvesAndOutdoesTheGateway)
+TEST(InterfaceRequestTest, ADefaultRouteBecomesTwoHalvesAndOutdoesTheGateway)
 {
     const InterfaceRequest request = parseInterfaceRequest(
         R"({"ifName":"tun0","ipv4":{"gateway":"0x0100080a","additionalIfRoutes":[
@@ -96,14 +96,14 @@ TEST(InterfaceRequest, ADefaultRouteBecomesTwoHalvesAndOutdoesTheGateway)
     EXPECT_EQ(request.routeKey(2), "ipv4.additionalIfRoutes[1]");
 }
 
-TEST(InterfaceRequest, TheInterfacesOwnAddressAsGatewayIsTheDeviceItself)
+TEST(InterfaceRequestTest, TheInterfacesOwnAddressAsGatewayIsTheDeviceItself)
 {
     const InterfaceRequest request = parseInterfaceRequest(
         R"({"ifName":"tun0","ipv4":{"ip":"0x0200080a","netmask":"0xffffffff","gateway":"0x0200080a"}})");
     EXPECT_THAT(shown(request), ElementsAre("0.0.0.0/1 0.0.0.0 0", "128.0.0.0/1 0.0.0.0 0"));
 }
 
-TEST(InterfaceRequest, WrongTypesAreRefusedNamingTheKey)
+TEST(InterfaceRequestTest, WrongTypesAreRefusedNamingTheKey)
 {
     EXPECT_EQ(errorOf("null"), "the request: must be an object");
     EXPECT_EQ(errorOf("{}"), "ifName: missing");
@@ -121,7 +121,7 @@ TEST(InterfaceRequest, WrongTypesAreRefusedNamingTheKey)
     EXPECT_EQ(errorOfRoute("[]"), "ipv4.additionalIfRoutes[1]: must be an object");
 }
 
-TEST(InterfaceRequest, UnknownKeysAreRefused)
+TEST(InterfaceRequestTest, UnknownKeysAreRefused)
 {
     EXPECT_EQ(errorOf(R"({"ifName":"tun0","ipv6":{}})"), "ipv6: unknown key; perhaps \"ipv4\" is meant");
     EXPECT_EQ(errorOfIpv4(R"("mtu":1400)"), "ipv4.mtu: unknown key");
@@ -129,7 +129,7 @@ TEST(InterfaceRequest, UnknownKeysAreRefused)
               "ipv4.additionalIfRoutes[1].dev: unknown key");
 }
 
-TEST(InterfaceRequest, AddressesAreHexOfEightDigits)
+TEST(InterfaceRequestTest, AddressesAreHexOfEightDigits)
 {
     for (const char* key : {"ip", "netmask", "gateway"}) {
         EXPECT_EQ(errorOfIpv4("\"" + std::string(key) + R"(":"10.8.0.2")"),
@@ -140,7 +140,7 @@ TEST(InterfaceRequest, AddressesAreHexOfEightDigits)
     EXPECT_EQ(errorOfIpv4(R"("dns":["0x00000000"])"), "ipv4.dns[0]: 0.0.0.0 is no server");
 }
 
-TEST(InterfaceRequest, AddressAndNetmaskBelongTogether)
+TEST(InterfaceRequestTest, AddressAndNetmaskBelongTogether)
 {
     EXPECT_EQ(errorOfIpv4(R"("ip":"0x0200080a")"), "ipv4.netmask: missing, while \"ip\" is given");
     EXPECT_EQ(errorOfIpv4(R"("netmask":"0x00ffffff")"), "ipv4.ip: missing, while \"netmask\" is given");
@@ -148,7 +148,7 @@ TEST(InterfaceRequest, AddressAndNetmaskBelongTogether)
               "ipv4.ip: 0.0.0.0 is no address for an interface");
 }
 
-TEST(InterfaceRequest, NetmasksHaveNoHoles)
+TEST(InterfaceRequestTest, NetmasksHaveNoHoles)
 {
     EXPECT_EQ(errorOfIpv4(R"("ip":"0x0200080a","netmask":"0xff00ff00")"),
               "ipv4.netmask: a netmask without holes is needed, not 0.255.0.255");
@@ -156,13 +156,13 @@ TEST(InterfaceRequest, NetmasksHaveNoHoles)
               "ipv4.additionalIfRoutes[1].netmask: a netmask without holes is needed, not 255.0.255.0");
 }
 
-TEST(InterfaceRequest, ARouteHasNoBitsOutsideItsNetmask)
+TEST(InterfaceRequestTest, ARouteHasNoBitsOutsideItsNetmask)
 {
     EXPECT_EQ(errorOfRoute(R"({"ip":"10.0.0.1","netmask":"255.0.0.0"})"),
               "ipv4.additionalIfRoutes[1]: \"ip\" 10.0.0.1 has bits outside of \"netmask\" 255.0.0.0");
 }
 
-TEST(InterfaceRequest, ARouteWithNullValuesIsRefusedNamingTheKey)
+TEST(InterfaceRequestTest, ARouteWithNullValuesIsRefusedNamingTheKey)
 {
     EXPECT_EQ(errorOfRoute(R"({"ip":null,"netmask":"255.0.0.0"})"), "ipv4.additionalIfRoutes[1].ip: must be a text");
     EXPECT_EQ(errorOfRoute(R"({"ip":"10.0.0.0","netmask":null})"),
@@ -173,7 +173,7 @@ TEST(InterfaceRequest, ARouteWithNullValuesIsRefusedNamingTheKey)
     EXPECT_EQ(errorOfRoute("null"), "ipv4.additionalIfRoutes[1]: must be an object");
 }
 
-TEST(InterfaceRequest, RouteAddressesAreDotted)
+TEST(InterfaceRequestTest, RouteAddressesAreDotted)
 {
     EXPECT_EQ(errorOfRoute(R"({"ip":"10.0.0.256","netmask":"255.0.0.0"})"),
               "ipv4.additionalIfRoutes[1].ip: must be a dotted IPv4 address, not \"10.0.0.256\"");
@@ -183,7 +183,7 @@ TEST(InterfaceRequest, RouteAddressesAreDotted)
               "ipv4.additionalIfRoutes[1].gateway: must be a dotted IPv4 address, not \"fe80::1\"");
 }
 
-TEST(InterfaceRequest, AMetricIsFrom0To4294967295)
+TEST(InterfaceRequestTest, AMetricIsFrom0To4294967295)
 {
     for (const char* metric : {"-1", "4294967296", "1.5", "\"5\"", "1e3", "true"}) {
         EXPECT_EQ(errorOfRoute(R"({"ip":"10.0.0.0","netmask":"255.0.0.0","metric":)" + std::string(metric) + "}"),
@@ -191,7 +191,7 @@ TEST(InterfaceRequest, AMetricIsFrom0To4294967295)
     }
 }
 
-TEST(InterfaceRequest, InterfaceNamesAreShortAndPlain)
+TEST(InterfaceRequestTest, InterfaceNamesAreShortAndPlain)
 {
     EXPECT_EQ(errorOf(R"({"ifName":""})"), "ifName: an interface name must not be empty");
     EXPECT_EQ(errorOf(R"({"ifName":"abcdefghijklmnop"})"),
@@ -203,7 +203,7 @@ TEST(InterfaceRequest, InterfaceNamesAreShortAndPlain)
     }
 }
 
-TEST(InterfaceRequest, DomainsAreNames)
+TEST(InterfaceRequestTest, DomainsAreNames)
 {
     for (const std::string& domain : {std::string(), std::string("a..b"), std::string("a b"), std::string("a/b"),
                                       std::string(64, 'a'), std::string("a.") + std::string(300, 'b'),
@@ -215,19 +215,19 @@ TEST(InterfaceRequest, DomainsAreNames)
     }
 }
 
-TEST(InterfaceRequest, ATildeAndATrailingDotStayWithADomain)
+TEST(InterfaceRequestTest, ATildeAndATrailingDotStayWithADomain)
 {
     const InterfaceRequest request = parseInterfaceRequest(
         R"({"ifName":"tun0","domainsOnIfDns":["~corp.example","b.example.","~c.example.",".","~.","a-b._tcp"]})");
-    EXPECT_THAT(request.dns.domains,
-                ElementsAre("~corp.example", "b.example.", "~c.example.", ".", "~.", "a-b._tcp"));
+    EXPECT_THAT(request.dns.domains, ElementsAre("~corp.example", "b.example.", "~c.example.", ".", "~.", "a-b._tcp"));
 }
 
-TEST(InterfaceRequest, OneMebibyteOfTextInAValueIsRefusedAndShownInPart)
+TEST(InterfaceRequestTest, OneMebibyteOfTextInAValueIsRefusedAndShownInPart)
 {
     const std::string text(1 << 20, 'x');
     const std::string part = "\"" + text.substr(0, 40) + "...\"";
-    EXPECT_EQ(errorOf("{\"ifName\":\"" + text + "\"}"), "ifName: " + part + " is longer than the 15 characters of an interface name");
+    EXPECT_EQ(errorOf("{\"ifName\":\"" + text + "\"}"),
+              "ifName: " + part + " is longer than the 15 characters of an interface name");
     EXPECT_EQ(errorOfIpv4("\"ip\":\"" + text + "\""), "ipv4.ip: must be \"0x\" and eight hex digits, not " + part);
     EXPECT_EQ(errorOfRoute("{\"ip\":\"" + text + "\",\"netmask\":\"255.0.0.0\"}"),
               "ipv4.additionalIfRoutes[1].ip: must be a dotted IPv4 address, not " + part);

@@ -47,7 +47,7 @@ private:
     std::thread mThread;
 };
 
-class Reapply : public testing::Test {
+class ReapplyTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -112,17 +112,17 @@ protected:
 
 }  // namespace
 
-TEST_F(Reapply, TheSameRequestLetsNoPacketOutBesideTheTunnel)
+TEST_F(ReapplyTest, TheSameRequestLetsNoPacketOutBesideTheTunnel)
 {
     expectNoPacketBesideTheTunnel({"/tmp/first.json"});
 }
 
-TEST_F(Reapply, ADifferentRequestLetsNoPacketOutBesideTheTunnel)
+TEST_F(ReapplyTest, ADifferentRequestLetsNoPacketOutBesideTheTunnel)
 {
     expectNoPacketBesideTheTunnel({"/tmp/first.json", "/tmp/second.json", "/tmp/third.json"});
 }
 
-TEST_F(Reapply, ARefusedRequestLetsNoPacketOutBesideTheTunnel)
+TEST_F(ReapplyTest, ARefusedRequestLetsNoPacketOutBesideTheTunnel)
 {
     expectNoPacketBesideTheTunnel({"/tmp/bad.json", "/tmp/first.json"});
 }

@@ -16,7 +16,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class NamespaceOwnership : public testing::Test {
+class NamespaceOwnershipTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -51,7 +51,7 @@ protected:
 
 }  // namespace
 
-TEST_F(NamespaceOwnership, NamesakesInTwoNamespacesAreIndependentWhileTheirOwnersLive)
+TEST_F(NamespaceOwnershipTest, NamesakesInTwoNamespacesAreIndependentWhileTheirOwnersLive)
 {
     makeNamespace("one");
     makeNamespace("two");
@@ -68,7 +68,7 @@ TEST_F(NamespaceOwnership, NamesakesInTwoNamespacesAreIndependentWhileTheirOwner
     EXPECT_EQ(stateOf("one"), inForce);
 }
 
-TEST_F(NamespaceOwnership, NamesakesInTwoNamespacesAreCleanedUpEachInItsOwn)
+TEST_F(NamespaceOwnershipTest, NamesakesInTwoNamespacesAreCleanedUpEachInItsOwn)
 {
     makeNamespace("one");
     makeNamespace("two");
@@ -87,7 +87,7 @@ TEST_F(NamespaceOwnership, NamesakesInTwoNamespacesAreCleanedUpEachInItsOwn)
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(NamespaceOwnership, ANewNamespaceWithTheInodeOfAnEndedOneIsNotTouched)
+TEST_F(NamespaceOwnershipTest, ANewNamespaceWithTheInodeOfAnEndedOneIsNotTouched)
 {
     makeNamespace("one");
     const ino_t inode = inodeOf("one");
@@ -109,7 +109,7 @@ TEST_F(NamespaceOwnership, ANewNamespaceWithTheInodeOfAnEndedOneIsNotTouched)
     EXPECT_EQ(stateOf("one"), theirs);
 }
 
-TEST_F(NamespaceOwnership, AnInterfaceThatHasTheIndexAndAnotherNameIsNotTouched)
+TEST_F(NamespaceOwnershipTest, AnInterfaceThatHasTheIndexAndAnotherNameIsNotTouched)
 {
     makeNamespace("one");
     in("one", driver("add /tmp/request.json"));

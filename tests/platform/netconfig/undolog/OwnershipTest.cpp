@@ -20,7 +20,7 @@ namespace {
 
 const std::vector<std::string> connectSteps = {"firewall", "/tmp/filter.json", "add", "/tmp/first.json"};
 
-class Ownership : public testing::Test {
+class OwnershipTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -59,7 +59,7 @@ constexpr char force[] = "VKNETCONFIG_TAKE_OVER=1 ";
 
 }  // namespace
 
-TEST_F(Ownership, NoRequestRemovesOrReplacesWhatBelongsToALivingProcess)
+TEST_F(OwnershipTest, NoRequestRemovesOrReplacesWhatBelongsToALivingProcess)
 {
     RunningDriver owner(connectSteps);
     const std::string inForce = networkSnapshot();
@@ -75,7 +75,7 @@ TEST_F(Ownership, NoRequestRemovesOrReplacesWhatBelongsToALivingProcess)
     expectAllGone();
 }
 
-TEST_F(Ownership, ForceRemovesWhatBelongsToALivingProcessAndTheOwnerIsTold)
+TEST_F(OwnershipTest, ForceRemovesWhatBelongsToALivingProcessAndTheOwnerIsTold)
 {
     RunningDriver owner(connectSteps, {"delete", "vpn0", "firewall", "/tmp/no-filter.json"});
     const std::string pid = std::to_string(owner.pid());
@@ -93,7 +93,7 @@ TEST_F(Ownership, ForceRemovesWhatBelongsToALivingProcessAndTheOwnerIsTold)
     expectAllGone();
 }
 
-TEST_F(Ownership, ForceDoesNotReplaceWhatBelongsToALivingProcess)
+TEST_F(OwnershipTest, ForceDoesNotReplaceWhatBelongsToALivingProcess)
 {
     RunningDriver owner(connectSteps);
     const std::string inForce = networkSnapshot();
@@ -102,7 +102,7 @@ TEST_F(Ownership, ForceDoesNotReplaceWhatBelongsToALivingProcess)
     EXPECT_EQ(networkSnapshot(), inForce);
 }
 
-TEST_F(Ownership, AnOwnerWhoseConfigurationWasTakenCanApplyAgain)
+TEST_F(OwnershipTest, AnOwnerWhoseConfigurationWasTakenCanApplyAgain)
 {
     RunningDriver owner(connectSteps, {"add", "/tmp/first.json", "delete", "vpn0"});
     run(force + driver("delete vpn0 firewall /tmp/no-filter.json"));
@@ -112,7 +112,7 @@ TEST_F(Ownership, AnOwnerWhoseConfigurationWasTakenCanApplyAgain)
     EXPECT_THAT(outputOf("nft list tables"), HasSubstr("vpn.vpnoal")) << "that is the next process's";
 }
 
-TEST_F(Ownership, ARequestAfterAnEndedProcessTakesOverItsConfiguration)
+TEST_F(OwnershipTest, ARequestAfterAnEndedProcessTakesOverItsConfiguration)
 {
     run(driver("add /tmp/first.json"));
     RunningDriver next({"add", "/tmp/second.json"});
@@ -125,7 +125,7 @@ TEST_F(Ownership, ARequestAfterAnEndedProcessTakesOverItsConfiguration)
     expectAllGone();
 }
 
-TEST_F(Ownership, ARefusedRequestLeavesWhatAnEndedProcessHadInForce)
+TEST_F(OwnershipTest, ARefusedRequestLeavesWhatAnEndedProcessHadInForce)
 {
     run(driver("add /tmp/first.json"));
     const std::string inForce = networkSnapshot();
@@ -137,7 +137,7 @@ TEST_F(Ownership, ARefusedRequestLeavesWhatAnEndedProcessHadInForce)
     expectAllGone();
 }
 
-TEST_F(Ownership, ARefusedRequestOverAHalfDoneConfigurationLeavesThatAsItWas)
+TEST_F(OwnershipTest, ARefusedRequestOverAHalfDoneConfigurationLeavesThatAsItWas)
 {
     NEEDS_STRACE();
     const std::string steps = "add /tmp/first.json add /tmp/second.json";
@@ -154,7 +154,7 @@ TEST_F(Ownership, ARefusedRequestOverAHalfDoneConfigurationLeavesThatAsItWas)
     }
 }
 
-TEST_F(Ownership, ALivingProcessCleansUpAfterThoseThatEndLater)
+TEST_F(OwnershipTest, ALivingProcessCleansUpAfterThoseThatEndLater)
 {
     RunningDriver agent({"delete", "nothing0"}, {"delete", "nothing0", "firewall", "/tmp/no-such-filter.json"});
     std::ofstream("/tmp/no-such-filter.json") << R"({"label":"absent","chainDelete":"NORVA"})";
@@ -164,7 +164,7 @@ TEST_F(Ownership, ALivingProcessCleansUpAfterThoseThatEndLater)
     expectAllGone();
 }
 
-TEST_F(Ownership, ARequestForAFilterLeavesInterfacesToTheRequestThatAdoptsThem)
+TEST_F(OwnershipTest, ARequestForAFilterLeavesInterfacesToTheRequestThatAdoptsThem)
 {
     run(driver("firewall /tmp/filter.json add /tmp/first.json"));
     const std::vector<std::string> routes = routesOf("vpn0");
@@ -175,7 +175,7 @@ TEST_F(Ownership, ARequestForAFilterLeavesInterfacesToTheRequestThatAdoptsThem)
     expectAllGone();
 }
 
-TEST_F(Ownership, AProcessWhoseFirstRequestFailedForDescriptorsCleansUpWithItsNext)
+TEST_F(OwnershipTest, AProcessWhoseFirstRequestFailedForDescriptorsCleansUpWithItsNext)
 {
     NEEDS_STRACE();
     std::ofstream("/tmp/absent-filter.json") << R"({"label":"absent","chainDelete":"NORVA"})";
@@ -200,7 +200,7 @@ TEST_F(Ownership, AProcessWhoseFirstRequestFailedForDescriptorsCleansUpWithItsNe
     EXPECT_GT(refused, 3) << "the faults came too early or too late to prove anything";
 }
 
-TEST_F(Ownership, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemovedFirst)
+TEST_F(OwnershipTest, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemovedFirst)
 {
     NEEDS_STRACE();
     run(driver("firewall /tmp/filter.json"));

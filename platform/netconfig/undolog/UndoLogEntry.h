@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How an entry of the journal begins: three lines, "vknetconfig VERSION", "boot UUID" and "namespace ID", and after
+// How an entry of the undo log begins: three lines, "vknetconfig VERSION", "boot UUID" and "namespace ID", and after
 // them what the subject's control wrote. Version 2 is written. Version 1 named the namespace by its inode, and its
 // files had no namespace in their names. Values only; no system call.
-#ifndef VKNETCONFIG_JOURNALENTRY_H
-#define VKNETCONFIG_JOURNALENTRY_H
+#ifndef VKNETCONFIG_UNDOLOGENTRY_H
+#define VKNETCONFIG_UNDOLOGENTRY_H
 
 #include <string>
 #include <string_view>
@@ -19,16 +19,16 @@ struct Origin {
 };
 
 enum class EntryKind {
-    none,       // there is no entry
-    here,       // of this boot and network namespace
-    elsewhere,  // of this boot and another network namespace
-    otherBoot,
-    unknown,  // of a version that is not known here, or no entry at all
+    None,       // there is no entry
+    Here,       // of this boot and network namespace
+    Elsewhere,  // of this boot and another network namespace
+    OtherBoot,
+    Unknown,  // of a version that is not known here, or no entry at all
 };
 
 /// What an entry is, judged by its beginning. `content` is where the rest begins.
 struct EntryHead {
-    EntryKind kind = EntryKind::none;
+    EntryKind kind = EntryKind::None;
     int version = 0;
     std::size_t content = 0;
 };

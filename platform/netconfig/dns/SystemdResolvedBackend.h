@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // DNS of a link through systemd-resolved. Its prepared line is a LinkChange.
-#ifndef VKNETCONFIG_RESOLVEDRESOLVER_H
-#define VKNETCONFIG_RESOLVEDRESOLVER_H
+#ifndef VKNETCONFIG_SYSTEMDRESOLVEDBACKEND_H
+#define VKNETCONFIG_SYSTEMDRESOLVEDBACKEND_H
 
+#include "dns/DnsBackend.h"
 #include "dns/LinkDns.h"
-#include "dns/Resolver.h"
 
 namespace vknetconfig {
 
@@ -16,7 +16,7 @@ class ResolvedManager;
 /// systemd-resolved, or the link in it, is not there yet.
 bool undoChange(ResolvedManager& manager, const LinkChange& change);
 
-class ResolvedResolver : public Resolver {
+class SystemdResolvedBackend : public DnsBackend {
 public:
     bool works() override;
     std::string prepare(const Link& link, const DnsSettings& settings,

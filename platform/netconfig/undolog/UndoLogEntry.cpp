@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "undolog/JournalEntry.h"
+#include "undolog/UndoLogEntry.h"
 
 #include <optional>
 
@@ -27,7 +27,7 @@ EntryHead readEntryHead(std::string_view text, const Origin& origin)
 {
     const std::size_t size = text.size();
     EntryHead head;
-    head.kind = EntryKind::unknown;
+    head.kind = EntryKind::Unknown;
     const auto version = takeLine(text, versionWord);
     if (version != "1" && version != "2") return head;
     const auto boot = takeLine(text, bootWord);
@@ -36,7 +36,7 @@ EntryHead readEntryHead(std::string_view text, const Origin& origin)
     head.version = version == "1" ? 1 : 2;
     head.content = size - text.size();
     const bool isHere = place == (head.version == 1 ? origin.namespaceInode : origin.networkNamespace);
-    head.kind = boot != origin.boot ? EntryKind::otherBoot : isHere ? EntryKind::here : EntryKind::elsewhere;
+    head.kind = boot != origin.boot ? EntryKind::OtherBoot : isHere ? EntryKind::Here : EntryKind::Elsewhere;
     return head;
 }
 

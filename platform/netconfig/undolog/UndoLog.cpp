@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "undolog/Journal.h"
+#include "undolog/UndoLog.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,7 +26,7 @@ using wfoal::namespaceSeparator;
 
 namespace {
 
-constexpr char turnName[] = "turn";
+constexpr char lockName[] = "turn";
 constexpr std::string_view asideSuffix = ".journal.new";
 constexpr auto longestWait = std::chrono::seconds(10);
 
@@ -88,7 +88,7 @@ Origin currentOrigin()
     return origin;
 }
 
-// What a file of the folder is named without its suffix; empty for the file of the turn.
+// What a file of the folder is named without its suffix; empty for the lock of the whole folder.
 std::string_view stemOfFile(std::string_view name)
 {
     for (const std::string_view suffix : {entrySuffix, asideSuffix, lockSuffix}) {
@@ -151,24 +151,25 @@ bool mayTakeOver()
 
 }  // namespace
 
-Journal::Journal(std::string folder) : mFolderPath(std::move(folder)) {}
+UndoLog::UndoLog(std::string folder) : mFolderPath(std::move(folder)) {}
 
-Journal::Turn Journal::takeTurn(bool mustExist)
+UndoLog::Lock UndoLog::lock(Create create)
 {
+    const bool isMade = create == Create::Yes;
     // Asked anew each time: the folder may have been removed, and a process may enter another namespace.
     mOrigin = currentOrigin();
     mFolder.reset();
-    if (mustExist && mkdir(mFolderPath.c_str(), 0700) != 0 && errno != EEXIST) fail("make " + mFolderPath);
+    if (isMade && mkdir(mFolderPath.c_str(), 0700) != 0 && errno != EEXIST) fail("make " + mFolderPath);
     UniqueFd folder(open(mFolderPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder.valid()) {
-        if (errno == ENOENT && !mustExist) return Turn();
+        if (errno == ENOENT && !isMade) return Lock();
         fail("open " + mFolderPath);
     }
-    UniqueFd lock(openat(folder.get(), turnName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock.valid() && !mustExist) lock.reset(openat(folder.get(), turnName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd lock(openat(folder.get(), lockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock.valid() && !isMade) lock.reset(openat(folder.get(), lockName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!lock.valid()) {
-        if (errno == ENOENT && !mustExist) return Turn();
-        fail("open " + mFolderPath + "/" + turnName);
+        if (errno == ENOENT && !isMade) return Lock();
+        fail("open " + mFolderPath + "/" + lockName);
     }
     const auto end = std::chrono::steady_clock::now() + longestWait;
     while (!lockNow(lock.get())) {
@@ -177,19 +178,19 @@ Journal::Turn Journal::takeTurn(bool mustExist)
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (mustExist) nameHolder(lock.get());
+    if (isMade) nameHolder(lock.get());
     mFolder = std::move(folder);
-    return Turn(std::move(lock));
+    return Lock(std::move(lock));
 }
 
-std::string Journal::stemOf(std::string_view subject) const
+std::string UndoLog::stemOf(std::string_view subject) const
 {
     return joined(subject, namespaceSeparator + mOrigin.networkNamespace);
 }
 
 // The lock file of a stem, locked; invalid when a living process, then named, holds it. A file that was unlinked
 // between opening and locking is no lock, so it is opened again.
-UniqueFd Journal::lockOf(const std::string& stem, pid_t& holder) const
+UniqueFd UndoLog::lockOf(const std::string& stem, pid_t& holder) const
 {
     const std::string name = joined(stem, lockSuffix);
     while (true) {
@@ -203,7 +204,7 @@ UniqueFd Journal::lockOf(const std::string& stem, pid_t& holder) const
     }
 }
 
-std::string Journal::own(const std::string& subject)
+std::string UndoLog::own(const std::string& subject)
 {
     const std::string stem = stemOf(subject);
     const auto owned = mOwned.find(stem);
@@ -225,7 +226,7 @@ std::string Journal::own(const std::string& subject)
     }
 }
 
-std::string Journal::ownForRemoval(const std::string& subject)
+std::string UndoLog::ownForRemoval(const std::string& subject)
 {
     if (!mFolder.valid()) return {};
     const std::string stem = stemOf(subject);
@@ -238,7 +239,7 @@ std::string Journal::ownForRemoval(const std::string& subject)
 }
 
 // The holder sees by the removed lock file that the subject is no longer its own, and by the number in it who took it.
-void Journal::takeFromHolder(const std::string& stem)
+void UndoLog::takeFromHolder(const std::string& stem)
 {
     const std::string name = joined(stem, lockSuffix);
     const UniqueFd lock(openat(mFolder.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
@@ -255,10 +256,10 @@ void Journal::takeFromHolder(const std::string& stem)
 }
 
 // Writes an entry of version 1 anew, as one of this version. False when its owner lives, with an earlier library.
-bool Journal::upgrade(const std::string& subject, pid_t& holder)
+bool UndoLog::upgrade(const std::string& subject, pid_t& holder)
 {
     const EntryHead head = headOf(subject);
-    if (head.kind != EntryKind::here || head.version != 1 || exists(joined(stemOf(subject), entrySuffix))) return true;
+    if (head.kind != EntryKind::Here || head.version != 1 || exists(joined(stemOf(subject), entrySuffix))) return true;
     const UniqueFd lock = lockOf(subject, holder);
     if (!lock.valid()) return false;
     // The earlier library took another kind of lock.
@@ -271,7 +272,7 @@ bool Journal::upgrade(const std::string& subject, pid_t& holder)
     return true;
 }
 
-void Journal::write(const std::string& subject, std::string_view content)
+void UndoLog::write(const std::string& subject, std::string_view content)
 {
     const std::string stem = stemOf(subject);
     const std::string name = joined(stem, entrySuffix);
@@ -292,7 +293,7 @@ void Journal::write(const std::string& subject, std::string_view content)
 }
 
 // The text of a file, or its first bytes; empty when there is none.
-std::string Journal::textOf(const std::string& name, std::size_t most) const
+std::string UndoLog::textOf(const std::string& name, std::size_t most) const
 {
     if (!mFolder.valid()) return {};
     const UniqueFd file(openat(mFolder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -301,13 +302,13 @@ std::string Journal::textOf(const std::string& name, std::size_t most) const
     fail("open " + name);
 }
 
-EntryHead Journal::headOf(const std::string& stem) const
+EntryHead UndoLog::headOf(const std::string& stem) const
 {
     const std::string name = joined(stem, entrySuffix);
     return exists(name) ? readEntryHead(textOf(name, longestEntryHead), mOrigin) : EntryHead();
 }
 
-bool Journal::exists(const std::string& name) const
+bool UndoLog::exists(const std::string& name) const
 {
     struct stat status {};
     if (!mFolder.valid()) return false;
@@ -316,18 +317,18 @@ bool Journal::exists(const std::string& name) const
     fail("look at " + name);
 }
 
-std::string Journal::read(const std::string& subject) const
+std::string UndoLog::read(const std::string& subject) const
 {
     const std::string stem = stemOf(subject);
     const EntryHead head = headOf(stem);
     const std::string name = joined(stem, entrySuffix);
-    if (head.kind == EntryKind::unknown) {
+    if (head.kind == EntryKind::Unknown) {
         throw RequestError("journal", "the entry " + mFolderPath + "/" + name + " has an unknown version");
     }
-    return head.kind == EntryKind::here ? textOf(name).substr(head.content) : std::string();
+    return head.kind == EntryKind::Here ? textOf(name).substr(head.content) : std::string();
 }
 
-std::function<bool()> Journal::lineCheck(const std::string& subject, const std::string& line) const
+std::function<bool()> UndoLog::lineCheck(const std::string& subject, const std::string& line) const
 {
     return [path = mFolderPath + "/" + joined(stemOf(subject), entrySuffix), text = "\n" + line + "\n"] {
         const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -337,14 +338,14 @@ std::function<bool()> Journal::lineCheck(const std::string& subject, const std::
     };
 }
 
-void Journal::erase(const std::string& subject)
+void UndoLog::erase(const std::string& subject)
 {
     if (mFolder.valid()) removeEntry(stemOf(subject));
     release(subject);
 }
 
 // Also a half-written one. The lock is its owner's to remove.
-void Journal::removeEntry(const std::string& stem) const
+void UndoLog::removeEntry(const std::string& stem) const
 {
     const std::string name = joined(stem, entrySuffix);
     unlinkat(mFolder.get(), joined(stem, asideSuffix).c_str(), 0);
@@ -352,13 +353,13 @@ void Journal::removeEntry(const std::string& stem) const
 }
 
 // The caller holds the lock.
-void Journal::removeFiles(const std::string& stem) const
+void UndoLog::removeFiles(const std::string& stem) const
 {
     removeEntry(stem);
     unlinkat(mFolder.get(), joined(stem, lockSuffix).c_str(), 0);
 }
 
-void Journal::release(const std::string& subject)
+void UndoLog::release(const std::string& subject)
 {
     const std::string stem = stemOf(subject);
     const auto owned = mOwned.find(stem);
@@ -370,7 +371,7 @@ void Journal::release(const std::string& subject)
     mOwned.erase(owned);
 }
 
-std::set<std::string> Journal::stems() const
+std::set<std::string> UndoLog::stems() const
 {
     std::set<std::string> stems;
     if (!mFolder.valid()) return stems;
@@ -385,7 +386,7 @@ std::set<std::string> Journal::stems() const
     return stems;
 }
 
-std::vector<std::string> Journal::takeLeftBehind(const std::function<bool(const std::string& subject)>& isWanted)
+std::vector<std::string> UndoLog::claimStaleEntries(const std::function<bool(const std::string& subject)>& isWanted)
 {
     std::vector<std::string> left;
     try {
@@ -412,18 +413,18 @@ std::vector<std::string> Journal::takeLeftBehind(const std::function<bool(const 
 
 // The subject that an entry of this boot and network namespace is about; empty for other files. Those of no use are
 // removed, unless a living process holds their lock.
-std::string Journal::subjectOf(const std::string& stem)
+std::string UndoLog::subjectOf(const std::string& stem)
 {
     const EntryHead head = headOf(stem);
     pid_t holder = 0;
     switch (head.kind) {
-    case EntryKind::here:
+    case EntryKind::Here:
         if (head.version != 1) return stem.substr(0, stem.rfind(namespaceSeparator));
         return upgrade(stem, holder) ? stem : std::string();
-    case EntryKind::elsewhere: return {};
-    case EntryKind::unknown: reportUnknown(stem); return {};
-    case EntryKind::none:
-    case EntryKind::otherBoot: break;
+    case EntryKind::Elsewhere: return {};
+    case EntryKind::Unknown: reportUnknown(stem); return {};
+    case EntryKind::None:
+    case EntryKind::OtherBoot: break;
     }
     const UniqueFd lock = lockOf(stem, holder);
     if (lock.valid()) removeFiles(stem);
@@ -431,14 +432,14 @@ std::string Journal::subjectOf(const std::string& stem)
 }
 
 // Once a process, as every request comes by.
-void Journal::reportUnknown(const std::string& stem)
+void UndoLog::reportUnknown(const std::string& stem)
 {
     if (!mReported.insert(stem).second) return;
     VKNETCONFIG_WARNING("the entry %s/%s.journal is kept: it has an unknown version", mFolderPath.c_str(),
                         stem.c_str());
 }
 
-std::vector<Journal::Lost> Journal::takeLost()
+std::vector<UndoLog::Lost> UndoLog::takeLost()
 {
     std::vector<Lost> lost;
     for (auto owned = mOwned.begin(); owned != mOwned.end();) {

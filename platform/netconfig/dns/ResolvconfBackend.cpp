@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/ResolvconfResolver.h"
+#include "dns/ResolvconfBackend.h"
 
-#include "dns/LinkDns.h"
 #include "RequestError.h"
+#include "dns/LinkDns.h"
 #include "dns/ToolRun.h"
 
 namespace vknetconfig {
@@ -23,7 +23,7 @@ std::string fileFor(const DnsSettings& settings)
     for (const wfoal::Ipv4Address server : settings.servers)
         text += "nameserver " + dotted(server) + "\n";
     std::string names;
-    for (const DnsDomain& domain : wantedOf(settings).domains) {
+    for (const DnsDomain& domain : resolvedSettingsFor(settings).domains) {
         if (!domain.routeOnly) names += " " + domain.name;  // this resolver cannot choose links by name
     }
     return names.empty() ? text : text + "search" + names + "\n";
@@ -31,28 +31,28 @@ std::string fileFor(const DnsSettings& settings)
 
 }  // namespace
 
-bool ResolvconfResolver::works()
+bool ResolvconfBackend::works()
 {
-    // Its kinds agree on no harmless operation, but each says something about this one and ends. One kind is a link to
-    // resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
+    // No option is common to every resolvconf implementation; all of them exit normally on --version. One of them is a
+    // link to resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
     const ToolResult answer = runTool({tool, "--version"}, {}, longestRun);
     constexpr std::string_view resolvectlSays = "systemd ";
     return answer.end == ToolResult::End::exited &&
            answer.output.compare(0, resolvectlSays.size(), resolvectlSays) != 0;
 }
 
-std::string ResolvconfResolver::prepare(const Link& link, const DnsSettings&, const std::vector<std::string>&)
+std::string ResolvconfBackend::prepare(const Link& link, const DnsSettings&, const std::vector<std::string>&)
 {
     return link.name;
 }
 
-void ResolvconfResolver::set(const Link& link, const DnsSettings& settings)
+void ResolvconfBackend::set(const Link& link, const DnsSettings& settings)
 {
     const ToolResult result = run("-a", link.name, fileFor(settings));
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
 }
 
-bool ResolvconfResolver::undo(std::string_view prepared)
+bool ResolvconfBackend::undo(std::string_view prepared)
 {
     if (!works()) return true;
     const ToolResult result = run("-d", prepared, {});

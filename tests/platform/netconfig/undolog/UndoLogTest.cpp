@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "undolog/Journal.h"
+#include "undolog/UndoLog.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -50,11 +50,11 @@ public:
         EXPECT_EQ(pipe(ready), 0);
         mPid = fork();
         if (mPid == 0) {
-            Journal journal;
+            UndoLog undoLog;
             {
-                const Journal::Turn turn = journal.takeTurn(true);
-                journal.own(subject);
-                if (!content.empty()) journal.write(subject, content);
+                const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+                undoLog.own(subject);
+                if (!content.empty()) undoLog.write(subject, content);
             }
             if (::write(ready[1], "x", 1) == 1) pause();
             _exit(1);
@@ -78,9 +78,9 @@ private:
     pid_t mPid = 0;
 };
 
-std::vector<std::string> leftBehind(Journal& journal)
+std::vector<std::string> claimAll(UndoLog& undoLog)
 {
-    return journal.takeLeftBehind([](const std::string&) { return true; });
+    return undoLog.claimStaleEntries([](const std::string&) { return true; });
 }
 
 std::vector<std::string> filesLeft()
@@ -93,35 +93,35 @@ std::vector<std::string> filesLeft()
 
 }  // namespace
 
-TEST(Journal, AnOwnedEntryIsReadBackAndErasedWithoutATrace)
+TEST(UndoLogTest, AnOwnedEntryIsReadBackAndErasedWithoutATrace)
 {
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_EQ(journal.own("a"), "");
-    journal.write("a", "first");
-    EXPECT_EQ(journal.own("a"), "first");
-    journal.write("a", "second");
-    EXPECT_EQ(journal.read("a"), "second");
-    journal.erase("a");
-    EXPECT_EQ(journal.read("a"), "");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_EQ(undoLog.own("a"), "");
+    undoLog.write("a", "first");
+    EXPECT_EQ(undoLog.own("a"), "first");
+    undoLog.write("a", "second");
+    EXPECT_EQ(undoLog.read("a"), "second");
+    undoLog.erase("a");
+    EXPECT_EQ(undoLog.read("a"), "");
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AnyThreadCanAskWhetherAnEntryStillHasALine)
+TEST(UndoLogTest, AnyThreadCanAskWhetherAnEntryStillHasALine)
 {
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    const auto hasLine = journal.lineCheck("a", "dns one");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    const auto hasLine = undoLog.lineCheck("a", "dns one");
     EXPECT_FALSE(hasLine());
-    journal.own("a");
-    journal.write("a", "interface 3 vpn0\ndns one\nend\n");
+    undoLog.own("a");
+    undoLog.write("a", "interface 3 vpn0\ndns one\nend\n");
     EXPECT_TRUE(hasLine());
-    EXPECT_FALSE(journal.lineCheck("a", "dns on")());
-    journal.write("a", "interface 3 vpn0\ndns other\nend\n");
+    EXPECT_FALSE(undoLog.lineCheck("a", "dns on")());
+    undoLog.write("a", "interface 3 vpn0\ndns other\nend\n");
     EXPECT_FALSE(hasLine());
-    journal.erase("a");
+    undoLog.erase("a");
     EXPECT_FALSE(hasLine());
-    journal.write("a", "dns one\n");
+    undoLog.write("a", "dns one\n");
     for (const std::string& name : filesLeft()) {
         const std::string path = std::string(folder) + "/" + name;
         if (path.find(".journal") == std::string::npos) continue;
@@ -131,103 +131,103 @@ TEST(Journal, AnyThreadCanAskWhetherAnEntryStillHasALine)
     EXPECT_EQ(errorOf([&] { hasLine(); }), "journal: read: Is a directory");
 }
 
-TEST(Journal, WithoutAFolderThereIsNothingAndNothingIsMade)
+TEST(UndoLogTest, WithoutAFolderThereIsNothingAndNothingIsMade)
 {
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_EQ(journal.read("a"), "");
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
-    journal.erase("a");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::No);
+    EXPECT_EQ(undoLog.read("a"), "");
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
+    undoLog.erase("a");
     EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
-TEST(Journal, TheFolderIsForItsOwnerOnly)
+TEST(UndoLogTest, TheFolderIsForItsOwnerOnly)
 {
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
     struct stat status {};
     ASSERT_EQ(stat(folder, &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0700U);
 }
 
-TEST(Journal, ASubjectOfALivingProcessIsRefusedNamingIt)
+TEST(UndoLogTest, ASubjectOfALivingProcessIsRefusedNamingIt)
 {
     OtherProcess other("a", "theirs");
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_THAT(errorOf([&] { journal.own("a"); }), HasSubstr("process " + std::to_string(other.pid())));
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
-    EXPECT_EQ(journal.read("a"), "theirs");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_THAT(errorOf([&] { undoLog.own("a"); }), HasSubstr("process " + std::to_string(other.pid())));
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
+    EXPECT_EQ(undoLog.read("a"), "theirs");
 }
 
-TEST(Journal, WhatADeadProcessLeftIsFoundAndOwned)
+TEST(UndoLogTest, WhatADeadProcessLeftIsFoundAndOwned)
 {
     OtherProcess other("a", "theirs");
     other.kill();
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_THAT(leftBehind(journal), ElementsAre("a"));
-    EXPECT_EQ(journal.own("a"), "theirs");
-    journal.erase("a");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::No);
+    EXPECT_THAT(claimAll(undoLog), ElementsAre("a"));
+    EXPECT_EQ(undoLog.own("a"), "theirs");
+    undoLog.erase("a");
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AProcessThatDiedBeforeItsFirstEntryLeavesNothing)
+TEST(UndoLogTest, AProcessThatDiedBeforeItsFirstEntryLeavesNothing)
 {
     OtherProcess other("a", "");
     other.kill();
     std::ofstream(std::string(folder) + "/a.journal.new") << "half an ent";
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::No);
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AnEntryOfAnotherBootIsDiscarded)
+TEST(UndoLogTest, AnEntryOfAnotherBootIsDiscarded)
 {
     std::filesystem::create_directory(folder);
     std::ofstream(std::string(folder) + "/a.journal")
         << "vknetconfig 1\nboot 00000000-0000-0000-0000-000000000000\nnamespace 1\ntheirs";
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_EQ(journal.read("a"), "");
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_EQ(undoLog.read("a"), "");
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AnEntryOfAnotherNetworkNamespaceStays)
+TEST(UndoLogTest, AnEntryOfAnotherNetworkNamespaceStays)
 {
     OtherProcess other("a", "theirs");
     other.kill();
     ASSERT_EQ(unshare(CLONE_NEWNET), 0);
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
-    EXPECT_EQ(journal.read("a"), "");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
+    EXPECT_EQ(undoLog.read("a"), "");
     EXPECT_THAT(filesLeft(), Contains(MatchesRegex("a@c[0-9]+.journal")));
 }
 
-TEST(Journal, AThreadThatReturnsToItsNamespaceStillOwnsWhatItOwnedThere)
+TEST(UndoLogTest, AThreadThatReturnsToItsNamespaceStillOwnsWhatItOwnedThere)
 {
-    Journal journal;
+    UndoLog undoLog;
     const UniqueFd first(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
     {
-        const Journal::Turn turn = journal.takeTurn(true);
-        journal.own("a");
-        journal.write("a", "here");
+        const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+        undoLog.own("a");
+        undoLog.write("a", "here");
     }
     ASSERT_EQ(unshare(CLONE_NEWNET), 0);
     {
-        const Journal::Turn turn = journal.takeTurn(true);
-        EXPECT_FALSE(journal.owns("a"));
-        EXPECT_EQ(journal.own("a"), "");
-        journal.write("a", "there");
-        journal.erase("a");
+        const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+        EXPECT_FALSE(undoLog.owns("a"));
+        EXPECT_EQ(undoLog.own("a"), "");
+        undoLog.write("a", "there");
+        undoLog.erase("a");
     }
     ASSERT_EQ(setns(first.get(), CLONE_NEWNET), 0);
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_TRUE(journal.owns("a"));
-    EXPECT_EQ(journal.read("a"), "here");
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_TRUE(undoLog.owns("a"));
+    EXPECT_EQ(undoLog.read("a"), "here");
 }
 
 namespace {
@@ -263,48 +263,48 @@ constexpr char recordOfVersion1[] =
 
 }  // namespace
 
-TEST(Journal, AnEntryOfTheVersionBeforeIsTakenOver)
+TEST(UndoLogTest, AnEntryOfTheVersionBeforeIsTakenOver)
 {
     writeEntryOfVersion1(recordOfVersion1);
     std::ofstream(std::string(folder) + "/interface-vpn0.lock") << "4711\n";
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_EQ(journal.own("interface-vpn0"), recordOfVersion1);
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_EQ(undoLog.own("interface-vpn0"), recordOfVersion1);
     EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", MatchesRegex("interface-vpn0@c[0-9]+.journal"),
                                                   MatchesRegex("interface-vpn0@c[0-9]+.lock")));
-    journal.erase("interface-vpn0");
+    undoLog.erase("interface-vpn0");
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AnEntryOfTheVersionBeforeIsCleanedUp)
+TEST(UndoLogTest, AnEntryOfTheVersionBeforeIsCleanedUp)
 {
     writeEntryOfVersion1(recordOfVersion1);
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(false);
-    EXPECT_THAT(leftBehind(journal), ElementsAre("interface-vpn0"));
-    EXPECT_EQ(journal.read("interface-vpn0"), recordOfVersion1);
-    journal.erase("interface-vpn0");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::No);
+    EXPECT_THAT(claimAll(undoLog), ElementsAre("interface-vpn0"));
+    EXPECT_EQ(undoLog.read("interface-vpn0"), recordOfVersion1);
+    undoLog.erase("interface-vpn0");
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
-TEST(Journal, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
+TEST(UndoLogTest, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
 {
     writeEntryOfVersion1(recordOfVersion1);
     const std::string name = std::string(folder) + "/interface-vpn0.lock";
     std::ofstream(name) << "4711\n";
-    const UniqueFd lock(open(name.c_str(), O_RDWR | O_CLOEXEC));
-    ASSERT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0);
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    EXPECT_THAT(leftBehind(journal), IsEmpty());
+    const UniqueFd theirs(open(name.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(theirs.get(), LOCK_EX | LOCK_NB), 0);
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_THAT(claimAll(undoLog), IsEmpty());
     const std::string refusal =
         "journal: the configuration of interface-vpn0 belongs to process 4711, which is running";
-    EXPECT_EQ(errorOf([&] { journal.own("interface-vpn0"); }), refusal);
-    EXPECT_EQ(errorOf([&] { journal.ownForRemoval("interface-vpn0"); }), refusal);
+    EXPECT_EQ(errorOf([&] { undoLog.own("interface-vpn0"); }), refusal);
+    EXPECT_EQ(errorOf([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
     EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", "interface-vpn0.journal", "interface-vpn0.lock"));
 }
 
-TEST(Journal, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
+TEST(UndoLogTest, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
 {
     setenv("VKLOG_TARGET", "stderr", 1);
     OtherProcess author("a", "theirs");
@@ -315,11 +315,11 @@ TEST(Journal, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
     }
     for (const std::string text : {"vknetconfig 3\nwhat nobody knows today", "", "vknetconfig 2\nboo"}) {
         std::ofstream(name) << text;
-        Journal other;
-        const Journal::Turn none = other.takeTurn(false);
+        UndoLog other;
+        const UndoLog::Lock none = other.lock(UndoLog::Create::No);
         testing::internal::CaptureStderr();
-        EXPECT_THAT(leftBehind(other), IsEmpty());
-        EXPECT_THAT(leftBehind(other), IsEmpty());
+        EXPECT_THAT(claimAll(other), IsEmpty());
+        EXPECT_THAT(claimAll(other), IsEmpty());
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "vknetconfig[4]: the entry " + name + " is kept: it has an unknown version\n");
         const std::string refusal = "journal: the entry " + name + " has an unknown version";
@@ -330,63 +330,63 @@ TEST(Journal, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
     }
 }
 
-TEST(Journal, WhatCannotBeOwnedIsOwnedByNobody)
+TEST(UndoLogTest, WhatCannotBeOwnedIsOwnedByNobody)
 {
     OtherProcess other("a", "theirs");
     other.kill();
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     int refused = 0;
     for (rlim_t files = 3; files < 16; ++files) {
         const rlimit few{files, limit.rlim_max};
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-        const bool isRefused = errorOf([&] { leftBehind(journal); }) != "no error";
+        const bool isRefused = errorOf([&] { claimAll(undoLog); }) != "no error";
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
         refused += isRefused ? 1 : 0;
-        ASSERT_EQ(journal.owns("a"), !isRefused) << files;
+        ASSERT_EQ(undoLog.owns("a"), !isRefused) << files;
         if (!isRefused) break;
     }
     EXPECT_GT(refused, 1);
-    EXPECT_EQ(journal.read("a"), "theirs");
+    EXPECT_EQ(undoLog.read("a"), "theirs");
 }
 
-TEST(Journal, AFullDiskIsReportedAndTheEarlierEntryStays)
+TEST(UndoLogTest, AFullDiskIsReportedAndTheEarlierEntryStays)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    journal.own("a");
-    journal.write("a", "small");
-    EXPECT_THAT(errorOf([&] { journal.write("a", std::string(100000, 'x')); }), HasSubstr("No space left on device"));
-    EXPECT_EQ(journal.read("a"), "small");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    undoLog.own("a");
+    undoLog.write("a", "small");
+    EXPECT_THAT(errorOf([&] { undoLog.write("a", std::string(100000, 'x')); }), HasSubstr("No space left on device"));
+    EXPECT_EQ(undoLog.read("a"), "small");
     EXPECT_FALSE(std::filesystem::exists(std::string(folder) + "/a.journal.new"));
 }
 
-TEST(Journal, AFolderThatCannotBeWrittenIsReported)
+TEST(UndoLogTest, AFolderThatCannotBeWrittenIsReported)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("fixed", folder, "tmpfs", MS_RDONLY, nullptr), 0);
-    Journal journal;
-    EXPECT_THAT(errorOf([&] { journal.takeTurn(true); }), HasSubstr("Read-only file system"));
-    EXPECT_EQ(errorOf([&] { journal.takeTurn(false); }), "no error");
+    UndoLog undoLog;
+    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("Read-only file system"));
+    EXPECT_EQ(errorOf([&] { undoLog.lock(UndoLog::Create::No); }), "no error");
 }
 
-TEST(Journal, ASymbolicLinkInPlaceOfTheFolderIsRefused)
+TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
 {
     std::filesystem::create_directory("/tmp/elsewhere");
     std::filesystem::create_symlink("/tmp/elsewhere", folder);
-    Journal journal;
-    EXPECT_THAT(errorOf([&] { journal.takeTurn(true); }), HasSubstr("journal: open /run/vknetconfig"));
+    UndoLog undoLog;
+    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("journal: open /run/vknetconfig"));
 }
 
-TEST(Journal, DescriptorsAreCloseOnExec)
+TEST(UndoLogTest, DescriptorsAreCloseOnExec)
 {
-    Journal journal;
-    const Journal::Turn turn = journal.takeTurn(true);
-    journal.own("a");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    undoLog.own("a");
     int kept = 0;
     for (int fd = 3; fd < 64; ++fd) {
         const int flags = fcntl(fd, F_GETFD);

@@ -2,15 +2,15 @@
 //
 // DNS through the resolvconf tool, which merges what each interface brings into one /etc/resolv.conf: servers of the
 // link are asked for everything, whatever the domains, which are only searched. What is set is called
-// "INTERFACE.vknetconfig" and is nobody else's. Its prepared line is the interface's name.
-#ifndef VKNETCONFIG_RESOLVCONFRESOLVER_H
-#define VKNETCONFIG_RESOLVCONFRESOLVER_H
+// "INTERFACE.vknetconfig" and is used by no other program. Its prepared line is the interface's name.
+#ifndef VKNETCONFIG_RESOLVCONFBACKEND_H
+#define VKNETCONFIG_RESOLVCONFBACKEND_H
 
-#include "dns/Resolver.h"
+#include "dns/DnsBackend.h"
 
 namespace vknetconfig {
 
-class ResolvconfResolver : public Resolver {
+class ResolvconfBackend : public DnsBackend {
 public:
     bool works() override;
     std::string prepare(const Link& link, const DnsSettings& settings,

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The journal of changes under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one
+// The undo log under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one
 // entry that tells how to undo what is, or may be, installed. It is written whole and synced before anything is
 // changed, so whoever finds it after a crash can clean up. An entry belongs to the process that holds its lock, for as
-// long as that process lives; an entry without a living owner was left behind. Subjects are those of the calling
+// long as that process lives; an entry without a living owner is stale. Subjects are those of the calling
 // thread's network namespace; the entries of other ones are not touched. Entries of an earlier boot are removed.
 // Entries of an unknown version are kept, and refuse requests for their subject.
 //
-// A child of fork holds none of its parent's locks; it needs a journal of its own. One process has one journal.
+// A child of fork holds none of its parent's locks; it needs an undo log of its own. One process has one undo log.
 //
 // Not thread-safe: the library's one mutex guards it. Failures throw a RequestError with the key "journal"; then
 // nothing is owned that was not owned before.
-#ifndef VKNETCONFIG_JOURNAL_H
-#define VKNETCONFIG_JOURNAL_H
+#ifndef VKNETCONFIG_UNDOLOG_H
+#define VKNETCONFIG_UNDOLOG_H
 
 #include <sys/types.h>
 
@@ -24,32 +24,34 @@
 #include <string_view>
 #include <vector>
 
-#include "undolog/JournalEntry.h"
-#include "undolog/UndoLogFiles.h"
 #include "handles/UniqueFd.h"
+#include "undolog/UndoLogEntry.h"
+#include "undolog/UndoLogFiles.h"
 
 namespace vknetconfig {
 
-class Journal {
+class UndoLog {
 public:
-    explicit Journal(std::string folder = wfoal::journalFolder);
+    explicit UndoLog(std::string folder = wfoal::journalFolder);
 
     /// The lock that lets one request at a time work, over all processes. Every other operation needs it.
-    class Turn {
+    class Lock {
     public:
-        Turn() = default;
-        explicit Turn(UniqueFd lock) : mLock(std::move(lock)) {}
+        Lock() = default;
+        explicit Lock(UniqueFd lock) : mLock(std::move(lock)) {}
 
     private:
         UniqueFd mLock;
     };
 
-    /// Waits for the turn, 10 seconds at most.
-    /// mustExist: a request that changes something; the folder is made. Otherwise a missing folder is an empty journal.
-    Turn takeTurn(bool mustExist);
+    /// Whether lock() makes a missing folder, as a request that installs something needs it.
+    enum class Create { No, Yes };
+
+    /// Waits for the lock, 10 seconds at most. A missing folder that is not made is an empty undo log.
+    Lock lock(Create create);
 
     /// Makes this process the owner of the subject; throws, naming the process, when another living one is. Returns the
-    /// content of the entry: what this process wrote, or what a dead one left; empty when there is none.
+    /// content of the entry: what this process wrote, or what an ended one left; empty when there is none.
     std::string own(const std::string& subject);
 
     /// The same for a request that only removes. Without entry and lock nothing is owned. With VKNETCONFIG_TAKE_OVER=1
@@ -75,9 +77,9 @@ public:
     /// Gives up the ownership of a subject; its entry stays.
     void release(const std::string& subject);
 
-    /// Subjects that a dead process of this boot and network namespace left, of those that are wanted; this process
-    /// owns them now.
-    std::vector<std::string> takeLeftBehind(const std::function<bool(const std::string& subject)>& isWanted);
+    /// Subjects with a stale entry of this boot and network namespace, of those that are wanted; this process owns them
+    /// now.
+    std::vector<std::string> claimStaleEntries(const std::function<bool(const std::string& subject)>& isWanted);
 
     /// A subject that another process took from this one; `by` is 0 when its files were removed without a word.
     struct Lost {
@@ -102,7 +104,7 @@ private:
     void reportUnknown(const std::string& stem);
 
     std::string mFolderPath;
-    Origin mOrigin;  // of the calling thread, asked at each turn
+    Origin mOrigin;  // of the calling thread, asked at each lock()
     UniqueFd mFolder;
     std::map<std::string, UniqueFd> mOwned;  // the locks, by stem
     std::set<std::string> mReported;         // entries of an unknown version that the log has a line about
@@ -112,8 +114,8 @@ private:
 /// before or keep() was called. So a refused request takes over nothing.
 class NewOwnership {
 public:
-    NewOwnership(Journal& journal, std::string subject)
-        : mJournal(journal), mSubject(std::move(subject)), mIsKept(journal.owns(mSubject))
+    NewOwnership(UndoLog& undoLog, std::string subject)
+        : mUndoLog(undoLog), mSubject(std::move(subject)), mIsKept(undoLog.owns(mSubject))
     {
     }
     NewOwnership(const NewOwnership&) = delete;
@@ -121,7 +123,7 @@ public:
     ~NewOwnership()
     {
         try {
-            if (!mIsKept) mJournal.release(mSubject);
+            if (!mIsKept) mUndoLog.release(mSubject);
         } catch (const std::exception&) {
             // No memory for a name: it stays owned, and the next request for the subject goes on from there.
         }
@@ -129,7 +131,7 @@ public:
     void keep() { mIsKept = true; }
 
 private:
-    Journal& mJournal;
+    UndoLog& mUndoLog;
     std::string mSubject;
     bool mIsKept;
 };

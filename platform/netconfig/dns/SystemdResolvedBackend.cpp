@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/ResolvedResolver.h"
+#include "dns/SystemdResolvedBackend.h"
 
 #include "RequestError.h"
 #include "dns/ResolvedManager.h"
@@ -17,7 +17,7 @@ LinkDns readPresent(ResolvedManager& manager, const Link& link)
 
 }  // namespace
 
-bool ResolvedResolver::works()
+bool SystemdResolvedBackend::works()
 {
     try {
         return ResolvedManager().answers();
@@ -26,24 +26,24 @@ bool ResolvedResolver::works()
     }
 }
 
-std::string ResolvedResolver::prepare(const Link& link, const DnsSettings& settings,
-                                      const std::vector<std::string>& earlier)
+std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings& settings,
+                                            const std::vector<std::string>& earlier)
 {
     ResolvedManager manager;
-    LinkChange change{link, wantedOf(settings), readPresent(manager, link)};
+    LinkChange change{link, resolvedSettingsFor(settings), readPresent(manager, link)};
     for (const std::string& line : earlier) {
-        const LinkChange inForce = LinkChange::decode(line);
-        if (inForce.link == link) change.before = takenBack(inForce, change.before);
+        const LinkChange installed = LinkChange::decode(line);
+        if (installed.link == link) change.before = stateAfterUndo(installed, change.before);
     }
     return change.encode();
 }
 
-void ResolvedResolver::set(const Link& link, const DnsSettings& settings)
+void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings)
 {
     ResolvedManager manager;
     const LinkDns before = readPresent(manager, link);
     try {
-        manager.write(link.index, wantedOf(settings));
+        manager.write(link.index, resolvedSettingsFor(settings));
     } catch (const RequestError&) {
         try {
             manager.restore(link.index, before, readPresent(manager, link));
@@ -59,11 +59,11 @@ bool undoChange(ResolvedManager& manager, const LinkChange& change)
     if (!hasIndex(change.link)) return true;
     const auto now = manager.read(change.link.index);
     if (!now) return false;
-    manager.restore(change.link.index, takenBack(change, *now), *now);
+    manager.restore(change.link.index, stateAfterUndo(change, *now), *now);
     return true;
 }
 
-bool ResolvedResolver::undo(std::string_view prepared)
+bool SystemdResolvedBackend::undo(std::string_view prepared)
 {
     const LinkChange change = LinkChange::decode(prepared);
     if (!hasIndex(change.link)) return true;
