@@ -1,28 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl connect: with a gateway in the profile a whole connection, see connect/Agent.h. Without one all but its
-// packets: makes the device, applies the profile, holds it until it is told to end, restores. However it ends, short of
-// SIGKILL, the configuration is restored; after a SIGKILL the device goes with the process, and the platform library's
-// journal lets the next run clean up the rest.
-#include <fmt/format.h>
+// vpnoalctl connect: with a gateway in the profile a whole connection, see connect/Agent.h. Without one it carries no
+// packets: it makes the device, installs the configuration, holds both until a signal or the command's end, and
+// restores. After a SIGKILL the kernel removes the device, and the next run removes the rest by the undo log.
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <memory>
-#include <optional>
+#include <string>
 
 #include "CommandError.h"
 #include "Context.h"
 #include "commands/Commands.h"
 #include "connect/Agent.h"
 #include "tunnel/BringUp.h"
-#include "tunnel/ChildCommand.h"
-#include "tunnel/LinkWatch.h"
-#include "tunnel/OwnershipWatch.h"
+#include "tunnel/HeldTunnel.h"
 #include "tunnel/Signals.h"
 #include "tunnel/StderrCallbacks.h"
-#include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
 
@@ -33,51 +28,33 @@ struct Options {
     AgentOptions agent;
 };
 
-// Sleeps until a signal comes; throws when the device disappears meanwhile, or the configuration is taken away.
-void waitForSignal(const Signals& signals, const LinkWatch& link, const OwnershipWatch& ownership)
+int waitUntilEnd(Signals& signals, HeldTunnel& tunnel)
 {
-    pollfd watched[] = {
-        {signals.descriptor(), POLLIN, 0}, {link.descriptor(), POLLIN, 0}, {ownership.descriptor(), POLLIN, 0}};
-    poll(watched, 3, -1);
-    ownership.check();
-    if (link.isGone()) {
-        throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
-                           "connect again when it is wanted");
-    }
-}
-
-int waitUntilEnd(Signals& signals, const TunDevice& device, const std::string& text)
-{
-    const LinkWatch link(tunnelDeviceName);
-    const OwnershipWatch ownership;
-    std::optional<ChildCommand> child;
-    if (!text.empty()) {
-        // What the command needs to carry the tunnel's packets.
-        setenv("WFOAL_TUN_FD", std::to_string(device.descriptor()).c_str(), 1);
-        child.emplace(text, device.descriptor());
-    }
     while (!signals.isInterrupted()) {
-        if (child && child->status()) return *child->status();
-        waitForSignal(signals, link, ownership);
+        if (const auto status = tunnel.check()) return *status;
+        pollfd watched[] = {{signals.descriptor(), POLLIN, 0},
+                            {tunnel.linkDescriptor(), POLLIN, 0},
+                            {tunnel.ownershipDescriptor(), POLLIN, 0}};
+        poll(watched, 3, -1);
     }
-    return child ? child->end() : ExitOk;
+    return tunnel.endCommand();
 }
 
 int holdTunnel(Context& context, const Profile& profile, const std::string& command)
 {
     Signals signals;
     PluginLibrary& plugin = context.plugin();
-    const TunDevice device(profile.tunnel);
     StderrCallbacks callbacks(context.settings.verbosity > 0);
-    // Disposing of the object at the end of this scope restores the configuration.
-    const auto system = plugin.create<KEST_SystemPlugin>();
-    system->SetSystemPluginCB(&callbacks);
-    bringUp(*system, profile);
-    verifyFilter(profile);
+    HeldTunnel tunnel(plugin, profile, callbacks);
     printSummary(context.output, profile, "connected");
     if (command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
     if (!context.output.flush()) context.explain("nobody reads the output");
-    return waitUntilEnd(signals, device, command);
+    if (!command.empty()) {
+        // The command carries the tunnel's packets through this descriptor.
+        setenv("WFOAL_TUN_FD", std::to_string(tunnel.device()).c_str(), 1);
+        tunnel.start(command, tunnel.device());
+    }
+    return waitUntilEnd(signals, tunnel);
 }
 
 int connect(Context& context, const Options& options)

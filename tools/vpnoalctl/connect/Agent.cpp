@@ -5,16 +5,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <optional>
+#include <functional>
 #include <utility>
 
 #include "CommandError.h"
 #include "connect/AskUser.h"
 #include "tunnel/BringUp.h"
-#include "tunnel/ChildCommand.h"
-#include "tunnel/LinkWatch.h"
-#include "tunnel/OwnershipWatch.h"
-#include "tunnel/TunDevice.h"
+#include "tunnel/HeldTunnel.h"
 
 namespace vpnoalctl {
 
@@ -28,32 +25,6 @@ GatewayTrust::Question questionFor(Waiter& waiter)
     if (!canAskUser()) return nullptr;
     return [&waiter](const std::string& text) { return askUser(waiter, text); };
 }
-
-// The system object with the tunnel's configuration in force, restored at the end of the scope however it is left.
-class ConfiguredSystem {
-public:
-    ConfiguredSystem(const PluginLibrary& plugin, const Profile& profile, AgentEvents& events, EventLog& log)
-        : mLog(log), mSystem(plugin.create<KEST_SystemPlugin>())
-    {
-        mSystem->SetSystemPluginCB(&events);
-        bringUp(*mSystem, profile);
-        verifyFilter(profile);
-        mIsConfigured = true;
-    }
-    ConfiguredSystem(const ConfiguredSystem&) = delete;
-    ConfiguredSystem& operator=(const ConfiguredSystem&) = delete;
-    ~ConfiguredSystem()
-    {
-        mLog.restartClock();
-        mSystem.reset();
-        if (mIsConfigured) mLog.add("restored", "DNS, routes and filter are as before");
-    }
-
-private:
-    EventLog& mLog;
-    PluginPtr<KEST_SystemPlugin> mSystem;
-    bool mIsConfigured = false;
-};
 
 }  // namespace
 
@@ -82,48 +53,43 @@ int Agent::run()
     } catch (const Interrupted&) {
         throw CommandError("connect", "interrupted before the tunnel was up", "nothing was changed");
     }
-    const TunDevice device(mProfile.tunnel);
-    mCarrier = std::make_unique<PacketCarrier>(device.descriptor());
-    const ConfiguredSystem configured(mPlugin, mProfile, mEvents, mLog);
+    HeldTunnel tunnel(mPlugin, mProfile, mEvents, [this](const std::function<void()>& restore) {
+        mLog.restartClock();
+        restore();
+        mLog.add("restored", "DNS, routes and filter are as before");
+    });
+    mCarrier = std::make_unique<PacketCarrier>(tunnel.device());
     mLog.add(
         "configured",
         fmt::format("{}, {} routes, {} filter rules", tunnelDeviceName, mProfile.routes.size(), mProfile.filter.size()),
         summaryOf(mProfile));
     mCarrier->attach(mStream.get());
     mLog.add("connected", "packets flow", {}, Style::Good);
-    // What happened before the plug-in knew whom to tell.
+    // The network may have changed before the plug-in knew the callbacks.
     if (!mOuter.isOnPreferredInterface()) mEvents.put(AgentEvent::NetworkChanged);
-    return carry(device.descriptor());
+    return carry(tunnel);
 }
 
 void Agent::open()
 {
     mLog.restartClock();
-    // An attempt that begins now answers them.
+    // The attempt that begins now takes them into account.
     mEvents.forgetNetworkChanges();
     mStream = mOuter.open();
 }
 
-int Agent::carry(int device)
+int Agent::carry(HeldTunnel& tunnel)
 {
-    const LinkWatch link(tunnelDeviceName);
-    const OwnershipWatch ownership;
-    std::optional<ChildCommand> child;
-    if (!mOptions.command.empty()) child.emplace(mOptions.command, -1);
+    if (!mOptions.command.empty()) tunnel.start(mOptions.command, -1);
     while (!mSignals.isInterrupted()) {
-        if (child && child->status()) return *child->status();
-        if (link.isGone()) {
-            throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
-                               "connect again when it is wanted");
-        }
-        ownership.check();
+        if (const auto status = tunnel.check()) return *status;
         handleEvents();
         if (!mStream && !mAsleep && Clock::now() >= mNextAttempt) tryAgain();
         if (mStream && !mCarrier->carry()) lose(mStream->reason());
-        if (mStream || Clock::now() < mNextAttempt || mAsleep) wait(device, link.descriptor(), ownership.descriptor());
+        if (mStream || Clock::now() < mNextAttempt || mAsleep) wait(tunnel);
     }
     if (mStream) mStream->shutDown();
-    return child ? child->end() : ExitOk;
+    return tunnel.endCommand();
 }
 
 void Agent::handleEvents()
@@ -152,7 +118,7 @@ void Agent::handleEvents()
     }
 }
 
-// The configuration stays in force. The reason is a copy: it may be the stream's own.
+// The configuration stays installed. The reason is a copy: it may be the stream's own.
 void Agent::lose(std::string reason)
 {
     if (!mStream) return;
@@ -172,7 +138,7 @@ void Agent::tryAgain()
         mCarrier->attach(mStream.get());
         mLog.add("connected", "packets flow again", {}, Style::Good);
     } catch (const Interrupted&) {
-        // What interrupted it is looked at first.
+        // The caller handles the signal or event first.
     } catch (const CommandError& error) {
         retryLater(error);
     }
@@ -192,15 +158,15 @@ void Agent::retryLater(const CommandError& error)
     mPause = std::min(mPause * 2, longestPause);
 }
 
-void Agent::wait(int device, int link, int ownership)
+void Agent::wait(const HeldTunnel& tunnel)
 {
     const short deviceEvents = mCarrier->deviceEvents();
     const short streamEvents = mCarrier->streamEvents();
     pollfd watched[] = {{mSignals.descriptor(), POLLIN, 0},
                         {mEvents.descriptor(), POLLIN, 0},
-                        {link, POLLIN, 0},
-                        {ownership, POLLIN, 0},
-                        {deviceEvents != 0 ? device : -1, deviceEvents, 0},
+                        {tunnel.linkDescriptor(), POLLIN, 0},
+                        {tunnel.ownershipDescriptor(), POLLIN, 0},
+                        {deviceEvents != 0 ? tunnel.device() : -1, deviceEvents, 0},
                         {mStream ? mStream->descriptor() : -1, streamEvents, 0}};
     const bool forGood = mStream != nullptr || mAsleep;
     poll(watched, 6, forGood ? -1 : millisecondsUntil(mNextAttempt));

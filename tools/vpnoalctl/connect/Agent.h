@@ -17,6 +17,7 @@
 #include "connect/OuterConnection.h"
 #include "connect/PacketCarrier.h"
 #include "profile/Profile.h"
+#include "tunnel/HeldTunnel.h"
 
 namespace vpnoalctl {
 
@@ -38,12 +39,12 @@ private:
     using Clock = Waiter::Clock;
 
     void open();
-    int carry(int device);
+    int carry(HeldTunnel& tunnel);
     void handleEvents();
     void lose(std::string reason);
     void tryAgain();
     void retryLater(const CommandError& error);
-    void wait(int device, int link, int ownership);
+    void wait(const HeldTunnel& tunnel);
 
     const Profile& mProfile;
     const AgentOptions& mOptions;

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tunnel that `connect` holds: its device, its configuration, and the command that runs while it is up. The end of
+// the object ends the command, restores the configuration and removes the device, in this order.
+#ifndef VPNOALCTL_HELDTUNNEL_H
+#define VPNOALCTL_HELDTUNNEL_H
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "PluginLibrary.h"
+#include "profile/Profile.h"
+#include "tunnel/ChildCommand.h"
+#include "tunnel/LinkWatch.h"
+#include "tunnel/OwnershipWatch.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+class HeldTunnel {
+public:
+    /// Is called in place of the function that it gets, and must call it.
+    using RestoreReport = std::function<void(const std::function<void()>& restore)>;
+
+    /// Makes the device and installs the configuration. The plug-in calls `callbacks` from then on. Throws CommandError
+    /// when the plug-in or its platform refuses; nothing stays then.
+    HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks,
+               RestoreReport report = nullptr);
+    HeldTunnel(const HeldTunnel&) = delete;
+    HeldTunnel& operator=(const HeldTunnel&) = delete;
+    ~HeldTunnel();
+
+    /// The device's descriptor.
+    int device() const { return mDevice.descriptor(); }
+    /// Become readable when it is time to call check().
+    int linkDescriptor() const { return mLink->descriptor(); }
+    int ownershipDescriptor() const { return mOwnership->descriptor(); }
+
+    /// Starts a shell command. `inherited`, a descriptor or -1, is open in it under the same number.
+    void start(const std::string& command, int inherited);
+    /// The command's exit status once it has ended. Throws CommandError when somebody removed the device or the
+    /// configuration.
+    std::optional<int> check();
+    /// Ends the command and returns its exit status; ExitOk without one.
+    int endCommand();
+
+private:
+    TunDevice mDevice;
+    PluginPtr<KEST_SystemPlugin> mSystem;
+    RestoreReport mReport;
+    // They watch what is installed.
+    std::optional<LinkWatch> mLink;
+    std::optional<OwnershipWatch> mOwnership;
+    std::optional<ChildCommand> mCommand;
+};
+
+}  // namespace vpnoalctl
+
+#endif
