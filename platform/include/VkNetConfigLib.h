@@ -2,10 +2,10 @@
  *
  * The device's network configuration: addresses, routes and DNS of an interface, and the packet filter. Requests are
  * JSON texts, which are not kept. Each request is all or nothing and takes effect before the call returns. Calls may
- * come from any thread; they are worked off one at a time. They return 0 on success; on failure nothing is changed
+ * come from any thread; they are handled one at a time. They return 0 on success; on failure nothing is changed
  * and one line of the log names the key at fault.
  *
- * What is in force belongs to the process that put it there, for as long as that process lives; a request of another
+ * What is installed belongs to the process that installed it, for as long as that process lives; a request of another
  * one that would replace or remove it fails and names the owner. With VKNETCONFIG_TAKE_OVER=1 in the environment a
  * removal takes it from its owner, which finds a line in its log at its next request. When a process has ended, by
  * itself or not, its configuration stays. A request for the same interface or filter adopts it and changes only the
@@ -27,7 +27,7 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Puts an interface configuration in force; it replaces the one this interface had, which stays when this one fails.
+/* Installs an interface configuration; it replaces the one this interface had, which stays when this one fails.
  * The link is brought up; the address is added when the interface lacks it.
  *
  *   "ifName"             text, at most 15 characters; the interface must exist
@@ -45,7 +45,7 @@ extern "C" {
  * traffic goes into the interface by two /1 routes; the device's own default routes stay. */
 int CmAddInterfaceCfg2(const char* json);
 
-/* Takes back what was put in force for the interface, and only that. Nothing in force is no failure; that it belongs to
+/* Removes what was installed on the interface, and only that. Nothing installed is no failure; that it belongs to
  * another living process is one. */
 int CmDelInterfaceCfg(const char* ifName);
 

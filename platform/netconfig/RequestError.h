@@ -15,7 +15,7 @@
 
 namespace vknetconfig {
 
-/// Names the key of the request, or the step ("journal"), at fault.
+/// Names the key of the request, or the step ("undo log"), at fault.
 using RequestError = wfoal::JsonError;
 using wfoal::excerpt;
 

@@ -54,7 +54,7 @@ public:
                 if (InterfaceControl::isSubject(subject)) interfaces.removeStale(subject);
                 if (FirewallControl::isSubject(subject)) firewall.removeStale(subject);
             } catch (const std::exception& error) {
-                VKNETCONFIG_WARNING("%s: cleaning up after an ended process: %s", subject.c_str(), error.what());
+                VKNETCONFIG_WARNING("%s: removing the stale configuration: %s", subject.c_str(), error.what());
                 undoLog.release(subject);
             }
         }
@@ -64,9 +64,9 @@ public:
     {
         for (const UndoLog::Lost& lost : undoLog.takeLost()) {
             if (lost.by != 0) {
-                VKNETCONFIG_ERROR("%s: process %d took the configuration away", lost.subject.c_str(), lost.by);
+                VKNETCONFIG_ERROR("%s: process %d removed the configuration", lost.subject.c_str(), lost.by);
             } else {
-                VKNETCONFIG_ERROR("%s: somebody removed the journal of the configuration", lost.subject.c_str());
+                VKNETCONFIG_ERROR("%s: the files of the undo log were removed", lost.subject.c_str());
             }
         }
     }

@@ -94,7 +94,7 @@ void Dns::undo(std::string_view prepared)
     } else if (const std::string_view name = after(resolvconfWord, prepared); !name.empty()) {
         ResolvconfBackend().undo(name);
     } else {
-        throw RequestError("journal", "no DNS settings: " + excerpt(prepared));
+        throw RequestError("undo log", "no DNS settings: " + excerpt(prepared));
     }
 }
 

@@ -166,7 +166,7 @@ void DnsWatcher::dropUnwanted()
         if (!next->second.isWanted || next->second.isWanted()) {
             ++next;
         } else {
-            VKNETCONFIG_INFO("the DNS settings of %s are not set again: the configuration is no longer this process's",
+            VKNETCONFIG_INFO("the DNS settings of %s are not set again: this process no longer owns the configuration",
                              next->second.name.c_str());
             next = mWatched.erase(next);
         }

@@ -51,7 +51,7 @@ DnsDomain domainOf(std::string_view text)
 
 [[noreturn]] void refuse(std::string_view text)
 {
-    throw RequestError("journal", "no DNS settings: " + excerpt(text));
+    throw RequestError("undo log", "no DNS settings: " + excerpt(text));
 }
 
 // The next part of a text that a separator ends; none when nothing is left.

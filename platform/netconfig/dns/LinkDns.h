@@ -52,7 +52,7 @@ struct LinkChange {
     LinkDns before;
 
     std::string encode() const;
-    /// Throws a RequestError with the key "journal" when the text is no change.
+    /// Throws a RequestError with the key "undo log" when the text is no change.
     static LinkChange decode(std::string_view text);
 };
 

@@ -154,7 +154,7 @@ void InterfaceControl::replace(const InterfaceRequest& request, const std::strin
         throw;
     }
     commitUndoLog(subject, changes, earlier);
-    VKNETCONFIG_INFO("%s: %zu routes in force, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
+    VKNETCONFIG_INFO("%s: %zu routes installed, %zu of them new", request.ifName.c_str(), changes.wanted.routes.size(),
                      changes.added.routes.size());
 }
 
@@ -166,7 +166,7 @@ void InterfaceControl::remove(const std::string& ifName)
     const InterfaceRecord record = readRecord(subject, mUndoLog.ownForRemoval(subject));
     removeInstalled(record);
     forget(subject, record);
-    if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration taken back", ifName.c_str());
+    if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration removed", ifName.c_str());
 }
 
 void InterfaceControl::removeStale(const std::string& subject)
@@ -175,7 +175,7 @@ void InterfaceControl::removeStale(const std::string& subject)
     const InterfaceRecord record = readRecord(subject, mUndoLog.read(subject));
     removeInstalled(record);
     forget(subject, record);
-    VKNETCONFIG_INFO("%s: took back what an ended process had left", subject.c_str());
+    VKNETCONFIG_INFO("%s: removed the stale configuration of an ended process", subject.c_str());
 }
 
 // An ended process may have been in the middle of a change: then its record names what is not there, or no more.
@@ -315,7 +315,7 @@ void InterfaceControl::commitUndoLog(const std::string& subject, const Plan& pla
     try {
         mUndoLog.write(subject, unionOf(plan.wanted, {}, pendingPart(plan.dropped).dns).encode());
     } catch (const std::exception& error) {
-        VKNETCONFIG_WARNING("%s: the earlier configuration stays in the journal: %s", subject.c_str(), error.what());
+        VKNETCONFIG_WARNING("%s: the earlier configuration stays in the undo log: %s", subject.c_str(), error.what());
     }
 }
 

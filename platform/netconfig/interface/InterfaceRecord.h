@@ -23,7 +23,7 @@ struct InterfaceRecord {
     std::vector<std::string> dns;  // lines of the resolver, not looked into
 
     std::string encode() const;
-    /// Throws a RequestError with the key "journal" when the text is no record.
+    /// Throws a RequestError with the key "undo log" when the text is no record.
     static InterfaceRecord decode(std::string_view text);
 };
 

@@ -32,7 +32,7 @@ constexpr auto longestWait = std::chrono::seconds(10);
 
 [[noreturn]] void fail(const std::string& what)
 {
-    throw systemError("journal", what, errno);
+    throw systemError("undo log", what, errno);
 }
 
 std::string joined(std::string_view stem, std::string_view suffix)
@@ -139,7 +139,7 @@ std::string holderText(pid_t holder)
 
 [[noreturn]] void refuseForOwner(const std::string& subject, pid_t holder)
 {
-    throw RequestError("journal",
+    throw RequestError("undo log",
                        "the configuration of " + subject + " belongs to " + holderText(holder) + ", which is running");
 }
 
@@ -174,7 +174,7 @@ UndoLog::Lock UndoLog::lock(Create create)
     const auto end = std::chrono::steady_clock::now() + longestWait;
     while (!lockNow(lock.get())) {
         if (std::chrono::steady_clock::now() > end) {
-            throw RequestError("journal", holderText(holderIn(lock.get())) + " has been at work for 10 seconds");
+            throw RequestError("undo log", holderText(holderIn(lock.get())) + " has held the lock for 10 seconds");
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -323,7 +323,7 @@ std::string UndoLog::read(const std::string& subject) const
     const EntryHead head = headOf(stem);
     const std::string name = joined(stem, entrySuffix);
     if (head.kind == EntryKind::Unknown) {
-        throw RequestError("journal", "the entry " + mFolderPath + "/" + name + " has an unknown version");
+        throw RequestError("undo log", "the entry " + mFolderPath + "/" + name + " has an unknown version");
     }
     return head.kind == EntryKind::Here ? textOf(name).substr(head.content) : std::string();
 }

@@ -9,7 +9,7 @@
 //
 // A child of fork holds none of its parent's locks; it needs an undo log of its own. One process has one undo log.
 //
-// Not thread-safe: the library's one mutex guards it. Failures throw a RequestError with the key "journal"; then
+// Not thread-safe: the library's one mutex guards it. Failures throw a RequestError with the key "undo log"; then
 // nothing is owned that was not owned before.
 #ifndef VKNETCONFIG_UNDOLOG_H
 #define VKNETCONFIG_UNDOLOG_H

@@ -159,7 +159,7 @@ TEST_F(ForkTest, AChildIsRefusedTheInterfaceOfItsParentNamingIt)
     Forked child([] { return CmAddInterfaceCfg2(requestWithRoutes(3).c_str()) == 0 ? 1 : 7; });
     EXPECT_EQ(child.wait(), 7);
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                HasSubstr("CmAddInterfaceCfg2: journal: the configuration of interface-vpn0 belongs to process " +
+                HasSubstr("CmAddInterfaceCfg2: undo log: the configuration of interface-vpn0 belongs to process " +
                           std::to_string(getpid()) + ", which is running\n"));
     EXPECT_EQ(routesOf("vpn0").size(), 1U);
     EXPECT_EQ(CmAddInterfaceCfg2(requestWithRoutes(3).c_str()), 0) << "its parent still owns it";

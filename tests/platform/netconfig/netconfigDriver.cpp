@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // netconfigDriver STEP...: a process that makes requests, for tests that end processes or let system calls fail.
-//   add FILE       puts the interface configuration in FILE in force
-//   delete NAME    takes back the configuration of an interface
+//   add FILE       installs the interface configuration in FILE
+//   delete NAME    removes the configuration of an interface
 //   firewall FILE  sends the packet-filter request in FILE
 //   hold           prints "holding" and waits to be ended
 //   await FIFO     prints "waiting" and waits until somebody opens the FIFO for writing

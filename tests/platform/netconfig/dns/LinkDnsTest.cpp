@@ -112,17 +112,17 @@ TEST(LinkDnsTest, ALineThatIsNoChangeIsRefused)
                              "a a - - yes - - yes", "1 a 10.0.0.1 - yes - - yes", "1 a 10.0.0.1/x/ - yes - - yes",
                              "1 a 10.0.0.1/70000/ - yes - - yes", "1 a 10.0.0/0/ - yes - - yes", "1  - - yes - - yes",
                              "1 a 10.0.0.1/0/a/b - yes - - yes", "1 a , - yes - - yes"}) {
-        EXPECT_THAT(errorOf(text), StartsWith("journal: ")) << text;
+        EXPECT_THAT(errorOf(text), StartsWith("undo log: ")) << text;
     }
 }
 
-TEST(LinkDnsTest, WhatIsStillOursIsTakenBack)
+TEST(LinkDnsTest, WhatIsStillOursIsRestored)
 {
     const LinkChange change{{1, "a"}, tunnel, nothing};
     EXPECT_EQ(stateAfterUndo(change, tunnel), nothing);
 }
 
-TEST(LinkDnsTest, WhatWasSetOnlyInPartIsTakenBack)
+TEST(LinkDnsTest, WhatWasSetOnlyInPartIsRestored)
 {
     const LinkChange change{{1, "a"}, tunnel, nothing};
     EXPECT_EQ(stateAfterUndo(change, {tunnel.servers, {}, true}), nothing);

@@ -183,8 +183,8 @@ TEST_F(ResolvconfTest, TakingBackAfterTheToolIsGoneSucceeds)
 
 TEST_F(ResolvconfTest, ALineThatNobodyWroteIsRefused)
 {
-    EXPECT_THAT(errorOf([&] { dns.undo("somebody norvatun0"); }), StartsWith("journal: "));
-    EXPECT_THAT(errorOf([&] { dns.undo(""); }), StartsWith("journal: "));
+    EXPECT_THAT(errorOf([&] { dns.undo("somebody norvatun0"); }), StartsWith("undo log: "));
+    EXPECT_THAT(errorOf([&] { dns.undo(""); }), StartsWith("undo log: "));
 }
 
 TEST_F(ResolvconfTest, TheAgentsOpenFilesAreNotTheTools)

@@ -178,7 +178,7 @@ TEST_F(ResolvedTest, TakingBackRestoresWhatWasThereBefore)
     EXPECT_EQ(shown("dns"), "192.0.2.1:5353#dns.example 2001:db8::53");
 }
 
-TEST_F(ResolvedTest, AnotherProcessCanTakeBack)
+TEST_F(ResolvedTest, AnotherProcessCanUndo)
 {
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);
@@ -244,7 +244,7 @@ TEST_F(ResolvedTest, ARefusedSettingLeavesWhatOthersSet)
     EXPECT_EQ(status(), before);
 }
 
-TEST_F(ResolvedTest, ARenamedLinkIsTakenBackAsWell)
+TEST_F(ResolvedTest, ARenamedLinkIsRestoredAsWell)
 {
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -256,7 +256,7 @@ TEST_F(ResolvedTest, ARenamedLinkIsTakenBackAsWell)
     EXPECT_THAT(left, testing::Not(HasSubstr("corp.test")));
 }
 
-TEST_F(ResolvedTest, WhatIsTakenBackWhileTheServiceIsDownIsTakenBackWhenItIsUp)
+TEST_F(ResolvedTest, WhatIsUndoneWhileTheServiceIsDownIsRemovedWhenItIsUp)
 {
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);

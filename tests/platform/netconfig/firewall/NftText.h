@@ -10,7 +10,7 @@
 
 namespace testsupport {
 
-/// The commands that put a packet filter in force, in place of the label's earlier one. Given to nft at once they are
+/// The commands that install a packet filter, in place of the label's earlier one. Given to nft at once they are
 /// one transaction.
 std::string setUpCommands(const vknetconfig::FirewallRequest& request);
 

@@ -52,7 +52,7 @@ constexpr char twoRoutes[] =
 
 }  // namespace
 
-TEST_F(InterfaceControlTest, RoutesAreAppliedWithTheirMarkAndTakenBack)
+TEST_F(InterfaceControlTest, RoutesAreAppliedWithTheirMarkAndRemoved)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     EXPECT_THAT(routesOf("vpn0"), ElementsAre("172.16.5.4 via - metric 0 proto 119",
@@ -61,7 +61,7 @@ TEST_F(InterfaceControlTest, RoutesAreAppliedWithTheirMarkAndTakenBack)
     expectAllGone();
 }
 
-TEST_F(InterfaceControlTest, NothingInForceIsNoFailureToTakeBack)
+TEST_F(InterfaceControlTest, RemovingWhatIsNotInstalledIsNoFailure)
 {
     EXPECT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     EXPECT_EQ(CmDelInterfaceCfg("nowhere0"), 0);
@@ -177,7 +177,7 @@ TEST_F(InterfaceControlTest, ARequestThatCannotBeReadTouchesNothing)
     expectAllGone();
 }
 
-TEST_F(InterfaceControlTest, AnotherRequestReplacesTheConfigurationInForce)
+TEST_F(InterfaceControlTest, AnotherRequestReplacesTheInstalledConfiguration)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     ASSERT_EQ(add(R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[
@@ -190,7 +190,7 @@ TEST_F(InterfaceControlTest, AnotherRequestReplacesTheConfigurationInForce)
     expectAllGone();
 }
 
-TEST_F(InterfaceControlTest, AFailedReplacementLeavesTheConfigurationInForce)
+TEST_F(InterfaceControlTest, AFailedReplacementLeavesTheConfigurationInstalled)
 {
     ASSERT_EQ(add(twoRoutes), 0);
     const std::string inForce = networkSnapshot();
@@ -241,7 +241,7 @@ TEST_F(InterfaceControlTest, RoutesLostWithTheLinkComeBackWithTheSameRequest)
     expectAllGone();
 }
 
-TEST_F(InterfaceControlTest, OnlyWhatIsStillOursIsTakenBack)
+TEST_F(InterfaceControlTest, OnlyWhatIsStillOursIsRemoved)
 {
     run("ip address del 10.8.0.2/24 dev vpn0");
     ASSERT_EQ(add(twoRoutes), 0);

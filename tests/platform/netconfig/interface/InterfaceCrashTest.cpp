@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Processes that are killed, or end, with an interface configuration half or fully in force; and what the next process
+// Processes that are killed, or end, with an interface configuration half or fully installed; and what the next process
 // makes of it. Black box: a driver process is ended before each of its system calls in turn.
 #include <gmock/gmock.h>
 
@@ -144,7 +144,7 @@ TEST_F(InterfaceCrashTest, WhatALivingProcessHoldsIsRefusedNamingItUntilItIsDead
     run(driver("delete nothing0"));
     EXPECT_EQ(routesOf("vpn0").size(), 3U) << "a living process's configuration was taken for a dead one's";
     EXPECT_EQ(outputOf(driver("delete vpn0")),
-              "vknetconfig[3]: CmDelInterfaceCfg: journal: the configuration of "
+              "vknetconfig[3]: CmDelInterfaceCfg: undo log: the configuration of "
               "interface-vpn0 belongs to process " +
                   std::to_string(pid) + ", which is running\n");
     EXPECT_EQ(routesOf("vpn0").size(), 3U);

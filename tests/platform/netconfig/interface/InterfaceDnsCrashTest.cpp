@@ -80,7 +80,7 @@ TEST_F(InterfaceDnsCrashTest, KilledAtAnyStepTheNextProcessBringsTheServersBack)
     EXPECT_GT(changed, 5) << "the kills came too early or too late to prove anything";
 }
 
-TEST_F(InterfaceDnsCrashTest, WhatIsRemovedWhileResolvedIsDownStaysInTheJournalUntilItIsTold)
+TEST_F(InterfaceDnsCrashTest, WhatIsRemovedWhileResolvedIsDownStaysInTheUndoLogUntilItAnswers)
 {
     run(driver("add /tmp/dns.json delete vpn0"));
     const std::string before = state();

@@ -70,7 +70,7 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceDnsTest, ServersAndDomainsAreSetWithTheRoutesAndTakenBack)
+TEST_F(InterfaceDnsTest, ServersAndDomainsAreSetAndRemovedWithTheRoutes)
 {
     ASSERT_EQ(add("one.example"), 0);
     EXPECT_THAT(dns(), HasSubstr("10.8.0.1"));
@@ -117,7 +117,7 @@ TEST_F(InterfaceDnsTest, AReplacementReplacesTheSettings)
     expectAllGone();
 }
 
-TEST_F(InterfaceDnsTest, AFailedReplacementLeavesTheSettingsInForce)
+TEST_F(InterfaceDnsTest, AFailedReplacementLeavesTheSettingsInstalled)
 {
     ASSERT_EQ(add("one.example"), 0);
     const std::string inForce = state();
@@ -129,7 +129,7 @@ TEST_F(InterfaceDnsTest, AFailedReplacementLeavesTheSettingsInForce)
     expectAllGone();
 }
 
-TEST_F(InterfaceDnsTest, WhatADeadProcessSetIsTakenBackAlsoWhenTheInterfaceIsGone)
+TEST_F(InterfaceDnsTest, StaleSettingsAreRemovedAlsoWhenTheInterfaceIsGone)
 {
     std::ofstream("/tmp/request.json")
         << R"({"ifName":"vpn0","domainsOnIfDns":["one.example"],"ipv4":{"dns":["0x0100080a"]}})";

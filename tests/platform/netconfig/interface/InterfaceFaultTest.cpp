@@ -58,17 +58,17 @@ protected:
 
 }  // namespace
 
-TEST_F(InterfaceFaultTest, AFullDiskUnderTheJournalIsReported)
+TEST_F(InterfaceFaultTest, AFullDiskUnderTheUndoLogIsReported)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
     const std::string refusal = refusalOf(requestWithRoutes(10000, address));
-    EXPECT_EQ(refusal, "vknetconfig[3]: CmAddInterfaceCfg2: journal: write: No space left on device\n");
+    EXPECT_EQ(refusal, "vknetconfig[3]: CmAddInterfaceCfg2: undo log: write: No space left on device\n");
     EXPECT_EQ(networkSnapshot(), mBefore);
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
-TEST_F(InterfaceFaultTest, ADiskThatIsFullAtAReplacementKeepsTheConfigurationInForce)
+TEST_F(InterfaceFaultTest, ADiskThatIsFullAtAReplacementKeepsTheConfiguration)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
@@ -80,12 +80,12 @@ TEST_F(InterfaceFaultTest, ADiskThatIsFullAtAReplacementKeepsTheConfigurationInF
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
 
-TEST_F(InterfaceFaultTest, AJournalFolderThatCannotBeWrittenIsReported)
+TEST_F(InterfaceFaultTest, AnUndoLogFolderThatCannotBeWrittenIsReported)
 {
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("fixed", folder, "tmpfs", MS_RDONLY, nullptr), 0);
     EXPECT_EQ(refusalOf(requestWithRoutes(5, address)),
-              "vknetconfig[3]: CmAddInterfaceCfg2: journal: open /run/vknetconfig/turn: Read-only file system\n");
+              "vknetconfig[3]: CmAddInterfaceCfg2: undo log: open /run/vknetconfig/turn: Read-only file system\n");
     EXPECT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
@@ -118,7 +118,7 @@ TEST_F(InterfaceFaultTest, AnOrdinaryUserIsRefused)
     if (isInUserNamespace()) GTEST_SKIP() << "a user namespace of one user has no other";
     const std::string refusal =
         outputOf("setpriv --reuid=65534 --regid=65534 --clear-groups " + driver("add /tmp/request.json"));
-    EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: journal: make /run/vknetconfig: Permission denied"));
+    EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: undo log: make /run/vknetconfig: Permission denied"));
     EXPECT_EQ(networkSnapshot(), mBefore);
 }
 
@@ -126,7 +126,7 @@ TEST_F(InterfaceFaultTest, WithoutASocketItIsReported)
 {
     NEEDS_STRACE();
     const std::string refusal = withFault("socket", "error=EMFILE", "add /tmp/request.json");
-    EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: journal: network namespace: Too many open files"));
+    EXPECT_THAT(refusal, HasSubstr("CmAddInterfaceCfg2: undo log: network namespace: Too many open files"));
     EXPECT_EQ(networkSnapshot(), mBefore);
     EXPECT_FALSE(std::filesystem::exists(folder));
 }

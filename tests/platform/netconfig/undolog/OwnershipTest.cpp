@@ -48,7 +48,7 @@ protected:
 
     static std::string belongs(const char* subject, const RunningDriver& owner)
     {
-        return std::string("journal: the configuration of ") + subject + " belongs to process " +
+        return std::string("undo log: the configuration of ") + subject + " belongs to process " +
                std::to_string(owner.pid()) + ", which is running\n";
     }
 
@@ -85,11 +85,11 @@ TEST_F(OwnershipTest, ForceRemovesWhatBelongsToALivingProcessAndTheOwnerIsTold)
     EXPECT_THAT(output,
                 HasSubstr("vknetconfig[4]: firewall-vpn.vpnoal: taken from process " + pid + ", which is running\n"));
     expectAllGone();
-    EXPECT_EQ(owner.finish(), 0) << "nothing is in force any more, which is no failure";
+    EXPECT_EQ(owner.finish(), 0) << "nothing is installed any more, which is no failure";
     EXPECT_THAT(owner.output(),
-                testing::ContainsRegex("vknetconfig.3.: interface-vpn0: process [0-9]+ took the configuration away"));
+                testing::ContainsRegex("vknetconfig.3.: interface-vpn0: process [0-9]+ removed the configuration"));
     EXPECT_THAT(owner.output(), testing::ContainsRegex(
-                                    "vknetconfig.3.: firewall-vpn.vpnoal: process [0-9]+ took the configuration away"));
+                                    "vknetconfig.3.: firewall-vpn.vpnoal: process [0-9]+ removed the configuration"));
     expectAllGone();
 }
 
@@ -118,14 +118,14 @@ TEST_F(OwnershipTest, ARequestAfterAnEndedProcessTakesOverItsConfiguration)
     RunningDriver next({"add", "/tmp/second.json"});
     EXPECT_THAT(routesOf("vpn0"),
                 ElementsAre("192.168.0.0/16 via - metric 0 proto 119", "198.51.100.0/24 via - metric 0 proto 119"));
-    EXPECT_THAT(next.output(), HasSubstr("vpn0: 2 routes in force, 1 of them new")) << "the other was adopted";
+    EXPECT_THAT(next.output(), HasSubstr("vpn0: 2 routes installed, 1 of them new")) << "the other was adopted";
     EXPECT_THAT(outputOf(driver("delete vpn0")), HasSubstr(belongs("interface-vpn0", next)));
     next.kill();
     run(driver("delete vpn0"));
     expectAllGone();
 }
 
-TEST_F(OwnershipTest, ARefusedRequestLeavesWhatAnEndedProcessHadInForce)
+TEST_F(OwnershipTest, ARefusedRequestLeavesWhatAnEndedProcessHadInstalled)
 {
     run(driver("add /tmp/first.json"));
     const std::string inForce = networkSnapshot();
@@ -207,7 +207,7 @@ TEST_F(OwnershipTest, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemoved
     const std::string inForce = outputOf("nft list ruleset");
     const std::string refused =
         driverUnderStrace("-o /dev/null -e trace=fsync -e inject=fsync:error=EIO", "firewall /tmp/other-filter.json");
-    EXPECT_THAT(outputOf(refused), HasSubstr("VkFirewallFullCtrl: journal: sync "));
+    EXPECT_THAT(outputOf(refused), HasSubstr("VkFirewallFullCtrl: undo log: sync "));
     EXPECT_EQ(outputOf("nft list ruleset"), inForce);
     RunningDriver next({"firewall", "/tmp/other-filter.json"});
     EXPECT_THAT(outputOf("nft list ruleset"), Not(HasSubstr("drop")));

@@ -128,7 +128,7 @@ TEST(UndoLogTest, AnyThreadCanAskWhetherAnEntryStillHasALine)
         ASSERT_EQ(unlink(path.c_str()), 0);
         ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     }
-    EXPECT_EQ(errorOf([&] { hasLine(); }), "journal: read: Is a directory");
+    EXPECT_EQ(errorOf([&] { hasLine(); }), "undo log: read: Is a directory");
 }
 
 TEST(UndoLogTest, WithoutAFolderThereIsNothingAndNothingIsMade)
@@ -263,7 +263,7 @@ constexpr char recordOfVersion1[] =
 
 }  // namespace
 
-TEST(UndoLogTest, AnEntryOfTheVersionBeforeIsTakenOver)
+TEST(UndoLogTest, AnEntryOfTheVersionBeforeIsAdopted)
 {
     writeEntryOfVersion1(recordOfVersion1);
     std::ofstream(std::string(folder) + "/interface-vpn0.lock") << "4711\n";
@@ -298,7 +298,7 @@ TEST(UndoLogTest, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     const std::string refusal =
-        "journal: the configuration of interface-vpn0 belongs to process 4711, which is running";
+        "undo log: the configuration of interface-vpn0 belongs to process 4711, which is running";
     EXPECT_EQ(errorOf([&] { undoLog.own("interface-vpn0"); }), refusal);
     EXPECT_EQ(errorOf([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
     EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", "interface-vpn0.journal", "interface-vpn0.lock"));
@@ -322,7 +322,7 @@ TEST(UndoLogTest, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
         EXPECT_THAT(claimAll(other), IsEmpty());
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "vknetconfig[4]: the entry " + name + " is kept: it has an unknown version\n");
-        const std::string refusal = "journal: the entry " + name + " has an unknown version";
+        const std::string refusal = "undo log: the entry " + name + " has an unknown version";
         EXPECT_EQ(errorOf([&] { other.own("a"); }), refusal);
         EXPECT_EQ(errorOf([&] { other.ownForRemoval("a"); }), refusal);
         EXPECT_FALSE(other.owns("a"));
@@ -379,7 +379,7 @@ TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
     std::filesystem::create_directory("/tmp/elsewhere");
     std::filesystem::create_symlink("/tmp/elsewhere", folder);
     UndoLog undoLog;
-    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("journal: open /run/vknetconfig"));
+    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("undo log: open /run/vknetconfig"));
 }
 
 TEST(UndoLogTest, DescriptorsAreCloseOnExec)
