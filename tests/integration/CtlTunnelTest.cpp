@@ -293,13 +293,13 @@ TEST_F(CtlTunnelTest, ProfileWithDnsIsRefusedWholeWithoutAResolver)
     expectStateAsBefore();
 }
 
-TEST_F(CtlTunnelTest, JournalFolderThatCannotBeMadeIsReportedAndNothingStays)
+TEST_F(CtlTunnelTest, UndoLogFolderThatCannotBeMadeIsReportedAndNothingStays)
 {
     std::ofstream("/run/vknetconfig") << "no folder";
     writeProfile(goodProfile);
     const CommandResult result = run({"connect", profile});
     EXPECT_EQ(1, result.status);
-    EXPECT_THAT(result.output, HasSubstr("journal"));
+    EXPECT_THAT(result.output, HasSubstr("undo log: "));
     expectStateAsBefore();
 }
 
