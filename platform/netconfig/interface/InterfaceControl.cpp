@@ -9,33 +9,14 @@
 
 #include "Log.h"
 #include "RequestError.h"
+#include "interface/RecordValues.h"
+#include "interface/StepErrors.h"
 
 namespace vknetconfig {
 
 namespace {
 
 constexpr std::string_view subjectPrefix = "interface-";
-
-template <class Value>
-bool contains(const std::vector<Value>& values, const Value& value)
-{
-    return std::find(values.begin(), values.end(), value) != values.end();
-}
-
-std::vector<Route> sorted(std::vector<Route> routes)
-{
-    std::sort(routes.begin(), routes.end());
-    return routes;
-}
-
-// In their order; `others` are sorted.
-std::vector<Route> without(const std::vector<Route>& routes, const std::vector<Route>& others)
-{
-    std::vector<Route> left;
-    std::copy_if(routes.begin(), routes.end(), std::back_inserter(left),
-                 [&](const Route& route) { return !std::binary_search(others.begin(), others.end(), route); });
-    return left;
-}
 
 std::vector<Route> onePerGateway(const std::vector<Route>& routes)
 {
@@ -48,11 +29,6 @@ std::vector<Route> onePerGateway(const std::vector<Route>& routes)
     for (const auto& [gateway, route] : found)
         chosen.push_back(route);
     return chosen;
-}
-
-bool hasAddress(const std::vector<AddressFound>& found, const InterfaceAddress& address)
-{
-    return std::any_of(found.begin(), found.end(), [&](const AddressFound& one) { return one.address == address; });
 }
 
 // Drop a damaged entry: failing on it would block every later request.
@@ -75,27 +51,6 @@ InterfaceRecord unionOf(InterfaceRecord record, const InterfaceRecord& dropped, 
                  [&](const std::string& line) { return !contains(record.dns, line); });
     return record;
 }
-
-// Runs every step, whatever fails, and then throws the first failure.
-class StepErrors {
-public:
-    template <class Step>
-    void attempt(Step step)
-    {
-        try {
-            step();
-        } catch (...) {
-            if (!mFirst) mFirst = std::current_exception();
-        }
-    }
-    void throwFirst() const
-    {
-        if (mFirst) std::rethrow_exception(mFirst);
-    }
-
-private:
-    std::exception_ptr mFirst;
-};
 
 }  // namespace
 
@@ -131,7 +86,7 @@ void InterfaceControl::apply(const InterfaceRequest& request)
     NewOwnership ownership(mUndoLog, subject);
     const bool isOurs = mUndoLog.owns(subject);
     InterfaceRecord earlier = readRecord(subject, mUndoLog.own(subject));
-    if (!isOurs) earlier = installedPart(std::move(earlier));
+    if (!isOurs) earlier = mInstalled.installedPart(std::move(earlier));
     replace(request, subject, earlier);
     ownership.keep();
 }
@@ -176,23 +131,6 @@ void InterfaceControl::removeStale(const std::string& subject)
     removeInstalled(record);
     forget(subject, record);
     VKNETCONFIG_INFO("%s: removed the stale configuration of an ended process", subject.c_str());
-}
-
-// An ended process may have been in the middle of a change: then its record names what is not there, or no more.
-InterfaceRecord InterfaceControl::installedPart(InterfaceRecord record)
-{
-    if (!isThere(record)) return record;
-    const std::vector<Route> installed = ownRoutesOf(mSocket, record.index);
-    const auto isMissing = [&installed](const Route& route) {
-        return !std::binary_search(installed.begin(), installed.end(), route);
-    };
-    record.routes.erase(std::remove_if(record.routes.begin(), record.routes.end(), isMissing), record.routes.end());
-    std::vector<InterfaceAddress> addresses;
-    for (const AddressFound& found : addressesOf(mSocket, record.index)) {
-        if (found.isOurs && contains(record.addresses, found.address)) addresses.push_back(found.address);
-    }
-    record.addresses = std::move(addresses);
-    return record;
 }
 
 // Ignores a record of an earlier interface with the same name.
@@ -267,15 +205,15 @@ void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceR
 // more.
 void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
 {
-    if (const auto failure = install(plan.added)) refuse(*failure, request, plan.added);
+    if (const auto failure = mInstalled.install(plan.added)) refuse(*failure, request, plan.added);
     if (!plan.dropped.addresses.empty() || !plan.dropped.routes.empty()) {
-        removeKernelPart(plan.dropped);
+        mInstalled.remove(plan.dropped);
         // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by
         // a dropped route, which shows when the kernel is asked again.
-        InterfaceRecord missing = partNotInstalled(plan.wanted);
+        InterfaceRecord missing = mInstalled.partNotInstalled(plan.wanted);
         const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
         missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
-        if (const auto failure = install(missing)) refuse(*failure, request, missing);
+        if (const auto failure = mInstalled.install(missing)) refuse(*failure, request, missing);
     }
     plan.hasDnsBegun = true;
     for (const std::string& line : plan.added.dns)
@@ -289,9 +227,10 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
 {
     try {
         if (plan.hasDnsBegun) rollBackDns(plan, earlier);
-        removeKernelPart(plan.added);
+        mInstalled.remove(plan.added);
         if (earlier.name.empty()) return forget(subject, plan.added);
-        if (const auto failure = install(partNotInstalled(earlier))) throw RequestError("netlink", failure->reason());
+        if (const auto failure = mInstalled.install(mInstalled.partNotInstalled(earlier)))
+            throw RequestError("netlink", failure->reason());
         mUndoLog.write(subject, earlier.encode());
     } catch (const std::exception& error) {
         VKNETCONFIG_ERROR("%s: rolling back: %s", subject.c_str(), error.what());
@@ -346,102 +285,14 @@ std::function<bool()> InterfaceControl::recordCheck(const std::string& ifName, c
     return mUndoLog.lineCheck(subjectOf(ifName), "dns " + dns);
 }
 
-// The first failure, when there is one; then the rest may have been left out.
-std::optional<NetlinkFailure> InterfaceControl::install(const InterfaceRecord& record)
-{
-    // An equal one that is there already: given twice in the request, or added by another process in this moment.
-    NetlinkBatch batch(mSocket, {EEXIST});
-    if (record.linkBefore) addLinkUp(batch, record.index);
-    for (const InterfaceAddress& address : record.addresses)
-        addAddress(batch, record.index, address);
-    for (const Route& route : record.routes) {
-        if (batch.hasFailed()) break;
-        addRoute(batch, record.index, route);
-    }
-    const std::vector<NetlinkFailure>& failures = batch.finish();
-    return failures.empty() ? std::nullopt : std::optional(failures.front());
-}
-
-// The part of a record that is not, or no longer, installed.
-InterfaceRecord InterfaceControl::partNotInstalled(const InterfaceRecord& record)
-{
-    InterfaceRecord missing;
-    missing.index = record.index;
-    missing.name = record.name;
-    const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
-    if (!link || link->name != record.name) return missing;
-    if (record.linkBefore && !link->isUp) missing.linkBefore = record.linkBefore;
-    const std::vector<AddressFound> found = addressesOf(mSocket, record.index);
-    for (const InterfaceAddress& address : record.addresses) {
-        if (!hasAddress(found, address)) missing.addresses.push_back(address);
-    }
-    missing.routes = without(record.routes, ownRoutesOf(mSocket, record.index));
-    return missing;
-}
-
-// Whether the record is about an interface that exists: one that got its index later has another name.
-bool InterfaceControl::isThere(const InterfaceRecord& record)
-{
-    if (record.name.empty()) return false;
-    const std::optional<LinkState> link = linkWithIndex(mSocket, record.index);
-    return link && link->name == record.name;
-}
-
 // Removes what is still there and still ours.
 void InterfaceControl::removeInstalled(const InterfaceRecord& record)
 {
     StepErrors errors;
     for (const std::string& line : record.dns)
         errors.attempt([&] { mDns.undo(line); });
-    errors.attempt([&] { removeKernelPart(record); });
+    errors.attempt([&] { mInstalled.remove(record); });
     errors.throwFirst();
-}
-
-void InterfaceControl::removeKernelPart(const InterfaceRecord& record)
-{
-    if (!isThere(record)) return;
-    StepErrors errors;
-    errors.attempt([&] { removeRoutes(record); });
-    errors.attempt([&] { removeAddresses(record); });
-    errors.attempt([&] { restoreLink(record); });
-    errors.throwFirst();
-}
-
-void InterfaceControl::removeRoutes(const InterfaceRecord& record)
-{
-    if (record.routes.empty()) return;
-    const std::vector<Route> wanted = sorted(record.routes);
-    NetlinkBatch batch(mSocket, {ESRCH, ENODEV});
-    for (const Route& route : ownRoutesOf(mSocket, record.index)) {
-        if (std::binary_search(wanted.begin(), wanted.end(), route)) removeRoute(batch, record.index, route);
-    }
-    const std::vector<NetlinkFailure>& failures = batch.finish();
-    if (!failures.empty()) throw RequestError("netlink", "removing a route: " + failures.front().reason());
-}
-
-void InterfaceControl::removeAddresses(const InterfaceRecord& record)
-{
-    if (record.addresses.empty()) return;
-    NetlinkBatch batch(mSocket, {EADDRNOTAVAIL, ENODEV});
-    for (const AddressFound& found : addressesOf(mSocket, record.index)) {
-        if (found.isOurs && contains(record.addresses, found.address))
-            removeAddress(batch, record.index, found.address);
-    }
-    const std::vector<NetlinkFailure>& failures = batch.finish();
-    if (!failures.empty()) throw RequestError("netlink", "removing an address: " + failures.front().reason());
-}
-
-void InterfaceControl::restoreLink(const InterfaceRecord& record)
-{
-    const std::optional<LinkState> now = linkWithIndex(mSocket, record.index);
-    if (!record.linkBefore || !now) return;
-    NetlinkBatch batch(mSocket, {ENODEV});
-    addLinkRestore(batch, *record.linkBefore, *now);
-    // Only the first message takes the link down; the others tidy up where that makes sense.
-    const std::vector<NetlinkFailure>& failures = batch.finish();
-    if (now->isUp && !failures.empty() && failures.front().index == 0) {
-        throw RequestError("netlink", "taking the link down: " + failures.front().reason());
-    }
 }
 
 }  // namespace vknetconfig

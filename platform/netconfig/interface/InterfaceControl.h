@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "dns/Dns.h"
+#include "interface/InstalledConfiguration.h"
 #include "interface/InterfaceRecord.h"
 #include "interface/InterfaceRequest.h"
 #include "kernel/NetlinkSocket.h"
@@ -48,7 +49,6 @@ private:
     };
 
     void replace(const InterfaceRequest& request, const std::string& subject, InterfaceRecord& earlier);
-    InterfaceRecord installedPart(InterfaceRecord record);
     LinkState linkFor(const InterfaceRequest& request, InterfaceRecord& earlier);
     Plan plan(const InterfaceRequest& request, const LinkState& link, const InterfaceRecord& earlier);
     void planAddress(const InterfaceRequest& request, const InterfaceRecord& earlier, Plan& plan);
@@ -65,17 +65,11 @@ private:
     InterfaceRecord pendingPart(const InterfaceRecord& record) const;
     std::function<bool()> recordCheck(const std::string& ifName, const std::string& dns) const;
 
-    std::optional<NetlinkFailure> install(const InterfaceRecord& record);
-    InterfaceRecord partNotInstalled(const InterfaceRecord& record);
-    bool isThere(const InterfaceRecord& record);
     void removeInstalled(const InterfaceRecord& record);
-    void removeKernelPart(const InterfaceRecord& record);
-    void removeRoutes(const InterfaceRecord& record);
-    void removeAddresses(const InterfaceRecord& record);
-    void restoreLink(const InterfaceRecord& record);
 
     UndoLog& mUndoLog;
     NetlinkSocket mSocket;
+    InstalledConfiguration mInstalled{mSocket};
     Dns mDns;
 };
 

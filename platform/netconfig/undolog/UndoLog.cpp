@@ -16,6 +16,7 @@
 #include "Log.h"
 #include "RequestError.h"
 #include "handles/Stdio.h"
+#include "undolog/LockFile.h"
 
 namespace vknetconfig {
 
@@ -97,44 +98,6 @@ std::string_view stemOfFile(std::string_view name)
         }
     }
     return {};
-}
-
-bool isLinked(int file, int folder, const std::string& name)
-{
-    struct stat held {};
-    struct stat found {};
-    return fstat(file, &held) == 0 && fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
-           held.st_ino == found.st_ino && held.st_dev == found.st_dev;
-}
-
-void nameHolder(int file)
-{
-    const std::string text = std::to_string(getpid()) + "\n";
-    if (ftruncate(file, 0) != 0 || pwrite(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        fail("write lock");
-    }
-}
-
-// A lock of the process: a child of fork does not have it, not even before it executes another program, and it ends
-// with the process. It also ends when the process closes any descriptor of the file, so a file that is locked must not
-// be opened a second time. A file that is open for reading only, as on a disk that cannot be written, cannot be locked
-// for writing; there nobody writes.
-bool lockNow(int file)
-{
-    struct flock wanted {};
-    const int mode = fcntl(file, F_GETFL);
-    wanted.l_type = mode >= 0 && (mode & O_ACCMODE) == O_RDONLY ? F_RDLCK : F_WRLCK;
-    wanted.l_whence = SEEK_SET;
-    while (fcntl(file, F_SETLK, &wanted) != 0) {
-        if (errno == EACCES || errno == EAGAIN) return false;
-        if (errno != EINTR) fail("lock");
-    }
-    return true;
-}
-
-std::string holderText(pid_t holder)
-{
-    return holder > 0 ? "process " + std::to_string(holder) : std::string("another process");
 }
 
 [[noreturn]] void refuseForOwner(const std::string& subject, pid_t holder)
