@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "Comparison.h"
-#include "firewall/FirewallRequest.h"
 #include "NftText.h"
-#include "dns/ToolRun.h"
 #include "VkNetConfigLib.h"
+#include "dns/Subprocess.h"
+#include "firewall/FirewallRequest.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ void runNft(const std::vector<std::string>& arguments)
 {
     std::vector<std::string> command{"nft"};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    require(vknetconfig::runTool(command, {}, std::chrono::minutes(1)).succeeded(), "nft");
+    require(vknetconfig::runSubprocess(command, {}, std::chrono::minutes(1)).succeeded(), "nft");
 }
 
 std::string address(int number)

@@ -3,7 +3,7 @@
 
 #include "RequestError.h"
 #include "dns/LinkDns.h"
-#include "dns/ToolRun.h"
+#include "dns/Subprocess.h"
 
 namespace vknetconfig {
 
@@ -12,9 +12,9 @@ namespace {
 constexpr char tool[] = "resolvconf";
 constexpr auto longestRun = std::chrono::seconds(5);
 
-ToolResult run(const char* operation, std::string_view interfaceName, std::string_view input)
+SubprocessResult run(const char* operation, std::string_view interfaceName, std::string_view input)
 {
-    return runTool({tool, operation, std::string(interfaceName) + ".vknetconfig"}, input, longestRun);
+    return runSubprocess({tool, operation, std::string(interfaceName) + ".vknetconfig"}, input, longestRun);
 }
 
 std::string fileFor(const DnsSettings& settings)
@@ -35,9 +35,9 @@ bool ResolvconfBackend::works()
 {
     // No option is common to every resolvconf implementation; all of them exit normally on --version. One of them is a
     // link to resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
-    const ToolResult answer = runTool({tool, "--version"}, {}, longestRun);
+    const SubprocessResult answer = runSubprocess({tool, "--version"}, {}, longestRun);
     constexpr std::string_view resolvectlSays = "systemd ";
-    return answer.end == ToolResult::End::exited &&
+    return answer.outcome == SubprocessResult::Outcome::Exited &&
            answer.output.compare(0, resolvectlSays.size(), resolvectlSays) != 0;
 }
 
@@ -48,14 +48,14 @@ std::string ResolvconfBackend::prepare(const Link& link, const DnsSettings&, con
 
 void ResolvconfBackend::set(const Link& link, const DnsSettings& settings)
 {
-    const ToolResult result = run("-a", link.name, fileFor(settings));
+    const SubprocessResult result = run("-a", link.name, fileFor(settings));
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
 }
 
 bool ResolvconfBackend::undo(std::string_view prepared)
 {
     if (!works()) return true;
-    const ToolResult result = run("-d", prepared, {});
+    const SubprocessResult result = run("-d", prepared, {});
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
     return true;
 }

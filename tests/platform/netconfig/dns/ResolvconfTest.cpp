@@ -19,7 +19,7 @@
 #include "Daemons.h"
 #include "RequestError.h"
 #include "dns/Dns.h"
-#include "dns/ToolRun.h"
+#include "dns/Subprocess.h"
 #include "handles/UniqueFd.h"
 
 using namespace vknetconfig;
@@ -213,32 +213,32 @@ TEST_F(ResolvconfTest, SignalsThatTheAgentBlocksOrIgnoresReachTheTool)
     EXPECT_EQ(contentOf("/tmp/signals"), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 
-TEST(ToolRunTest, AResultIsToldInWords)
+TEST(SubprocessTest, AResultIsToldInWords)
 {
-    EXPECT_EQ(runTool({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
-    EXPECT_TRUE(runTool({"true"}, {}, 5s).succeeded());
-    EXPECT_EQ(runTool({"sh", "-c", "kill -9 $$"}, {}, 5s).reason(), "killed by signal 9");
-    EXPECT_EQ(runTool({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
+    EXPECT_EQ(runSubprocess({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
+    EXPECT_TRUE(runSubprocess({"true"}, {}, 5s).succeeded());
+    EXPECT_EQ(runSubprocess({"sh", "-c", "kill -9 $$"}, {}, 5s).reason(), "killed by signal 9");
+    EXPECT_EQ(runSubprocess({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
 }
 
-TEST(ToolRunTest, AMegabyteInAndOutBlocksNobody)
+TEST(SubprocessTest, AMegabyteInAndOutBlocksNobody)
 {
     const std::string megabyte(1 << 20, 'x');
-    const ToolResult result = runTool({"cat"}, megabyte, 20s);
+    const SubprocessResult result = runSubprocess({"cat"}, megabyte, 20s);
     EXPECT_TRUE(result.succeeded());
     EXPECT_EQ(result.output, std::string(200, 'x'));
 }
 
-TEST(ToolRunTest, ArgumentsAreNoShellText)
+TEST(SubprocessTest, ArgumentsAreNoShellText)
 {
-    const ToolResult result = runTool({"echo", "$(id); `id` *"}, {}, 5s);
+    const SubprocessResult result = runSubprocess({"echo", "$(id); `id` *"}, {}, 5s);
     EXPECT_EQ(result.output, "$(id); `id` *");
 }
 
-TEST(ToolRunTest, AnAgentThatIgnoresItsChildrenIsToldSo)
+TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
 {
     const auto handler = signal(SIGCHLD, SIG_IGN);
-    const ToolResult result = runTool({"true"}, {}, 5s);
+    const SubprocessResult result = runSubprocess({"true"}, {}, 5s);
     signal(SIGCHLD, handler);
-    EXPECT_EQ(result.end, ToolResult::End::unknown);
+    EXPECT_EQ(result.outcome, SubprocessResult::Outcome::Unknown);
 }

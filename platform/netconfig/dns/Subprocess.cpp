@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/ToolRun.h"
+#include "dns/Subprocess.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -58,7 +58,7 @@ private:
     posix_spawn_file_actions_t mActions;
 };
 
-// A file in memory: neither writing the input nor the program's output can block anybody.
+// A file in memory: neither writing the input nor the program's output can block.
 UniqueFd memoryFile(std::string_view content)
 {
     UniqueFd file(memfd_create("vknetconfig", MFD_CLOEXEC));
@@ -112,13 +112,13 @@ bool ended(int process, std::chrono::milliseconds longest)
 }
 
 // Waits by descriptor: the agent may have its own ideas about SIGCHLD.
-ToolResult waitFor(pid_t pid, std::chrono::milliseconds longest)
+SubprocessResult waitForExit(pid_t pid, std::chrono::milliseconds longest)
 {
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    ToolResult result;
-    // Where children are ignored it may be gone already, and its number be somebody else's.
+    SubprocessResult result;
+    // If SIGCHLD is ignored, the child may be reaped already and its pid reused.
     if (!process.valid() && errno == ESRCH) {
-        result.end = ToolResult::End::unknown;
+        result.outcome = SubprocessResult::Outcome::Unknown;
         return result;
     }
     const bool inTime = process.valid() && ended(process.get(), longest);
@@ -130,33 +130,35 @@ ToolResult waitFor(pid_t pid, std::chrono::milliseconds longest)
     } while (waited != 0 && errno == EINTR);
     result.code = information.si_status;
     if (!inTime) {
-        result.end = ToolResult::End::tookTooLong;
+        result.outcome = SubprocessResult::Outcome::TimedOut;
     } else if (waited != 0) {
-        result.end = ToolResult::End::unknown;
+        result.outcome = SubprocessResult::Outcome::Unknown;
     } else {
-        result.end = information.si_code == CLD_EXITED ? ToolResult::End::exited : ToolResult::End::killed;
+        result.outcome =
+            information.si_code == CLD_EXITED ? SubprocessResult::Outcome::Exited : SubprocessResult::Outcome::Killed;
     }
     return result;
 }
 
 }  // namespace
 
-std::string ToolResult::reason() const
+std::string SubprocessResult::reason() const
 {
     const std::string said = output.empty() ? std::string() : ": " + excerpt(output);
-    switch (end) {
-    case End::exited: return "exit code " + std::to_string(code) + said;
-    case End::notStarted: return std::string("it cannot be started: ") + std::strerror(code);
-    case End::killed: return "killed by signal " + std::to_string(code) + said;
-    case End::tookTooLong: return "it takes too long";
-    case End::unknown: return "its result is lost, as the program ignores SIGCHLD";
+    switch (outcome) {
+    case Outcome::Exited: return "exit code " + std::to_string(code) + said;
+    case Outcome::NotStarted: return std::string("it cannot be started: ") + std::strerror(code);
+    case Outcome::Killed: return "killed by signal " + std::to_string(code) + said;
+    case Outcome::TimedOut: return "it takes too long";
+    case Outcome::Unknown: return "its result is lost, as the program ignores SIGCHLD";
     }
     return {};
 }
 
-ToolResult runTool(const std::vector<std::string>& command, std::string_view input, std::chrono::milliseconds longest)
+SubprocessResult runSubprocess(const std::vector<std::string>& command, std::string_view input,
+                               std::chrono::milliseconds longest)
 {
-    ToolResult result;
+    SubprocessResult result;
     const UniqueFd inputFile = memoryFile(input);
     const UniqueFd outputFile = memoryFile({});
     if (!inputFile.valid() || !outputFile.valid()) {
@@ -182,7 +184,7 @@ ToolResult runTool(const std::vector<std::string>& command, std::string_view inp
     result.code =
         posix_spawn(&pid, path.c_str(), settings.actions(), settings.attributes(), arguments.data(), environment);
     if (result.code != 0) return result;
-    result = waitFor(pid, longest);
+    result = waitForExit(pid, longest);
     result.output = firstLine(outputFile.get());
     return result;
 }
