@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <systemd/sd-id128.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -242,7 +243,11 @@ std::string ResolvedManager::owner()
     const SdBusMessagePtr owned(answer);
     const char* name = nullptr;
     if (result < 0 || sd_bus_message_read(answer, "s", &name) < 0) return {};
-    return name;
+    // A bus that restarted gives the same names once more, but has another id.
+    sd_id128_t id{};
+    check(sd_bus_get_bus_id(mBus.get(), &id), "system bus");
+    char text[SD_ID128_STRING_MAX] = {};
+    return std::string(name) + "@" + sd_id128_to_string(id, text);
 }
 
 // Empty when the link, or the service, is not there.

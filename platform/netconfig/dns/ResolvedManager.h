@@ -37,7 +37,7 @@ public:
     /// Whether it answers. It is started when the bus knows how.
     bool answers();
 
-    /// Its unique name on the bus, another one after each restart; empty when it is not there.
+    /// Who it is: another text after each restart of it or of the bus. Empty when it is not there.
     std::string owner();
 
     /// What it has of a link; nothing when the link, or the service, is not there.

@@ -383,6 +383,22 @@ TEST_F(ResolvedTest, ARestartOfTheBusIsSurvived)
     EXPECT_EQ(shown("dns"), "10.8.0.1 10.8.0.2");
 }
 
+// Its names are given anew, so systemd-resolved often has the one that it had on the bus before.
+TEST_F(ResolvedTest, ARestartOfTheBusBeforeTheWatcherListensIsSurvived)
+{
+    for (int round = 0; round < 3; ++round) {
+        Dns configuration;
+        configuration.set(link(), tunnel, configuration.prepare(link(), tunnel));
+        bus.sendSignal(SIGKILL);
+        bus.wait();
+        resolved.stop();
+        std::filesystem::remove_all("/run/systemd/resolve/netif");
+        bus = testsupport::startBus();
+        resolved = testsupport::startDaemon(Daemon::resolved);
+        ASSERT_TRUE(comesTrue([] { return shown("domain") == "corp.test lab.test"; })) << "round " << round;
+    }
+}
+
 TEST_F(ResolvedTest, AfterFiveTimesInAMinuteItGivesWay)
 {
     dns.set(link(), tunnel, dns.prepare(link(), tunnel));
