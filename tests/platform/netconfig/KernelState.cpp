@@ -69,13 +69,13 @@ void makeInterface(const std::string& name, const std::string& address)
     run("for i in $(seq 200); do ip link show " + name + " | grep -q LOWERLAYERDOWN && exit; sleep 0.02; done; exit 1");
 }
 
-std::string requestWithRoutes(int count, const std::string& ipv4Keys)
+std::string requestWithRoutes(int count, const std::string& ipv4Keys, int first)
 {
     std::string text = R"({"ifName":"vpn0","ipv4":{)" + ipv4Keys + R"("additionalIfRoutes":[)";
-    for (int index = 0; index < count; ++index) {
-        text += index == 0 ? "" : ",";
-        text += R"({"ip":"20.)" + std::to_string(index / 256) + "." + std::to_string(index % 256) +
-                R"(.0","netmask":"255.255.255.0","gateway":"10.8.0.1","metric":5})";
+    for (int index = first; index < first + count; ++index) {
+        text += index == first ? "" : ",";
+        text += R"({"ip":")" + std::to_string(20 + index / 65536) + "." + std::to_string(index / 256 % 256) + "." +
+                std::to_string(index % 256) + R"(.0","netmask":"255.255.255.0","gateway":"10.8.0.1","metric":5})";
     }
     return text + "]}}";
 }

@@ -26,8 +26,9 @@ std::vector<std::string> routesOf(const std::string& ifName);
 /// goes on by itself; it makes no IPv6 addresses.
 void makeInterface(const std::string& name = "vpn0", const std::string& address = "10.8.0.2/24");
 
-/// A request for "vpn0" with `count` routes to 20.0.0.0/24 and up, after other keys of "ipv4".
-std::string requestWithRoutes(int count, const std::string& ipv4Keys = {});
+/// A request for "vpn0" with `count` routes to 20.0.0.0/24 and up, without the `first` ones, after other keys of
+/// "ipv4".
+std::string requestWithRoutes(int count, const std::string& ipv4Keys = {}, int first = 0);
 
 }  // namespace testsupport
 
