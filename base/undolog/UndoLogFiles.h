@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files of the network-configuration library's journal, as the library writes them and tools look at them. A
+// The files of the network-configuration library's undo log, as the library writes them and tools look at them. A
 // subject ("interface-norvatun0") of a network namespace has two files, both named SUBJECT@NAMESPACE: the entry, while
 // something is installed, and the lock, which the owner holds and which holds the owner's process id as text.
-#ifndef WFOAL_JOURNALFILES_H
-#define WFOAL_JOURNALFILES_H
+#ifndef WFOAL_UNDOLOGFILES_H
+#define WFOAL_UNDOLOGFILES_H
 
 #include <sys/types.h>
 

@@ -48,7 +48,7 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings)
         try {
             manager.restore(link.index, before, readPresent(manager, link));
         } catch (const RequestError&) {
-            // The first failure is the one to tell.
+            // The first failure is the one to report.
         }
         throw;
     }

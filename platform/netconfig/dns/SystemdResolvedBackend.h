@@ -11,8 +11,8 @@ namespace vknetconfig {
 
 class ResolvedManager;
 
-/// Restores what the link had before the change, where it still has what was set. The link is told by its index, which
-/// stays with it when it is renamed; another interface has other settings than those of the change. False when
+/// Restores what the link had before the change, where it still has what was set. The link is identified by its index,
+/// which stays with it when it is renamed; another interface has other settings than those of the change. False when
 /// systemd-resolved, or the link in it, is not there yet.
 bool undoChange(ResolvedManager& manager, const LinkChange& change);
 

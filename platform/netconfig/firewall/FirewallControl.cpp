@@ -126,7 +126,7 @@ bool FirewallControl::isSubject(std::string_view subject)
 void FirewallControl::removeStale(const std::string& subject)
 {
     const std::string label = labelOf(subject);
-    // Somebody else's table of this name has taken the place of ours.
+    // Another program's table of this name may have replaced ours.
     mSocket.followNamespace();
     const TableFound found = findTable(mSocket, label);
     if (found.state == TableState::Ours) removeTable(found);

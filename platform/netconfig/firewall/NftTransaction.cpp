@@ -72,7 +72,7 @@ void NftTransaction::provideSendBuffer()
         return;
     size = static_cast<int>(mUsed);
     if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) == 0) return;
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);  // sending tells when that is not enough
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);  // sending fails when that is not enough
 }
 
 // The oldest answers are never lost, and the first error is among them.

@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "ForeignNetlink.h"
-#include "netlink/NetlinkAnswer.h"
+#include "handles/UniqueFd.h"
 #include "kernel/NetlinkSocket.h"
 #include "kernel/Rtnetlink.h"
-#include "handles/UniqueFd.h"
+#include "netlink/NetlinkAnswer.h"
 
 using namespace wfoal;
 using testing::ElementsAre;
