@@ -111,10 +111,11 @@ TEST_F(BusCommandsTest, MonitorShowsEventDecisionReasonAndWhatTheAgentIsTold)
     ChildProcess monitor({program, "--json", "monitor"}, fileno(file.get()));
     EXPECT_TRUE(comes(R"("source":"socket","event":"bound to eth0")"));
     EXPECT_TRUE(comes(R"("source":"bus","event":"com.vesk.connectionmanager is there")"));
-    EXPECT_TRUE(comes(R"("event":"Wi-Fi on the internet, WAN off, bound to eth0","decision":"leave the agent alone")"));
+    EXPECT_TRUE(
+        comes(R"("event":"Wi-Fi on the internet, WAN off, bound to eth0","decision":"do not notify the agent")"));
     shell("ip link set eth0 down");
-    EXPECT_TRUE(comes(R"("decision":"tell the agent","reason":"airplane mode on")"));
-    EXPECT_TRUE(comes(R"("source":"agent","event":"told: the physical network changed")"));
+    EXPECT_TRUE(comes(R"("decision":"notify the agent","reason":"airplane mode on")"));
+    EXPECT_TRUE(comes(R"("source":"agent","event":"notified: the physical network changed")"));
     EXPECT_TRUE(comes("no interface to bind to"));
     mManager.stop();
     EXPECT_TRUE(comes("com.vesk.connectionmanager is not there"));

@@ -219,13 +219,14 @@ TEST_F(CtlTunnelTest, ALiveTunnelIsNeitherReplacedNorRemoved)
     const std::string owner = "it belongs to process " + std::to_string(connecting.pid()) + ", which is running";
     const CommandResult applied = run({"apply", profile});
     EXPECT_EQ(1, applied.status);
-    EXPECT_THAT(applied.output, HasSubstr("vpnoalctl: norvatun0: cannot be configured: " + owner +
-                                          "; end that process, or take it away with 'vpnoalctl restore --force'\n"));
+    EXPECT_THAT(applied.output,
+                HasSubstr("vpnoalctl: norvatun0: cannot be configured: " + owner +
+                          "; end that process, or remove the configuration with 'vpnoalctl restore --force'\n"));
     EXPECT_EQ(connected, state());
     const CommandResult restored = run({"restore"});
     EXPECT_EQ(1, restored.status);
     EXPECT_THAT(restored.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: " + owner +
-                                           "; end that process, or take it away with --force\n"));
+                                           "; end that process, or remove the configuration with --force\n"));
     EXPECT_EQ(connected, state());
     connecting.sendSignal(SIGINT);
     EXPECT_EQ(0, connecting.wait());
@@ -265,7 +266,7 @@ TEST_F(CtlTunnelTest, RestoreThatRemovesNothingSaysSo)
             runCommand({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program, "restore"});
         EXPECT_EQ(1, ordinary.status);
         EXPECT_THAT(ordinary.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: "
-                                               "/run/vknetconfig cannot be looked at: Permission denied; "));
+                                               "/run/vknetconfig cannot be read: Permission denied; "));
         EXPECT_EQ(applied, state());
     }
     EXPECT_EQ(0, run({"restore"}).status);
@@ -368,7 +369,7 @@ TEST_F(CtlTunnelTest, WithoutPrivilegesNothingIsHalfDone)
     const CommandResult result =
         runCommand({"setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", program, "connect", profile});
     EXPECT_EQ(1, result.status) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("'vpnoalctl doctor' tells what is missing"));
+    EXPECT_THAT(result.output, HasSubstr("'vpnoalctl doctor' shows what is missing"));
     expectStateAsBefore();
 }
 

@@ -87,8 +87,9 @@ TEST_F(DoctorBusTest, BusThatIsNotThereIsNamed)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/private/nothing", 1);
     for (const char* check : {"service bus", "connection manager", "certificate manager", "logind"}) {
         EXPECT_EQ(
-            "limited: the system bus does not answer: No such file or directory; start dbus; without it nobody tells "
-            "of network changes and sleep",
+            "limited: the system bus does not answer: No such file or directory; start dbus; without it nothing "
+            "reports "
+            "network changes and sleep",
             lineOf(check));
     }
 }
@@ -98,7 +99,7 @@ TEST_F(DoctorBusTest, ServicesThatAreMissingAreNamedWithWhatIsLost)
     const ChildProcess bus = testsupport::startBus();
     EXPECT_EQ(
         "limited: com.vesk.connectionmanager is not on the bus and cannot be started; install vpnwfoal-services; "
-        "without it nobody tells of network changes",
+        "without it nothing reports network changes",
         lineOf("connection manager"));
     EXPECT_EQ(
         "limited: com.vesk.certificatemanager is not on the bus and cannot be started; install vpnwfoal-services; "
@@ -106,7 +107,7 @@ TEST_F(DoctorBusTest, ServicesThatAreMissingAreNamedWithWhatIsLost)
         lineOf("certificate manager"));
     EXPECT_EQ(
         "limited: org.freedesktop.login1 is not on the bus and cannot be started; start systemd-logind or elogind; "
-        "without one nobody tells of the device's sleep",
+        "without one nothing reports the device's sleep",
         lineOf("logind"));
 }
 
@@ -219,10 +220,10 @@ protected:
 
 TEST_F(DoctorFolderTest, FoldersThatAreNotThereYetOrOursAreWell)
 {
-    EXPECT_EQ("ok: nobody else owns the plug-in's folders", lineOf("folder owners"));
+    EXPECT_EQ("ok: no other user owns the plug-in's folders", lineOf("folder owners"));
     for (const char* folder : {"/tmp/vpncerts", "/tmp/vpn/main", "/run/vknetconfig"})
         std::filesystem::create_directories(folder);
-    EXPECT_EQ("ok: nobody else owns the plug-in's folders", lineOf("folder owners"));
+    EXPECT_EQ("ok: no other user owns the plug-in's folders", lineOf("folder owners"));
 }
 
 TEST_F(DoctorFolderTest, LinksAndOtherFilesAreUnsafe)
@@ -283,7 +284,7 @@ TEST_F(DoctorFolderTest, TrustStoreThatOthersMayChangeIsUnsafe)
     EXPECT_EQ(1, doctor().status);
     EXPECT_EQ(
         "unsafe: /var/ssl/trustedcerts belongs to user 0 and has mode 777; only root may decide who is trusted: chown "
-        "root, chmod 755, and look at what is in it",
+        "root, chmod 755, and check its content",
         lineOf("trust store"));
 }
 

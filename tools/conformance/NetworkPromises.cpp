@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The promises of VkNetConfigLib.h about requests that are put in force. They need an interface that may be configured,
-// and the right to do so. Addresses and networks are those that are kept for documentation.
+// The promises of VkNetConfigLib.h about requests that are carried out. They need an interface that may be configured,
+// and the right to do so. Addresses and networks are those reserved for documentation.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,7 +39,7 @@ std::string request(const Platform& platform, const std::string& network, const 
            network + R"(","netmask":"255.255.255.0","gateway":"","metric":0})" + routes + "]}}";
 }
 
-void putInForce(Platform& platform, const std::string& json)
+void install(Platform& platform, const std::string& json)
 {
     const int result = NETCONFIG(CmAddInterfaceCfg2)(json.c_str());
     expect(result == 0, "CmAddInterfaceCfg2() returned " + std::to_string(result) + " for " + json);
@@ -88,7 +88,7 @@ void missingInterfaceIsRefused(Platform& platform)
 
 void takesEffectAtOnce(Platform& platform)
 {
-    putInForce(platform, request(platform, "198.51.100.0"));
+    install(platform, request(platform, "198.51.100.0"));
     expect(isUpWithAddress(interfaceOf(platform), "192.0.2.1"), "the interface is not up with its address");
     expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "the route is not there");
     takeBack(platform);
@@ -97,15 +97,15 @@ void takesEffectAtOnce(Platform& platform)
 void takesBackExactly(Platform& platform)
 {
     const std::string before = networkState(interfaceOf(platform));
-    putInForce(platform, request(platform, "198.51.100.0"));
+    install(platform, request(platform, "198.51.100.0"));
     takeBack(platform);
     expectState(platform, before, "after taking it back");
 }
 
 void replacesTheOneBefore(Platform& platform)
 {
-    putInForce(platform, request(platform, "198.51.100.0"));
-    putInForce(platform, request(platform, "203.0.113.0"));
+    install(platform, request(platform, "198.51.100.0"));
+    install(platform, request(platform, "203.0.113.0"));
     expect(hasRoute(interfaceOf(platform), "203.0.113.0", 24), "the new route is not there");
     expect(!hasRoute(interfaceOf(platform), "198.51.100.0", 24), "the route of the request before is still there");
     takeBack(platform);
@@ -113,9 +113,9 @@ void replacesTheOneBefore(Platform& platform)
 
 void allOrNothing(Platform& platform)
 {
-    putInForce(platform, request(platform, "198.51.100.0"));
+    install(platform, request(platform, "198.51.100.0"));
     const std::string before = networkState(interfaceOf(platform));
-    // Nobody can be reached through a gateway of another network.
+    // A gateway of another network cannot be reached.
     const std::string bad =
         request(platform, "203.0.113.0",
                 R"(,{"ip":"203.0.113.0","netmask":"255.255.255.128","gateway":"233.252.0.1","metric":0})");
@@ -126,14 +126,14 @@ void allOrNothing(Platform& platform)
 
 void allTrafficInTwoHalves(Platform& platform)
 {
-    putInForce(platform,
-               request(platform, "198.51.100.0", R"(,{"ip":"0.0.0.0","netmask":"0.0.0.0","gateway":"","metric":0})"));
+    install(platform,
+            request(platform, "198.51.100.0", R"(,{"ip":"0.0.0.0","netmask":"0.0.0.0","gateway":"","metric":0})"));
     expect(hasRoute(interfaceOf(platform), "0.0.0.0", 1) && hasRoute(interfaceOf(platform), "128.0.0.0", 1),
            "the two /1 routes are not there");
     takeBack(platform);
 }
 
-// A process that has loaded the libraries for itself and put a configuration in force. It lives as long as the object.
+// A process that has loaded the libraries for itself and installed a configuration. It lives as long as the object.
 class OtherProcess {
 public:
     OtherProcess(const Settings& settings, const std::string& json)
@@ -181,12 +181,12 @@ void belongsToItsProcess(Platform& platform)
     const std::string first = request(platform, "198.51.100.0");
     {
         const OtherProcess other(platform.settings(), first);
-        expect(other.configured(), "the other process could not put its configuration in force");
+        expect(other.configured(), "the other process could not install its configuration");
         const std::string second = request(platform, "203.0.113.0");
-        expect(NETCONFIG(CmAddInterfaceCfg2)(second.c_str()) != 0, "what another process had in force was replaced");
+        expect(NETCONFIG(CmAddInterfaceCfg2)(second.c_str()) != 0, "what another process had installed was replaced");
         expect(NETCONFIG(CmDelInterfaceCfg)(interfaceOf(platform).c_str()) != 0,
-               "what another process had in force was taken back");
-        expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "what another process had in force was changed");
+               "what another process had installed was removed");
+        expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "what another process had installed was changed");
     }
     takeBack(platform);
 }
@@ -196,7 +196,7 @@ void cleanedUpAfterTheEnd(Platform& platform)
     const std::string before = networkState(interfaceOf(platform));
     {
         const OtherProcess other(platform.settings(), request(platform, "198.51.100.0"));
-        expect(other.configured(), "the other process could not put its configuration in force");
+        expect(other.configured(), "the other process could not install its configuration");
     }
     expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "the configuration ended with its process");
     NETCONFIG(CmDelInterfaceCfg)("conformabsent0");  // a request for another interface
@@ -274,8 +274,9 @@ const Promises& networkPromises()
         {header, "a request replaces the one before it", replacesTheOneBefore},
         {header, "a request that cannot be carried out whole changes nothing", allOrNothing},
         {header, "a default route goes into the interface as two /1 routes", allTrafficInTwoHalves},
-        {header, "another process cannot configure the interface meanwhile, nor take it back", belongsToItsProcess},
-        {header, "the first request for an interface takes back what an ended process left", cleanedUpAfterTheEnd},
+        {header, "another process cannot configure the interface meanwhile, nor remove its configuration",
+         belongsToItsProcess},
+        {header, "the first request for an interface removes what an ended process left", cleanedUpAfterTheEnd},
         {header, "a filter drops what its rule says, and all else passes", filterDropsAndPasses},
         {header, "a filter replaces the one before it", filterIsReplaced},
         {header, "rules are tried in their order", rulesAreTriedInOrder},

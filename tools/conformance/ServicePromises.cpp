@@ -131,14 +131,14 @@ void serviceStatusIsTold(Platform& platform)
     expect(QUOR(QSRegisterServerStatus)(client.handle(), name.c_str(), BusPeer::onStatus,
                                         static_cast<BusPeer*>(&client), nullptr),
            "QSRegisterServerStatus() failed");
-    expect(textAt(client.mailbox().wait(1), 0) == name + " is gone", "the state found first was not told");
+    expect(textAt(client.mailbox().wait(1), 0) == name + " is gone", "the first state was not reported");
     {
         BusService service(platform);
-        expect(textAt(client.mailbox().wait(2), 1) == name + " is there", "it was not told that the service appeared");
+        expect(textAt(client.mailbox().wait(2), 1) == name + " is there", "the service's start was not reported");
     }
     const auto all = client.mailbox().wait(3);
-    expect(textAt(all, 2) == name + " is gone", "it was not told that the service left");
-    expect(all.size() == 3, "more was told than what happened");
+    expect(textAt(all, 2) == name + " is gone", "the service's end was not reported");
+    expect(all.size() == 3, "more changes were reported than happened");
     expect(all[0].thread == client.thread().id(), "the status came on another thread than the loop's");
 }
 
@@ -152,7 +152,7 @@ void nameIsTakenOnce(Platform& platform)
     error.expectFilled("QSRegister() of a name that is taken");
 }
 
-// A callback that takes its time, and says when it is through.
+// A callback that takes long, and records when it has finished.
 struct SlowCallback {
     std::promise<void> begun;
     std::atomic<bool> through{false};
@@ -206,12 +206,13 @@ const Promises& servicePromises()
         {header, "a method belongs to its category", categoriesAreApart},
         {header, "a request that is refused, unknown or left without an answer gets an error", failedRequestIsAnswered},
         {header, "a request is answered once", answersOnce},
-        {header, "the sender's user id is told", tellsTheSender},
+        {header, "the sender's user id is reported", tellsTheSender},
         {header, "pushes go to subscribers only, in order, with the token of the subscription", pushesToSubscribers},
         {header, "a push without a subscriber is no error", pushWithoutSubscriber},
         {header, "a subscriber that left gets no push", subscriberThatLeftIsForgotten},
         {header, "the 65th subscription of one sender fails", subscriptionsAreLimited},
-        {header, "a watched service is told: the state found, then each change, once", serviceStatusIsTold},
+        {header, "the status of a watched service is reported: the state found, then each change, once",
+         serviceStatusIsTold},
         {header, "a name that is taken is not given again", nameIsTakenOnce},
         {header, "unregistering waits for a callback that runs on the loop's thread", unregisterWaits},
     };

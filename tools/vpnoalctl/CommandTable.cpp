@@ -35,7 +35,7 @@ constexpr Command commands[] = {
     {"storage stat", "Show a file's kind and size", defineStorageStat},
     {"storage map", "Map a file into memory and unmap it again", defineStorageMap},
     {"verify", "Judge a server's certificate: accept, ask, or refuse", defineVerify},
-    {"monitor", "Show live what the plug-in hears, decides and tells", defineMonitor},
+    {"monitor", "Show live what the plug-in receives, decides and reports", defineMonitor},
     {"bus call", "Call a platform service", defineBusCall},
     {"certs list", "List the user's certificates", defineCertsList},
     {"certs show", "Show one certificate", defineCertsShow},

@@ -41,7 +41,7 @@ void HeldLog::show()
         const ssize_t length = pread(mHeld.get(), block, sizeof block, offset);
         if (length < 0 && errno == EINTR) continue;
         if (length <= 0) return;
-        // stderr is unbuffered, and nobody can be told when it fails.
+        // stderr is unbuffered, and a failure cannot be reported.
         static_cast<void>(std::fwrite(block, 1, static_cast<std::size_t>(length), stderr));
         offset += length;
     }

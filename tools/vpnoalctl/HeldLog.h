@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Keeps back what is written to stderr, by whatever library of this process, until it is known whether it matters.
+// Holds back what any library of this process writes to stderr, until the command knows whether to show it.
 #ifndef VPNOALCTL_HELDLOG_H
 #define VPNOALCTL_HELDLOG_H
 
@@ -10,7 +10,7 @@ namespace vpnoalctl {
 
 class HeldLog {
 public:
-    /// Holds from now on when `wanted`. What cannot be held, for want of descriptors, is printed as ever.
+    /// Holds from now on when `wanted`. Without free descriptors the text is printed at once.
     explicit HeldLog(bool wanted);
     /// Drops what is still held.
     ~HeldLog();

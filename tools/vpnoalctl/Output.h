@@ -20,7 +20,7 @@ enum class Style { Plain, Title, Good, Bad, Warning, Faint };
 /// Text without control characters, which could play tricks on a terminal: they are shown as \xHH.
 std::string printable(const std::string& text);
 
-/// Prints one line on stderr. Nobody can be told when that fails.
+/// Prints one line on stderr. A failure cannot be reported.
 void tell(const std::string& text);
 
 struct Cell {

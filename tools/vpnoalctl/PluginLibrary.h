@@ -60,7 +60,7 @@ public:
     }
 
     /// A service object that is never disposed of, so that a tunnel which another process brought up, or which is to
-    /// stay when this process ends, stays in force. The object lives as long as the process, and so does the library.
+    /// stay when this process ends, stays installed. The object lives as long as the process, and so does the library.
     template <class Interface>
     Interface& createKept()
     {

@@ -299,7 +299,7 @@ TEST_F(TunnelCommandTest, FilterThatWasRefusedInSilenceLeavesNothing)
     setenv("NETCONFIG_NO_FILTER", "1", 1);
     const CommandResult result = run({"connect", profile});
     EXPECT_EQ(1, result.status);
-    EXPECT_THAT(result.output, HasSubstr("did not put the packet filter in force, everything is restored; "));
+    EXPECT_THAT(result.output, HasSubstr("did not install the packet filter, everything is restored; "));
     expectRestored();
 }
 

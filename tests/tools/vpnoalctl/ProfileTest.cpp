@@ -196,7 +196,7 @@ TEST(ProfileTest, AddressesOutOfRange)
         {withTunnel(R"("address":"10.8.0.2/24","peer":"10.8.0.2")"),
          "tunnel.peer: 10.8.0.2 is the tunnel's own address"},
         {withTunnel(R"("address":"10.8.0.2/0","peer":"10.8.0.1")"),
-         "tunnel.address: a prefix of 0 would be everybody's network"},
+         "tunnel.address: a prefix of 0 would cover every address"},
         {withRoute(R"("destination":"10.0.0.300")"), "routes[1].destination: \"10.0.0.300\" is no IPv4 address"},
         {with(R"("dns":{"servers":["10.8.0.1","dns.example"]})"), "dns.servers[1]: \"dns.example\" is no IPv4 address"},
         {withRule(R"("action":"drop","source":"any")"), "filter[1].source: \"any\" is no IPv4 address"},

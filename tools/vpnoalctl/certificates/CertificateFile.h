@@ -16,7 +16,7 @@ using Bytes = std::vector<unsigned char>;
 /// The whole file, at most `limit` bytes; throws CommandError that names it.
 Bytes readWholeFile(const std::string& path, std::size_t limit);
 
-/// The file's first line: passwords on a command line would be everybody's to read. Throws CommandError.
+/// The file's first line: every user can read passwords on a command line. Throws CommandError.
 std::string readPasswordFile(const std::string& path);
 
 /// The first certificate of a PEM or DER file, as DER. Throws CommandError.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl apply: configures a device that exists already, and leaves the configuration in force. A system object
-// restores the configuration when it is disposed of, so this one never is: the process ends with it. 'vpnoalctl
-// restore' takes the configuration back.
+// vpnoalctl apply: configures a device that exists already, and leaves the configuration installed. Disposing of a
+// system object restores the configuration, so this one is never disposed of. 'vpnoalctl restore' removes the
+// configuration.
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -29,10 +29,10 @@ void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals
         }
     } catch (...) {
         system.RestoreSystemConfiguration();
-        // What is another process's was neither replaced nor removed.
+        // The configuration of another process was neither replaced nor removed.
         if (const InstalledState left = installedState(); left.owner != 0) {
             throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
-                               "end that process, or take it away with 'vpnoalctl restore --force'");
+                               "end that process, or remove the configuration with 'vpnoalctl restore --force'");
         }
         throw;
     }
@@ -44,16 +44,16 @@ int applyProfile(Context& context, const std::string& file)
     Signals signals;
     PluginLibrary& plugin = context.plugin();
     checkDevice(profile.tunnel);
-    // As long as the object that calls it.
+    // Static, because the system object that calls it is never disposed of.
     static auto* const callbacks = new StderrCallbacks(context.settings.verbosity > 0);
     auto& system = plugin.createKept<KEST_SystemPlugin>();
     system.SetSystemPluginCB(callbacks);
     bringUpOrRestore(system, profile, signals);
-    // The device is somebody else's, and so is its MTU.
+    // The MTU of an existing device is not changed, so show the real one.
     Profile applied = profile;
     applied.tunnel.mtu = deviceMtu();
     printSummary(context.output, applied, "applied");
-    context.output.line("It stays in force; 'vpnoalctl restore' takes it back.", Style::Faint);
+    context.output.line("It stays installed; 'vpnoalctl restore' removes it.", Style::Faint);
     return ExitOk;
 }
 

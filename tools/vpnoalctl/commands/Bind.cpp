@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // vpnoalctl bind: opens a TCP connection from a socket that the plug-in has bound, as an agent does for its outer
-// connection, and tells where it leaves and how long it took.
+// connection, and prints its interface and how long it took.
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -44,7 +44,7 @@ sockaddr_in resolve(const Target& target)
     return address;
 }
 
-// 0, or the errno value of a connection that did not come about.
+// 0, or the errno value of a failed connection.
 int connectWithin(int socket, const sockaddr_in& address, unsigned seconds)
 {
     const int begun = beginConnection(socket, address);

@@ -27,7 +27,7 @@ constexpr Check checks[] = {
     {"trust store", checkTrustStore},
     {"folder owners", checkFolderOwners},
     {"ip tool", checkIpTool},
-    {"journal", checkJournalFolder},
+    {"undo log", checkUndoLogFolder},
     {"temporary files", checkTemporaryFolder},
 };
 

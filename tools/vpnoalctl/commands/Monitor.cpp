@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl monitor: a live timeline of what reaches the plug-in, what it decides and what it tells the agent. Watches
-// the connection manager beside the plug-in, and behaves as an agent: binds a socket, and binds again when it is told
-// that the network changed. Changes nothing.
+// vpnoalctl monitor: a live timeline of what reaches the plug-in, what it decides and how it notifies the agent. It
+// watches the connection manager beside the plug-in. Like an agent it binds a socket, and binds again when it is
+// notified that the network changed. It changes nothing.
 #include <CLI/CLI.hpp>
 
 #include "CommandError.h"
@@ -40,7 +40,7 @@ private:
     void heard(const char* what)
     {
         mBus.post([this, event = std::string(what)] {
-            mTimeline.add({"agent", "told: " + event, "", ""});
+            mTimeline.add({"agent", "notified: " + event, "", ""});
             if (event == "the physical network changed") bind();
         });
     }

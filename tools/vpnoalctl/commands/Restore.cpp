@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl restore: what an agent does when it disconnects. Nothing in force is no failure. The plug-in reports none
-// at all, so it is looked whether the configuration is gone.
+// vpnoalctl restore: what an agent does when it disconnects. It is no failure when nothing is installed. The plug-in
+// reports no failure, so the command checks whether the configuration is gone.
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <memory>
@@ -17,7 +17,7 @@ namespace {
 
 int restore(Context& context, bool isForced)
 {
-    // Read by the host platform; the plug-in has no word for it.
+    // Read by the host platform; the plug-in's interface has no such option.
     if (isForced) setenv("VKNETCONFIG_TAKE_OVER", "1", 1);
     // Kept: disposing of it would only restore a second time.
     auto& system = context.plugin().createKept<KEST_SystemPlugin>();
@@ -27,7 +27,7 @@ int restore(Context& context, bool isForced)
     const InstalledState left = installedState();
     if (left.owner != 0) {
         throw CommandError("restore", "the configuration is not removed: " + left.reason,
-                           "end that process, or take it away with --force");
+                           "end that process, or remove the configuration with --force");
     }
     if (!left.reason.empty()) {
         throw CommandError("restore", "the configuration is not removed: " + left.reason,

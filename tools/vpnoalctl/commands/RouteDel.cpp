@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl route del: deletes a route through the plug-in, which tells an agent nothing of the outcome; so the
-// kernel's table is looked at before and after.
+// vpnoalctl route del: deletes a route through the plug-in. The plug-in does not report the outcome, so the command
+// reads the kernel's table before and after.
 #include <linux/rtnetlink.h>
 
 #include <CLI/CLI.hpp>
@@ -26,7 +26,7 @@ struct Request {
     std::string label() const { return "route del " + destination + " " + gateway; }
 };
 
-// Whether the main table has it, which is the one that the plug-in deletes from.
+// Counts in the main table, from which the plug-in deletes.
 std::size_t countRoutes(const wfoal::Ipv4Network& network, wfoal::Ipv4Address gateway)
 {
     const auto routes = kernelRoutes();

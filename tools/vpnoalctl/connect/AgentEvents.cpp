@@ -19,7 +19,7 @@ void AgentEvents::put(AgentEvent event)
 {
     const std::lock_guard<std::mutex> lock(mLock);
     mEvents.push_back(event);
-    // Only a counter that is full already is refused, and that one wakes too.
+    // A write fails only when the counter is full, and a full counter wakes the agent too.
     static_cast<void>(eventfd_write(mWake.get(), 1));
 }
 
@@ -35,7 +35,7 @@ std::optional<AgentEvent> AgentEvents::take()
     if (mEvents.empty()) return std::nullopt;
     const AgentEvent event = mEvents.front();
     mEvents.pop_front();
-    settle();
+    updateDescriptor();
     return event;
 }
 
@@ -43,11 +43,11 @@ void AgentEvents::forgetNetworkChanges()
 {
     const std::lock_guard<std::mutex> lock(mLock);
     mEvents.erase(std::remove(mEvents.begin(), mEvents.end(), AgentEvent::NetworkChanged), mEvents.end());
-    settle();
+    updateDescriptor();
 }
 
-// Called with the lock held: the descriptor tells no more than there is.
-void AgentEvents::settle()
+// Called with the lock held: an empty queue makes the descriptor unreadable.
+void AgentEvents::updateDescriptor()
 {
     eventfd_t count = 0;
     if (mEvents.empty()) static_cast<void>(eventfd_read(mWake.get(), &count));

@@ -24,7 +24,7 @@ public:
     void OnPowerSuspended() override { put(AgentEvent::Suspended); }
     void OnPowerResume() override { put(AgentEvent::Resumed); }
     void OnConnectionChange(std::uint32_t) override { put(AgentEvent::NetworkChanged); }
-    // The agent's own doing, told on its own thread.
+    // The agent's own request causes it.
     void OnConfigurationChange() override {}
 
     /// From any thread.
@@ -35,11 +35,11 @@ public:
     int descriptor() const { return mWake.get(); }
     bool isEmpty();
     std::optional<AgentEvent> take();
-    /// Drops what a connection that is yet to be made answers anyway.
+    /// Drops network changes that the next connection takes into account anyway.
     void forgetNetworkChanges();
 
 private:
-    void settle();
+    void updateDescriptor();
 
     std::mutex mLock;
     std::deque<AgentEvent> mEvents;

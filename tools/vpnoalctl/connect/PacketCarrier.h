@@ -17,10 +17,10 @@ public:
     /// Makes the descriptor of the device, which is not owned, non-blocking.
     explicit PacketCarrier(int device);
 
-    /// The stream is not owned; null takes it away. What was on its way in the one before is lost.
+    /// The stream is not owned; null removes it. Data in flight in the former stream is lost.
     void attach(TlsStream* stream);
 
-    /// What to poll() the device and the stream for; 0 for what need not be looked at.
+    /// The events to poll() the device and the stream for; 0 for none.
     short deviceEvents() const;
     short streamEvents() const;
     /// Moves what can be moved. False when the stream is closed.

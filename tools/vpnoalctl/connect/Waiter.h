@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Waiting for one descriptor while the user may interrupt and the plug-in may tell something, which then goes first.
+// Waits for one descriptor. A signal, or an event from the plug-in, ends the wait early.
 #ifndef VPNOALCTL_WAITER_H
 #define VPNOALCTL_WAITER_H
 
@@ -11,7 +11,7 @@
 
 namespace vpnoalctl {
 
-/// Thrown where something was waited for that no longer matters: a signal or an event of the agent waits.
+/// Thrown when a signal or an event of the agent ends a wait.
 class Interrupted {};
 
 class Waiter {

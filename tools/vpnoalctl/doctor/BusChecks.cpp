@@ -21,7 +21,7 @@ namespace vpnoalctl {
 namespace {
 
 constexpr std::uint64_t patience = 3'000'000;  // microseconds
-constexpr char noBus[] = "start dbus; without it nobody tells of network changes and sleep";
+constexpr char noBus[] = "start dbus; without it nothing reports network changes and sleep";
 
 SdBusPtr openBus(std::string& fault)
 {
@@ -36,7 +36,7 @@ SdBusPtr openBus(std::string& fault)
     return bus;
 }
 
-// Takes the list over.
+// Takes ownership of the list.
 std::vector<std::string> textsOf(char** list)
 {
     std::vector<std::string> texts;
@@ -74,7 +74,7 @@ bool holds(const std::vector<std::string>& names, const char* name)
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// Asks who is there without starting anybody.
+// Asks which services run, without starting one.
 Finding lookForService(const char* name, const char* remedy)
 {
     const BusNames names = namesOnBus();
@@ -120,7 +120,7 @@ Finding checkBus(Context&)
 Finding checkConnectionManager(Context&)
 {
     return lookForService("com.vesk.connectionmanager",
-                          "install vpnwfoal-services; without it nobody tells of network changes");
+                          "install vpnwfoal-services; without it nothing reports network changes");
 }
 
 Finding checkCertificateManager(Context&)
@@ -132,7 +132,7 @@ Finding checkCertificateManager(Context&)
 Finding checkLogind(Context&)
 {
     return lookForService("org.freedesktop.login1",
-                          "start systemd-logind or elogind; without one nobody tells of the device's sleep");
+                          "start systemd-logind or elogind; without one nothing reports the device's sleep");
 }
 
 Finding checkResolver(Context&)
@@ -157,7 +157,7 @@ Finding checkBus(Context&)
 
 Finding checkConnectionManager(Context&)
 {
-    return {Health::Ok, "the device's own platform tells of network changes", ""};
+    return {Health::Ok, "the device's own platform reports network changes", ""};
 }
 
 Finding checkCertificateManager(Context&)
@@ -167,7 +167,7 @@ Finding checkCertificateManager(Context&)
 
 Finding checkLogind(Context&)
 {
-    return {Health::Ok, "the device's own platform tells of sleep", ""};
+    return {Health::Ok, "the device's own platform reports sleep", ""};
 }
 
 Finding checkResolver(Context&)

@@ -50,7 +50,7 @@ Finding checkLogind(Context& context);
 // Folders.
 Finding checkTrustStore(Context& context);
 Finding checkFolderOwners(Context& context);
-Finding checkJournalFolder(Context& context);
+Finding checkUndoLogFolder(Context& context);
 Finding checkTemporaryFolder(Context& context);
 
 }  // namespace vpnoalctl

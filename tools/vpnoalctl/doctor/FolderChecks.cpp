@@ -19,7 +19,7 @@ namespace {
 
 constexpr char trustStore[] = "/var/ssl/trustedcerts";
 
-// Folders that everything of the plug-in and the platform makes when it is needed, where others may be first.
+// Folders that plug-in and platform create on demand, in places where other users may create them first.
 constexpr const char* privateFolders[] = {
     "/tmp/vpncerts", "/tmp/vpn",        "/tmp/vpn/main", "/tmp/vpn/user",    "/tmp/vpn/profile",
     "/tmp/vpn/l10n", "/tmp/vpn/script", "/tmp/vpn/temp", "/run/vknetconfig",
@@ -39,7 +39,7 @@ bool isTrustedOwner(uid_t user)
     return user == 0 || user == geteuid();
 }
 
-// Empty when the folder is root's or ours, or is not there yet.
+// Empty when the folder belongs to root or to this user, or does not exist yet.
 std::string ownerFault(const std::string& folder)
 {
     struct stat status {};
@@ -70,7 +70,7 @@ Finding checkFolderOwners(Context&)
         const std::string fault = ownerFault(folder);
         if (!fault.empty()) faults += (faults.empty() ? "" : ", ") + fault;
     }
-    if (faults.empty()) return {Health::Ok, "nobody else owns the plug-in's folders", ""};
+    if (faults.empty()) return {Health::Ok, "no other user owns the plug-in's folders", ""};
     return {Health::Unsafe, faults, "remove it as root: whoever made it may read or replace what is written there"};
 }
 
@@ -86,7 +86,7 @@ Finding checkTrustStore(Context&)
         return {
             Health::Unsafe,
             fmt::format("{} belongs to user {} and has mode {:o}", trustStore, status.st_uid, status.st_mode & 07777U),
-            "only root may decide who is trusted: chown root, chmod 755, and look at what is in it"};
+            "only root may decide who is trusted: chown root, chmod 755, and check its content"};
     }
     std::error_code fault;
     const std::filesystem::directory_iterator begin(trustStore, fault);
@@ -107,11 +107,11 @@ Finding checkTemporaryFolder(Context&)
 
 #ifdef WFOAL_HOST_PLATFORM
 
-Finding checkJournalFolder(Context&)
+Finding checkUndoLogFolder(Context&)
 {
     const std::string folder = "/run/vknetconfig";
     struct stat status {};
-    // It is made when it is needed.
+    // The platform creates it on demand.
     const bool isThere = stat(folder.c_str(), &status) == 0 || errno != ENOENT;
     const std::string fault = folderFault(isThere ? folder : "/run");
     if (!fault.empty()) return {Health::Missing, fault, "run as root and make the folder writable"};
@@ -120,9 +120,9 @@ Finding checkJournalFolder(Context&)
 
 #else
 
-Finding checkJournalFolder(Context&)
+Finding checkUndoLogFolder(Context&)
 {
-    return {Health::Ok, "the device's own platform keeps its journal", ""};
+    return {Health::Ok, "the device's own platform keeps its undo log", ""};
 }
 
 #endif

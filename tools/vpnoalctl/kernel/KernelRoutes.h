@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The kernel's IPv4 routes as the tool reads them itself, beside the plug-in: to explain what the plug-in chose, and to
-// see whether a deletion came true.
+// check whether a deletion succeeded.
 #ifndef VPNOALCTL_KERNELROUTES_H
 #define VPNOALCTL_KERNELROUTES_H
 

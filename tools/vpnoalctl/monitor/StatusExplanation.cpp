@@ -16,7 +16,7 @@ std::string describe(const wfoal::NetworkFlags& flags)
     return flags.notOnInternet ? "off" : "unknown";
 }
 
-// Why the agent is left alone; the plug-in itself has no words for it.
+// Why the agent is not notified; the plug-in itself gives no reason.
 std::string whyNot(const wfoal::StatusPayload& status, const std::string& boundName)
 {
     if (status.wifi.connected) return "Wi-Fi is there, and " + boundName + " is no WAN interface";
@@ -30,14 +30,14 @@ std::string whyNot(const wfoal::StatusPayload& status, const std::string& boundN
 TimelineEvent explainStatus(const std::string& payload, const std::string& boundName)
 {
     const JsonPtr json(json_tokener_parse(payload.c_str()));
-    if (json == nullptr) return {"network", "a status that is no JSON", "leave the agent alone", "it says nothing"};
+    if (json == nullptr) return {"network", "a status that is no JSON", "do not notify the agent", "it says nothing"};
     const wfoal::StatusPayload status = wfoal::readStatus(json.get());
     const wfoal::NetworkDecision decision = wfoal::decideNetworkChange(status.wifi, status.wan, boundName);
     TimelineEvent event;
     event.source = "network";
     event.event = "Wi-Fi " + describe(status.wifi) + ", WAN " + describe(status.wan) + ", " +
                   (boundName.empty() ? "not bound" : "bound to " + boundName);
-    event.decision = decision.sendNwCng ? "tell the agent" : "leave the agent alone";
+    event.decision = decision.sendNwCng ? "notify the agent" : "do not notify the agent";
     event.reason = decision.sendNwCng ? decision.reason : whyNot(status, boundName);
     return event;
 }

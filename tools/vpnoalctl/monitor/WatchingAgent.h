@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // An agent that only watches: has the plug-in's system and socket objects, binds a socket as an agent's outer
-// connection would be bound, and hears what the plug-in tells.
+// connection would be bound, and receives the plug-in's callbacks.
 #ifndef VPNOALCTL_WATCHINGAGENT_H
 #define VPNOALCTL_WATCHINGAGENT_H
 
@@ -19,7 +19,7 @@ public:
 
     /// `heard` is called on the plug-in's event thread.
     WatchingAgent(PluginLibrary& plugin, Heard heard);
-    /// Nothing is heard afterwards.
+    /// No callback is called afterwards.
     ~WatchingAgent();
     WatchingAgent(const WatchingAgent&) = delete;
     WatchingAgent& operator=(const WatchingAgent&) = delete;

@@ -65,7 +65,7 @@ constexpr JsonField<TunnelSettings> tunnelKeys[] = {
      }},
 };
 
-// A gateway of 0.0.0.0 is one that was not given: the peer takes its place.
+// A gateway of 0.0.0.0 means that none was given. Then the peer is the gateway.
 constexpr JsonField<ProfileRoute> routeKeys[] = {
     {"destination", true,
      [](const JsonValue& value, ProfileRoute& route) {
@@ -132,7 +132,7 @@ void checkTunnel(const TunnelSettings& tunnel)
     if (tunnel.peer == tunnel.address.address) {
         throw JsonError("tunnel.peer", dotted(tunnel.peer) + " is the tunnel's own address");
     }
-    if (tunnel.address.prefix == 0) throw JsonError("tunnel.address", "a prefix of 0 would be everybody's network");
+    if (tunnel.address.prefix == 0) throw JsonError("tunnel.address", "a prefix of 0 would cover every address");
 }
 
 void completeRoute(ProfileRoute& route, std::size_t index, const TunnelSettings& tunnel)

@@ -12,7 +12,7 @@ namespace vpnoalctl {
 
 namespace {
 
-// As the plug-in takes lists: pointers with a null at their end.
+// The plug-in expects a list as pointers with a null at the end.
 std::vector<const char*> pointersTo(const std::vector<std::string>& texts)
 {
     std::vector<const char*> pointers;
@@ -29,7 +29,7 @@ void describeTunnel(KEST_SystemPlugin& system, const TunnelSettings& tunnel)
                            dotted(tunnel.address.mask()).c_str(), nullptr, nullptr, tunnel.mtu);
 }
 
-// Without servers or domains nothing is said, so that the platform leaves the device's DNS alone.
+// Without servers or domains the setter is not called, so that the platform does not change the device's DNS.
 void describeDns(KEST_SystemPlugin& system, const Profile& profile)
 {
     if (!profile.dnsServers.empty()) system.SetDNSServers(pointersTo(profile.dnsServers).data());
@@ -84,15 +84,15 @@ void bringUp(KEST_SystemPlugin& system, const Profile& profile)
         describeRule(system, rule);
     if (system.ApplyConfiguration() != PLUGIN_SUCCESS) {
         throw CommandError("apply", "the platform refused the configuration, everything is restored",
-                           "the log names the key at fault; 'vpnoalctl doctor' tells what is missing");
+                           "the log names the key at fault; 'vpnoalctl doctor' shows what is missing");
     }
 }
 
 void verifyFilter(const Profile& profile)
 {
     if (!profile.filter.empty() && filterState() == FilterState::Missing) {
-        throw CommandError("filter", "the platform did not put the packet filter in force, everything is restored",
-                           "the log names the key at fault; 'vpnoalctl doctor' tells what is missing");
+        throw CommandError("filter", "the platform did not install the packet filter, everything is restored",
+                           "the log names the key at fault; 'vpnoalctl doctor' shows what is missing");
     }
 }
 

@@ -10,18 +10,18 @@
 
 namespace vpnoalctl {
 
-/// Hands the whole profile to the plug-in and applies it. Throws CommandError when the platform refuses it; the caller
-/// restores then.
+/// Passes the whole profile to the plug-in and applies it. Throws CommandError when the platform refuses it. Then the
+/// caller must restore.
 void bringUp(KEST_SystemPlugin& system, const Profile& profile);
 
-/// Throws CommandError when the profile's packet filter is not in force, which an agent is not told; the caller
-/// restores then.
+/// Throws CommandError when the profile's packet filter is not installed, which the plug-in does not report. Then the
+/// caller must restore.
 void verifyFilter(const Profile& profile);
 
-/// What the profile puts in force, as a JSON object.
+/// What the profile installs, as a JSON object.
 JsonPtr summaryOf(const Profile& profile);
 
-/// Tells what is in force: a table, or one JSON object with "state": `state`.
+/// Prints what is installed: a table, or one JSON object with "state": `state`.
 void printSummary(Output& output, const Profile& profile, const char* state);
 
 }  // namespace vpnoalctl

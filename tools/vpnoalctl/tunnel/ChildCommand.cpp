@@ -15,7 +15,7 @@ namespace vpnoalctl {
 
 namespace {
 
-// What this process blocks and ignores is its own affair.
+// The command does not inherit which signals this process blocks and ignores.
 class FreshSignals {
 public:
     FreshSignals()
@@ -42,7 +42,7 @@ public:
     explicit Inheritance(int descriptor)
     {
         posix_spawn_file_actions_init(&mActions);
-        // Onto itself: that takes close-on-exec away, in the new process only.
+        // Onto itself: that clears close-on-exec, in the new process only.
         if (descriptor >= 0) posix_spawn_file_actions_adddup2(&mActions, descriptor, descriptor);
     }
     Inheritance(const Inheritance&) = delete;

@@ -14,8 +14,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "netlink/NetlinkAnswer.h"
 #include "handles/UniqueFd.h"
+#include "netlink/NetlinkAnswer.h"
 #endif
 
 namespace vpnoalctl {
@@ -57,7 +57,7 @@ std::string filterFault()
 FilterState filterState()
 {
     switch (askForTable()) {
-    case 0: return FilterState::InForce;
+    case 0: return FilterState::Installed;
     case ENOENT: return FilterState::Missing;
     default: return FilterState::Unknown;
     }

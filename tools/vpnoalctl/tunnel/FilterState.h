@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether the plug-in's packet filter is in force. The plug-in does not tell its agent when the platform refuses a
-// filter, and a tunnel whose rules are missing is not what its user asked for, so the kernel is asked.
+// Whether the plug-in's packet filter is installed. The plug-in does not report when the platform refuses a filter, so
+// the kernel is asked.
 #ifndef VPNOALCTL_FILTERSTATE_H
 #define VPNOALCTL_FILTERSTATE_H
 
@@ -9,7 +9,7 @@
 
 namespace vpnoalctl {
 
-enum class FilterState { InForce, Missing, Unknown };
+enum class FilterState { Installed, Missing, Unknown };
 
 /// Unknown where the platform is not this project's own, or where nftables does not answer.
 FilterState filterState();

@@ -10,13 +10,13 @@
 #include <cstring>
 
 #include "CommandError.h"
-#include "undolog/UndoLogFiles.h"
 #include "handles/UniqueFd.h"
 #include "tunnel/FilterState.h"
+#include "undolog/UndoLogFiles.h"
 
 namespace vpnoalctl {
 
-std::array<std::string, 2> journalFiles()
+std::array<std::string, 2> undoLogFiles()
 {
     const std::string here = wfoal::currentNetworkNamespace();
     if (here.empty()) throw systemError("network namespace", errno, "free resources and try again");
@@ -40,7 +40,7 @@ InstalledState stateOf(const std::string& file)
     struct stat status {};
     if (stat((file + std::string(wfoal::entrySuffix)).c_str(), &status) != 0) {
         if (errno == ENOENT) return {};
-        return {fmt::format("{} cannot be looked at: {}", wfoal::journalFolder, std::strerror(errno)), 0};
+        return {fmt::format("{} cannot be read: {}", wfoal::journalFolder, std::strerror(errno)), 0};
     }
     const UniqueFd lock(open((file + std::string(wfoal::lockSuffix)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const pid_t holder = lock.valid() ? wfoal::holderIn(lock.get()) : 0;
@@ -52,11 +52,11 @@ InstalledState stateOf(const std::string& file)
 
 InstalledState installedState()
 {
-    for (const std::string& file : journalFiles()) {
+    for (const std::string& file : undoLogFiles()) {
         InstalledState found = stateOf(file);
         if (!found.reason.empty()) return found;
     }
-    if (filterState() == FilterState::InForce) return {"the packet filter is still installed", 0};
+    if (filterState() == FilterState::Installed) return {"the packet filter is still installed", 0};
     return {};
 }
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the host platform still has installed for the tunnel, and whose it is. The plug-in does not tell its agent
-// whether a restore removed anything, so the platform's journal and the kernel are looked at. Where the platform is not
-// this project's own, nothing is found.
+// What the host platform still has installed for the tunnel, and its owner. The plug-in does not report whether a
+// restore removed anything, so the platform's undo log and the kernel are read. With another platform nothing is found.
 #ifndef VPNOALCTL_INSTALLEDSTATE_H
 #define VPNOALCTL_INSTALLEDSTATE_H
 
@@ -13,16 +12,16 @@
 
 namespace vpnoalctl {
 
-/// The tunnel's files in the platform's journal, without their suffix: of its interface, and of its packet filter.
+/// The tunnel's files in the platform's undo log, without their suffix: of its interface, and of its packet filter.
 /// Throws CommandError when the network namespace is not known.
-std::array<std::string, 2> journalFiles();
+std::array<std::string, 2> undoLogFiles();
 
 struct InstalledState {
-    std::string reason;  // why it counts as installed; empty when nothing is
-    pid_t owner = 0;     // the other process that it belongs to, if one does
+    std::string reason;  // why it counts as installed; empty when nothing is installed
+    pid_t owner = 0;     // the other process that installed it; 0 when there is none
 };
 
-/// Call it only while this process owns nothing: looking at a lock would end this process's own.
+/// Call it only while this process owns nothing: opening and closing a lock file would release this process's own lock.
 InstalledState installedState();
 
 }  // namespace vpnoalctl

@@ -25,7 +25,7 @@ LinkWatch::LinkWatch(const char* name)
 
 bool LinkWatch::isGone() const
 {
-    // What a notice says does not matter, nor that one was lost: the kernel is asked.
+    // Neither the content of a notice nor a lost one matters: the kernel is asked.
     char notice[8192];
     while (recv(mNotices.get(), notice, sizeof notice, 0) >= 0 || errno == ENOBUFS) {
     }

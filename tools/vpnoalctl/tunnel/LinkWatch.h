@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Notices when a network device disappears. The device's own descriptor does not tell unless its packets are read.
+// Notices when a network device disappears. The device's own descriptor shows it only to a reader.
 #ifndef VPNOALCTL_LINKWATCH_H
 #define VPNOALCTL_LINKWATCH_H
 
@@ -15,7 +15,7 @@ public:
 
     /// Readable when some device changed: time to ask isGone().
     int descriptor() const { return mNotices.get(); }
-    /// True once the device is gone, also when another one has its name. Takes what waits.
+    /// True once the device is gone, also when another one has its name. Empties the descriptor.
     bool isGone() const;
 
 private:

@@ -7,9 +7,9 @@
 #include <cerrno>
 
 #include "CommandError.h"
-#include "undolog/UndoLogFiles.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/TunDevice.h"
+#include "undolog/UndoLogFiles.h"
 
 namespace vpnoalctl {
 
@@ -27,12 +27,12 @@ ino_t inodeOf(const std::string& path)
 OwnershipWatch::OwnershipWatch() : mNotices(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
 {
     if (!mNotices.valid()) throw systemError("inotify", errno, "free resources and try again");
-    for (const std::string& file : journalFiles()) {
+    for (const std::string& file : undoLogFiles()) {
         const std::string lock = file + std::string(wfoal::lockSuffix);
         const ino_t inode = inodeOf(lock);
         if (inode == 0) continue;
         mLocks[lock] = inode;
-        // Removing a file that is open changes its number of links. What is gone already, check() sees.
+        // Removing an open file changes its number of links. check() notices a file that is gone already.
         if (inotify_add_watch(mNotices.get(), lock.c_str(), IN_ATTRIB | IN_DELETE_SELF) < 0 && errno != ENOENT) {
             throw systemError(lock, errno, "free resources and try again");
         }
@@ -41,7 +41,7 @@ OwnershipWatch::OwnershipWatch() : mNotices(inotify_init1(IN_CLOEXEC | IN_NONBLO
 
 void OwnershipWatch::check() const
 {
-    // What a notice says does not matter: the folder is looked at.
+    // The content of a notice does not matter: the folder is checked.
     alignas(inotify_event) char notices[4096];
     while (read(mNotices.get(), notices, sizeof notices) > 0) {
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Notices when another process takes this process's tunnel configuration away, with 'vpnoalctl restore --force': the
-// platform's locks on it are removed then. The locks are never opened, as closing them again would end them.
+// Notices when another process removes this process's tunnel configuration with 'vpnoalctl restore --force': then the
+// platform's lock files are gone. They are never opened, because closing them would release the locks.
 #ifndef VPNOALCTL_OWNERSHIPWATCH_H
 #define VPNOALCTL_OWNERSHIPWATCH_H
 
@@ -16,13 +16,13 @@ namespace vpnoalctl {
 
 class OwnershipWatch {
 public:
-    /// Watches what this process has configured by now. Where the platform keeps no such locks, nothing is ever lost.
-    /// Throws CommandError.
+    /// Watches what this process has configured by now. With a platform without such locks, check() never
+    /// throws. Throws CommandError.
     OwnershipWatch();
 
     /// Readable when something changed: time to call check().
     int descriptor() const { return mNotices.get(); }
-    /// Throws CommandError once the configuration, or a part of it, was taken. Takes what waits.
+    /// Throws CommandError once the configuration, or a part of it, was removed. Empties the descriptor.
     void check() const;
 
 private:

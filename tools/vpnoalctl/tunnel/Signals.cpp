@@ -25,7 +25,7 @@ Signals::Signals()
 
 Signals::~Signals()
 {
-    // What still waits has been answered: everything is restored.
+    // Drop pending signals: everything is restored, so they are answered.
     while (take() != 0) {
     }
     sigaction(SIGPIPE, &mPipeBefore, nullptr);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Signals as events, so that an interruption never ends the process between applying and restoring: SIGINT, SIGTERM,
-// SIGHUP and SIGCHLD wait until they are asked for, and SIGPIPE is ignored. Made before anything starts a thread,
-// because threads inherit what is blocked.
+// SIGHUP and SIGCHLD stay pending until take(), and SIGPIPE is ignored. Create it before the first thread, because
+// threads inherit the blocked signals.
 #ifndef VPNOALCTL_SIGNALS_H
 #define VPNOALCTL_SIGNALS_H
 
@@ -19,11 +19,11 @@ public:
     Signals& operator=(const Signals&) = delete;
     ~Signals();
 
-    /// Readable when a signal waits.
+    /// Readable while a signal is pending.
     int descriptor() const { return mDescriptor.get(); }
-    /// Takes one signal; 0 when none waits.
+    /// Takes one signal; 0 when none is pending.
     int take() const;
-    /// True when SIGINT, SIGTERM or SIGHUP came. Takes what waits.
+    /// True when SIGINT, SIGTERM or SIGHUP came. Takes all pending signals.
     bool isInterrupted();
 
 private:

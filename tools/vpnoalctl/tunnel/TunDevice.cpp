@@ -20,7 +20,7 @@ namespace {
 
 using wfoal::Ipv4Address;
 
-constexpr char askDoctor[] = "'vpnoalctl doctor' tells what is missing";
+constexpr char askDoctor[] = "'vpnoalctl doctor' shows what is missing";
 
 ifreq requestForDevice()
 {
@@ -70,7 +70,7 @@ UniqueFd openDevice()
     UniqueFd descriptor(open("/dev/net/tun", O_RDWR | O_CLOEXEC));
     if (!descriptor.valid()) throw systemError("/dev/net/tun", errno, askDoctor);
     ifreq request = requestForDevice();
-    // Exclusive: somebody else's tunnel must not be taken over.
+    // Exclusive: never attach to the tunnel of another process.
     request.ifr_flags = static_cast<short>(IFF_TUN | IFF_NO_PI | IFF_TUN_EXCL);
     if (ioctl(descriptor.get(), TUNSETIFF, &request) != 0) {
         const int error = errno;
