@@ -69,7 +69,7 @@ check_says 'vpnoalctl lists the interface' eth0 vpnoalctl interfaces
 check_says 'the connection manager starts when root calls' '192.0.2.10' call_as root com.vesk.connectionmanager getStatus
 check_says 'and answers anybody' '"interfaceName":"eth0"' call_as nobody com.vesk.connectionmanager getStatus
 check_refused 'the certificate manager is for root only' AccessDenied call_as nobody com.vesk.certificatemanager addcertificate
-check_says 'the certificate manager starts when root calls' 'certificateFilename is missing' call_as root com.vesk.certificatemanager addcertificate
+check_says 'the certificate manager starts when root calls' 'certificateFilename: missing' call_as root com.vesk.certificatemanager addcertificate
 check_says 'vpnoalctl reaches the services' eth0 vpnoalctl bus call vesk://com.vesk.connectionmanager/getStatus
 for service in $services; do
     check "the $service that runs is the installed one" runs_installed "$service"
