@@ -10,10 +10,10 @@
 #include <cstring>
 #include <utility>
 
-#include "net/DottedAddress.h"
+#include "Decisions/RouteParser.h"
 #include "LeakCheck.h"
 #include "Log.h"
-#include "Decisions/RouteParser.h"
+#include "net/DottedAddress.h"
 
 // The priority builds the reader before the load hook runs and lets it go before the unload hook does.
 __attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);

@@ -3,12 +3,12 @@
 
 #include <string>
 
-#include "Log.h"
 #include "Decisions/NetworkDecision.h"
+#include "Decisions/StatusPayload.h"
+#include "Log.h"
 #include "ObjectRegistry.h"
 #include "QuorClient.h"
 #include "SocketInterface.h"
-#include "Decisions/StatusPayload.h"
 #include "SystemInterface.h"
 #include "handles/Json.h"
 

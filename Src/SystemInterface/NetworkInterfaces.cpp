@@ -9,13 +9,13 @@
 #include <algorithm>
 #include <cstring>
 
-#include "net/DottedAddress.h"
-#include "InterfaceIndex.h"
 #include "Decisions/InterfaceNames.h"
+#include "InterfaceIndex.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
 #include "SystemInterface.h"
 #include "handles/UniqueFd.h"
+#include "net/DottedAddress.h"
 
 namespace {
 

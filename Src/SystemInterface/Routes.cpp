@@ -8,13 +8,13 @@
 #include <new>
 #include <string>
 
-#include "net/DottedAddress.h"
 #include "InterfaceIndex.h"
 #include "JsonFields.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
 #include "SystemInterface.h"
 #include "handles/Stdio.h"
+#include "net/DottedAddress.h"
 
 namespace {
 

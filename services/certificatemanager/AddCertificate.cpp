@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AddCertificate.h"
 
+#include "handles/Json.h"
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
-#include "handles/Json.h"
 
 namespace certificatemanager {
 

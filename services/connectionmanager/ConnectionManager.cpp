@@ -5,9 +5,9 @@
 #include <cstring>
 #include <optional>
 
-#include "json/JsonError.h"
 #include "ServiceLog.h"
 #include "SnapshotReader.h"
+#include "json/JsonError.h"
 #include "json/StrictJson.h"
 
 namespace conman {

@@ -10,9 +10,9 @@
 #include <functional>
 #include <memory>
 
-#include "netlink/NetlinkDatagram.h"
 #include "handles/Glib.h"
 #include "handles/Mnl.h"
+#include "netlink/NetlinkDatagram.h"
 
 namespace conman {
 

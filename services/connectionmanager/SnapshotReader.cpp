@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "netlink/NetlinkAnswer.h"
 #include "SnapshotParser.h"
 #include "handles/UniqueFd.h"
+#include "netlink/NetlinkAnswer.h"
 
 namespace conman {
 

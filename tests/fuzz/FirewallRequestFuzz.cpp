@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "RequestError.h"
 #include "firewall/FirewallMessages.h"
 #include "firewall/FirewallRequest.h"
-#include "RequestError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {

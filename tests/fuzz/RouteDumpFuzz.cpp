@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "FakeVkLog.h"
 #include "Decisions/InterfaceChoice.h"
+#include "FakeVkLog.h"
 #include "NetLinkHelper.h"
 
 namespace {

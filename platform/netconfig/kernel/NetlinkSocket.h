@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Talking with the kernel over netlink: batches of changes whose errors are matched by sequence number, and dumps. Knows
-// nothing of what the messages mean. Failures of the socket itself throw a RequestError with the socket's key.
+// Talking with the kernel over netlink: batches of changes whose errors are matched by sequence number, and dumps.
+// Knows nothing of what the messages mean. Failures of the socket itself throw a RequestError with the socket's key.
 #ifndef VKNETCONFIG_NETLINKSOCKET_H
 #define VKNETCONFIG_NETLINKSOCKET_H
 
@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "netlink/NetlinkDatagram.h"
 #include "handles/Mnl.h"
+#include "netlink/NetlinkDatagram.h"
 
 namespace vknetconfig {
 
@@ -73,8 +73,8 @@ public:
     /// A header to put one message of at most 1024 bytes under; valid until the next call.
     nlmsghdr* add(std::uint16_t type, std::uint16_t flags);
 
-    /// Sends what is left. The failures that the kernel reported, in order; those of many may be incomplete, but the first
-    /// is always there.
+    /// Sends what is left. The failures that the kernel reported, in order; those of many may be incomplete, but the
+    /// first is always there.
     const std::vector<NetlinkFailure>& finish();
 
     /// True once a failure is known: the rest can as well be left out.

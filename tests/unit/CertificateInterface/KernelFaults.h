@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // System calls that fail below every library: the kernel hands each call of a kind to a signal handler of this process,
-// which counts it, and carries it out or lets it fail. Reaches calls that the C library makes for itself, as in fopen().
+// which counts it, and carries it out or lets it fail. Reaches calls that the C library makes for itself, as in
+// fopen().
 #ifndef WFOAL_TEST_KERNELFAULTS_H
 #define WFOAL_TEST_KERNELFAULTS_H
 

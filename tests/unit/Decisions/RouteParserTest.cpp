@@ -9,8 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "net/DottedAddress.h"
 #include "RouteMessages.h"
+#include "net/DottedAddress.h"
 
 namespace {
 
