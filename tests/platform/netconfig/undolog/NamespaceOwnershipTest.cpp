@@ -2,14 +2,17 @@
 //
 // Network namespaces that share /run: an interface or a filter of one never touches its namesake in another, also when
 // the kernel gives the inode of an ended namespace to a new one.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <fstream>
+#include <vector>
 
 #include "Driver.h"
 #include "KernelState.h"
 #include "RunningDriver.h"
+#include "handles/UniqueFd.h"
 
 using namespace testsupport;
 using testing::HasSubstr;
@@ -94,8 +97,11 @@ TEST_F(NamespaceOwnershipTest, ANewNamespaceWithTheInodeOfAnEndedOneIsNotTouched
     in("one", driver("add /tmp/request.json"));
     ASSERT_THAT(stateOf("one"), HasSubstr("192.168.0.0/16"));
     run("ip netns del one");
+    // The kernel hands out the lowest free inode. Namespaces that got another one stay alive, so that it comes round.
+    std::vector<UniqueFd> others;
     for (int tries = 0; inodeOf("one") != inode; ++tries) {
         if (tries == 200) GTEST_SKIP() << "the kernel does not use the inode of the ended namespace again";
+        others.emplace_back(open("/run/netns/one", O_RDONLY | O_CLOEXEC));
         outputOf("ip netns del one; sleep 0.02");
         makeNamespace("one");
     }
