@@ -26,11 +26,21 @@ struct {
 } sFault;
 
 unsigned sLastOptionLength = 0;
-std::string sLastOptionValue;
-std::string sLastBoundAddress;
-std::string sLastDestination;
 int sLastSocketType = 0;
-std::vector<int> sReceiveFlags;
+
+// Made by the first call that notes something: static objects with a priority make calls before this file's are made.
+struct Noted {
+    std::string optionValue;
+    std::string boundAddress;
+    std::string destination;
+    std::vector<int> receiveFlags;
+};
+
+Noted& noted()
+{
+    static Noted only;
+    return only;
+}
 
 bool strikes(Call kind)
 {
@@ -60,17 +70,17 @@ unsigned lastOptionLength()
 
 const std::string& lastOptionValue()
 {
-    return sLastOptionValue;
+    return noted().optionValue;
 }
 
 const std::string& lastBoundAddress()
 {
-    return sLastBoundAddress;
+    return noted().boundAddress;
 }
 
 const std::string& lastDestination()
 {
-    return sLastDestination;
+    return noted().destination;
 }
 
 int lastSocketType()
@@ -80,12 +90,12 @@ int lastSocketType()
 
 const std::vector<int>& receiveFlags()
 {
-    return sReceiveFlags;
+    return noted().receiveFlags;
 }
 
 void clearReceiveFlags()
 {
-    sReceiveFlags.clear();
+    noted().receiveFlags.clear();
 }
 
 Fault::Fault(Call kind, int nth, int error, int times, int step)
@@ -121,21 +131,21 @@ int __wrap_socket(int domain, int type, int protocol)
 int __real_bind(int socket, const sockaddr* address, socklen_t length);
 int __wrap_bind(int socket, const sockaddr* address, socklen_t length)
 {
-    testsupport::sLastBoundAddress.assign(reinterpret_cast<const char*>(address), length);
+    testsupport::noted().boundAddress.assign(reinterpret_cast<const char*>(address), length);
     return strikes(Call::Bind) ? -1 : __real_bind(socket, address, length);
 }
 
 ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags)
 {
-    testsupport::sLastDestination.assign(static_cast<const char*>(message->msg_name), message->msg_namelen);
+    testsupport::noted().destination.assign(static_cast<const char*>(message->msg_name), message->msg_namelen);
     return strikes(Call::Send) ? -1 : __real_sendmsg(socket, message, flags);
 }
 
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags)
 {
-    testsupport::sReceiveFlags.push_back(flags);
+    testsupport::noted().receiveFlags.push_back(flags);
     return strikes(Call::Receive) ? -1 : __real_recvmsg(socket, message, flags);
 }
 
@@ -153,7 +163,7 @@ int __real_setsockopt(int socket, int level, int option, const void* value, sock
 int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t length)
 {
     testsupport::sLastOptionLength = length;
-    testsupport::sLastOptionValue.assign(static_cast<const char*>(value), length);
+    testsupport::noted().optionValue.assign(static_cast<const char*>(value), length);
     return strikes(Call::SetOption) ? -1 : __real_setsockopt(socket, level, option, value, length);
 }
 
