@@ -25,6 +25,17 @@ void* operator new(std::size_t size)
     return block != nullptr ? block : throw std::bad_alloc();
 }
 
+// Every form, so that what one allocates another does not free.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return allocate(size);
+}
+
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
 {
     return allocate(size);
