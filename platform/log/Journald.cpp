@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "handles/UniqueFd.h"
+#include "io/WholeFile.h"
 
 namespace vklog {
 
@@ -62,14 +63,7 @@ UniqueFd connected()
 UniqueFd sealedFile(std::string_view entry)
 {
     UniqueFd file(memfd_create("vklog", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    while (file.valid() && !entry.empty()) {
-        const ssize_t count = write(file.get(), entry.data(), entry.size());
-        if (count > 0) {
-            entry.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            file.reset();
-        }
-    }
+    if (file.valid() && !wfoal::writeWhole(file.get(), entry)) file.reset();
     constexpr int all = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
     if (file.valid() && fcntl(file.get(), F_ADD_SEALS, all) != 0) file.reset();
     return file;

@@ -12,6 +12,7 @@
 #include "handles/OpenSsl.h"
 #include "handles/Pkcs12Parts.h"
 #include "handles/UniqueFd.h"
+#include "io/WholeFile.h"
 
 namespace certificatemanager {
 
@@ -95,17 +96,10 @@ InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>
     if (!S_ISREG(status.st_mode)) return failed(InstallError::NotRegularFile, "is not a regular file");
 
     // One byte more than is allowed, so that a file that grows meanwhile is noticed too.
-    bytes.resize(largestBundle + 1);
-    std::size_t length = 0;
-    while (length < bytes.size()) {
-        const ssize_t got = read(file.get(), bytes.data() + length, bytes.size() - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return failed(InstallError::Unreadable, std::strerror(errno));
-        if (got == 0) break;
-        length += static_cast<std::size_t>(got);
-    }
-    bytes.resize(length);
-    if (length > largestBundle) return failed(InstallError::TooLarge, "is larger than 1 MiB");
+    const auto content = wfoal::readWhole(file.get(), largestBundle + 1);
+    if (!content) return failed(InstallError::Unreadable, content.reason());
+    if (content->size() > largestBundle) return failed(InstallError::TooLarge, "is larger than 1 MiB");
+    bytes.assign(content->begin(), content->end());
     return {};
 }
 

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CertificateStore.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "Bundle.h"
-#include "DurableFile.h"
 #include "handles/Stdio.h"
+#include "handles/UniqueFd.h"
+#include "io/DurableFile.h"
+#include "io/WholeFile.h"
 
 namespace certificatemanager {
 
@@ -20,12 +20,8 @@ namespace {
 constexpr char certificateSuffix[] = ".pem";
 constexpr char keyPrefix[] = "rsa";
 
-std::string textOfFile(const std::string& path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
+// Begins a name that no listing takes for a certificate.
+constexpr std::string_view interruptedPrefix = ".installing-";
 
 // Folder by folder; the last one with `mode`.
 bool makeFolders(const std::string& folder, mode_t mode)
@@ -37,9 +33,30 @@ bool makeFolders(const std::string& folder, mode_t mode)
     return true;
 }
 
-InstallResult notStored(const std::string& path)
+InstallResult notStored(const std::string& path, const std::string& reason)
 {
-    return {InstallError::NotStored, path + ": " + std::strerror(errno)};
+    return {InstallError::NotStored, path + ": " + reason};
+}
+
+// Makes `text` a file that exists whole or not at all.
+InstallResult store(const std::string& folder, const std::string& name, const std::string& text)
+{
+    const UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!opened.valid()) return notStored(folder, wfoal::systemFault().reason);
+    const auto written = wfoal::writeDurably(opened.get(), name, std::string(interruptedPrefix) + name, text);
+    return written ? InstallResult() : notStored(folder + name, written.reason());
+}
+
+unsigned removeInterrupted(const std::string& folder)
+{
+    const DirPtr directory(opendir(folder.c_str()));
+    if (!directory) return 0;
+    unsigned removed = 0;
+    while (const dirent* entry = readdir(directory.get())) {
+        if (std::string_view(entry->d_name).substr(0, interruptedPrefix.size()) != interruptedPrefix) continue;
+        if (unlinkat(dirfd(directory.get()), entry->d_name, 0) == 0) ++removed;
+    }
+    return removed;
 }
 
 }  // namespace
@@ -58,20 +75,18 @@ InstallResult CertificateStore::install(const std::string& path, const std::stri
     result = openBundle(bytes, passphrase, bundle);
     if (result.error != InstallError::None) return result;
 
-    if (!makeFolders(mCertificateFolder, 0755)) return notStored(mCertificateFolder);
-    if (!makeFolders(mKeyFolder, 0700)) return notStored(mKeyFolder);
+    if (!makeFolders(mCertificateFolder, 0755)) return notStored(mCertificateFolder, wfoal::systemFault().reason);
+    if (!makeFolders(mKeyFolder, 0700)) return notStored(mKeyFolder, wfoal::systemFault().reason);
     if (isInstalled(bundle.fingerprint))
         return {InstallError::AlreadyInstalled, "the certificate is installed already"};
 
     const std::string name = bundle.fingerprint + certificateSuffix;
     const std::string keyName = keyPrefix + name;
-    if (!writeDurably(mKeyFolder, keyName, bundle.keyPem)) return notStored(mKeyFolder + keyName);
-    if (!writeDurably(mCertificateFolder, name, bundle.certificatePem)) {
-        result = notStored(mCertificateFolder + name);
-        unlink((mKeyFolder + keyName).c_str());
-        return result;
-    }
-    return {};
+    result = store(mKeyFolder, keyName, bundle.keyPem);
+    if (result.error != InstallError::None) return result;
+    result = store(mCertificateFolder, name, bundle.certificatePem);
+    if (result.error != InstallError::None) unlink((mKeyFolder + keyName).c_str());
+    return result;
 }
 
 unsigned CertificateStore::removeInterruptedInstallations() const
@@ -88,9 +103,10 @@ bool CertificateStore::isInstalled(const std::string& fingerprint) const
     while (const dirent* entry = readdir(folder.get())) {
         const std::string name = entry->d_name;
         if (name.find(certificateSuffix) == std::string::npos) continue;
-        const std::string certificate = textOfFile(mCertificateFolder + name);
-        if (fingerprintOfPem(certificate) != fingerprint) continue;
-        if (isKeyOf(certificate, textOfFile(mKeyFolder + keyPrefix + name))) return true;
+        const auto certificate = wfoal::readWhole(mCertificateFolder + name);
+        if (!certificate || fingerprintOfPem(*certificate) != fingerprint) continue;
+        const auto key = wfoal::readWhole(mKeyFolder + keyPrefix + name);
+        if (key && isKeyOf(*certificate, *key)) return true;
     }
     return false;
 }

@@ -13,6 +13,7 @@ base/result          -
 base/text            base/result
 base/json            base/result base/text
 base/net             base/result base/text
+base/io              base/handles base/result
 base/netlink         base/handles
 base/undolog         base/handles
 include/agent        -
@@ -21,7 +22,7 @@ platform/include     -
 Src/Decisions        base/handles base/net
 Src                  Src/Decisions include base/handles base/net platform/include
 platform/systembus   base/handles platform/include
-platform/log         base/handles platform/include
+platform/log         base/handles base/io base/result platform/include
 platform/bus         base/handles platform/include platform/systembus
 platform/power       base/handles platform/include platform/systembus
 platform/netconfig   base platform/include platform/systembus

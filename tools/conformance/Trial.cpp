@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "handles/UniqueFd.h"
+#include "io/WholeFile.h"
 
 namespace conformance {
 
@@ -53,14 +54,6 @@ UniqueFd memoryFile(const char* name)
     return file;
 }
 
-std::string contentOf(const UniqueFd& file)
-{
-    std::string text(4096, '\0');
-    const ssize_t size = pread(file.get(), text.data(), text.size(), 0);
-    text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    return text;
-}
-
 std::string endOf(int status, unsigned int secondsAtMost)
 {
     if (!WIFSIGNALED(status)) return "ended the process with exit code " + std::to_string(WEXITSTATUS(status));
@@ -80,9 +73,10 @@ Verdict tryPromise(const Promise& promise, const Settings& settings)
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    const std::string text = contentOf(answer);
-    if (status != 0 || text.empty()) return {Result::NotOk, endOf(status, settings.secondsAtMost)};
-    return {static_cast<Result>(std::strchr(letters, text[0]) - letters), text.substr(1)};
+    lseek(answer.get(), 0, SEEK_SET);
+    const auto text = wfoal::readWhole(answer.get());
+    if (status != 0 || !text || text->empty()) return {Result::NotOk, endOf(status, settings.secondsAtMost)};
+    return {static_cast<Result>(std::strchr(letters, text->front()) - letters), text->substr(1)};
 }
 
 }  // namespace conformance

@@ -5,8 +5,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
+
+#include "io/WholeFile.h"
 
 namespace vpnoalctl {
 
@@ -35,16 +36,10 @@ void HeldLog::show()
 {
     if (!mStderr.valid()) return;
     letThrough();
-    char block[4096];
-    off_t offset = 0;
-    for (;;) {
-        const ssize_t length = pread(mHeld.get(), block, sizeof block, offset);
-        if (length < 0 && errno == EINTR) continue;
-        if (length <= 0) return;
-        // stderr is unbuffered, and a failure cannot be reported.
-        static_cast<void>(std::fwrite(block, 1, static_cast<std::size_t>(length), stderr));
-        offset += length;
-    }
+    lseek(mHeld.get(), 0, SEEK_SET);
+    // stderr is unbuffered, and a failure cannot be reported.
+    if (const auto text = wfoal::readWhole(mHeld.get()))
+        static_cast<void>(std::fwrite(text->data(), 1, text->size(), stderr));
 }
 
 }  // namespace vpnoalctl

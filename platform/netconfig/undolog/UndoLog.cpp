@@ -16,6 +16,8 @@
 #include "Log.h"
 #include "RequestError.h"
 #include "handles/Stdio.h"
+#include "io/DurableFile.h"
+#include "io/WholeFile.h"
 #include "undolog/LockFile.h"
 
 namespace vknetconfig {
@@ -43,40 +45,22 @@ std::string joined(std::string_view stem, std::string_view suffix)
     return name;
 }
 
-// The first `most` bytes.
-std::string readFrom(int file, std::size_t most)
+// What base/io returns, or the fault as one of the undo log.
+template <class Value>
+Value valueOf(wfoal::Result<Value> result, const char* step)
 {
-    std::string text;
-    char part[65536];
-    while (text.size() < most) {
-        const ssize_t count = ::read(file, part, std::min(sizeof part, most - text.size()));
-        if (count == 0) break;
-        if (count > 0) {
-            text.append(part, static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            fail("read");
-        }
-    }
-    return text;
+    if (!result) throw RequestError("undo log", step + result.reason());
+    return std::move(*result);
 }
 
-void writeAll(int file, std::string_view text)
+std::string readFrom(int file, std::size_t most = std::string::npos)
 {
-    while (!text.empty()) {
-        const ssize_t count = ::write(file, text.data(), text.size());
-        if (count > 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            fail("write");
-        }
-    }
+    return valueOf(wfoal::readWhole(file, most), "read: ");
 }
 
 std::string bootId()
 {
-    const UniqueFd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
-    if (!file.valid()) fail("boot id");
-    const std::string text = readFrom(file.get(), 64);
+    const std::string text = valueOf(wfoal::readWhole("/proc/sys/kernel/random/boot_id", 64), "boot id: ");
     return text.substr(0, text.find('\n'));
 }
 
@@ -238,21 +222,9 @@ bool UndoLog::upgrade(const std::string& subject, pid_t& holder)
 void UndoLog::write(const std::string& subject, std::string_view content)
 {
     const std::string stem = stemOf(subject);
-    const std::string name = joined(stem, entrySuffix);
-    const std::string aside = joined(stem, asideSuffix);
-    try {
-        const UniqueFd file(
-            openat(mFolder.get(), aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!file.valid()) fail("write " + name);
-        writeAll(file.get(), entryHead(mOrigin));
-        writeAll(file.get(), content);
-        if (fsync(file.get()) != 0) fail("sync " + name);
-        if (renameat(mFolder.get(), aside.c_str(), mFolder.get(), name.c_str()) != 0) fail("rename " + name);
-        if (fsync(mFolder.get()) != 0) fail("sync " + mFolderPath);
-    } catch (...) {
-        unlinkat(mFolder.get(), aside.c_str(), 0);
-        throw;
-    }
+    valueOf(wfoal::writeDurably(mFolder.get(), joined(stem, entrySuffix), joined(stem, asideSuffix),
+                                entryHead(mOrigin).append(content)),
+            "");
 }
 
 // The text of a file, or its first bytes; empty when there is none.
@@ -295,7 +267,7 @@ std::function<bool()> UndoLog::lineCheck(const std::string& subject, const std::
 {
     return [path = mFolderPath + "/" + joined(stemOf(subject), entrySuffix), text = "\n" + line + "\n"] {
         const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-        if (file.valid()) return readFrom(file.get(), std::string::npos).find(text) != std::string::npos;
+        if (file.valid()) return readFrom(file.get()).find(text) != std::string::npos;
         if (errno == ENOENT) return false;
         fail("open " + path);
     };

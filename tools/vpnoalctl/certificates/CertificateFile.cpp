@@ -4,11 +4,8 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
-#include <cerrno>
-#include <cstdio>
-
 #include "CommandError.h"
-#include "handles/Stdio.h"
+#include "io/WholeFile.h"
 
 namespace vpnoalctl {
 
@@ -41,13 +38,10 @@ std::string timeText(const ASN1_TIME* time)
 
 Bytes readWholeFile(const std::string& path, std::size_t limit)
 {
-    const FilePtr file(std::fopen(path.c_str(), "re"));
-    if (!file) throw systemError(path, errno, "check the path and its permissions", ExitUsage);
-    Bytes bytes(limit + 1);
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (std::ferror(file.get()) != 0) throw systemError(path, errno, "", ExitUsage);
-    if (bytes.size() > limit) throw badInput(path, "the file is larger than " + std::to_string(limit) + " bytes");
-    return bytes;
+    const auto content = wfoal::readWhole(path, limit + 1);
+    if (!content) throw badInput(path, content.reason(), "check the path and its permissions");
+    if (content->size() > limit) throw badInput(path, "the file is larger than " + std::to_string(limit) + " bytes");
+    return {content->begin(), content->end()};
 }
 
 std::string readPasswordFile(const std::string& path)
