@@ -4,9 +4,11 @@
 // handle made of the same file.
 #include <glib.h>
 
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "Assertion.h"
 #include "CertElement.h"
@@ -16,7 +18,6 @@
 #include "Pkcs12Import.h"
 #include "QuorClient.h"
 #include "StagingFolder.h"
-#include "handles/Glib.h"
 
 namespace {
 
@@ -29,20 +30,6 @@ constexpr int alreadyInstalled = 10;
 
 // The staged file belongs to one import at a time: from staging to sending, and while the element reads it.
 std::mutex sStagedFileMutex;
-
-// Writes everything, or leaves `error` set.
-void writeAll(GIOChannel* channel, const unsigned char* data, unsigned int length, GError** error)
-{
-    const char* text = reinterpret_cast<const char*>(data);
-    gsize total = 0;
-    do {
-        gsize written = 0;
-        g_io_channel_write_chars(channel, text + total, static_cast<gssize>(length - total), &written, error);
-        total += written;
-        WFOAL_DEBUG("%s: Written %i of %i", saveFunction, static_cast<int>(total), static_cast<int>(length));
-    } while (*error == nullptr && total < length);
-    if (*error == nullptr) g_io_channel_shutdown(channel, TRUE, error);
-}
 
 // False when memory runs out.
 bool addText(json_object* object, const char* key, const char* text)
@@ -102,7 +89,7 @@ UniqueFd openStaged(const char* fileName)
 {
     std::string reason;
     const std::string folderName(stagingDirectory, std::strlen(stagingDirectory) - 1);
-    if (g_mkdir_with_parents(stagingDirectory, 0777) == -1) {
+    if (!wfoal::makeStagingFolder(stagingDirectory)) {
         WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
         return UniqueFd();
     }
@@ -144,15 +131,12 @@ bool saveCertFile(unsigned int length, const unsigned char* data, const char* fi
 {
     UniqueFd file = openStaged(fileName);
     if (!file.valid()) return false;
-    const GIOChannelPtr channel(g_io_channel_unix_new(file.release()));
-    g_io_channel_set_close_on_unref(channel.get(), TRUE);
-    g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
-    GError* error = nullptr;
-    writeAll(channel.get(), data, length, &error);
-    if (error == nullptr) return true;
-    const GErrorPtr reason(error);
-    WFOAL_ERROR("%s: Error Writing Certificate File: %s", __func__, reason->message);
-    return false;
+    std::size_t accepted = 0;
+    const bool isWritten = wfoal::writeStagingFile(std::move(file), data, length, accepted);
+    const int error = errno;
+    WFOAL_DEBUG("%s: Written %i of %i", saveFunction, static_cast<int>(accepted), static_cast<int>(length));
+    if (!isWritten) WFOAL_ERROR("%s: Error Writing Certificate File: %s", saveFunction, std::strerror(error));
+    return isWritten;
 }
 
 PluginResult CertificateInterface::ImportPKCS12(unsigned int length, const unsigned char* data,

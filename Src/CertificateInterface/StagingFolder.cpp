@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,6 +15,9 @@ namespace {
 
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t othersWrite = S_IWGRP | S_IWOTH;
+constexpr mode_t everybody = S_IRWXU | S_IRWXG | S_IRWXO;
+// The log tells how much was accepted before a failure, so the size of a block shows there.
+constexpr std::size_t blockSize = 2047;
 
 std::string ownerText(const struct stat& status)
 {
@@ -47,7 +51,36 @@ std::string faultOfFile(int file)
     return {};
 }
 
+bool isFolder(const char* path)
+{
+    struct stat status {};
+    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool writeBlock(int file, const unsigned char* data, std::size_t length)
+{
+    while (length > 0) {
+        const ssize_t written = write(file, data, length);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        data += written;
+        length -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
 }  // namespace
+
+bool makeStagingFolder(std::string path)
+{
+    for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+        path[end] = '\0';
+        const bool isThere = mkdir(path.c_str(), everybody) == 0 || (errno == EEXIST && isFolder(path.c_str()));
+        path[end] = '/';
+        if (!isThere) return false;
+    }
+    return true;
+}
 
 UniqueFd openStagingFolder(const std::string& path, std::string& reason)
 {
@@ -66,6 +99,18 @@ UniqueFd openStagingFile(const UniqueFd& folder, const std::string& name, std::s
     }
     reason = faultOfFile(file.get());
     return reason.empty() ? std::move(file) : UniqueFd();
+}
+
+bool writeStagingFile(UniqueFd file, const unsigned char* data, std::size_t length, std::size_t& accepted)
+{
+    accepted = 0;
+    while (accepted < length) {
+        const std::size_t block = std::min(blockSize, length - accepted);
+        accepted += block;
+        if (!writeBlock(file.get(), data + accepted - block, block)) return false;
+    }
+    // Closing is part of writing: some file systems only tell then that there was no room.
+    return close(file.release()) == 0;
 }
 
 }  // namespace wfoal

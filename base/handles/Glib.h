@@ -8,20 +8,10 @@
 
 #include <memory>
 
-struct GStringReleaser {
-    void operator()(GString* string) const { g_string_free(string, TRUE); }
-};
-using GStringPtr = std::unique_ptr<GString, GStringReleaser>;
-
 struct GErrorReleaser {
     void operator()(GError* error) const { g_error_free(error); }
 };
 using GErrorPtr = std::unique_ptr<GError, GErrorReleaser>;
-
-struct GIOChannelReleaser {
-    void operator()(GIOChannel* channel) const { g_io_channel_unref(channel); }
-};
-using GIOChannelPtr = std::unique_ptr<GIOChannel, GIOChannelReleaser>;
 
 struct GSourceReleaser {
     void operator()(GSource* source) const { g_source_unref(source); }

@@ -21,6 +21,7 @@ namespace {
 thread_local bool sArmed = false;
 thread_local int sLeft = 0;  // until the next that fails
 thread_local bool sForEver = false;
+thread_local bool sSparesGlib = true;
 thread_local bool sStruck = false;
 
 struct Range {
@@ -48,7 +49,7 @@ bool isGlib(const void* caller)
 
 bool strikes(const void* caller)
 {
-    if (!sArmed || isGlib(caller)) return false;
+    if (!sArmed || (sSparesGlib && isGlib(caller))) return false;
     if (sLeft > 0) --sLeft;
     if (sLeft > 0 || (sStruck && !sForEver)) return false;
     sStruck = true;
@@ -58,11 +59,12 @@ bool strikes(const void* caller)
 
 }  // namespace
 
-AllocationFault::AllocationFault(int nth, bool forEver)
+AllocationFault::AllocationFault(int nth, bool forEver, Glib glib)
 {
     if (sGlib.end == 0) dl_iterate_phdr(noteGlib, nullptr);
     sLeft = nth;
     sForEver = forEver;
+    sSparesGlib = glib == Glib::Spared;
     sStruck = false;
     sArmed = true;
 }

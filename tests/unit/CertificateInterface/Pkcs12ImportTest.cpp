@@ -18,6 +18,7 @@
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
 #include "CertificateInterface/ImportReply.h"
+#include "CertificateInterface/Pkcs12Import.h"
 #include "FailingNew.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
@@ -351,14 +352,37 @@ TEST_F(Pkcs12ImportTest, StagingFileThatCannotBeOpened)
     EXPECT_THAT(fakes::bus().calls, IsEmpty());
 }
 
+TEST_F(Pkcs12ImportTest, WholeBundleIsWrittenInOneGo)
+{
+    for (const std::size_t size : {0u, 1u, 2047u, 2048u, 100000u}) {
+        fakes::clearLog();
+        mBundle.assign(size, 'x');
+        ASSERT_TRUE(saveCertFile(static_cast<unsigned>(size), mBundle.data(), stagingFile));
+        const std::string number = std::to_string(size);
+        EXPECT_EQ(std::vector<fakes::LogLine>({{7, "saveCertFile: Written " + number + " of " + number}}),
+                  fakes::logLines());
+        EXPECT_EQ(std::string(size, 'x'), contentOf(stagingFile));
+    }
+}
+
+// A block that is accepted counts as written, and is not written before the next one comes.
 TEST_F(Pkcs12ImportTest, StagingFileThatCannotBeWritten)
 {
-    {
-        const NoFileGrows limit;
-        EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
+    for (const auto& [size, accepted] :
+         {std::pair{1u, 1u}, std::pair{2047u, 2047u}, std::pair{2048u, 2047u}, std::pair{100000u, 2047u}}) {
+        fakes::clearLog();
+        mBundle.assign(size, 'x');
+        {
+            const NoFileGrows limit;
+            EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
+        }
+        EXPECT_EQ(std::vector<fakes::LogLine>(
+                      {{7, "ImportPKCS12: importPass: secret storePass: store"},
+                       {7, "saveCertFile: Written " + std::to_string(accepted) + " of " + std::to_string(size)},
+                       {3, "saveCertFile: Error Writing Certificate File: File too large"}}),
+                  fakes::logLines());
+        EXPECT_THAT(fakes::bus().calls, IsEmpty());
     }
-    ASSERT_EQ(1u, fakes::logLines(3).size());
-    EXPECT_THAT(fakes::logLines(3)[0].text, testing::StartsWith("saveCertFile: Error Writing Certificate File: "));
 }
 
 TEST_F(Pkcs12ImportTest, EmptyBlobCountsAsSaved)
