@@ -11,8 +11,8 @@
 #include "Comparison.h"
 #include "NftText.h"
 #include "VkNetConfigLib.h"
-#include "dns/Subprocess.h"
 #include "firewall/FirewallRequest.h"
+#include "process/Subprocess.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ void runNft(const std::vector<std::string>& arguments)
 {
     std::vector<std::string> command{"nft"};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    require(vknetconfig::runSubprocess(command, {}, std::chrono::minutes(1)).succeeded(), "nft");
+    require(wfoal::runSubprocess(command, {}, std::chrono::minutes(1)).succeeded(), "nft");
 }
 
 std::string address(int number)

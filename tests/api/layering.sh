@@ -15,6 +15,7 @@ base/json            base/result base/text
 base/net             base/result base/text
 base/io              base/handles base/result
 base/netlink         base/handles
+base/process         base/handles base/result base/text
 base/undolog         base/handles
 include/agent        -
 include/plugin       include/agent base/handles

@@ -3,11 +3,14 @@
 
 #include "RequestError.h"
 #include "dns/LinkDns.h"
-#include "dns/Subprocess.h"
+#include "process/Subprocess.h"
 
 namespace vknetconfig {
 
 namespace {
+
+using wfoal::runSubprocess;
+using wfoal::SubprocessResult;
 
 constexpr char tool[] = "resolvconf";
 constexpr auto longestRun = std::chrono::seconds(5);

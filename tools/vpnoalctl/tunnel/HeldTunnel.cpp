@@ -1,12 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tunnel/HeldTunnel.h"
 
+#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "CommandError.h"
 #include "tunnel/BringUp.h"
 
 namespace vpnoalctl {
+
+namespace {
+
+int exitStatus(const wfoal::SubprocessResult& result)
+{
+    using Outcome = wfoal::SubprocessResult::Outcome;
+    switch (result.outcome) {
+    case Outcome::Exited: return result.code;
+    case Outcome::Killed: return 128 + result.code;
+    default: return ExitFailed;
+    }
+}
+
+}  // namespace
 
 HeldTunnel::HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks,
                        RestoreReport report)
@@ -29,12 +45,20 @@ HeldTunnel::~HeldTunnel()
 
 void HeldTunnel::start(const std::string& command, int inherited)
 {
-    mCommand.emplace(command, inherited);
+    constexpr char shell[] = "/bin/sh";
+    try {
+        mCommand.emplace(std::vector<std::string>{shell, "-c", command}, wfoal::Subprocess::Sharing::All,
+                         wfoal::Subprocess::Files{-1, -1, inherited});
+    } catch (const std::system_error& error) {
+        throw systemError(shell, error.code().value(), "it is needed to run the command");
+    }
 }
 
 std::optional<int> HeldTunnel::check()
 {
-    if (mCommand && mCommand->status()) return mCommand->status();
+    if (mCommand) {
+        if (const auto& ended = mCommand->wait(std::chrono::milliseconds(0))) return exitStatus(*ended);
+    }
     if (mLink->isGone()) {
         throw CommandError(tunnelDeviceName, "somebody removed the interface, everything is restored",
                            "connect again when it is wanted");
@@ -45,7 +69,7 @@ std::optional<int> HeldTunnel::check()
 
 int HeldTunnel::endCommand()
 {
-    return mCommand ? mCommand->end() : ExitOk;
+    return mCommand ? exitStatus(mCommand->end()) : ExitOk;
 }
 
 }  // namespace vpnoalctl

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "PluginLibrary.h"
+#include "process/Subprocess.h"
 #include "profile/Profile.h"
-#include "tunnel/ChildCommand.h"
 #include "tunnel/LinkWatch.h"
 #include "tunnel/OwnershipWatch.h"
 #include "tunnel/TunDevice.h"
@@ -39,7 +39,8 @@ public:
 
     /// Starts a shell command. `inherited`, a descriptor or -1, is open in it under the same number.
     void start(const std::string& command, int inherited);
-    /// The command's exit status once it has ended. Throws CommandError when somebody removed the device or the
+    /// The command's exit status once it has ended, as a shell reports it: 128 and the signal's number for a killed
+    /// command. Throws CommandError when somebody removed the device or the
     /// configuration.
     std::optional<int> check();
     /// Ends the command and returns its exit status; ExitOk without one.
@@ -52,7 +53,7 @@ private:
     // They watch what is installed.
     std::optional<LinkWatch> mLink;
     std::optional<OwnershipWatch> mOwnership;
-    std::optional<ChildCommand> mCommand;
+    std::optional<wfoal::Subprocess> mCommand;
 };
 
 }  // namespace vpnoalctl

@@ -19,7 +19,6 @@
 #include "Daemons.h"
 #include "RequestError.h"
 #include "dns/Dns.h"
-#include "dns/Subprocess.h"
 #include "handles/UniqueFd.h"
 
 using namespace vknetconfig;
@@ -211,34 +210,4 @@ TEST_F(ResolvconfTest, SignalsThatTheAgentBlocksOrIgnoresReachTheTool)
     signal(SIGPIPE, handler);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     EXPECT_EQ(contentOf("/tmp/signals"), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
-}
-
-TEST(SubprocessTest, AResultIsToldInWords)
-{
-    EXPECT_EQ(runSubprocess({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
-    EXPECT_TRUE(runSubprocess({"true"}, {}, 5s).succeeded());
-    EXPECT_EQ(runSubprocess({"sh", "-c", "kill -9 $$"}, {}, 5s).reason(), "killed by signal 9");
-    EXPECT_EQ(runSubprocess({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
-}
-
-TEST(SubprocessTest, AMegabyteInAndOutBlocksNobody)
-{
-    const std::string megabyte(1 << 20, 'x');
-    const SubprocessResult result = runSubprocess({"cat"}, megabyte, 20s);
-    EXPECT_TRUE(result.succeeded());
-    EXPECT_EQ(result.output, std::string(200, 'x'));
-}
-
-TEST(SubprocessTest, ArgumentsAreNoShellText)
-{
-    const SubprocessResult result = runSubprocess({"echo", "$(id); `id` *"}, {}, 5s);
-    EXPECT_EQ(result.output, "$(id); `id` *");
-}
-
-TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
-{
-    const auto handler = signal(SIGCHLD, SIG_IGN);
-    const SubprocessResult result = runSubprocess({"true"}, {}, 5s);
-    signal(SIGCHLD, handler);
-    EXPECT_EQ(result.outcome, SubprocessResult::Outcome::Unknown);
 }

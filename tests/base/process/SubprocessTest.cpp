@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process/Subprocess.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "handles/UniqueFd.h"
+#include "io/WholeFile.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using wfoal::runSubprocess;
+using wfoal::Subprocess;
+using wfoal::SubprocessResult;
+
+constexpr char folder[] = "/tmp/subprocess";
+
+TEST(SubprocessTest, AResultIsToldInWords)
+{
+    EXPECT_EQ(runSubprocess({"sh", "-c", "exit 0"}, {}, 5s).reason(), "exit code 0");
+    EXPECT_TRUE(runSubprocess({"true"}, {}, 5s).succeeded());
+    EXPECT_EQ(runSubprocess({"sh", "-c", "kill -9 $$"}, {}, 5s).reason(), "killed by signal 9");
+    EXPECT_EQ(runSubprocess({"absent-tool"}, {}, 5s).reason(), "it cannot be started: No such file or directory");
+}
+
+TEST(SubprocessTest, AMegabyteInAndOutBlocksNobody)
+{
+    const std::string megabyte(1 << 20, 'x');
+    const SubprocessResult result = runSubprocess({"cat"}, megabyte, 20s);
+    EXPECT_TRUE(result.succeeded());
+    EXPECT_EQ(result.output, std::string(200, 'x'));
+}
+
+TEST(SubprocessTest, ArgumentsAreNoShellText)
+{
+    const SubprocessResult result = runSubprocess({"echo", "$(id); `id` *"}, {}, 5s);
+    EXPECT_EQ(result.output, "$(id); `id` *");
+}
+
+TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
+{
+    const auto handler = signal(SIGCHLD, SIG_IGN);
+    const SubprocessResult result = runSubprocess({"true"}, {}, 5s);
+    signal(SIGCHLD, handler);
+    EXPECT_EQ(result.outcome, SubprocessResult::Outcome::Unknown);
+}
+
+TEST(SubprocessTest, AProgramThatCannotBeStartedIsReportedAtOnce)
+{
+    EXPECT_THROW(Subprocess({"/absent"}, Subprocess::Sharing::All, {}), std::system_error);
+}
+
+class SharingProgramTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directories(folder);
+        std::filesystem::remove(out);
+    }
+
+    static std::vector<std::string> shell(const std::string& text) { return {"/bin/sh", "-c", text}; }
+    static std::string output() { return *wfoal::readWhole(out); }
+
+    static constexpr char out[] = "/tmp/subprocess/out";
+};
+
+TEST_F(SharingProgramTest, ItHasTheEnvironmentTheGroupAndOneInheritedFile)
+{
+    setenv("SUBPROCESS_TEST", "shared", 1);
+    const UniqueFd closeOnExec(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const UniqueFd inherited(fcntl(closeOnExec.get(), F_DUPFD_CLOEXEC, 150));
+    const UniqueFd hidden(fcntl(closeOnExec.get(), F_DUPFD_CLOEXEC, 151));
+    Subprocess program(
+        shell("{ echo $SUBPROCESS_TEST; ps -o pgid= -p $$; ls /proc/$$/fd | grep 15; } > " + std::string(out)),
+        Subprocess::Sharing::All, {-1, -1, inherited.get()});
+    ASSERT_TRUE(program.wait(5s));
+    std::string text = output();
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+    EXPECT_EQ(text, "shared\n" + std::to_string(getpgrp()) + "\n150\n");
+}
+
+TEST_F(SharingProgramTest, WaitReturnsWhenItsTimeIsOver)
+{
+    Subprocess program(shell("exec sleep 3600"), Subprocess::Sharing::All, {});
+    EXPECT_FALSE(program.wait(0ms));
+    EXPECT_FALSE(program.wait(20ms));
+    EXPECT_EQ(program.end().reason(), "killed by signal 15");
+    EXPECT_EQ(program.end().reason(), "killed by signal 15") << "it is told again";
+}
+
+TEST_F(SharingProgramTest, AProgramThatIgnoresSigtermIsKilled)
+{
+    Subprocess program(shell("trap '' TERM; echo ready > " + std::string(out) + "; while :; do sleep 0.1; done"),
+                       Subprocess::Sharing::All, {});
+    for (int attempt = 0; attempt < 500 && !std::filesystem::exists(out); ++attempt)
+        EXPECT_FALSE(program.wait(10ms));
+    EXPECT_EQ(program.end().reason(), "killed by signal 9");
+}
+
+TEST_F(SharingProgramTest, IgnoredChildrenDoNotHoldAnybodyUp)
+{
+    const auto handler = signal(SIGCHLD, SIG_IGN);
+    Subprocess program(shell("exit 3"), Subprocess::Sharing::All, {});
+    const auto result = program.wait(5s);
+    signal(SIGCHLD, handler);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->outcome, SubprocessResult::Outcome::Unknown);
+}
+
+}  // namespace
