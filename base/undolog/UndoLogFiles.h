@@ -13,7 +13,7 @@
 
 namespace wfoal {
 
-inline constexpr char journalFolder[] = "/run/vknetconfig";
+inline constexpr char undoLogFolder[] = "/run/vknetconfig";
 inline constexpr std::string_view entrySuffix = ".journal";
 inline constexpr std::string_view lockSuffix = ".lock";
 inline constexpr char namespaceSeparator = '@';

@@ -32,7 +32,7 @@ namespace vknetconfig {
 
 class UndoLog {
 public:
-    explicit UndoLog(std::string folder = wfoal::journalFolder);
+    explicit UndoLog(std::string folder = wfoal::undoLogFolder);
 
     /// The lock that lets one request at a time work, over all processes. Every other operation needs it.
     class Lock {

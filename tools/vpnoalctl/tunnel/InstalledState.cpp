@@ -21,7 +21,7 @@ std::array<std::string, 2> undoLogFiles()
     const std::string here = wfoal::currentNetworkNamespace();
     if (here.empty()) throw systemError("network namespace", errno, "free resources and try again");
     const auto fileOf = [&here](const char* subject) {
-        return fmt::format("{}/{}{}{}", wfoal::journalFolder, subject, wfoal::namespaceSeparator, here);
+        return fmt::format("{}/{}{}{}", wfoal::undoLogFolder, subject, wfoal::namespaceSeparator, here);
     };
     return {fileOf("interface-norvatun0"), fileOf("firewall-vpn.vpnoal")};
 }
@@ -40,7 +40,7 @@ InstalledState stateOf(const std::string& file)
     struct stat status {};
     if (stat((file + std::string(wfoal::entrySuffix)).c_str(), &status) != 0) {
         if (errno == ENOENT) return {};
-        return {fmt::format("{} cannot be read: {}", wfoal::journalFolder, std::strerror(errno)), 0};
+        return {fmt::format("{} cannot be read: {}", wfoal::undoLogFolder, std::strerror(errno)), 0};
     }
     const UniqueFd lock(open((file + std::string(wfoal::lockSuffix)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const pid_t holder = lock.valid() ? wfoal::holderIn(lock.get()) : 0;
