@@ -73,7 +73,7 @@ if [ -z "$build" ]; then
         tests/support/fetch-daemons.sh build/daemons resolved elogind
     quietly 'Configuring' cmake --preset release
     quietly 'Building (a few minutes the first time)' cmake --build --preset release --target \
-        samplegateway vpnoalctl isolate vesk-connectionmanager vesk-certificatemanager
+        samplegateway sampleclient vpnoalctl isolate vesk-connectionmanager vesk-certificatemanager
 fi
 build=$(cd "$build" && pwd)
 

@@ -1,12 +1,11 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# The agent of the story: vpnoalctl connect, whose events are one JSON line each.
+# The agent of the story: the sample client, whose events are one JSON line each.
 
 # shellcheck disable=SC2154  # shared with story.sh and its other parts
-# start_agent PROFILE [OPTION...]
 start_agent() {
-    run_beside agent "$build/bin/vpnoalctl" --json connect "$@"
+    run_beside agent "$build/bin/sampleclient" --json "$here/profile.json" "$here/gateway.json"
 }
 
 # await_event EVENT [REGEX] [SECONDS]: skips other events. The event is in $matched_line.
@@ -29,17 +28,17 @@ outer_connection() { ss -H -n -t state established dst 198.51.100.2; }
 # The handset's, which tells this connection from every other in a gateway's log.
 outer_port() { outer_connection | sed -nE 's/.*%[a-z0-9]+:([0-9]+) .*/\1/p'; }
 
-filters_in_force() { echo "$(nft list ruleset | grep -c 'dport 9999 drop') rule"; }
+installed_filters() { echo "$(nft list ruleset | grep -c 'dport 9999 drop') rule"; }
 
 status_of_networks() {
     busctl --system call com.vesk.connectionmanager / com.vesk.JsonService1 getStatus s '{}' | tr -d \\
 }
 
-# start_gateway NAMESPACE PROFILE [--no-device]
+# start_gateway NAMESPACE GATEWAY [--no-device]
 start_gateway() {
-    local name=$1 profile=$2
+    local name=$1 gateway=$2
     shift 2
-    start_until "$name" '^ready' nsenter "--net=/run/netns/$name" "$build/bin/samplegateway" "$profile" \
+    start_until "$name" '^ready' nsenter "--net=/run/netns/$name" "$build/bin/samplegateway" "$here/profile.json" "$gateway" \
         "$secrets/$name.pem" "$secrets/$name.key" "$secrets/authority.pem" "$@"
 }
 

@@ -66,7 +66,7 @@ handshake_without_certificate() {
     OPENSSL_CONF=/dev/null openssl s_client -connect 198.51.100.2:443 -tls1_1 -cipher DEFAULT:@SECLEVEL=0 </dev/null
 }
 
-# profile_for GATEWAY ADDRESS NAME: the profile with another gateway.
-profile_for() {
-    sed "s/198\.51\.100\.2\"/$2\"/; s/vpn\.example/$3/" "$here/profile.json" >"$secrets/$1.json"
+# file_for GATEWAY ADDRESS NAME: another gateway's file.
+file_for() {
+    sed "s/198\.51\.100\.2\"/$2\"/; s/vpn\.example/$3/" "$here/gateway.json" >"$secrets/$1.json"
 }

@@ -53,7 +53,7 @@ tell_certificate() {
     expect 'its handle signs, and openssl verifies the signature' 'Signature Verified Successfully' signature_by_openssl
 }
 
-# connect_once STEP STATUS VERDICT PROFILE [OPTION...]: a connection that ends at once. Where there is no tunnel device
+# connect_once STEP STATUS VERDICT GATEWAY [OPTION...]: a connection that ends at once. Where there is no tunnel device
 # to be had it ends, with status 1, behind the handshake.
 connect_once() {
     local step=$1 status=$2 verdict=$3 reached=connected status_means=''
@@ -62,21 +62,22 @@ connect_once() {
         status=1 reached=handshake status_means='the handshake is done; there is no tunnel device for this user'
     fi
     [ "$verdict" != "" ] || verdict="\"event\":\"$reached\""
-    expect_status "$step" "$status" "$verdict" "$build/bin/vpnoalctl" --json connect "$@" --exec true
+    expect_status "$step" "$status" "$verdict" \
+        "$build/bin/sampleclient" --json "$here/profile.json" "$@" --exec true
 }
 
 tell_gateways() {
     local device=()
     chapter 'Three gateways: one is accepted, one asked about, one refused'
     $have_tun || device=(--no-device)
-    profile_for asked 198.51.100.6 other.example
-    profile_for refused 198.51.100.10 old.example
-    start_gateway gateway "$here/profile.json" "${device[@]}"
+    file_for asked 198.51.100.6 other.example
+    file_for refused 198.51.100.10 old.example
+    start_gateway gateway "$here/gateway.json" "${device[@]}"
     start_gateway asked "$secrets/asked.json" "${device[@]}"
     start_gateway refused "$secrets/refused.json" --no-device
     expect 'a gateway demands a certificate: without one' 'alert handshake failure' handshake_without_certificate
     expect 'the good gateway, as openssl judges' ': OK$' openssl verify -CAfile "$secrets/authority.pem" "$secrets/gateway.pem"
-    connect_once 'is accepted: handshake signed by the handle' 0 '' "$here/profile.json"
+    connect_once 'is accepted: handshake signed by the handle' 0 '' "$here/gateway.json"
     compare_snapshot 'and everything is restored afterwards'
     expect 'the self-signed gateway, as openssl judges' 'self-signed' openssl verify -CAfile "$secrets/authority.pem" "$secrets/asked.pem"
     connect_once 'must be asked about: with nobody there' 4 '"verdict":"ask"' "$secrets/asked.json"
@@ -98,7 +99,7 @@ tell_connection() {
             failed 'vpnoalctl apply' 'exit status 0' "$(cat "$logs/agent.log")"
         return
     fi
-    start_agent "$here/profile.json"
+    start_agent
     await_event interface '"interface":"eth0"'
     expect 'interface chosen: the lowest metric' '^default via 192\.0\.2\.1 dev eth0 metric 100' ip route show default
     await_event connected
@@ -117,7 +118,7 @@ tell_configuration() {
     expect 'the kernel would send to anywhere' 'dev norvatun0' ip route get 198.18.0.7
     expect 'DNS server of the tunnel' 'norvatun0.*10\.20\.0\.53' "$resolvectl" dns norvatun0
     expect 'DNS domain of the tunnel' 'norvatun0.*corp\.example' "$resolvectl" domain norvatun0
-    expect 'filter in force' 'oifname "norvatun0".*udp dport 9999.*drop' nft list ruleset
+    expect 'filter installed' 'oifname "norvatun0".*udp dport 9999.*drop' nft list ruleset
 }
 
 tell_traffic() {

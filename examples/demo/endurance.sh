@@ -63,11 +63,11 @@ tell_kill() {
     fi
     stop_beside agent KILL
     expect 'its device is gone with it' 'does not exist' ip link show norvatun0
-    expect 'its filter is left behind' 'table inet vpn\.vpnoal' nft list tables
-    start_agent "$here/profile.json"
+    expect 'its filter is stale' 'table inet vpn\.vpnoal' nft list tables
+    start_agent
     await_event connected
     expect 'the next start cleans up and connects' '192\.0\.2\.10%eth0:.*198\.51\.100\.2:443' outer_connection
-    expect 'one filter, its own' '^1 rule' filters_in_force
+    expect 'one filter, its own' '^1 rule' installed_filters
     expect 'ping through the tunnel again' '1 received' ping -n -q -c 1 -W 5 10.20.0.80
 }
 

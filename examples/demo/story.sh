@@ -59,7 +59,7 @@ keep_shell() {
 keep_connected() {
     $keep || return 0
     if $have_tun; then
-        start_agent "$here/profile.json"
+        start_agent
         await_event connected
     fi
     keep_shell

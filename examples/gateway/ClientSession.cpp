@@ -5,12 +5,12 @@
 
 #include <utility>
 
+#include "OuterSocket.h"
 #include "certificates/CertificateFile.h"
-#include "connect/OuterSocket.h"
 
 namespace samplegateway {
 
-using vpnoalctl::TlsStream;
+using sampleclient::TlsStream;
 
 ClientSession::ClientSession(SSL_CTX* context, UniqueFd socket, const sockaddr_in& peer)
     : mStream(context, std::move(socket), TlsStream::Side::Server),

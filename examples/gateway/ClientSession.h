@@ -9,7 +9,7 @@
 #include <chrono>
 #include <string>
 
-#include "connect/TlsStream.h"
+#include "client/TlsStream.h"
 
 namespace samplegateway {
 
@@ -24,7 +24,7 @@ public:
     /// A client that has not proved itself in a minute, in which its user may be asked, is let go.
     bool isTooSlow() const;
 
-    vpnoalctl::TlsStream& stream() { return mStream; }
+    sampleclient::TlsStream& stream() { return mStream; }
     /// What to poll() for while hands are shaken.
     short wanted() const { return mWanted; }
     /// "192.0.2.10:49152"
@@ -33,7 +33,7 @@ public:
     std::string subject() const;
 
 private:
-    vpnoalctl::TlsStream mStream;
+    sampleclient::TlsStream mStream;
     std::string mPeer;
     short mWanted;
     std::chrono::steady_clock::time_point mDeadline;

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A SAMPLE gateway, the other end of "vpnoalctl connect": a TLS server that demands a client certificate of one
+// A SAMPLE gateway, the other end of the sample client: a TLS server that demands a client certificate of one
 // authority, and a tunnel device behind it. It serves one client at a time; whoever proves itself last is it. TLS 1.0
 // and 1.1 only, because that is what certificate handles sign for.
 //
-//     samplegateway PROFILE CERTIFICATE KEY CLIENT-AUTHORITY [--no-device]
+//     samplegateway PROFILE GATEWAY CERTIFICATE KEY CLIENT-AUTHORITY [--no-device]
 //
-// The profile is the client's: the gateway has the tunnel's peer address and listens on the gateway's port. The other
-// files are PEM. With --no-device it shakes hands and carries nothing. It prints a line for what happens, "ready" when
-// it listens, and runs until it is interrupted. Exit codes are those of vpnoalctl.
+// Profile and gateway are the client's: the gateway has the tunnel's peer address and listens on the gateway's port.
+// The other files are PEM. With --no-device it shakes hands and carries nothing. It prints a line for what happens,
+// "ready" when it listens, and runs until it is interrupted. Exit codes are those of vpnoalctl.
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -23,12 +23,14 @@
 
 #include "ClientSession.h"
 #include "CommandError.h"
-#include "connect/PacketCarrier.h"
+#include "client/Gateway.h"
+#include "client/PacketCarrier.h"
 #include "profile/Profile.h"
 #include "tunnel/Signals.h"
 #include "tunnel/TunDevice.h"
 
 using namespace vpnoalctl;
+using namespace sampleclient;
 using samplegateway::ClientSession;
 
 namespace {
@@ -82,8 +84,8 @@ TunnelSettings mirrored(TunnelSettings tunnel)
 
 class Gateway {
 public:
-    Gateway(const Profile& profile, const Files& files, bool withDevice)
-        : mContext(serverContext(files)), mListener(listenOn(profile.gateway->port))
+    Gateway(const Profile& profile, in_port_t port, const Files& files, bool withDevice)
+        : mContext(serverContext(files)), mListener(listenOn(port))
     {
         if (!withDevice) return;
         mDevice = std::make_unique<TunDevice>(mirrored(profile.tunnel));
@@ -180,13 +182,13 @@ private:
 
 int serve(int argc, char** argv)
 {
-    const bool withDevice = argc == 5;
-    if (!withDevice && (argc != 6 || std::strcmp(argv[5], "--no-device") != 0)) {
-        throw badInput("usage", "samplegateway PROFILE CERTIFICATE KEY CLIENT-AUTHORITY [--no-device]");
+    const bool withDevice = argc == 6;
+    if (!withDevice && (argc != 7 || std::strcmp(argv[6], "--no-device") != 0)) {
+        throw badInput("usage", "samplegateway PROFILE GATEWAY CERTIFICATE KEY CLIENT-AUTHORITY [--no-device]");
     }
     const Profile profile = loadProfile(argv[1]);
-    if (!profile.gateway) throw badInput(argv[1], "the profile has no gateway");
-    Gateway(profile, {argv[2], argv[3], argv[4]}, withDevice).run();
+    const in_port_t port = sampleclient::loadGateway(argv[2]).port;
+    Gateway(profile, port, {argv[3], argv[4], argv[5]}, withDevice).run();
     return ExitOk;
 }
 

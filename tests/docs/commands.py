@@ -14,7 +14,7 @@ import pathlib
 import re
 import sys
 
-DOCUMENTS = ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "Src/README.md", "docs")
+DOCUMENTS = ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "Src/README.md", "examples/client/README.md", "docs")
 
 
 def commandsOf(path):

@@ -79,7 +79,7 @@ def missingTests(root):
 
 
 def documents(root):
-    return [*root.glob("*.md"), *(root / "docs").glob("*.md"), root / "Src/README.md"]
+    return [*root.glob("*.md"), *(root / "docs").glob("*.md"), root / "Src/README.md", root / "examples/client/README.md"]
 
 
 def missingFiles(root):

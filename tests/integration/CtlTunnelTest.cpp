@@ -345,12 +345,15 @@ TEST_F(CtlTunnelTest, BadProfilesChangeNothing)
     expectStateAsBefore();
 }
 
-TEST_F(CtlTunnelTest, TrustInAGatewayNeedsOne)
+TEST_F(CtlTunnelTest, GatewayIsNoKeyOfAProfile)
 {
-    writeProfile(goodProfile);
-    const CommandResult result = run({"connect", profile, "--accept-prompt"});
-    EXPECT_EQ(2, result.status);
-    EXPECT_THAT(result.output, StartsWith("vpnoalctl: --accept-prompt: the profile has no gateway"));
+    writeProfile(R"({"tunnel":{"address":"10.8.0.2/24","peer":"10.8.0.1"},"gateway":{"address":"198.51.100.2"}})");
+    for (const char* command : {"connect", "apply"}) {
+        const CommandResult result = run({command, profile});
+        EXPECT_EQ(2, result.status);
+        EXPECT_EQ("vpnoalctl: /tmp/profile.json: gateway: unknown key; correct the profile; nothing was changed\n",
+                  result.output);
+    }
     expectStateAsBefore();
 }
 

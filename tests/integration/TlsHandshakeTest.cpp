@@ -20,7 +20,7 @@
 #include "ChildProcess.h"
 #include "CommandError.h"
 #include "certificates/ServerVerdict.h"
-#include "connect/ClientTls.h"
+#include "client/ClientTls.h"
 #include "handles/UniqueFd.h"
 
 namespace {
@@ -29,7 +29,7 @@ using testsupport::Identity;
 using testsupport::makeIdentity;
 using testsupport::writeFile;
 using vpnoalctl::ServerVerdict;
-using vpnoalctl::TlsStream;
+using sampleclient::TlsStream;
 
 constexpr int port = 4433;
 
@@ -112,7 +112,7 @@ protected:
     Conversation talk(ClientCertHandle& handle, const char* password = nullptr)
     {
         Conversation result;
-        vpnoalctl::ClientTls client(handle, password, [&](const auto& server, const auto& intermediates) {
+        sampleclient::ClientTls client(handle, password, [&](const auto& server, const auto& intermediates) {
             result.verdict = vpnoalctl::judgeServer(mCertificates, server, intermediates, "vpn.example");
             if (result.verdict == ServerVerdict::Refuse) throw vpnoalctl::CommandError("server", "refused", "");
         });

@@ -30,22 +30,22 @@ void setUpLog(int verbosity)
     setenv("VKLOG_TARGET", "stderr", verbose ? 1 : 0);
 }
 
-void complain(const std::string& text)
+void complain(const CLI::App& app, const std::string& text)
 {
-    tell("vpnoalctl: " + text);
+    tell(app.get_name() + ": " + text);
 }
 
-int guarded(const Action& action, Context& context)
+int guarded(const CLI::App& app, const Action& action, Context& context)
 {
     try {
         const int code = action(context);
         if (!context.output.flush()) throw CommandError("output", "not everything could be written", "free the disk");
         return code;
     } catch (const CommandError& error) {
-        complain(error.what());
+        complain(app, error.what());
         return error.exitCode();
     } catch (const std::exception& error) {
-        complain(error.what());
+        complain(app, error.what());
         return ExitFailed;
     }
 }
@@ -65,12 +65,12 @@ std::string unknownCommand(const CLI::App& app)
 
 int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
 {
-    std::string command = "vpnoalctl";
+    std::string command = app.get_name();
     for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = chosen.front()->get_subcommands()) {
         command += " " + chosen.front()->get_name();
     }
     const std::string unknown = unknownCommand(app);
-    complain("usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");
+    complain(app, "usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");
     return ExitUsage;
 }
 
@@ -83,12 +83,17 @@ void defineProgram(CLI::App& app, Settings& settings, std::optional<Action>& cho
     app.footer(footer);
     app.set_version_flag("--version", "vpnoalctl " WFOAL_VERSION);
     app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
+    addCommonOptions(app, settings);
+    app.require_subcommand(1);
+    defineCommands(app, chosen);
+}
+
+void addCommonOptions(CLI::App& app, Settings& settings)
+{
     app.add_option("--plugin", settings.pluginPath, "The plug-in's file; else $WFOAL_PLUGIN, else " WFOAL_SONAME);
     app.add_flag("--json", settings.json, "Print JSON for machines");
     app.add_flag("-v,--verbose", settings.verbosity,
                  "Tell more and show the log on stderr; twice: with debug output, which can hold passwords");
-    app.require_subcommand(1);
-    defineCommands(app, chosen);
 }
 
 int run(int argc, char** argv)
@@ -97,6 +102,11 @@ int run(int argc, char** argv)
     Settings settings;
     std::optional<Action> chosen;
     defineProgram(app, settings, chosen);
+    return runProgram(app, settings, chosen, argc, argv);
+}
+
+int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& chosen, int argc, char** argv)
+{
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -107,7 +117,7 @@ int run(int argc, char** argv)
     setUpLog(settings.verbosity);
     Output output(stdout, settings.json);
     Context context(settings, output);
-    return guarded(*chosen, context);
+    return guarded(app, *chosen, context);
 }
 
 }  // namespace vpnoalctl

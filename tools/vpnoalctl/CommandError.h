@@ -16,8 +16,7 @@ enum ExitCode : int {
     ExitFailed = 1,    ///< the operation was tried and failed
     ExitUsage = 2,     ///< wrong usage or bad input; nothing was changed
     ExitNoPlugin = 3,  ///< the plug-in could not be loaded
-    ExitAskUser = 4,   ///< verify, connect: neither accepted nor refused; the user must decide
-    ExitRefused = 5,   ///< connect: the gateway's certificate is refused
+    ExitAskUser = 4,   ///< verify: neither accepted nor refused; the user must decide
 };
 
 class CommandError : public std::runtime_error {

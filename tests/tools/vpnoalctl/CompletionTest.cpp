@@ -44,9 +44,9 @@ TEST_F(CompletionTest, Commands)
 TEST_F(CompletionTest, OptionsOfConnect)
 {
     const std::string options = offeredFor(std::string(program) + "connect office.json --");
-    for (const char* option : {" --exec ", " --accept-prompt ", " --give-up "})
+    for (const char* option : {" --exec ", " --help "})
         EXPECT_THAT(options, HasSubstr(option));
-    EXPECT_EQ(" --accept-prompt \n", offeredFor(std::string(program) + "connect office.json --acc"));
+    EXPECT_EQ(" --exec \n", offeredFor(std::string(program) + "connect office.json --ex"));
 }
 
 TEST_F(CompletionTest, ProfilesAndFolders)

@@ -86,6 +86,20 @@ X509Ptr certificateOf(ClientCertHandle& handle)
     return parseCertificate(Bytes(data, data + length), "a listed certificate");
 }
 
+Bytes HandleSigner::sign(const unsigned char* hash, unsigned int length) const
+{
+    const X509Ptr certificate = certificateOf(handle);
+    const int size = EVP_PKEY_get_size(X509_get0_pubkey(certificate.get()));
+    if (size <= 0) return {};
+    Bytes signature(static_cast<std::size_t>(size));
+    unsigned char* output = signature.data();
+    unsigned int written = 0;
+    if (handle.SignSSL(hash, length, output, written, password) != PLUGIN_SUCCESS || written > signature.size())
+        return {};
+    signature.resize(written);
+    return signature;
+}
+
 HandlePtr chooseHandle(std::vector<HandlePtr> handles, const std::string& choice)
 {
     const auto hasName = [&choice](const HandlePtr& handle) {

@@ -25,6 +25,15 @@ std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates);
 /// The handle's certificate. Throws CommandError when it does not parse.
 X509Ptr certificateOf(ClientCertHandle& handle);
 
+/// The handle and what opens its key.
+struct HandleSigner {
+    ClientCertHandle& handle;
+    const char* password = nullptr;  ///< null when the key is not encrypted
+
+    /// The signature of 36 bytes; empty when the handle makes none.
+    Bytes sign(const unsigned char* hash, unsigned int length) const;
+};
+
 /// The one whose common name, number in the list (from 1) or beginning of the fingerprint is `choice`, tried in this
 /// order. Throws CommandError when none or several match.
 HandlePtr chooseHandle(std::vector<HandlePtr> handles, const std::string& choice);

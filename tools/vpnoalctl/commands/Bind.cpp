@@ -15,7 +15,7 @@
 #include "Context.h"
 #include "Json.h"
 #include "commands/Commands.h"
-#include "connect/OuterSocket.h"
+#include "OuterSocket.h"
 #include "handles/UniqueFd.h"
 
 namespace vpnoalctl {

@@ -13,7 +13,6 @@
 #include "Json.h"
 #include "certificates/ClientHandles.h"
 #include "commands/Commands.h"
-#include "connect/HandleKey.h"
 
 namespace vpnoalctl {
 

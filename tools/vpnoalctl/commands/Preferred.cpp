@@ -9,7 +9,7 @@
 #include "Decisions/InterfaceChoice.h"
 #include "Json.h"
 #include "commands/Commands.h"
-#include "connect/OuterSocket.h"
+#include "OuterSocket.h"
 #include "kernel/KernelRoutes.h"
 
 namespace vpnoalctl {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-#include "connect/OuterSocket.h"
+#include "OuterSocket.h"
 #include "kest/SystemPluginCB.h"
 
 namespace vpnoalctl {

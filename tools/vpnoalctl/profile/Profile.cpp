@@ -8,9 +8,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "CommandError.h"
 #include "json/JsonError.h"
-#include "json/StrictJson.h"
+#include "profile/ProfileFile.h"
 #include "profile/Values.h"
 #include "text/Excerpt.h"
 #include "text/Names.h"
@@ -21,7 +20,6 @@ namespace {
 
 using wfoal::excerpt;
 using wfoal::Ipv4Network;
-using wfoal::JsonDocument;
 using wfoal::JsonError;
 using wfoal::JsonField;
 using wfoal::JsonValue;
@@ -124,7 +122,6 @@ constexpr JsonField<Profile> profileKeys[] = {
     {"dns", false, [](const JsonValue& value, Profile& profile) { value.readObject(dnsKeys, profile); }},
     {"routes", false, [](const JsonValue& value, Profile& profile) { readList(value, routeKeys, profile.routes); }},
     {"filter", false, [](const JsonValue& value, Profile& profile) { readList(value, ruleKeys, profile.filter); }},
-    {"gateway", false, [](const JsonValue& value, Profile& profile) { profile.gateway = readGateway(value); }},
 };
 
 void checkTunnel(const TunnelSettings& tunnel)
@@ -194,18 +191,17 @@ void completeAndCheck(Profile& profile)
 
 Profile parseProfile(const std::string& text, const std::string& file)
 {
-    try {
-        Profile profile;
-        if (const auto nul = text.find('\0'); nul != std::string::npos) {
-            throw JsonError("", "the profile is not JSON: it holds a NUL byte, at " + wfoal::positionIn(text, nul));
-        }
-        const JsonDocument document(text.c_str(), "the profile");
-        document.root().readObject(profileKeys, profile);
+    Profile profile;
+    readJson(text, {file, "the profile"}, [&profile](const JsonValue& root) {
+        root.readObject(profileKeys, profile);
         completeAndCheck(profile);
-        return profile;
-    } catch (const JsonError& error) {
-        throw badInput(file, error.what(), "correct the profile; nothing was changed");
-    }
+    });
+    return profile;
+}
+
+Profile loadProfile(const std::string& file)
+{
+    return parseProfile(readJsonFile(file), file);
 }
 
 }  // namespace vpnoalctl

@@ -13,7 +13,6 @@
 
 #include "kest/SystemPlugin.h"
 #include "net/Ipv4.h"
-#include "profile/Gateway.h"
 
 namespace vpnoalctl {
 
@@ -53,7 +52,6 @@ struct Profile {
     std::vector<std::string> dnsDomains;
     std::vector<ProfileRoute> routes;
     std::vector<FilterRule> filter;
-    std::optional<GatewaySettings> gateway;
 };
 
 /// Reads a profile from its text. Throws CommandError with ExitUsage; `file` is the name it gives in the error.

@@ -1,22 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "profile/ProfileFile.h"
+
 #include <unistd.h>
 
 #include "CommandError.h"
 #include "io/WholeFile.h"
-#include "profile/Profile.h"
+#include "json/JsonError.h"
+#include "text/Excerpt.h"
 
 namespace vpnoalctl {
 
-Profile loadProfile(const std::string& file)
+namespace {
+
+const char* nameOf(const std::string& file)
+{
+    return file == "-" ? "standard input" : file.c_str();
+}
+
+}  // namespace
+
+std::string readJsonFile(const std::string& file)
 {
     constexpr std::size_t largest = std::size_t{64} << 20;
-    const bool isStandardInput = file == "-";
-    const std::string name = isStandardInput ? "standard input" : file;
-    const auto text =
-        isStandardInput ? wfoal::readWhole(STDIN_FILENO, largest + 1) : wfoal::readWhole(file, largest + 1);
-    if (!text) throw badInput(name, text.reason(), "give a profile that can be read");
-    if (text->size() > largest) throw badInput(name, "is larger than 64 MiB", "a profile is a small JSON file");
-    return parseProfile(*text, name);
+    const auto text = file == "-" ? wfoal::readWhole(STDIN_FILENO, largest + 1) : wfoal::readWhole(file, largest + 1);
+    if (!text) throw badInput(nameOf(file), text.reason(), "give a profile that can be read");
+    if (text->size() > largest) throw badInput(nameOf(file), "is larger than 64 MiB", "a profile is a small JSON file");
+    return *text;
+}
+
+void readJson(const std::string& text, const JsonSource& source,
+              const std::function<void(const wfoal::JsonValue& root)>& read)
+{
+    const std::string kind = source.kind;
+    try {
+        if (const auto nul = text.find('\0'); nul != std::string::npos) {
+            throw wfoal::JsonError("", kind + " is not JSON: it holds a NUL byte, at " + wfoal::positionIn(text, nul));
+        }
+        read(wfoal::JsonDocument(text.c_str(), source.kind).root());
+    } catch (const wfoal::JsonError& error) {
+        throw badInput(nameOf(source.file), error.what(), "correct " + kind + "; nothing was changed");
+    }
 }
 
 }  // namespace vpnoalctl

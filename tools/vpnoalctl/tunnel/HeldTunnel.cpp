@@ -2,7 +2,6 @@
 #include "tunnel/HeldTunnel.h"
 
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "CommandError.h"
@@ -24,23 +23,14 @@ int exitStatus(const wfoal::SubprocessResult& result)
 
 }  // namespace
 
-HeldTunnel::HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks,
-                       RestoreReport report)
-    : mDevice(profile.tunnel), mSystem(plugin.create<KEST_SystemPlugin>()), mReport(std::move(report))
+HeldTunnel::HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks)
+    : mDevice(profile.tunnel), mSystem(plugin.create<KEST_SystemPlugin>())
 {
     mSystem->SetSystemPluginCB(&callbacks);
     bringUp(*mSystem, profile);
     verifyFilter(profile);
     mLink.emplace(tunnelDeviceName);
     mOwnership.emplace();
-}
-
-HeldTunnel::~HeldTunnel()
-{
-    mCommand.reset();
-    // Disposing of the object restores the configuration.
-    const auto restore = [this] { mSystem.reset(); };
-    if (mReport) mReport(restore);
 }
 
 void HeldTunnel::start(const std::string& command, int inherited)

@@ -5,7 +5,6 @@
 #ifndef VPNOALCTL_HELDTUNNEL_H
 #define VPNOALCTL_HELDTUNNEL_H
 
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -20,16 +19,11 @@ namespace vpnoalctl {
 
 class HeldTunnel {
 public:
-    /// Is called in place of the function that it gets, and must call it.
-    using RestoreReport = std::function<void(const std::function<void()>& restore)>;
-
     /// Makes the device and installs the configuration. The plug-in calls `callbacks` from then on. Throws CommandError
     /// when the plug-in or its platform refuses; nothing stays then.
-    HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks,
-               RestoreReport report = nullptr);
+    HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks);
     HeldTunnel(const HeldTunnel&) = delete;
     HeldTunnel& operator=(const HeldTunnel&) = delete;
-    ~HeldTunnel();
 
     /// The device's descriptor.
     int device() const { return mDevice.descriptor(); }
@@ -47,10 +41,9 @@ public:
     int endCommand();
 
 private:
+    // Destroyed from the last to the first. Disposing of the system object restores the configuration.
     TunDevice mDevice;
     PluginPtr<KEST_SystemPlugin> mSystem;
-    RestoreReport mReport;
-    // They watch what is installed.
     std::optional<LinkWatch> mLink;
     std::optional<OwnershipWatch> mOwnership;
     std::optional<wfoal::Subprocess> mCommand;
