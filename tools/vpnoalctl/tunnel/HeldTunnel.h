@@ -34,8 +34,7 @@ public:
     /// Starts a shell command. `inherited`, a descriptor or -1, is open in it under the same number.
     void start(const std::string& command, int inherited);
     /// The command's exit status once it has ended, as a shell reports it: 128 and the signal's number for a killed
-    /// command. Throws CommandError when somebody removed the device or the
-    /// configuration.
+    /// command. Throws CommandError when somebody removed the device or the configuration.
     std::optional<int> check();
     /// Ends the command and returns its exit status; ExitOk without one.
     int endCommand();
