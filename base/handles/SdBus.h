@@ -30,4 +30,15 @@ struct SdBusSlotReleaser {
 };
 using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
 
+/// Calls a function of sd-bus that has an out-parameter: `call` gets its address. The owner takes the object, or keeps
+/// what it has when the call fails. Returns what the function returns.
+template <class Owner, class Call>
+int obtain(Owner& owner, Call call)
+{
+    typename Owner::pointer object = nullptr;
+    const int result = call(&object);
+    if (result >= 0) owner.reset(object);
+    return result;
+}
+
 #endif

@@ -15,13 +15,12 @@ namespace {
 
 int newCall(sd_bus* bus, const CallRequest& request, SdBusMessagePtr& call)
 {
-    sd_bus_message* message = nullptr;
     const ServiceUri& uri = request.uri;
-    int result = sd_bus_message_new_method_call(bus, &message, uri.service.c_str(), uri.path.c_str(), jsonInterface,
-                                                uri.method.c_str());
-    call.reset(message);
-    if (result >= 0) result = sd_bus_message_append_basic(message, 's', request.payload.c_str());
-    return result;
+    const int result = obtain(call, [&](sd_bus_message** message) {
+        return sd_bus_message_new_method_call(bus, message, uri.service.c_str(), uri.path.c_str(), jsonInterface,
+                                              uri.method.c_str());
+    });
+    return result < 0 ? result : sd_bus_message_append_basic(call.get(), 's', request.payload.c_str());
 }
 
 std::string describe(const sd_bus_error& error)
@@ -38,10 +37,12 @@ void CallTable::start(const CallRequest& request)
     SdBusMessagePtr message;
     int result = newCall(bus, request, message);
     auto call = std::make_unique<Call>(Call{this, request.recipient, request.subscribes, 0, {}, {}});
-    sd_bus_slot* slot = nullptr;
-    if (result >= 0) result = sd_bus_call_async(bus, &slot, message.get(), onReply, call.get(), sCallLimit);
+    if (result >= 0) {
+        result = obtain(call->slot, [&](sd_bus_slot** slot) {
+            return sd_bus_call_async(bus, slot, message.get(), onReply, call.get(), sCallLimit);
+        });
+    }
     if (result < 0) return failLater(request.recipient, std::strerror(-result));
-    call->slot.reset(slot);
     std::uint64_t serial = 0;
     sd_bus_message_get_cookie(message.get(), &serial);
     call->serial = static_cast<std::uint32_t>(serial);
@@ -50,12 +51,12 @@ void CallTable::start(const CallRequest& request)
 
 int CallTable::onReply(sd_bus_message* reply, void* call, sd_bus_error*)
 {
-    auto& settled = *static_cast<Call*>(call);
-    settled.table->settle(settled, reply);
+    auto& completed = *static_cast<Call*>(call);
+    completed.table->complete(completed, reply);
     return 0;
 }
 
-void CallTable::settle(Call& call, sd_bus_message* reply)
+void CallTable::complete(Call& call, sd_bus_message* reply)
 {
     const char* payload = nullptr;
     std::string failure;
@@ -66,7 +67,7 @@ void CallTable::settle(Call& call, sd_bus_message* reply)
     } else if (isTooLarge(payload)) {
         failure = tooLarge("reply");
     }
-    // Entered before the callback runs, which may do anything, unregistering included.
+    // The table is up to date before the callback runs, which may unregister the handle.
     const Recipient recipient = call.recipient;
     const char* sender = sd_bus_message_get_sender(reply);
     if (call.subscribes && failure.empty() && sender != nullptr) {
@@ -83,7 +84,7 @@ void CallTable::keepSubscription(Call& call, const std::string& owner)
     call.slot.reset();
     if (mOwners.count(owner) != 0) return;
     mOwners[owner] =
-        std::make_unique<hostbus::NameWatch>(mConnection.bus(), owner, [this, owner](const std::string& now) {
+        std::make_unique<systembus::NameWatch>(mConnection.bus(), owner, [this, owner](const std::string& now) {
             if (now.empty()) dropOwner(owner);
         });
 }
@@ -96,7 +97,7 @@ void CallTable::dropOwner(const std::string& owner)
     mOwners.erase(owner);
 }
 
-bool CallTable::takePush(sd_bus_message* message)
+bool CallTable::handlePush(sd_bus_message* message)
 {
     if (sd_bus_message_is_signal(message, jsonInterface, pushSignal) <= 0) return false;
     std::uint32_t serial = 0;

@@ -35,15 +35,15 @@ struct CallRequest {
 
 class CallTable {
 public:
-    CallTable(QSHandle* handle, hostbus::BusConnection& connection) : mHandle(handle), mConnection(connection) {}
+    CallTable(QSHandle* handle, systembus::BusConnection& connection) : mHandle(handle), mConnection(connection) {}
     CallTable(const CallTable&) = delete;
     CallTable& operator=(const CallTable&) = delete;
 
-    /// Sends. What goes wrong is answered later, never from inside.
+    /// Sends a call. A failure is delivered later as a reply, never from inside start().
     void start(const CallRequest& request);
     /// True when the message was a push.
-    bool takePush(sd_bus_message* message);
-    /// Answers what is pending, and forgets all subscriptions.
+    bool handlePush(sd_bus_message* message);
+    /// Delivers a failure to each pending call, and removes all subscriptions.
     void onBusLost();
 
 private:
@@ -58,16 +58,16 @@ private:
     using Calls = std::unordered_map<std::uint32_t, std::unique_ptr<Call>>;
 
     static int onReply(sd_bus_message* reply, void* call, sd_bus_error* error);
-    void settle(Call& call, sd_bus_message* reply);
+    void complete(Call& call, sd_bus_message* reply);
     void keepSubscription(Call& call, const std::string& owner);
     void dropOwner(const std::string& owner);
     void deliver(const Recipient& recipient, const char* payload);
     void failLater(const Recipient& recipient, const std::string& reason);
 
     QSHandle* const mHandle;
-    hostbus::BusConnection& mConnection;
-    Calls mCalls;                                                                  // by serial
-    std::unordered_map<std::string, std::unique_ptr<hostbus::NameWatch>> mOwners;  // of subscriptions
+    systembus::BusConnection& mConnection;
+    Calls mCalls;                                                                    // by serial
+    std::unordered_map<std::string, std::unique_ptr<systembus::NameWatch>> mOwners;  // of subscriptions
 };
 
 }  // namespace quor

@@ -12,10 +12,10 @@ namespace {
 using Handles = std::unordered_map<QSHandle*, std::shared_ptr<QSHandle>>;
 
 std::mutex sHandlesLock;
-// Not a static object: those are destroyed before the library's own clean-up runs.
+// Not a static object: those are destroyed before the library's destructor function runs.
 Handles* sHandles = nullptr;
 
-void enterInList(std::shared_ptr<QSHandle> handle)
+void addToList(std::shared_ptr<QSHandle> handle)
 {
     const std::lock_guard<std::mutex> lock(sHandlesLock);
     if (sHandles == nullptr) sHandles = new Handles;
@@ -23,15 +23,20 @@ void enterInList(std::shared_ptr<QSHandle> handle)
     (*sHandles)[key] = std::move(handle);
 }
 
-std::shared_ptr<QSHandle> lookUp(QSHandle* handle, bool take)
+// Under the lock.
+std::shared_ptr<QSHandle> findInList(QSHandle* handle)
 {
-    const std::lock_guard<std::mutex> lock(sHandlesLock);
     if (sHandles == nullptr) return nullptr;
     const auto found = sHandles->find(handle);
-    if (found == sHandles->end()) return nullptr;
-    std::shared_ptr<QSHandle> result = found->second;
-    if (take) sHandles->erase(found);
-    return result;
+    return found != sHandles->end() ? found->second : nullptr;
+}
+
+std::shared_ptr<QSHandle> extractFromList(QSHandle* handle)
+{
+    const std::lock_guard<std::mutex> lock(sHandlesLock);
+    std::shared_ptr<QSHandle> found = findInList(handle);
+    if (found != nullptr) sHandles->erase(handle);
+    return found;
 }
 
 }  // namespace
@@ -54,7 +59,7 @@ quor::Failure QSHandle::open(const char* name, QSHandle*& handle)
     std::shared_ptr<QSHandle> made(new QSHandle(name));
     if (quor::Failure failure = made->connect()) return failure;
     handle = made.get();
-    enterInList(std::move(made));
+    addToList(std::move(made));
     return {};
 }
 
@@ -73,14 +78,15 @@ quor::Failure QSHandle::connect()
 
 std::shared_ptr<QSHandle> QSHandle::find(QSHandle* handle)
 {
-    return lookUp(handle, false);
+    const std::lock_guard<std::mutex> lock(sHandlesLock);
+    return findInList(handle);
 }
 
 bool QSHandle::close(QSHandle* handle)
 {
-    const std::shared_ptr<QSHandle> taken = lookUp(handle, true);
-    if (taken == nullptr) return false;
-    taken->mConnection.close();
+    const std::shared_ptr<QSHandle> extracted = extractFromList(handle);
+    if (extracted == nullptr) return false;
+    extracted->mConnection.close();
     return true;
 }
 
@@ -94,8 +100,8 @@ void QSHandle::closeAll()
     }
     if (handles == nullptr) return;
     for (auto& entry : *handles) {
-        // One that is at work on another thread is left alone: waiting for it might take for ever.
-        if (!entry.second->mConnection.tryClose()) enterInList(entry.second);
+        // One whose callback runs on another thread is left alone: waiting for it might take forever.
+        if (!entry.second->mConnection.tryClose()) addToList(entry.second);
     }
 }
 
@@ -110,13 +116,12 @@ quor::Failure QSHandle::attach(GMainLoop* loop)
 void QSHandle::onBusConnected(sd_bus* bus)
 {
     const auto onMessage = [](sd_bus_message* message, void* self, sd_bus_error*) -> int {
-        return static_cast<QSHandle*>(self)->mCalls.takePush(message);
+        return static_cast<QSHandle*>(self)->mCalls.handlePush(message);
     };
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_filter(bus, &slot, onMessage, this) >= 0) mFilter.reset(slot);
+    obtain(mFilter, [&](sd_bus_slot** slot) { return sd_bus_add_filter(bus, slot, onMessage, this); });
     mService.onBusConnected(bus);
     mWatches.onBusConnected(bus);
-    // On a new bus: once our methods are there, callers may find them.
+    // Last, so that callers who see the name find the methods.
     mClaim.onBusConnected();
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One registration with the bus: its connection and what hangs on it. Handles are looked up before they are used, so
-// that one that was given back is an error and not a crash.
+// One registration with the bus: its connection, calls, watches and service. A handle is looked up before it is used,
+// so using one that was unregistered is an error and not a crash.
 #ifndef QUOR_HANDLE_H
 #define QUOR_HANDLE_H
 
@@ -12,29 +12,29 @@
 #include "BusConnection.h"
 #include "CallTable.h"
 #include "ErrorRecord.h"
+#include "LocalService.h"
 #include "NameClaim.h"
-#include "ServiceSide.h"
 #include "StatusWatches.h"
 #include "handles/Glib.h"
 #include "quorservice.h"
 
-struct QSHandle final : public std::enable_shared_from_this<QSHandle>, private hostbus::BusListener {
+struct QSHandle final : public std::enable_shared_from_this<QSHandle>, private systembus::BusListener {
 public:
-    /// Connects and enters the new handle in the list.
+    /// Connects, and adds the new handle to the list.
     static quor::Failure open(const char* name, QSHandle*& handle);
-    /// Null when it is no handle, or not any more.
+    /// Null when there is no such handle.
     static std::shared_ptr<QSHandle> find(QSHandle* handle);
-    /// Takes the handle from the list and disconnects.
+    /// Removes the handle from the list and disconnects.
     static bool close(QSHandle* handle);
-    /// When the library goes: whatever is still connected and not at work.
+    /// For the end of the library: closes all handles, except one whose callback runs on another thread.
     static void closeAll();
 
     quor::Failure attach(GMainLoop* loop);
 
-    hostbus::BusConnection& connection() { return mConnection; }
+    systembus::BusConnection& connection() { return mConnection; }
     quor::CallTable& calls() { return mCalls; }
     quor::StatusWatches& watches() { return mWatches; }
-    quor::ServiceSide& service() { return mService; }
+    quor::LocalService& service() { return mService; }
     QSMessageToken newToken() { return ++mLastToken; }
 
 private:
@@ -46,11 +46,11 @@ private:
     const std::string mName;  // empty for an anonymous client
     std::atomic<QSMessageToken> mLastToken{0};
     GMainLoopPtr mLoop;
-    hostbus::BusConnection mConnection;
+    systembus::BusConnection mConnection;
     quor::NameClaim mClaim;
     quor::CallTable mCalls;
     quor::StatusWatches mWatches;
-    quor::ServiceSide mService;
+    quor::LocalService mService;
     SdBusSlotPtr mFilter;
 };
 

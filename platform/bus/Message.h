@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a callback gets: a request, a reply or a push.
+// A request, a reply or a push, as a callback gets it.
 #ifndef QUOR_MESSAGE_H
 #define QUOR_MESSAGE_H
 
@@ -10,11 +10,11 @@
 
 #include "quorservice.h"
 
-/// Lives on the stack of whoever calls back.
+/// Lives on the stack of the function that calls the callback.
 struct QSMessage {
     const char* payload = nullptr;
     QSMessageToken token = 0;
-    sd_bus_message* request = nullptr;  // what is to be answered; null in replies and pushes
+    sd_bus_message* request = nullptr;  // to be answered; null in replies and pushes
     bool answered = false;
     std::string refusal;  // why the sender cannot subscribe
 };

@@ -14,7 +14,7 @@ namespace {
 constexpr std::int64_t firstPause = G_USEC_PER_SEC;
 constexpr std::int64_t longestPause = std::int64_t{60} * G_USEC_PER_SEC;
 
-// What the bus answers to RequestName.
+// Answers of the bus to RequestName.
 constexpr std::uint32_t primaryOwner = 1;
 constexpr std::uint32_t alreadyOwner = 4;
 
@@ -47,16 +47,16 @@ void NameClaim::request()
         static_cast<NameClaim*>(self)->onAnswer(reply);
         return 0;
     };
-    sd_bus_slot* slot = nullptr;
-    const int result = sd_bus_request_name_async(mConnection.bus(), &slot, mName.c_str(), 0, onReply, this);
-    mRequest.reset(slot);
-    if (result < 0) askLater(std::strerror(-result));
+    const int result = obtain(mRequest, [&](sd_bus_slot** slot) {
+        return sd_bus_request_name_async(mConnection.bus(), slot, mName.c_str(), 0, onReply, this);
+    });
+    if (result < 0) retryLater(std::strerror(-result));
 }
 
 void NameClaim::onAnswer(sd_bus_message* reply)
 {
     if (sd_bus_message_is_method_error(reply, nullptr) > 0)
-        return askLater(std::strerror(sd_bus_message_get_errno(reply)));
+        return retryLater(std::strerror(sd_bus_message_get_errno(reply)));
     std::uint32_t answer = 0;
     sd_bus_message_read_basic(reply, 'u', &answer);
     mIsOwned = answer == primaryOwner || answer == alreadyOwner;
@@ -68,18 +68,18 @@ void NameClaim::onAnswer(sd_bus_message* reply)
 void NameClaim::waitUntilFree()
 {
     if (!std::exchange(mIsWaiting, true)) {
-        QUOR_WARNING("the name %s belongs to somebody else since the bus came back; waiting for it", mName.c_str());
+        QUOR_WARNING("the name %s is owned by another program since the bus restarted; waiting for it", mName.c_str());
     }
     if (mOwner != nullptr) return;
-    mOwner = std::make_unique<hostbus::NameWatch>(mConnection.bus(), mName, [this](const std::string& owner) {
+    mOwner = std::make_unique<systembus::NameWatch>(mConnection.bus(), mName, [this](const std::string& owner) {
         if (owner.empty()) request();
     });
 }
 
-void NameClaim::askLater(const char* reason)
+void NameClaim::retryLater(const char* reason)
 {
     if (!std::exchange(mIsWaiting, true)) {
-        QUOR_WARNING("the name %s is refused since the bus came back: %s; asking again", mName.c_str(), reason);
+        QUOR_WARNING("the name %s is refused since the bus restarted: %s; retrying", mName.c_str(), reason);
     }
     mPause = std::clamp(2 * mPause, firstPause, longestPause);
     mConnection.runAfter(mPause, [this] { request(); });

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A service's own name on the bus. After a restart of the bus it is requested again; while it belongs to somebody else,
-// or is refused, the connection is kept and the service waits. Used on the loop's thread.
+// A service's own name on the bus. It is requested again after a restart of the bus. While another program owns it, or
+// the bus refuses it, the service stays connected and waits. Used on the loop's thread.
 #ifndef QUOR_NAMECLAIM_H
 #define QUOR_NAMECLAIM_H
 
@@ -17,7 +17,9 @@ namespace quor {
 class NameClaim {
 public:
     /// An empty name claims nothing.
-    NameClaim(std::string name, hostbus::BusConnection& connection) : mName(std::move(name)), mConnection(connection) {}
+    NameClaim(std::string name, systembus::BusConnection& connection) : mName(std::move(name)), mConnection(connection)
+    {
+    }
     NameClaim(const NameClaim&) = delete;
     NameClaim& operator=(const NameClaim&) = delete;
 
@@ -33,15 +35,15 @@ private:
     void request();
     void onAnswer(sd_bus_message* reply);
     void waitUntilFree();
-    void askLater(const char* reason);
+    void retryLater(const char* reason);
 
     const std::string mName;
-    hostbus::BusConnection& mConnection;
-    bool mIsOwned = false;    // on the present bus object
-    bool mIsWaiting = false;  // and the log says so
+    systembus::BusConnection& mConnection;
+    bool mIsOwned = false;    // on the current bus object
+    bool mIsWaiting = false;  // the log says so
     std::int64_t mPause = 0;
     SdBusSlotPtr mRequest;
-    std::unique_ptr<hostbus::NameWatch> mOwner;
+    std::unique_ptr<systembus::NameWatch> mOwner;
 };
 
 }  // namespace quor

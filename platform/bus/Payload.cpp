@@ -11,7 +11,7 @@ namespace quor {
 
 std::optional<RequestPayload> parseRequest(const char* text)
 {
-    if (isTooLarge(text) || !isCarriable(text)) return std::nullopt;
+    if (isTooLarge(text) || !isValidUtf8(text)) return std::nullopt;
     const std::size_t length = std::strlen(text);
     const JsonTokenerPtr tokener(json_tokener_new());
     // Strict, so that nothing may follow the object; with its terminator, so that it must be complete.
@@ -32,7 +32,7 @@ std::string tooLarge(const char* what)
     return std::string("the ") + what + " is larger than " + std::to_string(largestPayload / 1024) + " KiB";
 }
 
-bool isCarriable(const char* text)
+bool isValidUtf8(const char* text)
 {
     return g_utf8_validate(text, -1, nullptr);
 }

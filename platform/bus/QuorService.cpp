@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The service bus on D-Bus: checks what callers give, and has the handle do it on its loop's thread.
+// The service bus on D-Bus: checks the arguments, and has the handle do the work on its loop's thread.
 #include "quorservice.h"
 
 #include <cerrno>
@@ -48,10 +48,10 @@ bool perform(const char* function, QSHandle* handle, QSError* error, Operation o
     });
 }
 
-// What a reply or push is checked for.
+// Of a reply or push.
 Failure checkPayload(const char* payload)
 {
-    if (payload == nullptr || !quor::isCarriable(payload)) return BAD_ARGUMENT("the payload is no UTF-8 text");
+    if (payload == nullptr || !quor::isValidUtf8(payload)) return BAD_ARGUMENT("the payload is no UTF-8 text");
     if (quor::isTooLarge(payload)) return BAD_ARGUMENT(quor::tooLarge("payload"));
     return {};
 }
@@ -71,7 +71,7 @@ bool isMethodTable(const QSMethod* methods)
     return true;
 }
 
-// Runs after the destructors of whatever uses this library, so that an unload leaves no connection behind.
+// Runs after the destructors of the library's users, so that unloading leaves no connection.
 __attribute__((destructor)) void closeHandles()
 {
     QSHandle::closeAll();
@@ -129,7 +129,7 @@ extern "C" bool QSCall(QSHandle* handle, const char* uri, const char* payload, Q
         const auto parsed = quor::parseRequest(text);
         if (!parsed) return BAD_ARGUMENT("the payload is no JSON object");
         quor::CallRequest request{*address, text, parsed->subscribes, {callback, user_data, self.newToken()}};
-        // Before the call is on its way: the reply may be there before this function returns.
+        // Before the call is sent: the reply may arrive before this function returns.
         if (token != nullptr) *token = request.recipient.token;
         self.connection().run([&self, request = std::move(request)] { self.calls().start(request); });
         return {};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whose process sent a request, as the bus daemon vouches for it.
+// The user whose process sent a request, as the bus daemon knows it.
 #ifndef QUOR_SENDER_H
 #define QUOR_SENDER_H
 
@@ -11,7 +11,7 @@
 
 namespace quor {
 
-/// Asks the bus daemon. Nothing when the sender has left the bus.
+/// Asks the bus daemon. None when the sender has left the bus.
 std::optional<uid_t> senderUser(sd_bus_message* request);
 
 }  // namespace quor

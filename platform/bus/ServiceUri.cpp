@@ -18,7 +18,7 @@ bool isAcceptable(const ServiceUri& uri)
 
 }  // namespace
 
-// sd-bus would let a digit begin it; the daemon breaks off the connection for that.
+// sd-bus accepts a name that begins with a digit; the daemon ends the connection for that.
 bool isMethodName(const char* name)
 {
     return g_ascii_isdigit(*name) == 0 && sd_bus_member_name_is_valid(name) > 0;

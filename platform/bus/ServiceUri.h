@@ -20,10 +20,10 @@ struct ServiceUri {
     }
 };
 
-/// What the bus accepts as a method's name: a letter or '_', then letters, digits and '_'.
+/// A method's name that the bus accepts: a letter or '_', then letters, digits and '_'.
 bool isMethodName(const char* name);
 
-/// Nothing when a part is missing or is not what the bus accepts.
+/// None when a part is missing or the bus does not accept it.
 std::optional<ServiceUri> parseServiceUri(const std::string& text);
 
 }  // namespace quor

@@ -12,7 +12,7 @@ void StatusWatches::add(sd_bus* bus, const std::string& service, QSServerStatusC
     if (bus != nullptr) {
         watchName(watch, bus);
     } else {
-        tell(watch, false);
+        notify(watch, false);
     }
 }
 
@@ -32,22 +32,22 @@ void StatusWatches::onBusLost()
 
 void StatusWatches::watchName(Watch& watch, sd_bus* bus)
 {
-    watch.name = std::make_unique<hostbus::NameWatch>(
+    watch.name = std::make_unique<systembus::NameWatch>(
         bus, watch.service, [this, &watch](const std::string& owner) { onOwner(watch, owner); });
 }
 
 void StatusWatches::onOwner(Watch& watch, const std::string& owner)
 {
-    // Handed from one process to the next: for a client the service was gone in between.
-    if (!owner.empty() && !watch.owner.empty() && owner != watch.owner) tell(watch, false);
+    // One process passed the name on to the next: for a client the service was gone in between.
+    if (!owner.empty() && !watch.owner.empty() && owner != watch.owner) notify(watch, false);
     watch.owner = owner;
-    tell(watch, !owner.empty());
+    notify(watch, !owner.empty());
 }
 
-void StatusWatches::tell(Watch& watch, bool connected)
+void StatusWatches::notify(Watch& watch, bool connected)
 {
-    if (watch.told == connected) return;
-    watch.told = connected;
+    if (watch.notified == connected) return;
+    watch.notified = connected;
     watch.callback(mHandle, watch.service.c_str(), connected, watch.userData);
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Services whose coming and going the client wants to hear of. Used on the loop's thread.
+// Notifies the client when services appear on the bus and leave it. Used on the loop's thread.
 #ifndef QUOR_STATUSWATCHES_H
 #define QUOR_STATUSWATCHES_H
 
@@ -20,7 +20,7 @@ public:
     StatusWatches(const StatusWatches&) = delete;
     StatusWatches& operator=(const StatusWatches&) = delete;
 
-    /// `bus` may be null: then the service is not there until onBusConnected().
+    /// `bus` may be null: then the service counts as absent until onBusConnected().
     void add(sd_bus* bus, const std::string& service, QSServerStatusCallback callback, void* userData);
     void onBusConnected(sd_bus* bus);
     void onBusLost();
@@ -30,14 +30,14 @@ private:
         std::string service;
         QSServerStatusCallback callback;
         void* userData;
-        std::optional<bool> told;  // what the callback was told last
-        std::unique_ptr<hostbus::NameWatch> name;
+        std::optional<bool> notified;  // the state of the last notification
+        std::unique_ptr<systembus::NameWatch> name;
         std::string owner;
     };
 
     void watchName(Watch& watch, sd_bus* bus);
     void onOwner(Watch& watch, const std::string& owner);
-    void tell(Watch& watch, bool connected);
+    void notify(Watch& watch, bool connected);
 
     QSHandle* const mHandle;
     std::deque<Watch> mWatches;  // for the life of the handle; elements do not move

@@ -29,22 +29,19 @@ Failure Subscribers::add(const std::string& key, sd_bus_message* request)
     return {};
 }
 
-// Before the bus is asked about a sender, so that whoever leaves after that answer is heard of.
+// Called before the bus is asked about a sender, so that a peer that leaves after the answer is noticed.
 Failure Subscribers::listenForDepartures(sd_bus* bus)
 {
     if (mDepartures != nullptr) return {};
-    auto match = std::make_unique<hostbus::SignalMatch>(bus, hostbus::nameOwnerChanged("arg2=''"),
-                                                        [this](sd_bus_message* signal) {
-                                                            const char* name = nullptr;
-                                                            if (sd_bus_message_read_basic(signal, 's', &name) > 0)
-                                                                forget(name);
-                                                        });
+    auto match = std::make_unique<systembus::SignalMatch>(
+        bus, systembus::releasesOfNames(),
+        systembus::onOwnerChange([this](const std::string& name, const std::string&) { forget(name); }));
     if (match->result() < 0) return QUOR_FAILURE(match->result(), "the bus cannot be asked who leaves it");
     mDepartures = std::move(match);
     return {};
 }
 
-// Counts one more subscription of a peer, when its quotas allow that.
+// Counts one more subscription of a peer, unless a quota is used up.
 Failure Subscribers::admit(const std::string& name, sd_bus_message* request)
 {
     auto peer = mPeers.find(name);
@@ -67,7 +64,7 @@ Failure Subscribers::admit(const std::string& name, sd_bus_message* request)
                                           " subscriptions already, the most for one user");
     }
     if (peer == mPeers.end()) {
-        // Root is never kept out by others.
+        // Others cannot lock root out.
         if (mPeers.size() >= peersAtMost && user != 0) {
             return QUOR_FAILURE(-ENOBUFS, std::to_string(peersAtMost) + " connections have subscribed already");
         }

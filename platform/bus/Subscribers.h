@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who subscribed to what at a service. One match on the bus tells of all that leave, since the bus limits the matches
-// of a connection; quotas keep one user from taking the places of the others. Used on the loop's thread.
+// The subscribers of a service, by key. One match covers all peers that leave, because the bus limits the matches of a
+// connection. Quotas keep one user from using up the subscriptions of the others. Used on the loop's thread.
 #ifndef QUOR_SUBSCRIBERS_H
 #define QUOR_SUBSCRIBERS_H
 
@@ -30,10 +30,10 @@ public:
     Subscribers(const Subscribers&) = delete;
     Subscribers& operator=(const Subscribers&) = delete;
 
-    /// Enters the sender of a request; the failure says which quota is used up.
+    /// Adds the sender of a request. The failure says which quota is used up.
     Failure add(const std::string& key, sd_bus_message* request);
     const std::vector<Subscriber>& of(const std::string& key) const;
-    /// With the bus go all of them.
+    /// For the loss of the bus.
     void clear();
 
 private:
@@ -49,7 +49,7 @@ private:
     std::map<std::string, std::vector<Subscriber>> mSubscribers;  // by key
     std::map<std::string, Peer> mPeers;                           // by unique name
     std::map<uid_t, int> mUsers;                                  // subscriptions of each
-    std::unique_ptr<hostbus::SignalMatch> mDepartures;
+    std::unique_ptr<systembus::SignalMatch> mDepartures;
 };
 
 }  // namespace quor

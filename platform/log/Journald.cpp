@@ -25,12 +25,12 @@ namespace {
 constexpr char journalSocket[] = "/run/systemd/journal/socket";
 constexpr int warning = 4;
 
-std::atomic<unsigned> sDropped{0};  // and not told yet
-std::atomic<bool> sStalled{false};  // somebody has waited in vain since journald last took a message
+std::atomic<unsigned> sDropped{0};  // and not logged yet
+std::atomic<bool> sStalled{false};  // a thread has waited in vain since journald last took a message
 
-enum class Sent { taken, full, absent };
+enum class Sent { Taken, Full, Absent };
 
-// "NAME=value", or with its length before it when it has several lines, so that it cannot pass for another field.
+// "NAME=value". A value of several lines gets its length in front, so that a line of it cannot pass for a field.
 void appendField(std::string& entry, std::string_view name, std::string_view value)
 {
     entry += name;
@@ -45,7 +45,7 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
     entry += '\n';
 }
 
-// A socket for each message: one that is kept could be closed by an agent that closes all it does not know.
+// A socket for each message: an agent that closes all descriptors it does not know could close a kept one.
 UniqueFd connected()
 {
     UniqueFd socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -59,7 +59,7 @@ UniqueFd connected()
     return socketFd;
 }
 
-// What is too long for one datagram goes in a file in memory, which can no longer be changed.
+// An entry that is too long for one datagram is sent as a sealed file in memory.
 UniqueFd sealedFile(std::string_view entry)
 {
     UniqueFd file(memfd_create("vklog", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -83,11 +83,11 @@ ssize_t sendFile(int socketFd, int file)
     return sendmsg(socketFd, &message, MSG_NOSIGNAL);
 }
 
-// Calls `send` until it is no longer interrupted, nor refused for lack of room while there is patience left.
+// Calls `send` again when it is interrupted, and while there is no room, up to the time limit.
 template <class Send>
-bool sendPatiently(int socketFd, Send send)
+bool sendWithRetry(int socketFd, Send send)
 {
-    const auto end = std::chrono::steady_clock::now() + journaldPatience;
+    const auto end = std::chrono::steady_clock::now() + longestJournaldWait;
     while (send() < 0) {
         if (errno == EINTR) continue;
         if (errno != EAGAIN || sStalled) return false;
@@ -107,16 +107,16 @@ bool sendPatiently(int socketFd, Send send)
 Sent sendEntry(const std::string& entry)
 {
     const UniqueFd socketFd = connected();
-    if (!socketFd.valid()) return Sent::absent;
+    if (!socketFd.valid()) return Sent::Absent;
     const int target = socketFd.get();
-    if (sendPatiently(target, [&] { return send(target, entry.data(), entry.size(), MSG_NOSIGNAL); })) {
-        return Sent::taken;
+    if (sendWithRetry(target, [&] { return send(target, entry.data(), entry.size(), MSG_NOSIGNAL); })) {
+        return Sent::Taken;
     }
     if (errno == EMSGSIZE || errno == ENOBUFS) {
         const UniqueFd file = sealedFile(entry);
-        if (file.valid() && sendPatiently(target, [&] { return sendFile(target, file.get()); })) return Sent::taken;
+        if (file.valid() && sendWithRetry(target, [&] { return sendFile(target, file.get()); })) return Sent::Taken;
     }
-    return errno == EAGAIN ? Sent::full : Sent::absent;
+    return errno == EAGAIN ? Sent::Full : Sent::Absent;
 }
 
 Sent sendMessage(const std::string& name, int level, const std::string& message)
@@ -129,26 +129,26 @@ Sent sendMessage(const std::string& name, int level, const std::string& message)
     return sendEntry(entry);
 }
 
-// Tells how much was dropped; when there is no room for that either, it is still to be told.
-void tellDropped(const std::string& name)
+// Logs how many messages were dropped. Without room for that, the count is kept.
+void reportDropped(const std::string& name)
 {
     const unsigned count = sDropped.exchange(0);
     if (count == 0) return;
     const std::string text = std::to_string(count) + " messages dropped: journald did not read them";
-    if (sendMessage(name, warning, text) != Sent::taken) sDropped += count;
+    if (sendMessage(name, warning, text) != Sent::Taken) sDropped += count;
 }
 
 }  // namespace
 
-Handover toJournald(const std::string& name, int level, const std::string& message)
+Delivery toJournald(const std::string& name, int level, const std::string& message)
 {
-    tellDropped(name);
+    reportDropped(name);
     switch (sendMessage(name, level, message)) {
-    case Sent::taken: break;
-    case Sent::full: ++sDropped; break;
-    case Sent::absent: return Handover::absent;
+    case Sent::Taken: break;
+    case Sent::Full: ++sDropped; break;
+    case Sent::Absent: return Delivery::Absent;
     }
-    return Handover::done;
+    return Delivery::Done;
 }
 
 }  // namespace vklog

@@ -35,7 +35,7 @@ std::string formatted(const char* format, va_list values)
     return message;
 }
 
-// Not through syslog(3): its ident is the whole process's, and the process is the agent's.
+// Not through syslog(3): its ident belongs to the whole process, which is the agent's.
 bool toSyslog(const std::string& name, int level, const std::string& message)
 {
     const UniqueFd socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -55,7 +55,7 @@ void print(const char* name, int level, const char* format, va_list values)
 {
     const std::string message = formatted(format, values);
     if (!stderrRequested()) {
-        if (toJournald(name, level, message) == Handover::done || toSyslog(name, level, message)) return;
+        if (toJournald(name, level, message) == Delivery::Done || toSyslog(name, level, message)) return;
     }
     // One write, so that lines of several threads do not mix.
     const std::string line = std::string(name) + "[" + std::to_string(level) + "]: " + message + "\n";

@@ -2,7 +2,7 @@
 //
 // The log of an ordinary Linux: journald when its socket is there, else syslog, else stderr. Settings from the
 // environment: VKLOG_LEVEL (0 to 7, default 6) is the threshold of every context, VKLOG_TARGET=stderr bypasses both
-// daemons. Contexts are made once a name and live until the library is unloaded.
+// daemons. There is one context for each name. Contexts live until the library is unloaded.
 #include "VkLogLib.h"
 
 #include <atomic>
@@ -24,12 +24,12 @@ struct NamedContext {
 
 namespace {
 
-// A list that only grows, so that it needs no lock: a child of fork would find that taken for ever if another thread of
-// its parent held it.
+// A list that only grows, so that it needs no lock. A lock that another thread holds at fork() would stay locked in the
+// child forever.
 std::atomic<NamedContext*> spNewest{nullptr};
 
-// Released by a hook of this library, not by a static object's destructor: at the end of the process those run before
-// the unload hooks of the libraries above this one, which still log.
+// A destructor function of this library, not of a static object: at the end of the process static objects are destroyed
+// before the destructor functions of the libraries above this one, which still log.
 __attribute__((destructor)) void releaseContexts()
 {
     NamedContext* context = spNewest.exchange(nullptr);
@@ -86,7 +86,7 @@ extern "C" void VkLogPrint(VkLogContext* context, int level, const char* format,
     try {
         vklog::print(nameOf(context), level, format, values);
     } catch (const std::exception&) {
-        // Without memory for the text the message is lost; the caller, in C, goes on.
+        // Out of memory: the message is lost. No exception may reach the caller, which may be C.
     }
     va_end(values);
     errno = errorBefore;

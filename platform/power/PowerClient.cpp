@@ -24,7 +24,7 @@ bool PowerClient::start(const std::string& name)
 {
     if (mConnection.isAttached()) return false;
     mName = name;
-    mConnection.open();  // else it is looked for
+    mConnection.open();  // a failure is retried
     mConnection.attach(g_main_loop_get_context(mLoop.get()), shared_from_this());
     return true;
 }
@@ -43,22 +43,22 @@ bool PowerClient::stop(bool wait)
 void PowerClient::acknowledge(bool agreed)
 {
     mConnection.run([this, agreed] {
-        // logind cannot be refused: without an agreement it waits as long as it is configured to.
-        if (agreed && mState == State::Preparing) letSleep();
+        // Sleep cannot be refused: without an agreement logind waits for its configured delay.
+        if (agreed && mState == State::Preparing) allowSleep();
     });
 }
 
-void PowerClient::askBelated()
+void PowerClient::offerPendingSuspend()
 {
     mConnection.run([this] {
-        if (mState == State::Asleep && mNobodyAsked && mCallbacks.prepareSuspend != nullptr) prepare();
+        if (mState == State::Asleep && mSuspendUnannounced && mCallbacks.prepareSuspend != nullptr) announceSleep();
     });
 }
 
 void PowerClient::onBusConnected(sd_bus* bus)
 {
-    mLogind = std::make_unique<hostbus::NameWatch>(bus, logindName,
-                                                   [this](const std::string& owner) { onLogindOwner(owner); });
+    mLogind = std::make_unique<systembus::NameWatch>(bus, logindName,
+                                                     [this](const std::string& owner) { onLogindOwner(owner); });
 }
 
 void PowerClient::onBusLost()
@@ -70,21 +70,21 @@ void PowerClient::onBusLost()
 void PowerClient::onLogindOwner(const std::string& owner)
 {
     mSleepMatch.reset();
-    mInhibiting.reset();
-    mAsking.reset();
+    mInhibitorRequest.reset();
+    mPreparingQuery.reset();
     mInhibitor.reset();
     if (owner.empty()) return;
-    const hostbus::SignalRule rule{owner, logindPath, managerInterface, "PrepareForSleep", {}};
-    mSleepMatch = std::make_unique<hostbus::SignalMatch>(mConnection.bus(), rule, [this](sd_bus_message* signal) {
+    const systembus::SignalRule rule{owner, logindPath, managerInterface, "PrepareForSleep", {}};
+    mSleepMatch = std::make_unique<systembus::SignalMatch>(mConnection.bus(), rule, [this](sd_bus_message* signal) {
         int preparing = 0;
         if (sd_bus_message_read_basic(signal, 'b', &preparing) > 0) onPreparingForSleep(preparing != 0);
     });
-    takeInhibitor();
-    askWhetherPreparing();
+    requestInhibitor();
+    queryPreparingForSleep();
 }
 
-// What happened while there was no logind, or no bus, to tell us.
-void PowerClient::askWhetherPreparing()
+// A beginning or end of sleep may have been missed while there was no logind or no bus.
+void PowerClient::queryPreparingForSleep()
 {
     const auto onAnswer = [](sd_bus_message* reply, void* self, sd_bus_error*) -> int {
         auto* client = static_cast<PowerClient*>(self);
@@ -96,34 +96,33 @@ void PowerClient::askWhetherPreparing()
         if (preparing != 0 || missedTheEnd) client->onPreparingForSleep(preparing != 0);
         return 0;
     };
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_call_method_async(mConnection.bus(), &slot, logindName, logindPath, "org.freedesktop.DBus.Properties",
-                                 "Get", onAnswer, this, "ss", managerInterface, "PreparingForSleep") >= 0) {
-        mAsking.reset(slot);
-    }
+    obtain(mPreparingQuery, [&](sd_bus_slot** slot) {
+        return sd_bus_call_method_async(mConnection.bus(), slot, logindName, logindPath,
+                                        "org.freedesktop.DBus.Properties", "Get", onAnswer, this, "ss",
+                                        managerInterface, "PreparingForSleep");
+    });
 }
 
 void PowerClient::onPreparingForSleep(bool preparing)
 {
     if (!preparing) {
-        wakeUp();
+        handleResume();
     } else if (mState == State::Awake) {
-        prepare();
+        announceSleep();
     }
 }
 
-void PowerClient::takeInhibitor()
+void PowerClient::requestInhibitor()
 {
     const auto onGranted = [](sd_bus_message* reply, void* self, sd_bus_error*) -> int {
         static_cast<PowerClient*>(self)->keepInhibitor(reply);
         return 0;
     };
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_call_method_async(mConnection.bus(), &slot, logindName, logindPath, managerInterface, "Inhibit",
-                                 onGranted, this, "ssss", "sleep", mName.c_str(),
-                                 "Tells the tunnel's peer before the device sleeps", "delay") >= 0) {
-        mInhibiting.reset(slot);
-    }
+    obtain(mInhibitorRequest, [&](sd_bus_slot** slot) {
+        return sd_bus_call_method_async(mConnection.bus(), slot, logindName, logindPath, managerInterface, "Inhibit",
+                                        onGranted, this, "ssss", "sleep", mName.c_str(),
+                                        "Tells the tunnel's peer before the device sleeps", "delay");
+    });
 }
 
 void PowerClient::keepInhibitor(sd_bus_message* reply)
@@ -131,32 +130,32 @@ void PowerClient::keepInhibitor(sd_bus_message* reply)
     int fd = -1;
     if (sd_bus_message_is_method_error(reply, nullptr) > 0) return;
     if (sd_bus_message_read_basic(reply, 'h', &fd) <= 0) return;
-    // One that was asked for before the device went to sleep must not hold it up now.
+    // A late answer to an earlier request must not delay the sleep that has begun.
     if (mState != State::Asleep) mInhibitor.reset(fcntl(fd, F_DUPFD_CLOEXEC, 3));
 }
 
-void PowerClient::prepare()
+void PowerClient::announceSleep()
 {
     mState = State::Preparing;
-    mNobodyAsked = mCallbacks.prepareSuspend == nullptr;
-    if (mNobodyAsked) {
-        letSleep();
+    mSuspendUnannounced = mCallbacks.prepareSuspend == nullptr;
+    if (mSuspendUnannounced) {
+        allowSleep();
     } else {
         call(mCallbacks.prepareSuspend);
     }
 }
 
-void PowerClient::letSleep()
+void PowerClient::allowSleep()
 {
     mState = State::Asleep;
     call(mCallbacks.suspended);
     mInhibitor.reset();
 }
 
-void PowerClient::wakeUp()
+void PowerClient::handleResume()
 {
     mState = State::Awake;
-    takeInhibitor();
+    requestInhibitor();
     call(mCallbacks.resume);
 }
 

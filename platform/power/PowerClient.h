@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// This process as logind sees it: it holds a delay inhibitor for sleep, is told when sleep comes and ends, and lets go
-// when the prepare-suspend callback's owner agrees. systemd-logind and elogind offer the same interface. A logind that
-// is not there is waited for; one that was restarted is asked what was missed.
+// The client of logind: it holds a delay inhibitor for sleep, is notified when sleep begins and ends, and releases the
+// inhibitor when the owner of the prepare-suspend callback agrees. systemd-logind and elogind offer the same interface.
+// The client waits for a logind that is not running, and queries a restarted one for what it missed.
 #ifndef POWERD_POWERCLIENT_H
 #define POWERD_POWERCLIENT_H
 
@@ -26,18 +26,18 @@ struct Callbacks {
     std::atomic<PowerdCallback> prepareSuspend{nullptr};
 };
 
-class PowerClient final : public std::enable_shared_from_this<PowerClient>, private hostbus::BusListener {
+class PowerClient final : public std::enable_shared_from_this<PowerClient>, private systembus::BusListener {
 public:
     explicit PowerClient(GMainLoop* loop);
 
-    /// Enters logind's list under `name`. Once.
+    /// Registers with logind as `name`. Once.
     bool start(const std::string& name);
-    /// Leaves everything. From any thread; no callback runs afterwards. False: `wait` was false and one is running.
+    /// Disconnects. From any thread; no callback runs afterwards. False: `wait` was false and one is running.
     bool stop(bool wait = true);
     /// Answers the prepare-suspend callback.
     void acknowledge(bool agreed);
-    /// The prepare-suspend callback was set: it is called now if a sleep began before that.
-    void askBelated();
+    /// To be called when the prepare-suspend callback was set: calls it if a sleep began before that.
+    void offerPendingSuspend();
     Callbacks& callbacks() { return mCallbacks; }
 
 private:
@@ -46,25 +46,25 @@ private:
     void onBusConnected(sd_bus* bus) override;
     void onBusLost() override;
     void onLogindOwner(const std::string& owner);
-    void askWhetherPreparing();
+    void queryPreparingForSleep();
     void onPreparingForSleep(bool preparing);
-    void takeInhibitor();
+    void requestInhibitor();
     void keepInhibitor(sd_bus_message* reply);
-    void prepare();
-    void letSleep();
-    void wakeUp();
+    void announceSleep();
+    void allowSleep();
+    void handleResume();
 
     GMainLoopPtr mLoop;
     std::string mName;
-    hostbus::BusConnection mConnection;
+    systembus::BusConnection mConnection;
     Callbacks mCallbacks;
     State mState = State::Awake;
-    bool mNobodyAsked = false;  // of this sleep, for want of a callback
+    bool mSuspendUnannounced = false;  // this sleep began before there was a prepare-suspend callback
     UniqueFd mInhibitor;
-    std::unique_ptr<hostbus::NameWatch> mLogind;
-    std::unique_ptr<hostbus::SignalMatch> mSleepMatch;
-    SdBusSlotPtr mInhibiting;
-    SdBusSlotPtr mAsking;
+    std::unique_ptr<systembus::NameWatch> mLogind;
+    std::unique_ptr<systembus::SignalMatch> mSleepMatch;
+    SdBusSlotPtr mInhibitorRequest;
+    SdBusSlotPtr mPreparingQuery;
 };
 
 }  // namespace powerd

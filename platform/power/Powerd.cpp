@@ -14,7 +14,7 @@ using powerd::Callbacks;
 using powerd::PowerClient;
 
 std::mutex sClientLock;
-// Not a static object: those are destroyed before the library's own clean-up runs.
+// Not a static object: those are destroyed before the library's destructor function runs.
 std::shared_ptr<PowerClient>* sClient = nullptr;
 
 std::shared_ptr<PowerClient> client()
@@ -23,7 +23,7 @@ std::shared_ptr<PowerClient> client()
     return sClient != nullptr ? *sClient : nullptr;
 }
 
-std::shared_ptr<PowerClient> takeClient()
+std::shared_ptr<PowerClient> extractClient()
 {
     const std::lock_guard<std::mutex> lock(sClientLock);
     if (sClient == nullptr) return nullptr;
@@ -41,11 +41,11 @@ bool setCallback(std::atomic<PowerdCallback> Callbacks::*which, PowerdCallback c
     return true;
 }
 
-// A client that was not deinitialised ends with the library; one that is at work on another thread is left alone.
+// Ends a client that was not deinitialised. One whose callback runs on another thread is left alone.
 __attribute__((destructor)) void releaseClient()
 {
     const auto present = client();
-    if (present != nullptr && present->stop(false)) takeClient();
+    if (present != nullptr && present->stop(false)) extractClient();
 }
 
 }  // namespace
@@ -67,7 +67,7 @@ extern "C" bool PowerdClientInit(const char* name)
 
 extern "C" bool PowerdClientDeinit()
 {
-    if (const auto present = takeClient()) present->stop();
+    if (const auto present = extractClient()) present->stop();
     return true;
 }
 
@@ -84,7 +84,7 @@ extern "C" bool PowerdSuspendedRegister(PowerdCallback callback)
 extern "C" bool PowerdPrepareSuspendRegister(PowerdCallback callback)
 {
     if (!setCallback(&Callbacks::prepareSuspend, callback)) return false;
-    if (const auto present = client()) present->askBelated();
+    if (const auto present = client()) present->offerPendingSuspend();
     return true;
 }
 

@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
-#include "Handover.h"
+#include "TsanAnnotations.h"
 
-namespace hostbus {
+namespace systembus {
 
 namespace {
 
@@ -16,8 +16,8 @@ constexpr std::int64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t millisecond = 1000;
 constexpr std::int64_t firstRetryDelay = 100 * millisecond;
 constexpr std::int64_t longestRetryDelay = 2000 * millisecond;
-// Other sources of the loop get their turn after so many messages.
-constexpr int messagesPerTurn = 64;
+// After so many messages other sources of the loop are dispatched.
+constexpr int messagesPerDispatch = 64;
 
 int untilMilliseconds(std::int64_t time)
 {
@@ -29,7 +29,7 @@ int untilMilliseconds(std::int64_t time)
 
 }  // namespace
 
-// Allocated by GLib, which knows nothing of the members' constructors.
+// GLib allocates it and runs no constructors, so attach() constructs `owner`.
 struct BusConnection::Source {
     GSource base;
     BusConnection* connection;
@@ -38,7 +38,7 @@ struct BusConnection::Source {
     static Source* of(GSource* source) { return reinterpret_cast<Source*>(source); }
     static BusConnection& connectionOf(GSource* source)
     {
-        takeUp(source);
+        tsanAcquire(source);
         return *of(source)->connection;
     }
 };
@@ -55,16 +55,16 @@ GSourceFuncs BusConnection::sFunctions = {
     nullptr,
 };
 
-// The time during which this object may not be torn down; the last to leave does it when close() was called meanwhile.
-class BusConnection::Entry {
+// While one exists, the connection is not torn down. The outermost one tears it down if close() was called meanwhile.
+class BusConnection::CallScope {
 public:
-    explicit Entry(BusConnection& connection) : mConnection(connection), mLock(connection.mRunning)
+    explicit CallScope(BusConnection& connection) : mConnection(connection), mLock(connection.mRunning)
     {
         ++mConnection.mDepth;
     }
-    ~Entry()
+    ~CallScope()
     {
-        if (--mConnection.mDepth == 0 && mConnection.mClosed) mConnection.release();
+        if (--mConnection.mDepth == 0 && mConnection.mClosed) mConnection.tearDown();
     }
     bool isOutermost() const { return mConnection.mDepth == 1; }
 
@@ -80,16 +80,12 @@ BusConnection::~BusConnection()
 
 int BusConnection::open()
 {
-    sd_bus* bus = nullptr;
-    const int result = sd_bus_open_system(&bus);
-    if (result < 0) return result;
-    mBus.reset(bus);
-    return 0;
+    return std::min(obtain(mBus, sd_bus_open_system), 0);
 }
 
 void BusConnection::attach(GMainContext* context, std::shared_ptr<void> owner)
 {
-    const Entry entry(*this);
+    const CallScope scope(*this);
     auto* source = Source::of(g_source_new(&sFunctions, sizeof(Source)));
     mSource.reset(&source->base);
     source->connection = this;
@@ -98,7 +94,7 @@ void BusConnection::attach(GMainContext* context, std::shared_ptr<void> owner)
         const std::lock_guard<std::mutex> lock(mTasksLock);
         mContext.reset(g_main_context_ref(context));
     }
-    handOver(mSource.get());
+    tsanRelease(mSource.get());
     g_source_attach(mSource.get(), context);
 }
 
@@ -112,9 +108,9 @@ void BusConnection::post(Task task)
 void BusConnection::run(const Task& task)
 {
     if (mContext == nullptr || !g_main_context_is_owner(mContext.get())) return post(task);
-    const Entry entry(*this);
-    if (entry.isOutermost()) {
-        announce();
+    const CallScope scope(*this);
+    if (scope.isOutermost()) {
+        notifyConnected();
         runTasks();
     }
     if (!mClosed) task();
@@ -128,7 +124,7 @@ void BusConnection::runAfter(std::int64_t pause, Task task)
 
 void BusConnection::close()
 {
-    const Entry entry(*this);
+    const CallScope scope(*this);
     mClosed = true;
 }
 
@@ -139,7 +135,7 @@ bool BusConnection::tryClose()
     return lock.owns_lock();
 }
 
-void BusConnection::release()
+void BusConnection::tearDown()
 {
     std::vector<Task> dropped;
     {
@@ -153,36 +149,36 @@ void BusConnection::release()
 
 bool BusConnection::prepare(int& timeout)
 {
-    const Entry entry(*this);
+    const CallScope scope(*this);
     timeout = -1;
     if (mClosed) return false;
     if (mBus != nullptr) watchDescriptor();
-    if (hasTasks() || (mBus != nullptr && !mAnnounced)) return true;
-    timeout = untilMilliseconds(nextTurn());
+    if (hasTasks() || (mBus != nullptr && !mIsListenerNotified)) return true;
+    timeout = untilMilliseconds(nextDispatch());
     return timeout == 0;
 }
 
 bool BusConnection::check()
 {
-    const Entry entry(*this);
+    const CallScope scope(*this);
     if (mClosed) return false;
     if (mTag != nullptr && g_source_query_unix_fd(mSource.get(), mTag) != 0) return true;
-    return hasTasks() || untilMilliseconds(nextTurn()) == 0;
+    return hasTasks() || untilMilliseconds(nextDispatch()) == 0;
 }
 
 void BusConnection::dispatch()
 {
-    const Entry entry(*this);
+    const CallScope scope(*this);
     if (mClosed) return;
-    if (mBus == nullptr) connectAgain();
-    announce();
+    if (mBus == nullptr) reconnect();
+    notifyConnected();
     runTasks();
     runDelayed();
     processBus();
 }
 
-// When there is something to do even if nothing arrives.
-std::int64_t BusConnection::nextTurn() const
+// When dispatch() is due even if nothing arrives.
+std::int64_t BusConnection::nextDispatch() const
 {
     if (mBus == nullptr) return mRetryAt;
     std::uint64_t time = 0;
@@ -196,10 +192,10 @@ bool BusConnection::hasTasks()
     return !mTasks.empty();
 }
 
-void BusConnection::announce()
+void BusConnection::notifyConnected()
 {
-    if (mBus == nullptr || mAnnounced) return;
-    mAnnounced = true;
+    if (mBus == nullptr || mIsListenerNotified) return;
+    mIsListenerNotified = true;
     mListener.onBusConnected(mBus.get());
 }
 
@@ -225,14 +221,14 @@ void BusConnection::runDelayed()
 
 void BusConnection::processBus()
 {
-    for (int count = 0; count < messagesPerTurn && mBus != nullptr && !mClosed; ++count) {
+    for (int count = 0; count < messagesPerDispatch && mBus != nullptr && !mClosed; ++count) {
         const int result = sd_bus_process(mBus.get(), nullptr);
         if (result == 0) return;
-        if (result < 0) lose();
+        if (result < 0) handleDisconnect();
     }
 }
 
-void BusConnection::connectAgain()
+void BusConnection::reconnect()
 {
     if (g_get_monotonic_time() < mRetryAt) return;
     if (open() == 0) {
@@ -248,18 +244,18 @@ void BusConnection::pauseBeforeRetry()
     mRetryAt = g_get_monotonic_time() + mRetryDelay;
 }
 
-void BusConnection::lose()
+void BusConnection::handleDisconnect()
 {
     if (mTag != nullptr) g_source_remove_unix_fd(mSource.get(), mTag);
     mTag = nullptr;
     mWatchedFd = -1;
-    const SdBusPtr lost = std::move(mBus);  // before the listener is told, so that it finds none
+    const SdBusPtr lost = std::move(mBus);  // first, so that the listener finds no bus
     mDelayedUntil = never;
     mDelayed = nullptr;
-    // A bus that ends the connection at once is not asked ten times a second for ever.
+    // The delay keeps growing with a bus that accepts connections but ends them at once.
     if (g_get_monotonic_time() - mConnectedAt >= longestRetryDelay) mRetryDelay = 0;
     pauseBeforeRetry();
-    if (std::exchange(mAnnounced, false)) mListener.onBusLost();
+    if (std::exchange(mIsListenerNotified, false)) mListener.onBusLost();
 }
 
 void BusConnection::watchDescriptor()
@@ -277,4 +273,4 @@ void BusConnection::watchDescriptor()
     mWatchedEvents = events;
 }
 
-}  // namespace hostbus
+}  // namespace systembus

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // One connection to the system bus, driven by a GLib main loop through one source. Once attached, the bus object is
-// used on the loop's thread only; other threads post to it. When the bus goes away the connection is made again, so
-// its user installs what it needs whenever it is told that there is a bus.
-#ifndef HOSTBUS_BUSCONNECTION_H
-#define HOSTBUS_BUSCONNECTION_H
+// used on the loop's thread only; other threads post tasks. A lost connection is made again. The listener adds its
+// matches and objects each time it is notified of a bus.
+#ifndef SYSTEMBUS_BUSCONNECTION_H
+#define SYSTEMBUS_BUSCONNECTION_H
 
 #include <glib.h>
 
@@ -18,14 +18,14 @@
 #include "handles/Glib.h"
 #include "handles/SdBus.h"
 
-namespace hostbus {
+namespace systembus {
 
 /// Called on the loop's thread.
 class BusListener {
 public:
-    /// A new bus object; nothing of an earlier one is valid any more.
+    /// There is a new bus object. Slots and messages of an earlier one are invalid.
     virtual void onBusConnected(sd_bus* bus) = 0;
-    /// The bus is gone. Everything that belongs to it must be given up now.
+    /// The bus is gone. The listener must release all slots and messages of it now.
     virtual void onBusLost() = 0;
 
 protected:
@@ -46,50 +46,50 @@ public:
     /// The bus object, null while there is none. On the loop's thread; before attach(), on the one that opened.
     sd_bus* bus() const { return mBus.get(); }
 
-    /// Has a context drive the connection from now on; a bus that is not open yet is looked for until it is there.
-    /// `owner`, which must own this object, is kept until close().
+    /// From now on `context` drives the connection; opening the bus is retried until it succeeds. `owner`, which must
+    /// own this object, is kept until close().
     void attach(GMainContext* context, std::shared_ptr<void> owner);
     bool isAttached() const { return mContext != nullptr; }
 
-    /// Runs a task later on the loop's thread. From any thread; in the order of the calls. Dropped by close().
+    /// Runs a task later on the loop's thread, in the order of the calls. From any thread. close() drops pending tasks.
     void post(Task task);
     /// Runs a task at once when called on the loop's thread, else posts it.
     void run(const Task& task);
 
-    /// Runs a task on the loop's thread after a pause, in microseconds, unless the bus is lost before. On the loop's
-    /// thread; a later call takes the place of an earlier one.
+    /// Runs a task on the loop's thread after a pause, in microseconds, unless the bus is lost before. Called on the
+    /// loop's thread. A later call replaces an earlier one.
     void runAfter(std::int64_t pause, Task task);
 
-    /// Disconnects. From any thread; on another one than the loop's it waits until nothing of this object runs any
-    /// more. Whoever calls must own the object.
+    /// Disconnects. From any thread; on another one than the loop's it waits until nothing of this object runs. The
+    /// caller must own the object.
     void close();
-    /// Like close(), but leaves everything as it is and returns false when it would have to wait.
+    /// Like close(). Where close() would have to wait, it changes nothing and returns false.
     bool tryClose();
 
 private:
     struct Source;
-    class Entry;
+    class CallScope;
     static GSourceFuncs sFunctions;
 
     bool prepare(int& timeout);
     bool check();
     void dispatch();
 
-    std::int64_t nextTurn() const;
+    std::int64_t nextDispatch() const;
     bool hasTasks();
-    void announce();
+    void notifyConnected();
     void runTasks();
     void runDelayed();
     void processBus();
-    void connectAgain();
+    void reconnect();
     void pauseBeforeRetry();
-    void lose();
+    void handleDisconnect();
     void watchDescriptor();
-    void release();
+    void tearDown();
 
     BusListener& mListener;
     SdBusPtr mBus;
-    bool mAnnounced = false;  // the listener knows mBus
+    bool mIsListenerNotified = false;  // of mBus
     std::int64_t mRetryAt = 0;
     std::int64_t mRetryDelay = 0;
     std::int64_t mConnectedAt = 0;
@@ -103,8 +103,8 @@ private:
     int mWatchedFd = -1;
     int mWatchedEvents = 0;
 
-    // Held while anything runs on the loop's thread, so that close() can wait for it; recursive, because what runs
-    // there may close.
+    // Held while anything runs on the loop's thread, so that close() can wait for it. Recursive, because a task may
+    // call close().
     std::recursive_mutex mRunning;
     int mDepth = 0;
     bool mClosed = false;
@@ -113,6 +113,6 @@ private:
     std::vector<Task> mTasks;
 };
 
-}  // namespace hostbus
+}  // namespace systembus
 
 #endif

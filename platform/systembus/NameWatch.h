@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who owns a name on the bus: told once with the state found, and then on each change. For the life of one bus
-// object, on its thread.
-#ifndef HOSTBUS_NAMEWATCH_H
-#define HOSTBUS_NAMEWATCH_H
+// Watches who owns a name on the bus. Its callback is called once with the first answer, and then on each change. For
+// the life of one bus object, on its thread.
+#ifndef SYSTEMBUS_NAMEWATCH_H
+#define SYSTEMBUS_NAMEWATCH_H
 
 #include <functional>
 #include <optional>
@@ -12,7 +12,7 @@
 #include "SignalMatch.h"
 #include "handles/SdBus.h"
 
-namespace hostbus {
+namespace systembus {
 
 class NameWatch {
 public:
@@ -25,14 +25,14 @@ public:
     NameWatch& operator=(const NameWatch&) = delete;
 
 private:
-    void found(const std::string& owner);
+    void setOwner(const std::string& owner);
 
     Changed mChanged;
-    std::optional<std::string> mOwner;  // nothing before the first answer
+    std::optional<std::string> mOwner;  // none before the first answer
     SignalMatch mMatch;
-    SdBusSlotPtr mQuestion;
+    SdBusSlotPtr mOwnerQuery;
 };
 
-}  // namespace hostbus
+}  // namespace systembus
 
 #endif

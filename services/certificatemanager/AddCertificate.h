@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The service's one method on JSON texts: what a request says, and how a result is told. Knows nothing of the bus.
+// The method "addcertificate" with its request and reply as JSON texts. Knows nothing of the bus.
 #ifndef CERTIFICATEMANAGER_ADDCERTIFICATE_H
 #define CERTIFICATEMANAGER_ADDCERTIFICATE_H
 
@@ -14,7 +14,7 @@ namespace certificatemanager {
 /// Returns {"returnValue": true}, or {"returnValue": false, "errorCode": ..., "errorText": ...}.
 std::string addCertificate(const CertificateStore& store, const char* request);
 
-/// The answer that tells of `result`.
+/// The reply for `result`.
 std::string replyText(const InstallResult& result);
 
 }  // namespace certificatemanager

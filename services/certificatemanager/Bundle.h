@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A PKCS#12 bundle taken apart into the two texts that are installed. No system call but reading the file.
+// Reads a PKCS#12 bundle and converts it to the two PEM texts that are installed.
 #ifndef CERTIFICATEMANAGER_BUNDLE_H
 #define CERTIFICATEMANAGER_BUNDLE_H
 
@@ -27,8 +27,8 @@ InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::str
 /// Fingerprint of the first certificate of a PEM text; empty when there is none.
 std::string fingerprintOfPem(const std::string& pem);
 
-/// Both are PEM texts. False when the key is another certificate's, or is no key. An encrypted key, which nobody here
-/// can open, counts as the right one.
+/// Both are PEM texts. False when the key belongs to another certificate, or is no key. An encrypted key cannot be
+/// checked, and counts as the right one.
 bool isKeyOf(const std::string& certificatePem, const std::string& keyPem);
 
 }  // namespace certificatemanager

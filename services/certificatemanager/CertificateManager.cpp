@@ -31,7 +31,7 @@ CertificateStore certificateStore()
     return {"/var/ssl/certs/", "/var/ssl/private/"};
 }
 
-// Whoever owns the service's name is the only one that installs.
+// Called by the owner of the service's name, which is the only process that installs.
 void removeInterruptedInstallations()
 {
     const unsigned removed = certificateStore().removeInterruptedInstallations();

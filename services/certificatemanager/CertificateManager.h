@@ -17,7 +17,7 @@ public:
     CertificateManager(const CertificateManager&) = delete;
     CertificateManager& operator=(const CertificateManager&) = delete;
 
-    /// Takes its name on the bus and offers its method on `loop`. False after a failure, which is logged.
+    /// Claims its name on the bus and offers its method on `loop`. False after a failure, which is logged.
     bool start(GMainLoop* loop);
 
 private:

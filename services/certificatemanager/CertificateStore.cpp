@@ -94,8 +94,7 @@ unsigned CertificateStore::removeInterruptedInstallations() const
     return removeInterrupted(mCertificateFolder) + removeInterrupted(mKeyFolder);
 }
 
-// Under whatever name it was installed, but only with its key: a certificate without one, or with another's, is of no
-// use to anybody.
+// Under any name, but only with its key: a certificate without its key is useless, and may be installed again.
 bool CertificateStore::isInstalled(const std::string& fingerprint) const
 {
     const DirPtr folder(opendir(mCertificateFolder.c_str()));

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Installs a PKCS#12 bundle as the PEM files that the plug-in lists: the key first, then the certificate. Each gets its
-// name when it is written and synced, so that a certificate never stands there without its key, nor half a file. Knows
-// nothing of the bus. Used on one thread.
-#ifndef CERTIFICATESTORE_H
-#define CERTIFICATESTORE_H
+// name when it is written and synced, so there is never a certificate without its key, nor half a file. Knows nothing
+// of the bus. Used on one thread.
+#ifndef CERTIFICATEMANAGER_CERTIFICATESTORE_H
+#define CERTIFICATEMANAGER_CERTIFICATESTORE_H
 
 #include <string>
 
 namespace certificatemanager {
 
-/// Why an installation failed; the numbers are what callers of the service see.
+/// Why an installation failed. Callers of the service see the numbers.
 enum class InstallError : int {
     None = 0,
     BadRequest = 1,
@@ -29,18 +29,18 @@ enum class InstallError : int {
 
 struct InstallResult {
     InstallError error = InstallError::None;
-    std::string text;  ///< What went wrong, for people; empty on success.
+    std::string text;  ///< The error in words; empty on success.
 };
 
 class CertificateStore {
 public:
-    /// Folders with a trailing slash; made when they are missing.
+    /// Folders with a trailing slash. Missing ones are made.
     CertificateStore(std::string certificateFolder, std::string keyFolder);
 
-    /// Installs the bundle in file `path`. On failure nothing is left behind.
+    /// Installs the bundle in the file `path`. A failure leaves no new file.
     InstallResult install(const std::string& path, const std::string& passphrase) const;
 
-    /// Removes the files of installations that were killed. Returns how many. Only the one service may call it.
+    /// Removes the files of killed installations, and returns how many there were. No other process may install now.
     unsigned removeInterruptedInstallations() const;
 
 private:

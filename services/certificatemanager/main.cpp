@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vesk-certificatemanager: installs client certificates that root hands over on the bus, until SIGTERM or SIGINT.
+// vesk-certificatemanager: installs client certificates at the request of root on the bus, until SIGTERM or SIGINT.
 #include <cstdlib>
 
 #include "CertificateManager.h"
@@ -8,7 +8,7 @@
 
 int main()
 {
-    ServiceLoop loop;
+    services::ServiceLoop loop;
     certificatemanager::CertificateManager manager;
     if (!manager.start(loop.get())) return EXIT_FAILURE;
     loop.run();

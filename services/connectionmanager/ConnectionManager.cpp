@@ -10,14 +10,14 @@
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
 constexpr char serviceName[] = "com.vesk.connectionmanager";
 constexpr char statusKey[] = "status";
 
-// Methods of the bus take no data of their own.
+// A method table of the bus has no user data.
 ConnectionManager* sInstance = nullptr;
 
 struct StatusRequest {
@@ -59,13 +59,13 @@ bool ConnectionManager::start(GMainLoop* loop)
 {
     GMainContext* context = g_main_loop_get_context(loop);
     setTimer(context);
-    // Listening first, so that no change after the first look is missed.
+    // Listens first, so that no change after the first refresh is missed.
     if (!mEvents.start(context)) {
         SERVICE_ERROR("cannot listen to the kernel's network events: %s", std::strerror(errno));
         return false;
     }
     mNetworkManager->start(context);
-    look();
+    refresh();
     return startBus(loop);
 }
 
@@ -89,7 +89,7 @@ bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
     bool done = false;
     try {
         const StatusRequest request = parseRequest(QSMessageGetPayload(message));
-        sInstance->lookIfUnsettled();
+        sInstance->refreshIfPending();
         done = !request.subscribes || QSSubscriptionAdd(handle, statusKey, message, &error);
         done = done && QSMessageReply(handle, message, sInstance->mPayload.c_str(), &error);
     } catch (const wfoal::JsonError& refusal) {
@@ -100,11 +100,11 @@ bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
     return done;
 }
 
-// Whoever asks gets what is, even while changes are still being waited for.
-void ConnectionManager::lookIfUnsettled()
+// Answer a query with the current state even while the debounce timer is running.
+void ConnectionManager::refreshIfPending()
 {
     mEvents.receive();
-    if (mDebounce.due()) look();
+    if (mDebounce.due()) refresh();
 }
 
 void ConnectionManager::noteChange()
@@ -113,7 +113,7 @@ void ConnectionManager::noteChange()
     g_source_set_ready_time(mTimer.get(), *mDebounce.due());
 }
 
-// A source that is ready at a given time and never otherwise.
+// A source that is ready at a set time only.
 void ConnectionManager::setTimer(GMainContext* context)
 {
     static GSourceFuncs functions = {
@@ -121,22 +121,22 @@ void ConnectionManager::setTimer(GMainContext* context)
                                          return callback(data); },
         nullptr, nullptr, nullptr};
     mTimer.reset(g_source_new(&functions, sizeof(GSource)));
-    const GSourceFunc onSettled = [](gpointer self) -> gboolean {
-        static_cast<ConnectionManager*>(self)->look();
+    const GSourceFunc onTimer = [](gpointer self) -> gboolean {
+        static_cast<ConnectionManager*>(self)->refresh();
         return G_SOURCE_CONTINUE;
     };
-    g_source_set_callback(mTimer.get(), onSettled, this, nullptr);
+    g_source_set_callback(mTimer.get(), onTimer, this, nullptr);
     g_source_attach(mTimer.get(), context);
 }
 
-void ConnectionManager::look()
+void ConnectionManager::refresh()
 {
     g_source_set_ready_time(mTimer.get(), -1);
     mDebounce.done();
     const std::optional<Snapshot> snapshot = readSnapshot();
     if (!snapshot) {
         SERVICE_ERROR("cannot read the kernel's network tables: %s", std::strerror(errno));
-        noteChange();  // again, a little later
+        noteChange();  // retry a little later
         return;
     }
     const Status status = judge(*snapshot, mNetworkManager->connectivity());
@@ -147,4 +147,4 @@ void ConnectionManager::look()
     if (mBus != nullptr) QSSubscriptionReply(mBus, statusKey, mPayload.c_str(), nullptr);
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

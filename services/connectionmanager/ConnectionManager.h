@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The service: looks at the network when it has settled, or when it is asked before that, answers getStatus with what
-// it saw, and pushes it to subscribers when it is another than before. Everything runs on one loop.
-#ifndef CONMAN_CONNECTIONMANAGER_H
-#define CONMAN_CONNECTIONMANAGER_H
+// The connection manager's service. It reads the network's state after changes, and answers getStatus with it. A state
+// that differs from the last one is pushed to subscribers. Everything runs on one loop.
+#ifndef CONNECTIONMANAGER_CONNECTIONMANAGER_H
+#define CONNECTIONMANAGER_CONNECTIONMANAGER_H
 
 #include <glib.h>
 
@@ -17,7 +17,7 @@
 #include "handles/Glib.h"
 #include "quorservice.h"
 
-namespace conman {
+namespace connectionmanager {
 
 class ConnectionManager {
 public:
@@ -26,16 +26,16 @@ public:
     ConnectionManager(const ConnectionManager&) = delete;
     ConnectionManager& operator=(const ConnectionManager&) = delete;
 
-    /// Comes up on the bus, with a first look taken. False, with a log line, when it cannot.
+    /// Reads the first state, and offers the service on the bus. False, with a log line, after a failure.
     bool start(GMainLoop* loop);
 
 private:
     static bool getStatus(QSHandle* handle, QSMessage* message, void* data);
     bool startBus(GMainLoop* loop);
-    void lookIfUnsettled();
+    void refreshIfPending();
     void noteChange();
     void setTimer(GMainContext* context);
-    void look();
+    void refresh();
 
     NetlinkEvents mEvents;
     std::shared_ptr<NetworkManagerWatch> mNetworkManager;
@@ -46,6 +46,6 @@ private:
     std::string mPayload;
 };
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

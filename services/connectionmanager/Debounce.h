@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// When changes that come in bursts are to be looked at: 100 ms after the last one, but 500 ms after the first at the
-// latest. Times are microseconds of one clock.
-#ifndef CONMAN_DEBOUNCE_H
-#define CONMAN_DEBOUNCE_H
+// The time of the refresh after a burst of changes: 100 ms after the last one, at most 500 ms after the first. Times
+// are microseconds of one clock.
+#ifndef CONNECTIONMANAGER_DEBOUNCE_H
+#define CONNECTIONMANAGER_DEBOUNCE_H
 
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 
-namespace conman {
+namespace connectionmanager {
 
 class Debounce {
 public:
@@ -21,7 +21,7 @@ public:
         if (!mFirst) mFirst = now;
         mLast = now;
     }
-    /// Nothing when there is nothing to look at.
+    /// None when no change is pending.
     std::optional<std::int64_t> due() const
     {
         if (!mFirst) return std::nullopt;
@@ -34,6 +34,6 @@ private:
     std::int64_t mLast = 0;
 };
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

@@ -8,7 +8,7 @@
 
 #include "SnapshotParser.h"
 
-namespace conman {
+namespace connectionmanager {
 
 NetlinkEvents::~NetlinkEvents()
 {
@@ -46,4 +46,4 @@ void NetlinkEvents::receive()
     if (changed) mOnChange();
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

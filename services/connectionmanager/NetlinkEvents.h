@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Tells that links, addresses or default routes may have changed. What exactly is for the snapshot to say, so that
-// events which the kernel dropped because we were slow cost nothing but one more look.
-#ifndef CONMAN_NETLINKEVENTS_H
-#define CONMAN_NETLINKEVENTS_H
+// Notifies of a possible change of links, addresses or default routes. The snapshot tells what has changed, so events
+// that the kernel dropped only cost one more refresh.
+#ifndef CONNECTIONMANAGER_NETLINKEVENTS_H
+#define CONNECTIONMANAGER_NETLINKEVENTS_H
 
 #include <glib.h>
 
@@ -14,7 +14,7 @@
 #include "handles/Mnl.h"
 #include "netlink/NetlinkDatagram.h"
 
-namespace conman {
+namespace connectionmanager {
 
 class NetlinkEvents {
 public:
@@ -26,7 +26,7 @@ public:
 
     /// Listens from now on. On failure returns false and leaves `errno` set.
     bool start(GMainContext* context);
-    /// Works off what has arrived; called by the source, and by tests.
+    /// Handles all events that have arrived.
     void receive();
     int descriptor() const { return mnl_socket_get_fd(mSocket.get()); }
 
@@ -37,6 +37,6 @@ private:
     GSourcePtr mSource;
 };
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
@@ -26,7 +26,7 @@ void NetworkManagerWatch::start(GMainContext* context)
 void NetworkManagerWatch::onBusConnected(sd_bus* bus)
 {
     mName =
-        std::make_unique<hostbus::NameWatch>(bus, managerName, [this](const std::string& owner) { onOwner(owner); });
+        std::make_unique<systembus::NameWatch>(bus, managerName, [this](const std::string& owner) { onOwner(owner); });
 }
 
 void NetworkManagerWatch::onBusLost()
@@ -38,23 +38,23 @@ void NetworkManagerWatch::onBusLost()
 void NetworkManagerWatch::onOwner(const std::string& owner)
 {
     mMatch.reset();
-    mQuestion.reset();
-    found(owner.empty() ? Connectivity::NoManager : Connectivity::Unknown);
+    mQuery.reset();
+    setConnectivity(owner.empty() ? Connectivity::NotRunning : Connectivity::Unknown);
     if (owner.empty()) return;
-    const hostbus::SignalRule rule{owner, managerPath, propertiesInterface, "PropertiesChanged",
-                                   std::string("arg0='") + managerName + "'"};
-    mMatch = std::make_unique<hostbus::SignalMatch>(mConnection.bus(), rule, [this](sd_bus_message*) { ask(); });
-    ask();
+    const systembus::SignalRule rule{owner, managerPath, propertiesInterface, "PropertiesChanged",
+                                     std::string("arg0='") + managerName + "'"};
+    mMatch = std::make_unique<systembus::SignalMatch>(mConnection.bus(), rule,
+                                                      [this](sd_bus_message*) { queryConnectivity(); });
+    queryConnectivity();
 }
 
-// Asked anew on each change of properties, whichever it is: the signal need not hold the value.
-void NetworkManagerWatch::ask()
+// Called on each change of any property, because the signal may lack the value.
+void NetworkManagerWatch::queryConnectivity()
 {
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_call_method_async(mConnection.bus(), &slot, managerName, managerPath, propertiesInterface, "Get",
-                                 onAnswer, this, "ss", managerName, "Connectivity") >= 0) {
-        mQuestion.reset(slot);
-    }
+    obtain(mQuery, [&](sd_bus_slot** slot) {
+        return sd_bus_call_method_async(mConnection.bus(), slot, managerName, managerPath, propertiesInterface, "Get",
+                                        onAnswer, this, "ss", managerName, "Connectivity");
+    });
 }
 
 int NetworkManagerWatch::onAnswer(sd_bus_message* reply, void* self, sd_bus_error*)
@@ -64,13 +64,14 @@ int NetworkManagerWatch::onAnswer(sd_bus_message* reply, void* self, sd_bus_erro
     if (sd_bus_message_enter_container(reply, 'v', "u") <= 0) return 0;
     if (sd_bus_message_read_basic(reply, 'u', &value) <= 0) return 0;
     const bool known = value <= static_cast<unsigned>(Connectivity::Full);
-    static_cast<NetworkManagerWatch*>(self)->found(known ? static_cast<Connectivity>(value) : Connectivity::Unknown);
+    static_cast<NetworkManagerWatch*>(self)->setConnectivity(known ? static_cast<Connectivity>(value)
+                                                                   : Connectivity::Unknown);
     return 0;
 }
 
-void NetworkManagerWatch::found(Connectivity connectivity)
+void NetworkManagerWatch::setConnectivity(Connectivity connectivity)
 {
     if (std::exchange(mConnectivity, connectivity) != connectivity) mOnChange();
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

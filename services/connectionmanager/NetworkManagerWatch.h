@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// NetworkManager's verdict on the way to the internet, for as long as it owns its name on the bus.
-#ifndef CONMAN_NETWORKMANAGERWATCH_H
-#define CONMAN_NETWORKMANAGERWATCH_H
+// NetworkManager's connectivity check, for as long as it owns its name on the bus.
+#ifndef CONNECTIONMANAGER_NETWORKMANAGERWATCH_H
+#define CONNECTIONMANAGER_NETWORKMANAGERWATCH_H
 
 #include <functional>
 #include <memory>
@@ -13,10 +13,10 @@
 #include "SignalMatch.h"
 #include "Status.h"
 
-namespace conman {
+namespace connectionmanager {
 
 class NetworkManagerWatch final : public std::enable_shared_from_this<NetworkManagerWatch>,
-                                  private hostbus::BusListener {
+                                  private systembus::BusListener {
 public:
     /// `onChange` is called on the context's thread.
     explicit NetworkManagerWatch(std::function<void()> onChange);
@@ -29,18 +29,18 @@ private:
     void onBusConnected(sd_bus* bus) override;
     void onBusLost() override;
     void onOwner(const std::string& owner);
-    void ask();
-    void found(Connectivity connectivity);
+    void queryConnectivity();
+    void setConnectivity(Connectivity connectivity);
     static int onAnswer(sd_bus_message* reply, void* self, sd_bus_error* error);
 
     std::function<void()> mOnChange;
-    hostbus::BusConnection mConnection;
-    Connectivity mConnectivity = Connectivity::NoManager;
-    std::unique_ptr<hostbus::NameWatch> mName;
-    std::unique_ptr<hostbus::SignalMatch> mMatch;
-    SdBusSlotPtr mQuestion;
+    systembus::BusConnection mConnection;
+    Connectivity mConnectivity = Connectivity::NotRunning;
+    std::unique_ptr<systembus::NameWatch> mName;
+    std::unique_ptr<systembus::SignalMatch> mMatch;
+    SdBusSlotPtr mQuery;
 };
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The service's own log context.
-#ifndef CONMAN_SERVICELOG_H
-#define CONMAN_SERVICELOG_H
+#ifndef CONNECTIONMANAGER_SERVICELOG_H
+#define CONNECTIONMANAGER_SERVICELOG_H
 
 #include "VkLogLib.h"
 
-namespace conman {
+namespace connectionmanager {
 
 inline VkLogContext* logContext()
 {
@@ -18,11 +18,11 @@ inline VkLogContext* logContext()
     return context;
 }
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #define SERVICE_LOG(wanted, ...)                                                        \
     do {                                                                                \
-        VkLogContext* logContextOfService = conman::logContext();                       \
+        VkLogContext* logContextOfService = connectionmanager::logContext();            \
         if (logContextOfService == nullptr || logContextOfService->level >= (wanted)) { \
             VkLogPrint(logContextOfService, wanted, __VA_ARGS__);                       \
         }                                                                               \

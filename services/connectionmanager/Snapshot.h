@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the kernel says about the network at one moment, as far as the connection manager wants to know.
-#ifndef CONMAN_SNAPSHOT_H
-#define CONMAN_SNAPSHOT_H
+// The links, IPv4 addresses and default routes that the kernel has at one moment.
+#ifndef CONNECTIONMANAGER_SNAPSHOT_H
+#define CONNECTIONMANAGER_SNAPSHOT_H
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace conman {
+namespace connectionmanager {
 
 struct Link {
     int index = 0;
     std::string name;
     bool up = false;       // administratively
-    bool running = false;  // has a carrier, or whatever stands for it
+    bool running = false;  // has a carrier, or its equivalent
 
     bool operator==(const Link& other) const
     {
@@ -42,7 +42,7 @@ struct DefaultRoute {
 /// Each in the kernel's order.
 struct Snapshot {
     std::vector<Link> links;
-    std::vector<Address> addresses;           // that others can reach
+    std::vector<Address> addresses;           // with a scope beyond the link
     std::vector<DefaultRoute> defaultRoutes;  // of the main table
 
     bool operator==(const Snapshot& other) const
@@ -51,6 +51,6 @@ struct Snapshot {
     }
 };
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

@@ -9,11 +9,11 @@
 
 #include <array>
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
-// The attributes of one message, by their type; null where there is none, or one too short.
+// The attributes of one message, by their type; null where there is none.
 template <std::size_t size>
 using Attributes = std::array<const nlattr*, size>;
 
@@ -26,7 +26,7 @@ Attributes<size> attributesOf(const nlmsghdr& message, unsigned headerSize)
         if (type < size) (*static_cast<Attributes<size>*>(data))[type] = attribute;
         return MNL_CB_OK;
     };
-    // Up to the message's end, not up to where the next one would begin.
+    // Up to the message's end, without the padding before the next one.
     const std::size_t begin = MNL_ALIGN(headerSize);
     const std::size_t length = mnl_nlmsg_get_payload_len(&message);
     if (length > begin) {
@@ -132,4 +132,4 @@ bool mayChangeSnapshot(const nlmsghdr& message)
     }
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// From rtnetlink messages to plain values. No system call.
-#ifndef CONMAN_SNAPSHOTPARSER_H
-#define CONMAN_SNAPSHOTPARSER_H
+// Converts rtnetlink messages to plain values. No system call.
+#ifndef CONNECTIONMANAGER_SNAPSHOTPARSER_H
+#define CONNECTIONMANAGER_SNAPSHOTPARSER_H
 
 #include <linux/netlink.h>
 
 #include "Snapshot.h"
 
-namespace conman {
+namespace connectionmanager {
 
-/// Enters what a message of a dump says. Malformed ones, and what is of no interest, leave the snapshot alone.
+/// Adds the content of a message of a dump. Malformed and irrelevant messages leave the snapshot unchanged.
 void addToSnapshot(const nlmsghdr& message, Snapshot& snapshot);
 
-/// An event after which the snapshot may be another.
+/// Whether the message is an event that can change a snapshot.
 bool mayChangeSnapshot(const nlmsghdr& message);
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

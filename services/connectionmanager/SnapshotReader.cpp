@@ -10,14 +10,14 @@
 #include "handles/UniqueFd.h"
 #include "netlink/NetlinkAnswer.h"
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
 using wfoal::NetlinkDatagram;
 using wfoal::receiveAnswer;
 
-// A dump during which the kernel's tables changed is not consistent, and is asked for again.
+// A dump during which the kernel's tables changed is not consistent; it is retried.
 constexpr int attemptsAtMost = 10;
 
 // 0 or an errno value.
@@ -64,4 +64,4 @@ std::optional<Snapshot> readSnapshot()
     return std::nullopt;
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reads a snapshot from the kernel, whole each time. State kept up to date from events would go stale: routes that go
-// with their link are not announced.
-#ifndef CONMAN_SNAPSHOTREADER_H
-#define CONMAN_SNAPSHOTREADER_H
+// Reads a complete snapshot from the kernel. A state that is only updated by events would go stale: the kernel sends no
+// event for routes that are removed with their link.
+#ifndef CONNECTIONMANAGER_SNAPSHOTREADER_H
+#define CONNECTIONMANAGER_SNAPSHOTREADER_H
 
 #include <optional>
 
 #include "Snapshot.h"
 
-namespace conman {
+namespace connectionmanager {
 
-/// Nothing, with `errno` set, when the kernel cannot be read. Takes well under a millisecond, or some milliseconds for
-/// ten thousand routes.
+/// None, with `errno` set, after a failure. Takes well under a millisecond, or some milliseconds for ten thousand
+/// routes.
 std::optional<Snapshot> readSnapshot();
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

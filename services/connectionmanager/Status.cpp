@@ -6,7 +6,7 @@
 #include "Decisions/InterfaceNames.h"
 #include "handles/Json.h"
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
@@ -30,10 +30,10 @@ bool reachesInternet(const DefaultRoute* route, Connectivity connectivity)
 {
     if (route == nullptr) return false;
     switch (connectivity) {
-    case Connectivity::NoManager:
+    case Connectivity::NotRunning:
     case Connectivity::Unknown:
     case Connectivity::Full: return true;
-    case Connectivity::Nothing:
+    case Connectivity::None:
     case Connectivity::Portal:
     case Connectivity::Limited: break;
     }
@@ -98,4 +98,4 @@ std::string refusalToJson(const std::string& reason)
     return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
 }
 
-}  // namespace conman
+}  // namespace connectionmanager

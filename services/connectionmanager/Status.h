@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection manager's answer: a pure function of what kernel and NetworkManager say.
-#ifndef CONMAN_STATUS_H
-#define CONMAN_STATUS_H
+// The connection manager's answer, computed from a snapshot and NetworkManager's connectivity alone.
+#ifndef CONNECTIONMANAGER_STATUS_H
+#define CONNECTIONMANAGER_STATUS_H
 
 #include <string>
 
 #include "Snapshot.h"
 
-namespace conman {
+namespace connectionmanager {
 
-/// NetworkManager's verdict on the device's way to the internet, in its own numbers; None when it does not run.
-enum class Connectivity : unsigned { Unknown = 0, Nothing = 1, Portal = 2, Limited = 3, Full = 4, NoManager = 1000 };
+/// The result of NetworkManager's connectivity check, in its own numbers. NotRunning: there is no NetworkManager.
+enum class Connectivity : unsigned { Unknown = 0, None = 1, Portal = 2, Limited = 3, Full = 4, NotRunning = 1000 };
 
 struct Section {
     bool connected = false;
@@ -33,15 +33,15 @@ struct Status {
     bool operator==(const Status& other) const { return wifi == other.wifi && wan == other.wan; }
 };
 
-/// Of several connected interfaces of a class the one with the best default route stands for it, else the first.
+/// Of several connected interfaces of a class, the one with the best default route counts; without one, the first.
 Status judge(const Snapshot& snapshot, Connectivity connectivity);
 
 /// The payload of replies and pushes.
 std::string toJson(const Status& status);
 
-/// The reply to a request that cannot be read.
+/// The reply to a request that is refused.
 std::string refusalToJson(const std::string& reason);
 
-}  // namespace conman
+}  // namespace connectionmanager
 
 #endif

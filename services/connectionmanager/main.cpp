@@ -8,8 +8,8 @@
 
 int main()
 {
-    ServiceLoop loop;
-    conman::ConnectionManager manager;
+    services::ServiceLoop loop;
+    connectionmanager::ConnectionManager manager;
     if (!manager.start(loop.get())) return EXIT_FAILURE;
     loop.run();
     return EXIT_SUCCESS;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The main loop of a service: it runs until SIGTERM or SIGINT. systemd, where it asks for it, is told that the service
-// is ready, and then that the loop still turns.
-#ifndef SERVICELOOP_H
-#define SERVICELOOP_H
+// The main loop of a service: it runs until SIGTERM or SIGINT. Where systemd asks for it, the loop notifies it that the
+// service is ready, and then feeds its watchdog.
+#ifndef SERVICES_SERVICELOOP_H
+#define SERVICES_SERVICELOOP_H
 
 #include <glib-unix.h>
 #include <glib.h>
@@ -14,6 +14,8 @@
 
 #include "handles/Glib.h"
 
+namespace services {
+
 class ServiceLoop {
 public:
     ServiceLoop() : mContext(g_main_context_new()), mLoop(g_main_loop_new(mContext.get(), FALSE))
@@ -23,7 +25,7 @@ public:
     }
 
     GMainLoop* get() const { return mLoop.get(); }
-    /// Call it when the service can be reached.
+    /// To be called when the service is reachable.
     void run()
     {
         feedWatchdog();
@@ -59,5 +61,7 @@ private:
     GMainContextPtr mContext;
     GMainLoopPtr mLoop;
 };
+
+}  // namespace services
 
 #endif

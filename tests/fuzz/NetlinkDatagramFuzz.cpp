@@ -9,10 +9,10 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
 {
     wfoal::NetlinkDatagram datagram(size);
     if (!datagram.assign(data, size)) return 0;
-    conman::Snapshot snapshot;
+    connectionmanager::Snapshot snapshot;
     while (const nlmsghdr* message = datagram.next()) {
-        conman::mayChangeSnapshot(*message);
-        conman::addToSnapshot(*message, snapshot);
+        connectionmanager::mayChangeSnapshot(*message);
+        connectionmanager::addToSnapshot(*message, snapshot);
         if (message->nlmsg_type == NLMSG_ERROR) wfoal::errorOf(*message);
     }
     return 0;

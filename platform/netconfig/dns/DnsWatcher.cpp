@@ -113,14 +113,10 @@ void DnsWatcher::run()
 void DnsWatcher::listen()
 {
     ResolvedManager manager(openSystemBus(mStop.get()));
-    const std::string argument = std::string("arg0='") + resolvedName + "'";
-    const hostbus::SignalMatch match(
-        manager.bus(), hostbus::nameOwnerChanged(argument), [this](sd_bus_message* signal) {
-            const char* unused = nullptr;
-            const char* owner = nullptr;
-            const bool isRead = sd_bus_message_read(signal, "sss", &unused, &unused, &owner) > 0;
-            if (isRead && *owner != '\0') mDue = Clock::now();
-        });
+    const systembus::SignalMatch match(manager.bus(), systembus::ownerChangesOf(resolvedName),
+                                       systembus::onOwnerChange([this](const std::string&, const std::string& owner) {
+                                           if (!owner.empty()) mDue = Clock::now();
+                                       }));
     if (match.result() < 0) throw systemError("ipv4.dns", "match", -match.result());
     // It may have restarted while no one listened. Where it has not, another program may have removed the settings
     // by now, which is not to be undone.

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "RequestError.h"
+#include "SignalMatch.h"
 
 namespace vknetconfig {
 
@@ -64,11 +65,27 @@ private:
     sd_bus_error mError{};
 };
 
+// The reply to a call; null when the link, or the service, is not there.
+template <class Call>
+SdBusMessagePtr replyUnlessAbsent(const char* what, Call call)
+{
+    BusError error;
+    SdBusMessagePtr reply;
+    const int result = obtain(reply, [&](sd_bus_message** received) { return call(error.out(), received); });
+    if (result < 0 && !error.isAbsence()) error.fail(what, result);
+    return reply;
+}
+
 SdBusMessagePtr newCall(sd_bus* bus, const char* method)
 {
-    sd_bus_message* call = nullptr;
-    check(sd_bus_message_new_method_call(bus, &call, resolvedName, managerPath, managerInterface, method), method);
-    return SdBusMessagePtr(call);
+    SdBusMessagePtr call;
+    check(obtain(call,
+                 [&](sd_bus_message** made) {
+                     return sd_bus_message_new_method_call(bus, made, resolvedName, managerPath, managerInterface,
+                                                           method);
+                 }),
+          method);
+    return call;
 }
 
 void send(sd_bus* bus, const SdBusMessagePtr& call, const char* what)
@@ -172,14 +189,11 @@ template <class Value>
 bool readProperty(sd_bus* bus, const char* path, const char* name, const char* type, Value (*read)(sd_bus_message*),
                   Value& value)
 {
-    BusError error;
-    sd_bus_message* reply = nullptr;
-    const int result = sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error.out(), &reply, type);
-    const SdBusMessagePtr owned(reply);
-    if (result < 0 && error.isAbsence()) return false;
-    if (result < 0) error.fail(name, result);
-    value = read(reply);
-    return true;
+    const SdBusMessagePtr reply = replyUnlessAbsent(name, [&](sd_bus_error* error, sd_bus_message** received) {
+        return sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error, received, type);
+    });
+    if (reply) value = read(reply.get());
+    return reply != nullptr;
 }
 
 }  // namespace
@@ -211,10 +225,8 @@ bool waitForEvents(sd_bus* bus, int stop, std::chrono::steady_clock::time_point 
 
 SdBusPtr openSystemBus(int stop)
 {
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_system(&opened);
-    SdBusPtr bus(opened);
-    check(result, "system bus");
+    SdBusPtr bus;
+    check(obtain(bus, sd_bus_open_system), "system bus");
     const auto limit = std::chrono::duration_cast<std::chrono::microseconds>(longestWait).count();
     check(sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(limit)), "system bus");
     // A call would wait for a silent bus as long as the bus pleases.
@@ -237,12 +249,13 @@ bool ResolvedManager::answers()
 
 std::string ResolvedManager::owner()
 {
-    sd_bus_message* answer = nullptr;
-    const int result = sd_bus_call_method(mBus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                          "org.freedesktop.DBus", "GetNameOwner", nullptr, &answer, "s", resolvedName);
-    const SdBusMessagePtr owned(answer);
+    SdBusMessagePtr answer;
+    const int result = obtain(answer, [&](sd_bus_message** received) {
+        return sd_bus_call_method(mBus.get(), systembus::daemonName, systembus::daemonPath, systembus::daemonName,
+                                  "GetNameOwner", nullptr, received, "s", resolvedName);
+    });
     const char* name = nullptr;
-    if (result < 0 || sd_bus_message_read(answer, "s", &name) < 0) return {};
+    if (result < 0 || sd_bus_message_read(answer.get(), "s", &name) < 0) return {};
     // A bus that restarted gives the same names once more, but has another id.
     sd_id128_t id{};
     check(sd_bus_get_bus_id(mBus.get(), &id), "system bus");
@@ -253,15 +266,13 @@ std::string ResolvedManager::owner()
 // Empty when the link, or the service, is not there.
 std::string ResolvedManager::pathOf(int index)
 {
-    BusError error;
-    sd_bus_message* reply = nullptr;
-    const int result = sd_bus_call_method(mBus.get(), resolvedName, managerPath, managerInterface, "GetLink",
-                                          error.out(), &reply, "i", index);
-    const SdBusMessagePtr owned(reply);
-    if (result < 0 && error.isAbsence()) return {};
-    if (result < 0) error.fail("GetLink", result);
+    const SdBusMessagePtr reply = replyUnlessAbsent("GetLink", [&](sd_bus_error* error, sd_bus_message** received) {
+        return sd_bus_call_method(mBus.get(), resolvedName, managerPath, managerInterface, "GetLink", error, received,
+                                  "i", index);
+    });
+    if (!reply) return {};
     const char* path = nullptr;
-    check(sd_bus_message_read(reply, "o", &path), "GetLink");
+    check(sd_bus_message_read(reply.get(), "o", &path), "GetLink");
     return path;
 }
 

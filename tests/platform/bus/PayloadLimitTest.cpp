@@ -27,7 +27,7 @@ std::string payloadOf(std::size_t size)
 }
 
 /// A service that answers each call with `reply` and then pushes `push`.
-class ForeignService final : private hostbus::BusListener {
+class ForeignService final : private systembus::BusListener {
 public:
     ForeignService(std::string reply, std::string push) : mReply(std::move(reply)), mPush(std::move(push))
     {
@@ -69,8 +69,8 @@ private:
     const std::string mPush;
     LoopThread mThread;
     SdBusSlotPtr mSlot;
-    std::shared_ptr<hostbus::BusConnection> mBus =
-        std::shared_ptr<hostbus::BusConnection>(new hostbus::BusConnection(*this));
+    std::shared_ptr<systembus::BusConnection> mBus =
+        std::shared_ptr<systembus::BusConnection>(new systembus::BusConnection(*this));
 };
 
 class PayloadLimitTest : public QuorServiceTest {};

@@ -97,7 +97,7 @@ TEST_F(TakenNameTest, ServiceWaitsUntilTheNameIsFree)
                                               "com.example.service connected"));
     EXPECT_EQ(R"({"a":1})", answerOf(client, "echo"));
     EXPECT_EQ(
-        "quorservice[4]: the name com.example.service belongs to somebody else since the bus came back; waiting for "
+        "quorservice[4]: the name com.example.service is owned by another program since the bus restarted; waiting for "
         "it\n"
         "quorservice[6]: the name com.example.service is owned again\n",
         log.take());
@@ -135,8 +135,8 @@ TEST_F(TakenNameTest, RefusedNameIsAskedForWithPauses)
     EXPECT_LE(newestConnection() - before, 3);
     EXPECT_TRUE(QSUnregister(handle, nullptr));
     EXPECT_EQ(
-        "quorservice[4]: the name com.example.unknown is refused since the bus came back: Permission denied; "
-        "asking again\n",
+        "quorservice[4]: the name com.example.unknown is refused since the bus restarted: Permission denied; "
+        "retrying\n",
         log.take());
 }
 

@@ -21,7 +21,7 @@
 
 namespace testsupport {
 
-class FakeLogind final : private hostbus::BusListener {
+class FakeLogind final : private systembus::BusListener {
 public:
     FakeLogind()
     {
@@ -116,8 +116,8 @@ private:
     std::atomic<bool> mPreparing{false};
     UniqueFd mReadEnd;
     SdBusSlotPtr mSlot;
-    std::shared_ptr<hostbus::BusConnection> mBus =
-        std::shared_ptr<hostbus::BusConnection>(new hostbus::BusConnection(*this));
+    std::shared_ptr<systembus::BusConnection> mBus =
+        std::shared_ptr<systembus::BusConnection>(new systembus::BusConnection(*this));
 };
 
 }  // namespace testsupport

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
@@ -58,4 +58,4 @@ TEST(DebounceTest, TwentyChangesInASecondGiveTwoLooksAtMost)
 
 }  // namespace
 
-}  // namespace conman
+}  // namespace connectionmanager

@@ -25,7 +25,7 @@ using testsupport::runCommand;
 constexpr char managerName[] = "org.freedesktop.NetworkManager";
 constexpr char managerPath[] = "/org/freedesktop/NetworkManager";
 
-class PortalNetworkManager final : private hostbus::BusListener {
+class PortalNetworkManager final : private systembus::BusListener {
 public:
     PortalNetworkManager()
     {
@@ -74,8 +74,8 @@ private:
     LoopThread mThread;
     std::atomic<int> mQuestions{0};
     SdBusSlotPtr mSlot;
-    std::shared_ptr<hostbus::BusConnection> mBus =
-        std::shared_ptr<hostbus::BusConnection>(new hostbus::BusConnection(*this));
+    std::shared_ptr<systembus::BusConnection> mBus =
+        std::shared_ptr<systembus::BusConnection>(new systembus::BusConnection(*this));
 };
 
 constexpr char portal[] = R"(\"wifi\":{\"state\":\"connected\",\"onInternet\":\"no\")";

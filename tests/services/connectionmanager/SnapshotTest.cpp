@@ -23,7 +23,7 @@
 #include "SnapshotParser.h"
 #include "SnapshotReader.h"
 
-namespace conman {
+namespace connectionmanager {
 
 namespace {
 
@@ -254,4 +254,4 @@ TEST_F(KernelTest, WhatAnotherProcessSendsIsNoEvent)
 
 }  // namespace
 
-}  // namespace conman
+}  // namespace connectionmanager

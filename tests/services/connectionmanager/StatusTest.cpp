@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace conman {
+namespace connectionmanager {
 
 std::ostream& operator<<(std::ostream& stream, const Status& status)
 {
@@ -26,27 +26,27 @@ Snapshot both()
 
 TEST(StatusTest, EmptySnapshotIsDisconnected)
 {
-    EXPECT_EQ((Status{nothing, nothing}), judge({}, Connectivity::NoManager));
+    EXPECT_EQ((Status{nothing, nothing}), judge({}, Connectivity::NotRunning));
 }
 
 TEST(StatusTest, ConnectedLinksAreReportedInTheirSections)
 {
     const Status expected{{true, true, "eth0", "10.0.0.2"}, {true, true, "wwan0", "10.1.0.2"}};
-    EXPECT_EQ(expected, judge(both(), Connectivity::NoManager));
+    EXPECT_EQ(expected, judge(both(), Connectivity::NotRunning));
 }
 
 TEST(StatusTest, LinkThatIsDownHasNoCarrierOrNoAddressIsDisconnected)
 {
     Snapshot down = both();
     down.links[0].up = false;
-    EXPECT_EQ(nothing, judge(down, Connectivity::NoManager).wifi);
+    EXPECT_EQ(nothing, judge(down, Connectivity::NotRunning).wifi);
     Snapshot unplugged = both();
     unplugged.links[0].running = false;
-    EXPECT_EQ(nothing, judge(unplugged, Connectivity::NoManager).wifi);
+    EXPECT_EQ(nothing, judge(unplugged, Connectivity::NotRunning).wifi);
     Snapshot unnumbered = both();
     unnumbered.addresses.erase(unnumbered.addresses.begin());
-    EXPECT_EQ(nothing, judge(unnumbered, Connectivity::NoManager).wifi);
-    EXPECT_TRUE(judge(unnumbered, Connectivity::NoManager).wan.connected);
+    EXPECT_EQ(nothing, judge(unnumbered, Connectivity::NotRunning).wifi);
+    EXPECT_TRUE(judge(unnumbered, Connectivity::NotRunning).wan.connected);
 }
 
 TEST(StatusTest, WithoutADefaultRouteThereIsNoInternet)
@@ -54,12 +54,12 @@ TEST(StatusTest, WithoutADefaultRouteThereIsNoInternet)
     Snapshot snapshot = both();
     snapshot.defaultRoutes.pop_back();
     const Status expected{{true, true, "eth0", "10.0.0.2"}, {true, false, "wwan0", "10.1.0.2"}};
-    EXPECT_EQ(expected, judge(snapshot, Connectivity::NoManager));
+    EXPECT_EQ(expected, judge(snapshot, Connectivity::NotRunning));
 }
 
 TEST(StatusTest, NetworkManagersVerdictDecidesOverTheRoute)
 {
-    for (const Connectivity no : {Connectivity::Nothing, Connectivity::Portal, Connectivity::Limited}) {
+    for (const Connectivity no : {Connectivity::None, Connectivity::Portal, Connectivity::Limited}) {
         EXPECT_FALSE(judge(both(), no).wifi.onInternet);
         EXPECT_TRUE(judge(both(), no).wifi.connected);
     }
@@ -75,7 +75,7 @@ TEST(StatusTest, OtherInterfacesDoNotCount)
     Snapshot snapshot{{{2, "wlan0", true, true}, {3, "usb0", true, true}, {4, "norvatun0", true, true}},
                       {{2, "10.0.0.2"}, {3, "10.0.1.2"}, {4, "10.0.2.2"}},
                       {{2, 0}, {3, 0}, {4, 0}}};
-    EXPECT_EQ((Status{nothing, nothing}), judge(snapshot, Connectivity::NoManager));
+    EXPECT_EQ((Status{nothing, nothing}), judge(snapshot, Connectivity::NotRunning));
 }
 
 TEST(StatusTest, BestDefaultRouteChoosesAmongSeveral)
@@ -83,9 +83,9 @@ TEST(StatusTest, BestDefaultRouteChoosesAmongSeveral)
     Snapshot snapshot{{{2, "eth0", true, true}, {3, "eth1", true, true}, {4, "eth2", true, true}},
                       {{2, "10.0.0.2"}, {3, "10.0.1.2"}, {4, "10.0.2.2"}},
                       {{3, 200}, {4, 100}, {4, 900}}};
-    EXPECT_EQ("eth2", judge(snapshot, Connectivity::NoManager).wifi.interfaceName);
+    EXPECT_EQ("eth2", judge(snapshot, Connectivity::NotRunning).wifi.interfaceName);
     snapshot.defaultRoutes.clear();
-    EXPECT_EQ("eth0", judge(snapshot, Connectivity::NoManager).wifi.interfaceName);
+    EXPECT_EQ("eth0", judge(snapshot, Connectivity::NotRunning).wifi.interfaceName);
 }
 
 TEST(StatusTest, JsonHoldsNamesOnlyOfWhatIsConnected)
@@ -97,4 +97,4 @@ TEST(StatusTest, JsonHoldsNamesOnlyOfWhatIsConnected)
 
 }  // namespace
 
-}  // namespace conman
+}  // namespace connectionmanager

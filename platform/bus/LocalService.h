@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a service offers: categories with methods, and its subscribers. Used on the loop's thread.
-#ifndef QUOR_SERVICESIDE_H
-#define QUOR_SERVICESIDE_H
+// The service of this process: its categories with their methods, and its subscribers. Used on the loop's thread.
+#ifndef QUOR_LOCALSERVICE_H
+#define QUOR_LOCALSERVICE_H
 
 #include <cstdint>
 #include <deque>
@@ -16,26 +16,26 @@
 
 namespace quor {
 
-class ServiceSide {
+class LocalService {
 public:
-    ServiceSide(QSHandle* handle, hostbus::BusConnection& connection) : mHandle(handle), mConnection(connection) {}
-    ServiceSide(const ServiceSide&) = delete;
-    ServiceSide& operator=(const ServiceSide&) = delete;
+    LocalService(QSHandle* handle, systembus::BusConnection& connection) : mHandle(handle), mConnection(connection) {}
+    LocalService(const LocalService&) = delete;
+    LocalService& operator=(const LocalService&) = delete;
 
     void addCategory(const std::string& path, const QSMethod* methods);
-    /// 0, or a negative errno value: -EALREADY for a request that has its answer.
+    /// 0, or a negative errno value: -EALREADY for a request that was answered before.
     int reply(QSMessage& request, const char* payload);
-    /// The failure, of which the request's sender is told as well when the method gives up.
+    /// The failure also becomes part of the error reply when the method then refuses the request.
     Failure subscribe(const std::string& key, QSMessage& request);
     void push(const std::string& key, const std::string& payload);
 
-    /// Offers everything again on a new bus object.
+    /// Offers all categories on a new bus object.
     void onBusConnected(sd_bus* bus);
     void onBusLost();
 
 private:
     struct Category {
-        ServiceSide* side;
+        LocalService* service;
         std::string path;
         const QSMethod* methods;
         std::vector<sd_bus_vtable> table;
@@ -48,7 +48,7 @@ private:
     void pushTo(const Subscriber& subscriber, const std::string& payload);
 
     QSHandle* const mHandle;
-    hostbus::BusConnection& mConnection;
+    systembus::BusConnection& mConnection;
     std::deque<Category> mCategories;  // elements do not move
     Subscribers mSubscribers;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ServiceSide.h"
+#include "LocalService.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +11,7 @@ namespace quor {
 
 namespace {
 
-// The table's own macros need designated initialisers. A value-initialised entry is all zeros, as they ask for.
+// The macros of sd-bus need designated initialisers. They expect all other fields to be zero.
 sd_bus_vtable tableStart()
 {
     sd_bus_vtable entry{};
@@ -22,7 +22,7 @@ sd_bus_vtable tableStart()
     return entry;
 }
 
-// The bus's policy files say who may call; the library itself lets everybody.
+// The bus's policy files say who may call. The library itself allows everybody.
 sd_bus_vtable tableMethod(const char* name, sd_bus_message_handler_t handler)
 {
     sd_bus_vtable entry{};
@@ -56,10 +56,10 @@ QSMethodCallback findMethod(const QSMethod* methods, const char* name)
 
 }  // namespace
 
-void ServiceSide::addCategory(const std::string& path, const QSMethod* methods)
+void LocalService::addCategory(const std::string& path, const QSMethod* methods)
 {
     Category& category = mCategories.emplace_back();
-    category.side = this;
+    category.service = this;
     category.path = path;
     category.methods = methods;
     category.table.push_back(tableStart());
@@ -71,35 +71,34 @@ void ServiceSide::addCategory(const std::string& path, const QSMethod* methods)
     if (mConnection.bus() != nullptr) offer(category, mConnection.bus());
 }
 
-void ServiceSide::offer(Category& category, sd_bus* bus)
+void LocalService::offer(Category& category, sd_bus* bus)
 {
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_object_vtable(bus, &slot, category.path.c_str(), jsonInterface, category.table.data(), &category) >=
-        0) {
-        category.slot.reset(slot);
-    }
+    obtain(category.slot, [&](sd_bus_slot** slot) {
+        return sd_bus_add_object_vtable(bus, slot, category.path.c_str(), jsonInterface, category.table.data(),
+                                        &category);
+    });
 }
 
-void ServiceSide::onBusConnected(sd_bus* bus)
+void LocalService::onBusConnected(sd_bus* bus)
 {
     for (Category& category : mCategories)
         offer(category, bus);
 }
 
-void ServiceSide::onBusLost()
+void LocalService::onBusLost()
 {
     for (Category& category : mCategories)
         category.slot.reset();
     mSubscribers.clear();
 }
 
-int ServiceSide::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
+int LocalService::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
 {
     const auto& target = *static_cast<const Category*>(category);
-    return target.side->answer(target, message, error);
+    return target.service->answer(target, message, error);
 }
 
-int ServiceSide::answer(const Category& category, sd_bus_message* message, sd_bus_error* error)
+int LocalService::answer(const Category& category, sd_bus_message* message, sd_bus_error* error)
 {
     QSMessage request;
     std::uint64_t serial = 0;
@@ -119,7 +118,7 @@ int ServiceSide::answer(const Category& category, sd_bus_message* message, sd_bu
     return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, reason.c_str());
 }
 
-int ServiceSide::reply(QSMessage& request, const char* payload)
+int LocalService::reply(QSMessage& request, const char* payload)
 {
     if (request.request == nullptr) return -EINVAL;
     if (request.answered) return -EALREADY;
@@ -128,7 +127,7 @@ int ServiceSide::reply(QSMessage& request, const char* payload)
     return std::min(result, 0);
 }
 
-Failure ServiceSide::subscribe(const std::string& key, QSMessage& request)
+Failure LocalService::subscribe(const std::string& key, QSMessage& request)
 {
     if (request.request == nullptr) return QUOR_FAILURE(-EINVAL, "the message is no request");
     Failure failure = mSubscribers.add(key, request.request);
@@ -136,22 +135,23 @@ Failure ServiceSide::subscribe(const std::string& key, QSMessage& request)
     return failure;
 }
 
-void ServiceSide::push(const std::string& key, const std::string& payload)
+void LocalService::push(const std::string& key, const std::string& payload)
 {
     if (mConnection.bus() == nullptr) return;
     for (const Subscriber& subscriber : mSubscribers.of(key))
         pushTo(subscriber, payload);
 }
 
-void ServiceSide::pushTo(const Subscriber& subscriber, const std::string& payload)
+void LocalService::pushTo(const Subscriber& subscriber, const std::string& payload)
 {
-    sd_bus_message* message = nullptr;
-    int result =
-        sd_bus_message_new_signal(mConnection.bus(), &message, subscriber.path.c_str(), jsonInterface, pushSignal);
-    const SdBusMessagePtr push(message);
-    if (result >= 0) result = sd_bus_message_append(message, "us", subscriber.serial, payload.c_str());
-    // A subscriber that cannot be reached has left, of which the bus tells.
-    if (result >= 0) sd_bus_send_to(mConnection.bus(), message, subscriber.peer.c_str(), nullptr);
+    SdBusMessagePtr push;
+    int result = obtain(push, [&](sd_bus_message** message) {
+        return sd_bus_message_new_signal(mConnection.bus(), message, subscriber.path.c_str(), jsonInterface,
+                                         pushSignal);
+    });
+    if (result >= 0) result = sd_bus_message_append(push.get(), "us", subscriber.serial, payload.c_str());
+    // A subscriber that cannot be reached has left; the bus sends a signal about that.
+    if (result >= 0) sd_bus_send_to(mConnection.bus(), push.get(), subscriber.peer.c_str(), nullptr);
 }
 
 }  // namespace quor
