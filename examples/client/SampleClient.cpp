@@ -18,6 +18,7 @@ struct Options {
 int connect(vpnoalctl::Context& context, const Options& options)
 {
     const vpnoalctl::Profile profile = vpnoalctl::loadProfile(options.profile);
+    vpnoalctl::tunnelToMake(profile, options.profile);
     const sampleclient::GatewaySettings gateway = sampleclient::loadGateway(options.gateway);
     return sampleclient::Agent(context, profile, gateway, options.agent).run();
 }

@@ -78,7 +78,8 @@ UniqueFd listenOn(in_port_t port)
 // The client's tunnel, seen from the other end.
 TunnelSettings mirrored(TunnelSettings tunnel)
 {
-    std::swap(tunnel.address.address, tunnel.peer);
+    if (!tunnel.peer) throw badInput("tunnel.peer", "missing: the gateway has this address");
+    std::swap(tunnel.address.address, *tunnel.peer);
     return tunnel;
 }
 
@@ -88,7 +89,7 @@ public:
         : mContext(serverContext(files)), mListener(listenOn(port))
     {
         if (!withDevice) return;
-        mDevice = std::make_unique<TunDevice>(mirrored(profile.tunnel));
+        mDevice = std::make_unique<TunDevice>(mirrored(profile.tunnel.value()));
         mCarrier = std::make_unique<PacketCarrier>(mDevice->descriptor());
     }
 
@@ -187,6 +188,7 @@ int serve(int argc, char** argv)
         throw badInput("usage", "samplegateway PROFILE GATEWAY CERTIFICATE KEY CLIENT-AUTHORITY [--no-device]");
     }
     const Profile profile = loadProfile(argv[1]);
+    tunnelToMake(profile, argv[1]);
     const in_port_t port = sampleclient::loadGateway(argv[2]).port;
     Gateway(profile, port, {argv[3], argv[4], argv[5]}, withDevice).run();
     return ExitOk;

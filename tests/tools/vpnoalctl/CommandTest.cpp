@@ -394,6 +394,56 @@ TEST_F(ApplyCommandTest, DeviceThatCarriesSomethingElseIsLeftAlone)
     EXPECT_THAT(recordedCalls(), ElementsAre());
 }
 
+TEST_F(ApplyCommandTest, DeviceWithAnAddressAndAPrefixOnly)
+{
+    runCommand({"ip", "address", "flush", "dev", "norvatun0"});
+    runCommand({"ip", "address", "add", "10.8.0.2/24", "dev", "norvatun0"});
+    writeFile(profile, R"({"tunnel":{"address":"10.8.0.2/24"},"routes":[{"destination":"10.20.0.0/16"}]})");
+    const CommandResult result = run({"apply", profile, "--json"});
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_THAT(result.output, HasSubstr(R"("address":"10.8.0.2/24","mtu":1500,)"));
+    EXPECT_THAT(result.output, HasSubstr(R"("routes":["10.20.0.0/16"])"));
+    EXPECT_THAT(contentOf(calls), HasSubstr(R"("netmask": "255.255.0.0", "gateway": "0.0.0.0")"));
+}
+
+TEST_F(ApplyCommandTest, ProfileWithoutATunnelTakesTheDevicesOwn)
+{
+    writeFile(profile, R"({"routes":[{"destination":"10.20.0.0/16"}]})");
+    const CommandResult result = run({"apply", profile, "--json"});
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_THAT(result.output, HasSubstr(R"("address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1500,)"));
+    EXPECT_THAT(result.output, HasSubstr(R"("routes":["10.20.0.0/16 via 10.8.0.1"])"));
+}
+
+TEST_F(ApplyCommandTest, GatewayOutOfTheDevicesReach)
+{
+    writeFile(profile, R"({"routes":[{"destination":"10.20.0.0/16","gateway":"10.9.0.1"}]})");
+    const CommandResult result = run({"apply", profile});
+    EXPECT_EQ(2, result.status);
+    EXPECT_THAT(result.output, StartsWith("vpnoalctl: the profile: routes[0].gateway: 10.9.0.1 cannot be reached "));
+    EXPECT_THAT(recordedCalls(), ElementsAre());
+}
+
+TEST_F(ApplyCommandTest, DeviceWithoutAnAddressIsLeftAlone)
+{
+    runCommand({"ip", "address", "flush", "dev", "norvatun0"});
+    writeFile(profile, "{}");
+    const CommandResult result = run({"apply", profile});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output, HasSubstr("norvatun0: it has no IPv4 address; give it one: ip address add "));
+    EXPECT_THAT(recordedCalls(), ElementsAre());
+}
+
+TEST_F(ApplyCommandTest, ConnectNeedsTheTunnelThatApplyDoesNot)
+{
+    writeFile(profile, "{}");
+    const CommandResult result = run({"connect", profile});
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ("vpnoalctl: " + std::string(profile) +
+                  ": tunnel: missing; the device that is made needs an address; nothing was changed\n",
+              result.output);
+}
+
 TEST_F(ApplyCommandTest, DeviceThatIsDownIsLeftAlone)
 {
     runCommand({"ip", "link", "set", "norvatun0", "down"});

@@ -70,9 +70,9 @@ void expectRefusals(const std::vector<Refusal>& refusals)
 TEST(ProfileTest, SmallestProfileHasDefaults)
 {
     const Profile profile = parsed(std::string("{") + tunnel + "}");
-    EXPECT_EQ("10.8.0.2/24", withPrefix(profile.tunnel.address));
-    EXPECT_EQ("10.8.0.1", dotted(profile.tunnel.peer));
-    EXPECT_EQ(1400u, profile.tunnel.mtu);
+    EXPECT_EQ("10.8.0.2/24", withPrefix(profile.tunnel->address));
+    EXPECT_EQ("10.8.0.1", dotted(profile.tunnel->peer.value()));
+    EXPECT_EQ(1400u, profile.tunnel->mtu);
     EXPECT_TRUE(profile.dnsServers.empty() && profile.dnsDomains.empty());
     EXPECT_TRUE(profile.routes.empty() && profile.filter.empty());
 }
@@ -80,15 +80,15 @@ TEST(ProfileTest, SmallestProfileHasDefaults)
 TEST(ProfileTest, NetmaskAndPrefixLengthMeanTheSame)
 {
     const Profile profile = parsed(withTunnel(R"("address":"10.8.0.2/255.255.255.0","peer":"10.8.0.1")"));
-    EXPECT_EQ(24, profile.tunnel.address.prefix);
-    EXPECT_EQ("255.255.255.0", dotted(profile.tunnel.address.mask()));
+    EXPECT_EQ(24, profile.tunnel->address.prefix);
+    EXPECT_EQ("255.255.255.0", dotted(profile.tunnel->address.mask()));
 }
 
 TEST(ProfileTest, AddressAloneIsAHost)
 {
     const Profile profile = parsed(withTunnel(R"("address":"10.8.0.2","peer":"192.0.2.1")"));
-    EXPECT_EQ(32, profile.tunnel.address.prefix);
-    EXPECT_EQ("255.255.255.255", dotted(profile.tunnel.address.mask()));
+    EXPECT_EQ(32, profile.tunnel->address.prefix);
+    EXPECT_EQ("255.255.255.255", dotted(profile.tunnel->address.mask()));
 }
 
 TEST(ProfileTest, RouteGoesToThePeerWhenNothingElseIsSaid)
@@ -101,6 +101,58 @@ TEST(ProfileTest, RouteGoesToThePeerWhenNothingElseIsSaid)
     EXPECT_EQ("0.0.0.0", dotted(profile.routes[1].destination.mask()));
     EXPECT_EQ("10.8.0.9", dotted(profile.routes[1].gateway));
     EXPECT_EQ(4294967295u, profile.routes[1].metric);
+}
+
+TEST(ProfileTest, RouteGoesToTheDeviceWhenThereIsNoPeer)
+{
+    const Profile profile = parsed(
+        R"({"tunnel":{"address":"10.8.0.2/24"},"routes":[{"destination":"10.20.0.0/16"},
+            {"destination":"default","gateway":"10.8.0.9"}]})");
+    EXPECT_FALSE(profile.tunnel->peer.has_value());
+    EXPECT_EQ("0.0.0.0", dotted(profile.routes[0].gateway));
+    EXPECT_EQ("10.8.0.9", dotted(profile.routes[1].gateway));
+    EXPECT_EQ("routes[0].gateway: 10.9.0.9 cannot be reached through the tunnel, whose network is 10.8.0.0/24",
+              errorOf(R"({"tunnel":{"address":"10.8.0.2/24"},
+                          "routes":[{"destination":"10.20.0.0/16","gateway":"10.9.0.9"}]})"));
+}
+
+TEST(ProfileTest, WithoutATunnelTheDeviceSaysWhatIsMissing)
+{
+    const Profile profile =
+        parsed(R"({"routes":[{"destination":"10.20.0.0/16"},{"destination":"10.30.0.0/16","gateway":"10.8.0.9"}]})");
+    EXPECT_FALSE(profile.tunnel.has_value());
+    TunnelSettings device{{*wfoal::parseDottedAddress("10.8.0.2"), 24}, wfoal::parseDottedAddress("10.8.0.1"), 1380};
+    Profile completed = completedFor(device, profile);
+    EXPECT_EQ("10.8.0.1", dotted(completed.routes[0].gateway));
+    EXPECT_EQ("10.8.0.9", dotted(completed.routes[1].gateway));
+    EXPECT_EQ(1380u, completed.tunnel->mtu);
+    device.peer.reset();
+    completed = completedFor(device, profile);
+    EXPECT_EQ("0.0.0.0", dotted(completed.routes[0].gateway));
+    device.address.address = *wfoal::parseDottedAddress("10.9.0.2");
+    try {
+        completedFor(device, profile);
+        ADD_FAILURE() << "the gateway is in reach";
+    } catch (const CommandError& error) {
+        EXPECT_EQ(ExitUsage, error.exitCode());
+        EXPECT_STREQ(
+            "the profile: routes[1].gateway: 10.8.0.9 cannot be reached through the tunnel, whose network is "
+            "10.9.0.0/24; correct the profile; nothing was changed",
+            error.what());
+    }
+}
+
+TEST(ProfileTest, DeviceThatIsMadeNeedsATunnel)
+{
+    EXPECT_EQ("10.8.0.2/24", withPrefix(tunnelToMake(parsed(std::string("{") + tunnel + "}"), "p.json").address));
+    try {
+        tunnelToMake(parsed("{}"), "p.json");
+        ADD_FAILURE() << "there is none";
+    } catch (const CommandError& error) {
+        EXPECT_EQ(ExitUsage, error.exitCode());
+        EXPECT_STREQ("p.json: tunnel: missing; the device that is made needs an address; nothing was changed",
+                     error.what());
+    }
 }
 
 TEST(ProfileTest, RuleWithEverything)
@@ -151,10 +203,9 @@ TEST(ProfileTest, WrongTypesNameTheKey)
 {
     expectRefusals({
         {"[]", "the profile: must be an object"},
-        {"{}", "tunnel: missing"},
         {R"({"tunnel":null})", "tunnel: must be an object"},
         {withTunnel(R"("address":10)"), "tunnel.address: must be a text"},
-        {withTunnel(R"("address":"10.8.0.2/24")"), "tunnel.peer: missing"},
+        {withTunnel(R"("peer":"10.8.0.1")"), "tunnel.address: missing"},
         {withTunnel(R"("address":"10.8.0.2/24","peer":"10.8.0.1","mtu":"1400")"),
          "tunnel.mtu: must be a whole number from 68 to 65535"},
         {with(R"("routes":{})"), "routes: must be an array"},

@@ -40,19 +40,16 @@ void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals
 
 int applyProfile(Context& context, const std::string& file)
 {
-    const Profile profile = loadProfile(file);
+    const Profile wanted = loadProfile(file);
     Signals signals;
     PluginLibrary& plugin = context.plugin();
-    checkDevice(profile.tunnel);
+    const Profile profile = completedFor(usedDevice(wanted.tunnel), wanted);
     // Static, because the system object that calls it is never disposed of.
     static auto* const callbacks = new StderrCallbacks(context.settings.verbosity > 0);
     auto& system = plugin.createKept<KEST_SystemPlugin>();
     system.SetSystemPluginCB(callbacks);
     bringUpOrRestore(system, profile, signals);
-    // The MTU of an existing device is not changed, so show the real one.
-    Profile applied = profile;
-    applied.tunnel.mtu = deviceMtu();
-    printSummary(context.output, applied, "applied");
+    printSummary(context.output, profile, "applied");
     context.output.line("It stays installed; 'vpnoalctl restore' removes it.", Style::Faint);
     return ExitOk;
 }

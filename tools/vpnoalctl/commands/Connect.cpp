@@ -41,6 +41,7 @@ int waitUntilEnd(Signals& signals, HeldTunnel& tunnel)
 int connect(Context& context, const Options& options)
 {
     const Profile profile = loadProfile(options.profile);
+    tunnelToMake(profile, options.profile);
     Signals signals;
     PluginLibrary& plugin = context.plugin();
     StderrCallbacks callbacks(context.settings.verbosity > 0);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <tuple>
 
+#include "CommandError.h"
 #include "json/JsonError.h"
 #include "profile/ProfileFile.h"
 #include "profile/Values.h"
@@ -56,14 +57,14 @@ constexpr JsonField<TunnelSettings> tunnelKeys[] = {
          tunnel.address = require(value, wfoal::parseNetwork(value.text()));
          requireHost(value, tunnel.address.address);
      }},
-    {"peer", true, [](const JsonValue& value, TunnelSettings& tunnel) { tunnel.peer = hostAddressOf(value); }},
+    {"peer", false, [](const JsonValue& value, TunnelSettings& tunnel) { tunnel.peer = hostAddressOf(value); }},
     {"mtu", false,
      [](const JsonValue& value, TunnelSettings& tunnel) {
          tunnel.mtu = static_cast<unsigned int>(value.wholeNumber(68, 65535));
      }},
 };
 
-// A gateway of 0.0.0.0 means that none was given. Then the peer is the gateway.
+// A gateway of 0.0.0.0 means that none was given. Then it is the peer, where there is one.
 constexpr JsonField<ProfileRoute> routeKeys[] = {
     {"destination", true,
      [](const JsonValue& value, ProfileRoute& route) {
@@ -118,7 +119,8 @@ void readList(const JsonValue& value, const JsonField<Record> (&keys)[count], st
 }
 
 constexpr JsonField<Profile> profileKeys[] = {
-    {"tunnel", true, [](const JsonValue& value, Profile& profile) { value.readObject(tunnelKeys, profile.tunnel); }},
+    {"tunnel", false,
+     [](const JsonValue& value, Profile& profile) { value.readObject(tunnelKeys, profile.tunnel.emplace()); }},
     {"dns", false, [](const JsonValue& value, Profile& profile) { value.readObject(dnsKeys, profile); }},
     {"routes", false, [](const JsonValue& value, Profile& profile) { readList(value, routeKeys, profile.routes); }},
     {"filter", false, [](const JsonValue& value, Profile& profile) { readList(value, ruleKeys, profile.filter); }},
@@ -127,14 +129,15 @@ constexpr JsonField<Profile> profileKeys[] = {
 void checkTunnel(const TunnelSettings& tunnel)
 {
     if (tunnel.peer == tunnel.address.address) {
-        throw JsonError("tunnel.peer", dotted(tunnel.peer) + " is the tunnel's own address");
+        throw JsonError("tunnel.peer", dotted(*tunnel.peer) + " is the tunnel's own address");
     }
     if (tunnel.address.prefix == 0) throw JsonError("tunnel.address", "a prefix of 0 would cover every address");
 }
 
 void completeRoute(ProfileRoute& route, std::size_t index, const TunnelSettings& tunnel)
 {
-    if (route.gateway.bits == 0) route.gateway = tunnel.peer;
+    if (route.gateway.bits == 0) route.gateway = tunnel.peer.value_or(wfoal::Ipv4Address{});
+    if (route.gateway.bits == 0) return;
     const std::string key = fmt::format("routes[{}].gateway", index);
     if (route.gateway == tunnel.address.address) {
         throw JsonError(key, dotted(route.gateway) + " is the tunnel's own address");
@@ -177,11 +180,18 @@ void checkRule(const FilterRule& rule, std::size_t index)
     if (rule.destination.port != 0) refuse("destinationPort", "the protocol \"icmp\" has no ports");
 }
 
+void completeRoutes(Profile& profile)
+{
+    for (std::size_t i = 0; i < profile.routes.size(); ++i)
+        completeRoute(profile.routes[i], i, *profile.tunnel);
+}
+
 void completeAndCheck(Profile& profile)
 {
-    checkTunnel(profile.tunnel);
-    for (std::size_t i = 0; i < profile.routes.size(); ++i)
-        completeRoute(profile.routes[i], i, profile.tunnel);
+    if (profile.tunnel) {
+        checkTunnel(*profile.tunnel);
+        completeRoutes(profile);
+    }
     checkRoutesDiffer(profile.routes);
     for (std::size_t i = 0; i < profile.filter.size(); ++i)
         checkRule(profile.filter[i], i);
@@ -202,6 +212,23 @@ Profile parseProfile(const std::string& text, const std::string& file)
 Profile loadProfile(const std::string& file)
 {
     return parseProfile(readJsonFile(file), file);
+}
+
+const TunnelSettings& tunnelToMake(const Profile& profile, const std::string& file)
+{
+    if (profile.tunnel) return *profile.tunnel;
+    throw badInput(file, "tunnel: missing", "the device that is made needs an address; nothing was changed");
+}
+
+Profile completedFor(const TunnelSettings& device, Profile profile)
+{
+    profile.tunnel = device;
+    try {
+        completeRoutes(profile);
+    } catch (const JsonError& error) {
+        throw badInput("the profile", error.what(), "correct the profile; nothing was changed");
+    }
+    return profile;
 }
 
 }  // namespace vpnoalctl

@@ -17,17 +17,17 @@
 namespace vpnoalctl {
 
 struct TunnelSettings {
-    wfoal::Ipv4Network address;  ///< the tunnel's own address and its prefix
-    wfoal::Ipv4Address peer;
-    unsigned int mtu = 1400;  ///< bytes
+    wfoal::Ipv4Network address;              ///< the tunnel's own address and its prefix
+    std::optional<wfoal::Ipv4Address> peer;  ///< none: an address and a prefix only
+    unsigned int mtu = 1400;                 ///< bytes
 
-    /// What is reached through the tunnel without a route: the peer's network.
-    wfoal::Ipv4Network network() const { return {peer, address.prefix}; }
+    /// What is reached through the tunnel without a route: the peer's network, or its own.
+    wfoal::Ipv4Network network() const { return {peer.value_or(address.address), address.prefix}; }
 };
 
 struct ProfileRoute {
     wfoal::Ipv4Network destination;
-    wfoal::Ipv4Address gateway;
+    wfoal::Ipv4Address gateway;  ///< 0.0.0.0: the device itself, or not known before the device is
     std::uint32_t metric = 0;
 };
 
@@ -47,7 +47,7 @@ struct FilterRule {
 };
 
 struct Profile {
-    TunnelSettings tunnel;
+    std::optional<TunnelSettings> tunnel;  ///< none: what the device says
     std::vector<std::string> dnsServers;
     std::vector<std::string> dnsDomains;
     std::vector<ProfileRoute> routes;
@@ -60,6 +60,14 @@ Profile parseProfile(const std::string& text, const std::string& file);
 /// Reads a profile from a file, or from standard input when `file` is "-". Throws as parseProfile(), also when the file
 /// cannot be read or is larger than 64 MiB.
 Profile loadProfile(const std::string& file);
+
+/// What a device that is made for the profile gets. Throws CommandError with ExitUsage when the profile does not say;
+/// `file` is the name it gives in the error.
+const TunnelSettings& tunnelToMake(const Profile& profile, const std::string& file);
+
+/// The profile for a device that has these settings: its routes get their gateways. Throws CommandError with ExitUsage
+/// when a gateway cannot be reached through the device.
+Profile completedFor(const TunnelSettings& device, Profile profile);
 
 }  // namespace vpnoalctl
 

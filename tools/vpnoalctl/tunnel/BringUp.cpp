@@ -77,7 +77,7 @@ void describeRule(KEST_SystemPlugin& system, const FilterRule& rule)
 
 void bringUp(KEST_SystemPlugin& system, const Profile& profile)
 {
-    describeTunnel(system, profile.tunnel);
+    if (profile.tunnel) describeTunnel(system, *profile.tunnel);
     describeDns(system, profile);
     describeRoutes(system, profile.routes);
     for (const FilterRule& rule : profile.filter)

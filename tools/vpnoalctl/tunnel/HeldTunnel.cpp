@@ -24,7 +24,7 @@ int exitStatus(const wfoal::SubprocessResult& result)
 }  // namespace
 
 HeldTunnel::HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks)
-    : mDevice(profile.tunnel), mSystem(plugin.create<KEST_SystemPlugin>())
+    : mDevice(profile.tunnel.value()), mSystem(plugin.create<KEST_SystemPlugin>())
 {
     mSystem->SetSystemPluginCB(&callbacks);
     bringUp(*mSystem, profile);

@@ -13,8 +13,9 @@ constexpr std::size_t mostLines = 10;
 
 std::string describe(const ProfileRoute& route)
 {
+    const std::string gateway = route.gateway.bits != 0 ? " via " + dotted(route.gateway) : "";
     const std::string metric = route.metric != 0 ? fmt::format(" metric {}", route.metric) : "";
-    return fmt::format("{} via {}{}", withPrefix(route.destination), dotted(route.gateway), metric);
+    return withPrefix(route.destination) + gateway + metric;
 }
 
 std::string describe(const char* preposition, const Endpoint& endpoint)
@@ -60,8 +61,9 @@ void printForPeople(Output& output, const Profile& profile, const char* state)
         table.rows.push_back({Cell(what, Style::Title), Cell(value, style)});
     };
     add("state", state, Style::Good);
-    add("interface", fmt::format("{}, MTU {}", tunnelDeviceName, profile.tunnel.mtu));
-    add("address", fmt::format("{} peer {}", withPrefix(profile.tunnel.address), dotted(profile.tunnel.peer)));
+    const TunnelSettings& tunnel = profile.tunnel.value();
+    add("interface", fmt::format("{}, MTU {}", tunnelDeviceName, tunnel.mtu));
+    add("address", withPrefix(tunnel.address) + (tunnel.peer ? " peer " + dotted(*tunnel.peer) : ""));
     addRows(table, "DNS servers", profile.dnsServers);
     addRows(table, "DNS domains", profile.dnsDomains);
     addRows(table, "routes", profile.routes);
@@ -84,9 +86,10 @@ JsonPtr summaryOf(const Profile& profile)
 {
     JsonPtr summary = newObject();
     addText(summary, "interface", tunnelDeviceName);
-    addText(summary, "address", withPrefix(profile.tunnel.address));
-    addText(summary, "peer", dotted(profile.tunnel.peer));
-    addNumber(summary, "mtu", profile.tunnel.mtu);
+    const TunnelSettings& tunnel = profile.tunnel.value();
+    addText(summary, "address", withPrefix(tunnel.address));
+    if (tunnel.peer) addText(summary, "peer", dotted(*tunnel.peer));
+    addNumber(summary, "mtu", tunnel.mtu);
     addChild(summary, "dnsServers", describeAll(profile.dnsServers));
     addChild(summary, "dnsDomains", describeAll(profile.dnsDomains));
     addChild(summary, "routes", describeAll(profile.routes));

@@ -52,10 +52,12 @@ public:
         throw systemError(fmt::format("{} of {}", what, tunnelDeviceName), errno, askDoctor);
     }
 
-    Ipv4Address address(unsigned long query) const
+    bool query(unsigned long command, ifreq& answer) const { return ioctl(mSocket.get(), command, &answer) == 0; }
+
+    Ipv4Address address(unsigned long command) const
     {
         ifreq request = requestForDevice();
-        if (ioctl(mSocket.get(), query, &request) != 0) return {};
+        if (!query(command, request)) return {};
         sockaddr_in value{};
         std::memcpy(&value, &request.ifr_addr, sizeof value);
         return {value.sin_addr.s_addr};
@@ -83,13 +85,48 @@ UniqueFd openDevice()
     return descriptor;
 }
 
+// A device without a peer gives its own address for one.
+TunnelSettings settingsOf(const DeviceControl& control)
+{
+    TunnelSettings found;
+    found.address.address = control.address(SIOCGIFADDR);
+    found.address.prefix = wfoal::prefixLength(control.address(SIOCGIFNETMASK)).value_or(32);
+    const Ipv4Address peer = control.address(SIOCGIFDSTADDR);
+    if (peer.bits != 0 && peer != found.address.address) found.peer = peer;
+    ifreq request = requestForDevice();
+    control.change(SIOCGIFMTU, request, "MTU");
+    found.mtu = static_cast<unsigned int>(request.ifr_mtu);
+    return found;
+}
+
+// A device may have a peer that the profile does not name.
+void compare(const TunnelSettings& wanted, const TunnelSettings& found)
+{
+    const struct {
+        const char* what;
+        Ipv4Address found;
+        Ipv4Address wanted;
+    } properties[] = {{"address", found.address.address, wanted.address.address},
+                      {"netmask", found.address.mask(), wanted.address.mask()},
+                      {"peer", found.peer.value_or(Ipv4Address{}), wanted.peer.value_or(Ipv4Address{})}};
+    for (const auto& property : properties) {
+        if (property.found == property.wanted) continue;
+        if (property.wanted.bits == 0) continue;
+        throw CommandError(
+            tunnelDeviceName,
+            fmt::format("its {} is {}, the profile says {}", property.what,
+                        property.found.bits != 0 ? dotted(property.found) : "not set", dotted(property.wanted)),
+            "change one of the two; nothing was changed");
+    }
+}
+
 }  // namespace
 
 TunDevice::TunDevice(const TunnelSettings& settings) : mDescriptor(openDevice())
 {
     const DeviceControl control;
     control.set(SIOCSIFADDR, settings.address.address, "address");
-    control.set(SIOCSIFDSTADDR, settings.peer, "peer");
+    if (settings.peer) control.set(SIOCSIFDSTADDR, *settings.peer, "peer");
     control.set(SIOCSIFNETMASK, settings.address.mask(), "netmask");
     ifreq request = requestForDevice();
     request.ifr_mtu = static_cast<int>(settings.mtu);
@@ -100,40 +137,28 @@ TunDevice::TunDevice(const TunnelSettings& settings) : mDescriptor(openDevice())
     control.change(SIOCSIFFLAGS, request, "state");
 }
 
-void checkDevice(const TunnelSettings& settings)
+TunnelSettings usedDevice(const std::optional<TunnelSettings>& wanted)
 {
     if (if_nametoindex(tunnelDeviceName) == 0) {
         throw CommandError(tunnelDeviceName, "there is no such interface",
-                           "let the agent make it first, or use 'vpnoalctl connect', which makes one");
+                           "let the VPN program make it under this name, or use 'vpnoalctl connect', which makes one");
     }
-    const DeviceControl control;
-    const struct {
-        const char* what;
-        unsigned long query;
-        Ipv4Address wanted;
-    } properties[] = {{"address", SIOCGIFADDR, settings.address.address},
-                      {"netmask", SIOCGIFNETMASK, settings.address.mask()},
-                      {"peer", SIOCGIFDSTADDR, settings.peer}};
-    for (const auto& property : properties) {
-        const Ipv4Address found = control.address(property.query);
-        if (found == property.wanted) continue;
-        throw CommandError(tunnelDeviceName,
-                           fmt::format("its {} is {}, the profile says {}", property.what,
-                                       found.bits != 0 ? dotted(found) : "not set", dotted(property.wanted)),
-                           "change one of the two; nothing was changed");
+    const TunnelSettings found = settingsOf(DeviceControl());
+    if (wanted) compare(*wanted, found);
+    if (found.address.address.bits == 0) {
+        throw CommandError(tunnelDeviceName, "it has no IPv4 address",
+                           fmt::format("give it one: ip address add ADDRESS/PREFIX dev {}", tunnelDeviceName));
     }
-    ifreq request = requestForDevice();
-    control.change(SIOCGIFFLAGS, request, "state");
-    if ((request.ifr_flags & IFF_UP) == 0) {
+    if (!isDeviceUp()) {
         throw CommandError(tunnelDeviceName, "is down", fmt::format("set it up: ip link set {} up", tunnelDeviceName));
     }
+    return found;
 }
 
-unsigned int deviceMtu()
+bool isDeviceUp()
 {
     ifreq request = requestForDevice();
-    DeviceControl().change(SIOCGIFMTU, request, "MTU");
-    return static_cast<unsigned int>(request.ifr_mtu);
+    return DeviceControl().query(SIOCGIFFLAGS, request) && (request.ifr_flags & IFF_UP) != 0;
 }
 
 }  // namespace vpnoalctl

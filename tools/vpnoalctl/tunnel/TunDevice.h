@@ -6,6 +6,8 @@
 #ifndef VPNOALCTL_TUNDEVICE_H
 #define VPNOALCTL_TUNDEVICE_H
 
+#include <optional>
+
 #include "handles/UniqueFd.h"
 #include "profile/Profile.h"
 
@@ -27,11 +29,12 @@ private:
     UniqueFd mDescriptor;
 };
 
-/// Throws CommandError unless the device exists, is up and carries what `settings` say. Changes nothing.
-void checkDevice(const TunnelSettings& settings);
+/// What the device has: the MTU is its own. Throws CommandError unless it exists, is up, has an IPv4 address, and the
+/// address, prefix and peer that are `wanted`. Changes nothing.
+TunnelSettings usedDevice(const std::optional<TunnelSettings>& wanted);
 
-/// The device's own MTU. Throws CommandError.
-unsigned int deviceMtu();
+/// Whether there is such a device, and it is up.
+bool isDeviceUp();
 
 }  // namespace vpnoalctl
 
