@@ -1,101 +1,78 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// A prepared line begins with the name of the resolver that it is for.
 #include "dns/Dns.h"
 
-#include "Log.h"
+#include <algorithm>
+
 #include "RequestError.h"
-#include "dns/DnsWatcher.h"
-#include "dns/LinkDns.h"
 #include "dns/ResolvconfBackend.h"
-#include "dns/ResolvedManager.h"
 #include "dns/SystemdResolvedBackend.h"
 
 namespace vknetconfig {
 
 namespace {
 
-constexpr std::string_view resolvedWord = "resolved ";
-constexpr std::string_view resolvconfWord = "resolvconf ";
-
-// What follows the word; empty when the line begins with another one.
-std::string_view after(std::string_view word, std::string_view line)
-{
-    return line.substr(0, word.size()) == word ? line.substr(word.size()) : std::string_view();
-}
-
-// The same of each line that begins with the word.
-std::vector<std::string> allAfter(std::string_view word, const std::vector<std::string>& lines)
-{
-    std::vector<std::string> rests;
-    for (const std::string& line : lines) {
-        if (const std::string_view rest = after(word, line); !rest.empty()) rests.emplace_back(rest);
+// A prepared line: the word of its back end, a blank, and the back end's own line.
+struct Line {
+    explicit Line(std::string_view text)
+        : word(text.substr(0, text.find(' '))), rest(text.substr(std::min(word.size() + 1, text.size())))
+    {
     }
-    return rests;
-}
+    std::string_view word;
+    std::string_view rest;
+};
 
 }  // namespace
 
-Dns::Dns() : mWatcher(std::make_unique<DnsWatcher>()) {}
-
-Dns::~Dns() = default;
+// The first one that works is chosen.
+Dns::Dns()
+{
+    mBackends.push_back({"resolved", std::make_unique<SystemdResolvedBackend>()});
+    mBackends.push_back({"resolvconf", std::make_unique<ResolvconfBackend>()});
+}
 
 std::string Dns::prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier)
 {
-    SystemdResolvedBackend resolved;
-    if (resolved.works()) {
-        return std::string(resolvedWord) + resolved.prepare(link, settings, allAfter(resolvedWord, earlier));
-    }
-    ResolvconfBackend resolvconf;
-    if (resolvconf.works()) {
-        return std::string(resolvconfWord) + resolvconf.prepare(link, settings, allAfter(resolvconfWord, earlier));
+    for (const auto& [word, backend] : mBackends) {
+        if (!backend->works()) continue;
+        std::vector<std::string> ofBackend;
+        for (const std::string& text : earlier) {
+            if (const Line line(text); line.word == word) ofBackend.emplace_back(line.rest);
+        }
+        return std::string(word) + " " + backend->prepare(link, settings, ofBackend);
     }
     throw RequestError("ipv4.dns",
                        "no resolver takes it: systemd-resolved does not answer on the system bus, and "
                        "there is no resolvconf that works without it");
 }
 
-void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared, std::function<bool()> isWanted)
+DnsBackend& Dns::backendOf(std::string_view prepared) const
 {
-    if (after(resolvedWord, prepared).empty()) {
-        ResolvconfBackend().set(link, settings);
-        return;
+    const Line line(prepared);
+    for (const auto& [word, backend] : mBackends) {
+        if (line.word == word && !line.rest.empty()) return *backend;
     }
-    SystemdResolvedBackend().set(link, settings);
-    mWatcher->watch(link, resolvedSettingsFor(settings), std::move(isWanted));
+    throw RequestError("undo log", "no DNS settings: " + excerpt(prepared));
 }
 
-void Dns::setAgain(std::string_view prepared, std::function<bool()> isWanted)
+void Dns::set(const Link& link, const DnsSettings& settings, std::string_view prepared, IsWanted isWanted)
 {
-    const std::string_view text = after(resolvedWord, prepared);
-    if (text.empty()) return;
-    const LinkChange change = LinkChange::decode(text);
-    if (!isPresent(change.link)) return;
-    ResolvedManager().write(change.link.index, change.set);
-    mWatcher->watch(change.link, change.set, std::move(isWanted));
+    backendOf(prepared).set(link, settings, std::move(isWanted));
+}
+
+void Dns::setAgain(std::string_view prepared, IsWanted isWanted)
+{
+    backendOf(prepared).setAgain(Line(prepared).rest, std::move(isWanted));
 }
 
 bool Dns::usesSameResolver(std::string_view prepared, std::string_view earlier)
 {
-    return prepared.substr(0, prepared.find(' ')) == earlier.substr(0, earlier.find(' '));
+    return Line(prepared).word == Line(earlier).word;
 }
 
 void Dns::undo(std::string_view prepared)
 {
     mPending.erase(std::string(prepared));
-    if (const std::string_view text = after(resolvedWord, prepared); !text.empty()) {
-        const LinkChange change = LinkChange::decode(text);
-        mWatcher->forget(change.link);
-        if (SystemdResolvedBackend().undo(text)) return;
-        VKNETCONFIG_WARNING("the DNS settings of %s are removed when systemd-resolved answers again",
-                            change.link.name.c_str());
-        mPending.emplace(prepared);
-        mWatcher->undoLater(change);
-    } else if (const std::string_view name = after(resolvconfWord, prepared); !name.empty()) {
-        ResolvconfBackend().undo(name);
-    } else {
-        throw RequestError("undo log", "no DNS settings: " + excerpt(prepared));
-    }
+    if (!backendOf(prepared).undo(Line(prepared).rest)) mPending.emplace(prepared);
 }
 
 }  // namespace vknetconfig

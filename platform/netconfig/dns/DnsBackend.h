@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A way to set the DNS of a link, such as systemd-resolved. Requests go through Dns (Dns.h), which picks one. Used on
-// one thread at a time. Failures throw a RequestError with the key "ipv4.dns" within a few seconds.
+// A way to set the DNS of a link, such as systemd-resolved. Requests use Dns (Dns.h), which chooses one. Used on one
+// thread at a time. Failures throw a RequestError with the key "ipv4.dns" within a few seconds.
 #ifndef VKNETCONFIG_DNSBACKEND_H
 #define VKNETCONFIG_DNSBACKEND_H
 
-#include <memory>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "dns/DnsSettings.h"
 
@@ -15,21 +16,27 @@ namespace vknetconfig {
 
 class DnsBackend {
 public:
+    /// Whether settings are still to be maintained. Called on any thread; empty: always.
+    using IsWanted = std::function<bool()>;
+
     virtual ~DnsBackend() = default;
 
-    /// Asks whether it works here: does the service answer, does the tool run.
+    /// Whether it works here: does the service answer, does the tool run.
     virtual bool works() = 0;
 
-    /// Writes down, in one line, what undo() needs. Changes nothing. `earlier` are the lines that prepare()
-    /// returned for settings of ours, one of which are installed now.
+    /// Returns what undo() needs, in one line. Changes nothing. `earlier` are the lines of the settings of which one is
+    /// installed on this link now.
     virtual std::string prepare(const Link& link, const DnsSettings& settings,
                                 const std::vector<std::string>& earlier) = 0;
 
-    /// Installs the settings, in place of those the link had. When it fails the link has those still.
-    virtual void set(const Link& link, const DnsSettings& settings) = 0;
+    /// Installs the settings in place of those the link had, and maintains them. A failure leaves those it had.
+    virtual void set(const Link& link, const DnsSettings& settings, IsWanted isWanted) = 0;
 
-    /// Restores what was there before, where the link still has what was set. A link or tool that is gone is no
-    /// failure. False when the service is not there now and may come back with the settings.
+    /// Installs the settings of a line again, where the line holds them.
+    virtual void setAgain(std::string_view prepared, IsWanted isWanted) = 0;
+
+    /// Stops maintaining the settings, and restores what the link had before where it still has them. A link or tool
+    /// that is gone is no failure. False when that is pending until a service comes back.
     virtual bool undo(std::string_view prepared) = 0;
 };
 

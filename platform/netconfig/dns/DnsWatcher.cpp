@@ -14,7 +14,6 @@
 #include "SignalMatch.h"
 #include "SignalsBlocked.h"
 #include "dns/ResolvedManager.h"
-#include "dns/SystemdResolvedBackend.h"
 
 namespace vknetconfig {
 
@@ -118,8 +117,8 @@ void DnsWatcher::listen()
                                            if (!owner.empty()) mDue = Clock::now();
                                        }));
     if (match.result() < 0) throw systemError("ipv4.dns", "match", -match.result());
-    // It may have restarted while no one listened. Where it has not, another program may have removed the settings
-    // by now, which is not to be undone.
+    // It may have restarted before this match. If it has not, another program may have removed the settings since, and
+    // they must not be set again.
     const bool isUnchanged = !mOwner.empty() && manager.owner() == mOwner;
     mOwner.clear();
     mDue = isUnchanged ? never : Clock::now();
@@ -131,20 +130,20 @@ void DnsWatcher::listen()
 
 void DnsWatcher::resolvedIsUp(ResolvedManager& manager)
 {
-    // Held while setting, so that what is forgotten is not set any more.
+    // Held while setting, so that nothing is set after forget().
     const std::lock_guard<std::mutex> lock(mLock);
     mDue = never;
-    if (manager.owner().empty()) return;  // it has a word when it comes
+    if (manager.owner().empty()) return;  // the match notifies when it comes
     undoPending(manager);
     dropUnwanted();
     setAgain(manager);
 }
 
-// In this moment it may not know the link yet.
+// systemd-resolved may not know the link yet; then this is retried.
 void DnsWatcher::undoPending(ResolvedManager& manager)
 {
     for (auto next = mPending.begin(); next != mPending.end();) {
-        if (undoChange(manager, next->second)) {
+        if (manager.undo(next->second)) {
             VKNETCONFIG_INFO("removed the DNS settings of %s, as systemd-resolved is back",
                              next->second.link.name.c_str());
             next = mPending.erase(next);

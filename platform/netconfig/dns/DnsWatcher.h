@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Looks after installed DNS settings: when systemd-resolved has restarted they are set again, at most five times a
-// minute so that two managers cannot fight for ever. And after settings that could not be removed, as systemd-resolved
-// was not there: they are removed when it is. One thread, with a bus connection of its own, from the first watch() or
-// undoLater() to the last forget(). Functions are called on one thread at a time; forget() and the destructor wait for
-// the thread, a few seconds at most.
+// Maintains installed DNS settings: when systemd-resolved has restarted, they are set again, at most five times a
+// minute so that two managers cannot overwrite each other forever. Settings that could not be removed because
+// systemd-resolved was not running are removed when it comes back. There is one thread, with a bus connection of its
+// own, from the first watch() or undoLater() to the last forget(). Functions are called on one thread at a time;
+// forget() and the destructor wait for the thread, a few seconds at most.
 #ifndef VKNETCONFIG_DNSWATCHER_H
 #define VKNETCONFIG_DNSWATCHER_H
 
@@ -32,14 +32,14 @@ public:
     /// Whether the settings are still to be maintained; called on the watcher's thread.
     using IsWanted = std::function<bool()>;
 
-    /// From now on `dns` is what the link has to have, until `isWanted` (empty: always) says no. Throws
-    /// std::system_error when no thread can be started.
+    /// Maintains `dns` on the link until `isWanted` (empty: always) returns false. Throws std::system_error when no
+    /// thread can be started.
     void watch(const Link& link, const LinkDns& dns, IsWanted isWanted = {});
 
-    /// The change is undone when systemd-resolved answers again; without memory or a thread it is not.
+    /// Undoes the change when systemd-resolved answers again. Without memory or a thread it does nothing.
     void undoLater(const LinkChange& change) noexcept;
 
-    /// The link is left alone from now on.
+    /// Stops maintaining the link and drops its pending undo.
     void forget(const Link& link);
 
 private:
@@ -65,7 +65,7 @@ private:
     UniqueFd mStop;  // an eventfd, readable when the thread is to end
 
     // Of the thread alone, once it runs.
-    std::string mOwner;  // systemd-resolved's, when the first link was set; empty for unknown
+    std::string mOwner;  // of systemd-resolved when the first link was set; empty: unknown
     RateLimit mLimit{5, std::chrono::minutes(1)};
     RateLimit::Clock::time_point mDue;
 };

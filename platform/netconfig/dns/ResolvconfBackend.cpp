@@ -49,7 +49,7 @@ std::string ResolvconfBackend::prepare(const Link& link, const DnsSettings&, con
     return link.name;
 }
 
-void ResolvconfBackend::set(const Link& link, const DnsSettings& settings)
+void ResolvconfBackend::set(const Link& link, const DnsSettings& settings, IsWanted)
 {
     const SubprocessResult result = run("-a", link.name, fileFor(settings));
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DNS through the resolvconf tool, which merges what each interface brings into one /etc/resolv.conf: servers of the
-// link are asked for everything, whatever the domains, which are only searched. What is set is called
-// "INTERFACE.vknetconfig" and is used by no other program. Its prepared line is the interface's name.
+// DNS through the resolvconf tool, which merges the settings of all interfaces into one /etc/resolv.conf. So the link's
+// servers get all queries, and its domains are only searched. The entry is named "INTERFACE.vknetconfig", which no
+// other program uses. The prepared line is the interface's name.
 #ifndef VKNETCONFIG_RESOLVCONFBACKEND_H
 #define VKNETCONFIG_RESOLVCONFBACKEND_H
 
@@ -15,7 +15,8 @@ public:
     bool works() override;
     std::string prepare(const Link& link, const DnsSettings& settings,
                         const std::vector<std::string>& earlier) override;
-    void set(const Link& link, const DnsSettings& settings) override;
+    void set(const Link& link, const DnsSettings& settings, IsWanted isWanted) override;
+    void setAgain(std::string_view, IsWanted) override {}
     bool undo(std::string_view prepared) override;
 };
 

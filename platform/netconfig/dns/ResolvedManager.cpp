@@ -332,7 +332,16 @@ void ResolvedManager::write(int index, const LinkDns& dns)
     writeDefaultRoute(index, dns);
 }
 
-// Forgets everything that was set on the link.
+bool ResolvedManager::undo(const LinkChange& change)
+{
+    if (!hasIndex(change.link)) return true;
+    const auto now = read(change.link.index);
+    if (!now) return false;
+    restore(change.link.index, stateAfterUndo(change, *now), *now);
+    return true;
+}
+
+// Removes all settings of the link.
 void ResolvedManager::revert(int index)
 {
     const SdBusMessagePtr call = newCall(mBus.get(), "RevertLink");

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Talking with systemd-resolved over the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured). An object has a connection
-// of its own and belongs to one thread. Failures throw a RequestError with the key "ipv4.dns"; nothing takes longer
-// than a few seconds.
+// A client of systemd-resolved on the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured). An object has a connection of
+// its own and belongs to one thread. Failures throw a RequestError with the key "ipv4.dns" within a few seconds.
 #ifndef VKNETCONFIG_RESOLVEDMANAGER_H
 #define VKNETCONFIG_RESOLVEDMANAGER_H
 
@@ -18,8 +17,7 @@ namespace vknetconfig {
 
 inline constexpr char resolvedName[] = "org.freedesktop.resolve1";
 
-/// A connection to the system bus that is ready to be used. With `stop`, a descriptor, it is given up when that becomes
-/// readable.
+/// A connection to the system bus that is ready to be used. Throws when the descriptor `stop` becomes readable before.
 SdBusPtr openSystemBus(int stop = -1);
 
 /// Dispatches what has arrived.
@@ -34,20 +32,23 @@ public:
     explicit ResolvedManager(SdBusPtr bus) : mBus(std::move(bus)) {}
     sd_bus* bus() { return mBus.get(); }
 
-    /// Whether it answers. It is started when the bus knows how.
+    /// Whether it answers. The bus may start it for that.
     bool answers();
 
-    /// Who it is: another text after each restart of it or of the bus. Empty when it is not there.
+    /// Its owner on the bus: another text after each restart of it or of the bus. Empty when it is not running.
     std::string owner();
 
-    /// What it has of a link; nothing when the link, or the service, is not there.
+    /// The settings of a link; none when the link, or the service, is not there.
     std::optional<LinkDns> read(int index);
 
     void write(int index, const LinkDns& dns);
 
-    /// Brings the link, which has `now`, to what it had `before` somebody set servers, domains and default route. What
-    /// is set beside these stays as it is.
+    /// Changes the link's servers, domains and default route from `now` to `before`. Its other settings stay.
     void restore(int index, const LinkDns& before, const LinkDns& now);
+
+    /// Restores what the link had before the change, where it still has what was set. The link is identified by its
+    /// index, which stays with it when it is renamed. False when the service, or the link in it, is not there.
+    bool undo(const LinkChange& change);
 
 private:
     void writeServers(int index, const LinkDns& dns);

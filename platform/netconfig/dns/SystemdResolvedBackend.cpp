@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dns/SystemdResolvedBackend.h"
 
+#include "Log.h"
 #include "RequestError.h"
 #include "dns/ResolvedManager.h"
 
@@ -13,6 +14,20 @@ LinkDns readPresent(ResolvedManager& manager, const Link& link)
     auto found = manager.read(link.index);
     if (!found) throw RequestError("ipv4.dns", "systemd-resolved does not know the interface " + link.name);
     return *found;
+}
+
+// False when there is no systemd-resolved now.
+bool undoNow(const LinkChange& change)
+{
+    if (!hasIndex(change.link)) return true;
+    SdBusPtr bus;
+    try {
+        bus = openSystemBus();
+    } catch (const RequestError&) {
+        return false;  // no bus, no systemd-resolved
+    }
+    ResolvedManager manager(std::move(bus));
+    return manager.undo(change);
 }
 
 }  // namespace
@@ -38,12 +53,13 @@ std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings&
     return change.encode();
 }
 
-void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings)
+void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, IsWanted isWanted)
 {
+    const LinkDns wanted = resolvedSettingsFor(settings);
     ResolvedManager manager;
     const LinkDns before = readPresent(manager, link);
     try {
-        manager.write(link.index, resolvedSettingsFor(settings));
+        manager.write(link.index, wanted);
     } catch (const RequestError&) {
         try {
             manager.restore(link.index, before, readPresent(manager, link));
@@ -52,29 +68,26 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings)
         }
         throw;
     }
+    mWatcher.watch(link, wanted, std::move(isWanted));
 }
 
-bool undoChange(ResolvedManager& manager, const LinkChange& change)
+void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWanted)
 {
-    if (!hasIndex(change.link)) return true;
-    const auto now = manager.read(change.link.index);
-    if (!now) return false;
-    manager.restore(change.link.index, stateAfterUndo(change, *now), *now);
-    return true;
+    const LinkChange change = LinkChange::decode(prepared);
+    if (!isPresent(change.link)) return;
+    ResolvedManager().write(change.link.index, change.set);
+    mWatcher.watch(change.link, change.set, std::move(isWanted));
 }
 
 bool SystemdResolvedBackend::undo(std::string_view prepared)
 {
     const LinkChange change = LinkChange::decode(prepared);
-    if (!hasIndex(change.link)) return true;
-    SdBusPtr bus;
-    try {
-        bus = openSystemBus();
-    } catch (const RequestError&) {
-        return false;  // no bus, no systemd-resolved
-    }
-    ResolvedManager manager(std::move(bus));
-    return undoChange(manager, change);
+    mWatcher.forget(change.link);
+    if (undoNow(change)) return true;
+    VKNETCONFIG_WARNING("the DNS settings of %s are removed when systemd-resolved answers again",
+                        change.link.name.c_str());
+    mWatcher.undoLater(change);
+    return false;
 }
 
 }  // namespace vknetconfig
