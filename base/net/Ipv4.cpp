@@ -4,25 +4,16 @@
 #include <charconv>
 
 #include "net/DottedAddress.h"
+#include "net/PrefixLength.h"
 #include "text/Excerpt.h"
 
 namespace wfoal {
 
 namespace {
 
-std::optional<std::uint8_t> parsePrefixLength(std::string_view text)
-{
-    std::uint8_t prefix = 0;
-    const char* const end = text.data() + text.size();
-    const auto [after, error] = std::from_chars(text.data(), end, prefix);
-    const bool hasLeadingZero = text.size() > 1 && text.front() == '0';
-    if (error != std::errc() || after != end || prefix > 32 || hasLeadingZero) return std::nullopt;
-    return prefix;
-}
-
 Result<std::uint8_t> parseMask(std::string_view text)
 {
-    if (const auto prefix = parsePrefixLength(text)) return *prefix;
+    if (const auto prefix = parsePrefixLength(text, 32)) return *prefix;
     const auto mask = parseDottedAddress(text);
     if (!mask) return Fault{excerpt(text) + " is neither a prefix length from 0 to 32 nor a netmask"};
     const auto prefix = prefixLength(*mask);

@@ -7,16 +7,21 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "Log.h"
 #include "RequestError.h"
 #include "SignalsBlocked.h"
 #include "firewall/FirewallControl.h"
+#include "guard/GuardControl.h"
+#include "guard/GuardPolicy.h"
 #include "interface/InterfaceControl.h"
 #include "interface/InterfaceRequest.h"
 #include "text/Names.h"
@@ -30,7 +35,7 @@ namespace {
 // for a packet filter leaves interfaces alone: an agent that starts again replaces its filter first, and its interface
 // must keep the routes until they are adopted.
 struct Scope {
-    std::string subject;
+    std::set<std::string> subjects;
     bool isApplied;
     bool cleansInterfaces;
 };
@@ -46,12 +51,17 @@ public:
     void cleanUp(const Scope& scope)
     {
         const auto isWanted = [&scope](const std::string& subject) {
-            if (scope.isApplied && subject == scope.subject) return false;
-            return scope.cleansInterfaces || !InterfaceControl::isSubject(subject);
+            if (scope.isApplied && scope.subjects.count(subject) != 0) return false;
+            return scope.cleansInterfaces || FirewallControl::isSubject(subject);
         };
-        for (const std::string& subject : undoLog.claimStaleEntries(isWanted)) {
+        std::vector<std::string> stale = undoLog.claimStaleEntries(isWanted);
+        // A guard outlives the routes that it guards.
+        std::stable_partition(stale.begin(), stale.end(),
+                              [](const std::string& subject) { return !GuardControl::isSubject(subject); });
+        for (const std::string& subject : stale) {
             try {
                 if (InterfaceControl::isSubject(subject)) interfaces.removeStale(subject);
+                if (GuardControl::isSubject(subject)) guards.removeStale(subject);
                 if (FirewallControl::isSubject(subject)) firewall.removeStale(subject);
             } catch (const std::exception& error) {
                 VKNETCONFIG_WARNING("%s: removing the stale configuration: %s", subject.c_str(), error.what());
@@ -73,7 +83,8 @@ public:
 
     std::mutex mutex;
     UndoLog undoLog;
-    InterfaceControl interfaces{undoLog};
+    GuardControl guards{undoLog};
+    InterfaceControl interfaces{undoLog, guards};
     FirewallControl firewall{undoLog};
 
 private:
@@ -121,6 +132,11 @@ void withLockedSession(const Scope& scope, Work work)
     work(session);
 }
 
+Scope scopeOf(const std::string& ifName, bool isApplied)
+{
+    return {{InterfaceControl::subjectOf(ifName), GuardControl::subjectOf(ifName)}, isApplied, true};
+}
+
 template <class Work>
 int guarded(const char* function, Work work)
 {
@@ -142,8 +158,9 @@ extern "C" int CmAddInterfaceCfg2(const char* json)
 {
     return guarded(__func__, [json] {
         const InterfaceRequest request = parseInterfaceRequest(json);
-        const Scope scope{InterfaceControl::subjectOf(request.ifName), true, true};
-        withLockedSession(scope, [&](Session& session) { session.interfaces.apply(request); });
+        const std::optional<GuardRules> guard = guardFor(request);
+        withLockedSession(scopeOf(request.ifName, true),
+                          [&](Session& session) { session.interfaces.apply(request, guard); });
     });
 }
 
@@ -153,8 +170,7 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
         if (ifName == nullptr) throw RequestError("ifName", "is a null pointer");
         const wfoal::Check check = wfoal::checkInterfaceName(ifName);
         if (!check) throw RequestError("ifName", check.reason());
-        const Scope scope{InterfaceControl::subjectOf(ifName), false, true};
-        withLockedSession(scope, [&](Session& session) { session.interfaces.remove(ifName); });
+        withLockedSession(scopeOf(ifName, false), [&](Session& session) { session.interfaces.remove(ifName); });
     });
 }
 
@@ -162,7 +178,7 @@ extern "C" int VkFirewallFullCtrl(const char* json)
 {
     return guarded(__func__, [json] {
         const FirewallRequest request = parseFirewallRequest(json);
-        const Scope scope{FirewallControl::subjectOf(request.label), !request.remove, false};
+        const Scope scope{{FirewallControl::subjectOf(request.label)}, !request.remove, false};
         withLockedSession(scope, [&](Session& session) { session.firewall.apply(request); });
     });
 }

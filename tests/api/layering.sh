@@ -16,6 +16,7 @@ base/net             base/result base/text
 base/io              base/handles base/result
 base/netlink         base/handles
 base/process         base/handles base/result base/text
+base/settings        base/handles base/io base/net base/result base/text
 base/undolog         base/handles
 include/agent        -
 include/plugin       include/agent base/handles

@@ -2,13 +2,11 @@
 #include "firewall/FirewallControl.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 
 #include "Log.h"
-#include "RequestError.h"
 #include "firewall/FirewallMessages.h"
-#include "firewall/NftTransaction.h"
+#include "firewall/OwnTable.h"
 
 namespace vknetconfig {
 
@@ -21,11 +19,6 @@ std::string labelOf(const std::string& subject)
     std::string label = subject.substr(subjectStart.size());
     std::replace(label.begin(), label.end(), '%', '/');
     return label;
-}
-
-[[noreturn]] void refuseForeign(const std::string& label)
-{
-    throw RequestError("label", "the table inet " + label + " is there already and is not ours");
 }
 
 }  // namespace
@@ -42,43 +35,17 @@ void FirewallControl::apply(const FirewallRequest& request)
 
 void FirewallControl::setUp(const FirewallRequest& request)
 {
-    const TableFound before = findReplaceable(request.label);
+    const TableFound before = findOwnTable(mSocket, request.label);
     const std::string subject = subjectOf(request.label);
     NewOwnership ownership(mUndoLog, subject);
     mUndoLog.own(subject);
     try {
         mUndoLog.write(subject, "table\n");
-        replace(request, before);
+        replaceTable<FirewallMessages>(mSocket, request.label, before, request);
         ownership.keep();
     } catch (...) {
         if (before.state == TableState::Absent) rollBack(request.label);
         throw;
-    }
-}
-
-TableFound FirewallControl::findReplaceable(const std::string& label)
-{
-    const TableFound found = findTable(mSocket, label);
-    if (found.state == TableState::Foreign) refuseForeign(label);
-    return found;
-}
-
-// The kernel takes the transaction only while the tables are as they were seen: `before` is named by its handle, and
-// the new table must not be there.
-void FirewallControl::replace(const FirewallRequest& request, TableFound before)
-{
-    constexpr int mostAttempts = 5;  // another process changes tables of this name all the time
-    for (int attempt = 1;; ++attempt) {
-        NftTransaction transaction(mSocket);
-        if (before.state == TableState::Ours) addTableRemoval(transaction, before.handle);
-        const FirewallMessages messages(transaction, request);
-        const std::optional<NetlinkFailure> failure = transaction.commit();
-        if (!failure) return;
-        const bool isOutdated =
-            messages.isAboutTables(failure->index) && (failure->error == ENOENT || failure->error == EEXIST);
-        if (!isOutdated || attempt == mostAttempts)
-            throw RequestError("nftables", messages.subjectOf(failure->index) + ": " + failure->reason());
-        before = findReplaceable(request.label);
     }
 }
 
@@ -95,11 +62,11 @@ void FirewallControl::rollBack(const std::string& label)
 
 void FirewallControl::remove(const std::string& label)
 {
-    const TableFound found = findReplaceable(label);
+    const TableFound found = findOwnTable(mSocket, label);
     const std::string subject = subjectOf(label);
     const NewOwnership ownership(mUndoLog, subject);
     mUndoLog.ownForRemoval(subject);
-    if (found.state == TableState::Ours) removeTable(found);
+    if (found.state == TableState::Ours) removeTable(mSocket, found);
     mUndoLog.erase(subject);
 }
 
@@ -108,14 +75,6 @@ std::string FirewallControl::subjectOf(std::string label)
 {
     std::replace(label.begin(), label.end(), '/', '%');
     return std::string(subjectStart) + label;
-}
-
-void FirewallControl::removeTable(const TableFound& table)
-{
-    NftTransaction transaction(mSocket);
-    addTableRemoval(transaction, table.handle);
-    const std::optional<NetlinkFailure> failure = transaction.commit();
-    if (failure && failure->error != ENOENT) throw RequestError("nftables", "the kernel: " + failure->reason());
 }
 
 bool FirewallControl::isSubject(std::string_view subject)
@@ -129,7 +88,7 @@ void FirewallControl::removeStale(const std::string& subject)
     // Another program's table of this name may have replaced ours.
     mSocket.followNamespace();
     const TableFound found = findTable(mSocket, label);
-    if (found.state == TableState::Ours) removeTable(found);
+    if (found.state == TableState::Ours) removeTable(mSocket, found);
     mUndoLog.erase(subject);
 }
 

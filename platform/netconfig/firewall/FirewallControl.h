@@ -10,7 +10,6 @@
 #include <string_view>
 
 #include "firewall/FirewallRequest.h"
-#include "firewall/NftTable.h"
 #include "kernel/NetlinkSocket.h"
 #include "undolog/UndoLog.h"
 
@@ -32,11 +31,8 @@ public:
 
 private:
     void setUp(const FirewallRequest& request);
-    TableFound findReplaceable(const std::string& label);
-    void replace(const FirewallRequest& request, TableFound before);
     void rollBack(const std::string& label);
     void remove(const std::string& label);
-    void removeTable(const TableFound& table);
 
     UndoLog& mUndoLog;
     // Stays open, as closing it right after a change waits for the kernel to clean up (5 to 15 ms).

@@ -15,9 +15,6 @@
 
 namespace vknetconfig {
 
-/// Removes the table with this handle; it fails when that table is not there any more, whatever has its name.
-void addTableRemoval(NftTransaction& transaction, std::uint64_t handle);
-
 class FirewallMessages {
 public:
     /// Adds the filter, which fails when a table of its name is there. Keeps no reference to the request.

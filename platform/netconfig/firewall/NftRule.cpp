@@ -5,7 +5,9 @@
 #include <linux/netfilter/nf_tables.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 #include <new>
 
 namespace vknetconfig {
@@ -64,23 +66,28 @@ void NftRule::load(std::uint32_t base, std::uint32_t offset, std::uint32_t lengt
     append(std::move(payload));
 }
 
-void NftRule::mask(std::uint32_t bits)
+void NftRule::mask(const void* bits, std::size_t size)
 {
-    const std::uint32_t nothing = 0;
+    const std::array<char, sizeof(in6_addr)> nothing{};
     NftnlExprPtr bitwise = newExpression("bitwise");
     nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
     nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
-    nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_LEN, sizeof bits);
-    setBytes(bitwise, NFTNL_EXPR_BITWISE_MASK, &bits, sizeof bits);
-    setBytes(bitwise, NFTNL_EXPR_BITWISE_XOR, &nothing, sizeof nothing);
+    nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_LEN, static_cast<std::uint32_t>(size));
+    setBytes(bitwise, NFTNL_EXPR_BITWISE_MASK, bits, size);
+    setBytes(bitwise, NFTNL_EXPR_BITWISE_XOR, nothing.data(), size);
     append(std::move(bitwise));
 }
 
 void NftRule::compare(const void* value, std::size_t size)
 {
+    compareBy(NFT_CMP_EQ, value, size);
+}
+
+void NftRule::compareBy(std::uint32_t operation, const void* value, std::size_t size)
+{
     NftnlExprPtr comparison = newExpression("cmp");
     nftnl_expr_set_u32(comparison.get(), NFTNL_EXPR_CMP_SREG, NFT_REG_1);
-    nftnl_expr_set_u32(comparison.get(), NFTNL_EXPR_CMP_OP, NFT_CMP_EQ);
+    nftnl_expr_set_u32(comparison.get(), NFTNL_EXPR_CMP_OP, operation);
     setBytes(comparison, NFTNL_EXPR_CMP_DATA, value, size);
     append(std::move(comparison));
 }
@@ -113,26 +120,54 @@ void NftRule::matchInterface(bool isInput, const std::string& name)
     matchMeta(isInput ? NFT_META_IIFNAME : NFT_META_OIFNAME, padded.data(), padded.size());
 }
 
+void NftRule::matchFamily(std::uint8_t family)
+{
+    if (mFamily == family) return;
+    matchMeta(NFT_META_NFPROTO, &family, sizeof family);
+    mFamily = family;
+}
+
 void NftRule::matchIpv4()
 {
-    const std::uint8_t family = NFPROTO_IPV4;
-    matchMeta(NFT_META_NFPROTO, &family, sizeof family);
-    mIsIpv4 = true;
+    matchFamily(NFPROTO_IPV4);
+}
+
+void NftRule::matchIpv6()
+{
+    matchFamily(NFPROTO_IPV6);
+}
+
+// A prefix of whole bytes needs no mask.
+void NftRule::matchPrefix(std::uint32_t offset, const char* address, const char* bits, std::size_t size,
+                          std::uint8_t prefix)
+{
+    if (prefix % 8 == 0) {
+        matchHeader(NFT_PAYLOAD_NETWORK_HEADER, offset, std::string(address, prefix / 8));
+        return;
+    }
+    flush();
+    load(NFT_PAYLOAD_NETWORK_HEADER, offset, static_cast<std::uint32_t>(size));
+    mask(bits, size);
+    compare(address, size);
 }
 
 void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& network)
 {
-    if (!mIsIpv4) matchIpv4();
+    matchIpv4();
     const in_addr_t address = network.address.bits;
-    const std::string bytes(reinterpret_cast<const char*>(&address), sizeof address);
-    if (network.prefix % 8 == 0) {
-        matchHeader(NFT_PAYLOAD_NETWORK_HEADER, offset, bytes.substr(0, network.prefix / 8));
-        return;
-    }
-    flush();
-    load(NFT_PAYLOAD_NETWORK_HEADER, offset, sizeof address);
-    mask(network.mask().bits);
-    compare(&address, sizeof address);
+    const in_addr_t mask = network.mask().bits;
+    matchPrefix(offset, reinterpret_cast<const char*>(&address), reinterpret_cast<const char*>(&mask), sizeof address,
+                network.prefix);
+}
+
+void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv6Network& network)
+{
+    matchIpv6();
+    in6_addr ones{};
+    std::fill(std::begin(ones.s6_addr), std::end(ones.s6_addr), std::uint8_t{0xff});
+    const in6_addr mask = wfoal::Ipv6Network{ones, network.prefix}.base();
+    matchPrefix(offset, reinterpret_cast<const char*>(&network.address), reinterpret_cast<const char*>(&mask),
+                sizeof mask, network.prefix);
 }
 
 void NftRule::matchProtocol(std::uint8_t protocol)
@@ -146,6 +181,14 @@ void NftRule::matchPort(std::uint32_t offset, std::uint16_t port)
     matchHeader(NFT_PAYLOAD_TRANSPORT_HEADER, offset, {reinterpret_cast<const char*>(&bytes), sizeof bytes});
 }
 
+void NftRule::matchType(std::uint8_t first, std::uint8_t last)
+{
+    flush();
+    load(NFT_PAYLOAD_TRANSPORT_HEADER, 0, sizeof first);
+    compareBy(NFT_CMP_GTE, &first, sizeof first);
+    compareBy(NFT_CMP_LTE, &last, sizeof last);
+}
+
 void NftRule::decide(std::uint32_t verdict)
 {
     flush();
@@ -153,6 +196,15 @@ void NftRule::decide(std::uint32_t verdict)
     nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
     nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_VERDICT, verdict);
     append(std::move(immediate));
+}
+
+void NftRule::reject()
+{
+    flush();
+    NftnlExprPtr reject = newExpression("reject");
+    nftnl_expr_set_u32(reject.get(), NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMPX_UNREACH);
+    nftnl_expr_set_u8(reject.get(), NFTNL_EXPR_REJECT_CODE, NFT_REJECT_ICMPX_ADMIN_PROHIBITED);
+    append(std::move(reject));
 }
 
 void NftRule::jump(const std::string& chain)

@@ -10,6 +10,7 @@
 #include "firewall/NftTransaction.h"
 #include "handles/Nftnl.h"
 #include "net/Ipv4.h"
+#include "net/Ipv6.h"
 
 namespace vknetconfig {
 
@@ -20,13 +21,20 @@ public:
 
     void matchInterface(bool isInput, const std::string& name);
     void matchIpv4();
+    void matchIpv6();
     /// `offset` in the IPv4 header; `prefix` from 1 to 32. IPv4 packets only.
     void matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& network);
+    /// `offset` in the IPv6 header; `prefix` from 1 to 128. IPv6 packets only.
+    void matchAddress(std::uint32_t offset, const wfoal::Ipv6Network& network);
     void matchProtocol(std::uint8_t protocol);
     /// `offset` in the header of a protocol that was matched before.
     void matchPort(std::uint32_t offset, std::uint16_t port);
+    /// The first byte of a header of a protocol that was matched before.
+    void matchType(std::uint8_t first, std::uint8_t last);
     /// NF_ACCEPT or NF_DROP.
     void decide(std::uint32_t verdict);
+    /// Refuses the packet with the ICMP or ICMPv6 error "administratively prohibited".
+    void reject();
     void jump(const std::string& chain);
 
     void addTo(NftTransaction& transaction);
@@ -43,13 +51,17 @@ private:
     void matchHeader(std::uint32_t base, std::uint32_t offset, std::string bytes);
     void flush();
     void load(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
-    void mask(std::uint32_t bits);
+    void mask(const void* bits, std::size_t size);
     void compare(const void* value, std::size_t size);
+    void compareBy(std::uint32_t operation, const void* value, std::size_t size);
+    void matchFamily(std::uint8_t family);
+    void matchPrefix(std::uint32_t offset, const char* address, const char* bits, std::size_t size,
+                     std::uint8_t prefix);
     void append(NftnlExprPtr expression);
 
     NftnlRulePtr mRule;
     Comparison mPending;
-    bool mIsIpv4 = false;
+    std::uint8_t mFamily = 0;  // NFPROTO_..., when it was matched
 };
 
 }  // namespace vknetconfig

@@ -79,7 +79,7 @@ std::string InterfaceControl::subjectOf(const std::string& ifName)
     return std::string(subjectPrefix) + ifName;
 }
 
-void InterfaceControl::apply(const InterfaceRequest& request)
+void InterfaceControl::apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard)
 {
     mSocket.followNamespace();
     const std::string subject = subjectOf(request.ifName);
@@ -87,7 +87,9 @@ void InterfaceControl::apply(const InterfaceRequest& request)
     const bool isOurs = mUndoLog.owns(subject);
     InterfaceRecord earlier = readRecord(subject, mUndoLog.own(subject));
     if (!isOurs) earlier = mInstalled.installedPart(std::move(earlier));
+    GuardChange guardChange(mGuards, request.ifName, guard);
     replace(request, subject, earlier);
+    guardChange.commit();
     ownership.keep();
 }
 
@@ -120,6 +122,7 @@ void InterfaceControl::remove(const std::string& ifName)
     NewOwnership ownership(mUndoLog, subject);
     const InterfaceRecord record = readRecord(subject, mUndoLog.ownForRemoval(subject));
     removeInstalled(record);
+    mGuards.remove(ifName);
     forget(subject, record);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration removed", ifName.c_str());
 }

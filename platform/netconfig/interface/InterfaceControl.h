@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "dns/Dns.h"
+#include "guard/GuardControl.h"
 #include "interface/InstalledConfiguration.h"
 #include "interface/InterfaceRecord.h"
 #include "interface/InterfaceRequest.h"
@@ -22,13 +23,14 @@ namespace vknetconfig {
 
 class InterfaceControl {
 public:
-    explicit InterfaceControl(UndoLog& undoLog) : mUndoLog(undoLog) {}
+    InterfaceControl(UndoLog& undoLog, GuardControl& guards) : mUndoLog(undoLog), mGuards(guards) {}
 
     /// Installs the configuration, in place of the one that the interface has from here, or from a process that has
-    /// ended. Only the difference is changed. The earlier one stays installed when this one fails.
-    void apply(const InterfaceRequest& request);
+    /// ended. Only the difference is changed. The earlier one stays installed when this one fails. The guard, when
+    /// there is one, is installed before the routes.
+    void apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard);
 
-    /// Removes what is installed on the interface.
+    /// Removes what is installed on the interface, and then its guard.
     void remove(const std::string& ifName);
 
     /// The subject in the undo log for an interface.
@@ -36,7 +38,7 @@ public:
 
     /// True for subjects of the undo log that stand for an interface.
     static bool isSubject(std::string_view subject);
-    /// Removes what an ended process had installed.
+    /// Removes what an ended process had installed, except for its guard, which is a subject of its own.
     void removeStale(const std::string& subject);
 
 private:
@@ -68,6 +70,7 @@ private:
     void removeInstalled(const InterfaceRecord& record);
 
     UndoLog& mUndoLog;
+    GuardControl& mGuards;
     NetlinkSocket mSocket;
     InstalledConfiguration mInstalled{mSocket};
     Dns mDns;

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The connections of this process: the far ends of its connected TCP and UDP sockets.
+#ifndef VKNETCONFIG_AGENTCONNECTIONS_H
+#define VKNETCONFIG_AGENTCONNECTIONS_H
+
+#include "guard/GuardRules.h"
+
+namespace vknetconfig {
+
+/// Adds them to the rules, sorted, each once. What cannot be found out is left out: then less is let through.
+void addAgentConnections(GuardRules& rules);
+
+}  // namespace vknetconfig
+
+#endif
