@@ -5,11 +5,13 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <tuple>
 
+#include "RequestError.h"
 #include "handles/Stdio.h"
 
 namespace vknetconfig {
@@ -66,8 +68,9 @@ void sortOnce(Connections& connections)
 
 void addAgentConnections(GuardRules& rules)
 {
-    const DirPtr folder(opendir("/proc/self/fd"));
-    if (!folder) return;
+    constexpr char path[] = "/proc/self/fd";
+    const DirPtr folder(opendir(path));
+    if (!folder) throw systemError("guard", path, errno);
     while (const dirent* const entry = readdir(folder.get())) {
         if (entry->d_name[0] != '.') addConnection(rules, std::atoi(entry->d_name));
     }

@@ -8,7 +8,7 @@
 
 namespace vknetconfig {
 
-/// Adds them to the rules, sorted, each once. What cannot be found out is left out: then less is let through.
+/// Adds them to the rules, sorted, each once. Throws a RequestError with the key "guard" when they cannot be listed.
 void addAgentConnections(GuardRules& rules);
 
 }  // namespace vknetconfig
