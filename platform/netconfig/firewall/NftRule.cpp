@@ -122,7 +122,6 @@ void NftRule::matchInterface(bool isInput, const std::string& name)
 
 void NftRule::matchFamily(std::uint8_t family)
 {
-    if (mFamily == family) return;
     matchMeta(NFT_META_NFPROTO, &family, sizeof family);
     mFamily = family;
 }
@@ -153,7 +152,7 @@ void NftRule::matchPrefix(std::uint32_t offset, const char* address, const char*
 
 void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& network)
 {
-    matchIpv4();
+    if (mFamily != NFPROTO_IPV4) matchIpv4();
     const in_addr_t address = network.address.bits;
     const in_addr_t mask = network.mask().bits;
     matchPrefix(offset, reinterpret_cast<const char*>(&address), reinterpret_cast<const char*>(&mask), sizeof address,
@@ -162,7 +161,7 @@ void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv4Network& netwo
 
 void NftRule::matchAddress(std::uint32_t offset, const wfoal::Ipv6Network& network)
 {
-    matchIpv6();
+    if (mFamily != NFPROTO_IPV6) matchIpv6();
     in6_addr ones{};
     std::fill(std::begin(ones.s6_addr), std::end(ones.s6_addr), std::uint8_t{0xff});
     const in6_addr mask = wfoal::Ipv6Network{ones, network.prefix}.base();

@@ -12,6 +12,7 @@
 #include "KernelState.h"
 #include "NftText.h"
 #include "firewall/NftTable.h"
+#include "firewall/TableMessages.h"
 
 using namespace vknetconfig;
 using testing::HasSubstr;

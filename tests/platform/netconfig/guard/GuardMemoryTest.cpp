@@ -86,7 +86,8 @@ TEST_F(GuardMemoryTest, RemovalNeverLeavesTheRoutesWithoutTheGuard)
         result = CmDelInterfaceCfg("vpn0");
         failMalloc(0);
         const std::string now = state();
-        if (now.find("proto 119") != std::string::npos) EXPECT_THAT(now, HasSubstr("reject")) << failures;
+        const bool hasRoutes = now.find("proto 119") != std::string::npos;
+        EXPECT_TRUE(!hasRoutes || now.find("reject") != std::string::npos) << failures;
     }
     EXPECT_GT(failures, 30);
     EXPECT_EQ(state(), mBefore);
