@@ -42,8 +42,8 @@ extern "C" {
  *
  * Only "ifName" is required; "ip" and "netmask" come together, as they do in a route. A route without a gateway (null,
  * "" or "0.0.0.0") goes to the interface itself. Any other key is refused. With "gateway", or a route to 0.0.0.0/0, all
- * traffic goes into the interface by two /1 routes; the device's own default routes stay. A configuration that takes all
- * traffic has a guard: IPv6 that would leave beside the interface is rejected until it is removed or replaced.
+ * traffic goes into the interface by two /1 routes; the device's own default routes stay. A configuration that takes
+ * all traffic has a guard: IPv6 that would leave beside the interface is rejected until it is removed or replaced.
  * /etc/vpnwfoal/platform.conf and VKNETCONFIG_BYPASS in the environment say what may leave all the same. */
 int CmAddInterfaceCfg2(const char* json);
 
