@@ -9,7 +9,7 @@ namespace {
 
 constexpr int longestSilence = 5000;  // milliseconds; the kernel answers while it is asked
 
-// A dump that failed on the way ends with the reason.
+// A dump that failed in the middle ends with the reason.
 int errorOfEnd(const nlmsghdr& message)
 {
     return message.nlmsg_len < sizeof message + sizeof(int) ? 0 : errorOf(message);
@@ -62,7 +62,7 @@ int receiveAnswer(int socket, NetlinkDatagram& datagram, std::uint32_t sequence,
 {
     Answer answer(sequence, visit);
     while (!answer.hasEnded()) {
-        // When some of it is lost, its end may be.
+        // When a part is lost, the end may be lost too.
         switch (datagram.receive(socket, answer.isWhole() ? longestSilence : 0)) {
         case NetlinkReceived::failed: return errno;
         case NetlinkReceived::nothing: return answer.isWhole() ? ETIMEDOUT : EINTR;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One datagram from the kernel, message by message. The one place that judges what a netlink socket yields: datagrams
-// of other processes are dropped, and no length in a message makes a reader leave the datagram.
+// One datagram from the kernel, message by message. All netlink sockets are read here: datagrams of other processes are
+// dropped, and no length in a message makes a reader leave the datagram.
 #ifndef WFOAL_NETLINKDATAGRAM_H
 #define WFOAL_NETLINKDATAGRAM_H
 
@@ -24,14 +24,14 @@ public:
     /// `room`: bytes of the longest datagram. The kernel makes its dumps as long as the room, up to 32 KiB.
     explicit NetlinkDatagram(std::size_t room = std::size_t{32} * 1024);
 
-    /// Takes the next datagram of the kernel; waits for it for at most `patience` milliseconds. What other processes
-    /// have sent is dropped on the way. The socket may be blocking or not.
+    /// Takes the next datagram of the kernel; waits for it for at most `patience` milliseconds. Drops datagrams of
+    /// other processes. The socket may be blocking or not.
     NetlinkReceived receive(int socket, int patience);
-    /// Takes bytes as if they were received; false when they are too many. For tests.
+    /// Takes bytes as if they were received; false when there are too many. For tests.
     bool assign(const void* bytes, std::size_t size);
 
-    /// The next message; null after the last whole one. Aligned, and valid until the next datagram. After it at least
-    /// as many bytes are readable as rounding its length up to a multiple of four makes a reader look at.
+    /// The next message; null after the last complete one. Aligned, and valid until the next datagram. The bytes up to
+    /// its length rounded up to a multiple of four are readable.
     const nlmsghdr* next();
 
 private:

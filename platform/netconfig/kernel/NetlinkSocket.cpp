@@ -29,7 +29,7 @@ constexpr auto longestRepetition = std::chrono::seconds(3);
 
 }  // namespace
 
-// The kernel's own words. They follow the error at once, as the request's payload is not echoed.
+// The attributes follow the error directly, because the request's payload is not echoed.
 std::string kernelText(const nlmsghdr* message)
 {
     std::string text;
@@ -64,7 +64,7 @@ mnl_socket* NetlinkSocket::handle()
     if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("bind");
     int on = 1;
     if (mnl_socket_setsockopt(socket.get(), NETLINK_CAP_ACK, &on, sizeof on) < 0) fail("set up");
-    // Optional features:: the kernel's own words, dumps filtered by the kernel, room for many errors.
+    // Optional features: the kernel's own explanations, dumps filtered by the kernel, room for many errors.
     mnl_socket_setsockopt(socket.get(), NETLINK_EXT_ACK, &on, sizeof on);
     mnl_socket_setsockopt(socket.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
@@ -106,7 +106,7 @@ int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghd
     while (true) {
         request->nlmsg_seq = nextSequence();
         send(request, request->nlmsg_len);
-        // Kept until the answer is known to be whole. Rounded up, as libmnl reads to there.
+        // Kept until the answer is known to be complete. Rounded up, because libmnl reads up to there.
         std::vector<std::vector<char>> answer;
         const int error =
             wfoal::receiveAnswer(descriptor(), mDatagram, request->nlmsg_seq, [&answer](const nlmsghdr& message) {
@@ -161,7 +161,7 @@ void NetlinkBatch::send()
     mSocket.send(mBuffer.data(), mUsed);
     mUsed = 0;
     mLast = nullptr;
-    // When answers are lost, the acknowledgement may be among them; the first error, being the oldest, never is.
+    // Lost answers may include the acknowledgement, but never the first error, which is the oldest answer.
     bool isLossy = false;
     bool isComplete = false;
     while (!isComplete) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Talking with the kernel over netlink: batches of changes whose errors are matched by sequence number, and dumps.
-// Knows nothing of what the messages mean. Failures of the socket itself throw a RequestError with the socket's key.
+// Requests to the kernel over netlink: batches of changes whose errors are matched by sequence number, and dumps. Does
+// not know the meaning of the messages. Failures of the socket throw a RequestError with the socket's key.
 #ifndef VKNETCONFIG_NETLINKSOCKET_H
 #define VKNETCONFIG_NETLINKSOCKET_H
 
@@ -22,11 +22,11 @@ namespace vknetconfig {
 struct NetlinkFailure {
     std::size_t index = 0;  // of the message in its batch, from 0
     int error = 0;          // errno value
-    std::string text;       // the kernel's own words, when it has some
+    std::string text;       // the kernel's own explanation; may be empty
     std::string reason() const;
 };
 
-/// The kernel's own words in an error; empty when there are none.
+/// The kernel's own explanation in an error; may be empty.
 std::string kernelText(const nlmsghdr* message);
 
 class NetlinkSocket {
@@ -38,17 +38,17 @@ public:
     /// Opens the socket at the first use; it stays open for later requests.
     mnl_socket* handle();
 
-    /// Closes a socket that belongs to another network namespace than the calling thread does by now.
+    /// Closes a socket that belongs to another network namespace than the calling thread.
     void followNamespace();
 
-    /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value; an
-    /// answer that a concurrent change interrupted is asked for again, for some seconds; then the result is EINTR.
+    /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value. When a
+    /// concurrent change interrupts the answer, the request is retried for some seconds; then the result is EINTR.
     int ask(nlmsghdr* request, const std::function<void(const nlmsghdr*)>& visit);
 
     int descriptor();
     std::uint32_t nextSequence() { return ++mSequence; }
     void send(const void* messages, std::size_t size);
-    /// Waits for answers, but not when some were lost: the last one may be among them. Never `failed`.
+    /// Waits for answers, except when some were lost: the last one may be among them. Never `failed`.
     wfoal::NetlinkReceived receive(bool isLossy);
     const nlmsghdr* nextMessage() { return mDatagram.next(); }
 
@@ -70,14 +70,14 @@ public:
     /// tolerated: errno values that are no failure here.
     NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated);
 
-    /// A header to put one message of at most 1024 bytes under; valid until the next call.
+    /// The header of a new message of at most 1024 bytes; valid until the next call.
     nlmsghdr* add(std::uint16_t type, std::uint16_t flags);
 
-    /// Sends what is left. The failures that the kernel reported, in order; those of many may be incomplete, but the
-    /// first is always there.
+    /// Sends the rest. Returns the failures that the kernel reported, in order. Of many failures some may be missing,
+    /// but never the first one.
     const std::vector<NetlinkFailure>& finish();
 
-    /// True once a failure is known: the rest can as well be left out.
+    /// True once a failure is known, so the rest need not be sent.
     bool hasFailed() const { return !mFailures.empty(); }
 
 private:

@@ -5,65 +5,25 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "CommandError.h"
 #include "Decisions/RouteParser.h"
-#include "handles/UniqueFd.h"
 #include "net/Ipv4.h"
+#include "netlink/NetlinkDump.h"
 
 namespace vpnoalctl {
 
-namespace {
-
-constexpr char what[] = "reading the routing table";
-
-CommandError failure()
-{
-    return systemError(what, errno, "run it again");
-}
-
-void request(int socket)
-{
-    struct {
-        nlmsghdr header;
-        rtmsg route;
-    } message{};
-    message.header.nlmsg_len = sizeof message;
-    message.header.nlmsg_type = RTM_GETROUTE;
-    message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    message.route.rtm_family = AF_INET;
-    if (send(socket, &message, sizeof message, 0) < 0) throw failure();
-}
-
-// False at the end of the dump.
-bool takeDatagram(int socket, std::vector<RouteInfo>& routes)
-{
-    alignas(nlmsghdr) unsigned char buffer[32768];
-    const ssize_t received = recv(socket, buffer, sizeof buffer, 0);
-    if (received < 0) throw failure();
-    for (wfoal::MessageWalk walk(buffer, static_cast<std::size_t>(received)); walk.valid(); walk.next()) {
-        if (walk.header().nlmsg_type == NLMSG_DONE) return false;
-        if (walk.header().nlmsg_type == NLMSG_ERROR) throw CommandError(what, "the kernel refuses", "run it again");
-        if (walk.header().nlmsg_type != RTM_NEWROUTE) continue;
-        RouteInfo route{};
-        wfoal::parseRouteMessage(walk.message(), walk.header().nlmsg_len, route);
-        routes.push_back(route);
-    }
-    return true;
-}
-
-}  // namespace
-
 std::vector<RouteInfo> kernelRoutes()
 {
-    const UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!socket.valid()) throw failure();
-    request(socket.get());
     std::vector<RouteInfo> routes;
-    while (takeDatagram(socket.get(), routes)) {
-    }
+    const int error = wfoal::dumpTables(
+        {{RTM_GETROUTE, AF_INET}}, [&] { routes.clear(); },
+        [&](const nlmsghdr& message) {
+            if (message.nlmsg_type != RTM_NEWROUTE) return;
+            RouteInfo route{};
+            wfoal::parseRouteMessage(&message, message.nlmsg_len, route);
+            routes.push_back(route);
+        });
+    if (error != 0) throw systemError("reading the routing table", error, "run it again");
     return routes;
 }
 
