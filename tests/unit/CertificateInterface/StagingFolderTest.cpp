@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "CertificateInterface.h"
+#include "CertificateInterface/ImportReply.h"
 #include "CertificateInterface/Pkcs12Import.h"
 #include "ChildProcess.h"
 #include "FakeQuorService.h"
@@ -72,6 +73,8 @@ protected:
         fakes::bus() = fakes::BusState{};
         fakes::clearLog();
         mUmask = umask(0);
+        // Nobody answers an import that is not refused.
+        wfoal::importReplyTimeout = std::chrono::milliseconds(10);
     }
     void TearDown() override
     {
