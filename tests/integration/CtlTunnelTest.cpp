@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -85,6 +86,15 @@ protected:
         runCommand({"ip", "route", "add", "default", "via", "192.168.7.1"});
         settle();
         mBefore = state();
+    }
+
+    // Nothing is left for the next test of the same run.
+    void TearDown() override
+    {
+        for (const char* name : {"norvatun0", "wlan0"})
+            runCommand({"ip", "link", "delete", name});
+        runCommand({"nft", "flush", "ruleset"});
+        std::filesystem::remove_all("/run/vknetconfig");
     }
 
     // The kernel finishes IPv6 addresses of new devices in its own time; here none are wanted.
