@@ -3,6 +3,7 @@
 // vpnoalctl with the real platform on a real kernel; ip and nft are the judges.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <chrono>
@@ -124,6 +125,16 @@ protected:
         return connecting;
     }
 
+    // Waits for the end of a program that is to end by now. -1 when it does not.
+    static int exitCodeOf(ChildProcess& ending)
+    {
+        pollfd end{ending.endDescriptor(), POLLIN, 0};
+        if (poll(&end, 1, 30000) == 1) return ending.wait();
+        ADD_FAILURE() << "still runs: " << contentOf(output);
+        ending.stop();
+        return -1;
+    }
+
     static void makeDevice()
     {
         runCommand({"ip", "tuntap", "add", "mode", "tun", "norvatun0"});
@@ -151,7 +162,7 @@ TEST_F(CtlTunnelTest, ConnectPutsEverythingInForceAndTakesEverythingBack)
     expectInForce();
     EXPECT_THAT(runCommand({"ip", "address", "show", "norvatun0"}).output, HasSubstr("inet 10.8.0.2 peer 10.8.0.1/24"));
     connecting.sendSignal(SIGINT);
-    EXPECT_EQ(0, connecting.wait());
+    EXPECT_EQ(0, exitCodeOf(connecting));
     expectStateAsBefore();
 }
 
@@ -162,7 +173,7 @@ TEST_F(CtlTunnelTest, DefaultRouteLeavesTheDevicesOwnDefaultRoute)
     EXPECT_THAT(routes(), HasSubstr("default via 192.168.7.1 dev wlan0"));
     EXPECT_THAT(runCommand({"ip", "route", "get", "198.51.100.1"}).output, HasSubstr("dev norvatun0"));
     connecting.sendSignal(SIGTERM);
-    EXPECT_EQ(0, connecting.wait());
+    EXPECT_EQ(0, exitCodeOf(connecting));
     expectStateAsBefore();
 }
 
@@ -202,7 +213,7 @@ TEST_F(CtlTunnelTest, KilledConnectIsCleanedUpByTheNextRun)
     writeProfile(goodProfile);
     ChildProcess connecting = connect();
     connecting.sendSignal(SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, connecting.wait());
+    EXPECT_EQ(128 + SIGKILL, exitCodeOf(connecting));
     EXPECT_THAT(filter(), HasSubstr("vpn.vpnoal"));
     EXPECT_EQ(0, run({"restore"}).status);
     expectStateAsBefore();
@@ -217,7 +228,7 @@ TEST_F(CtlTunnelTest, KilledConnectDoesNotStandInTheWayOfTheNextOne)
     ChildProcess connecting = connect();
     expectInForce();
     connecting.sendSignal(SIGINT);
-    EXPECT_EQ(0, connecting.wait());
+    EXPECT_EQ(0, exitCodeOf(connecting));
     expectStateAsBefore();
 }
 
@@ -239,7 +250,7 @@ TEST_F(CtlTunnelTest, ALiveTunnelIsNeitherReplacedNorRemoved)
                                            "; end that process, or remove the configuration with --force\n"));
     EXPECT_EQ(connected, state());
     connecting.sendSignal(SIGINT);
-    EXPECT_EQ(0, connecting.wait());
+    EXPECT_EQ(0, exitCodeOf(connecting));
     expectStateAsBefore();
 }
 
@@ -250,7 +261,7 @@ TEST_F(CtlTunnelTest, ConnectNoticesThatItsConfigurationWasTakenByForce)
     const CommandResult restored = run({"restore", "--force"});
     EXPECT_EQ(0, restored.status) << restored.output;
     EXPECT_THAT(restored.output, HasSubstr("The tunnel's configuration is removed."));
-    EXPECT_EQ(1, connecting.wait());
+    EXPECT_EQ(1, exitCodeOf(connecting));
     EXPECT_THAT(contentOf(output),
                 HasSubstr("vpnoalctl: norvatun0: another process removed the tunnel's configuration; "
                           "the log names it; connect again when it is wanted\n"));
@@ -288,7 +299,7 @@ TEST_F(CtlTunnelTest, DeviceThatIsRemovedMeanwhileLeavesNothing)
     writeProfile(goodProfile);
     ChildProcess connecting = connect();
     runCommand({"ip", "link", "delete", "norvatun0"});
-    EXPECT_EQ(1, connecting.wait());
+    EXPECT_EQ(1, exitCodeOf(connecting));
     expectStateAsBefore();
 }
 
