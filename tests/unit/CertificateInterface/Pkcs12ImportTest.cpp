@@ -2,6 +2,7 @@
 //
 // Importing a PKCS#12 bundle, with a certificate manager that answers as each test says.
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -22,6 +23,18 @@
 #include "FailingNew.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
+
+// Fulfilled when an import begins to wait. It holds the mutex, which a newer import needs, until it waits.
+static std::atomic<std::promise<void>*> sImportWaits{nullptr};
+
+extern "C" int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                             const timespec* end);
+extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                             const timespec* end)
+{
+    if (std::promise<void>* waits = sImportWaits.exchange(nullptr)) waits->set_value();
+    return __real_pthread_cond_clockwait(condition, mutex, clock, end);
+}
 
 namespace {
 
@@ -227,10 +240,10 @@ TEST_F(Pkcs12ImportTest, PasswordThatTheBusCannotCarryIsNamed)
 TEST_F(Pkcs12ImportTest, NewerImportEndsTheWaitOfTheOlderAtOnce)
 {
     PluginResult older = PLUGIN_SUCCESS;
-    std::promise<void> sent;
+    std::promise<void> waits;
     std::promise<void> ended;
     std::future<void> end = ended.get_future();
-    fakes::bus().onCall = [&](const fakes::BusCall&) { sent.set_value(); };
+    sImportWaits = &waits;
     std::thread waiting([&] {
         ClientCertHandle* handle = nullptr;
         bool first = false;
@@ -242,7 +255,7 @@ TEST_F(Pkcs12ImportTest, NewerImportEndsTheWaitOfTheOlderAtOnce)
         ended.set_value();
     });
     const JoinAtEnd joined{waiting};
-    sent.get_future().wait();
+    waits.get_future().wait();
     fakes::bus().onCall = [&](const fakes::BusCall& made) {
         mEventThread = std::thread([&end, made] {
             EXPECT_EQ(std::future_status::ready, end.wait_for(std::chrono::seconds(30)));
