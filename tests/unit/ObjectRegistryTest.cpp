@@ -4,13 +4,17 @@
 #include "ObjectRegistry.h"
 
 #include <gmock/gmock.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <future>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,9 +31,18 @@
 
 namespace {
 
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+
+/// Processor time of the calling thread.
+microseconds processorTime()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return seconds(now.tv_sec) + microseconds(now.tv_nsec / 1000);
+}
 
 /// Stops whoever passes until it is opened.
 class Gate {
@@ -37,8 +50,12 @@ public:
     void pass()
     {
         ++mArrived;
+        if (mWork != microseconds(0)) return work();
         mOpened.get_future().wait();
     }
+    /// Whoever passes uses up this much processor time instead of sleeping, and goes on.
+    void makeBusy(microseconds work) { mWork = work; }
+    bool isWorkDone() const { return mIsWorkDone; }
     void waitForArrival() const
     {
         while (mArrived.load() == 0)
@@ -47,7 +64,16 @@ public:
     void open() { mOpened.set_value(); }
 
 private:
+    void work()
+    {
+        for (const microseconds end = processorTime() + mWork; processorTime() < end;) {
+        }
+        mIsWorkDone = true;
+    }
+
     std::atomic<int> mArrived{0};
+    microseconds mWork{0};
+    std::atomic<bool> mIsWorkDone{false};
     std::promise<void> mOpened;
 };
 
@@ -66,14 +92,6 @@ private:
     Gate& mGate;
     std::atomic<bool>& mIsGone;
 };
-
-/// Processor time of the calling thread.
-milliseconds processorTime()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return seconds(now.tv_sec) + milliseconds(now.tv_nsec / 1000000);
-}
 
 class ObjectRegistryTest : public testing::Test {
 protected:
@@ -111,7 +129,7 @@ TEST_F(ObjectRegistryTest, ObjectInUseIsDisposedOfWhenTheUseEnds)
 {
     useSocket();
     auto disposal = std::async(std::launch::async, [this] {
-        const milliseconds before = processorTime();
+        const microseconds before = processorTime();
         DisposePlugin(mSocket);
         return processorTime() - before;
     });
@@ -133,6 +151,67 @@ TEST_F(ObjectRegistryTest, OtherObjectsAreDisposedOfAtOnce)
     });
     EXPECT_EQ(std::future_status::ready, disposal.wait_for(seconds(5)));
     mGate.open();
+}
+
+/// All threads share one processor, which a thread of a real-time priority leaves to the others only while it sleeps.
+class RealTimeDisposalTest : public ObjectRegistryTest {
+protected:
+    RealTimeDisposalTest()
+    {
+        sched_getaffinity(0, sizeof mBefore, &mBefore);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(static_cast<std::size_t>(sched_getcpu()), &one);
+        sched_setaffinity(0, sizeof one, &one);
+        mGate.makeBusy(milliseconds(100));
+    }
+    ~RealTimeDisposalTest() override { sched_setaffinity(0, sizeof mBefore, &mBefore); }
+
+    struct Cost {
+        int refusal = 0;  // errno, when there is no such priority for this thread
+        microseconds time{0};
+        microseconds processor{0};
+        bool wasInUse = false;  // when the disposal was done
+    };
+
+    Cost dispose(Plugin* object) const
+    {
+        Cost cost;
+        std::thread([&] {
+            const sched_param priority{10};
+            cost.refusal = pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
+            const steady_clock::time_point begin = steady_clock::now();
+            const microseconds used = processorTime();
+            DisposePlugin(object);
+            cost.processor = processorTime() - used;
+            cost.time = std::chrono::duration_cast<microseconds>(steady_clock::now() - begin);
+            cost.wasInUse = !mGate.isWorkDone();
+        }).join();
+        std::cout << "disposed of after " << cost.time.count() << " us, " << cost.processor.count()
+                  << " us of processor time\n";
+        return cost;
+    }
+
+    cpu_set_t mBefore{};
+};
+
+TEST_F(RealTimeDisposalTest, UnrelatedObjectIsDisposedOfWithoutAWait)
+{
+    useSocket();
+    const Cost cost = dispose(new StorageInterface);
+    if (cost.refusal != 0) GTEST_SKIP() << "no real-time priority: " << std::strerror(cost.refusal);
+    EXPECT_TRUE(cost.wasInUse) << "waited for the event thread";
+    EXPECT_LT(cost.processor, milliseconds(20));
+}
+
+TEST_F(RealTimeDisposalTest, WaitForAnObjectInUseLeavesTheProcessorToItsUser)
+{
+    useSocket();
+    const Cost cost = dispose(mSocket);
+    if (cost.refusal != 0) GTEST_SKIP() << "no real-time priority: " << std::strerror(cost.refusal);
+    EXPECT_TRUE(mIsGone);
+    EXPECT_GT(cost.time, milliseconds(20)) << "did not wait";
+    EXPECT_LT(cost.processor, milliseconds(20));
 }
 
 TEST_F(ObjectRegistryTest, ObjectThatANewerOneReplacedIsWaitedForAsWell)
