@@ -92,7 +92,7 @@ TEST_F(ResolvconfTest, ServersAndSearchDomainsAreHandedOver)
               "-a norvatun0.vknetconfig\nnameserver 10.8.0.1\nnameserver 10.8.0.2\nsearch corp.test lab.test\n");
 }
 
-TEST_F(ResolvconfTest, TakingBackRemovesOurEntryOnly)
+TEST_F(ResolvconfTest, UndoRemovesOurEntryOnly)
 {
     install();
     const std::string prepared = dns.prepare(link0, tunnel());
@@ -172,7 +172,7 @@ TEST_F(ResolvconfTest, AToolThatHangsIsKilledWithWhatItStarted)
     FAIL() << "still running: " << status;
 }
 
-TEST_F(ResolvconfTest, TakingBackAfterTheToolIsGoneSucceeds)
+TEST_F(ResolvconfTest, UndoAfterTheToolIsGoneSucceeds)
 {
     install();
     const std::string prepared = dns.prepare(link0, tunnel());

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The packet filter in a real kernel, judged by nft and by packets.
-#include <arpa/inet.h>
+// The packet filter in a real kernel, judged by nft.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/capability.h>
-#include <poll.h>
 #include <sched.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,44 +19,18 @@
 #include <set>
 #include <thread>
 
+#include "FirewallFixture.h"
 #include "Isolation.h"
 #include "SystemCallKiller.h"
-#include "VkNetConfigLib.h"
 #include "handles/Stdio.h"
-#include "handles/UniqueFd.h"
 
 using testing::HasSubstr;
 
 namespace {
 
-constexpr char removal[] = R"({"label":"vpn.vpnoal","chainDelete":"NORVA"})";
-constexpr char dropAll[] = R"({"operation":"append","jumpTo":"DROP"})";
-
-std::string outputOf(const std::string& command)
-{
-    const PipePtr pipe(popen((command + " 2>&1").c_str(), "r"));
-    std::string output;
-    char part[4096];
-    std::size_t count = 0;
-    while ((count = fread(part, 1, sizeof part, pipe.get())) > 0)
-        output.append(part, count);
-    return output;
-}
-
 std::string ruleset()
 {
     return outputOf("nft list ruleset");
-}
-
-std::string request(const std::string& rules, const std::string& label = "vpn.vpnoal",
-                    const std::string& chain = "NORVA")
-{
-    return R"({"label":")" + label + R"(","chainNew":")" + chain + R"(","rules":[)" + rules + "]}";
-}
-
-int control(const std::string& json)
-{
-    return VkFirewallFullCtrl(json.c_str());
 }
 
 std::string table(const std::string& rules, const std::string& label = "vpn.vpnoal")
@@ -99,18 +70,8 @@ std::size_t threadCount()
     return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
-class FirewallKernelTest : public testing::Test {
+class FirewallKernelTest : public FirewallFixture {
 protected:
-    void SetUp() override
-    {
-        setenv("VKLOG_TARGET", "stderr", 1);
-        outputOf("nft flush ruleset");
-    }
-    void TearDown() override
-    {
-        control(removal);
-        outputOf("nft flush ruleset");
-    }
     // What the failing call logs.
     static std::string errorOf(const std::string& json)
     {
@@ -407,113 +368,4 @@ TEST_F(FirewallKernelTest, LoadingAndUnloadingLeavesNothing)
     EXPECT_EQ(openFiles(), files);
     EXPECT_EQ(threadCount(), threads);
     EXPECT_EQ(dlopen(WFOAL_BUILD_DIR "/lib/libVkNetConfigLib.so", RTLD_NOW | RTLD_NOLOAD), nullptr);
-}
-
-namespace {
-
-// Two namespaces on one veth pair: 10.9.0.1 here, 10.9.0.2 over there.
-class FirewallPacketTest : public FirewallKernelTest {
-protected:
-    void SetUp() override
-    {
-        FirewallKernelTest::SetUp();
-        outputOf(
-            "ip netns add peer; ip link add veth0 type veth peer name veth1 netns peer;"
-            "ip addr add 10.9.0.1/24 dev veth0; ip link set veth0 up;"
-            "ip -n peer addr add 10.9.0.2/24 dev veth1; ip -n peer link set veth1 up");
-    }
-    void TearDown() override
-    {
-        outputOf("ip link del veth0; ip netns del peer");
-        FirewallKernelTest::TearDown();
-    }
-    static UniqueFd socketHere(int port)
-    {
-        UniqueFd made(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        const sockaddr_in address = addressOf("0.0.0.0", port);
-        EXPECT_EQ(bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        return made;
-    }
-    // A socket belongs to the namespace it was made in.
-    static UniqueFd socketThere(int port)
-    {
-        UniqueFd made;
-        std::thread([&made, port] {
-            const UniqueFd peer(open("/run/netns/peer", O_RDONLY | O_CLOEXEC));
-            EXPECT_EQ(setns(peer.get(), CLONE_NEWNET), 0);
-            made = socketHere(port);
-        }).join();
-        return made;
-    }
-    static bool sendTo(const UniqueFd& from, const char* address, int port)
-    {
-        const sockaddr_in target = addressOf(address, port);
-        return sendto(from.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 1;
-    }
-    static bool arrives(const UniqueFd& at, int patience)
-    {
-        pollfd waiting{at.get(), POLLIN, 0};
-        char byte = 0;
-        return poll(&waiting, 1, patience) == 1 && recv(at.get(), &byte, 1, 0) == 1;
-    }
-
-    static constexpr int longEnough = 2000;  // milliseconds for a packet that does arrive
-
-private:
-    static sockaddr_in addressOf(const char* address, int port)
-    {
-        sockaddr_in made{};
-        made.sin_family = AF_INET;
-        made.sin_port = htons(static_cast<std::uint16_t>(port));
-        inet_pton(AF_INET, address, &made.sin_addr);
-        return made;
-    }
-};
-
-}  // namespace
-
-TEST_F(FirewallPacketTest, ADroppedPacketDoesNotComeInAndAnAllowedOneDoes)
-{
-    const UniqueFd dropped = socketHere(4001);
-    const UniqueFd allowed = socketHere(4002);
-    const UniqueFd sender = socketThere(5000);
-    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
-    ASSERT_TRUE(arrives(dropped, longEnough)) << "without a filter";
-    ASSERT_EQ(
-        control(request(R"({"operation":"append","source":"10.9.0.0/255.255.255.0","destinationPort":4001,)"
-                        R"("protocol":"UDP","interfaceName":"veth0","interfaceDirection":"in","jumpTo":"DROP"})")),
-        0);
-    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
-    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4002));
-    EXPECT_TRUE(arrives(allowed, longEnough));
-    EXPECT_FALSE(arrives(dropped, 0)) << "it was sent before the one that arrived";
-    ASSERT_EQ(control(removal), 0);
-    ASSERT_TRUE(sendTo(sender, "10.9.0.1", 4001));
-    EXPECT_TRUE(arrives(dropped, longEnough)) << "after the removal";
-}
-
-TEST_F(FirewallPacketTest, ADroppedPacketDoesNotGoOut)
-{
-    const UniqueFd receiver = socketThere(4001);
-    const UniqueFd sender = socketHere(5000);
-    ASSERT_EQ(control(request(R"({"operation":"append","destination":"10.9.0.2","destinationPort":4001,)"
-                              R"("interfaceName":"veth0","interfaceDirection":"out","jumpTo":"DROP"})")),
-              0);
-    EXPECT_FALSE(sendTo(sender, "10.9.0.2", 4001)) << "the kernel tells the sender";
-    EXPECT_FALSE(arrives(receiver, 0));
-    ASSERT_EQ(control(removal), 0);
-    EXPECT_TRUE(sendTo(sender, "10.9.0.2", 4001));
-    EXPECT_TRUE(arrives(receiver, longEnough));
-}
-
-TEST_F(FirewallPacketTest, TheFirstRuleThatMatchesDecides)
-{
-    const UniqueFd receiver = socketThere(4001);
-    const UniqueFd sender = socketHere(5000);
-    const std::string accept = R"({"operation":"append","destination":"10.9.0.2","jumpTo":"ACCEPT"})";
-    ASSERT_EQ(control(request(accept + "," + dropAll)), 0);
-    EXPECT_TRUE(sendTo(sender, "10.9.0.2", 4001));
-    EXPECT_TRUE(arrives(receiver, longEnough));
-    ASSERT_EQ(control(request(std::string(dropAll) + "," + accept)), 0);
-    EXPECT_FALSE(sendTo(sender, "10.9.0.2", 4001));
 }
