@@ -8,7 +8,7 @@
 
 #include <memory>
 
-/// Closes without flushing: what a stalled daemon did not take must not hold anybody up.
+/// Closes without flushing, which could wait for a daemon that does not read.
 struct SdBusReleaser {
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
@@ -30,8 +30,8 @@ struct SdBusSlotReleaser {
 };
 using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
 
-/// Calls a function of sd-bus that has an out-parameter: `call` gets its address. The owner takes the object, or keeps
-/// what it has when the call fails. Returns what the function returns.
+/// Calls a function of sd-bus that makes an object: `call` gets the address of the out-parameter. The owner gets the
+/// object; after a failure it stays as it was. Returns the function's result.
 template <class Owner, class Call>
 int obtain(Owner& owner, Call call)
 {

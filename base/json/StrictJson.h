@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Strict reading of JSON: every value is read as one type, every key must be known, and whatever does not fit
-// throws a JsonError that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are put
-// together only when they are needed. A document owns its text; values and texts live no longer than it.
+// Strict reading of JSON: every value is read as one type, and every key must be known. Other content throws a JsonError
+// that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are built only when they are
+// needed. A document owns its text; values and texts live no longer than it.
 #ifndef WFOAL_STRICTJSON_H
 #define WFOAL_STRICTJSON_H
 
@@ -97,8 +97,8 @@ private:
 
 class JsonDocument {
 public:
-    /// Throws a JsonError when `text` is null or not one JSON value, telling line and column. `name` is what
-    /// errors call the document as a whole; it must outlive the document.
+    /// Throws a JsonError with line and column when `text` is null or not one JSON value. In errors `name` stands for
+    /// the document as a whole; it must outlive the document.
     explicit JsonDocument(const char* text, const char* name = "the request");
     JsonDocument(const JsonDocument&) = delete;
     JsonDocument& operator=(const JsonDocument&) = delete;

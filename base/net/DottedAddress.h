@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// IPv4 addresses as dotted text. Written by hand because a table of half a million routes has a million and a half of
-// them: inet_ntop() goes through a format string and costs several times as much.
+// IPv4 addresses as dotted text. A table of half a million routes has a million and a half addresses, and inet_ntop()
+// costs several times as much.
 #ifndef WFOAL_DOTTEDADDRESS_H
 #define WFOAL_DOTTEDADDRESS_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What names of interfaces and hosts may look like. The platform and the tools apply the same rules.
+// The rules for names of interfaces and hosts, for the platform and the tools.
 #ifndef WFOAL_NAMES_H
 #define WFOAL_NAMES_H
 

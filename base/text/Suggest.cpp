@@ -35,7 +35,7 @@ std::size_t editDistance(std::string_view a, std::string_view b)
 
 std::string nearest(std::string_view word, const std::vector<std::string>& names)
 {
-    constexpr std::size_t longest = 64;  // no name is, and the cost grows with the square
+    constexpr std::size_t longest = 64;  // names are shorter; the cost grows with the square
     if (word.size() > longest) return {};
     std::string best;
     std::size_t bestDistance = longest;

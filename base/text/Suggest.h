@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Guessing what somebody meant who misspelt a name.
+// Suggestions for misspelt names.
 #ifndef WFOAL_SUGGEST_H
 #define WFOAL_SUGGEST_H
 
@@ -10,7 +10,7 @@
 
 namespace wfoal {
 
-/// The name that is nearest to `word`, when it is near: at most a third of its letters differ; else an empty text.
+/// The name nearest to `word` if at most a third of its letters differ; otherwise an empty text.
 std::string nearest(std::string_view word, const std::vector<std::string>& names);
 
 }  // namespace wfoal

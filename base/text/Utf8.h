@@ -13,7 +13,7 @@ namespace wfoal {
 /// byte, half of a surrogate pair, a number above U+10FFFF, or no text at all.
 std::size_t utf8CharacterAt(std::string_view text);
 
-/// Where the first byte that is no UTF-8 is; npos when all of it is.
+/// The position of the first byte that is not UTF-8; npos when there is none.
 std::size_t utf8FaultIn(std::string_view text);
 
 }  // namespace wfoal

@@ -10,8 +10,8 @@
 
 namespace vknetconfig {
 
-/// The context "vknetconfig"; null when the log library has none to give, which prints everything. No lock is taken, as
-/// a child of fork would find it taken for ever.
+/// The context "vknetconfig"; null when the log library has none, which prints everything. Takes no lock: a lock that
+/// another thread holds at fork() would stay locked in the child.
 inline VkLogContext* logContext()
 {
     static std::atomic<VkLogContext*> context{nullptr};

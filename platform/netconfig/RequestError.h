@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Why a request cannot be carried out: thrown inside the library, turned into one log line and a non-zero result at
-// the C boundary. And the names by which the library reads its requests.
+// Why a request fails. It is thrown inside the library; at the C boundary it becomes one log line and a non-zero result.
+// Also the short names for the classes that read requests.
 #ifndef VKNETCONFIG_REQUESTERROR_H
 #define VKNETCONFIG_REQUESTERROR_H
 
@@ -29,7 +29,7 @@ inline void require(const JsonValue& value, const wfoal::Check& check)
     if (!check) value.refuse(check.reason());
 }
 
-/// What a system call said: "WHAT: No space left on device".
+/// A system call that failed: "WHAT: No space left on device".
 inline RequestError systemError(std::string key, const std::string& what, int error)
 {
     return {std::move(key), what + ": " + std::strerror(error)};

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The exported functions. Each reads its request whole before anything else happens, waits for the lock over all
-// processes, removes what is stale, and lets no exception out. No signal of the agent is handled on the
-// calling thread until the request is done.
+// The exported functions. Each reads its whole request first, waits for the lock over all processes, removes what is
+// stale, and lets no exception out. Until the request is done, the calling thread handles no signal of the agent.
 #include "VkNetConfigLib.h"
 
 #include <unistd.h>
@@ -31,9 +30,9 @@ using namespace vknetconfig;
 
 namespace {
 
-// What a request is about. It removes what is stale, except, when it applies, what it adopts. A request
-// for a packet filter leaves interfaces alone: an agent that starts again replaces its filter first, and its interface
-// must keep the routes until they are adopted.
+// The subjects of a request. The request first removes what is stale; one that applies keeps stale entries of its own
+// subjects, to adopt them. A request for a packet filter leaves interfaces alone: an agent that starts again replaces
+// its filter first, and its interface must keep the routes until they are adopted.
 struct Scope {
     std::set<std::string> subjects;
     bool isApplied;
@@ -94,9 +93,8 @@ private:
 
 std::atomic<Session*> spSession{nullptr};
 
-// Made by the first request. A child of fork makes one of its own. The one that it
-// inherited is the parent's, maybe in the middle of a request of a thread that the child does not have: it is left as
-// it is, mutex included.
+// Made by the first request. A child of fork makes its own session. The inherited one is the parent's, and another thread
+// of the parent may have been in the middle of a request. So it is not touched, nor is its mutex.
 Session& currentSession()
 {
     Session* current = spSession.load();
@@ -107,9 +105,9 @@ Session& currentSession()
     return *current;
 }
 
-// A late hook, not the destructor of a static object: static objects of the agent may be destroyed later than those of
-// this library, and still make requests. When the process ends while another thread makes one, all is left to the
-// kernel.
+// A late destructor function, not the destructor of a static object: static objects of the agent may be destroyed later
+// than those of this library, and still make requests. If another thread makes a request while the process ends, nothing
+// is released here.
 __attribute__((destructor(200))) void endSession()
 {
     Session* const current = spSession.load();

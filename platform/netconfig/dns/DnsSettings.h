@@ -28,9 +28,9 @@ bool hasIndex(const Link& link);
 struct DnsSettings {
     std::vector<wfoal::Ipv4Address> servers;
     std::vector<std::string> domains;  // checked names; "~name" is for choosing this link only, not for searching
-    bool allTraffic = false;           // everything goes into the tunnel, so every question does too
+    bool allTraffic = false;           // all traffic goes into the tunnel, so all queries do
 
-    /// Nothing to set: no resolver is needed.
+    /// True when there is nothing to set, so that no resolver is needed.
     bool empty() const { return servers.empty() && domains.empty(); }
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What systemd-resolved has of one link, as plain values: what to set, and what to bring back.
+// The settings of one link in systemd-resolved, as plain values: those to set, and those to restore.
 #ifndef VKNETCONFIG_LINKDNS_H
 #define VKNETCONFIG_LINKDNS_H
 
@@ -13,7 +13,7 @@
 
 namespace vknetconfig {
 
-/// A server as others may have set it: of either family, with a port (0: the usual one) and a name for TLS.
+/// A server, maybe one that another program has set: of either family, with a port (0: the default) and a name for TLS.
 struct DnsServer {
     int family = 0;
     std::string address;  // 4 or 16 bytes
@@ -29,14 +29,14 @@ struct DnsDomain {
 struct LinkDns {
     std::vector<DnsServer> servers;
     std::vector<DnsDomain> domains;
-    bool defaultRoute = false;  // takes questions that no link's domains match
+    bool defaultRoute = false;  // gets the queries that no link's domains match
 };
 
 bool operator==(const DnsServer& left, const DnsServer& right);
 bool operator==(const DnsDomain& left, const DnsDomain& right);
 bool operator==(const LinkDns& left, const LinkDns& right);
 
-/// Names are the same whatever their case and a dot at the end; doubles are dropped, as systemd-resolved does.
+/// Case and a dot at the end do not distinguish names. Repeated names are dropped, as systemd-resolved does.
 ///
 ///     domains | all traffic | default route | set beside the domains
 ///     --------+-------------+---------------+-----------------------
@@ -45,7 +45,7 @@ bool operator==(const LinkDns& left, const LinkDns& right);
 ///     none    | no          | yes           |
 LinkDns resolvedSettingsFor(const DnsSettings& settings);
 
-/// What was set on a link, and what was there before. As text it is one line of words.
+/// The settings that were set on a link, and those before. As text it is one line of words.
 struct LinkChange {
     Link link;
     LinkDns set;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How often something may be done: at most so many times in any span of this length. Values only; the caller brings the
-// time.
+// Limits an action to a number of times in any time span of a given length. Values only; the caller passes the time.
 #ifndef VKNETCONFIG_RATELIMIT_H
 #define VKNETCONFIG_RATELIMIT_H
 
@@ -17,13 +16,13 @@ public:
 
     RateLimit(std::size_t times, Clock::duration span) : mTimes(times), mSpan(span) {}
 
-    /// The earliest moment from `now` on at which it may be done.
+    /// The earliest time from `now` on at which the action is allowed.
     Clock::time_point next(Clock::time_point now) const
     {
         return mDone.size() < mTimes ? now : std::max(now, mDone.front() + mSpan);
     }
 
-    /// It was done at `now`.
+    /// Counts an action at `now`.
     void count(Clock::time_point now)
     {
         mDone.push_back(now);

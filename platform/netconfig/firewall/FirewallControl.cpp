@@ -49,8 +49,8 @@ void FirewallControl::setUp(const FirewallRequest& request)
     }
 }
 
-// The failure may have hit no more than the kernel's answer: the entry is kept until the kernel says that the table is
-// not there. Does not throw: what cannot be rolled back stays in the undo log, for the next request or process.
+// Only the kernel's answer may have been lost, so the entry is kept until the kernel says that there is no table. Does
+// not throw: what cannot be rolled back stays in the undo log, for the next request or process.
 void FirewallControl::rollBack(const std::string& label)
 {
     try {

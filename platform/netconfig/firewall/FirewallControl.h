@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Installs and removes packet filters, each as one transaction of the kernel. That a table is, or may be,
-// there is first written to the undo log. Tables without our mark are never touched. Used under the library's one
-// mutex, while the undo log is locked. Failures throw a RequestError that names the key or the step.
+// Installs and removes packet filters, each as one transaction of the kernel. The undo log names a table before it is
+// made. Tables without our mark are never touched. Used under the library's one mutex, while the undo log is locked.
+// Failures throw a RequestError that names the key or the step.
 #ifndef VKNETCONFIG_FIREWALLCONTROL_H
 #define VKNETCONFIG_FIREWALLCONTROL_H
 
@@ -19,7 +19,7 @@ class FirewallControl {
 public:
     explicit FirewallControl(UndoLog& undoLog) : mUndoLog(undoLog) {}
 
-    /// Sets up or removes what the request asks for.
+    /// Installs or removes the filter of the request.
     void apply(const FirewallRequest& request);
 
     /// The subject in the undo log for a label.

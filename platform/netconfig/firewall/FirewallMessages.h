@@ -20,9 +20,9 @@ public:
     /// Adds the filter, which fails when a table of its name is there. Keeps no reference to the request.
     FirewallMessages(NftTransaction& transaction, const FirewallRequest& request);
 
-    /// What a message of the transaction stands for, as a person would say it: "rules[3]".
+    /// The part of the request that a message of the transaction stands for: "rules[3]".
     std::string subjectOf(std::size_t index) const;
-    /// True when the message is about which tables there are: what was seen before is no longer so.
+    /// True when a refusal of the message means that the tables have changed since they were read.
     bool isAboutTables(std::size_t index) const { return index != 0 && index <= mTable; }
 
 private:

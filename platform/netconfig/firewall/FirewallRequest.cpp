@@ -10,7 +10,7 @@ namespace vknetconfig {
 
 namespace {
 
-// A text of the request and what it stands for.
+// A word of the request and its value.
 template <class Enum>
 struct EnumName {
     std::string_view text;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A request for the packet filter as plain values: whatever is in here was read, checked and can be printed again.
+// A request for the packet filter as plain, checked values.
 #ifndef VKNETCONFIG_FIREWALLREQUEST_H
 #define VKNETCONFIG_FIREWALLREQUEST_H
 

@@ -19,7 +19,7 @@ enum class TableState { Absent, Ours, Foreign };
 
 struct TableFound {
     TableState state = TableState::Absent;
-    std::uint64_t handle = 0;  // the kernel's own name; no later table has it
+    std::uint64_t handle = 0;  // the kernel's number; no later table has it
 };
 
 /// Asks the kernel for the table of this name.
@@ -28,7 +28,7 @@ TableFound findTable(NetlinkSocket& socket, const std::string& name);
 /// User data of a table that holds the mark.
 std::string markedUserData();
 
-/// True when the user data of a table holds a comment that is our mark. `bytes` is what the kernel hands out.
+/// True when the user data of a table holds a comment that is our mark. `bytes` are as the kernel returns them.
 bool bearsMark(std::string_view bytes);
 
 }  // namespace vknetconfig

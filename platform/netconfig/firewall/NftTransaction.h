@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A transaction of nftables: messages for the table family inet that the kernel carries out together, or not at all.
-// It goes to the kernel in one system call, as the kernel knows no transaction of several.
+// A transaction of nftables: messages for the table family inet, of which the kernel carries out all or none. It is sent
+// in one system call, because the kernel has no transactions of several.
 #ifndef VKNETCONFIG_NFTTRANSACTION_H
 #define VKNETCONFIG_NFTTRANSACTION_H
 
@@ -24,9 +24,9 @@ public:
     /// The index that the next message gets. The first one has 1.
     std::size_t nextIndex() const { return mCount; }
 
-    /// Sends it. Nothing when all is installed; else why nothing has changed. The index of the failure is that of the
-    /// message which the kernel refused first; 0: the transaction as such.
-    /// Throws a RequestError when the kernel's answer is lost: then either may be.
+    /// Sends it. Returns none when all is installed, otherwise the failure; then nothing has changed. Its index is that
+    /// of the message that the kernel refused first; 0: the transaction as a whole. Throws a RequestError when the
+    /// kernel's answer is lost: then it is not known whether all is installed.
     std::optional<NetlinkFailure> commit();
 
 private:

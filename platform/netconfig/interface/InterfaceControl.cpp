@@ -42,7 +42,7 @@ InterfaceRecord readRecord(const std::string& subject, const std::string& conten
     return {};
 }
 
-// All that is installed at one moment or another of a change.
+// Everything that is installed at some time during a change.
 InterfaceRecord unionOf(InterfaceRecord record, const InterfaceRecord& dropped, const std::vector<std::string>& dns)
 {
     record.addresses.insert(record.addresses.end(), dropped.addresses.begin(), dropped.addresses.end());
@@ -54,7 +54,7 @@ InterfaceRecord unionOf(InterfaceRecord record, const InterfaceRecord& dropped, 
 
 }  // namespace
 
-// Which key of the request the kernel refused. Without the interface, its words are about the consequences.
+// The key of the request that the kernel refused. If the interface is gone, the kernel's error only names a consequence.
 void InterfaceControl::refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
                               const InterfaceRecord& added)
 {
@@ -204,15 +204,15 @@ void InterfaceControl::planDns(const InterfaceRequest& request, const InterfaceR
                  });
 }
 
-// New routes come before old ones go, so that no packet finds none. DNS comes last, when nothing else can fail any
-// more.
+// New routes are added before old ones are removed, so that every packet finds one. DNS is last, when nothing else can
+// fail.
 void InterfaceControl::carryOut(const InterfaceRequest& request, Plan& plan)
 {
     if (const auto failure = mInstalled.install(plan.added)) refuse(*failure, request, plan.added);
     if (!plan.dropped.addresses.empty() || !plan.dropped.routes.empty()) {
         mInstalled.remove(plan.dropped);
-        // With an interface's last address the kernel removes its routes; and a gateway may have been in reach only by
-        // a dropped route, which shows when the kernel is asked again.
+        // The kernel removes an interface's routes with its last address. And a gateway may have been reachable only
+        // through a dropped route. So the kernel is asked what is missing.
         InterfaceRecord missing = mInstalled.partNotInstalled(plan.wanted);
         const std::vector<Route> ways = onePerGateway(plan.wanted.routes);
         missing.routes.insert(missing.routes.end(), ways.begin(), ways.end());
@@ -240,7 +240,7 @@ void InterfaceControl::rollBack(const std::string& subject, const Plan& plan, co
     }
 }
 
-// Settings that took the place of earlier ones are replaced by those again, others are undone.
+// Settings that replaced earlier ones are replaced by those again; others are undone.
 void InterfaceControl::rollBackDns(const Plan& plan, const InterfaceRecord& earlier)
 {
     for (const std::string& line : plan.added.dns) {
@@ -261,8 +261,8 @@ void InterfaceControl::commitUndoLog(const std::string& subject, const Plan& pla
     }
 }
 
-// Erases what has been removed from the undo log, except for DNS settings that systemd-resolved was not there to
-// remove: they stay, without an owner, for the next request of any process.
+// Erases from the undo log what has been removed. DNS settings whose removal is pending stay in it, without an owner, for
+// the next request of any process.
 void InterfaceControl::forget(const std::string& subject, const InterfaceRecord& record)
 {
     const InterfaceRecord pending = pendingPart(record);

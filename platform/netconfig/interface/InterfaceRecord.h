@@ -20,7 +20,7 @@ struct InterfaceRecord {
     std::optional<LinkState> linkBefore;  // when the link is brought up
     std::vector<InterfaceAddress> addresses;
     std::vector<Route> routes;
-    std::vector<std::string> dns;  // lines of the resolver, not looked into
+    std::vector<std::string> dns;  // lines of Dns::prepare(), opaque here
 
     std::string encode() const;
     /// Throws a RequestError with the key "undo log" when the text is no record.

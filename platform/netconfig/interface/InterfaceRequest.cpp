@@ -182,9 +182,9 @@ void resolveRoutes(const Ipv4Part& part, InterfaceRequest& request)
     int source = 0;
     for (const Route& route : part.routes)
         addRoute(request, route, source++);
-    // A default route among the routes says the same, and says it better.
+    // A default route among the routes has the same meaning and more details.
     if (!part.gateway || request.dns.allTraffic) return;
-    // An interface without a peer gives its own address for one.
+    // An interface without a peer names its own address as the peer.
     const bool isOwn = part.ip && part.ip->bits == part.gateway->bits;
     addRoute(request, Route{0, isOwn ? 0 : part.gateway->bits, 0, 0}, InterfaceRequest::fromGateway);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reading an interface-configuration request. Looks at nothing but the text.
+// Reads an interface-configuration request. No system call.
 #ifndef VKNETCONFIG_INTERFACEREQUEST_H
 #define VKNETCONFIG_INTERFACEREQUEST_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Several steps that all run, whichever of them fail.
+// Runs several steps, also after one has failed.
 #ifndef VKNETCONFIG_STEPERRORS_H
 #define VKNETCONFIG_STEPERRORS_H
 
@@ -8,7 +8,7 @@
 
 namespace vknetconfig {
 
-/// Runs every step, whatever fails, and then throws the first failure.
+/// Runs each step, and throws the first failure at the end.
 class StepErrors {
 public:
     template <class Step>

@@ -45,7 +45,7 @@ std::string joined(std::string_view stem, std::string_view suffix)
     return name;
 }
 
-// What base/io returns, or the fault as one of the undo log.
+// The value of a result, or its fault as one of the undo log.
 template <class Value>
 Value valueOf(wfoal::Result<Value> result, const char* step)
 {
@@ -73,7 +73,7 @@ Origin currentOrigin()
     return origin;
 }
 
-// What a file of the folder is named without its suffix; empty for the lock of the whole folder.
+// The name of a file of the folder without its suffix; empty for the lock of the whole folder.
 std::string_view stemOfFile(std::string_view name)
 {
     for (const std::string_view suffix : {entrySuffix, asideSuffix, lockSuffix}) {
@@ -103,7 +103,7 @@ UndoLog::UndoLog(std::string folder) : mFolderPath(std::move(folder)) {}
 UndoLog::Lock UndoLog::lock(Create create)
 {
     const bool isMade = create == Create::Yes;
-    // Asked anew each time: the folder may have been removed, and a process may enter another namespace.
+    // Read each time: the folder may have been removed, and a process may enter another namespace.
     mOrigin = currentOrigin();
     mFolder.reset();
     if (isMade && mkdir(mFolderPath.c_str(), 0700) != 0 && errno != EEXIST) fail("make " + mFolderPath);
@@ -135,8 +135,8 @@ std::string UndoLog::stemOf(std::string_view subject) const
     return joined(subject, namespaceSeparator + mOrigin.networkNamespace);
 }
 
-// The lock file of a stem, locked; invalid when a living process, then named, holds it. A file that was unlinked
-// between opening and locking is no lock, so it is opened again.
+// The lock file of a stem, locked; invalid when a living process holds it, which `holder` then names. A file that was
+// unlinked between opening and locking is no lock, so it is opened again.
 UniqueFd UndoLog::lockOf(const std::string& stem, pid_t& holder) const
 {
     const std::string name = joined(stem, lockSuffix);
@@ -180,12 +180,12 @@ std::string UndoLog::ownForRemoval(const std::string& subject)
     if (mayTakeOver() && !owns(subject)) takeFromHolder(stem);
     pid_t holder = 0;
     if (!upgrade(subject, holder)) refuseForOwner(subject, holder);
-    // The folder may be one that cannot be written to.
+    // Without a change, because the folder may be read-only.
     if (!exists(joined(stem, entrySuffix)) && !exists(joined(stem, lockSuffix))) return {};
     return own(subject);
 }
 
-// The holder sees by the removed lock file that the subject is no longer its own, and by the number in it who took it.
+// The removed lock file shows the holder that it lost the subject. The number in the file names the new owner.
 void UndoLog::takeFromHolder(const std::string& stem)
 {
     const std::string name = joined(stem, lockSuffix);
@@ -202,14 +202,14 @@ void UndoLog::takeFromHolder(const std::string& stem)
                         holderText(holder).c_str());
 }
 
-// Writes an entry of version 1 anew, as one of this version. False when its owner lives, with an earlier library.
+// Rewrites an entry of version 1 as one of this version. False when its owner lives; it uses an earlier library.
 bool UndoLog::upgrade(const std::string& subject, pid_t& holder)
 {
     const EntryHead head = headOf(subject);
     if (head.kind != EntryKind::Here || head.version != 1 || exists(joined(stemOf(subject), entrySuffix))) return true;
     const UniqueFd lock = lockOf(subject, holder);
     if (!lock.valid()) return false;
-    // The earlier library took another kind of lock.
+    // The earlier library used another kind of lock.
     if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         holder = holderIn(lock.get());
         return false;
@@ -279,7 +279,7 @@ void UndoLog::erase(const std::string& subject)
     release(subject);
 }
 
-// Also a half-written one. The lock is its owner's to remove.
+// Also a half-written one. The lock file stays; its owner removes it.
 void UndoLog::removeEntry(const std::string& stem) const
 {
     const std::string name = joined(stem, entrySuffix);
@@ -346,8 +346,8 @@ std::vector<std::string> UndoLog::claimStaleEntries(const std::function<bool(con
     return left;
 }
 
-// The subject that an entry of this boot and network namespace is about; empty for other files. Those of no use are
-// removed, unless a living process holds their lock.
+// The subject of an entry of this boot and network namespace; empty for other files. Entries of earlier boots and lone
+// locks are removed, unless a living process holds their lock.
 std::string UndoLog::subjectOf(const std::string& stem)
 {
     const EntryHead head = headOf(stem);
@@ -366,7 +366,7 @@ std::string UndoLog::subjectOf(const std::string& stem)
     return {};
 }
 
-// Once a process, as every request comes by.
+// Once in a process, because every request finds the entry.
 void UndoLog::reportUnknown(const std::string& stem)
 {
     if (!mReported.insert(stem).second) return;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The undo log under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one
-// entry that tells how to undo what is, or may be, installed. It is written whole and synced before anything is
-// changed, so whoever finds it after a crash can clean up. An entry belongs to the process that holds its lock, for as
-// long as that process lives; an entry without a living owner is stale. Subjects are those of the calling
-// thread's network namespace; the entries of other ones are not touched. Entries of an earlier boot are removed.
-// Entries of an unknown version are kept, and refuse requests for their subject.
+// The undo log under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one entry that
+// says how to undo what is, or may be, installed. It is written completely and synced before anything is changed, so any
+// process can clean up after a crash. An entry belongs to the process that holds its lock, as long as that process
+// lives; an entry without a living owner is stale. Subjects are those of the calling thread's network namespace; the
+// entries of other ones are not touched. Entries of an earlier boot are removed. Entries of an unknown version are kept;
+// requests for their subject are refused.
 //
 // A child of fork holds none of its parent's locks; it needs an undo log of its own. One process has one undo log.
 //
@@ -34,7 +34,7 @@ class UndoLog {
 public:
     explicit UndoLog(std::string folder = wfoal::undoLogFolder);
 
-    /// The lock that lets one request at a time work, over all processes. Every other operation needs it.
+    /// Held by the one request that is being carried out, over all processes. Every other operation needs it.
     class Lock {
     public:
         Lock() = default;
@@ -44,7 +44,7 @@ public:
         UniqueFd mLock;
     };
 
-    /// Whether lock() makes a missing folder, as a request that installs something needs it.
+    /// Whether lock() makes a missing folder. A request that installs something needs it.
     enum class Create { No, Yes };
 
     /// Waits for the lock, 10 seconds at most. A missing folder that is not made is an empty undo log.
@@ -60,15 +60,15 @@ public:
 
     bool owns(const std::string& subject) const { return mOwned.count(stemOf(subject)) != 0; }
 
-    /// Replaces the content of an owned subject. When this returns it is on the disk; when it throws, the earlier
-    /// content still is.
+    /// Replaces the content of an owned subject. After a return it is on the disk; after an exception the earlier
+    /// content is.
     void write(const std::string& subject, std::string_view content);
 
     /// The content of the entry, whoever owns it; empty when there is none.
     std::string read(const std::string& subject) const;
 
-    /// A question for any thread at any time: does the entry of the subject still have this line? It throws when the
-    /// entry cannot be read.
+    /// A function that any thread may call at any time. It returns whether the entry of the subject still has this
+    /// line, and throws when the entry cannot be read.
     std::function<bool()> lineCheck(const std::string& subject, const std::string& line) const;
 
     /// Removes the entry and gives up ownership. Without an entry nothing happens.
@@ -77,11 +77,11 @@ public:
     /// Gives up the ownership of a subject; its entry stays.
     void release(const std::string& subject);
 
-    /// Subjects with a stale entry of this boot and network namespace, of those that are wanted; this process owns them
-    /// now.
+    /// Makes this process the owner of the stale entries of this boot and network namespace whose subject is wanted.
+    /// Returns the subjects.
     std::vector<std::string> claimStaleEntries(const std::function<bool(const std::string& subject)>& isWanted);
 
-    /// A subject that another process took from this one; `by` is 0 when its files were removed without a word.
+    /// A subject that another process took from this one; `by` is 0 when its files were only removed.
     struct Lost {
         std::string subject;
         pid_t by = 0;
@@ -104,14 +104,14 @@ private:
     void reportUnknown(const std::string& stem);
 
     std::string mFolderPath;
-    Origin mOrigin;  // of the calling thread, asked at each lock()
+    Origin mOrigin;  // of the calling thread at the last lock()
     UniqueFd mFolder;
     std::map<std::string, UniqueFd> mOwned;  // the locks, by stem
-    std::set<std::string> mReported;         // entries of an unknown version that the log has a line about
+    std::set<std::string> mReported;         // entries of an unknown version that were logged
 };
 
-/// While a request works on a subject: gives up its ownership at the end of the scope, unless this process owned it
-/// before or keep() was called. So a refused request takes over nothing.
+/// Gives up the ownership of a subject at the end of the scope, unless this process owned it before or keep() was
+/// called. So a refused request takes over nothing.
 class NewOwnership {
 public:
     NewOwnership(UndoLog& undoLog, std::string subject)
@@ -125,7 +125,7 @@ public:
         try {
             if (!mIsKept) mUndoLog.release(mSubject);
         } catch (const std::exception&) {
-            // No memory for a name: it stays owned, and the next request for the subject goes on from there.
+            // No memory for a name: it stays owned, and the next request for the subject continues with that.
         }
     }
     void keep() { mIsKept = true; }

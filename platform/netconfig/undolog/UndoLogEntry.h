@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How an entry of the undo log begins: three lines, "vknetconfig VERSION", "boot UUID" and "namespace ID", and after
-// them what the subject's control wrote. Version 2 is written. Version 1 named the namespace by its inode, and its
-// files had no namespace in their names. Values only; no system call.
+// The beginning of an entry of the undo log: the lines "vknetconfig VERSION", "boot UUID" and "namespace ID". The content
+// follows them. This library writes version 2. Version 1 named the namespace by its inode, and its files had no
+// namespace in their names. Values only; no system call.
 #ifndef VKNETCONFIG_UNDOLOGENTRY_H
 #define VKNETCONFIG_UNDOLOGENTRY_H
 
@@ -23,10 +23,10 @@ enum class EntryKind {
     Here,       // of this boot and network namespace
     Elsewhere,  // of this boot and another network namespace
     OtherBoot,
-    Unknown,  // of a version that is not known here, or no entry at all
+    Unknown,  // of an unknown version, or not an entry
 };
 
-/// What an entry is, judged by its beginning. `content` is where the rest begins.
+/// The kind of an entry, by its beginning. `content` is the position of the rest.
 struct EntryHead {
     EntryKind kind = EntryKind::None;
     int version = 0;
