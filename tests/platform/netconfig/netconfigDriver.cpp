@@ -4,10 +4,12 @@
 //   add FILE       installs the interface configuration in FILE
 //   delete NAME    removes the configuration of an interface
 //   firewall FILE  sends the packet-filter request in FILE
+//   enter FILE     enters the network namespace that the file stands for
 //   hold           prints "holding" and waits to be ended
 //   await FIFO     prints "waiting" and waits until somebody opens the FIFO for writing
 // Exits with the number of requests that failed.
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -33,6 +35,12 @@ int await(const char* fifo)
     return UniqueFd(open(fifo, O_RDONLY | O_CLOEXEC)).valid() ? 0 : -1;
 }
 
+int enter(const char* file)
+{
+    const UniqueFd networkNamespace(open(file, O_RDONLY | O_CLOEXEC));
+    return setns(networkNamespace.get(), CLONE_NEWNET);
+}
+
 std::string contentOf(const char* path)
 {
     std::ifstream file(path);
@@ -45,6 +53,7 @@ int request(const char* step, const char* argument)
     if (std::strcmp(step, "delete") == 0) return CmDelInterfaceCfg(argument);
     if (std::strcmp(step, "firewall") == 0) return VkFirewallFullCtrl(contentOf(argument).c_str());
     if (std::strcmp(step, "await") == 0) return await(argument);
+    if (std::strcmp(step, "enter") == 0) return enter(argument);
     std::fprintf(stderr, "unknown step %s\n", step);
     return -1;
 }

@@ -87,6 +87,24 @@ TEST_F(NamespaceOwnershipTest, NamesakesInTwoNamespacesAreCleanedUpEachInItsOwn)
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
 }
 
+TEST_F(NamespaceOwnershipTest, AProcessCleansUpInANamespaceThatItEntersLater)
+{
+    makeNamespace("one");
+    makeNamespace("two");
+    const std::string before = stateOf("one");
+    in("one", driver("firewall /tmp/filter.json add /tmp/request.json"));
+    const std::string left = stateOf("one");
+    ASSERT_NE(left, before);
+    // The agent cleans up where it begins, and installs a configuration of the same names there.
+    RunningDriver agent({"firewall", "/tmp/filter.json", "add", "/tmp/request.json"},
+                        {"enter", "/run/netns/one", "delete", "nothing0"}, within("two"));
+    const std::string installed = stateOf("two");
+    EXPECT_EQ(stateOf("one"), left) << "the agent is not there yet";
+    EXPECT_EQ(agent.finish(), 0);
+    EXPECT_EQ(stateOf("one"), before);
+    EXPECT_EQ(stateOf("two"), installed);
+}
+
 TEST_F(NamespaceOwnershipTest, ANewNamespaceWithTheInodeOfAnEndedOneIsNotTouched)
 {
     // The kernel hands out the lowest free number, and frees those of an ended namespace a little later. So it may take
