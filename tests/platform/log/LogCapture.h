@@ -42,7 +42,9 @@ public:
     /// The next message, also one that came as a memory file because it was too long; empty when there is none.
     std::string receive()
     {
-        std::string text(16 << 20, '\0');  // libsystemd sends up to 8 MiB as one datagram
+        const ssize_t waiting = recv(mSocket.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        if (waiting < 0) return {};
+        std::string text(static_cast<std::size_t>(waiting), '\0');
         std::array<char, CMSG_SPACE(sizeof(int))> control{};
         iovec part{text.data(), text.size()};
         msghdr header{};

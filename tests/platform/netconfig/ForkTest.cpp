@@ -3,6 +3,8 @@
 // An agent that forks: the child owns nothing of its parent, and holds nobody up.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +20,10 @@
 
 #include "Daemons.h"
 #include "Driver.h"
+#include "EndLeakCheck.h"
 #include "KernelState.h"
 #include "VkNetConfigLib.h"
+#include "handles/UniqueFd.h"
 
 using namespace testsupport;
 using namespace std::chrono_literals;
@@ -33,13 +37,15 @@ constexpr char otherRequest[] = R"({"ifName":"vpn1","ipv4":{"additionalIfRoutes"
     {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":null,"metric":5}]}})";
 
 // A forked process that does its work and ends by exit(), or never ends, as `work` decides. It is killed after 20
-// seconds, and with its object.
+// seconds, at the latest when somebody waits for it that long, and with its object.
 class Forked {
 public:
     explicit Forked(const std::function<int()>& work) : mPid(fork())
     {
         if (mPid < 0) throw std::runtime_error("fork");
         if (mPid > 0) return;
+        // What only the stack of another thread of the parent reached is out of reach here, and is no leak.
+        endWithoutLeakCheck();
         alarm(20);
         std::exit(work());
     }
@@ -55,6 +61,10 @@ public:
     /// Its exit code, or 128 plus the number of the signal that ended it.
     int wait()
     {
+        // The alarm of a process in the middle of a request is blocked.
+        const UniqueFd end(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
+        pollfd ended{end.get(), POLLIN, 0};
+        if (!end.valid() || poll(&ended, 1, 20000) != 1) kill(mPid, SIGKILL);
         int status = 0;
         if (waitpid(std::exchange(mPid, 0), &status, 0) < 0) throw std::runtime_error("waitpid");
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -139,6 +149,9 @@ TEST_F(ForkTest, AChildForkedDuringARequestKeepsNoLock)
 
 TEST_F(ForkTest, AChildForkedDuringARequestCanMakeRequestsItself)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "a lock of the address sanitizer's allocator stays taken in the child when the parent allocates";
+#endif
     {
         Requests requests;
         for (int count = 0; count < 50; ++count) {
