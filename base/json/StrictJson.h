@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Strict reading of JSON: every value is read as one type, and every key must be known. Other content throws a JsonError
-// that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are built only when they are
-// needed. A document owns its text; values and texts live no longer than it.
+// Strict reading of JSON: every value is read as one type, and every key must be known. Other content throws a
+// JsonError that names the key by its path, such as "ipv4.additionalIfRoutes[3].netmask". Paths are built only when
+// they are needed. A document owns its text; values and texts live no longer than it.
 #ifndef WFOAL_STRICTJSON_H
 #define WFOAL_STRICTJSON_H
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The files of the network-configuration library's undo log. The library writes them; tools read them. A subject
-// ("interface-norvatun0") of a network namespace has two files, both named SUBJECT@NAMESPACE: the entry, while something
-// is installed, and the lock, which the owner holds. The lock file contains the owner's process id as text.
+// ("interface-norvatun0") of a network namespace has two files, both named SUBJECT@NAMESPACE: the entry, while
+// something is installed, and the lock, which the owner holds. The lock file contains the owner's process id as text.
 #ifndef WFOAL_UNDOLOGFILES_H
 #define WFOAL_UNDOLOGFILES_H
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Why a request fails. It is thrown inside the library; at the C boundary it becomes one log line and a non-zero result.
-// Also the short names for the classes that read requests.
+// Why a request fails. It is thrown inside the library; at the C boundary it becomes one log line and a non-zero
+// result. Also the short names for the classes that read requests.
 #ifndef VKNETCONFIG_REQUESTERROR_H
 #define VKNETCONFIG_REQUESTERROR_H
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Blocks the agent's signals on the calling thread: during a request, whose system calls they would interrupt, and while
-// the library starts a thread, which inherits the mask. A signal that is sent to the process goes to another thread or
-// waits. Signals that a fault of the thread itself raises are not blocked.
+// Blocks the agent's signals on the calling thread: during a request, whose system calls they would interrupt, and
+// while the library starts a thread, which inherits the mask. A signal that is sent to the process goes to another
+// thread or waits. Signals that a fault of the thread itself raises are not blocked.
 #ifndef VKNETCONFIG_SIGNALSBLOCKED_H
 #define VKNETCONFIG_SIGNALSBLOCKED_H
 

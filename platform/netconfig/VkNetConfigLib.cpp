@@ -93,8 +93,8 @@ private:
 
 std::atomic<Session*> spSession{nullptr};
 
-// Made by the first request. A child of fork makes its own session. The inherited one is the parent's, and another thread
-// of the parent may have been in the middle of a request. So it is not touched, nor is its mutex.
+// Made by the first request. A child of fork makes its own session. The inherited one is the parent's, and another
+// thread of the parent may have been in the middle of a request. So it is not touched, nor is its mutex.
 Session& currentSession()
 {
     Session* current = spSession.load();
@@ -106,8 +106,8 @@ Session& currentSession()
 }
 
 // A late destructor function, not the destructor of a static object: static objects of the agent may be destroyed later
-// than those of this library, and still make requests. If another thread makes a request while the process ends, nothing
-// is released here.
+// than those of this library, and still make requests. If another thread makes a request while the process ends,
+// nothing is released here.
 __attribute__((destructor(200))) void endSession()
 {
     Session* const current = spSession.load();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A transaction of nftables: messages for the table family inet, of which the kernel carries out all or none. It is sent
-// in one system call, because the kernel has no transactions of several.
+// A transaction of nftables: messages for the table family inet, of which the kernel carries out all or none. It is
+// sent in one system call, because the kernel has no transactions of several.
 #ifndef VKNETCONFIG_NFTTRANSACTION_H
 #define VKNETCONFIG_NFTTRANSACTION_H
 

@@ -54,7 +54,8 @@ InterfaceRecord unionOf(InterfaceRecord record, const InterfaceRecord& dropped, 
 
 }  // namespace
 
-// The key of the request that the kernel refused. If the interface is gone, the kernel's error only names a consequence.
+// The key of the request that the kernel refused. If the interface is gone, the kernel's error only names a
+// consequence.
 void InterfaceControl::refuse(const NetlinkFailure& failure, const InterfaceRequest& request,
                               const InterfaceRecord& added)
 {
@@ -261,8 +262,8 @@ void InterfaceControl::commitUndoLog(const std::string& subject, const Plan& pla
     }
 }
 
-// Erases from the undo log what has been removed. DNS settings whose removal is pending stay in it, without an owner, for
-// the next request of any process.
+// Erases from the undo log what has been removed. DNS settings whose removal is pending stay in it, without an owner,
+// for the next request of any process.
 void InterfaceControl::forget(const std::string& subject, const InterfaceRecord& record)
 {
     const InterfaceRecord pending = pendingPart(record);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The undo log under /run/vknetconfig: for each subject ("interface-norvatun0") of a network namespace one entry that
-// says how to undo what is, or may be, installed. It is written completely and synced before anything is changed, so any
-// process can clean up after a crash. An entry belongs to the process that holds its lock, as long as that process
+// says how to undo what is, or may be, installed. It is written completely and synced before anything is changed, so
+// any process can clean up after a crash. An entry belongs to the process that holds its lock, as long as that process
 // lives; an entry without a living owner is stale. Subjects are those of the calling thread's network namespace; the
-// entries of other ones are not touched. Entries of an earlier boot are removed. Entries of an unknown version are kept;
-// requests for their subject are refused.
+// entries of other ones are not touched. Entries of an earlier boot are removed. Entries of an unknown version are
+// kept; requests for their subject are refused.
 //
 // A child of fork holds none of its parent's locks; it needs an undo log of its own. One process has one undo log.
 //

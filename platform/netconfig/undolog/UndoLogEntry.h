@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The beginning of an entry of the undo log: the lines "vknetconfig VERSION", "boot UUID" and "namespace ID". The content
-// follows them. This library writes version 2. Version 1 named the namespace by its inode, and its files had no
+// The beginning of an entry of the undo log: the lines "vknetconfig VERSION", "boot UUID" and "namespace ID". The
+// content follows them. This library writes version 2. Version 1 named the namespace by its inode, and its files had no
 // namespace in their names. Values only; no system call.
 #ifndef VKNETCONFIG_UNDOLOGENTRY_H
 #define VKNETCONFIG_UNDOLOGENTRY_H
