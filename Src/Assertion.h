@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Invariants whose breach the process cannot survive.
+// Invariants without which the process cannot go on. An assertion aborts it.
 #ifndef WFOAL_ASSERTION_H
 #define WFOAL_ASSERTION_H
 
 #include <glib.h>
 
-/// Aborts the process through GLib when the expression is false; `file` is how the message names the source.
+/// Aborts the process through GLib when the expression is false. The message holds `file`, `line`, the function and the
+/// expression. Where `line` is a number, the whole text is fixed, whatever line the assertion is on.
 #define WFOAL_ASSERT(file, line, expression)                                                                \
     do {                                                                                                    \
         if (!(expression)) {                                                                                \

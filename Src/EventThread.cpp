@@ -44,8 +44,8 @@ gboolean quitLoop(gpointer loop)
     return G_SOURCE_REMOVE;
 }
 
-// Quits at once, and from within the loop as well: a quit before the thread has entered its loop would be lost. No
-// other source is dispatched before the one that quits. It is to be destroyed when the loop has ended.
+// Quits the loop directly and through a source of the highest priority: a direct quit is lost when the thread has not
+// entered its loop yet. Destroy the source when the loop has ended.
 GSourcePtr quit(GMainLoop* loop)
 {
     GSourcePtr source(g_idle_source_new());
@@ -73,7 +73,7 @@ void startPowerClient(GMainLoop* loop)
 }
 
 // False when there is no system object.
-bool tellSystemIf(void (SystemInterface::*notify)())
+bool notifySystemInterface(void (SystemInterface::*notify)())
 {
     const UseGuard use;
     SystemInterface* systemIf = use.systemIf();
@@ -98,7 +98,7 @@ bool startQuorIpcHandling()
         forgetContext();
         return false;
     }
-    wfoal::leaveBehind(loop);  // not released when the event side stops
+    wfoal::markIntentionalLeak(loop);  // never released
     sGLoop = loop;
     startBusClient(loop);
 
@@ -152,7 +152,7 @@ void* eventProcessingThread(void*)
 void powerResumedCallback()
 {
     WFOAL_DEBUG("%s: Called. Device Resumed.", __func__);
-    if (tellSystemIf(&SystemInterface::notifyPowerResume)) {
+    if (notifySystemInterface(&SystemInterface::notifyPowerResume)) {
         WFOAL_DEBUG("%s: notifyPowerResume done", __func__);
     }
 }
@@ -165,7 +165,7 @@ void powerSuspendedCallback()
 void powerPrepareSuspendCallback()
 {
     WFOAL_DEBUG("%s: Called!", __func__);
-    if (tellSystemIf(&SystemInterface::notifyPowerSuspended)) {
+    if (notifySystemInterface(&SystemInterface::notifyPowerSuspended)) {
         g_usleep(suspendGraceMicroseconds);
         WFOAL_DEBUG("%s: notifyPowerSuspended successful", __func__);
     }

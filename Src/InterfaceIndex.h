@@ -17,11 +17,11 @@ namespace wfoal {
 /// A zero-filled request with the name in it.
 ifreq requestFor(const std::string& name);
 
-/// Names of indices as if_indextoname() gives them, each looked up once; empty for an index without an interface. Lives
-/// as long as one call: names change.
+/// Names of indices as if_indextoname() gives them, each looked up once; empty for an index without an interface. Use
+/// one for a single call only, because names change.
 class InterfaceNameCache {
 public:
-    /// Never fails: what cannot be remembered is looked up again.
+    /// Never fails: a name that cannot be stored is looked up again.
     std::string nameOf(unsigned index);
 
 private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is left behind on purpose, told to the leak checker in builds that have one.
+// Memory that is kept on purpose: the leak checker, in builds that have one, does not report it.
 #ifndef WFOAL_LEAKCHECK_H
 #define WFOAL_LEAKCHECK_H
 
@@ -17,8 +17,8 @@
 
 namespace wfoal {
 
-/// The block at `object`, and what is reached from it, is no leak. Null is ignored.
-inline void leaveBehind([[maybe_unused]] const void* object)
+/// Exempts the block at `object` and everything reachable from it. Null is ignored.
+inline void markIntentionalLeak([[maybe_unused]] const void* object)
 {
 #ifdef WFOAL_LEAK_CHECK
     if (object != nullptr) __lsan_ignore_object(object);

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The one way to log. Each call site tests the context before anything is formatted, so that tracing costs one
-// comparison when it is off; without a context everything is printed, so that nothing is lost when the log library
-// could not be reached.
+// Every log call of the plug-in. Each tests the context's threshold before anything is formatted, so that tracing costs
+// one comparison when it is off. Without a context everything is printed.
 #ifndef WFOAL_LOG_H
 #define WFOAL_LOG_H
 

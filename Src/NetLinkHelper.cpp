@@ -15,7 +15,7 @@
 #include "Log.h"
 #include "net/DottedAddress.h"
 
-// The priority builds the reader before the load hook runs and lets it go before the unload hook does.
+// With this priority the reader is constructed before the load hook runs and destroyed before the unload hook runs.
 __attribute__((init_priority(200))) NetLinkHelper sNlHelper(NETLINK_ROUTE, 0);
 
 namespace {
@@ -44,7 +44,7 @@ ssize_t receive(int socket, void* buffer, std::size_t size, int flags)
     return received;
 }
 
-// Reads what is queued, without waiting. True when nothing is left; a second failure in a row ends the attempt.
+// Discards what is queued, without waiting. True when nothing is left; a second failure in a row ends the attempt.
 bool drain(int socket)
 {
     unsigned char buffer[receiveBufferSize];
@@ -141,7 +141,7 @@ bool NetLinkHelper::receiveRoutes(GPtrArray* routes)
     bool failedBefore = false;
     bool doneSeen = false;
     for (;;) {
-        // Behind a DONE there may be a further datagram or none, so nothing waits for it.
+        // Do not wait behind a DONE: there may be no further datagram.
         const bool isHeld = held.valid();
         const ssize_t received =
             receive(mSocket.get(), isHeld ? further : buffer, sizeof buffer, doneSeen ? MSG_DONTWAIT : 0);
@@ -171,8 +171,8 @@ wfoal::MessageWalk NetLinkHelper::parseUpToDone(wfoal::MessageWalk walk, GPtrArr
     return walk;
 }
 
-// A DONE with a datagram behind it is taken for a route, as any message that is not the first of its datagram. One that
-// ends the dump is no route.
+// A DONE that another datagram follows becomes a record, like any message that is not the first of its datagram. The
+// DONE that ends the dump does not.
 void NetLinkHelper::parseHeld(wfoal::MessageWalk walk, bool isFollowed, GPtrArray* routes)
 {
     for (; walk.valid(); walk.next()) {
@@ -195,8 +195,8 @@ void NetLinkHelper::parseRoute(const nlmsghdr* message, GPtrArray* routes)
 
 void releaseRoutingTableList(GPtrArray* routes)
 {
-    // The records are left behind on purpose, one block each: whoever took one keeps it. Only the list goes.
+    // Free only the list. The records stay allocated, for compatibility: a caller may keep pointers to them.
     for (guint i = 0; i < routes->len; ++i)
-        wfoal::leaveBehind(routes->pdata[i]);
+        wfoal::markIntentionalLeak(routes->pdata[i]);
     g_ptr_array_free(routes, TRUE);
 }

@@ -19,18 +19,17 @@ class MessageWalk;
 
 class NetLinkHelper {
 public:
-    /// Opens a socket of the protocol and binds it to this process and the multicast groups. A failure is logged; a
-    /// socket that could not be bound is used as it is.
+    /// Opens a socket of the protocol and binds it to this process and the multicast groups. A failure is logged; an
+    /// unbound socket is used all the same.
     NetLinkHelper(int protocol, int groups);
-    /// Takes over a socket on which one message is one datagram.
+    /// Takes ownership of a socket on which one message is one datagram.
     explicit NetLinkHelper(UniqueFd socket);
     NetLinkHelper(NetLinkHelper&&) = default;
     NetLinkHelper& operator=(NetLinkHelper&&) = default;
     virtual ~NetLinkHelper() = default;
 
-    /// The table as an array of RouteInfo, all tables of the kernel in its order, without filtering. Null when it
-    /// could not be asked for; incomplete after a receive error, whose rest is discarded. Records were allocated with
-    /// g_try_malloc0().
+    /// Routes of all tables in the kernel's order, as an array of RouteInfo. Null when the request failed; incomplete
+    /// after a receive error, when the rest of the answer is discarded. Records are allocated with g_try_malloc0().
     GPtrArray* getRoutingTableList();
 
     /// Bytes sent, or -1 with errno set.

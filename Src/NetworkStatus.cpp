@@ -64,7 +64,7 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
         text(wan.notOnInternet), text(decision.sendNwCng));
     if (decision.sendNwCng) {
         WFOAL_DEBUG("%s Sending Network Change Event", __func__);
-        // Looked up again: the agent may have disposed of it meanwhile.
+        // Look it up again: the agent may have disposed of the object meanwhile.
         const UseGuard use;
         if (use.systemIf() != nullptr) use.systemIf()->notifyConnectionChange();
     }

@@ -20,7 +20,7 @@ pthread_cond_t sUseEnded = PTHREAD_COND_INITIALIZER;
 UseGuard* spGuards = nullptr;
 std::atomic<pid_t> sGuardsProcess{0};  // the process whose threads have guards
 
-// A thread of a high priority that waits for the mutex lends its priority to the one that has it.
+// Priority inheritance: a thread that holds the mutex gets the priority of one that waits for it.
 void makeMutex()
 {
     pthread_mutexattr_t attributes;
@@ -64,8 +64,8 @@ SocketInterface* getSocketIfObject()
     return spSckIf.load();
 }
 
-// The process is noted before the slots are read, and waitUntilUnused() looks at it after a slot was cleared: whoever
-// finds no process there can rely on the guard's finding an empty slot.
+// A guard stores the process before it reads the slots; waitUntilUnused() reads the process after a slot was cleared.
+// Both are seq_cst: when it finds no process, every later guard finds the slot empty.
 UseGuard::UseGuard()
 {
     sGuardsProcess.store(getpid());

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where events find the live system and socket objects: the most recent of each kind, or null. The agent owns the
+// The live system and socket objects for the event thread: the most recent of each kind, or null. The agent owns the
 // objects. Slots are written on the agent's thread and read on the event thread.
 //
-// The event thread uses an object under a UseGuard, which it ends before it calls the agent. Whoever destroys an object
-// clears its slot and then waits until no guard has the object; never for the agent's own code, which may be waiting
-// for the very thread that disposes.
+// The event thread uses an object under a UseGuard, which ends before the agent is called. Whoever destroys an object
+// clears its slot and then waits until no guard has the object. It never waits for the agent's code, which may itself
+// wait for the thread that disposes.
 #ifndef WFOAL_OBJECTREGISTRY_H
 #define WFOAL_OBJECTREGISTRY_H
 
@@ -32,7 +32,7 @@ public:
     SystemInterface* systemIf() const { return mpSystemIf; }
     SocketInterface* socketIf() const { return mpSocketIf; }
 
-    /// Ends every use on the calling thread, before its guards go.
+    /// Ends every use on the calling thread before the guards are destroyed.
     static void endOnThisThread();
 
 private:
@@ -46,8 +46,8 @@ private:
     UseGuard* mpNext = nullptr;  // in the list of all guards
 };
 
-/// Returns when no guard of another thread has the object, which is in no slot any more. In the child of a fork, which
-/// lacks its parent's threads, at once.
+/// Returns when no guard of another thread has the object, whose slot must be clear. Returns at once in the child of a
+/// fork, where the other threads do not exist.
 void waitUntilUnused(const Plugin* object);
 
 #endif

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the agent finds by name: the factory, the table of offered interfaces, and the hooks that run when the library
-// is loaded and unloaded.
+// The exported functions: the factory and the table of offered interfaces; and the hooks that run when the library is
+// loaded and unloaded.
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -62,7 +62,7 @@ Plugin* createStorageInterface()
 
 struct Factory {
     const char* identifier;
-    const char* className;  // as the log has always spelled it
+    const char* className;  // as log lines spell it
     Plugin* (*create)();
 };
 
@@ -98,7 +98,7 @@ extern "C" Plugin* CreatePlugin(const char* identifier)
 extern "C" bool DisposePlugin(Plugin* plugin)
 {
     WFOAL_DEBUG("%s: %p called", __func__, static_cast<void*>(plugin));
-    // The registry first, so that events stop reaching the object before it goes.
+    // Clear the registry first, so that no event reaches the object while it is destroyed.
     if (plugin == getSystemIfObject()) {
         setSystemIfObject(nullptr);
     } else if (plugin == getSocketIfObject()) {
@@ -112,7 +112,7 @@ extern "C" bool DisposePlugin(Plugin* plugin)
 namespace {
 
 // Static objects with an initialisation priority of their own are constructed before this unprioritised hook runs.
-// GLib has its thread system ready without being asked.
+// GLib needs no initialisation of its thread system.
 __attribute__((constructor)) void InitLib()
 {
     const int error = VkLogGetContext("vpnagent.wfoal", &vpnWfOalLogCxt);

@@ -10,10 +10,10 @@
 #include <cstring>
 
 #include "Decisions/InterfaceChoice.h"
-#include "InterfaceCommon.h"
 #include "InterfaceIndex.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
+#include "PluginIdentifier.h"
 #include "handles/UniqueFd.h"
 
 namespace {
@@ -50,7 +50,7 @@ PluginResult SocketInterface::GetPreferredInterface(unsigned int& size, char* bu
 PluginResult SocketInterface::BindToInterface(const char*, unsigned int socket)
 {
     WFOAL_DEBUG("%s: Called!!", __func__);
-    // A device binding that was made is not undone.
+    // A device binding that was made stays, for compatibility.
     const auto fail = [this]() -> PluginResult {
         mBoundInterface.clear();
         return PLUGIN_FAILURE;
@@ -107,7 +107,7 @@ std::string SocketInterface::getBestInterfaceId()
 
 bool SocketInterface::getIfAddress(const std::string& name, sockaddr_in& address)
 {
-    // Descriptor 0 counts as a failure, as it always has.
+    // Descriptor 0 counts as a failure, for compatibility.
     const UniqueFd descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (descriptor.get() < 1) return false;
     ifreq request = wfoal::requestFor(name);

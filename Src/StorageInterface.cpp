@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whole files: saved, loaded and deleted in one call each. Bytes are moved in blocks, straight between the caller's
-// buffer and the kernel, with the results of reading and writing them one at a time through a stream: any call that
-// fails is an error, and the end of a file is only seen by a read that comes back empty.
+// Whole files: saved, loaded and deleted in one call each. Bytes move in blocks between the caller's buffer and the
+// kernel. Any system call that fails is an error.
 #include "StorageInterface.h"
 
 #include <fcntl.h>
@@ -12,8 +11,8 @@
 #include <new>
 #include <string>
 
-#include "InterfaceCommon.h"
 #include "Log.h"
+#include "PluginIdentifier.h"
 #include "StorageLocations.h"
 #include "handles/UniqueFd.h"
 
@@ -35,9 +34,8 @@ bool writeAll(int file, const unsigned char* data, unsigned int length)
 
 enum class ReadEnd { EndOfFile, BufferFull, Error };
 
-// The kernel is told of no more room than the file is known to need and one byte, then of a block at a time while the
-// file turns out to be longer: `capacity` may be a generous guess of the caller's. That the one byte more does not come
-// is how the end of the file is seen, without another read that comes back empty.
+// Ask for one byte more than expected; not receiving it signals end of file. A file that is longer than expected is
+// read block by block, because `capacity` may be much larger than the file.
 ReadEnd readAll(int file, unsigned char* buffer, unsigned int capacity, unsigned int expected, unsigned int& stored)
 {
     stored = 0;
@@ -85,7 +83,7 @@ try {
 PluginResult StorageInterface::LoadFile(KEST_FileLocation location, const char* name, unsigned char* buffer,
                                         unsigned int& size)
 try {
-    // Wording and level are what agents' logs have always shown.
+    // Text and level are fixed, for compatibility.
     WFOAL_ERROR("%s: StorageExample::LoadFile called with location %s and filename %s", __func__,
                 wfoal::locationToStr(location), name);
     if (name == nullptr) return PLUGIN_FAILURE;
@@ -118,8 +116,8 @@ try {
         size = stored;
         return PLUGIN_SUCCESS;
     }
-    // A buffer of exactly the file's size ends here too, on purpose: callers must leave room for one byte more. A file
-    // that has gone meanwhile is reported with the size it had.
+    // A buffer of exactly the file's size fails too, for compatibility: it must have room for one byte more. The error
+    // line names the size from before, also when the file has been deleted since.
     size = wfoal::fileStatus(path.c_str(), status) ? static_cast<unsigned int>(status.st_size) : fileSize;
     return PLUGIN_BUFFER_TOO_SMALL;
 } catch (const std::bad_alloc&) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Listing of a location, which is also what creates its directory.
+// Lists a location, and creates its directory.
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -17,8 +17,8 @@ constexpr char function[] = "EnumerateFiles";
 constexpr mode_t directoryMode = 0777;
 static_assert(sizeof dirent::d_name == 256, "the agent's buffers are of 256 bytes");
 
-// The root is created when it is missing, and the location's directory in any case. The root location itself is
-// therefore created twice when it is missing, which fails the second time: its first listing fails, the next does not.
+// Creates the root when it is missing, then always the location's directory. For the root location itself the second
+// mkdir() fails when the first has just created it: its first listing fails, the next does not. For compatibility.
 DirPtr createDirectory(const char* directory)
 {
     WFOAL_INFO("%s: location %s does not exist. Trying to create", function, directory);
@@ -36,9 +36,8 @@ DirPtr createDirectory(const char* directory)
     return stream;
 }
 
-// Next entry into a record of our own, whose whole name field may be copied: a record inside the stream's buffer ends
-// with its name. Zeroed first, so that what follows the name is not whatever the stack held. Returns an errno value;
-// `found` is false at the end.
+// Copies the next entry into a whole record, because one in the stream's buffer ends with its name and the agent may
+// copy the whole name field. Bytes behind the name are zero. Returns an errno value; `found` is false at the end.
 int nextEntry(DIR* stream, dirent& entry, bool& found)
 {
     entry = {};

@@ -20,7 +20,7 @@ const char* const sDirectories[] = {
     "/tmp/vpn/temp/",     // LOCATION_TEMP
 };
 
-bool hasSize(int result, struct stat& status)
+bool acceptIfBelow2GiB(int result, struct stat& status)
 {
     if (result == 0 && status.st_size <= std::numeric_limits<std::int32_t>::max()) return true;
     status = {};
@@ -43,13 +43,13 @@ std::string storagePath(KEST_FileLocation location, const char* name)
 bool fileStatus(const char* path, struct stat& status)
 {
     status = {};
-    return hasSize(::stat(path, &status), status);
+    return acceptIfBelow2GiB(::stat(path, &status), status);
 }
 
 bool fileStatus(int file, struct stat& status)
 {
     status = {};
-    return hasSize(::fstat(file, &status), status);
+    return acceptIfBelow2GiB(::fstat(file, &status), status);
 }
 
 }  // namespace wfoal

@@ -16,8 +16,8 @@
 
 namespace {
 
-// A FIFO has nothing to map and is refused later on; opening it must not wait for a writer until then. Somebody's lease
-// on a regular file is waited for.
+// Opening a FIFO must not wait for a writer: it cannot be mapped and is refused later. A lease on a regular file is
+// waited for.
 int openForMapping(const char* path)
 {
     constexpr int flags = O_RDONLY | O_CLOEXEC;
@@ -32,8 +32,8 @@ PluginResult StorageInterface::SimpleMapFile(KEST_FileLocation location, const c
 try {
     if (name == nullptr) return PLUGIN_FAILURE;
     const std::string path = wfoal::storagePath(location, name);
-    // The open file tells its status without a second walk along the path; one that does not open is looked at by path,
-    // to say what is wrong with it.
+    // An open file is asked for its status by descriptor. One that does not open is asked by path, to log what is
+    // wrong.
     UniqueFd file(openForMapping(path.c_str()));
     struct stat status;
     if (!(file.valid() ? wfoal::fileStatus(file.get(), status) : wfoal::fileStatus(path.c_str(), status))) {
@@ -44,7 +44,7 @@ try {
         WFOAL_ERROR("%s: failed to open mo file: %s", __func__, path.c_str());
         return PLUGIN_FAILURE;
     }
-    // Never closed from here on, on purpose: each call keeps its descriptor for the life of the process.
+    // Each call keeps its descriptor open until the process ends, for compatibility.
     const int descriptor = file.release();
     const auto fileSize = static_cast<unsigned int>(status.st_size);
     address = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, descriptor, 0);
@@ -55,7 +55,7 @@ try {
     try {
         mMappings[address] = fileSize;
     } catch (const std::bad_alloc&) {
-        // A mapping whose length is forgotten could not be unmapped.
+        // Without its recorded length a mapping could not be unmapped.
         ::munmap(address, fileSize);
         address = MAP_FAILED;
         throw;

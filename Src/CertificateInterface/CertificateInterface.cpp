@@ -6,8 +6,8 @@
 #include <openssl/ssl.h>
 
 #include "ErrorQueueGuard.h"
-#include "InterfaceCommon.h"
 #include "Log.h"
+#include "PluginIdentifier.h"
 
 static X509Ptr decode(const unsigned char* data, unsigned int length)
 {
@@ -37,7 +37,7 @@ PluginResult CertificateInterface::GetLastErrorString(char*, unsigned int)
     return PLUGIN_BUFFER_TOO_SMALL;
 }
 
-// Bytes that are no certificate are dropped in silence: a gateway may send what it likes beside the chain.
+// Ignore bytes that are no certificate: a gateway may send anything beside the chain.
 PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data, unsigned int length)
 {
     const wfoal::ErrorQueueGuard queueGuard;
@@ -46,11 +46,11 @@ PluginResult CertificateInterface::AddVerificationCert(const unsigned char* data
     if (!verificationCerts) return PLUGIN_FAILURE;
     if (data == nullptr) return PLUGIN_SUCCESS;
     X509Ptr certificate = decode(data, length);
-    // Once more: a fault must not look like bytes that are no certificate.
+    // Parse once more: a fault (no memory) must not count as bytes that are no certificate.
     if (!certificate) certificate = decode(data, length);
     if (!certificate) return PLUGIN_SUCCESS;
     if (sk_X509_push(verificationCerts.get(), certificate.get()) == 0) return PLUGIN_FAILURE;
-    static_cast<void>(certificate.release());  // the list's now
+    static_cast<void>(certificate.release());  // owned by the list
     return PLUGIN_SUCCESS;
 }
 

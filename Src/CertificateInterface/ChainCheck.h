@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a chain is asked for: whether it verifies for a server, and whether a subject is installed. OpenSSL does not
-// tell a fault of its own (no memory, no descriptor) from a certificate that is not there, and then may come to a
-// milder error. So whatever is not refused is checked a second time.
+// Checks of a chain: whether it verifies for a server, and whether a subject is installed. OpenSSL does not distinguish
+// a fault of its own (no memory, no descriptor) from a missing certificate, and may then report a milder error. So
+// every chain that is not refused is checked a second time.
 #ifndef WFOAL_CHAINCHECK_H
 #define WFOAL_CHAINCHECK_H
 
@@ -26,8 +26,9 @@ struct ChainFindings {
     }
 };
 
-/// Checks the chain again, with copies of its certificates and a fresh look into the directory. True when that comes to
-/// the same findings. A fault that struck the first check only changes the findings; one that lasts fails this check.
+/// Checks the chain again, with copies of its certificates and a fresh look into the directory. True when both checks
+/// have the same findings. A fault that struck the first check only changes the findings; one that lasts fails this
+/// check.
 bool isConfirmed(const ChainFindings& findings, X509* server, const STACK_OF(X509) * untrusted,
                  const char* trustedDirectory);
 

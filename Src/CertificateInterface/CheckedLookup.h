@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Reads a hashed directory of trusted certificates as OpenSSL's own look-up does: the same files, in the same order, up
-// to the same end. OpenSSL's takes a file that it cannot read for one that is not there; this one says so.
+// to the same end. OpenSSL's own treats an unreadable file as missing; this one reports it.
 #ifndef WFOAL_CHECKEDLOOKUP_H
 #define WFOAL_CHECKEDLOOKUP_H
 
@@ -17,10 +17,10 @@ public:
     CheckedLookup(const CheckedLookup&) = delete;
     CheckedLookup& operator=(const CheckedLookup&) = delete;
 
-    /// Lets the store look here. The store must not outlive this object.
+    /// Adds this look-up to the store, which must not outlive it.
     bool attachTo(X509_STORE* store);
 
-    /// True when anything could not be looked at since.
+    /// True when a file or the directory could not be read since.
     bool hasFault() const { return mHasFault; }
 
 private:

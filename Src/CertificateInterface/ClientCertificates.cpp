@@ -40,8 +40,8 @@ X509Ptr readCertificate(const std::string& path)
     return certificate;
 }
 
-// The certificate of a directory entry, when it is one and its key file is there. Whether the key fits shows when it
-// is used.
+// The certificate of a directory entry; null when it is none or has no key file. Whether the key fits is checked when
+// it is used.
 X509Ptr usableCertificate(const char* name, std::string& keyPath)
 try {
     if (!isCertificateFileName(name)) return nullptr;

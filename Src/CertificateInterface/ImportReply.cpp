@@ -90,6 +90,7 @@ void storeReply(std::size_t number, const char* payload)
 bool importCallRespHandler(QSHandle*, QSMessage* message, void* context)
 {
     const char* payload = QSMessageGetPayload(message);
+    // Text and line number are fixed.
     WFOAL_ASSERT("Src/CertificateInterface", 382, payload);
     WFOAL_DEBUG("%s Recieved: %s", __func__, payload);
     wfoal::storeReply(reinterpret_cast<std::size_t>(context), payload);

@@ -44,6 +44,7 @@ bool addText(json_object* object, const char* key, const char* text)
 JsonPtr installRequest(const char* passphrase)
 {
     JsonPtr jsonToSend(json_object_new_object());
+    // Text and line number are fixed.
     WFOAL_ASSERT("Src/CertificateInterface", 417, jsonToSend);
     const bool isComplete = addText(jsonToSend.get(), "certificateFilename", stagingFile) &&
                             (passphrase == nullptr || addText(jsonToSend.get(), "passphrase", passphrase));
@@ -56,6 +57,7 @@ bool sendRequest(const char* passphrase, void* replyContext)
     const JsonPtr jsonToSend = installRequest(passphrase);
     if (!jsonToSend) return false;
     const char* szJsonOutMsg = json_object_get_string(jsonToSend.get());
+    // Text and line number are fixed.
     WFOAL_ASSERT("Src/CertificateInterface", 424, szJsonOutMsg);
     if (quorSend(installMethod, szJsonOutMsg, importCallRespHandler, replyContext)) return true;
     if (passphrase != nullptr && !g_utf8_validate(passphrase, -1, nullptr)) {

@@ -24,7 +24,7 @@ constexpr char verifyFunction[] = "VerifyServerCertificate";
 
 using NameBuffer = std::array<char, 256>;
 
-// OpenSSL takes a directory that does not exist without complaint, so it is looked for first.
+// Check that the directory exists, because OpenSSL accepts one that does not.
 bool loadTrustedDirectory(X509_STORE* store)
 {
     struct stat status {};
@@ -72,7 +72,7 @@ bool isWithinValidity(X509* certificate)
     return true;
 }
 
-// A text with a NUL inside only looks like what stands before the NUL.
+// A common name with an embedded NUL never matches.
 bool hasNulInCommonName(const X509_NAME* subject)
 {
     const X509_NAME_ENTRY* entry =

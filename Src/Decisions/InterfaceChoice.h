@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which physical interface the agent's outer connection should leave through: a decision on plain values, without a
-// system call, and why each route was taken or left.
+// system call, and why each route was taken or not.
 #ifndef WFOAL_INTERFACECHOICE_H
 #define WFOAL_INTERFACECHOICE_H
 
@@ -13,7 +13,7 @@
 
 namespace wfoal {
 
-/// The interface's name, and the route that decided; empty and null when no route will do.
+/// The interface's name, and the route that decided; empty and null when no route is usable.
 struct InterfaceChoice {
     std::string name;
     const RouteInfo* route = nullptr;
@@ -34,7 +34,7 @@ enum class RouteVerdict {
     LostTie,          ///< The chosen route has the same priority and comes later.
 };
 
-/// What became of one of the routes that the choice was made from; `name` is that of its output interface.
+/// Why one route was chosen or not; `name` is that of its output interface.
 RouteVerdict verdictOn(const RouteInfo& route, const std::string& name, const InterfaceChoice& choice);
 
 }  // namespace wfoal

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What an interface is, judged by the beginning of its name alone.
+// The kind of an interface, from the beginning of its name.
 #ifndef WFOAL_INTERFACENAMES_H
 #define WFOAL_INTERFACENAMES_H
 

@@ -7,7 +7,7 @@ namespace wfoal {
 
 namespace {
 
-// The bound interface, as far as it matters.
+// The kind of the bound interface.
 enum BoundTo : unsigned { Nothing = 1, WiFi = 2, Wan = 4, Other = 8 };
 constexpr unsigned anything = Nothing | WiFi | Wan | Other;
 constexpr unsigned something = WiFi | Wan | Other;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether the agent is to hear of a network change: a pure function of what the connection manager reports and of
-// the interface that the agent's socket is bound to.
+// Whether to notify the agent of a network change: a pure function of what the connection manager reports and of the
+// interface that the agent's socket is bound to.
 #ifndef WFOAL_NETWORKDECISION_H
 #define WFOAL_NETWORKDECISION_H
 
@@ -9,7 +9,7 @@
 
 namespace wfoal {
 
-/// One network as the connection manager reports it. Both false: nothing can be said.
+/// One network as the connection manager reports it. Both false: unknown.
 struct NetworkFlags {
     bool connected = false;      // up, and on the internet
     bool notOnInternet = false;  // down, or up but reported as not on the internet
@@ -22,7 +22,7 @@ struct NetworkFlags {
 
 struct NetworkDecision {
     bool sendNwCng;
-    const char* reason;  // what the log says about it; null when it says nothing
+    const char* reason;  // for the log; null when nothing is logged
 
     bool operator==(const NetworkDecision& other) const;
 };

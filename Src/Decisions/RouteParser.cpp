@@ -20,8 +20,7 @@ std::size_t aligned(std::size_t length)
     return (length + NLMSG_ALIGNTO - 1) & ~std::size_t{NLMSG_ALIGNTO - 1};
 }
 
-// Where the value of each attribute goes, by its type. The kernel's own table of types is longer; the rest is not
-// wanted.
+// The field for the value of each attribute, by its type. Types behind the end are ignored.
 constexpr std::size_t unwanted = sizeof(RouteInfo);
 constexpr std::size_t fieldOffsets[] = {
     unwanted,                       // RTA_UNSPEC
@@ -78,8 +77,8 @@ void parseRouteMessage(const void* message, std::size_t length, RouteInfo& route
         const std::size_t field =
             attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
         if (field != unwanted) {
-            // The value is the four bytes after the attribute's header, whatever length it claims: bytes of the next
-            // attribute when it is shorter.
+            // Always read the four bytes behind the attribute's header, for compatibility. When the attribute is
+            // shorter, they are bytes of the next one.
             std::uint32_t value = 0;
             const std::size_t valueOffset = offset + sizeof attribute;
             if (valueOffset + sizeof value <= length) std::memcpy(&value, bytes + valueOffset, sizeof value);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The bytes of a routing-table dump: framing (a datagram into messages) and parsing (a message into a record). No
-// system call, no log, no allocation; whatever the bytes say, nothing outside of them is read.
+// system call, no log, no allocation. Nothing outside of the bytes is read.
 #ifndef WFOAL_ROUTEPARSER_H
 #define WFOAL_ROUTEPARSER_H
 

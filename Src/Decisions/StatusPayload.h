@@ -14,7 +14,7 @@ struct StatusPayload {
     NetworkFlags wan;
 };
 
-/// Whatever is missing, or of another shape than expected, says nothing. `status` may be null.
+/// A value that is missing or has another shape counts as unknown. `status` may be null.
 StatusPayload readStatus(json_object* status);
 
 }  // namespace wfoal

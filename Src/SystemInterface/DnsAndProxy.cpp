@@ -49,7 +49,7 @@ PluginResult SystemInterface::SetDNSDomain(const char* domain)
     return PLUGIN_SUCCESS;
 }
 
-// A null list fails here, unlike in the two operations above: agents know it so.
+// Unlike SetDNSServers and SetDNSDomain, a null list fails; required for compatibility.
 PluginResult SystemInterface::SetSplitDNSDomains(const char** domains)
 {
     WFOAL_DEBUG("SystemInterface::%s: Split DNS Domains invoked", __func__);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Filling JSON objects where memory may run out: json-c takes a value over on success only, and leaves pieces out of a
-// text that it has no memory for.
+// Fills JSON objects, and reports when memory runs out. json-c by itself owns a value only after success, and silently
+// shortens a text that it has no memory for.
 #ifndef WFOAL_SYSTEMINTERFACE_JSONFIELDS_H
 #define WFOAL_SYSTEMINTERFACE_JSONFIELDS_H
 
@@ -9,8 +9,8 @@
 
 namespace wfoal {
 
-// These take `value` over in any case, and are false when something could not be allocated: the target and the value
-// may be null then.
+// These always take ownership of `value`. False when something could not be allocated; target and value may be null
+// then.
 bool addField(json_object* object, const char* key, json_object* value);
 bool addElement(json_object* array, json_object* value);
 

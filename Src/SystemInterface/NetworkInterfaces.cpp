@@ -19,7 +19,7 @@
 
 namespace {
 
-// The kernel may have more; these are the ones that are seen.
+// Interfaces behind these are ignored, for compatibility.
 constexpr std::size_t interfaceLimit = 20;
 
 in_addr addressOf(const sockaddr& address)
@@ -42,7 +42,7 @@ bool SystemInterface::isInterfaceValidForVpnToUse(int socket, ifreq& entry)
     if (entry.ifr_addr.sa_family != AF_INET || !isCandidate(entry.ifr_name)) return false;
     WFOAL_DEBUG("%s: %s is valid", __func__, entry.ifr_name);
     ifreq request = wfoal::requestFor(entry.ifr_name);
-    // An interface whose flags cannot be read is let through.
+    // An interface whose flags cannot be read is included.
     if (ioctl(socket, SIOCGIFFLAGS, &request) != 0) return true;
     if ((request.ifr_flags & IFF_LOOPBACK) != 0 || (request.ifr_flags & IFF_UP) == 0) {
         WFOAL_DEBUG("%s: %s became invalid", __func__, entry.ifr_name);
@@ -52,8 +52,8 @@ bool SystemInterface::isInterfaceValidForVpnToUse(int socket, ifreq& entry)
     return true;
 }
 
-// The walk goes backwards and on after a match, so that the kernel's first route wins. The name of the route's
-// interface only has to begin with the asked one.
+// Walks backwards without stopping at a match, so that the kernel's first route wins. The name of the route's interface
+// only has to begin with the given one.
 bool SystemInterface::getDefaultGatewayAddress(const char* interfaceName, std::string& gateway)
 {
     const RoutingTableListPtr routes(sNlHelper.getRoutingTableList());
@@ -87,7 +87,7 @@ void SystemInterface::fillInInterfaceValues(int socket, KEST_NetworkInterface* o
 PluginResult SystemInterface::listInterfaces(const char* function, unsigned int& count,
                                              KEST_NetworkInterface** interfaces)
 {
-    // Descriptor 0 counts as a failure, as it always has.
+    // Descriptor 0 counts as a failure, for compatibility.
     const UniqueFd control(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (control.get() < 1) {
         WFOAL_DEBUG("SystemInterface::%s: EnumerateNetworkInterfaces- cannot create udp socket", function);

@@ -91,7 +91,7 @@ void SystemInterface::resetJsonFirewallObject()
 
 void SystemInterface::deleteFirewallSettings()
 {
-    // Written out: it is needed most when there is no memory left for anything else.
+    // A constant text, because it is also needed when memory has run out.
     static const char text[] = R"({ "label": "vpn.vpnoal", "chainDelete": "NORVA" })";
     WFOAL_DEBUG("SystemInterface::%s called!! Sending to Fw Ctrl %s", __func__, text);
     VkFirewallFullCtrl(text);

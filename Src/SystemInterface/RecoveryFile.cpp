@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The small file that tells whoever cleans up after a crash which interface was brought up, and by which agent.
-// Nothing here reads or removes it.
+// A small file for a program that cleans up after a crash: it names the interface and the agent. The plug-in never
+// reads or removes it.
 #include "JsonFields.h"
 #include "Log.h"
 #include "SystemInterface.h"
@@ -32,6 +32,6 @@ void SystemInterface::saveDataForRecovery()
         return;
     }
     WFOAL_DEBUG("%s: Writing interface data to the recovery file: %s", __func__, text);
-    // A disk that is full is not reported: whoever reads the file takes what is there.
+    // A failure to write is not reported, for compatibility.
     static_cast<void>(std::fputs(text, file.get()));
 }

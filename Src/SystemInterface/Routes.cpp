@@ -18,14 +18,14 @@
 
 namespace {
 
-// A getter may have nothing to say; the request then holds null.
+// A getter may return null; the request then holds null.
 bool addTextOrNull(json_object* object, const char* key, const char* text)
 {
     if (text != nullptr) return wfoal::addText(object, key, text);
     return object != nullptr && json_object_object_add(object, key, nullptr) == 0;
 }
 
-// In one pass, the others keep their order.
+// One pass; the other routes keep their order.
 void dropLocalRoutes(GPtrArray* routes)
 {
     guint kept = 0;
@@ -40,7 +40,7 @@ void dropLocalRoutes(GPtrArray* routes)
     g_ptr_array_set_size(routes, static_cast<gint>(kept));
 }
 
-// Every text is a copy that the agent's object takes over.
+// The agent's object gets a copy of each text and owns it.
 void fillRoute(const char* function, const RouteInfo& route, KEST_SystemPluginRoute& object,
                wfoal::InterfaceNameCache& names)
 {
@@ -88,8 +88,7 @@ PluginResult enumerateRoutes(const char* function, unsigned int& count, KEST_Sys
     return listRoutes(function, list.get(), count, routes);
 }
 
-// What a command line may hold of an agent's route, which a gateway may have sent: nothing that means anything to a
-// shell.
+// Characters allowed in a route that is passed to a shell. A gateway may have sent the route.
 bool isHarmless(const char* text)
 {
     static const char harmless[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.:/-_";
@@ -102,7 +101,7 @@ std::string deletionCommand(const char* destination, const char* gateway, int pr
     const auto orNull = [](const char* text) { return text != nullptr ? text : "(null)"; };
     std::string command("/sbin/ip route del ");
     command.append(orNull(destination));
-    // A prefix of 0 is treated as that of a host.
+    // A prefix of 0 counts as 32, for compatibility.
     if (prefix != 0 && prefix != 32) command.append("/").append(std::to_string(prefix));
     return command.append(" via ").append(orNull(gateway));
 }
@@ -122,7 +121,7 @@ void deleteRoute(const char* function, KEST_SystemPluginRoute& route)
     }
     const bool harmless = isHarmless(destination) && isHarmless(gateway);
     if (harmless) WFOAL_DEBUG("SystemInterface::%s: Command Going Out: %s", function, command.c_str());
-    // A shell runs it as it always has; nothing in the text means anything to the shell.
+    // The text holds no character that is special to the shell.
     // NOLINTNEXTLINE(cert-env33-c)
     const PipePtr output(harmless ? popen(command.c_str(), "re") : nullptr);
     if (!output) {

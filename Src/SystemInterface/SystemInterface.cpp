@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the system interface has beside its configuration: its identity and the agent's callback record.
+// Identity of the system interface, and the agent's callback record.
 #include "SystemInterface.h"
 
-#include "InterfaceCommon.h"
 #include "Log.h"
 #include "ObjectRegistry.h"
+#include "PluginIdentifier.h"
 
 namespace {
 
-// The system object may be gone from here on: nothing waits for the agent's code.
-template <typename Tell>
-void tellAgent(KEST_SystemPluginCB* callback, Tell tell)
+// Ends the use of the system object first, because DisposePlugin() does not wait for the agent's code. From there on
+// the object may be destroyed.
+template <typename Notify>
+void notifyAgent(KEST_SystemPluginCB* callback, Notify notify)
 {
     UseGuard::endOnThisThread();
-    if (callback != nullptr) tell(*callback);
+    if (callback != nullptr) notify(*callback);
 }
 
 }  // namespace
@@ -40,15 +41,15 @@ PluginResult SystemInterface::SetSystemPluginCB(KEST_SystemPluginCB* callback)
 
 void SystemInterface::notifyConnectionChange()
 {
-    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnConnectionChange(0); });
+    notifyAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnConnectionChange(0); });
 }
 
 void SystemInterface::notifyPowerResume()
 {
-    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerResume(); });
+    notifyAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerResume(); });
 }
 
 void SystemInterface::notifyPowerSuspended()
 {
-    tellAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerSuspended(); });
+    notifyAgent(mpSystemPluginCB, [](KEST_SystemPluginCB& agent) { agent.OnPowerSuspended(); });
 }

@@ -39,7 +39,7 @@ void SystemInterface::resetJsonObjects()
     resetJsonFirewallObject();
 }
 
-// A tunnel without one of its routes or filter rules would let out what it is to carry: it is not brought up.
+// Refuse an incomplete configuration: without one of its routes or rules, traffic would leave beside the tunnel.
 void SystemInterface::requestIsIncomplete(const char* function)
 {
     mbIncomplete = true;
@@ -70,7 +70,7 @@ bool SystemInterface::addAddressToJson(json_object* target, const char* key, in_
     return true;
 }
 
-// A key that an earlier failed apply left is replaced in place, or taken away when it no longer holds.
+// Replace a key that an earlier failed apply has added, or remove it when it no longer applies.
 bool SystemInterface::addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted)
 {
     ifreq request{};
@@ -97,7 +97,7 @@ bool SystemInterface::addInterfaceInfoToJson()
     isWhole = isWhole && wfoal::addText(request, "networkScope", "wan");
     isWhole = isWhole && wfoal::addField(request, "networkUsage", usage.release());
 
-    // Kept open on purpose, one descriptor an apply. Descriptor 0 counts as a failure, as it always has.
+    // Each apply keeps its descriptor open, and descriptor 0 counts as a failure, for compatibility.
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const bool usable = descriptor > 0;
     if (!usable) WFOAL_ERROR("SystemInterface::%s: Error Establishing Socket", __func__);
@@ -114,7 +114,7 @@ PluginResult SystemInterface::ApplyConfiguration()
         WFOAL_ERROR("SystemInterface::%s: Out of memory, the configuration is incomplete and not applied", __func__);
         return PLUGIN_FAILURE;
     }
-    // The packet filter goes first, before the interface carries traffic, and stays when the interface request fails.
+    // Install the packet filter before the interface carries traffic. It stays when the interface request fails.
     if (mpFirewallObj) {
         deleteFirewallSettings();
         VkFirewallFullCtrl(filter);
@@ -142,7 +142,7 @@ PluginResult SystemInterface::RestoreSystemConfiguration()
     deleteFirewallSettings();
     mbConfigApplied = false;
     sDoesHaveADefaultGateway = false;
-    if (mbIncomplete) resetJsonObjects();  // whatever else was collected stays
+    if (mbIncomplete) resetJsonObjects();  // else the pending requests stay
     if (auto* callback = mpSystemPluginCB.load()) callback->OnConfigurationChange();
     return PLUGIN_SUCCESS;
 }

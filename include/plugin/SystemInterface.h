@@ -21,7 +21,8 @@ constexpr char tunnelInterfaceName[] = "norvatun0";
 /// A route to 0.0.0.0 was added since the last restore. One flag for all instances.
 extern bool sDoesHaveADefaultGateway;
 
-/// Prefix length of a dotted netmask; of one with gaps, the place of its lowest set bit. 0 when it is no address.
+/// Prefix length of a dotted netmask: the position of its lowest set bit, also when it has gaps. 0 when it is no
+/// address.
 int ConvertNetmaskToPrefix(const char* netmask);
 
 class SystemInterface : public KEST_SystemPlugin {
@@ -79,7 +80,7 @@ private:
     JsonPtr mpFirewallObj;                 // the packet-filter request being built
     bool mbConfigApplied = false;
     std::atomic<KEST_SystemPluginCB*> mpSystemPluginCB{nullptr};  // the agent's
-    bool mbIncomplete = false;  // a part of the pending requests was lost for want of memory: they are not applied
+    bool mbIncomplete = false;  // memory ran out while the requests were filled: they are not applied
 };
 
 #endif

@@ -38,7 +38,7 @@ EventThread
 NetworkStatus
 SystemInterface SocketInterface StorageInterface CertificateInterface ObjectRegistry QuorClient
 NetLinkHelper InterfaceIndex
-Log Assertion InterfaceCommon DottedAddress
+Log Assertion PluginIdentifier DottedAddress
 '
 
 # FILE INCLUDED, one a line, for every include that is a file of this tree.
