@@ -142,7 +142,7 @@ int openOuterSocket(KEST_SocketPlugin& sockets)
     return outer;
 }
 
-// Settings collect in the object; ApplyConfiguration() puts them in force.
+// Settings collect in the object; ApplyConfiguration() installs them.
 void configureTunnel(KEST_SystemPlugin& system)
 {
     const char* servers[] = {"10.20.0.53", nullptr};

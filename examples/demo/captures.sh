@@ -4,12 +4,6 @@
 # Captures on both access networks: of what belongs into the tunnel, of which nothing may be seen there, and of the ends
 # of outer connections. In a user namespace tcpdump cannot give up root, so that a counter of nft takes its place.
 
-# shellcheck shell=bash
-# SPDX-License-Identifier: Apache-2.0
-#
-# Captures on both access networks: of what belongs into the tunnel, of which nothing may be seen there, and of the ends
-# of outer connections.
-
 # shellcheck disable=SC2154  # shared with story.sh and its other parts
 tunnelled='net 10.20.0.0/16 or net 10.8.0.0/24'
 connection_ends='src host 192.0.2.10 and tcp dst port 443 and tcp[tcpflags] & (tcp-fin|tcp-rst) != 0'

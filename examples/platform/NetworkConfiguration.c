@@ -3,7 +3,7 @@
  * libVkNetConfigLib that CHANGES NOTHING: it reads each request, refuses what is malformed, and writes to the log what
  * it was asked for. So an agent runs, and one sees what the device would have to do.
  *
- * For a device: put in force what report() prints, all or nothing, before the call returns; take back exactly that. */
+ * For a device: install what report() prints, all or nothing, before the call returns; remove exactly that. */
 #include "VkNetConfigLib.h"
 
 #include <json-c/json.h>
@@ -110,7 +110,7 @@ static void report(const char* operation, struct json_object* request)
 {
     json_object_object_foreach(request, name, value)
     {
-        VkLogPrint(logContext(), logInfo, "%s (not put in force): %s = %s", operation, name,
+        VkLogPrint(logContext(), logInfo, "%s (not installed): %s = %s", operation, name,
                    json_object_to_json_string_ext(value, JSON_C_TO_STRING_PLAIN));
     }
 }
@@ -130,7 +130,7 @@ int CmAddInterfaceCfg2(const char* json)
     return take("CmAddInterfaceCfg2", json, sInterfaceKeys);
 }
 
-/* Nothing is ever in force, and taking back nothing is no failure. */
+/* Nothing is ever installed, and removing nothing is no failure. */
 int CmDelInterfaceCfg(const char* ifName)
 {
     if (ifName == NULL) return refuse("CmDelInterfaceCfg", "ifName", "is missing"), -1;

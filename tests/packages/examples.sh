@@ -64,5 +64,5 @@ check_says 'systemd-resolved has its domain' 'corp.example' cat /tmp/tunnel
 
 check 'the example platform is configured' cmake -S /mnt/examples/platform -B /tmp/platform
 check 'the example platform is built' cmake --build /tmp/platform
-check_says 'the installed plug-in runs on the example platform' '(not put in force): ifName = "norvatun0"' \
+check_says 'the installed plug-in runs on the example platform' '(not installed): ifName = "norvatun0"' \
     runs_agent env LD_LIBRARY_PATH=/tmp/platform

@@ -28,7 +28,7 @@ constexpr const char* libraries[][2] = {{"VkLogLib.h", "libVkLogLib"},
                                         {"powerd.h", "libpowerd"},
                                         {"quorservice.h", "libquorservice"}};
 
-/// The library as the plug-in would have it: with the major version in its name, else without.
+/// The library with the major version in its name, as the plug-in loads it; else without.
 std::string fileOf(const std::string& folder, const std::string& library)
 {
     std::string versioned = library + ".so.0";

@@ -45,7 +45,7 @@ void install(Platform& platform, const std::string& json)
     expect(result == 0, "CmAddInterfaceCfg2() returned " + std::to_string(result) + " for " + json);
 }
 
-void takeBack(Platform& platform)
+void removeConfiguration(Platform& platform)
 {
     const int result = NETCONFIG(CmDelInterfaceCfg)(interfaceOf(platform).c_str());
     expect(result == 0, "CmDelInterfaceCfg() returned " + std::to_string(result));
@@ -74,9 +74,9 @@ void expectState(const Platform& platform, const std::string& before, const std:
 void deletingNothingIsNoFailure(Platform& platform)
 {
     const std::string before = networkState(interfaceOf(platform));
-    takeBack(platform);
+    removeConfiguration(platform);
     filter(platform, removal);
-    expectState(platform, before, "after taking back nothing");
+    expectState(platform, before, "after removing nothing");
 }
 
 void missingInterfaceIsRefused(Platform& platform)
@@ -91,15 +91,15 @@ void takesEffectAtOnce(Platform& platform)
     install(platform, request(platform, "198.51.100.0"));
     expect(isUpWithAddress(interfaceOf(platform), "192.0.2.1"), "the interface is not up with its address");
     expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "the route is not there");
-    takeBack(platform);
+    removeConfiguration(platform);
 }
 
-void takesBackExactly(Platform& platform)
+void removesExactly(Platform& platform)
 {
     const std::string before = networkState(interfaceOf(platform));
     install(platform, request(platform, "198.51.100.0"));
-    takeBack(platform);
-    expectState(platform, before, "after taking it back");
+    removeConfiguration(platform);
+    expectState(platform, before, "after its removal");
 }
 
 void replacesTheOneBefore(Platform& platform)
@@ -108,7 +108,7 @@ void replacesTheOneBefore(Platform& platform)
     install(platform, request(platform, "203.0.113.0"));
     expect(hasRoute(interfaceOf(platform), "203.0.113.0", 24), "the new route is not there");
     expect(!hasRoute(interfaceOf(platform), "198.51.100.0", 24), "the route of the request before is still there");
-    takeBack(platform);
+    removeConfiguration(platform);
 }
 
 void allOrNothing(Platform& platform)
@@ -121,7 +121,7 @@ void allOrNothing(Platform& platform)
                 R"(,{"ip":"203.0.113.0","netmask":"255.255.255.128","gateway":"233.252.0.1","metric":0})");
     expect(NETCONFIG(CmAddInterfaceCfg2)(bad.c_str()) != 0, "a route through an unreachable gateway was taken");
     expectState(platform, before, "after a request that failed");
-    takeBack(platform);
+    removeConfiguration(platform);
 }
 
 void allTrafficInTwoHalves(Platform& platform)
@@ -130,7 +130,7 @@ void allTrafficInTwoHalves(Platform& platform)
             request(platform, "198.51.100.0", R"(,{"ip":"0.0.0.0","netmask":"0.0.0.0","gateway":"","metric":0})"));
     expect(hasRoute(interfaceOf(platform), "0.0.0.0", 1) && hasRoute(interfaceOf(platform), "128.0.0.0", 1),
            "the two /1 routes are not there");
-    takeBack(platform);
+    removeConfiguration(platform);
 }
 
 // A process that has loaded the libraries for itself and installed a configuration. It lives as long as the object.
@@ -166,7 +166,7 @@ private:
         try {
             result = NETCONFIG(CmAddInterfaceCfg2)(json.c_str()) == 0 ? 0 : 1;
         } catch (const Broken&) {
-            // the answer says that it failed
+            // the result stays 1: it failed
         }
         if (write(answer, &result, 1) == 1) pause();
         _exit(1);
@@ -188,7 +188,7 @@ void belongsToItsProcess(Platform& platform)
                "what another process had installed was removed");
         expect(hasRoute(interfaceOf(platform), "198.51.100.0", 24), "what another process had installed was changed");
     }
-    takeBack(platform);
+    removeConfiguration(platform);
 }
 
 void cleanedUpAfterTheEnd(Platform& platform)
@@ -258,8 +258,8 @@ void callsFromAnyThread(Platform& platform)
     });
     expect(failures == 0, std::to_string(failures) + " of 40 requests of four threads failed");
     filter(platform, removal);
-    takeBack(platform);
-    expectState(platform, before, "after taking it back");
+    removeConfiguration(platform);
+    expectState(platform, before, "after its removal");
 }
 
 }  // namespace
@@ -267,10 +267,10 @@ void callsFromAnyThread(Platform& platform)
 const Promises& networkPromises()
 {
     static const Promises promises = {
-        {header, "taking back what is not there is no failure", deletingNothingIsNoFailure},
+        {header, "removing a configuration that is not there is no failure", deletingNothingIsNoFailure},
         {header, "an interface that does not exist is refused", missingInterfaceIsRefused},
         {header, "a request takes effect before the call returns", takesEffectAtOnce},
-        {header, "taking back restores what was before", takesBackExactly},
+        {header, "removing a configuration restores the state before it", removesExactly},
         {header, "a request replaces the one before it", replacesTheOneBefore},
         {header, "a request that cannot be carried out whole changes nothing", allOrNothing},
         {header, "a default route goes into the interface as two /1 routes", allTrafficInTwoHalves},

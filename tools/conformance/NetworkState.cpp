@@ -125,7 +125,7 @@ bool LoopbackPort::isReachable() const
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(mPort);
-    // A filter on the way out makes the sending fail: that is not reaching it either.
+    // An output filter makes sending fail: the datagram does not arrive.
     sendto(mReceiver, "x", 1, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     pollfd arrived{mReceiver, POLLIN, 0};
     char byte = 0;

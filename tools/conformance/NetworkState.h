@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the kernel says of the interface that may be configured, and of a packet that a filter may drop.
+// The state of the kernel: of the interface that may be configured, and of a packet that a filter may drop.
 #ifndef CONFORMANCE_NETWORKSTATE_H
 #define CONFORMANCE_NETWORKSTATE_H
 
@@ -15,7 +15,7 @@ bool isUpWithAddress(const std::string& interfaceName, const std::string& addres
 /// True when the main table has a route to the network (dotted) with this prefix length through the interface.
 bool hasRoute(const std::string& interfaceName, const std::string& network, int prefix);
 
-/// A UDP port of the loopback device that nobody uses, and whether datagrams get there.
+/// An unused UDP port of the loopback device, and whether datagrams reach it.
 class LoopbackPort {
 public:
     /// Throws std::system_error.

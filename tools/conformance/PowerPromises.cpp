@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The promises of powerd.h. Suspend itself is not tested, so that the machine is
-// never put to sleep.
+// The promises of powerd.h. Suspend itself is not tested, so that the machine is never put to sleep.
 #include <atomic>
 
 #include "LoopThread.h"
@@ -138,7 +137,7 @@ void deinitOnTheLoopsThread(Platform& platform)
 
 void leavesNothingBehind(Platform& platform)
 {
-    startsAgain(platform);  // what GLib keeps for itself is there from now on
+    startsAgain(platform);  // GLib has allocated by now what it never frees
     platform.unload("powerd.h");
     const ProcessResources before = currentResources();
     for (int round = 0; round < 5; ++round) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a platform promises, one sentence of its headers each, and how the sentence is tried. A check runs in a process
-// of its own: it may crash, hang and leak. It throws Broken or Untestable, or returns when the promise holds.
+// A promise is one sentence of a platform header, with a check for it. A check runs in a process of its own: it may
+// crash, hang and leak. It throws Broken or Untestable, or returns when the promise holds.
 #ifndef CONFORMANCE_PROMISE_H
 #define CONFORMANCE_PROMISE_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What was found, for people line by line as it is found, for machines as one JSON value at the end.
+// The results: for people line by line at once, for machines as one JSON value at the end.
 #ifndef CONFORMANCE_REPORT_H
 #define CONFORMANCE_REPORT_H
 

@@ -152,7 +152,7 @@ void nameIsTakenOnce(Platform& platform)
     error.expectFilled("QSRegister() of a name that is taken");
 }
 
-// A callback that takes long, and records when it has finished.
+// A slow callback that records when it has finished.
 struct SlowCallback {
     std::promise<void> begun;
     std::atomic<bool> through{false};

@@ -20,8 +20,7 @@ namespace conformance {
 
 namespace {
 
-// The child writes one letter for the result, then the reason. It writes to a memory file, so that it never waits for a
-// reader.
+// The child writes one letter for the result, then the reason, into a memory file, so that it never waits for a reader.
 constexpr char letters[] = "obu";
 
 [[noreturn]] void runInChild(const Promise& promise, const Settings& settings, int answer, int log)

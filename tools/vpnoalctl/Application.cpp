@@ -20,8 +20,8 @@ constexpr char footer[] =
     "\nExit codes: 0 done; 1 the operation failed; 2 wrong usage or bad input, nothing was changed;\n"
     "3 the plug-in could not be loaded. 'vpnoalctl COMMAND --help' explains one command.";
 
-// The log library reads its settings when it is loaded. A person at a terminal wants to see why something failed, so
-// errors go to stderr; what the caller's environment says holds.
+// The log library reads its settings when it is loaded. Errors go to stderr, for a person at a terminal.
+// Settings in the caller's environment take precedence.
 void setUpLog(int verbosity)
 {
     const char* const levels[] = {"3", "6", "7"};

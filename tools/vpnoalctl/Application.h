@@ -14,10 +14,10 @@ namespace vpnoalctl {
 /// Enters the common options and every command in `app`; parsing fills `settings` and `chosen`, which must outlive it.
 void defineProgram(CLI::App& app, Settings& settings, std::optional<Action>& chosen);
 
-/// The options that all programs of this kind have.
+/// Enters the options that every command has.
 void addCommonOptions(CLI::App& app, Settings& settings);
 
-/// Parses, runs what is chosen then, and returns the exit code. Errors begin with the program's name. Never throws.
+/// Parses, runs the chosen action, and returns the exit code. Errors begin with the program's name. Never throws.
 int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& chosen, int argc, char** argv);
 
 /// Everything from the command line to the exit code (see ExitCode in CommandError.h). Never throws.

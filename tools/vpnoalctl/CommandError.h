@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How a command says that it could not do what it was asked for. Thrown anywhere below a command, printed on stderr as
-// "vpnoalctl: WHAT: WHY; what to do next".
+// The error of a command. Thrown anywhere below it, and printed on stderr as "vpnoalctl: WHAT: WHY; what to do next".
 #ifndef VPNOALCTL_COMMANDERROR_H
 #define VPNOALCTL_COMMANDERROR_H
 
@@ -25,7 +24,7 @@ public:
     CommandError(const std::string& what, const std::string& why, const std::string& remedy,
                  ExitCode exitCode = ExitFailed);
     ExitCode exitCode() const { return mExitCode; }
-    /// The why alone.
+    /// The WHY alone.
     const std::string& reason() const { return mReason; }
 
 private:

@@ -10,7 +10,7 @@ namespace vpnoalctl {
 
 class HeldLog {
 public:
-    /// Holds from now on when `wanted`. Without free descriptors the text is printed at once.
+    /// Holds from now on when `wanted`. Without a free descriptor nothing is held.
     explicit HeldLog(bool wanted);
     /// Drops what is still held.
     ~HeldLog();

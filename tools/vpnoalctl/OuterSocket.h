@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The agent's outer TCP connection as the plug-in wants it: which interface it prefers, a socket that it has bound, and
-// connecting without waiting.
+// The agent's outer TCP connection: the interface that the plug-in prefers, a socket that it has bound, and a
+// connection without waiting.
 #ifndef VPNOALCTL_OUTERSOCKET_H
 #define VPNOALCTL_OUTERSOCKET_H
 
@@ -26,7 +26,7 @@ std::string deviceOf(int socket);
 std::string localEndOf(int socket);
 std::string endpointText(const sockaddr_in& address);
 
-/// Begins a connection: 0 when it stands, EINPROGRESS, or the errno value of its failure.
+/// Begins a connection: 0 when it is established, EINPROGRESS, or the errno value of its failure.
 int beginConnection(int socket, const sockaddr_in& address);
 /// How a connection that was in progress ended, once the socket is writable: 0 or an errno value.
 int connectionResult(int socket);

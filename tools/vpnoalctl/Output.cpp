@@ -100,7 +100,7 @@ std::string Output::styled(const std::string& text, Style style) const
 
 void Output::write(const std::string& text)
 {
-    // Whether it worked is asked in flush().
+    // flush() reports a failure.
     static_cast<void>(std::fwrite(text.data(), 1, text.size(), mStream));
 }
 

@@ -83,7 +83,7 @@ Plugin* PluginLibrary::createPlugin(const char* identifier) const
 
 void PluginLibrary::keepLoaded()
 {
-    // Named again with this flag, the library stays until the process ends; its unload hook still runs then.
+    // Opened again with this flag, the library stays loaded until the process ends. Then its unload hook runs.
     if (dlopen(file().c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) == nullptr)
         throw loadError(file(), lastLinkerError());
 }

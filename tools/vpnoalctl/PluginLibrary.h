@@ -52,15 +52,15 @@ public:
     static PluginLibrary search(const std::string& path);
 
     /// A service object that is disposed of at the end of its scope. Disposing of a system object restores the
-    /// system's configuration: only whoever applied one wants that, others take createKept().
+    /// system's configuration. Use createKept() where that is not wanted.
     template <class Interface>
     PluginPtr<Interface> create() const
     {
         return {static_cast<Interface*>(createPlugin(InterfaceName<Interface>::value)), PluginDisposer{mDispose}};
     }
 
-    /// A service object that is never disposed of, so that a tunnel which another process brought up, or which is to
-    /// stay when this process ends, stays installed. The object lives as long as the process, and so does the library.
+    /// A service object that is never disposed of, so that an installed tunnel stays: that of another process, or one
+    /// that shall outlive this process. Object and library stay until the process ends.
     template <class Interface>
     Interface& createKept()
     {

@@ -24,7 +24,7 @@ std::string plainSize(std::uint64_t bytes)
     if (bytes < 1024) return fmt::format("{} bytes", bytes);
     double value = static_cast<double>(bytes) / 1024;
     std::size_t unit = 0;
-    // A value that would be printed as 1024 is one of the next unit.
+    // A value that rounds to 1024 is printed in the next unit.
     for (; value >= 1023.5 && unit + 1 < std::size(units); ++unit)
         value /= 1024;
     return value < 9.95 ? fmt::format("{:.1f} {}", value, units[unit]) : fmt::format("{:.0f} {}", value, units[unit]);

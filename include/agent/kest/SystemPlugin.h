@@ -63,7 +63,7 @@ public:
 
     /// Replaces the packet filter, then hands the collected settings to the platform. The device "norvatun0" must
     /// already carry its address. On success the collected settings are emptied; on PLUGIN_FAILURE they stay and the
-    /// packet filter is already in force.
+    /// packet filter is already installed.
     virtual PluginResult ApplyConfiguration() = 0;
     /// Removes the tunnel's configuration and the packet filter, whatever the state. Always PLUGIN_SUCCESS.
     virtual PluginResult RestoreSystemConfiguration() = 0;

@@ -34,7 +34,7 @@ extern "C" int CmAddInterfaceCfg2(const char* json)
 
 extern "C" int CmDelInterfaceCfg(const char* ifName)
 {
-    if (broken("nothing is taken back")) return 0;
+    if (broken("nothing is removed")) return 0;
     if (broken("nothing there is a failure")) return -1;
     return REAL(CmDelInterfaceCfg)(ifName);
 }

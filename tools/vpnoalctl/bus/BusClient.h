@@ -29,10 +29,10 @@ public:
     /// Handlers are called from run(), and may call stop().
     void call(const std::string& uri, const std::string& payload, ReplyHandler onReply);
     void watch(const std::string& service, StatusHandler onStatus);
-    /// Has run() do something. From any thread, for as long as the client lives.
+    /// Makes run() execute a task. From any thread, while the client exists.
     void post(std::function<void()> task);
 
-    /// Until stop(), or until the user interrupts.
+    /// Runs until stop(), or until the user interrupts.
     void run(Signals& signals);
     void stop();
 

@@ -16,7 +16,7 @@ using Bytes = std::vector<unsigned char>;
 /// The whole file, at most `limit` bytes; throws CommandError that names it.
 Bytes readWholeFile(const std::string& path, std::size_t limit);
 
-/// The file's first line: every user can read passwords on a command line. Throws CommandError.
+/// The file's first line. (Every user could read a password on the command line.) Throws CommandError.
 std::string readPasswordFile(const std::string& path);
 
 /// The first certificate of a PEM or DER file, as DER. Throws CommandError.
@@ -31,7 +31,7 @@ X509Ptr parseCertificate(const Bytes& der, const std::string& what);
 /// Lower-case hex.
 std::string toHex(const unsigned char* bytes, std::size_t length);
 
-/// What people want to know of a certificate.
+/// What is shown of a certificate.
 struct CertificateSummary {
     std::string subject;  ///< RFC 2253
     std::string issuer;

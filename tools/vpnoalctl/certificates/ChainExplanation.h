@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Why the plug-in may have judged as it did: plain verification of the same chain against the same trusted directory.
-// For people only; the verdict is the plug-in's.
+// A likely reason for the plug-in's verdict: plain verification of the same chain against the same trusted directory.
+// Only an explanation; the verdict is the plug-in's.
 #ifndef VPNOALCTL_CHAINEXPLANATION_H
 #define VPNOALCTL_CHAINEXPLANATION_H
 
@@ -19,8 +19,8 @@ struct ChainExplanation {
     std::vector<CertificateSummary> chain;  ///< as far as it could be built, the server first
 };
 
-/// The reason with OpenSSL's code and the depth, where the chain does not verify. It is not the whole story of a
-/// verdict: dates, store and name count then.
+/// The reason with OpenSSL's code and the depth when the chain does not verify. The verdict also depends on dates,
+/// store and name.
 std::string reasonOf(const ChainExplanation& explanation);
 
 ChainExplanation explainChain(const Bytes& server, const std::vector<Bytes>& intermediates);

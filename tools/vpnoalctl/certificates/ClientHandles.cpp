@@ -61,7 +61,8 @@ HandlePtr takeOnly(std::vector<HandlePtr>& handles, Fits fits, const char* sever
 
 std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates)
 {
-    // The first import makes the folder. Before that the plug-in has an error to tell, and there is none.
+    // The first import makes the folder. Without it the plug-in reports an error; here it means that there is no
+    // certificate.
     if (access(certificateFolder, F_OK) != 0 && errno == ENOENT) return {};
     unsigned int count = 0;
     if (certificates.EnumerateClientCerts(count, nullptr) != PLUGIN_SUCCESS) {

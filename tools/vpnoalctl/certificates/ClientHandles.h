@@ -25,7 +25,7 @@ std::vector<HandlePtr> listHandles(KEST_CertPlugin& certificates);
 /// The handle's certificate. Throws CommandError when it does not parse.
 X509Ptr certificateOf(ClientCertHandle& handle);
 
-/// The handle and what opens its key.
+/// A handle, and the password of its key.
 struct HandleSigner {
     ClientCertHandle& handle;
     const char* password = nullptr;  ///< null when the key is not encrypted

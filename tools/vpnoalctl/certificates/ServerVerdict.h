@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the plug-in makes of a server's certificate.
+// The plug-in's verdict on a server's certificate.
 #ifndef VPNOALCTL_SERVERVERDICT_H
 #define VPNOALCTL_SERVERVERDICT_H
 
@@ -17,7 +17,7 @@ enum class ServerVerdict { Accept, Ask, Refuse };
 /// "accept", "ask" or "refuse".
 const char* wordFor(ServerVerdict verdict);
 
-/// Certificates in DER form; `name` is what the user calls the server, empty when that is not known.
+/// Certificates in DER form. `name` is the server name that the user gave; empty when there is none.
 ServerVerdict judgeServer(KEST_CertPlugin& certificates, const Bytes& server, const std::vector<Bytes>& intermediates,
                           const std::string& name);
 

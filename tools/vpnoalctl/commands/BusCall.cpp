@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl bus call: asks a platform service something and prints its answer as it is. Needs no plug-in.
+// vpnoalctl bus call: calls a platform service and prints its answer unchanged. Needs no plug-in.
 #include <CLI/CLI.hpp>
 #include <memory>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // vpnoalctl certs sign: the signature that proves possession of a certificate's key, as a TLS 1.0 or 1.1 handshake
-// asks for it: over the MD5 and SHA-1 hashes of what was said.
+// needs it: over the MD5 and SHA-1 hashes of the message.
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 

@@ -36,7 +36,7 @@ int showInterfaces(Context& context)
         pointers.push_back(&each);
     Table table{{{"name", "NAME"}, {"address", "ADDRESS"}, {"netmask", "NETMASK"}, {"gateway", "GATEWAY"}}, {}};
     unsigned int count = mostInterfaces;
-    // It fails when there is none, which is an answer as well.
+    // It also fails when there is no interface, which is a valid answer.
     const PluginResult result = system.EnumerateNetworkInterfaces(count, pointers.data());
     if (result == PLUGIN_SUCCESS) {
         for (const ListedInterface& each : interfaces) {

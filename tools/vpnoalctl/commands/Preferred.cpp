@@ -8,8 +8,8 @@
 #include "Context.h"
 #include "Decisions/InterfaceChoice.h"
 #include "Json.h"
-#include "commands/Commands.h"
 #include "OuterSocket.h"
+#include "commands/Commands.h"
 #include "kernel/KernelRoutes.h"
 
 namespace vpnoalctl {
@@ -43,7 +43,7 @@ const Explanation& explain(RouteVerdict verdict)
     return explanations[0];
 }
 
-// Routes to 0.0.0.0, whatever their netmask: the others are no candidates for anybody.
+// Routes to 0.0.0.0 with any netmask. The others are never candidates.
 Table explainRoutes(const std::vector<RouteInfo>& routes, const wfoal::InterfaceChoice& choice)
 {
     Table table{{{"route", "ROUTE"},

@@ -29,7 +29,7 @@ std::vector<AgentRoute> listRoutes(KEST_SystemPlugin& system)
         const PluginResult result = system.EnumerateRoutes(count, pointers.data());
         if (result == PLUGIN_BUFFER_TOO_SMALL) continue;
         if (result != PLUGIN_SUCCESS) throw listingFailed();
-        // Objects beyond a table that has shrunk were left alone.
+        // A table that has shrunk leaves the last objects unset.
         while (!routes.empty() && *routes.back().GetDestination() == '\0')
             routes.pop_back();
         return routes;

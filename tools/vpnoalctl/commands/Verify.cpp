@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoalctl verify: what the plug-in makes of a server's certificate, with the reason and the chain.
+// vpnoalctl verify: the plug-in's verdict on a server's certificate, with the reason and the chain.
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>

@@ -54,7 +54,7 @@ struct BusNames {
     std::vector<std::string> startable;
 };
 
-// Both lists are for everybody, also under a policy that allows nothing but the daemon's own interface.
+// Any user may ask for both lists, also under a policy that allows only the daemon's own interface.
 BusNames namesOnBus()
 {
     BusNames names;
@@ -97,7 +97,7 @@ std::string resolvedFault()
     return fault;
 }
 
-// One that is a link to resolvectl only talks to the systemd-resolved that has just not answered.
+// A link to resolvectl is no resolver: it needs systemd-resolved, which has just not answered.
 bool hasResolvconf()
 {
     for (const char* tool : {"/sbin/resolvconf", "/usr/sbin/resolvconf"}) {

@@ -12,7 +12,7 @@ class Context;
 
 enum class Health {
     Ok,
-    Limited,  ///< something that not every tunnel needs is missing
+    Limited,  ///< something is missing that only some tunnels need
     Missing,  ///< no tunnel can be brought up
     Unsafe    ///< another user can change what only root may change
 };

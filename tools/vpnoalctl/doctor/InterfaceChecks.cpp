@@ -45,7 +45,7 @@ ifreq requestFor(const std::string& name)
     return request;
 }
 
-// The one that the device was made with, which stays when the current one is randomized; virtual devices have none.
+// The permanent address, which stays when the current one is randomized. Virtual devices have none.
 HardwareAddress permanentAddress(int socket, const std::string& name)
 {
     alignas(ethtool_perm_addr) unsigned char answer[sizeof(ethtool_perm_addr) + addressLength] = {};
@@ -72,7 +72,7 @@ HardwareAddress addressOf(const std::string& name)
     return {"MACAddress", colonSeparated(bytes)};
 }
 
-// From 10 on: the kernel gives lower numbers away itself, and a device is not renamed to a name that is taken.
+// Numbers from 10 on, because the kernel assigns lower ones itself and cannot rename a device to a name in use.
 std::string freeName(const std::string& name, std::vector<std::string>& taken)
 {
     const char* const prefix = isIf(name.c_str(), "ww") ? "wwan" : "eth";
@@ -86,7 +86,7 @@ std::string freeName(const std::string& name, std::vector<std::string>& taken)
     }
 }
 
-// A remedy's first line, and the files that it tells of.
+// The first line of a remedy, and the files that it names.
 std::string renamingRemedy(const std::vector<std::string>& names)
 {
     std::string files;

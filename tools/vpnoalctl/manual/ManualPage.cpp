@@ -19,7 +19,7 @@ bool beginsWith(const std::string& text, const std::string& beginning)
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-// As roff prints it literally.
+// Escaped, so that roff prints it literally.
 std::string escaped(const std::string& text)
 {
     std::string result = beginsWith(text, ".") || beginsWith(text, "'") ? "\\&" : "";
@@ -90,7 +90,7 @@ std::string synopsisOf(const std::string& name, const std::vector<const CLI::Opt
     return line + "\n";
 }
 
-// What a command's help ends with, unless it is what every help ends with.
+// The footer of a command's help; empty when it is the common one.
 std::string footerOf(const CLI::App& command, const CLI::App& program)
 {
     const std::string footer = command.get_footer();

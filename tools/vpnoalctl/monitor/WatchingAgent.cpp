@@ -13,7 +13,7 @@ namespace vpnoalctl {
 
 namespace {
 
-// Lives as long as the system object that has it, which is for the rest of the process.
+// The system object refers to it, and is never disposed of.
 class Record : public KEST_SystemPluginCB {
 public:
     void OnPowerSuspended() override { tell("the device is about to sleep"); }

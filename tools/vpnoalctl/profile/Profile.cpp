@@ -25,7 +25,7 @@ using wfoal::JsonError;
 using wfoal::JsonField;
 using wfoal::JsonValue;
 
-// One of a few words, each with its meaning.
+// A word that a key may have, and its meaning.
 template <class Meaning>
 struct Word {
     const char* word;
@@ -64,7 +64,7 @@ constexpr JsonField<TunnelSettings> tunnelKeys[] = {
      }},
 };
 
-// A gateway of 0.0.0.0 means that none was given. Then it is the peer, where there is one.
+// A gateway of 0.0.0.0 stands for none. The peer, if there is one, is then used.
 constexpr JsonField<ProfileRoute> routeKeys[] = {
     {"destination", true,
      [](const JsonValue& value, ProfileRoute& route) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A JSON file that a person writes: what is wrong with it is told with the file's name and the key.
+// A JSON file that a person writes. Errors name the file and the key.
 #ifndef VPNOALCTL_PROFILEFILE_H
 #define VPNOALCTL_PROFILEFILE_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values of a profile that several keys have. Each function throws JsonError, which names the key, for what is none.
+// Values that several keys of a profile share. Each function throws a JsonError with the key when the value is invalid.
 #ifndef VPNOALCTL_VALUES_H
 #define VPNOALCTL_VALUES_H
 
@@ -13,7 +13,7 @@
 
 namespace vpnoalctl {
 
-/// What the result holds. Refuses the JSON value when it holds a fault.
+/// The value in the result. Refuses the JSON value when the result is a fault.
 template <class Value>
 Value require(const wfoal::JsonValue& value, wfoal::Result<Value> result)
 {

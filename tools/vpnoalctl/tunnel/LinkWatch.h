@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Notices when a network device disappears. The device's own descriptor shows it only to a reader.
+// Notices when a network device disappears. On the device's own descriptor only read() shows that.
 #ifndef VPNOALCTL_LINKWATCH_H
 #define VPNOALCTL_LINKWATCH_H
 
