@@ -23,25 +23,25 @@ const wfoal::JsonField<Request> sRequestFields[] = {
     {"passphrase", false, [](const wfoal::JsonValue& value, Request& request) { request.passphrase = value.text(); }},
 };
 
-InstallResult parse(const char* text, Request& request)
+// Throws a JsonError.
+Request parse(const char* text)
 {
-    try {
-        const wfoal::JsonDocument document(text);
-        document.root().readObject(sRequestFields, request);
-        return {};
-    } catch (const wfoal::JsonError& error) {
-        return {InstallError::BadRequest, error.what()};
-    }
+    Request request;
+    const wfoal::JsonDocument document(text);
+    document.root().readObject(sRequestFields, request);
+    return request;
 }
 
 }  // namespace
 
 std::string addCertificate(const CertificateStore& store, const char* request)
 {
-    Request parsed;
-    InstallResult result = parse(request, parsed);
-    if (result.error == InstallError::None) result = store.install(parsed.fileName, parsed.passphrase);
-    return replyText(result);
+    try {
+        const Request parsed = parse(request);
+        return replyText(store.install(parsed.fileName, parsed.passphrase));
+    } catch (const wfoal::JsonError& error) {
+        return replyText({InstallError::BadRequest, error.what()});
+    }
 }
 
 std::string replyText(const InstallResult& result)

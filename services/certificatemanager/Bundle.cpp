@@ -63,70 +63,72 @@ X509Ptr certificateOfPem(const std::string& pem)
     return certificate;
 }
 
-InstallResult resultOf(Pkcs12Fault fault, bool hasMac)
+InstallFailure failureOf(Pkcs12Fault fault, bool hasMac)
 {
     switch (fault) {
-    case Pkcs12Fault::None: break;
     case Pkcs12Fault::WrongPassword: return {InstallError::WrongPassphrase, "the passphrase is wrong"};
     case Pkcs12Fault::TooManyIterations:
         return {InstallError::TooManyIterations, "the bundle asks for more than " +
                                                      std::to_string(largestPkcs12Iterations) +
                                                      " iterations of key derivation"};
-    case Pkcs12Fault::Undecodable:
-        if (hasMac) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
-        return {InstallError::WrongPassphrase, "the bundle has no MAC and does not decrypt with the passphrase"};
+    case Pkcs12Fault::None:
+    case Pkcs12Fault::Undecodable: break;
     }
-    return {};
+    if (hasMac) return {InstallError::NotPkcs12, "the bundle cannot be decoded"};
+    return {InstallError::WrongPassphrase, "the bundle has no MAC and does not decrypt with the passphrase"};
 }
 
 }  // namespace
 
-InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>& bytes)
+std::string readBundleFile(const std::string& path)
 {
     const auto failed = [&path](InstallError error, const std::string& why) {
-        return InstallResult{error, path + ": " + why};
+        return InstallFailure(error, path + ": " + why);
     };
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!file.valid()) {
-        if (errno == ELOOP) return failed(InstallError::NotRegularFile, "is a symbolic link");
-        return failed(InstallError::Unreadable, std::strerror(errno));
+        if (errno == ELOOP) throw failed(InstallError::NotRegularFile, "is a symbolic link");
+        throw failed(InstallError::Unreadable, std::strerror(errno));
     }
     struct stat status {};
-    if (fstat(file.get(), &status) != 0) return failed(InstallError::Unreadable, std::strerror(errno));
-    if (!S_ISREG(status.st_mode)) return failed(InstallError::NotRegularFile, "is not a regular file");
+    if (fstat(file.get(), &status) != 0) throw failed(InstallError::Unreadable, std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) throw failed(InstallError::NotRegularFile, "is not a regular file");
 
     // One byte more than is allowed, so that a file that grows meanwhile is noticed too.
-    const auto content = wfoal::readWhole(file.get(), largestBundle + 1);
-    if (!content) return failed(InstallError::Unreadable, content.reason());
-    if (content->size() > largestBundle) return failed(InstallError::TooLarge, "is larger than 1 MiB");
-    bytes.assign(content->begin(), content->end());
-    return {};
+    auto content = wfoal::readWhole(file.get(), largestBundle + 1);
+    if (!content) throw failed(InstallError::Unreadable, content.reason());
+    if (content->size() > largestBundle) throw failed(InstallError::TooLarge, "is larger than 1 MiB");
+    return std::move(*content);
 }
 
-InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::string& passphrase, Bundle& bundle)
+Bundle openBundle(const std::string& bytes, const std::string& passphrase)
 {
-    const unsigned char* position = bytes.data();
+    const auto* position = reinterpret_cast<const unsigned char*>(bytes.data());
     const Pkcs12Ptr parsed(d2i_PKCS12(nullptr, &position, static_cast<long>(bytes.size())));
-    if (!parsed) return {InstallError::NotPkcs12, "the file is not a PKCS#12 bundle"};
+    if (!parsed) throw InstallFailure(InstallError::NotPkcs12, "the file is not a PKCS#12 bundle");
     const bool hasMac = PKCS12_mac_present(parsed.get()) == 1;
     Pkcs12Parts parts;
     const Pkcs12Fault fault = takePkcs12Apart(parsed.get(), passphrase.c_str(), parts);
     ERR_clear_error();
-    if (fault != Pkcs12Fault::None) return resultOf(fault, hasMac);
+    if (fault != Pkcs12Fault::None) throw failureOf(fault, hasMac);
     X509* const certificate = parts.certificate.get();
     EVP_PKEY* const key = parts.key.get();
-    if (key == nullptr) return {InstallError::NoKey, "the bundle holds no private key"};
-    if (certificate == nullptr) return {InstallError::NoCertificate, "the bundle holds no certificate for its key"};
+    if (key == nullptr) throw InstallFailure(InstallError::NoKey, "the bundle holds no private key");
+    if (certificate == nullptr) {
+        throw InstallFailure(InstallError::NoCertificate, "the bundle holds no certificate for its key");
+    }
 
     const BioPtr certificateText(BIO_new(BIO_s_mem()));
     const BioPtr keyText(BIO_new(BIO_s_secmem()));
     if (!certificateText || !keyText || PEM_write_bio_X509(certificateText.get(), certificate) != 1 ||
         PEM_write_bio_PrivateKey_traditional(keyText.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-        return {InstallError::NotStored, "the bundle cannot be written as PEM"};
+        throw InstallFailure(InstallError::NotStored, "the bundle cannot be written as PEM");
     }
-    bundle = {textOf(certificateText.get()), textOf(keyText.get()), fingerprintOf(certificate)};
-    if (bundle.fingerprint.empty()) return {InstallError::NotStored, "the certificate has no fingerprint"};
-    return {};
+    Bundle bundle{textOf(certificateText.get()), textOf(keyText.get()), fingerprintOf(certificate)};
+    if (bundle.fingerprint.empty()) {
+        throw InstallFailure(InstallError::NotStored, "the certificate has no fingerprint");
+    }
+    return bundle;
 }
 
 std::string fingerprintOfPem(const std::string& pem)

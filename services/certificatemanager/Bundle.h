@@ -5,7 +5,6 @@
 #define CERTIFICATEMANAGER_BUNDLE_H
 
 #include <string>
-#include <vector>
 
 #include "CertificateStore.h"
 
@@ -20,9 +19,11 @@ struct Bundle {
 };
 
 /// Reads a regular file of at most largestBundle bytes. Never blocks on a pipe and never follows a link at the end.
-InstallResult readBundleFile(const std::string& path, std::vector<unsigned char>& bytes);
+/// Throws an InstallFailure.
+std::string readBundleFile(const std::string& path);
 
-InstallResult openBundle(const std::vector<unsigned char>& bytes, const std::string& passphrase, Bundle& bundle);
+/// Throws an InstallFailure.
+Bundle openBundle(const std::string& bytes, const std::string& passphrase);
 
 /// Fingerprint of the first certificate of a PEM text; empty when there is none.
 std::string fingerprintOfPem(const std::string& pem);

@@ -20,31 +20,33 @@ namespace {
 constexpr char certificateSuffix[] = ".pem";
 constexpr char keyPrefix[] = "rsa";
 
-// Begins a name that no listing takes for a certificate.
+// Begins a name that no listing takes for a certificate; it also lacks the suffix.
 constexpr std::string_view interruptedPrefix = ".installing-";
 
-// Folder by folder; the last one with `mode`.
-bool makeFolders(const std::string& folder, mode_t mode)
-{
-    for (std::size_t end = folder.find('/', 1); end != std::string::npos; end = folder.find('/', end + 1)) {
-        const bool isLast = end + 1 == folder.size();
-        if (mkdir(folder.substr(0, end).c_str(), isLast ? mode : 0755) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
-
-InstallResult notStored(const std::string& path, const std::string& reason)
+InstallFailure notStored(const std::string& path, const std::string& reason)
 {
     return {InstallError::NotStored, path + ": " + reason};
 }
 
+// Folder by folder; the last one with `mode`.
+void makeFolders(const std::string& folder, mode_t mode)
+{
+    for (std::size_t end = folder.find('/', 1); end != std::string::npos; end = folder.find('/', end + 1)) {
+        const bool isLast = end + 1 == folder.size();
+        if (mkdir(folder.substr(0, end).c_str(), isLast ? mode : 0755) != 0 && errno != EEXIST) {
+            throw notStored(folder, wfoal::systemFault().reason);
+        }
+    }
+}
+
 // Makes `text` a file that exists whole or not at all.
-InstallResult store(const std::string& folder, const std::string& name, const std::string& text)
+void store(const std::string& folder, const std::string& name, const std::string& text)
 {
     const UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!opened.valid()) return notStored(folder, wfoal::systemFault().reason);
-    const auto written = wfoal::writeDurably(opened.get(), name, std::string(interruptedPrefix) + name, text);
-    return written ? InstallResult() : notStored(folder + name, written.reason());
+    if (!opened.valid()) throw notStored(folder, wfoal::systemFault().reason);
+    const std::string aside = std::string(interruptedPrefix) + name.substr(0, name.find(certificateSuffix));
+    const auto written = wfoal::writeDurably(opened.get(), name, aside, text);
+    if (!written) throw notStored(folder + name, written.reason());
 }
 
 unsigned removeInterrupted(const std::string& folder)
@@ -68,25 +70,31 @@ CertificateStore::CertificateStore(std::string certificateFolder, std::string ke
 
 InstallResult CertificateStore::install(const std::string& path, const std::string& passphrase) const
 {
-    std::vector<unsigned char> bytes;
-    InstallResult result = readBundleFile(path, bytes);
-    if (result.error != InstallError::None) return result;
-    Bundle bundle;
-    result = openBundle(bytes, passphrase, bundle);
-    if (result.error != InstallError::None) return result;
+    try {
+        installOrThrow(path, passphrase);
+        return {};
+    } catch (const InstallFailure& failure) {
+        return {failure.error(), failure.what()};
+    }
+}
 
-    if (!makeFolders(mCertificateFolder, 0755)) return notStored(mCertificateFolder, wfoal::systemFault().reason);
-    if (!makeFolders(mKeyFolder, 0700)) return notStored(mKeyFolder, wfoal::systemFault().reason);
-    if (isInstalled(bundle.fingerprint))
-        return {InstallError::AlreadyInstalled, "the certificate is installed already"};
-
+void CertificateStore::installOrThrow(const std::string& path, const std::string& passphrase) const
+{
+    const Bundle bundle = openBundle(readBundleFile(path), passphrase);
+    makeFolders(mCertificateFolder, 0755);
+    makeFolders(mKeyFolder, 0700);
+    if (isInstalled(bundle.fingerprint)) {
+        throw InstallFailure(InstallError::AlreadyInstalled, "the certificate is installed already");
+    }
     const std::string name = bundle.fingerprint + certificateSuffix;
     const std::string keyName = keyPrefix + name;
-    result = store(mKeyFolder, keyName, bundle.keyPem);
-    if (result.error != InstallError::None) return result;
-    result = store(mCertificateFolder, name, bundle.certificatePem);
-    if (result.error != InstallError::None) unlink((mKeyFolder + keyName).c_str());
-    return result;
+    store(mKeyFolder, keyName, bundle.keyPem);
+    try {
+        store(mCertificateFolder, name, bundle.certificatePem);
+    } catch (const InstallFailure&) {
+        unlink((mKeyFolder + keyName).c_str());
+        throw;
+    }
 }
 
 unsigned CertificateStore::removeInterruptedInstallations() const

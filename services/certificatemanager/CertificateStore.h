@@ -6,6 +6,7 @@
 #ifndef CERTIFICATEMANAGER_CERTIFICATESTORE_H
 #define CERTIFICATEMANAGER_CERTIFICATESTORE_H
 
+#include <stdexcept>
 #include <string>
 
 namespace certificatemanager {
@@ -32,6 +33,16 @@ struct InstallResult {
     std::string text;  ///< The error in words; empty on success.
 };
 
+/// A failed step of an installation, inside the service.
+class InstallFailure : public std::runtime_error {
+public:
+    InstallFailure(InstallError error, const std::string& text) : std::runtime_error(text), mError(error) {}
+    InstallError error() const { return mError; }
+
+private:
+    InstallError mError;
+};
+
 class CertificateStore {
 public:
     /// Folders with a trailing slash. Missing ones are made.
@@ -44,6 +55,7 @@ public:
     unsigned removeInterruptedInstallations() const;
 
 private:
+    void installOrThrow(const std::string& path, const std::string& passphrase) const;
     bool isInstalled(const std::string& fingerprint) const;
 
     std::string mCertificateFolder;
