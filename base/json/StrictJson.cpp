@@ -2,6 +2,7 @@
 #include "json/StrictJson.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -59,6 +60,32 @@ std::string shownKey(std::string_view key)
     constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
     const bool isPlain = !key.empty() && key.size() <= 40 && key.find_first_not_of(plain) == std::string_view::npos;
     return isPlain ? std::string(key) : excerpt(key);
+}
+
+// Place of an escaped low surrogate without its high one, which rapidjson lets through; npos when there is none. The
+// text is good otherwise.
+std::size_t loneSurrogateIn(std::string_view text)
+{
+    std::size_t pairedAt = std::string_view::npos;
+    for (std::size_t at = text.find('\\'); at != std::string_view::npos; at = text.find('\\', at)) {
+        if (text[at + 1] != 'u') {
+            at += 2;
+            continue;
+        }
+        unsigned int unit = 0;
+        std::from_chars(text.data() + at + 2, text.data() + at + 6, unit, 16);
+        if (unit >= 0xdc00 && unit <= 0xdfff && at != pairedAt) return at;
+        at += 6;
+        if (unit >= 0xd800 && unit <= 0xdbff) pairedAt = at;
+    }
+    return std::string_view::npos;
+}
+
+std::string describe(rapidjson::ParseErrorCode code)
+{
+    std::string reason = rapidjson::GetParseError_En(code);
+    if (!reason.empty() && reason.back() == '.') reason.pop_back();
+    return reason;
 }
 
 }  // namespace
@@ -161,11 +188,12 @@ JsonDocument::JsonDocument(const char* text, const char* name) : mParsed(std::ma
     }
     // Iterative, so that deep nesting costs no stack.
     mParsed->document.ParseInsitu<rapidjson::kParseIterativeFlag>(mParsed->text.data());
-    if (!mParsed->document.HasParseError()) return;
-    std::string reason = rapidjson::GetParseError_En(mParsed->document.GetParseError());
-    if (!reason.empty() && reason.back() == '.') reason.pop_back();
-    throw JsonError("", std::string(name) + " is not JSON: " + reason + ", at " +
-                            positionIn(text, mParsed->document.GetErrorOffset()));
+    const bool isParsed = !mParsed->document.HasParseError();
+    const std::size_t fault = isParsed ? loneSurrogateIn(text) : mParsed->document.GetErrorOffset();
+    if (fault == std::string_view::npos) return;
+    const auto code =
+        isParsed ? rapidjson::kParseErrorStringUnicodeSurrogateInvalid : mParsed->document.GetParseError();
+    throw JsonError("", std::string(name) + " is not JSON: " + describe(code) + ", at " + positionIn(text, fault));
 }
 
 JsonDocument::~JsonDocument() = default;

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "JsonTexts.h"
 #include "json/JsonError.h"
 
 using namespace wfoal;
@@ -93,6 +94,29 @@ TEST(StrictJson, WhatIsNotJsonIsRefusedWithThePlace)
         EXPECT_EQ(errorOf(text).find("the request is not JSON: "), 0U) << text << " gave " << errorOf(text);
     }
     EXPECT_EQ(errorOf(nullptr), "the request is a null pointer");
+}
+
+TEST(StrictJson, EveryBrokenTextIsRefused)
+{
+    EXPECT_LE(117U, testsupport::brokenJsonTexts().size());
+    for (const auto& [name, text] : testsupport::brokenJsonTexts()) {
+        for (const std::string& whole : {text, " \n" + text + "\n"}) {
+            try {
+                const JsonDocument document(whole.c_str());
+                ADD_FAILURE() << name << " is accepted: " << whole;
+            } catch (const JsonError& error) {
+                EXPECT_EQ(0U, std::string(error.what()).rfind("the request is not JSON: ", 0)) << error.what();
+            }
+        }
+    }
+}
+
+TEST(StrictJson, EveryGoodTextIsAcceptedByItselfAndAsAValue)
+{
+    for (const auto& [name, text] : testsupport::goodJsonTexts()) {
+        for (const std::string& whole : {text, "[" + text + "]", "{\"a\":" + text + "}"})
+            EXPECT_NO_THROW(JsonDocument(whole.c_str())) << name << ": " << whole;
+    }
 }
 
 TEST(StrictJson, DeepNestingCostsNoStack)

@@ -15,6 +15,7 @@
 
 #include "AddCertificate.h"
 #include "CertificateAuthority.h"
+#include "JsonTexts.h"
 
 namespace {
 
@@ -196,6 +197,16 @@ TEST_F(AddCertificateTest, RequestIsAnsweredInJson)
     EXPECT_EQ("{ \"returnValue\": true }", answer(request));
     EXPECT_EQ("{ \"returnValue\": false, \"errorCode\": 10, \"errorText\": \"the certificate is installed already\" }",
               answer(request));
+}
+
+TEST_F(AddCertificateTest, BrokenTextsAreRefused)
+{
+    for (const auto& [name, text] : testsupport::brokenJsonTexts()) {
+        EXPECT_THAT(answer(text.c_str()),
+                    testing::StartsWith("{ \"returnValue\": false, \"errorCode\": 1, \"errorText\": "
+                                        "\"the request is not JSON: "))
+            << name;
+    }
 }
 
 TEST_F(AddCertificateTest, BadRequestsNameWhatIsWrong)

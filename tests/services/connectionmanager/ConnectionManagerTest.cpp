@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The connection manager as its users meet it: the program on a real bus, over a real kernel.
+#include <glib.h>
 #include <gmock/gmock.h>
 #include <json-c/json.h>
 
@@ -13,6 +14,7 @@
 
 #include "ChildProcess.h"
 #include "Daemons.h"
+#include "JsonTexts.h"
 #include "LoopThread.h"
 #include "quorservice.h"
 
@@ -68,6 +70,14 @@ protected:
     static void wifiUp() { sh("ip link set eth0 up; ip route add default via 10.0.0.1 dev eth0 metric 100"); }
     static void wanUp() { sh("ip link set wwan0 up; ip route add default via 10.1.0.1 dev wwan0 metric 700"); }
 
+    /// What the service answers to a request that the client library would not send.
+    static std::string ask(const std::string& payload)
+    {
+        return testsupport::runCommand(
+                   {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "getStatus", "s", payload})
+            .output;
+    }
+
     void subscribe(const char* payload = R"({"subscribe":true})")
     {
         ASSERT_TRUE(QSCall(
@@ -101,11 +111,6 @@ TEST_F(ConnectionManagerTest, FirstReplySaysHowItIs)
 
 TEST_F(ConnectionManagerTest, RequestsAreReadStrictly)
 {
-    const auto ask = [](const std::string& payload) {
-        return testsupport::runCommand(
-                   {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "getStatus", "s", payload})
-            .output;
-    };
     for (const char* payload : {"", "{} {}", "{'subscribe':true}", "{\"subscribe\":true", "{\"subscribe\":true,}",
                                 "{\"subscribe\":tRUE}", "{/* */}", "NaN"}) {
         EXPECT_THAT(ask(payload), HasSubstr("the request is not JSON: ")) << payload;
@@ -115,6 +120,16 @@ TEST_F(ConnectionManagerTest, RequestsAreReadStrictly)
     EXPECT_THAT(ask("{\"subscribe\":true,\"subscribe\":true}"), HasSubstr("subscribe: given twice"));
     EXPECT_THAT(ask("{\"subscribed\":true}"), HasSubstr("subscribed: unknown key"));
     EXPECT_THAT(ask("{}"), HasSubstr("\\\"returnValue\\\":true"));
+}
+
+TEST_F(ConnectionManagerTest, BrokenTextsAreRefused)
+{
+    std::size_t number = 0;
+    for (const auto& [name, text] : testsupport::brokenJsonTexts()) {
+        if (number++ % 3 != 0) continue;
+        if (!g_utf8_validate(text.c_str(), -1, nullptr)) continue;  // the bus carries none of these
+        EXPECT_THAT(ask(text), HasSubstr("the request is not JSON: ")) << name;
+    }
 }
 
 TEST_F(ConnectionManagerTest, ReplyIsNotStaleRightAfterAChange)
