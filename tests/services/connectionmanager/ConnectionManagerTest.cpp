@@ -73,8 +73,8 @@ protected:
     /// What the service answers to a request that the client library would not send.
     static std::string ask(const std::string& payload)
     {
-        return testsupport::runCommand(
-                   {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "getStatus", "s", payload})
+        return testsupport::runCommand({"busctl", "--system", "--", "call", serviceName, "/", "com.vesk.JsonService1",
+                                        "getStatus", "s", payload})
             .output;
     }
 
