@@ -8,6 +8,7 @@
 
 #include "CommandError.h"
 #include "Output.h"
+#include "completion/Completion.h"
 #include "text/Suggest.h"
 
 namespace vpnoalctl {
@@ -50,17 +51,44 @@ int guarded(const CLI::App& app, const Action& action, Context& context)
     }
 }
 
-// Empty unless the command line begins with a word that is no command.
-std::string unknownCommand(const CLI::App& app)
+// The command that the words have led to.
+const CLI::App& chosenCommand(const CLI::App& app)
 {
-    const std::vector<std::string> left = app.remaining();
-    if (!app.get_subcommands().empty() || left.empty() || left.front().rfind('-', 0) == 0) return {};
-    std::vector<std::string> known;
-    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-        known.push_back(command->get_name());
+    const auto chosen = app.get_subcommands();
+    return chosen.empty() ? app : chosenCommand(*chosen.front());
+}
+
+std::vector<std::string> optionNames(const CLI::App& app)
+{
+    std::vector<std::string> names;
+    for (const CLI::App* each = &app; each != nullptr; each = each->get_parent()) {
+        for (const CLI::Option* option : each->get_options()) {
+            for (const std::string& name : option->get_lnames())
+                names.push_back("--" + name);
+        }
     }
-    const std::string meant = wfoal::nearest(left.front(), known);
-    return "there is no command '" + left.front() + (meant.empty() ? "'" : "', perhaps '" + meant + "' is meant");
+    return names;
+}
+
+// What the first word says that fits nowhere; empty when every word fits.
+std::string unknownWord(const CLI::App& app)
+{
+    const std::vector<std::string> left = app.remaining(true);
+    if (left.empty()) return {};
+    const std::string& word = left.front();
+    const CLI::App& command = chosenCommand(app);
+    std::string kind = "there is no option ";
+    std::vector<std::string> known;
+    if (word.rfind('-', 0) == 0) {
+        known = optionNames(command);
+    } else {
+        kind = "there is no command ";
+        for (const CLI::App* inner : command.get_subcommands([](const CLI::App*) { return true; }))
+            known.push_back(inner->get_name());
+        if (known.empty()) return "nothing is expected where '" + word + "' is";
+    }
+    const std::string meant = wfoal::nearest(word, known);
+    return kind + "'" + word + (meant.empty() ? "'" : "', perhaps '" + meant + "' is meant");
 }
 
 int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
@@ -69,7 +97,7 @@ int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
     for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = chosen.front()->get_subcommands()) {
         command += " " + chosen.front()->get_name();
     }
-    const std::string unknown = unknownCommand(app);
+    const std::string unknown = unknownWord(app);
     complain(app, "usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");
     return ExitUsage;
 }
@@ -90,7 +118,8 @@ void defineProgram(CLI::App& app, Settings& settings, std::optional<Action>& cho
 
 void addCommonOptions(CLI::App& app, Settings& settings)
 {
-    app.add_option("--plugin", settings.pluginPath, "The plug-in's file; else $WFOAL_PLUGIN, else " WFOAL_SONAME);
+    app.add_option("--plugin", settings.pluginPath, "The plug-in's file; else $WFOAL_PLUGIN, else " WFOAL_SONAME)
+        ->type_name("FILE");
     app.add_flag("--json", settings.json, "Print JSON for machines");
     app.add_flag("-v,--verbose", settings.verbosity,
                  "Tell more and show the log on stderr; twice: with debug output, which can hold passwords");
@@ -102,6 +131,7 @@ int run(int argc, char** argv)
     Settings settings;
     std::optional<Action> chosen;
     defineProgram(app, settings, chosen);
+    if (argc > 2 && std::string(argv[1]) == completionWord) return printCompletion(app, argv + 2, argc - 2);
     return runProgram(app, settings, chosen, argc, argv);
 }
 

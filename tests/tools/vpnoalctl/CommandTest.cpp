@@ -125,8 +125,13 @@ TEST_F(CommandTest, WrongUsageIsExitCode2)
 {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{}, "vpnoalctl: usage: A subcommand is required; see 'vpnoalctl --help'\n"},
-        {{"info", "--nonsense"},
-         "vpnoalctl: usage: The following argument was not expected: --nonsense; see 'vpnoalctl info --help'\n"},
+        {{"info", "--nonsense"}, "vpnoalctl: usage: there is no option '--nonsense'; see 'vpnoalctl info --help'\n"},
+        {{"restore", "--forse"},
+         "vpnoalctl: usage: there is no option '--forse', perhaps '--force' is meant; see 'vpnoalctl restore "
+         "--help'\n"},
+        {{"certs", "lst"},
+         "vpnoalctl: usage: there is no command 'lst', perhaps 'list' is meant; see 'vpnoalctl certs --help'\n"},
+        {{"apply", "a", "b"}, "vpnoalctl: usage: nothing is expected where 'b' is; see 'vpnoalctl apply --help'\n"},
         {{"apply"}, "vpnoalctl: usage: profile is required; see 'vpnoalctl apply --help'\n"},
         {{"conect"},
          "vpnoalctl: usage: there is no command 'conect', perhaps 'connect' is meant; see 'vpnoalctl --help'\n"},

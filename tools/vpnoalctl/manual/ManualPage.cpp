@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "manual/ManualPage.h"
 
-#include <CLI/CLI.hpp>
 #include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
+
+#include "OptionText.h"
 
 namespace vpnoalctl {
 
@@ -43,19 +44,6 @@ std::string bold(const std::string& text)
 std::string italic(const std::string& text)
 {
     return "\\fI" + escaped(text) + "\\fR";
-}
-
-// Without the range that follows a colon.
-std::string argumentOf(const CLI::Option& option)
-{
-    const std::string type = option.get_type_name();
-    const std::string word = type.substr(0, type.find(':'));
-    return option.get_positional() && word == "TEXT" ? option.get_single_name() : word;
-}
-
-bool takesValue(const CLI::Option& option)
-{
-    return option.get_items_expected_max() > 0;
 }
 
 // "-o, --output TEXT", or the argument's name.
