@@ -15,8 +15,7 @@
 
 namespace sampleclient {
 
-/// Beside the exit codes of vpnoalctl: the gateway's certificate is refused.
-constexpr auto ExitRefused = static_cast<vpnoalctl::ExitCode>(5);
+using vpnoalctl::ExitRefused;
 
 enum class TrustStep { Proceed, AskUser, Undecided, Refuse };
 

@@ -93,14 +93,14 @@ TEST_F(CertificateCommandsTest, FolderThatCannotBeListedIsAFailure)
     EXPECT_THAT(result.output, HasSubstr("vpnoalctl: certs: the client certificates cannot be listed; "));
 }
 
-TEST_F(CertificateCommandsTest, RefusalIsExitCodeOne)
+TEST_F(CertificateCommandsTest, RefusalIsExitCodeFive)
 {
     testsupport::installTrusted(mRoot);
     testsupport::CertificateOptions expired{"vpn.example", 3};
     expired.notAfter = -60;
     writeFile("/tmp/server.pem", makeIdentity(expired, &mRoot).pem());
     const CommandResult result = ctl({"--json", "verify", "/tmp/server.pem", "--name", "vpn.example"});
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(5, result.status);
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("\"verdict\":\"refuse\""), HasSubstr("\"reason\":\"certificate has expired\"")));
 }
@@ -136,6 +136,59 @@ TEST_F(CertificateCommandsTest, SignatureIsThatOfTheKey)
     const RsaPtr key(EVP_PKEY_get1_RSA(mClient.key.get()));
     EXPECT_EQ(1, RSA_verify(NID_md5_sha1, hash, length, signature.data(), static_cast<unsigned>(signature.size()),
                             key.get()));
+}
+
+TEST_F(CertificateCommandsTest, RemovedCertificateGoesWithItsKey)
+{
+    installClient();
+    const CommandResult result = ctl({"certs", "rm", "client"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("CN=client,O=Test: removed with its key.\n", result.output);
+    EXPECT_TRUE(std::filesystem::is_empty("/var/ssl/private"));
+    EXPECT_TRUE(std::filesystem::is_empty("/var/ssl/certs"));
+    EXPECT_EQ(2, ctl({"certs", "rm", "client"}).status);
+}
+
+TEST_F(CertificateCommandsTest, TrustedRootIsWhatTheVerdictGoesBy)
+{
+    writeFile("/tmp/server.pem", mServer.pem());
+    writeFile("/tmp/intermediate.der", mIntermediate.der());
+    writeFile("/tmp/root.pem", mRoot.pem());
+    const auto verdict = [] {
+        return ctl({"verify", "/tmp/server.pem", "--intermediate", "/tmp/intermediate.der"}).status;
+    };
+    EXPECT_EQ(4, verdict());
+    CommandResult result = ctl({"certs", "trust", "/tmp/root.pem"});
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_EQ("CN=Test Root,O=Test: trusted.\n", result.output);
+    EXPECT_EQ(0, verdict());
+    EXPECT_EQ("CN=Test Root,O=Test: trusted already.\n", ctl({"certs", "trust", "/tmp/root.pem"}).output);
+    result = ctl({"--json", "certs", "trust"});
+    EXPECT_THAT(result.output, AllOf(HasSubstr("\"subject\":\"CN=Test Root,O=Test\""), HasSubstr(".0\"")));
+    EXPECT_EQ("CN=Test Root,O=Test: no longer trusted.\n", ctl({"certs", "trust", "--remove", "/tmp/root.pem"}).output);
+    EXPECT_EQ(4, verdict());
+    result = ctl({"certs", "trust", "--remove", "/tmp/root.pem"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output, HasSubstr("is not among the trusted certificates"));
+    EXPECT_EQ("No gateway is trusted; 'vpnoalctl certs trust FILE' installs a root.\n", ctl({"certs", "trust"}).output);
+}
+
+TEST_F(CertificateCommandsTest, RootsOfTheSameSubjectStandSideBySide)
+{
+    const auto other = makeIdentity({"Test Root", 9, true});
+    writeFile("/tmp/root.pem", mRoot.pem());
+    writeFile("/tmp/other.pem", other.pem());
+    EXPECT_EQ(0, ctl({"certs", "trust", "/tmp/root.pem"}).status);
+    EXPECT_EQ(0, ctl({"certs", "trust", "/tmp/other.pem"}).status);
+    EXPECT_EQ(2, std::distance(std::filesystem::directory_iterator("/var/ssl/trustedcerts"), {}));
+}
+
+TEST_F(CertificateCommandsTest, GatewaysOwnCertificateIsNoRoot)
+{
+    writeFile("/tmp/server.pem", mServer.pem());
+    expectBadInput({"certs", "trust", "/tmp/server.pem"}, "/tmp/server.pem: is no certificate of an authority");
+    expectBadInput({"certs", "trust", "--remove"}, "--remove, --force: need a FILE");
+    EXPECT_EQ(0, ctl({"certs", "trust", "--force", "/tmp/server.pem"}).status);
 }
 
 TEST_F(CertificateCommandsTest, BadInputIsNamed)

@@ -15,7 +15,8 @@ enum ExitCode : int {
     ExitFailed = 1,    ///< the operation was tried and failed
     ExitUsage = 2,     ///< wrong usage or bad input; nothing was changed
     ExitNoPlugin = 3,  ///< the plug-in could not be loaded
-    ExitAskUser = 4,   ///< verify: neither accepted nor refused; the user must decide
+    ExitAskUser = 4,   ///< neither accepted nor refused; the user must decide about the gateway
+    ExitRefused = 5,   ///< the gateway's certificate is refused
 };
 
 class CommandError : public std::runtime_error {

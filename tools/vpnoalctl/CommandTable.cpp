@@ -41,6 +41,8 @@ constexpr Command commands[] = {
     {"certs show", "Show one certificate", defineCertsShow},
     {"certs sign", "Sign with a certificate's key", defineCertsSign},
     {"certs import", "Install a PKCS#12 bundle", defineCertsImport},
+    {"certs rm", "Remove a certificate with its key", defineCertsRemove},
+    {"certs trust", "Trust a root that issues gateways' certificates, or list them", defineCertsTrust},
 };
 
 struct Group {

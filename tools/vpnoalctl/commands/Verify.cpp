@@ -36,7 +36,7 @@ Verdict describe(ServerVerdict verdict)
     case ServerVerdict::Ask: return {"ask the user", Style::Warning, ExitAskUser};
     case ServerVerdict::Refuse: break;
     }
-    return {"refuse", Style::Bad, ExitFailed};
+    return {"refuse", Style::Bad, ExitRefused};
 }
 
 void printForMachines(Output& output, ServerVerdict verdict, const ChainExplanation& explanation)
@@ -99,7 +99,7 @@ Action defineVerify(CLI::App& command)
     command.add_option("--name", options->name, "What the user calls the server")->type_name("NAME");
     command.add_option("--intermediate", options->intermediates, "A certificate that the server sent with it")
         ->type_name("FILE");
-    command.footer("Exit code: 0 accept, 1 refuse, 4 ask the user, 2 unusable input.");
+    command.footer("Exit code: 0 accept, 5 refuse, 4 ask the user, 2 unusable input.");
     return [options](Context& context) { return verify(context, *options); };
 }
 
