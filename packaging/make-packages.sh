@@ -7,7 +7,7 @@
 #   libvpnwfoal-dev         headers of the agent's and of the platform's interfaces, CMake package, pkg-config file
 #   libvpnwfoal-platform0   the four platform libraries for an ordinary Linux
 #   vpnwfoal-services       connection manager and certificate manager
-#   vpnoalctl               the command-line tool, with its manual page and bash completion
+#   vpnoalctl               the command-line tool, with its manual page and shell completion
 #
 # All of them from local files:    sudo apt-get install ./build/packages/*.deb
 #
