@@ -142,6 +142,41 @@ TEST(ProfileTest, WithoutATunnelTheDeviceSaysWhatIsMissing)
     }
 }
 
+TEST(ProfileTest, ServerAndBypassStayOutside)
+{
+    const auto textsFor = [](const std::string& text) { return textsOf(parsed(text).outside); };
+    EXPECT_THAT(textsFor(R"({"server":"192.0.2.7","bypass":["10.1.0.0/16","2001:db8::/32","192.0.2.9"]})"),
+                testing::UnorderedElementsAre("192.0.2.7/32", "10.1.0.0/16", "192.0.2.9/32", "2001:db8::/32"));
+    EXPECT_THAT(textsFor(R"({"server":"2001:DB8::7"})"), testing::ElementsAre("2001:db8::7/128"));
+    EXPECT_TRUE(isEmpty(parsed("{}").outside));
+    const BypassNetworks both = merged(parsed(R"({"server":"192.0.2.7"})").outside,
+                                       parsed(R"({"bypass":["192.0.2.7","2001:db8::/32"]})").outside);
+    EXPECT_THAT(textsOf(both), testing::ElementsAre("192.0.2.7/32", "2001:db8::/32"));
+}
+
+TEST(ProfileTest, WhatCannotStayOutside)
+{
+    expectRefusals({
+        {R"({"server":"vpn.example"})", "server: \"vpn.example\" is no IPv4 address"},
+        {R"({"server":"192.0.2.0/24"})", "server: \"192.0.2.0/24\" is no IPv4 address"},
+        {R"({"server":"224.0.0.1"})", "server: 224.0.0.1 is no address of a host"},
+        {R"({"server":"2001:db8::7/64"})", "server: \"2001:db8::7/64\" is no IPv6 address"},
+        {R"({"server":"fe80::1%eth0"})", "server: \"fe80::1%eth0\" is no IPv6 address"},
+        {R"({"server":["192.0.2.7"]})", "server: must be a text"},
+        {R"({"bypass":"192.0.2.7"})", "bypass: must be an array"},
+        {R"({"bypass":["10.0.0.0/8",7]})", "bypass[1]: must be a text"},
+        {R"({"bypass":["0.0.0.0/0"]})", "bypass[0]: would keep all traffic outside of the tunnel"},
+        {R"({"bypass":["::/0"]})", "bypass[0]: would keep all traffic outside of the tunnel"},
+        {R"({"bypass":["10.1.2.0/16"]})",
+         "bypass[0]: 10.1.2.0/16 has bits set behind its prefix; the network is 10.1.0.0/16"},
+        {R"({"bypass":["2001:db8::1/32"]})",
+         "bypass[0]: 2001:db8::1/32 has bits set behind its prefix; the network is 2001:db8::/32"},
+        {R"({"bypass":["2001:db8::/129"]})", "bypass[0]: \"129\" is no prefix length from 0 to 128"},
+        {R"({"bypass":["10.20.0.0/16"],"routes":[{"destination":"10.20.0.0/16"}]})",
+         "routes[0]: 10.20.0.0/16 stays outside of the tunnel, by \"server\" or \"bypass\""},
+    });
+}
+
 TEST(ProfileTest, DeviceThatIsMadeNeedsATunnel)
 {
     EXPECT_EQ("10.8.0.2/24", withPrefix(tunnelToMake(parsed(std::string("{") + tunnel + "}"), "p.json").address));

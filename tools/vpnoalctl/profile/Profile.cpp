@@ -124,6 +124,11 @@ constexpr JsonField<Profile> profileKeys[] = {
     {"dns", false, [](const JsonValue& value, Profile& profile) { value.readObject(dnsKeys, profile); }},
     {"routes", false, [](const JsonValue& value, Profile& profile) { readList(value, routeKeys, profile.routes); }},
     {"filter", false, [](const JsonValue& value, Profile& profile) { readList(value, ruleKeys, profile.filter); }},
+    {"server", false, [](const JsonValue& value, Profile& profile) { addServer(value, profile.outside); }},
+    {"bypass", false,
+     [](const JsonValue& value, Profile& profile) {
+         value.forEach([&](const JsonValue& network, std::size_t) { addBypass(network, profile.outside); });
+     }},
 };
 
 void checkTunnel(const TunnelSettings& tunnel)
@@ -167,6 +172,17 @@ void checkRoutesDiffer(const std::vector<ProfileRoute>& routes)
     }
 }
 
+// A network is either outside or in the tunnel. One that is a part of the other is no contradiction.
+void checkOutside(const Profile& profile)
+{
+    for (std::size_t i = 0; i < profile.routes.size(); ++i) {
+        const Ipv4Network& destination = profile.routes[i].destination;
+        if (!contains(profile.outside, destination)) continue;
+        throw JsonError(fmt::format("routes[{}]", i),
+                        withPrefix(destination) + " stays outside of the tunnel, by \"server\" or \"bypass\"");
+    }
+}
+
 void checkRule(const FilterRule& rule, std::size_t index)
 {
     const auto refuse = [index](const char* key, const char* reason) {
@@ -193,19 +209,26 @@ void completeAndCheck(Profile& profile)
         completeRoutes(profile);
     }
     checkRoutesDiffer(profile.routes);
+    profile.outside = merged(profile.outside, {});
+    checkOutside(profile);
     for (std::size_t i = 0; i < profile.filter.size(); ++i)
         checkRule(profile.filter[i], i);
 }
 
 }  // namespace
 
+Profile readProfile(const JsonValue& value)
+{
+    Profile profile;
+    value.readObject(profileKeys, profile);
+    completeAndCheck(profile);
+    return profile;
+}
+
 Profile parseProfile(const std::string& text, const std::string& file)
 {
     Profile profile;
-    readJson(text, {file, "the profile"}, [&profile](const JsonValue& root) {
-        root.readObject(profileKeys, profile);
-        completeAndCheck(profile);
-    });
+    readJson(text, {file, "the profile"}, [&profile](const JsonValue& root) { profile = readProfile(root); });
     return profile;
 }
 

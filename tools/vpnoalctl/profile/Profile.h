@@ -13,6 +13,7 @@
 
 #include "kest/SystemPlugin.h"
 #include "net/Ipv4.h"
+#include "profile/Outside.h"
 
 namespace vpnoalctl {
 
@@ -52,7 +53,12 @@ struct Profile {
     std::vector<std::string> dnsDomains;
     std::vector<ProfileRoute> routes;
     std::vector<FilterRule> filter;
+    BypassNetworks outside;  ///< the VPN server, and the networks that stay outside of the tunnel
 };
+
+/// Reads a profile that is a part of a JSON document. Throws JsonError; the keys of its errors begin at the document's
+/// root, or at the profile's.
+Profile readProfile(const wfoal::JsonValue& value);
 
 /// Reads a profile from its text. Throws CommandError with ExitUsage; `file` is the name it gives in the error.
 Profile parseProfile(const std::string& text, const std::string& file);

@@ -68,6 +68,7 @@ void printForPeople(Output& output, const Profile& profile, const char* state)
     addRows(table, "DNS domains", profile.dnsDomains);
     addRows(table, "routes", profile.routes);
     addRows(table, "filter", profile.filter);
+    addRows(table, "outside", textsOf(profile.outside));
     output.table(table);
 }
 
@@ -94,6 +95,7 @@ JsonPtr summaryOf(const Profile& profile)
     addChild(summary, "dnsDomains", describeAll(profile.dnsDomains));
     addChild(summary, "routes", describeAll(profile.routes));
     addChild(summary, "filter", describeAll(profile.filter));
+    if (!isEmpty(profile.outside)) addChild(summary, "outside", describeAll(textsOf(profile.outside)));
     return summary;
 }
 
