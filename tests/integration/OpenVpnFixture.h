@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// OpenVPN itself as client and server. The server is in a network namespace of its own, reached over eth0 and wwan0;
+// behind it is 10.20.0.80. What arrives there for UDP port 9999 is counted: through the tunnel, and beside it.
+#ifndef WFOAL_TEST_OPENVPNFIXTURE_H
+#define WFOAL_TEST_OPENVPNFIXTURE_H
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "Isolation.h"
+#include "Shell.h"
+#include "handles/UniqueFd.h"
+
+namespace openvpntest {
+
+using testsupport::ChildProcess;
+using testsupport::runCommand;
+using testsupport::shell;
+using Words = std::vector<std::string>;
+
+constexpr char hook[] = WFOAL_BUILD_DIR "/bin/openvpn-hook";
+constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
+constexpr char clientLog[] = "/tmp/client.log";
+constexpr char serverLog[] = "/tmp/server.log";
+
+inline std::string contentOf(const std::string& name)
+{
+    std::ifstream file(name);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline std::size_t countIn(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+inline bool waitUntil(const std::function<bool()>& isSo, std::chrono::seconds longest = std::chrono::seconds(20))
+{
+    const auto deadline = std::chrono::steady_clock::now() + longest;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (isSo()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+/// Sends a datagram to 10.20.0.80, port 9999, every two milliseconds, as long as it lives.
+class Sender {
+public:
+    Sender() : mThread([this] { run(); }) {}
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+    ~Sender()
+    {
+        mEnds = true;
+        mThread.join();
+    }
+    int sent() const { return mSent; }
+
+private:
+    void run()
+    {
+        const UniqueFd file(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in target{};
+        target.sin_family = AF_INET;
+        target.sin_port = htons(9999);
+        target.sin_addr.s_addr = inet_addr("10.20.0.80");
+        while (!mEnds) {
+            if (sendto(file.get(), "x", 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&target), sizeof target) == 1)
+                ++mSent;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    std::atomic<bool> mEnds{false};
+    std::atomic<int> mSent{0};
+    std::thread mThread;
+};
+
+class OpenVpnFixture : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (runCommand({"sh", "-c", "command -v openvpn || test -x /usr/sbin/openvpn"}).status != 0) {
+            GTEST_SKIP() << "openvpn is not installed";
+        }
+        if (testsupport::isInUserNamespace() && !UniqueFd(open("/dev/net/tun", O_RDWR | O_CLOEXEC)).valid()) {
+            GTEST_SKIP() << "/dev/net/tun cannot be opened in a user namespace here";
+        }
+        makeCertificates();
+        makeNetworks();
+        mBefore = state();
+    }
+    void TearDown() override
+    {
+        mClient.stop();
+        mServer.stop();
+        if (IsSkipped()) return;
+        EXPECT_EQ(mBefore, state()) << contentOf(clientLog);
+        shell("ip link del eth0; ip link del wwan0; ip netns del vpn");
+    }
+
+    static void makeCertificates()
+    {
+        shell(R"(set -e; cd /tmp; exec 2>/dev/null
+new='openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes'
+$new -x509 -keyout ca.key -subj /CN=authority -days 2 -out ca.pem
+for side in server client; do
+    $new -keyout $side.key -subj /CN=$side.example -out $side.csr
+    printf 'basicConstraints=critical,CA:FALSE\nkeyUsage=digitalSignature\nextendedKeyUsage=%sAuth\n' $side >$side.ext
+    openssl x509 -req -in $side.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile $side.ext -out $side.pem
+done)");
+    }
+    static void makeNetworks()
+    {
+        shell(R"(set -e; ip netns add vpn
+for n in 'eth0 192.0.2' 'wwan0 203.0.113'; do
+    set -- $n
+    ip link add $1 type veth peer name $1 netns vpn
+    ip address add $2.10/24 dev $1; ip link set $1 up
+    nsenter --net=/run/netns/vpn sh -c "ip address add $2.1/24 dev $1; ip link set $1 up"
+done
+nsenter --net=/run/netns/vpn sh -c 'ip link set lo up; ip address add 198.51.100.2/32 dev lo
+    ip address add 10.20.0.80/32 dev lo; ip address add 198.51.100.80/32 dev lo'
+ip route add default via 203.0.113.1 dev wwan0 metric 700
+ip route add default via 192.0.2.1 dev eth0 metric 100
+for n in eth0 wwan0; do ip -6 address flush dev $n; done
+nsenter --net=/run/netns/vpn nft -f - <<'END'
+table inet probe {
+    counter through { }
+    counter beside { }
+    chain arriving {
+        type filter hook prerouting priority -300
+        udp dport 9999 iifname "eth0" counter name beside
+        udp dport 9999 iifname "wwan0" counter name beside
+        udp dport 9999 iifname "tun0" counter name through
+    }
+}
+END
+true)");
+    }
+
+    static std::string state()
+    {
+        return shell(
+            "ip -4 -o address; ip route show table all type unicast; ip rule; nft list ruleset; "
+            "ip -br link show type tun");
+    }
+
+    static int arrived(const std::string& counter)
+    {
+        return std::stoi(shell("nsenter --net=/run/netns/vpn nft list counter inet probe " + counter +
+                               " | awk '/packets/ { print $2 }'"));
+    }
+
+    /// `pushes` are what the server gives to the client: "route 10.20.0.0 255.255.0.0".
+    void startServer(const std::string& topology, const Words& pushes, bool isOneClientAtATime = true)
+    {
+        Words words{"nsenter",
+                    "--net=/run/netns/vpn",
+                    "openvpn",
+                    "--server",
+                    "10.8.0.0",
+                    "255.255.255.0",
+                    "--dev",
+                    "tun0",
+                    "--topology",
+                    topology,
+                    "--local",
+                    "198.51.100.2",
+                    "--ca",
+                    "/tmp/ca.pem",
+                    "--cert",
+                    "/tmp/server.pem",
+                    "--key",
+                    "/tmp/server.key",
+                    "--dh",
+                    "none",
+                    "--tls-version-min",
+                    "1.3",
+                    "--keepalive",
+                    "1",
+                    "8",
+                    "--log",
+                    serverLog,
+                    "--verb",
+                    "3"};
+        if (!isOneClientAtATime) words.emplace_back("--duplicate-cn");
+        for (const std::string& push : pushes)
+            words.insert(words.end(), {"--push", push});
+        mServer = ChildProcess(words);
+        ASSERT_TRUE(waitUntil([] { return contentOf(serverLog).find("Initialization Sequence") != std::string::npos; }))
+            << contentOf(serverLog);
+    }
+
+    /// The lines that packaging/openvpn installs, and those that every client has.
+    Words clientWords(const Words& more = {}) const
+    {
+        std::ofstream("/tmp/client.conf")
+            << "client\nremote 198.51.100.2\nnobind\nca /tmp/ca.pem\ncert /tmp/client.pem\nkey /tmp/client.key\n"
+               "remote-cert-tls server\ntls-version-min 1.3\nlog /tmp/client.log\nverb 3\n"
+               "setenv VKLOG_TARGET stderr\nsetenv VKLOG_LEVEL 4\n"
+            << (mHasHook ? "config /tmp/openvpn.conf\n" : "dev norvatun0\ndev-type tun\npersist-tun\n");
+        std::string lines = contentOf(WFOAL_BUILD_DIR "/packaging/openvpn.conf");
+        const std::string installed =
+            lines.substr(lines.find("\nup ") + 4, lines.find("\nroute-up") - lines.find("\nup ") - 4);
+        for (auto at = lines.find(installed); at != std::string::npos; at = lines.find(installed))
+            lines.replace(at, installed.size(), hook);
+        std::ofstream("/tmp/openvpn.conf") << lines;
+        Words words{"openvpn", "--config", "/tmp/client.conf"};
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    }
+
+    static std::size_t timesConnected() { return countIn(contentOf(clientLog), "Initialization Sequence Completed"); }
+
+    /// Returns the milliseconds that it took.
+    long connect(const Words& more = {})
+    {
+        unlink(clientLog);
+        const auto begin = std::chrono::steady_clock::now();
+        mClient = ChildProcess(clientWords(more));
+        EXPECT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
+        EXPECT_EQ(1u, timesConnected()) << contentOf(clientLog);
+        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
+    }
+    void awaitConnections(std::size_t count)
+    {
+        EXPECT_TRUE(waitUntil([count] { return timesConnected() >= count; })) << contentOf(clientLog);
+    }
+    void disconnect()
+    {
+        mClient.sendSignal(SIGTERM);
+        EXPECT_EQ(0, mClient.wait()) << contentOf(clientLog);
+    }
+
+    static bool isReached(const char* address)
+    {
+        return runCommand({"ping", "-n", "-q", "-c", "1", "-W", "5", address}).status == 0;
+    }
+    /// A datagram's way: the counters before and after it.
+    static void expectTheControlToSeePackets()
+    {
+        const int before = arrived("beside");
+        {
+            const Sender sender;
+            EXPECT_TRUE(waitUntil([before] { return arrived("beside") > before + 10; }));
+        }
+    }
+
+    static std::string routes() { return shell("ip route show"); }
+
+    bool mHasHook = true;  // false: OpenVPN by itself
+    std::string mBefore;
+    ChildProcess mServer;
+    ChildProcess mClient;
+};
+
+}  // namespace openvpntest
+
+#endif
