@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "ChildProcess.h"
+#include "Files.h"
 #include "KernelState.h"
 #include "VkNetConfigLib.h"
 
@@ -21,15 +22,11 @@ namespace endurance {
 
 namespace {
 
+using testsupport::contentOf;
+
 // A message is one request, "KIND ARGUMENT". The answer is one character. An empty message is the end of the channel.
 constexpr std::size_t longestMessage = 4096;
 constexpr char success = '0';
-
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Never returns: this is the whole life of the requesting process.
 [[noreturn]] void serve(int channel, const std::string& logFile)

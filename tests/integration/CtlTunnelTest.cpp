@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
+#include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
 
@@ -24,6 +25,7 @@ using testing::Not;
 using testing::StartsWith;
 using testsupport::ChildProcess;
 using testsupport::CommandResult;
+using testsupport::contentOf;
 using testsupport::runCommand;
 
 constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
@@ -46,12 +48,6 @@ constexpr char goodProfile[] = R"({
 void writeProfile(const std::string& text)
 {
     std::ofstream(profile) << text;
-}
-
-std::string contentOf(const char* name)
-{
-    std::ifstream file(name);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::string routes()

@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "Daemons.h"
+#include "Files.h"
 #include "Isolation.h"
 
 using namespace testsupport;
@@ -22,17 +23,12 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
+using testsupport::contentOf;
 
 constexpr int allVerified = 0;
 constexpr int someSkipped = 3;
 
 namespace {
-
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string outputOf(const std::vector<std::string>& command)
 {

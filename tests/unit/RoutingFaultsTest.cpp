@@ -11,19 +11,16 @@
 
 #include "AgentObjects.h"
 #include "Faults.h"
+#include "Files.h"
 #include "ReaderTest.h"
 #include "SocketInterface.h"
 #include "SystemInterface.h"
 
 namespace {
 
-using namespace testsupport;
+using testsupport::openDescriptors;
 
-std::size_t openDescriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
+using namespace testsupport;
 
 struct Operation {
     const char* name;
@@ -76,7 +73,7 @@ protected:
 
     void failEachCall(const Operation& operation, Call kind)
     {
-        const std::size_t before = openDescriptors();
+        const auto before = openDescriptors();
         int struck = 0;
         for (bool more = true; more; ++struck) {
             ASSERT_LT(struck, 200);

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "ErrorOf.h"
 #include "JsonTexts.h"
 #include "json/JsonError.h"
 
@@ -45,12 +46,7 @@ Shape read(const char* text)
 
 std::string errorOf(const char* text)
 {
-    try {
-        read(text);
-    } catch (const JsonError& error) {
-        return error.what();
-    }
-    return "no error";
+    return testsupport::errorOf<JsonError>([&] { read(text); });
 }
 
 }  // namespace

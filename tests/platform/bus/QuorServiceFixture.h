@@ -15,18 +15,13 @@
 #include <thread>
 
 #include "Daemons.h"
+#include "Files.h"
 #include "LoopThread.h"
 #include "quorservice.h"
 
 namespace testsupport {
 
 inline constexpr char serviceName[] = "com.example.service";
-
-inline std::ptrdiff_t openDescriptors()
-{
-    using Iterator = std::filesystem::directory_iterator;
-    return std::distance(Iterator("/proc/self/fd"), Iterator());
-}
 
 struct Error : QSError {
     Error() { QSErrorInit(this); }

@@ -13,11 +13,14 @@
 #include <thread>
 #include <vector>
 
+#include "Files.h"
 #include "LogCapture.h"
 
 using namespace std::chrono_literals;
 
 namespace {
+
+using testsupport::openDescriptors;
 
 constexpr char journalSocket[] = "/run/systemd/journal/socket";
 
@@ -29,15 +32,6 @@ void print(const char* name, int level, const char* format, ...)
     va_start(values, format);
     vklog::print(name, level, format, values);
     va_end(values);
-}
-
-std::vector<int> openDescriptors()
-{
-    std::vector<int> found;
-    for (int fd = 0; fd < 256; ++fd) {
-        if (fcntl(fd, F_GETFD) >= 0) found.push_back(fd);
-    }
-    return found;
 }
 
 class LogTargetTest : public testing::Test {

@@ -15,6 +15,7 @@
 
 #include "AddCertificate.h"
 #include "CertificateAuthority.h"
+#include "Files.h"
 #include "JsonTexts.h"
 
 namespace {
@@ -24,6 +25,7 @@ using certificatemanager::CertificateStore;
 using certificatemanager::InstallError;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testsupport::contentOf;
 using testsupport::Identity;
 using testsupport::makeIdentity;
 using testsupport::writeFile;
@@ -31,13 +33,6 @@ using testsupport::writeFile;
 const std::string certificates = "/var/ssl/certs/";
 const std::string keys = "/var/ssl/private/";
 constexpr char bundlePath[] = "/tmp/bundle.pfx";
-
-std::string contentOf(const fs::path& path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 std::vector<fs::path> filesIn(const std::string& folder)
 {

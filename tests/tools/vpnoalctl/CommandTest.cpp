@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
+#include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
 
@@ -27,18 +28,13 @@ using testing::Not;
 using testing::StartsWith;
 using testsupport::ChildProcess;
 using testsupport::CommandResult;
+using testsupport::contentOf;
 using testsupport::runCommand;
 
 constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
 constexpr char fakePlatform[] = WFOAL_BUILD_DIR "/tests/tools/vpnoalctl/fake-platform";
 constexpr char calls[] = "/tmp/calls";
 constexpr char profile[] = "/tmp/profile.json";
-
-std::string contentOf(const std::string& name)
-{
-    std::ifstream file(name);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 // The first words of the recorded calls.
 std::vector<std::string> recordedCalls()

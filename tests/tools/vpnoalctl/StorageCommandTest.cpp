@@ -12,23 +12,19 @@
 #include <string>
 
 #include "CommandError.h"
+#include "Files.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testsupport::contentOf;
 
 struct CommandResult {
     int code;
     std::string out;
     std::string err;
 };
-
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 void putFile(const std::string& path, const std::string& content)
 {

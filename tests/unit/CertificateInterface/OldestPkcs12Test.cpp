@@ -8,15 +8,14 @@
 #include <sstream>
 
 #include "CertElement.h"
+#include "Files.h"
 #include "Shell.h"
 
 namespace {
 
-std::vector<unsigned char> contentOf(const char* path)
+std::vector<unsigned char> bytesOf(const char* path)
 {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    const std::string content = text.str();
+    const std::string content = testsupport::contentOf(path);
     return {content.begin(), content.end()};
 }
 
@@ -36,7 +35,7 @@ TEST(OldestPkcs12Test, OpensThoughNothingWasOpenedBefore)
         "openssl x509 -in certificate.pem -outform der -out certificate.der && "
         "openssl pkcs12 -export -provider default -provider legacy -inkey key.pem -in certificate.pem "
         "-keypbe PBE-MD5-DES -certpbe PBE-MD5-DES -macalg sha1 -passout pass:secret -out bundle.pfx");
-    const std::vector<unsigned char> expected = contentOf("/tmp/certificate.der");
+    const std::vector<unsigned char> expected = bytesOf("/tmp/certificate.der");
     EXPECT_EQ(expected, certificateOf("/tmp/bundle.pfx"));
     EXPECT_EQ(expected, certificateOf("/tmp/bundle.pfx"));
     // What the agent itself does with OpenSSL goes on as if nothing had been loaded.

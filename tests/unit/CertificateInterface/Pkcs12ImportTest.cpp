@@ -23,6 +23,7 @@
 #include "FailingNew.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
+#include "Files.h"
 
 // Fulfilled when an import begins to wait. It holds the mutex, which a newer import needs, until it waits.
 static std::atomic<std::promise<void>*> sImportWaits{nullptr};
@@ -40,17 +41,11 @@ namespace {
 
 using testing::Contains;
 using testing::IsEmpty;
+using testsupport::contentOf;
 using testsupport::Identity;
 using testsupport::makeIdentity;
 
 constexpr char stagingFile[] = "/tmp/vpncerts/vpninstall.pfx";
-
-std::string contentOf(const char* path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 // Joins a thread that may never have been started.
 struct JoinAtEnd {

@@ -17,6 +17,7 @@
 #include "ChildProcess.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
+#include "Files.h"
 #include "Isolation.h"
 
 // While set, the permission of the folder or of the file cannot be changed.
@@ -43,18 +44,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using fakes::LogLine;
+using testsupport::contentOf;
 
 constexpr char folder[] = "/tmp/vpncerts";
 constexpr char file[] = "/tmp/vpncerts/vpninstall.pfx";
 constexpr char attacker[] = "1234";
 constexpr uid_t attackerUid = 1234;
-
-std::string contentOf(const char* path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 mode_t modeOf(const char* path)
 {

@@ -10,17 +10,13 @@
 #include <iterator>
 #include <string>
 
+#include "Files.h"
 #include "SystemInterfaceTest.h"
 
 namespace {
 
 using testing::ElementsAre;
-
-std::string contentOf(const char* path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+using testsupport::contentOf;
 
 constexpr char content[] = R"({ "ifName": "norvatun0", "vpnAgentGuid": "com.vesk.wayfoldagent" })";
 

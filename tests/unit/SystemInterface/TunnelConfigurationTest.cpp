@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "Faults.h"
+#include "Files.h"
 #include "SystemInterfaceTest.h"
 #include "TunDevice.h"
 
@@ -19,15 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-std::vector<int> openDescriptors()
-{
-    std::vector<int> found;
-    for (int fd = 0; fd < 1024; ++fd) {
-        if (fcntl(fd, F_GETFD) >= 0) found.push_back(fd);
-    }
-    return found;
-}
+using testsupport::openDescriptors;
 
 class TunnelConfigurationTest : public SystemInterfaceTest {
 protected:

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
+#include "ErrorOf.h"
 #include "RequestError.h"
 #include "dns/RateLimit.h"
 
@@ -34,12 +35,7 @@ const LinkDns nothing{{}, {}, true};
 
 std::string errorOf(const std::string& text)
 {
-    try {
-        LinkChange::decode(text);
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
+    return testsupport::errorOf<RequestError>([&] { LinkChange::decode(text); });
 }
 
 }  // namespace

@@ -17,6 +17,8 @@
 #include <thread>
 
 #include "Daemons.h"
+#include "ErrorOf.h"
+#include "Files.h"
 #include "RequestError.h"
 #include "dns/Dns.h"
 #include "handles/UniqueFd.h"
@@ -25,6 +27,7 @@ using namespace vknetconfig;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::StartsWith;
+using testsupport::contentOf;
 
 namespace {
 
@@ -38,23 +41,6 @@ DnsSettings tunnel()
     return {{wfoal::Ipv4Address{inet_addr("10.8.0.1")}, wfoal::Ipv4Address{inet_addr("10.8.0.2")}},
             {"corp.test", "Lab.test."},
             true};
-}
-
-std::string errorOf(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
-}
-
-std::string contentOf(const std::string& path)
-{
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
 }
 
 class ResolvconfTest : public testing::Test {
@@ -113,16 +99,19 @@ TEST_F(ResolvconfTest, DomainsAloneHaveNoServerLine)
 
 TEST_F(ResolvconfTest, WithoutAnyResolverTheErrorNamesTheKey)
 {
-    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.prepare(link0, tunnel()); }),
+                StartsWith("ipv4.dns: no resolver takes it"));
 }
 
 TEST_F(ResolvconfTest, AToolThatDoesNotRunIsNoResolver)
 {
     install("", 0644);
-    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.prepare(link0, tunnel()); }),
+                StartsWith("ipv4.dns: no resolver takes it"));
     std::ofstream(std::string(folder) + "/resolvconf") << "#!/nonexistent/interpreter\n";
     ASSERT_EQ(chmod((std::string(folder) + "/resolvconf").c_str(), 0755), 0);
-    EXPECT_THAT(errorOf([&] { dns.prepare(link0, tunnel()); }), StartsWith("ipv4.dns: no resolver takes it"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.prepare(link0, tunnel()); }),
+                StartsWith("ipv4.dns: no resolver takes it"));
 }
 
 // Where systemd-resolved brings its own resolvconf, that is a link to resolvectl, which needs systemd-resolved.
@@ -137,20 +126,21 @@ TEST_F(ResolvconfTest, ResolvectlUnderThisNameIsNoResolver)
                         << testsupport::daemonTool("resolvectl") << "\n";
     ASSERT_EQ(chmod(path.c_str(), 0755), 0);
     ASSERT_THAT(testsupport::runCommand({path, "--help"}).output, HasSubstr("resolvconf -a INTERFACE"));
-    EXPECT_EQ(errorOf([&] { dns.prepare(link0, tunnel()); }),
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.prepare(link0, tunnel()); }),
               "ipv4.dns: no resolver takes it: systemd-resolved does not answer on the system bus, and there is no "
               "resolvconf that works without it");
     // What an earlier resolvconf was given went with it.
-    EXPECT_EQ(errorOf([&] { dns.undo("resolvconf norvatun0"); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo("resolvconf norvatun0"); }), "no error");
 }
 
 TEST_F(ResolvconfTest, AToolThatFailsIsReportedInItsOwnWords)
 {
     install("echo 'no space left' >&2; echo more >&2; exit 3");
     const std::string prepared = dns.prepare(link0, tunnel());
-    EXPECT_EQ(errorOf([&] { dns.set(link0, tunnel(), prepared); }),
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.set(link0, tunnel(), prepared); }),
               "ipv4.dns: resolvconf: exit code 3: \"no space left\"");
-    EXPECT_THAT(errorOf([&] { dns.undo(prepared); }), StartsWith("ipv4.dns: resolvconf: exit code 3"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }),
+                StartsWith("ipv4.dns: resolvconf: exit code 3"));
 }
 
 TEST_F(ResolvconfTest, AToolThatHangsIsKilledWithWhatItStarted)
@@ -158,7 +148,8 @@ TEST_F(ResolvconfTest, AToolThatHangsIsKilledWithWhatItStarted)
     install("sleep 3600 & echo $! >/tmp/sleeper; wait");
     const std::string prepared = dns.prepare(link0, tunnel());
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(errorOf([&] { dns.set(link0, tunnel(), prepared); }), "ipv4.dns: resolvconf: it takes too long");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.set(link0, tunnel(), prepared); }),
+              "ipv4.dns: resolvconf: it takes too long");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 7s);
     std::string sleeper = contentOf("/tmp/sleeper");
     sleeper.resize(sleeper.find('\n'));
@@ -177,13 +168,13 @@ TEST_F(ResolvconfTest, UndoAfterTheToolIsGoneSucceeds)
     install();
     const std::string prepared = dns.prepare(link0, tunnel());
     std::filesystem::remove_all(folder);
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
 }
 
 TEST_F(ResolvconfTest, ALineThatNobodyWroteIsRefused)
 {
-    EXPECT_THAT(errorOf([&] { dns.undo("somebody norvatun0"); }), StartsWith("undo log: "));
-    EXPECT_THAT(errorOf([&] { dns.undo(""); }), StartsWith("undo log: "));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.undo("somebody norvatun0"); }), StartsWith("undo log: "));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.undo(""); }), StartsWith("undo log: "));
 }
 
 TEST_F(ResolvconfTest, TheAgentsOpenFilesAreNotTheTools)

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Daemons.h"
+#include "ErrorOf.h"
 #include "RequestError.h"
 #include "dns/Dns.h"
 
@@ -38,16 +39,6 @@ inline DnsSettings settings(const std::vector<const char*>& servers, const std::
 }
 
 inline const DnsSettings tunnel = settings({"10.8.0.1", "10.8.0.2"}, {"corp.test", "lab.test"}, false);
-
-inline std::string errorOf(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
-}
 
 inline bool comesTrue(const std::function<bool()>& condition)
 {

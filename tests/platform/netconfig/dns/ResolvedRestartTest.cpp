@@ -32,7 +32,7 @@ TEST_F(ResolvedRestartTest, WhatIsUndoneWhileTheServiceIsDownIsRemovedWhenItIsUp
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
     resolved.stop();
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     EXPECT_TRUE(dns.isPending(prepared));
     resolved = testsupport::startDaemon(Daemon::resolved);  // it has kept the settings of the link
     EXPECT_TRUE(comesTrue([] { return shown("dns").empty() && shown("domain").empty(); })) << status();
@@ -163,7 +163,8 @@ TEST_F(ResolvedRestartTest, ASilentBusHoldsNobodyUpForLong)
     const std::string real = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/silent", 1);
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_THAT(errorOf([&] { dns.prepare(link(), tunnel); }), StartsWith("ipv4.dns: no resolver takes it"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.prepare(link(), tunnel); }),
+                StartsWith("ipv4.dns: no resolver takes it"));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", real.c_str(), 1);
 }
@@ -174,10 +175,11 @@ TEST_F(ResolvedRestartTest, AStoppedServiceHoldsNobodyUpForLong)
     dns.set(link(), tunnel, prepared);
     resolved.sendSignal(SIGSTOP);
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_THAT(errorOf([&] { dns.undo(prepared); }), HasSubstr("ipv4.dns: systemd-resolved: "));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }),
+                HasSubstr("ipv4.dns: systemd-resolved: "));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 12s);
     resolved.sendSignal(SIGCONT);
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     EXPECT_EQ(shown("dns"), "");
 }
 

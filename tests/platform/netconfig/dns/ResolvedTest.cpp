@@ -124,7 +124,7 @@ TEST_F(ResolvedTest, ARefusedSettingLeavesWhatOthersSet)
     change({"dnsovertls", linkName, "yes"});
     const std::string before = status();
     const DnsSettings half = settings({"10.8.0.1"}, {std::string(70, 'a') + ".test"}, false);
-    EXPECT_THAT(errorOf([&] { dns.set(link(), half, dns.prepare(link(), half)); }),
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.set(link(), half, dns.prepare(link(), half)); }),
                 StartsWith("ipv4.dns: systemd-resolved: domains: "));
     EXPECT_EQ(status(), before);
 }
@@ -145,19 +145,19 @@ TEST_F(ResolvedTest, ASettingThatIsRefusedChangesNothing)
 {
     const std::string before = status();
     const DnsSettings refused = settings({"0.0.0.0"}, {"corp.test"}, false);
-    EXPECT_THAT(errorOf([&] { dns.set(link(), refused, dns.prepare(link(), refused)); }),
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.set(link(), refused, dns.prepare(link(), refused)); }),
                 StartsWith("ipv4.dns: systemd-resolved: servers: "));
     EXPECT_EQ(status(), before);
     // Its servers are taken, its domain is not.
     const DnsSettings half = settings({"10.8.0.1"}, {std::string(70, 'a') + ".test"}, false);
-    EXPECT_THAT(errorOf([&] { dns.set(link(), half, dns.prepare(link(), half)); }),
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.set(link(), half, dns.prepare(link(), half)); }),
                 StartsWith("ipv4.dns: systemd-resolved: domains: "));
     EXPECT_EQ(status(), before);
 }
 
 TEST_F(ResolvedTest, AnUnknownLinkIsAnError)
 {
-    EXPECT_THAT(errorOf([&] {
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] {
                     dns.prepare({4711, "absent0"}, tunnel);
                 }),
                 HasSubstr("systemd-resolved does not know the interface absent0"));
@@ -168,10 +168,10 @@ TEST_F(ResolvedTest, UndoFromAVanishedLinkSucceeds)
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
     runCommand({"ip", "link", "del", linkName});
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     makeLink();
     const std::string before = status();
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     EXPECT_EQ(status(), before) << "another interface of this name";
 }
 
@@ -180,9 +180,9 @@ TEST_F(ResolvedTest, UndoWithoutTheServiceOrTheBusSucceeds)
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
     resolved.stop();
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     bus.stop();
-    EXPECT_EQ(errorOf([&] { dns.undo(prepared); }), "no error");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
 }
 
 }  // namespace

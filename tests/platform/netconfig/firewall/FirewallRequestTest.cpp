@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
+#include "ErrorOf.h"
 #include "RequestError.h"
 
 using namespace vknetconfig;
@@ -14,12 +15,7 @@ namespace {
 
 std::string errorOf(const char* json)
 {
-    try {
-        parseFirewallRequest(json);
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
+    return testsupport::errorOf<RequestError>([&] { parseFirewallRequest(json); });
 }
 
 std::string withRules(const std::string& rules)

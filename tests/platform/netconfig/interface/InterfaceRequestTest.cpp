@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "ErrorOf.h"
 #include "RequestError.h"
 
 using namespace vknetconfig;
@@ -13,12 +14,7 @@ namespace {
 
 std::string errorOf(const std::string& json)
 {
-    try {
-        parseInterfaceRequest(json.c_str());
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
+    return testsupport::errorOf<RequestError>([&] { parseInterfaceRequest(json.c_str()); });
 }
 
 std::string errorOfIpv4(const std::string& ipv4)

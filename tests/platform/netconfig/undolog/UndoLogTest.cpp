@@ -18,6 +18,8 @@
 #include <functional>
 #include <iterator>
 
+#include "ErrorOf.h"
+#include "Files.h"
 #include "RequestError.h"
 
 using namespace vknetconfig;
@@ -27,20 +29,11 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
+using testsupport::contentOf;
 
 namespace {
 
 constexpr char folder[] = "/run/vknetconfig";
-
-std::string errorOf(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const RequestError& error) {
-        return error.what();
-    }
-    return "no error";
-}
 
 // The error as it was thrown, to be looked at later: looking at it takes the sanitizer a descriptor.
 std::exception_ptr failureOf(const std::function<void()>& action)
@@ -140,7 +133,7 @@ TEST(UndoLogTest, AnyThreadCanAskWhetherAnEntryStillHasALine)
         ASSERT_EQ(unlink(path.c_str()), 0);
         ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     }
-    EXPECT_EQ(errorOf([&] { hasLine(); }), "undo log: read: Is a directory");
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { hasLine(); }), "undo log: read: Is a directory");
 }
 
 TEST(UndoLogTest, WithoutAFolderThereIsNothingAndNothingIsMade)
@@ -167,7 +160,8 @@ TEST(UndoLogTest, ASubjectOfALivingProcessIsRefusedNamingIt)
     OtherProcess other("a", "theirs");
     UndoLog undoLog;
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    EXPECT_THAT(errorOf([&] { undoLog.own("a"); }), HasSubstr("process " + std::to_string(other.pid())));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.own("a"); }),
+                HasSubstr("process " + std::to_string(other.pid())));
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     EXPECT_EQ(undoLog.read("a"), "theirs");
 }
@@ -244,12 +238,6 @@ TEST(UndoLogTest, AThreadThatReturnsToItsNamespaceStillOwnsWhatItOwnedThere)
 
 namespace {
 
-std::string contentOf(const std::string& file)
-{
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 std::string lineOf(const char* file)
 {
     std::ifstream stream(file);
@@ -311,8 +299,8 @@ TEST(UndoLogTest, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     const std::string refusal =
         "undo log: the configuration of interface-vpn0 belongs to process 4711, which is running";
-    EXPECT_EQ(errorOf([&] { undoLog.own("interface-vpn0"); }), refusal);
-    EXPECT_EQ(errorOf([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.own("interface-vpn0"); }), refusal);
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
     EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", "interface-vpn0.journal", "interface-vpn0.lock"));
 }
 
@@ -335,8 +323,8 @@ TEST(UndoLogTest, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "vknetconfig[4]: the entry " + name + " is kept: it has an unknown version\n");
         const std::string refusal = "undo log: the entry " + name + " has an unknown version";
-        EXPECT_EQ(errorOf([&] { other.own("a"); }), refusal);
-        EXPECT_EQ(errorOf([&] { other.ownForRemoval("a"); }), refusal);
+        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { other.own("a"); }), refusal);
+        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { other.ownForRemoval("a"); }), refusal);
         EXPECT_FALSE(other.owns("a"));
         EXPECT_EQ(contentOf(name), text);
     }
@@ -358,7 +346,8 @@ TEST(UndoLogTest, WhatCannotBeOwnedIsOwnedByNobody)
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
         ASSERT_EQ(undoLog.owns("a"), failure == nullptr) << files;
         if (failure == nullptr) break;
-        EXPECT_THAT(errorOf([&] { std::rethrow_exception(failure); }), HasSubstr("Too many open files"));
+        EXPECT_THAT(testsupport::errorOf<RequestError>([&] { std::rethrow_exception(failure); }),
+                    HasSubstr("Too many open files"));
         ++refused;
     }
     EXPECT_GT(refused, 1);
@@ -373,7 +362,8 @@ TEST(UndoLogTest, AFullDiskIsReportedAndTheEarlierEntryStays)
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
     undoLog.own("a");
     undoLog.write("a", "small");
-    EXPECT_THAT(errorOf([&] { undoLog.write("a", std::string(100000, 'x')); }), HasSubstr("No space left on device"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.write("a", std::string(100000, 'x')); }),
+                HasSubstr("No space left on device"));
     EXPECT_EQ(undoLog.read("a"), "small");
     EXPECT_FALSE(std::filesystem::exists(std::string(folder) + "/a.journal.new"));
 }
@@ -383,8 +373,9 @@ TEST(UndoLogTest, AFolderThatCannotBeWrittenIsReported)
     std::filesystem::create_directory(folder);
     ASSERT_EQ(mount("fixed", folder, "tmpfs", MS_RDONLY, nullptr), 0);
     UndoLog undoLog;
-    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("Read-only file system"));
-    EXPECT_EQ(errorOf([&] { undoLog.lock(UndoLog::Create::No); }), "no error");
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
+                HasSubstr("Read-only file system"));
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::No); }), "no error");
 }
 
 TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
@@ -392,7 +383,8 @@ TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
     std::filesystem::create_directory("/tmp/elsewhere");
     std::filesystem::create_symlink("/tmp/elsewhere", folder);
     UndoLog undoLog;
-    EXPECT_THAT(errorOf([&] { undoLog.lock(UndoLog::Create::Yes); }), HasSubstr("undo log: open /run/vknetconfig"));
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
+                HasSubstr("undo log: open /run/vknetconfig"));
 }
 
 TEST(UndoLogTest, DescriptorsAreCloseOnExec)
