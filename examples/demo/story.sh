@@ -34,8 +34,6 @@ trap 'exit 130' INT TERM HUP
 . "$here/captures.sh"
 # shellcheck source=agent.sh
 . "$here/agent.sh"
-# shellcheck source=timeline.sh
-. "$here/timeline.sh"
 # shellcheck source=connection.sh
 . "$here/connection.sh"
 # shellcheck source=endurance.sh
@@ -72,6 +70,8 @@ tell_unexpected_end() {
     [ "$1" -eq 0 ] || $failure_told || (failed "what comes next in this chapter" "success" "exit status $1") || true
 }
 
+draw_timeline() { python3 "$here/timeline.py" "$logs/steps.tsv" "$story_began" "$@"; }
+
 summarize() {
     local status=$? verdict
     trap - EXIT ERR
@@ -80,14 +80,14 @@ summarize() {
     [ $status -eq 0 ] || status=1
     [ $status -eq 0 ] || keep_shell
     [ $status -ne 0 ] || [ "$steps_skipped" -eq 0 ] || status=3
-    [ -z "$plot" ] || [ ! -s $logs/steps.tsv ] || draw_svg >&"$plot"
+    [ -z "$plot" ] || [ ! -s $logs/steps.tsv ] || draw_timeline --svg >&"$plot"
     if $as_json; then
         json_line summary "=$(json_line verified "=$steps_verified" skipped "=$steps_skipped" exitStatus "=$status" \
             milliseconds "=$(milliseconds $(($(now) - story_began)))")"
         exit $status
     fi
     printf '\n%sTime line%s\n' "$bold" "$plain"
-    [ ! -s $logs/steps.tsv ] || draw_text
+    [ ! -s $logs/steps.tsv ] || draw_timeline
     verdict="$steps_verified steps verified"
     [ "$steps_skipped" -eq 0 ] || verdict+=", $steps_skipped skipped"
     case $status in
