@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The event side: start and stop, the thread, and the power callbacks.
+// The event side: start, stop, and the thread.
 #include "EventThread.h"
 
-#include <glib.h>
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include <chrono>
 #include <filesystem>
@@ -15,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "EventThreadFixture.h"
 #include "FakeCalls.h"
 #include "FakePowerd.h"
 #include "FakeQuorService.h"
@@ -23,79 +22,13 @@
 #include "NetworkStatus.h"
 #include "ObjectRegistry.h"
 #include "QuorClient.h"
-#include "RecordingCallback.h"
 #include "SystemInterface.h"
 
-// GLib's own, or a failure when a test wants one.
-extern "C" {
-extern pthread_mutex_t gPowerLock;
-GMainContext* __real_g_main_context_new();
-GMainContext* __wrap_g_main_context_new();
-GMainLoop* __real_g_main_loop_new(GMainContext* context, gboolean isRunning);
-GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning);
-void __real_g_main_loop_run(GMainLoop* loop);
-void __wrap_g_main_loop_run(GMainLoop* loop);
-void __real_g_main_context_unref(GMainContext* context);
-void __wrap_g_main_context_unref(GMainContext* context);
-void __real_g_usleep(gulong microseconds);
-void __wrap_g_usleep(gulong microseconds);
-GThread* __real_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
-GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error);
-}
-
 namespace {
 
-enum class Failing { Nothing, Context, Loop, Thread };
-Failing sFailing = Failing::Nothing;
-GMainLoop* sLastLoop = nullptr;
-GMainContext* sLastContext = nullptr;
-int sReleases = 0;                 // of the last context
-std::function<void()> sBeforeRun;  // runs on the event thread, right before its loop does
-std::function<void()> sAfterRun;   // … and right after it
-
-}  // namespace
-
-GMainContext* __wrap_g_main_context_new()
-{
-    sReleases = 0;
-    sLastContext = sFailing == Failing::Context ? nullptr : __real_g_main_context_new();
-    return sLastContext;
-}
-
-GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean isRunning)
-{
-    sLastLoop = sFailing == Failing::Loop ? nullptr : __real_g_main_loop_new(context, isRunning);
-    return sLastLoop;
-}
-
-void __wrap_g_main_loop_run(GMainLoop* loop)
-{
-    if (sBeforeRun) sBeforeRun();
-    __real_g_main_loop_run(loop);
-    if (sAfterRun) sAfterRun();
-}
-
-void __wrap_g_main_context_unref(GMainContext* context)
-{
-    if (context == sLastContext) ++sReleases;
-    __real_g_main_context_unref(context);
-}
-
-void __wrap_g_usleep(gulong microseconds)
-{
-    fakes::recordCall("g_usleep " + std::to_string(microseconds));
-    __real_g_usleep(microseconds);
-}
-
-GThread* __wrap_g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error)
-{
-    if (sFailing != Failing::Thread) return __real_g_thread_try_new(name, function, data, error);
-    g_set_error(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "no more threads");
-    return nullptr;
-}
-
-namespace {
-
+using eventthread::Failing;
+using eventthread::glib;
+using eventthread::sleepMicroseconds;
 using fakes::LogLine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -119,66 +52,29 @@ std::ptrdiff_t countIn(const char* folder)
     return std::distance(Iterator(folder), Iterator());
 }
 
-class EventThreadTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        sFailing = Failing::Nothing;
-        fakes::bus() = {};
-        fakes::power() = {};
-        fakes::clearCalls();
-        fakes::clearLog();
-    }
-    void TearDown() override
-    {
-        sFailing = Failing::Nothing;
-        sBeforeRun = nullptr;
-        sAfterRun = nullptr;
-        fakes::recordLogInCalls(false);
-        stopQuorIpcHandling();
-        setSystemIfObject(nullptr);
-        EXPECT_EQ(nullptr, g_main_context_get_thread_default());
-    }
-
-    /// What the calling thread logged: the event thread's own lines come at any moment.
-    static std::vector<std::string> ownLog()
-    {
-        std::vector<std::string> lines;
-        for (const LogLine& line : fakes::logLines()) {
-            EXPECT_EQ(7, line.level) << line.text;
-            if (line.text.rfind("eventProcessingThread", 0) != 0) lines.push_back(line.text);
-        }
-        return lines;
-    }
-
-    /// Runs something on the event thread and waits for it.
-    static void onEventThread(const std::function<void()>& task)
-    {
-        testsupport::callOnContext(g_main_loop_get_context(sLastLoop), task);
-    }
-};
+class EventThreadTest : public eventthread::Fixture {};
 
 TEST_F(EventThreadTest, StartMakesEverythingInOrder)
 {
     EXPECT_TRUE(startQuorIpcHandling());
     EXPECT_EQ(startCalls, fakes::calls());
-    EXPECT_EQ(sLastLoop, fakes::bus().loop);
-    EXPECT_EQ(sLastLoop, fakes::power().loop);
+    EXPECT_EQ(glib().lastLoop, fakes::bus().loop);
+    EXPECT_EQ(glib().lastLoop, fakes::power().loop);
     EXPECT_EQ(&handleConManServiceStatus, fakes::bus().statusCallback);
     EXPECT_EQ(&powerResumedCallback, fakes::power().resume);
     EXPECT_EQ(&powerSuspendedCallback, fakes::power().suspended);
     EXPECT_EQ(&powerPrepareSuspendCallback, fakes::power().prepareSuspend);
     EXPECT_THAT(ownLog(), ElementsAre("startQuorIpcHandling: Called!"));
-    EXPECT_NE(g_main_context_default(), g_main_loop_get_context(sLastLoop));
+    EXPECT_NE(g_main_context_default(), g_main_loop_get_context(glib().lastLoop));
 }
 
 TEST_F(EventThreadTest, SecondStartDoesNothingAndSaysTrue)
 {
     ASSERT_TRUE(startQuorIpcHandling());
-    GMainLoop* first = sLastLoop;
+    GMainLoop* first = glib().lastLoop;
     fakes::clearCalls();
     EXPECT_TRUE(startQuorIpcHandling());
-    EXPECT_EQ(first, sLastLoop);
+    EXPECT_EQ(first, glib().lastLoop);
     EXPECT_THAT(fakes::calls(), IsEmpty());
 }
 
@@ -227,7 +123,7 @@ public:
         g_source_set_priority(mSource.get(), priority);
         const GSourceFunc again = [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; };
         g_source_set_callback(mSource.get(), again, nullptr, nullptr);
-        g_source_attach(mSource.get(), g_main_loop_get_context(sLastLoop));
+        g_source_attach(mSource.get(), g_main_loop_get_context(glib().lastLoop));
     }
     ~BusySource() { remove(); }
     void remove() { g_source_destroy(mSource.get()); }
@@ -253,7 +149,7 @@ TEST_F(EventThreadTest, QuitBeforeTheLoopRunsIsNotLostThoughASourceIsAlwaysReady
     for (const int priority : {G_PRIORITY_DEFAULT, G_PRIORITY_HIGH - 1, G_MININT}) {
         std::promise<void> isReached;
         std::promise<void> mayGoOn;
-        sBeforeRun = [&] {
+        glib().beforeRun = [&] {
             isReached.set_value();
             mayGoOn.get_future().wait();
         };
@@ -292,7 +188,7 @@ TEST_F(EventThreadTest, BusHandleStaysRegisteredAfterStop)
 TEST_F(EventThreadTest, LoopObjectOutlivesTheStop)
 {
     ASSERT_TRUE(startQuorIpcHandling());
-    GMainLoop* loop = sLastLoop;
+    GMainLoop* loop = glib().lastLoop;
     const auto descriptors = countIn("/proc/self/fd");
     stopQuorIpcHandling();
     EXPECT_FALSE(g_main_loop_is_running(loop));        // still there to be asked,
@@ -304,13 +200,13 @@ TEST_F(EventThreadTest, LoopObjectOutlivesTheStop)
 TEST_F(EventThreadTest, StartAfterStopBuildsEverythingAfresh)
 {
     ASSERT_TRUE(startQuorIpcHandling());
-    GMainLoop* first = sLastLoop;
+    GMainLoop* first = glib().lastLoop;
     QSHandle* firstHandle = fakes::bus().handle;
     stopQuorIpcHandling();
     fakes::clearCalls();
     EXPECT_TRUE(startQuorIpcHandling());
     EXPECT_EQ(startCalls, fakes::calls());
-    EXPECT_NE(first, sLastLoop);
+    EXPECT_NE(first, glib().lastLoop);
     EXPECT_NE(firstHandle, fakes::bus().handle);
     bool ran = false;
     onEventThread([&ran] { ran = true; });
@@ -347,37 +243,37 @@ TEST_F(EventThreadTest, PowerDaemonFailuresAreNotNoticed)
 
 TEST_F(EventThreadTest, FailedContextLeavesTheEventSideStopped)
 {
-    sFailing = Failing::Context;
+    glib().failing = Failing::Context;
     EXPECT_FALSE(startQuorIpcHandling());
     EXPECT_THAT(fakes::logLines(3), ElementsAre(LogLine{3, "startQuorIpcHandling: Error Allocating new Context"}));
     EXPECT_THAT(fakes::calls(), IsEmpty());
-    sFailing = Failing::Nothing;
+    glib().failing = Failing::Nothing;
     EXPECT_TRUE(startQuorIpcHandling());
 }
 
 TEST_F(EventThreadTest, FailedLoopLeavesTheEventSideStopped)
 {
-    sFailing = Failing::Loop;
+    glib().failing = Failing::Loop;
     EXPECT_FALSE(startQuorIpcHandling());
     EXPECT_THAT(fakes::logLines(3), ElementsAre(LogLine{3, "startQuorIpcHandling: Error Allocating Main Loop"}));
-    EXPECT_EQ(1, sReleases);
+    EXPECT_EQ(1, glib().releases);
     EXPECT_THAT(fakes::calls(), IsEmpty());
-    sFailing = Failing::Nothing;
+    glib().failing = Failing::Nothing;
     EXPECT_TRUE(startQuorIpcHandling());
 }
 
 TEST_F(EventThreadTest, FailedThreadLeavesTheEventSideStoppedButTheBusRegistered)
 {
-    sFailing = Failing::Thread;
+    glib().failing = Failing::Thread;
     EXPECT_FALSE(startQuorIpcHandling());
     EXPECT_THAT(fakes::logLines(3),
                 ElementsAre(LogLine{3, "startQuorIpcHandling: Error creating event thread: no more threads"}));
-    EXPECT_EQ(1, sReleases);
+    EXPECT_EQ(1, glib().releases);
     EXPECT_EQ(std::vector<std::string>(startCalls.begin(), startCalls.begin() + 3), fakes::calls());
     fakes::clearLog();
     EXPECT_TRUE(stopQuorIpcHandling());
     EXPECT_THAT(ownLog(), ElementsAre("stopQuorIpcHandling: Called!", "stopQuorIpcHandling: Finished!"));
-    sFailing = Failing::Nothing;
+    glib().failing = Failing::Nothing;
     EXPECT_TRUE(startQuorIpcHandling());
 }
 
@@ -389,84 +285,13 @@ TEST_F(EventThreadTest, StatusChangesReachTheSubscriptionOnTheEventThread)
     EXPECT_EQ("vesk://com.vesk.connectionmanager/getStatus", fakes::bus().calls[0].uri);
 }
 
-TEST_F(EventThreadTest, PrepareSuspendWithoutASystemObjectAgreesAtOnce)
-{
-    const auto begin = steady_clock::now();
-    powerPrepareSuspendCallback();
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(500));
-    EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
-    EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!"));
-}
-
-TEST_F(EventThreadTest, PrepareSuspendTellsTheAgentWaitsASecondAndAgrees)
-{
-    RecordingCallback agent;
-    SystemInterface systemIf;
-    systemIf.SetSystemPluginCB(&agent);
-    setSystemIfObject(&systemIf);
-    fakes::clearLog();
-    const auto begin = steady_clock::now();
-    powerPrepareSuspendCallback();
-    EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(1900));
-    EXPECT_THAT(agent.events, ElementsAre("OnPowerSuspended"));
-    EXPECT_THAT(fakes::calls(), ElementsAre("g_usleep 1000000", "PowerdPrepareSuspendAck 1"));
-    EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!",
-                                      "powerPrepareSuspendCallback: notifyPowerSuspended successful"));
-}
-
-TEST_F(EventThreadTest, PrepareSuspendWithANullCallbackStillWaitsAndAgrees)
-{
-    SystemInterface systemIf;
-    setSystemIfObject(&systemIf);
-    const auto begin = steady_clock::now();
-    powerPrepareSuspendCallback();
-    EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
-    EXPECT_THAT(fakes::calls(), ElementsAre("g_usleep 1000000", "PowerdPrepareSuspendAck 1"));
-}
-
-/// Enters what it is told in fakes::calls().
-struct CallListCallback : RecordingCallback {
-    void note(const std::string& event) override { fakes::recordCall(event); }
-};
-
-TEST_F(EventThreadTest, PrepareSuspendTellsWaitsLogsAndAgreesInThisOrder)
-{
-    CallListCallback agent;
-    SystemInterface systemIf;
-    systemIf.SetSystemPluginCB(&agent);
-    setSystemIfObject(&systemIf);
-    fakes::recordLogInCalls(true);
-    fakes::clearCalls();
-    powerPrepareSuspendCallback();
-    EXPECT_THAT(
-        fakes::calls(),
-        ElementsAre("LOG 7 powerPrepareSuspendCallback: Called!", "OnPowerSuspended", "g_usleep 1000000",
-                    "LOG 7 powerPrepareSuspendCallback: notifyPowerSuspended successful", "PowerdPrepareSuspendAck 1"));
-    systemIf.SetSystemPluginCB(nullptr);
-}
-
-TEST_F(EventThreadTest, ResumeIsLoggedDoneWhenTheAgentWasTold)
-{
-    CallListCallback agent;
-    SystemInterface systemIf;
-    systemIf.SetSystemPluginCB(&agent);
-    setSystemIfObject(&systemIf);
-    fakes::recordLogInCalls(true);
-    fakes::clearCalls();
-    powerResumedCallback();
-    EXPECT_THAT(fakes::calls(), ElementsAre("LOG 7 powerResumedCallback: Called. Device Resumed.", "OnPowerResume",
-                                            "LOG 7 powerResumedCallback: notifyPowerResume done"));
-    systemIf.SetSystemPluginCB(nullptr);
-}
-
 TEST_F(EventThreadTest, StopWaitsForTheThreadBeforeItReleasesAnything)
 {
     ASSERT_TRUE(startQuorIpcHandling());
     onEventThread([] {});
-    sAfterRun = [] {
-        __real_g_usleep(100000);
-        fakes::recordCall("loop left, context released " + std::to_string(sReleases) + " times");
+    glib().afterRun = [] {
+        sleepMicroseconds(100000);
+        fakes::recordCall("loop left, context released " + std::to_string(glib().releases) + " times");
     };
     fakes::clearLog();
     fakes::clearCalls();
@@ -479,45 +304,7 @@ TEST_F(EventThreadTest, StopWaitsForTheThreadBeforeItReleasesAnything)
                             "LOG 7 stopQuorIpcHandling: Thread Quit or not up!",
                             "LOG 7 stopQuorIpcHandling: Deiniting powerd client!", "PowerdClientDeinit",
                             "LOG 7 stopQuorIpcHandling: Finished!"));
-    EXPECT_EQ(1, sReleases);
-}
-
-TEST_F(EventThreadTest, SuspendedIsOnlyLogged)
-{
-    RecordingCallback agent;
-    SystemInterface systemIf;
-    systemIf.SetSystemPluginCB(&agent);
-    setSystemIfObject(&systemIf);
-    fakes::clearLog();
-    powerSuspendedCallback();
-    EXPECT_THAT(agent.events, IsEmpty());
-    EXPECT_THAT(ownLog(), ElementsAre("powerSuspendedCallback: Called. Device Suspended"));
-}
-
-TEST_F(EventThreadTest, ResumeTellsTheAgent)
-{
-    RecordingCallback agent;
-    SystemInterface systemIf;
-    systemIf.SetSystemPluginCB(&agent);
-    setSystemIfObject(&systemIf);
-    fakes::clearLog();
-    powerResumedCallback();
-    EXPECT_THAT(agent.events, ElementsAre("OnPowerResume"));
-    EXPECT_THAT(ownLog(), ElementsAre("powerResumedCallback: Called. Device Resumed.",
-                                      "powerResumedCallback: notifyPowerResume done"));
-}
-
-TEST_F(EventThreadTest, ResumeWithoutASystemObjectIsOnlyLogged)
-{
-    powerResumedCallback();
-    EXPECT_THAT(ownLog(), ElementsAre("powerResumedCallback: Called. Device Resumed."));
-}
-
-TEST_F(EventThreadTest, PowerLockIsExportedAndFree)
-{
-    ASSERT_TRUE(startQuorIpcHandling());
-    EXPECT_EQ(0, pthread_mutex_trylock(&gPowerLock));
-    EXPECT_EQ(0, pthread_mutex_unlock(&gPowerLock));
+    EXPECT_EQ(1, glib().releases);
 }
 
 // A quit that comes before the thread has entered its loop must not be lost: this would hang sooner or later.
@@ -529,7 +316,7 @@ TEST_F(EventThreadTest, StartAndStopTenThousandTimes)
     for (int i = 0; i < 10000; ++i) {
         ASSERT_TRUE(startQuorIpcHandling());
         ASSERT_TRUE(stopQuorIpcHandling());
-        g_main_loop_unref(sLastLoop);  // or its descriptors would run out
+        g_main_loop_unref(glib().lastLoop);  // or its descriptors would run out
         if (i % 100 == 0) fakes::clearLog();
         fakes::clearCalls();
     }
