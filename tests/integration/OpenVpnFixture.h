@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "Files.h"
 #include "Isolation.h"
 #include "Shell.h"
 #include "handles/UniqueFd.h"
@@ -29,6 +30,7 @@
 namespace openvpntest {
 
 using testsupport::ChildProcess;
+using testsupport::contentOf;
 using testsupport::runCommand;
 using testsupport::shell;
 using Words = std::vector<std::string>;
@@ -37,12 +39,6 @@ constexpr char hook[] = WFOAL_BUILD_DIR "/bin/openvpn-hook";
 constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
 constexpr char clientLog[] = "/tmp/client.log";
 constexpr char serverLog[] = "/tmp/server.log";
-
-inline std::string contentOf(const std::string& name)
-{
-    std::ifstream file(name);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 inline std::size_t countIn(const std::string& text, const std::string& part)
 {

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The hook's side of the agent's socket, with an agent that answers what a test wants.
+#include "openvpn/AgentClient.h"
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "CommandError.h"
+
+namespace {
+
+using vpnoalctl::AgentClient;
+using vpnoalctl::CommandError;
+
+constexpr char path[] = "/tmp/agent.socket";
+
+// Takes one connection, reads one line, answers and closes.
+class Agent {
+public:
+    explicit Agent(std::string answer) : mListener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path, sizeof path);
+        unlink(path);
+        EXPECT_EQ(0, bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+        EXPECT_EQ(0, listen(mListener.get(), 1));
+        mThread = std::thread([this, answer] { serve(answer); });
+    }
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+    ~Agent()
+    {
+        if (mThread.joinable()) mThread.join();
+    }
+    /// The line that was read.
+    const std::string& request()
+    {
+        mThread.join();
+        return mRequest;
+    }
+
+private:
+    void serve(const std::string& answer)
+    {
+        const UniqueFd connection(accept(mListener.get(), nullptr, nullptr));
+        char character = 0;
+        while (read(connection.get(), &character, 1) == 1 && character != '\n')
+            mRequest += character;
+        EXPECT_EQ(static_cast<ssize_t>(answer.size()),
+                  send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL));
+    }
+
+    UniqueFd mListener;
+    std::string mRequest;
+    std::thread mThread;
+};
+
+std::string errorFor(const std::string& answer)
+{
+    Agent agent(answer);
+    try {
+        AgentClient(path).restore();
+        return "no error";
+    } catch (const CommandError& error) {
+        return error.what();
+    }
+}
+
+TEST(AgentClientTest, OneLineIsSentAndOneIsRead)
+{
+    Agent agent("{\"ok\":true}\n");
+    AgentClient client(path);
+    EXPECT_EQ(getpid(), client.agent());
+    client.apply(R"({"server":"198.51.100.2"})");
+    EXPECT_EQ(R"({"op":"apply","profile":{"server":"198.51.100.2"}})", agent.request());
+}
+
+TEST(AgentClientTest, ALargeProfileIsSentWhole)
+{
+    Agent agent("{\"ok\":true}\n");
+    const std::string profile = "{\"x\":\"" + std::string(5000000, 'x') + "\"}";
+    AgentClient(path).apply(profile);
+    EXPECT_EQ(R"({"op":"apply","profile":)" + profile + "}", agent.request());
+}
+
+TEST(AgentClientTest, RestoreHasNoProfile)
+{
+    Agent agent("{\"ok\":true}\n");
+    AgentClient(path).restore();
+    EXPECT_EQ(R"({"op":"restore"})", agent.request());
+}
+
+TEST(AgentClientTest, TheAgentsReasonIsPassedOn)
+{
+    EXPECT_EQ("routes[3]: is wrong; correct it",
+              errorFor("{\"error\":\"is wrong\",\"key\":\"routes[3]\",\"remedy\":\"correct it\"}\n"));
+    EXPECT_EQ("vpnoalctl run: it is not the owner", errorFor("{\"error\":\"it is not the owner\"}\n"));
+    EXPECT_EQ("vpnoalctl run: refused the request", errorFor("{\"ok\":false}\n"));
+}
+
+TEST(AgentClientTest, AnswersThatAreNoneAreErrors)
+{
+    const std::string remedy = "; is 'vpnoalctl run' still running?";
+    EXPECT_EQ(path + (": the agent closed the connection without an answer" + remedy), errorFor(""));
+    EXPECT_EQ(path + (": the agent's answer is too long" + remedy), errorFor(std::string(70000, 'x')));
+    EXPECT_THAT(errorFor("what?\n"), testing::StartsWith("vpnoalctl run: the answer is not JSON"));
+    EXPECT_THAT(errorFor("{\"ok\":true,\"more\":1}\n"), testing::HasSubstr("more: unknown key"));
+}
+
+TEST(AgentClientTest, ASocketThatIsNotThereIsNamed)
+{
+    unlink(path);
+    try {
+        AgentClient client(path);
+        FAIL();
+    } catch (const CommandError& error) {
+        EXPECT_STREQ("/tmp/agent.socket: No such file or directory; is 'vpnoalctl run' still running?", error.what());
+    }
+    EXPECT_THROW(AgentClient(std::string(200, 'x')), CommandError);
+}
+
+// OpenVPN clears the environment of its scripts, but not its own.
+TEST(AgentClientTest, AVariableIsInheritedAlsoWhenTheParentClearedIt)
+{
+    setenv("VPNOALCTL_SOCKET", "/run/here", 1);
+    EXPECT_EQ("/run/here", vpnoalctl::inheritedVariable("VPNOALCTL_SOCKET"));
+    unsetenv("VPNOALCTL_SOCKET");
+    EXPECT_EQ("", vpnoalctl::inheritedVariable("VPNOALCTL_SOCKET"));
+    EXPECT_EQ("", vpnoalctl::inheritedVariable("AT"));  // the end of another one's name
+    const char* const programs = std::getenv("PATH");
+    const std::string before = programs != nullptr ? programs : "";
+    unsetenv("PATH");
+    EXPECT_EQ(before, vpnoalctl::inheritedVariable("PATH"));
+    setenv("PATH", before.c_str(), 1);
+}
+
+}  // namespace
