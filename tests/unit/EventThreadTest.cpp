@@ -287,12 +287,12 @@ TEST_F(EventThreadTest, StatusChangesReachTheSubscriptionOnTheEventThread)
 
 TEST_F(EventThreadTest, StopWaitsForTheThreadBeforeItReleasesAnything)
 {
-    ASSERT_TRUE(startQuorIpcHandling());
-    onEventThread([] {});
     glib().afterRun = [] {
         sleepMicroseconds(100000);
         fakes::recordCall("loop left, context released " + std::to_string(glib().releases) + " times");
     };
+    ASSERT_TRUE(startQuorIpcHandling());
+    onEventThread([] {});
     fakes::clearLog();
     fakes::clearCalls();
     fakes::recordLogInCalls(true);
