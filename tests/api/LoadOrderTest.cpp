@@ -165,9 +165,6 @@ TEST(LoadOrderTest, TwoHundredLoadsLeaveNothingBehind)
 // Stopping the event side keeps its loop on purpose, and with it the loop's wake-up descriptor.
 TEST(LoadOrderTest, TwoHundredLoadsWithTheEventSideLeaveNoThreadAndNoMapping)
 {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the thread sanitizer forgets what it was to ignore once a library was unloaded";
-#endif
     const Session result = run(real + " VKLOG_LEVEL=0", "repeat");
     ASSERT_EQ(0, result.status) << result.all();
     ASSERT_EQ(2u, result.lines.size()) << result.all();

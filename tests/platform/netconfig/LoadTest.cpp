@@ -19,6 +19,11 @@ using Request = int (*)(const char*);
 
 constexpr char library[] = WFOAL_BUILD_DIR "/lib/libVkNetConfigLib.so";
 
+#if defined(__SANITIZE_THREAD__)
+// The thread sanitizer's suppression of a library does not survive its unloading.
+void* const keptLoaded = dlopen("libsystemd.so.0", RTLD_NOW | RTLD_NODELETE);
+#endif
+
 std::ptrdiff_t entriesOf(const char* folder)
 {
     return std::distance(std::filesystem::directory_iterator(folder), {});
