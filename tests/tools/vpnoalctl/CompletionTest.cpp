@@ -96,7 +96,8 @@ protected:
     static std::string run(const std::string& shell, const std::string& script)
     {
         if (runCommand({shell, "-c", "true"}).status != 0) return "no " + shell;
-        return runCommand({shell, "-c", "cd /tmp/here; export PATH=" WFOAL_BUILD_DIR "/bin:/usr/bin:/bin\n" + script}).output;
+        return runCommand({shell, "-c", "cd /tmp/here; export PATH=" WFOAL_BUILD_DIR "/bin:/usr/bin:/bin\n" + script})
+            .output;
     }
 
     // The last word, which may be empty, is completed.
