@@ -12,6 +12,7 @@ base/handles         -
 base/result          -
 base/text            base/result
 base/json            base/result base/text
+base/loop            base/handles
 base/net             base/result base/text
 base/io              base/handles base/result
 base/netlink         base/handles

@@ -119,13 +119,13 @@ bool BusPeer::onReply(QSHandle*, QSMessage* message, void* peer)
     auto& self = *static_cast<BusPeer*>(peer);
     Platform& platform = self.platform;
     const char* payload = QUOR(QSMessageGetPayload)(message);
-    self.mMailbox.put(payload != nullptr ? payload : "(no payload)", QUOR(QSMessageGetResponseToken)(message));
+    self.mMailbox.put({payload != nullptr ? payload : "(no payload)", QUOR(QSMessageGetResponseToken)(message)});
     return true;
 }
 
 bool BusPeer::onStatus(QSHandle*, const char* service, bool connected, void* peer)
 {
-    static_cast<BusPeer*>(peer)->mMailbox.put(std::string(service) + (connected ? " is there" : " is gone"));
+    static_cast<BusPeer*>(peer)->mMailbox.put({std::string(service) + (connected ? " is there" : " is gone")});
     return true;
 }
 

@@ -4,13 +4,33 @@
 #ifndef CONFORMANCE_BUSPEER_H
 #define CONFORMANCE_BUSPEER_H
 
+#include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "LoopThread.h"
 #include "Platform.h"
+#include "loop/LoopThread.h"
+#include "loop/Mailbox.h"
 #include "quorservice.h"
 
 namespace conformance {
+
+/// What a callback was told, and on which thread.
+struct CallbackEntry {
+    std::string text;
+    unsigned long token = 0;
+    std::thread::id thread = std::this_thread::get_id();
+};
+
+/// The limit of most promises is five seconds.
+class CallbackMailbox : public wfoal::Mailbox<CallbackEntry> {
+public:
+    std::vector<CallbackEntry> wait(std::size_t count, std::chrono::milliseconds atMost = std::chrono::seconds(5)) const
+    {
+        return Mailbox::wait(count, atMost);
+    }
+};
 
 /// An error record that is initialised and released.
 class ErrorRecord {
@@ -42,8 +62,8 @@ public:
     BusPeer& operator=(const BusPeer&) = delete;
 
     QSHandle* handle() const { return mHandle; }
-    LoopThread& thread() { return mThread; }
-    Mailbox& mailbox() { return mMailbox; }
+    wfoal::LoopThread& thread() { return mThread; }
+    CallbackMailbox& mailbox() { return mMailbox; }
 
     void attach();
     void leave();
@@ -58,8 +78,8 @@ protected:
     Platform& platform;
 
 private:
-    Mailbox mMailbox;
-    LoopThread mThread;
+    CallbackMailbox mMailbox;
+    wfoal::LoopThread mThread;
     QSHandle* mHandle = nullptr;
 };
 

@@ -218,7 +218,7 @@ void callsFromAnyThread(Platform& platform)
     expect(refused == 0, std::to_string(refused) + " of 200 calls were refused");
     const auto replies = peer.mailbox().wait(200);
     expect(replies.size() == 200, "200 calls from four threads got " + std::to_string(replies.size()) + " replies");
-    for (const Mailbox::Entry& entry : replies)
+    for (const CallbackEntry& entry : replies)
         expect(entry.thread == peer.thread().id(), "a reply came on another thread than the loop's");
 }
 
@@ -271,7 +271,7 @@ void unloadDisconnects(Platform& platform)
     for (int round = 0; round < 10; ++round) {
         {
             QSHandle* handle = nullptr;
-            LoopThread thread;  // ends first: nothing may run in a library that is being unloaded
+            wfoal::LoopThread thread;  // ends first: nothing may run in a library that is being unloaded
             expect(QUOR(QSRegister)(nullptr, &handle, nullptr) && QUOR(QSGmainAttach)(handle, thread.loop(), nullptr),
                    "registering anew failed");
         }

@@ -3,9 +3,9 @@
 // The promises of powerd.h. Suspend itself is not tested, so that the machine is never put to sleep.
 #include <atomic>
 
-#include "LoopThread.h"
 #include "Platform.h"
 #include "Threads.h"
+#include "loop/LoopThread.h"
 #include "powerd.h"
 
 namespace conformance {
@@ -51,7 +51,7 @@ void startsWithoutDaemon(Platform& platform)
 {
     // Where the platform finds its daemon this way, there is none now.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-    LoopThread thread;
+    wfoal::LoopThread thread;
     start(platform, thread.loop());
     stop(platform);
 }
@@ -65,7 +65,7 @@ void attachComesFirst(Platform& platform)
 void refusesNullArguments(Platform& platform)
 {
     expect(!POWERD(PowerdGmainAttach)(nullptr), "a null loop was taken");
-    LoopThread thread;
+    wfoal::LoopThread thread;
     expect(POWERD(PowerdGmainAttach)(thread.loop()), "PowerdGmainAttach() failed after a null loop");
     expect(!POWERD(PowerdClientInit)(nullptr), "a null name was taken");
     stop(platform);
@@ -73,7 +73,7 @@ void refusesNullArguments(Platform& platform)
 
 void nullRemovesCallback(Platform& platform)
 {
-    LoopThread thread;
+    wfoal::LoopThread thread;
     start(platform, thread.loop());
     expect(POWERD(PowerdResumeRegister)(nullptr) && POWERD(PowerdSuspendedRegister)(nullptr) &&
                POWERD(PowerdPrepareSuspendRegister)(nullptr),
@@ -83,7 +83,7 @@ void nullRemovesCallback(Platform& platform)
 
 void oneClientAProcess(Platform& platform)
 {
-    LoopThread thread;
+    wfoal::LoopThread thread;
     start(platform, thread.loop());
     expect(!POWERD(PowerdGmainAttach)(thread.loop()), "a second client was taken");
     stop(platform);
@@ -104,7 +104,7 @@ void ownerMayReleaseTheLoop(Platform& platform)
 void startsAgain(Platform& platform)
 {
     for (int round = 0; round < 10; ++round) {
-        LoopThread thread;
+        wfoal::LoopThread thread;
         start(platform, thread.loop());
         stop(platform);
     }
@@ -112,7 +112,7 @@ void startsAgain(Platform& platform)
 
 void callsFromAnyThread(Platform& platform)
 {
-    LoopThread thread;
+    wfoal::LoopThread thread;
     start(platform, thread.loop());
     auto& onResume = POWERD(PowerdResumeRegister);
     auto& onSuspended = POWERD(PowerdSuspendedRegister);
@@ -127,7 +127,7 @@ void callsFromAnyThread(Platform& platform)
 
 void deinitOnTheLoopsThread(Platform& platform)
 {
-    LoopThread thread;
+    wfoal::LoopThread thread;
     start(platform, thread.loop());
     bool done = false;
     auto& deinit = POWERD(PowerdClientDeinit);
@@ -154,7 +154,7 @@ void unloadWithoutDeinit(Platform& platform)
     const ProcessResources before = currentResources();
     for (int round = 0; round < 5; ++round) {
         {
-            LoopThread thread;  // ends first: nothing may run in a library that is being unloaded
+            wfoal::LoopThread thread;  // ends first: nothing may run in a library that is being unloaded
             start(platform, thread.loop());
         }
         platform.unload("powerd.h");

@@ -14,7 +14,7 @@ constexpr char header[] = "quorservice.h";
 
 using std::chrono::milliseconds;
 
-std::string textAt(const std::vector<Mailbox::Entry>& entries, std::size_t index)
+std::string textAt(const std::vector<CallbackEntry>& entries, std::size_t index)
 {
     return index < entries.size() ? entries[index].text : "(nothing within five seconds)";
 }
