@@ -100,8 +100,11 @@ std::string searchPath()
     return path == nullptr || *path == '\0' ? systemFolders : std::string(path) + ":" + systemFolders;
 }
 
-std::string pathOf(const std::string& program)
+}  // namespace
+
+std::string findProgram(const std::string& program)
 {
+    if (program.find('/') != std::string::npos) return program;
     const std::string folders = searchPath();
     for (std::size_t begin = 0; begin <= folders.size();) {
         const std::size_t end = std::min(folders.find(':', begin), folders.size());
@@ -111,6 +114,8 @@ std::string pathOf(const std::string& program)
     }
     throw std::system_error(ENOENT, std::generic_category());
 }
+
+namespace {
 
 // A file in memory: neither writing the input nor the program's output can block.
 UniqueFd memoryFile(std::string_view content)
@@ -207,6 +212,7 @@ SubprocessResult Subprocess::kill()
 
 void Subprocess::signal(int number) const
 {
+    if (mResult) return;  // the number may be another program's by now
     ::kill(mSharing == Sharing::Nothing ? -mPid : mPid, number);
 }
 
@@ -229,7 +235,7 @@ SubprocessResult runSubprocess(const std::vector<std::string>& command, std::str
         const UniqueFd inputFile = memoryFile(input);
         const UniqueFd outputFile = memoryFile({});
         std::vector<std::string> words = command;
-        words.at(0) = pathOf(words.at(0));
+        words.at(0) = findProgram(words.at(0));
         Subprocess process(words, Sharing::Nothing, {inputFile.get(), outputFile.get(), -1});
         const bool isInTime = process.wait(longest).has_value();
         SubprocessResult result = process.kill();

@@ -48,6 +48,11 @@ public:
     /// Ends the program.
     ~Subprocess() { end(); }
 
+    /// Readable once the program has ended; -1 when that is known only by wait().
+    int descriptor() const { return mProcess.get(); }
+    /// Sends a signal, as long as the program runs. With Sharing::Nothing also to all that it started in its process
+    /// group.
+    void signal(int number) const;
     /// How it ended; none while it runs after this time.
     const std::optional<SubprocessResult>& wait(std::chrono::milliseconds longest);
     /// Asks the program to end: SIGTERM, and after five seconds SIGKILL. Returns how it ended.
@@ -56,7 +61,6 @@ public:
     SubprocessResult kill();
 
 private:
-    void signal(int number) const;
     void reap();
 
     Sharing mSharing;
@@ -64,6 +68,10 @@ private:
     UniqueFd mProcess;
     std::optional<SubprocessResult> mResult;
 };
+
+/// The path of a program: as it is when it holds a slash, else from PATH and then from where the system's own tools
+/// are. Throws std::system_error.
+std::string findProgram(const std::string& program);
 
 /// Runs `command` to its end, with `input` as its standard input and Sharing::Nothing. Its program is looked up in PATH
 /// and then where the system's own tools are. A program that takes too long is killed. Thread-safe.

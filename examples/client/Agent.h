@@ -52,7 +52,7 @@ private:
     vpnoalctl::Signals mSignals;  // before anything starts a thread
     vpnoalctl::PluginLibrary& mPlugin;
     EventLog mLog;
-    AgentEvents mEvents;
+    vpnoalctl::AgentEvents mEvents;
     Waiter mWaiter{mSignals, mEvents};
     vpnoalctl::PluginPtr<KEST_CertPlugin> mCertificates;
     vpnoalctl::PluginPtr<KEST_SocketPlugin> mSockets;

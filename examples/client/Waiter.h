@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-#include "client/AgentEvents.h"
+#include "tunnel/AgentEvents.h"
 #include "tunnel/Signals.h"
 
 namespace sampleclient {
@@ -18,14 +18,14 @@ class Waiter {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Waiter(vpnoalctl::Signals& signals, AgentEvents& events) : mSignals(signals), mEvents(events) {}
+    Waiter(vpnoalctl::Signals& signals, vpnoalctl::AgentEvents& events) : mSignals(signals), mEvents(events) {}
 
     /// True when the descriptor became ready for `wanted` (POLLIN, POLLOUT) before the deadline. Throws Interrupted.
     bool waitUntilReady(int descriptor, short wanted, Clock::time_point deadline);
 
 private:
     vpnoalctl::Signals& mSignals;
-    AgentEvents& mEvents;
+    vpnoalctl::AgentEvents& mEvents;
 };
 
 /// Milliseconds until the deadline for poll(), rounded up; 0 when it has passed.

@@ -2,6 +2,7 @@
 #include "Application.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -91,6 +92,28 @@ std::string unknownWord(const CLI::App& app)
     return kind + "'" + word + (meant.empty() ? "'" : "', perhaps '" + meant + "' is meant");
 }
 
+// The first word that is neither an option nor the value of one.
+std::string commandOf(const std::vector<std::string>& arguments)
+{
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        if (arguments[i] == "--plugin") {
+            ++i;
+        } else if (arguments[i].rfind('-', 0) != 0) {
+            return arguments[i];
+        }
+    }
+    return {};
+}
+
+// What stands behind "--" is the command of `run`, which nobody else looks at.
+void splitOffCommand(std::vector<std::string>& arguments, Settings& settings)
+{
+    const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+    if (dashes == arguments.end() || commandOf({arguments.begin(), dashes}) != "run") return;
+    settings.commandWords.assign(dashes + 1, arguments.end());
+    arguments.erase(dashes, arguments.end());
+}
+
 int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
 {
     std::string command = app.get_name();
@@ -137,8 +160,11 @@ int run(int argc, char** argv)
 
 int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& chosen, int argc, char** argv)
 {
+    std::vector<std::string> arguments(argv + 1, argv + std::max(argc, 1));
+    splitOffCommand(arguments, settings);
+    std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
     try {
-        app.parse(argc, argv);
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
         return complainAboutUsage(app, error);

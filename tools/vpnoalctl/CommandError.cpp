@@ -7,8 +7,20 @@ namespace vpnoalctl {
 
 CommandError::CommandError(const std::string& what, const std::string& why, const std::string& remedy,
                            ExitCode exitCode)
-    : std::runtime_error(what + ": " + why + (remedy.empty() ? "" : "; " + remedy)), mReason(why), mExitCode(exitCode)
+    : std::runtime_error(what + ": " + why + (remedy.empty() ? "" : "; " + remedy)),
+      mSummary(what + ": " + why),
+      mReason(why),
+      mKey(what),
+      mRemedy(remedy),
+      mExitCode(exitCode)
 {
+}
+
+CommandError CommandError::withKey(const std::string& key) const
+{
+    CommandError named = *this;
+    if (!key.empty()) named.mKey = key;
+    return named;
 }
 
 CommandError badInput(const std::string& what, const std::string& why, const std::string& remedy)

@@ -25,11 +25,20 @@ public:
     CommandError(const std::string& what, const std::string& why, const std::string& remedy,
                  ExitCode exitCode = ExitFailed);
     ExitCode exitCode() const { return mExitCode; }
+    /// The same error, which names a key of the input. Else the key is what the error is about.
+    CommandError withKey(const std::string& key) const;
+    /// What and why, without the remedy.
+    const std::string& summary() const { return mSummary; }
     /// The WHY alone.
     const std::string& reason() const { return mReason; }
+    const std::string& key() const { return mKey; }
+    const std::string& remedy() const { return mRemedy; }
 
 private:
+    std::string mSummary;
     std::string mReason;
+    std::string mKey;
+    std::string mRemedy;
     ExitCode mExitCode;
 };
 

@@ -19,6 +19,7 @@ struct Command {
 
 constexpr Command commands[] = {
     {"connect", "Bring up a tunnel, hold it until Ctrl-C, restore", defineConnect},
+    {"run", "Run a VPN program with the tunnel's configuration around it", defineRun},
     {"apply", "Configure an existing tunnel device and leave it so", defineApply},
     {"doctor", "Check what a tunnel needs here", defineDoctor},
     {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},

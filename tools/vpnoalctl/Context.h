@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Output.h"
 #include "PluginLibrary.h"
@@ -16,8 +17,9 @@ namespace vpnoalctl {
 struct Settings {
     std::string pluginPath;  ///< empty: search
     bool json = false;
-    int verbosity = 0;     ///< number of -v
-    bool showLog = false;  ///< the user has asked for the log, with -v or $VKLOG_LEVEL
+    int verbosity = 0;                      ///< number of -v
+    std::vector<std::string> commandWords;  ///< of `run`: what stands behind "--"
+    bool showLog = false;                   ///< the user has asked for the log, with -v or $VKLOG_LEVEL
 };
 
 class Context {

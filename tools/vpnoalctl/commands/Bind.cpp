@@ -14,8 +14,8 @@
 #include "CommandError.h"
 #include "Context.h"
 #include "Json.h"
-#include "commands/Commands.h"
 #include "OuterSocket.h"
+#include "commands/Commands.h"
 #include "handles/UniqueFd.h"
 
 namespace vpnoalctl {

@@ -5,6 +5,8 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include <cstring>
+
 #include "CommandError.h"
 #include "Decisions/RouteParser.h"
 #include "net/Ipv4.h"
@@ -12,18 +14,54 @@
 
 namespace vpnoalctl {
 
-std::vector<RouteInfo> kernelRoutes()
+namespace {
+
+// The protocol number of what the host platform installs.
+constexpr std::uint8_t platformProtocol = 119;
+
+struct FoundRoute {
+    RouteInfo route;
+    bool isPlatforms;
+};
+
+bool isPlatforms(const nlmsghdr& message)
 {
-    std::vector<RouteInfo> routes;
+    rtmsg header{};
+    if (message.nlmsg_len < NLMSG_LENGTH(sizeof header)) return false;
+    std::memcpy(&header, reinterpret_cast<const unsigned char*>(&message) + NLMSG_HDRLEN, sizeof header);
+    return header.rtm_protocol == platformProtocol;
+}
+
+std::vector<FoundRoute> readRoutes()
+{
+    std::vector<FoundRoute> routes;
     const int error = wfoal::dumpTables(
         {{RTM_GETROUTE, AF_INET}}, [&] { routes.clear(); },
         [&](const nlmsghdr& message) {
             if (message.nlmsg_type != RTM_NEWROUTE) return;
             RouteInfo route{};
             wfoal::parseRouteMessage(&message, message.nlmsg_len, route);
-            routes.push_back(route);
+            routes.push_back({route, isPlatforms(message)});
         });
     if (error != 0) throw systemError("reading the routing table", error, "run it again");
+    return routes;
+}
+
+}  // namespace
+
+std::vector<RouteInfo> kernelRoutes()
+{
+    std::vector<RouteInfo> routes;
+    for (const FoundRoute& found : readRoutes())
+        routes.push_back(found.route);
+    return routes;
+}
+
+RoutesByOrigin kernelRoutesByOrigin()
+{
+    RoutesByOrigin routes;
+    for (const FoundRoute& found : readRoutes())
+        (found.isPlatforms ? routes.platforms : routes.others).push_back(found.route);
     return routes;
 }
 

@@ -16,6 +16,13 @@ namespace vpnoalctl {
 /// All tables, in the kernel's order. Throws CommandError.
 std::vector<RouteInfo> kernelRoutes();
 
+/// The same, those that the platform installed apart from all others.
+struct RoutesByOrigin {
+    std::vector<RouteInfo> platforms;
+    std::vector<RouteInfo> others;
+};
+RoutesByOrigin kernelRoutesByOrigin();
+
 /// The choice that the plug-in would make among these routes, which must outlive it.
 wfoal::InterfaceChoice chooseAmong(const std::vector<RouteInfo>& routes);
 

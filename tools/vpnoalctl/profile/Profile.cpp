@@ -249,7 +249,7 @@ Profile completedFor(const TunnelSettings& device, Profile profile)
     try {
         completeRoutes(profile);
     } catch (const JsonError& error) {
-        throw badInput("the profile", error.what(), "correct the profile; nothing was changed");
+        throw badInput("the profile", error.what(), "correct the profile; nothing was changed").withKey(error.key());
     }
     return profile;
 }

@@ -38,7 +38,8 @@ void readJson(const std::string& text, const JsonSource& source,
         }
         read(wfoal::JsonDocument(text.c_str(), source.kind).root());
     } catch (const wfoal::JsonError& error) {
-        throw badInput(nameOf(source.file), error.what(), "correct " + kind + "; nothing was changed");
+        throw badInput(nameOf(source.file), error.what(), "correct " + kind + "; nothing was changed")
+            .withKey(error.key());
     }
 }
 

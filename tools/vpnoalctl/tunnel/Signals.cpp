@@ -9,11 +9,13 @@
 
 namespace vpnoalctl {
 
-Signals::Signals()
+Signals::Signals(std::initializer_list<int> more)
 {
     sigset_t waited;
     sigemptyset(&waited);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
+        sigaddset(&waited, signal);
+    for (const int signal : more)
         sigaddset(&waited, signal);
     mDescriptor.reset(signalfd(-1, &waited, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!mDescriptor.valid()) throw systemError("signalfd", errno, "free resources and try again");
@@ -32,11 +34,11 @@ Signals::~Signals()
     pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
 }
 
-int Signals::take() const
+Signals::Notice Signals::takeNotice() const
 {
     signalfd_siginfo signal{};
-    if (read(mDescriptor.get(), &signal, sizeof signal) != static_cast<ssize_t>(sizeof signal)) return 0;
-    return static_cast<int>(signal.ssi_signo);
+    if (read(mDescriptor.get(), &signal, sizeof signal) != static_cast<ssize_t>(sizeof signal)) return {};
+    return {static_cast<int>(signal.ssi_signo), signal.ssi_code == SI_KERNEL};
 }
 
 bool Signals::isInterrupted()

@@ -7,6 +7,7 @@
 #define VPNOALCTL_SIGNALS_H
 
 #include <csignal>
+#include <initializer_list>
 
 #include "handles/UniqueFd.h"
 
@@ -14,15 +15,21 @@ namespace vpnoalctl {
 
 class Signals {
 public:
-    Signals();
+    /// `more` stay pending as well.
+    explicit Signals(std::initializer_list<int> more = {});
     Signals(const Signals&) = delete;
     Signals& operator=(const Signals&) = delete;
     ~Signals();
 
     /// Readable while a signal is pending.
     int descriptor() const { return mDescriptor.get(); }
-    /// Takes one signal; 0 when none is pending.
-    int take() const;
+    struct Notice {
+        int number = 0;               ///< 0: none is pending
+        bool isFromTerminal = false;  ///< the terminal has sent it to the whole process group
+    };
+    /// Takes one signal.
+    Notice takeNotice() const;
+    int take() const { return takeNotice().number; }
     /// True when SIGINT, SIGTERM or SIGHUP came. Takes all pending signals.
     bool isInterrupted();
 

@@ -143,22 +143,30 @@ TunnelSettings usedDevice(const std::optional<TunnelSettings>& wanted)
         throw CommandError(tunnelDeviceName, "there is no such interface",
                            "let the VPN program make it under this name, or use 'vpnoalctl connect', which makes one");
     }
-    const TunnelSettings found = settingsOf(DeviceControl());
+    const DeviceControl control;
+    const TunnelSettings found = settingsOf(control);
     if (wanted) compare(*wanted, found);
     if (found.address.address.bits == 0) {
         throw CommandError(tunnelDeviceName, "it has no IPv4 address",
                            fmt::format("give it one: ip address add ADDRESS/PREFIX dev {}", tunnelDeviceName));
     }
-    if (!isDeviceUp()) {
+    ifreq request = requestForDevice();
+    control.change(SIOCGIFFLAGS, request, "state");
+    if ((request.ifr_flags & IFF_UP) == 0) {
         throw CommandError(tunnelDeviceName, "is down", fmt::format("set it up: ip link set {} up", tunnelDeviceName));
     }
     return found;
 }
 
-bool isDeviceUp()
+std::optional<ReadyDevice> readyDevice()
 {
-    ifreq request = requestForDevice();
-    return DeviceControl().query(SIOCGIFFLAGS, request) && (request.ifr_flags & IFF_UP) != 0;
+    try {
+        const unsigned int index = if_nametoindex(tunnelDeviceName);
+        if (index != 0) return ReadyDevice{index, usedDevice(std::nullopt)};
+    } catch (const CommandError&) {
+        // It is not ready, or was removed meanwhile.
+    }
+    return std::nullopt;
 }
 
 }  // namespace vpnoalctl

@@ -33,8 +33,12 @@ private:
 /// address, prefix and peer that are `wanted`. Changes nothing.
 TunnelSettings usedDevice(const std::optional<TunnelSettings>& wanted);
 
-/// Whether there is such a device, and it is up.
-bool isDeviceUp();
+/// What the device has; none while it is not there, down, or without an IPv4 address.
+struct ReadyDevice {
+    unsigned int index = 0;
+    TunnelSettings settings;
+};
+std::optional<ReadyDevice> readyDevice();
 
 }  // namespace vpnoalctl
 

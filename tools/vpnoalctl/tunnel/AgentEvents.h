@@ -2,8 +2,8 @@
 //
 // The agent's callback record as a queue: the plug-in calls it on its event thread, which must not wait for the agent,
 // and the agent takes the events on its own thread when its descriptor becomes readable.
-#ifndef SAMPLECLIENT_AGENTEVENTS_H
-#define SAMPLECLIENT_AGENTEVENTS_H
+#ifndef VPNOALCTL_AGENTEVENTS_H
+#define VPNOALCTL_AGENTEVENTS_H
 
 #include <deque>
 #include <mutex>
@@ -12,7 +12,7 @@
 #include "handles/UniqueFd.h"
 #include "kest/SystemPluginCB.h"
 
-namespace sampleclient {
+namespace vpnoalctl {
 
 enum class AgentEvent { Suspended, Resumed, NetworkChanged };
 
@@ -46,6 +46,6 @@ private:
     UniqueFd mWake;
 };
 
-}  // namespace sampleclient
+}  // namespace vpnoalctl
 
 #endif

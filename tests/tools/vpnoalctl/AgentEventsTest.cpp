@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/AgentEvents.h"
+#include "tunnel/AgentEvents.h"
 
 #include <gmock/gmock.h>
 #include <poll.h>
@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-namespace sampleclient {
+namespace vpnoalctl {
 namespace {
 
 using testing::ElementsAre;
@@ -85,4 +85,4 @@ TEST(AgentEventsTest, NothingIsLostBetweenThreads)
 }
 
 }  // namespace
-}  // namespace sampleclient
+}  // namespace vpnoalctl

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/AgentEvents.h"
+#include "tunnel/AgentEvents.h"
 
 #include <sys/eventfd.h>
 
@@ -8,9 +8,7 @@
 
 #include "CommandError.h"
 
-using namespace vpnoalctl;
-
-namespace sampleclient {
+namespace vpnoalctl {
 
 AgentEvents::AgentEvents() : mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
@@ -55,4 +53,4 @@ void AgentEvents::updateDescriptor()
     if (mEvents.empty()) static_cast<void>(eventfd_read(mWake.get(), &count));
 }
 
-}  // namespace sampleclient
+}  // namespace vpnoalctl

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a program that `vpnoalctl run` started asks of it, over the socket whose path it finds in its environment.
+#include "RunKit.h"
+
+namespace {
+
+using namespace runkit;
+
+class RunRequestsTest : public RunFixture {
+protected:
+    // The socket's path, from what the command printed.
+    std::string startAndFindSocket(const Words& options)
+    {
+        mRun = std::make_unique<LineProcess>(
+            runWords(options, joined({"sh", "-c", "echo socket $VPNOALCTL_SOCKET; exec \"$@\"", "sh"}, guest())));
+        EXPECT_TRUE(mRun->await("socket ")) << mRun->output;
+        EXPECT_TRUE(eventually([] { return runCommand({"ip", "link", "show", "up", "norvatun0"}).status == 0; }));
+        const auto at = mRun->output.find("socket ") + 7;
+        return mRun->output.substr(at, mRun->output.find('\n', at) - at);
+    }
+
+    static std::string ask(const std::string& path, const std::string& text)
+    {
+        const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return "refused";
+        for (std::size_t at = 0; at < text.size();) {
+            const ssize_t sent = send(socket.get(), text.data() + at, text.size() - at, MSG_NOSIGNAL);
+            if (sent < 0) break;
+            at += static_cast<std::size_t>(sent);
+        }
+        shutdown(socket.get(), SHUT_WR);
+        std::string answer;
+        char chunk[4096];
+        for (ssize_t size = 0; (size = recv(socket.get(), chunk, sizeof chunk, 0)) > 0;)
+            answer.append(chunk, static_cast<std::size_t>(size));
+        return answer;
+    }
+
+    std::unique_ptr<LineProcess> mRun;
+};
+
+TEST_F(RunRequestsTest, ProfileComesOverTheSocketAndAnotherReplacesIt)
+{
+    const std::string path = startAndFindSocket({});
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + std::string(fullTunnel) + "}\n"));
+    EXPECT_TRUE(isApplied(*mRun)) << mRun->output;
+    EXPECT_THAT(routes(), HasSubstr("0.0.0.0/1 dev norvatun0"));
+    EXPECT_THAT(routes(), HasSubstr("198.51.100.2 via 192.0.2.1 dev eth0 proto 119"));
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + std::string(splitTunnel) + "}\n"));
+    EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
+    EXPECT_THAT(routes(), Not(HasSubstr("0.0.0.0/1 dev norvatun0")));
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, "{\"op\":\"restore\"}\n"));
+    EXPECT_THAT(routes(), Not(HasSubstr("10.20.0.0/16")));
+    EXPECT_EQ(128 + SIGTERM, mRun->end());
+}
+
+TEST_F(RunRequestsTest, ReplacedProfileLeavesWhatBothHave)
+{
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    const UniqueFd output(open("/tmp/monitor", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const ChildProcess monitor({"stdbuf", "-oL", "ip", "monitor", "route"}, output.get());
+    const auto hasSeen = [](const char* text) { return contentOf("/tmp/monitor").find(text) != std::string::npos; };
+    ASSERT_TRUE(eventually([&hasSeen] {
+        shell("ip route replace 192.0.2.99 dev eth0");
+        return hasSeen("192.0.2.99");
+    }));
+    EXPECT_EQ("{\"ok\":true}\n",
+              ask(path, R"({"op":"apply","profile":{"server":"198.51.100.2",)"
+                        R"("routes":[{"destination":"10.20.0.0/16"},{"destination":"10.30.0.0/16"}]}})"
+                        "\n"));
+    EXPECT_TRUE(eventually([&hasSeen] { return hasSeen("10.30.0.0/16 dev norvatun0"); }));
+    EXPECT_FALSE(hasSeen("Deleted")) << contentOf("/tmp/monitor");
+    shell("ip route del 192.0.2.99 dev eth0");
+    mRun->end();
+}
+
+TEST_F(RunRequestsTest, RefusedProfileLeavesTheEarlierOne)
+{
+    writeProfile(R"({"server":"198.51.100.2","routes":[{"destination":"10.20.0.0/16"}],
+                     "filter":[{"action":"drop","protocol":"tcp","destinationPort":7}]})");
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    const std::string before = state();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(
+            "{\"error\":\"the platform refused the configuration, the earlier one stays\",\"key\":\"apply\","
+            "\"remedy\":\"the log names the key at fault; 'vpnoalctl doctor' shows what is missing\"}\n",
+            ask(path, R"({"op":"apply","profile":{"dns":{"servers":["10.8.0.1"]},"bypass":["198.18.0.0/15"],)"
+                      R"("routes":[{"destination":"10.99.0.0/16"}]}})"
+                      "\n"));
+        EXPECT_EQ(before, state());
+    }
+    mRun->end();
+}
+
+TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)
+{
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    const std::string before = state();
+    const struct {
+        std::string request;
+        const char* answer;
+    } cases[] = {
+        {"", "is not one line, with a line end"},
+        {"{\"op\":\"restore\"}", "is not one line, with a line end"},
+        {"{\"op\":\"restore\"}\n{\"op\":\"restore\"}\n", "is not one line, with a line end"},
+        {"\n", "the request is not JSON: The document is empty"},
+        {"nonsense\n", "the request is not JSON: "},
+        {std::string("{\"op\":\"\0\"}\n", 11), "the request is not JSON: it holds a NUL byte"},
+        {"[]\n", "the request: must be an object"},
+        {"{}\n", R"("error":"missing","key":"op")"},
+        {"{\"op\":\"remove\"}\n", R"("error":"\"remove\" is none of \"apply\", \"restore\"","key":"op")"},
+        {"{\"op\":\"apply\"}\n", R"("error":"missing","key":"profile")"},
+        {"{\"op\":\"restore\",\"profile\":{}}\n", R"("error":"not with \"restore\"","key":"profile")"},
+        {"{\"op\":\"apply\",\"profile\":{\"routes\":[{\"destination\":\"$(reboot)\"}]}}\n",
+         R"(IPv4 address","key":"routes[0].destination","remedy":"correct the request; nothing was changed")"},
+        {"{\"op\":\"apply\",\"profile\":{\"tunnel\":{\"address\":\"10.9.0.2/24\"}}}\n",
+         "its address is 10.8.0.2, the profile says 10.9.0.2"},
+        {std::string((std::size_t{64} << 20) + 1, 'x') + "\n", "is larger than 64 MiB"},
+    };
+    for (const auto& each : cases)
+        EXPECT_THAT(ask(path, each.request), HasSubstr(each.answer)) << each.request.substr(0, 100);
+    EXPECT_EQ(before, state());
+    mRun->end();
+}
+
+TEST_F(RunRequestsTest, SlowClientsKeepNobodyWaiting)
+{
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    const UniqueFd silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(0, connect(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, "{\"op\":\"restore\"}\n"));
+    mRun->end();
+}
+
+TEST_F(RunRequestsTest, OnlyItsUserReachesTheSocket)
+{
+    const std::string path = startAndFindSocket({profile});
+    EXPECT_EQ("700\n", shell("stat -c %a /run/vpnoalctl"));
+    mRun->end();
+    EXPECT_EQ("refused", ask(path, "{\"op\":\"restore\"}\n"));
+}
+
+TEST_F(RunRequestsTest, NoProfileAtAllEndsTheCommand)
+{
+    const CommandResult result = runToEnd({"--wait", "1"}, guest());
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output,
+                HasSubstr("not ready after 1 seconds: no profile was given, and none came over the socket"));
+}
+
+// As a hook that the program runs when it is asked to end.
+TEST_F(RunRequestsTest, EndingCommandMayRestore)
+{
+    const std::string path = startAndFindSocket({profile, "--kill-after", "20"});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    mRun->end();
+    LineProcess run = start({profile, "--kill-after", "20"},
+                            {"sh", "-c",
+                             "trap 'echo ending; sleep 2; exit 3' TERM; \"$@\" & echo socket "
+                             "$VPNOALCTL_SOCKET; while :; do sleep 0.1; done",
+                             "sh", tunnel, "norvatun0", "10.8.0.2", "255.255.255.0", "1194", "198.51.100.2"});
+    ASSERT_TRUE(isApplied(run)) << run.output;
+    run.sendSignal(SIGTERM);
+    ASSERT_TRUE(run.await("ending")) << run.output;
+    const auto at = run.output.find("socket ") + 7;
+    const std::string ending = run.output.substr(at, run.output.find('\n', at) - at);
+    EXPECT_EQ("{\"ok\":true}\n", ask(ending, "{\"op\":\"restore\"}\n"));
+    EXPECT_THAT(ask(ending, R"({"op":"apply","profile":{}})"
+                            "\n"),
+                HasSubstr("the command is ending"));
+    shell("ip link del norvatun0");
+    EXPECT_EQ(3, run.wait());
+}
+
+}  // namespace

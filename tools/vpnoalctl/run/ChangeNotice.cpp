@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "run/ChangeNotice.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include "Output.h"
+
+namespace vpnoalctl {
+
+std::optional<int> signalNumber(const std::string& name)
+{
+    const std::string bare = name.rfind("SIG", 0) == 0 ? name.substr(3) : name;
+    for (int number = 1; number < SIGRTMIN; ++number) {
+        const char* const known = sigabbrev_np(number);
+        if (bare == std::to_string(number) || (known != nullptr && bare == known)) return number;
+    }
+    return std::nullopt;
+}
+
+void setEnvironment(const PhysicalInterface& physical)
+{
+    setenv("WFOAL_INTERFACE", physical.name.c_str(), 1);
+    setenv("WFOAL_ADDRESS", physical.address.bits != 0 ? dotted(physical.address).c_str() : "", 1);
+}
+
+void ChangeCommand::run(const std::string& event, const PhysicalInterface& physical)
+{
+    if (mCommand.empty()) return;
+    const auto same = [&event](const Waiting& waiting) { return waiting.event == event; };
+    mWaiting.erase(std::remove_if(mWaiting.begin(), mWaiting.end(), same), mWaiting.end());
+    mWaiting.push_back({event, physical});
+    dispatch();
+}
+
+void ChangeCommand::dispatch()
+{
+    if (mRunning && !mRunning->wait(std::chrono::milliseconds(0))) return;
+    mRunning.reset();
+    if (mWaiting.empty()) return;
+    const Waiting next = mWaiting.front();
+    mWaiting.pop_front();
+    setEnvironment(next.physical);
+    setenv("WFOAL_EVENT", next.event.c_str(), 1);
+    try {
+        mRunning.emplace(std::vector<std::string>{"/bin/sh", "-c", mCommand}, wfoal::Subprocess::Sharing::All,
+                         wfoal::Subprocess::Files{});
+    } catch (const std::system_error& error) {
+        tell(std::string("vpnoalctl: --on-change-exec: /bin/sh: ") + error.code().message());
+    }
+}
+
+}  // namespace vpnoalctl

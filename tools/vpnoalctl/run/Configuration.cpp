@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "run/Configuration.h"
+
+#include <algorithm>
+
+#include "tunnel/BringUp.h"
+#include "tunnel/InstalledState.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+constexpr char seeLog[] = "the log names the key at fault; 'vpnoalctl doctor' shows what is missing";
+
+// The plug-in takes a route to 0.0.0.0, whatever its netmask, for one that has all traffic in the tunnel, and keeps to
+// it until it restores.
+bool takesAllTraffic(const Profile& profile)
+{
+    return std::any_of(profile.routes.begin(), profile.routes.end(),
+                       [](const ProfileRoute& route) { return route.destination.address.bits == 0; });
+}
+
+}  // namespace
+
+Configuration::Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& callbacks)
+    : mPlugin(plugin), mCallbacks(callbacks)
+{
+    newSystem();
+}
+
+// A request that failed is collected still, and would be sent again: another object has collected nothing.
+void Configuration::newSystem()
+{
+    mSystems.push_back(mPlugin.create<KEST_SystemPlugin>());
+    mSystems.back()->SetSystemPluginCB(&mCallbacks);
+}
+
+void Configuration::apply(const Profile& profile)
+{
+    try {
+        if (mInstalled && takesAllTraffic(*mInstalled) && !takesAllTraffic(profile)) {
+            mOwnership.reset();
+            mSystems.back()->RestoreSystemConfiguration();
+        }
+        bringUpNow(profile);
+        mInstalled = profile;
+    } catch (const CommandError& error) {
+        refuse(error);
+    }
+}
+
+void Configuration::bringUpNow(const Profile& profile)
+{
+    bringUp(*mSystems.back(), profile);
+    verifyFilter(profile);
+    mOwnership.emplace();
+}
+
+// The packet filter is replaced before the rest is refused, so the earlier profile is applied as a whole.
+void Configuration::refuse(const CommandError& error)
+{
+    newSystem();
+    if (!mInstalled) {
+        restore();
+        refuseSecondTunnel();
+        throw CommandError(error);
+    }
+    try {
+        bringUpNow(*mInstalled);
+    } catch (const CommandError&) {
+        restore();
+        throw CommandError("apply", "the platform refused the configuration, and the earlier one too", seeLog);
+    }
+    throw CommandError("apply", "the platform refused the configuration, the earlier one stays", seeLog);
+}
+
+void Configuration::restore()
+{
+    mOwnership.reset();
+    mInstalled.reset();
+    mSystems.back()->RestoreSystemConfiguration();
+}
+
+void Configuration::checkOwnership() const
+{
+    if (mOwnership) mOwnership->check();
+}
+
+void refuseSecondTunnel()
+{
+    const InstalledState left = installedState();
+    if (left.owner == 0) return;
+    throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
+                       "end that process, or remove the configuration with 'vpnoalctl restore --force'");
+}
+
+}  // namespace vpnoalctl

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tunnel's configuration, as an agent has it that lives as long as its tunnel: applied, applied again when the
+// device or the profile is another, and restored at the end.
+#ifndef VPNOALCTL_CONFIGURATION_H
+#define VPNOALCTL_CONFIGURATION_H
+
+#include <optional>
+#include <vector>
+
+#include "CommandError.h"
+#include "PluginLibrary.h"
+#include "profile/Profile.h"
+#include "tunnel/OwnershipWatch.h"
+
+namespace vpnoalctl {
+
+class Configuration {
+public:
+    /// The plug-in calls `callbacks`, which must outlive the object.
+    Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& callbacks);
+    Configuration(const Configuration&) = delete;
+    Configuration& operator=(const Configuration&) = delete;
+    /// Restores.
+    ~Configuration() = default;
+
+    /// Applies a profile that is complete. It replaces the earlier one, and what both have stays installed meanwhile.
+    /// Throws CommandError; then the earlier one is installed, or nothing when there was none.
+    void apply(const Profile& profile);
+    void restore();
+
+    /// What is installed.
+    const std::optional<Profile>& installed() const { return mInstalled; }
+
+    /// Becomes readable when it is time to call checkOwnership(); -1 while nothing is installed.
+    int ownershipDescriptor() const { return mOwnership ? mOwnership->descriptor() : -1; }
+    /// Throws CommandError when another process removed the configuration.
+    void checkOwnership() const;
+
+private:
+    void newSystem();
+    void bringUpNow(const Profile& profile);
+    [[noreturn]] void refuse(const CommandError& error);
+
+    const PluginLibrary& mPlugin;
+    KEST_SystemPluginCB& mCallbacks;
+    // Disposing of any of them restores, so all are kept until the end. The last one is used.
+    std::vector<PluginPtr<KEST_SystemPlugin>> mSystems;
+    std::optional<Profile> mInstalled;
+    std::optional<OwnershipWatch> mOwnership;
+};
+
+/// Throws CommandError when a living process has a tunnel's configuration installed, or is about to. Call it only while
+/// this process owns none.
+void refuseSecondTunnel();
+
+}  // namespace vpnoalctl
+
+#endif

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the programs that `run` starts ask it for, one line of JSON:
+//
+//     {"op":"apply","profile":{...}}
+//     {"op":"restore"}
+//
+// and its answer: {"ok":true}, or an error object.
+#ifndef VPNOALCTL_REQUEST_H
+#define VPNOALCTL_REQUEST_H
+
+#include <optional>
+#include <string>
+
+#include "CommandError.h"
+#include "profile/Profile.h"
+
+namespace vpnoalctl {
+
+struct Request {
+    std::optional<Profile> profile;  ///< to apply; none: restore
+};
+
+/// Throws CommandError with ExitUsage. Its key is that of the profile: "routes[3]".
+Request parseRequest(const std::string& line);
+
+std::string goodAnswer();
+std::string answerTo(const CommandError& error);
+
+}  // namespace vpnoalctl
+
+#endif

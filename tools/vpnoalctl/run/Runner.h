@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// An agent around a program that makes the tunnel's device itself: owns the tunnel's configuration as long as the
+// program lives, keeps the way to the VPN server outside of the tunnel, and passes on what the plug-in reports.
+#ifndef VPNOALCTL_RUNNER_H
+#define VPNOALCTL_RUNNER_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CommandError.h"
+#include "Context.h"
+#include "run/ChangeNotice.h"
+#include "run/Configuration.h"
+#include "run/GuestCommand.h"
+#include "run/NetworkWatch.h"
+#include "run/OuterRoutes.h"
+#include "run/PhysicalInterface.h"
+#include "run/RequestSocket.h"
+#include "run/ServiceState.h"
+#include "tunnel/AgentEvents.h"
+#include "tunnel/Signals.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+struct RunOptions {
+    std::string profile;               ///< empty: one comes over the socket
+    std::vector<std::string> command;  ///< the program and its arguments
+    std::optional<int> changeSignal;   ///< what the command gets when the network changes, and around sleep
+    std::string changeCommand;         ///< a shell command for the same
+    unsigned waitSeconds = 60;         ///< for the device
+    unsigned killSeconds = 10;         ///< from the request to end to SIGKILL
+};
+
+class Runner {
+public:
+    /// Reads the profile and looks the command up. Throws CommandError; nothing is changed then.
+    Runner(Context& context, const RunOptions& options);
+
+    /// From the start of the command to its end. Returns its status; throws CommandError, with everything restored.
+    int run();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void start();
+    void loop();
+    int finish(int status);
+    void fail(const CommandError& error);
+
+    void handleSignals();
+    void handleEvents();
+    void handleNetwork();
+    void notify(const char* event);
+    void wait();
+
+    void followDevice();
+    void applyTo(const ReadyDevice& device, const Profile& profile);
+    void reportFirst();
+    void checkDeadline();
+    std::string answer(const std::string& line);
+    void carryOut(const std::string& line);
+
+    void choosePhysical();
+    void leadOutside(const BypassNetworks& outside);
+
+    Context& mContext;
+    const RunOptions& mOptions;
+    std::optional<Profile> mWanted;
+    BypassNetworks mAlwaysOutside;  // of the profile that `run` was started with
+    GuestCommand mCommand;
+    ServiceState mService;
+    Signals mSignals{SIGUSR1, SIGUSR2};  // before anything starts a thread
+    AgentEvents mEvents;
+    PluginLibrary& mPlugin;
+    PluginPtr<KEST_SocketPlugin> mSockets;
+    PhysicalChoice mChoice;
+    NetworkWatch mNetwork;
+    PhysicalInterface mPhysical;  // the last one that there was
+    bool mHasPhysical = false;
+    BypassNetworks mOutside;
+    OuterRoutes mOuterRoutes;
+    std::optional<Configuration> mConfiguration;
+    ChangeCommand mChangeCommand;
+    RequestSocket mRequests;
+    std::optional<ReadyDevice> mDevice;  // that the configuration is applied to
+    std::optional<Clock::time_point> mDeadline;
+    std::optional<CommandError> mFailure;
+    bool mIsReported = false;
+};
+
+}  // namespace vpnoalctl
+
+#endif
