@@ -66,14 +66,13 @@ quietly() {
 }
 
 if [ -z "$build" ]; then
-    build=$PWD/build/release
+    build=$PWD/build/demo
     mkdir -p build
-    packaging/install-packages.sh build test >&2
+    packaging/install-packages.sh build demo >&2
     quietly 'Fetching systemd-resolved and elogind (unpacked here, not installed)' \
         tests/support/fetch-daemons.sh build/daemons resolved elogind
-    quietly 'Configuring' cmake --preset release
-    quietly 'Building (a few minutes the first time)' cmake --build --preset release --target \
-        samplegateway sampleclient vpnoalctl isolate vesk-connectionmanager vesk-certificatemanager
+    quietly 'Configuring' cmake --preset demo
+    quietly 'Building (a few minutes the first time)' cmake --build --preset demo
 fi
 build=$(cd "$build" && pwd)
 

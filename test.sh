@@ -43,13 +43,13 @@ while [ $# -gt 0 ]; do
 done
 
 if [ $lint = yes ]; then
-    packaging/install-packages.sh build test lint
+    packaging/install-packages.sh build package test lint
     exec tests/lint.sh
 fi
 
 case $preset in
-clang) packaging/install-packages.sh build test lint ;;
-release | debug | asan-ubsan | tsan | coverage) packaging/install-packages.sh build test ;;
+clang) packaging/install-packages.sh build package test lint ;;
+release | debug | asan-ubsan | tsan | coverage) packaging/install-packages.sh build package test ;;
 *) die "no preset '$preset' runs tests (see --help)" ;;
 esac
 fetch tests/support/fetch-daemons.sh build/daemons

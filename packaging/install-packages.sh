@@ -1,18 +1,23 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# install-packages.sh PURPOSE...: installs what packaging/apt-packages.txt lists for build, test or lint, and does
-# nothing when all of it is there. Asks for root through sudo, and only then.
+# install-packages.sh PURPOSE...: installs what packaging/apt-packages.txt lists for build, package, test, demo or lint,
+# and does nothing when all of it is there. Asks for root through sudo, and only then. --list PURPOSE...: prints it.
 set -euo pipefail
 
 list=$(dirname "${BASH_SOURCE[0]}")/apt-packages.txt
 
 wanted() {
-    local purpose
-    for purpose in "$@"; do
-        awk -v purpose="$purpose" '!/^#/ && $2 == purpose { print $1 }' "$list"
-    done
+    awk -v purposes="$*" 'BEGIN { split(purposes, names); for (i in names) wanted[names[i]] }
+        /^#/ { next }
+        { for (i = 2; i <= NF; ++i) if ($i in wanted) { print $1; next } }' "$list"
 }
+
+if [ "${1:-}" = --list ]; then
+    shift
+    wanted "$@"
+    exit
+fi
 
 is_installed() {
     dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed

@@ -35,7 +35,7 @@ destination=${1:-$source/build/packages}
 
 if [ -z "$build" ]; then
     build=$source/build/package
-    "$source/packaging/install-packages.sh" build
+    "$source/packaging/install-packages.sh" build package
     cmake -S "$source" --preset package
     cmake --build "$build"
 fi

@@ -37,7 +37,7 @@ step formatting clang-format --dry-run --Werror "${formatted[@]}"
 step 'shell scripts' shellcheck -x -P SCRIPTDIR .ci/run "${scripts[@]}"
 step 'configuring for clang' cmake --preset clang -DWFOAL_BENCH=ON --log-level=WARNING
 step 'clang build' cmake --build --preset clang
-step 'package list' packaging/check-packages.sh build/clang
+step 'package list' packaging/check-packages.sh build/clang build package test
 step clang-tidy tidy
 
 if [ ${#failed[@]} -gt 0 ]; then
