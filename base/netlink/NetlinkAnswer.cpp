@@ -64,10 +64,10 @@ int receiveAnswer(int socket, NetlinkDatagram& datagram, std::uint32_t sequence,
     while (!answer.hasEnded()) {
         // When a part is lost, the end may be lost too.
         switch (datagram.receive(socket, answer.isWhole() ? longestSilence : 0)) {
-        case NetlinkReceived::failed: return errno;
-        case NetlinkReceived::nothing: return answer.isWhole() ? ETIMEDOUT : EINTR;
-        case NetlinkReceived::lost: answer.loseSome(); break;
-        case NetlinkReceived::datagram:
+        case NetlinkReceived::Failed: return errno;
+        case NetlinkReceived::Nothing: return answer.isWhole() ? ETIMEDOUT : EINTR;
+        case NetlinkReceived::Lost: answer.loseSome(); break;
+        case NetlinkReceived::Datagram:
             while (const nlmsghdr* message = datagram.next())
                 answer.take(*message);
         }

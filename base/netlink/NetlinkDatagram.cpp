@@ -56,14 +56,14 @@ NetlinkReceived NetlinkDatagram::receive(int socket, int patience)
         const ssize_t count = recvmsg(socket, &datagram, MSG_DONTWAIT);
         if (count >= 0) {
             if (!isFromKernel(datagram, sender)) continue;
-            if ((datagram.msg_flags & MSG_TRUNC) != 0) return NetlinkReceived::lost;
+            if ((datagram.msg_flags & MSG_TRUNC) != 0) return NetlinkReceived::Lost;
             begin(static_cast<std::size_t>(count));
-            return NetlinkReceived::datagram;
+            return NetlinkReceived::Datagram;
         }
         if (errno == EINTR) continue;
-        if (errno == ENOBUFS) return NetlinkReceived::lost;
-        if (errno != EAGAIN) return NetlinkReceived::failed;
-        if (!waitFor(socket, end)) return errno == 0 ? NetlinkReceived::nothing : NetlinkReceived::failed;
+        if (errno == ENOBUFS) return NetlinkReceived::Lost;
+        if (errno != EAGAIN) return NetlinkReceived::Failed;
+        if (!waitFor(socket, end)) return errno == 0 ? NetlinkReceived::Nothing : NetlinkReceived::Failed;
     }
 }
 

@@ -13,10 +13,10 @@
 namespace wfoal {
 
 enum class NetlinkReceived {
-    datagram,
-    lost,     // the kernel had no room for a datagram, or this object has none; later ones can still be received
-    nothing,  // within the given time
-    failed    // `errno` says why
+    Datagram,
+    Lost,     // the kernel had no room for a datagram, or this object has none; later ones can still be received
+    Nothing,  // within the given time
+    Failed    // `errno` says why
 };
 
 class NetlinkDatagram {

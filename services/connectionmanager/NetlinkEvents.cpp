@@ -35,9 +35,9 @@ void NetlinkEvents::receive()
     bool changed = false;
     while (true) {
         const wfoal::NetlinkReceived received = mDatagram.receive(descriptor(), 0);
-        if (received == wfoal::NetlinkReceived::lost) {
+        if (received == wfoal::NetlinkReceived::Lost) {
             changed = true;  // anything may have changed
-        } else if (received != wfoal::NetlinkReceived::datagram) {
+        } else if (received != wfoal::NetlinkReceived::Datagram) {
             break;
         }
         while (const nlmsghdr* message = mDatagram.next())

@@ -119,7 +119,7 @@ TEST_F(StorageListingTest, LocationSevenIsARelativeDirectory)
     EXPECT_EQ(0u, list(static_cast<KEST_FileLocation>(7), 1).count);
 }
 
-class ThreeFiles : public StorageListingTest {
+class ThreeFilesTest : public StorageListingTest {
 protected:
     void SetUp() override
     {
@@ -130,7 +130,7 @@ protected:
     }
 };
 
-TEST_F(ThreeFiles, CountOfTwoFillsTwoBuffersAndTellsThree)
+TEST_F(ThreeFilesTest, CountOfTwoFillsTwoBuffersAndTellsThree)
 {
     const Listed listed = list(LOCATION_USER, 2);
     EXPECT_EQ(PLUGIN_BUFFER_TOO_SMALL, listed.result);
@@ -139,7 +139,7 @@ TEST_F(ThreeFiles, CountOfTwoFillsTwoBuffersAndTellsThree)
     EXPECT_THAT(fakes::logLines(), IsEmpty());
 }
 
-TEST_F(ThreeFiles, CountOfThreeAndMoreFillsThree)
+TEST_F(ThreeFilesTest, CountOfThreeAndMoreFillsThree)
 {
     for (const unsigned int count : {3u, 4u, 10u}) {
         const Listed listed = list(LOCATION_USER, count);
@@ -149,7 +149,7 @@ TEST_F(ThreeFiles, CountOfThreeAndMoreFillsThree)
     }
 }
 
-TEST_F(ThreeFiles, NullNamesWithACountOfZeroAskForTheNumber)
+TEST_F(ThreeFilesTest, NullNamesWithACountOfZeroAskForTheNumber)
 {
     unsigned int count = 0;
     EXPECT_EQ(PLUGIN_BUFFER_TOO_SMALL, mStorage.EnumerateFiles(LOCATION_USER, count, nullptr));
@@ -159,7 +159,7 @@ TEST_F(ThreeFiles, NullNamesWithACountOfZeroAskForTheNumber)
     EXPECT_EQ(0u, count);
 }
 
-TEST_F(ThreeFiles, NullNamesWithALargeCountTellOfNoneCopied)
+TEST_F(ThreeFilesTest, NullNamesWithALargeCountTellOfNoneCopied)
 {
     unsigned int count = 3;
     EXPECT_EQ(PLUGIN_SUCCESS, mStorage.EnumerateFiles(LOCATION_USER, count, nullptr));
@@ -169,7 +169,7 @@ TEST_F(ThreeFiles, NullNamesWithALargeCountTellOfNoneCopied)
     EXPECT_EQ(3u, count);
 }
 
-TEST_F(ThreeFiles, NullSlotFailsWithoutAMessageAfterFillingThoseBefore)
+TEST_F(ThreeFilesTest, NullSlotFailsWithoutAMessageAfterFillingThoseBefore)
 {
     const auto descriptors = storagetest::openDescriptors();
     char first[256] = "";
@@ -184,7 +184,7 @@ TEST_F(ThreeFiles, NullSlotFailsWithoutAMessageAfterFillingThoseBefore)
     EXPECT_EQ(descriptors, storagetest::openDescriptors());
 }
 
-TEST_F(ThreeFiles, NullSlotBehindTheEntriesDoesNotMatter)
+TEST_F(ThreeFilesTest, NullSlotBehindTheEntriesDoesNotMatter)
 {
     char buffers[3][256];
     char* names[] = {buffers[0], buffers[1], buffers[2], nullptr};
@@ -193,7 +193,7 @@ TEST_F(ThreeFiles, NullSlotBehindTheEntriesDoesNotMatter)
     EXPECT_EQ(3u, count);
 }
 
-TEST_F(ThreeFiles, NullSlotBehindTheCountDoesNotMatter)
+TEST_F(ThreeFilesTest, NullSlotBehindTheCountDoesNotMatter)
 {
     char buffers[2][256];
     char* names[] = {buffers[0], buffers[1], nullptr};
@@ -202,7 +202,7 @@ TEST_F(ThreeFiles, NullSlotBehindTheCountDoesNotMatter)
     EXPECT_EQ(3u, count);
 }
 
-TEST_F(ThreeFiles, DirectoriesAndHiddenFilesAreEntriesToo)
+TEST_F(ThreeFilesTest, DirectoriesAndHiddenFilesAreEntriesToo)
 {
     std::filesystem::create_directory("/tmp/vpn/user/folder");
     putFile("/tmp/vpn/user/.hidden", "");
@@ -212,7 +212,7 @@ TEST_F(ThreeFiles, DirectoriesAndHiddenFilesAreEntriesToo)
     EXPECT_THAT(list(LOCATION_ROOT, 10).names, ElementsAre("l10n", "main", "profile", "script", "temp", "user"));
 }
 
-TEST_F(ThreeFiles, EntriesComeInDirectoryOrder)
+TEST_F(ThreeFilesTest, EntriesComeInDirectoryOrder)
 {
     std::vector<std::string> expected;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp/vpn/user")) {

@@ -83,8 +83,8 @@ std::optional<NetlinkFailure> NftTransaction::receiveResult()
     bool isLossy = false;
     while (true) {
         const wfoal::NetlinkReceived received = mSocket.receive(isLossy);
-        isLossy = isLossy || received == wfoal::NetlinkReceived::lost;
-        if (received == wfoal::NetlinkReceived::nothing) break;
+        isLossy = isLossy || received == wfoal::NetlinkReceived::Lost;
+        if (received == wfoal::NetlinkReceived::Nothing) break;
         while (const nlmsghdr* message = mSocket.nextMessage()) {
             const std::size_t index = message->nlmsg_seq - mFirstSequence;
             if (message->nlmsg_type != NLMSG_ERROR || index >= mCount) continue;

@@ -95,7 +95,7 @@ void NetlinkSocket::send(const void* messages, std::size_t size)
 NetlinkReceived NetlinkSocket::receive(bool isLossy)
 {
     const NetlinkReceived received = mDatagram.receive(descriptor(), isLossy ? 0 : longestSilence);
-    if (received == NetlinkReceived::failed) fail("receive");
+    if (received == NetlinkReceived::Failed) fail("receive");
     return received;
 }
 
@@ -166,8 +166,8 @@ void NetlinkBatch::send()
     bool isComplete = false;
     while (!isComplete) {
         const NetlinkReceived received = mSocket.receive(isLossy);
-        if (received == NetlinkReceived::nothing) break;
-        isLossy = isLossy || received == NetlinkReceived::lost;
+        if (received == NetlinkReceived::Nothing) break;
+        isLossy = isLossy || received == NetlinkReceived::Lost;
         while (const nlmsghdr* message = mSocket.nextMessage()) {
             take(message);
             isComplete = isComplete || message->nlmsg_seq == last;

@@ -48,7 +48,7 @@ public:
     int descriptor();
     std::uint32_t nextSequence() { return ++mSequence; }
     void send(const void* messages, std::size_t size);
-    /// Waits for answers, except when some were lost: the last one may be among them. Never `failed`.
+    /// Waits for answers, except when some were lost: the last one may be among them. Never `Failed`.
     wfoal::NetlinkReceived receive(bool isLossy);
     const nlmsghdr* nextMessage() { return mDatagram.next(); }
 

@@ -51,7 +51,7 @@ std::string errorOf(const char* text)
 
 }  // namespace
 
-TEST(StrictJson, ReadsObjectsIntoRecords)
+TEST(StrictJsonTest, ReadsObjectsIntoRecords)
 {
     const Shape shape = read(R"({"points":[{"x":4294967295,"name":"\u00e9 \"q\""},{"x":-5}]})");
     ASSERT_EQ(shape.points.size(), 2U);
@@ -60,7 +60,7 @@ TEST(StrictJson, ReadsObjectsIntoRecords)
     EXPECT_EQ(shape.points[1].x, -5);
 }
 
-TEST(StrictJson, ErrorsNameTheKeyByItsPath)
+TEST(StrictJsonTest, ErrorsNameTheKeyByItsPath)
 {
     const std::pair<const char*, const char*> cases[] = {
         {R"([])", "the request: must be an object"},
@@ -82,7 +82,7 @@ TEST(StrictJson, ErrorsNameTheKeyByItsPath)
         EXPECT_EQ(errorOf(text), expected) << text;
 }
 
-TEST(StrictJson, WhatIsNotJsonIsRefusedWithThePlace)
+TEST(StrictJsonTest, WhatIsNotJsonIsRefusedWithThePlace)
 {
     for (const char* text : {"", " ", "{", "{\"points\":[]", "{\"points\":[],}", "{'points':[]}", "{\"points\":[]} x",
                              "{\"points\":[] /* no */}", "{\"points\":[NaN]}", "{\"points\":[01]}", "nul",
@@ -92,7 +92,7 @@ TEST(StrictJson, WhatIsNotJsonIsRefusedWithThePlace)
     EXPECT_EQ(errorOf(nullptr), "the request is a null pointer");
 }
 
-TEST(StrictJson, EveryBrokenTextIsRefused)
+TEST(StrictJsonTest, EveryBrokenTextIsRefused)
 {
     EXPECT_LE(117U, testsupport::brokenJsonTexts().size());
     for (const auto& [name, text] : testsupport::brokenJsonTexts()) {
@@ -107,7 +107,7 @@ TEST(StrictJson, EveryBrokenTextIsRefused)
     }
 }
 
-TEST(StrictJson, EveryGoodTextIsAcceptedByItselfAndAsAValue)
+TEST(StrictJsonTest, EveryGoodTextIsAcceptedByItselfAndAsAValue)
 {
     for (const auto& [name, text] : testsupport::goodJsonTexts()) {
         for (const std::string& whole : {text, "[" + text + "]", "{\"a\":" + text + "}"})
@@ -115,7 +115,7 @@ TEST(StrictJson, EveryGoodTextIsAcceptedByItselfAndAsAValue)
     }
 }
 
-TEST(StrictJson, DeepNestingCostsNoStack)
+TEST(StrictJsonTest, DeepNestingCostsNoStack)
 {
     const std::size_t depth = 1 << 20;
     const std::string open(depth, '[');
@@ -123,13 +123,13 @@ TEST(StrictJson, DeepNestingCostsNoStack)
     EXPECT_EQ(errorOf((open + std::string(depth, ']')).c_str()), "the request: must be an object");
 }
 
-TEST(StrictJson, AKeyOfOneMebibyteIsShownInPart)
+TEST(StrictJsonTest, AKeyOfOneMebibyteIsShownInPart)
 {
     const std::string key(1 << 20, 'k');
     EXPECT_EQ(errorOf(("{\"" + key + "\":1}").c_str()), "\"" + key.substr(0, 40) + "...\": unknown key");
 }
 
-TEST(StrictJson, ATextThatEndsWithinACharacterIsReadNoFurther)
+TEST(StrictJsonTest, ATextThatEndsWithinACharacterIsReadNoFurther)
 {
     for (const char* text :
          {"{\"\xf0", "{\"\xe2\x82", "{\"a\":\"\xc3", "\xf0\x9f\x98", "{\"\xff\":1}", "{\"\xc0\x80\":1}"}) {

@@ -140,11 +140,11 @@ TEST(NetlinkDatagramTest, DatagramsOfOtherProcessesAreDropped)
     const UniqueFd socket = receiver();
     NetlinkDatagram datagram;
     ASSERT_TRUE(testsupport::sendAsForeigner(socket.get(), NETLINK_ROUTE, messageBytes(RTM_NEWADDR, "")));
-    EXPECT_EQ(datagram.receive(socket.get(), 0), NetlinkReceived::nothing);
+    EXPECT_EQ(datagram.receive(socket.get(), 0), NetlinkReceived::Nothing);
     EXPECT_EQ(datagram.next(), nullptr);
     ASSERT_TRUE(testsupport::sendAsForeigner(socket.get(), NETLINK_ROUTE, messageBytes(RTM_NEWADDR, "")));
     ASSERT_TRUE(askForLoopback(socket, 5));
-    ASSERT_EQ(datagram.receive(socket.get(), 1000), NetlinkReceived::datagram);
+    ASSERT_EQ(datagram.receive(socket.get(), 1000), NetlinkReceived::Datagram);
     EXPECT_EQ(datagram.next()->nlmsg_type, RTM_NEWLINK) << "the kernel's";
 }
 
@@ -155,7 +155,7 @@ TEST(NetlinkDatagramTest, ForeignDatagramsDoNotLengthenTheWait)
     const auto begin = std::chrono::steady_clock::now();
     for (int count = 0; count < 100; ++count)
         ASSERT_TRUE(testsupport::sendAsForeigner(socket.get(), NETLINK_ROUTE, messageBytes(RTM_NEWADDR, "")));
-    EXPECT_EQ(datagram.receive(socket.get(), 100), NetlinkReceived::nothing);
+    EXPECT_EQ(datagram.receive(socket.get(), 100), NetlinkReceived::Nothing);
     const auto lasted = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(lasted, std::chrono::milliseconds(100));
     EXPECT_LT(lasted, std::chrono::seconds(2));
@@ -166,14 +166,14 @@ TEST(NetlinkDatagramTest, ADatagramThatIsTooLongIsLost)
     const UniqueFd socket = receiver();
     NetlinkDatagram datagram(64);
     ASSERT_TRUE(askForLoopback(socket, 5));
-    EXPECT_EQ(datagram.receive(socket.get(), 1000), NetlinkReceived::lost);
+    EXPECT_EQ(datagram.receive(socket.get(), 1000), NetlinkReceived::Lost);
     EXPECT_EQ(datagram.next(), nullptr);
 }
 
 TEST(NetlinkDatagramTest, ASocketThatIsNoneFails)
 {
     NetlinkDatagram datagram;
-    EXPECT_EQ(datagram.receive(-1, 0), NetlinkReceived::failed);
+    EXPECT_EQ(datagram.receive(-1, 0), NetlinkReceived::Failed);
     EXPECT_EQ(errno, EBADF);
 }
 
