@@ -25,11 +25,11 @@
 
 namespace {
 
+using sampleclient::TlsStream;
 using testsupport::Identity;
 using testsupport::makeIdentity;
 using testsupport::writeFile;
 using vpnoalctl::ServerVerdict;
-using sampleclient::TlsStream;
 
 constexpr int port = 4433;
 
