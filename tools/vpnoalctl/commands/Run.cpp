@@ -8,6 +8,7 @@
 #include "Context.h"
 #include "commands/Commands.h"
 #include "run/ChangeNotice.h"
+#include "run/GuestCommand.h"
 #include "run/Runner.h"
 
 namespace vpnoalctl {
@@ -17,6 +18,7 @@ namespace {
 struct Words {
     std::vector<std::string> profile;
     std::string signal;
+    unsigned killSeconds = 10;  // from the request to end to SIGKILL
     RunOptions options;
 };
 
@@ -26,18 +28,21 @@ int runCommand(Context& context, Words& words)
         throw badInput("run", "\"" + words.profile[1] + "\" is one word too many before the command",
                        "write \"--\" between profile and command");
     }
-    words.options.command = context.settings.commandWords;
-    if (words.options.command.empty()) {
+    const std::vector<std::string>& command = context.settings.commandWords;
+    if (command.empty()) {
         throw badInput("run", "there is no command", "write it behind \"--\": vpnoalctl run [PROFILE] -- COMMAND ...");
     }
-    if (!words.profile.empty()) words.options.profile = words.profile.front();
     if (!words.signal.empty()) {
         words.options.changeSignal = signalNumber(words.signal);
         if (!words.options.changeSignal) {
             throw badInput("--on-change", "there is no signal " + words.signal, "'kill -l' lists them");
         }
     }
-    return Runner(context, words.options).run();
+    std::optional<Profile> profile;
+    if (!words.profile.empty()) profile = loadProfile(words.profile.front());
+    words.options.what = command.front();
+    GuestCommand guest(command, std::chrono::seconds(words.killSeconds));
+    return Runner(context, words.options, std::move(profile), guest).run();
 }
 
 }  // namespace
@@ -62,7 +67,7 @@ Action defineRun(CLI::App& command)
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 86400));
     command
-        .add_option("--kill-after", options.killSeconds,
+        .add_option("--kill-after", words->killSeconds,
                     "Seconds after which a command that was asked to end is killed (10)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 3600));

@@ -10,33 +10,31 @@
 #include <vector>
 
 #include "process/Subprocess.h"
-#include "run/PhysicalInterface.h"
+#include "run/TunnelProgram.h"
 
 namespace vpnoalctl {
 
-class GuestCommand {
+class GuestCommand : public TunnelProgram {
 public:
-    using Clock = std::chrono::steady_clock;
-
     /// `words` are the program and its arguments. The program is looked up now. Throws CommandError with ExitUsage.
     GuestCommand(std::vector<std::string> words, std::chrono::seconds limit);
 
     /// Starts the program: the environment names the interface, and so does each "{interface}" in an argument.
     /// Throws CommandError.
-    void start(const PhysicalInterface& physical);
+    void start(const PhysicalInterface& physical) override;
 
     /// Sends a signal, as long as it runs.
-    void signal(int number) const;
+    void signal(int number) const override;
     /// Has it end: sends the signal, and SIGKILL when the limit has passed, as long as check() is called.
-    void end(int signal, bool isSignalled = false);
-    bool isStarted() const { return mProcess.has_value(); }
-    bool isEnding() const { return mDeadline.has_value(); }
+    void end(int signal, bool isSignalled) override;
+    bool isStarted() const override { return mProcess.has_value(); }
+    bool isEnding() const override { return mDeadline.has_value(); }
     /// When check() must be called at the latest.
-    std::optional<Clock::time_point> deadline() const { return mDeadline; }
+    std::optional<Clock::time_point> deadline() const override { return mDeadline; }
     /// Readable when it has ended.
-    int descriptor() const { return mProcess ? mProcess->descriptor() : -1; }
+    int descriptor() const override { return mProcess ? mProcess->descriptor() : -1; }
     /// Its exit status once it has ended, as a shell reports it: 128 and the signal's number when a signal ended it.
-    std::optional<int> check();
+    std::optional<int> check() override;
 
 private:
     std::vector<std::string> mWords;

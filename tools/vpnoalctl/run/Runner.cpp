@@ -30,12 +30,6 @@ PluginLibrary& loadedPlugin(Context& context)
     return context.plugin();
 }
 
-std::optional<Profile> wantedProfile(const RunOptions& options)
-{
-    if (options.profile.empty()) return std::nullopt;
-    return loadProfile(options.profile);
-}
-
 bool isSame(const ReadyDevice& one, const ReadyDevice& other)
 {
     return one.index == other.index && one.settings.address == other.settings.address &&
@@ -44,11 +38,11 @@ bool isSame(const ReadyDevice& one, const ReadyDevice& other)
 
 }  // namespace
 
-Runner::Runner(Context& context, const RunOptions& options)
+Runner::Runner(Context& context, const RunOptions& options, std::optional<Profile> profile, TunnelProgram& program)
     : mContext(context),
       mOptions(options),
-      mWanted(wantedProfile(options)),
-      mCommand(options.command, std::chrono::seconds(options.killSeconds)),
+      mWanted(std::move(profile)),
+      mCommand(program),
       mPlugin(loadedPlugin(context)),
       mSockets(mPlugin.create<KEST_SocketPlugin>()),
       mChoice(*mSockets),
@@ -74,8 +68,8 @@ void Runner::start()
     setenv(agentSocketVariable, mRequests.path().c_str(), 1);
     mCommand.start(mPhysical);
     mDeadline = Clock::now() + std::chrono::seconds(mOptions.waitSeconds);
-    mContext.explain(fmt::format("started {}, outside is {}", mOptions.command.front(),
-                                 mPhysical.name.empty() ? "nothing" : mPhysical.name));
+    mContext.explain(
+        fmt::format("started {}, outside is {}", mOptions.what, mPhysical.name.empty() ? "nothing" : mPhysical.name));
 }
 
 // A failure ends the command first, which may still ask for something meanwhile.
@@ -103,18 +97,19 @@ void Runner::fail(const CommandError& error)
 {
     if (mFailure) return;
     mFailure = error;
-    mCommand.end(SIGTERM);
+    mCommand.end(SIGTERM, false);
 }
 
 int Runner::finish(int status)
 {
     mService.reportStopping();
+    mCommand.onEnded();
     mConfiguration.reset();
     mOuterRoutes.remove();
     if (mFailure) throw CommandError(*mFailure);
-    if (!mIsReported) tell("vpnoalctl: the command ended before the tunnel was up");
+    if (!mIsReported) tell(mOptions.program + ": the command ended before the tunnel was up");
     if (const InstalledState left = installedState(); !left.reason.empty()) {
-        tell("vpnoalctl: restore: the configuration is not removed: " + left.reason +
+        tell(mOptions.program + ": restore: the configuration is not removed: " + left.reason +
              "; the log names the reason; run 'vpnoalctl restore'");
         return status != ExitOk ? status : static_cast<int>(ExitFailed);
     }
@@ -167,7 +162,7 @@ void Runner::choosePhysical()
             mOuterRoutes.lead(mOutside, chosen, table);
         } catch (const CommandError& error) {
             // The address may not be there yet. Its coming is another change.
-            tell(std::string("vpnoalctl: ") + error.what());
+            tell(mOptions.program + ": " + error.what());
         }
     }
     if (!mHasPhysical || (hadPhysical && chosen == mPhysical)) return;
@@ -222,6 +217,7 @@ void Runner::reportFirst()
 {
     mDeadline.reset();
     if (std::exchange(mIsReported, true)) return;
+    mCommand.onApplied();
     printSummary(mContext.output, *mConfiguration->installed(), "applied");
     if (!mContext.output.flush()) mContext.explain("nobody reads the output");
     mService.reportReady();

@@ -14,12 +14,12 @@
 #include "Context.h"
 #include "run/ChangeNotice.h"
 #include "run/Configuration.h"
-#include "run/GuestCommand.h"
 #include "run/NetworkWatch.h"
 #include "run/OuterRoutes.h"
 #include "run/PhysicalInterface.h"
 #include "run/RequestSocket.h"
 #include "run/ServiceState.h"
+#include "run/TunnelProgram.h"
 #include "tunnel/AgentEvents.h"
 #include "tunnel/Signals.h"
 #include "tunnel/TunDevice.h"
@@ -27,18 +27,17 @@
 namespace vpnoalctl {
 
 struct RunOptions {
-    std::string profile;               ///< empty: one comes over the socket
-    std::vector<std::string> command;  ///< the program and its arguments
-    std::optional<int> changeSignal;   ///< what the command gets when the network changes, and around sleep
-    std::string changeCommand;         ///< a shell command for the same
-    unsigned waitSeconds = 60;         ///< for the device
-    unsigned killSeconds = 10;         ///< from the request to end to SIGKILL
+    std::string program = "vpnoalctl";  ///< that speaks in messages
+    std::string what;                   ///< the command's name in messages
+    std::optional<int> changeSignal;    ///< what the command gets when the network changes, and around sleep
+    std::string changeCommand;          ///< a shell command for the same
+    unsigned waitSeconds = 60;          ///< for the device
 };
 
 class Runner {
 public:
-    /// Reads the profile and looks the command up. Throws CommandError; nothing is changed then.
-    Runner(Context& context, const RunOptions& options);
+    /// Without a profile one comes over the socket. Throws CommandError; nothing is changed then.
+    Runner(Context& context, const RunOptions& options, std::optional<Profile> profile, TunnelProgram& program);
 
     /// From the start of the command to its end. Returns its status; throws CommandError, with everything restored.
     int run();
@@ -71,7 +70,7 @@ private:
     const RunOptions& mOptions;
     std::optional<Profile> mWanted;
     BypassNetworks mAlwaysOutside;  // of the profile that `run` was started with
-    GuestCommand mCommand;
+    TunnelProgram& mCommand;
     ServiceState mService;
     Signals mSignals{SIGUSR1, SIGUSR2};  // before anything starts a thread
     AgentEvents mEvents;
