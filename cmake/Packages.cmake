@@ -97,6 +97,7 @@ Both are started by systemd, or by the bus when somebody calls them.")
 wfoal_package(Tools vpnoalctl net
     PACKAGE_DEPENDS "libvpnwfoal0 (>= ${PROJECT_VERSION}), libvpnwfoal-platform0 (>= ${PROJECT_VERSION})"
     PACKAGE_RECOMMENDS "vpnwfoal-services"
+    PACKAGE_SUGGESTS "wireguard-tools, wireguard-go"
     DESCRIPTION "drive the VPN plug-in from the shell
 A command-line tool that loads the VPN plug-in as an agent does and makes it
 do what the command names: bring up a tunnel from a profile, list interfaces,

@@ -74,6 +74,13 @@ std::string pathOf(const std::string& nameOrFile)
                    "a name is 1 to 15 letters, digits and _=+.-; its file is /etc/wireguard/NAME.conf");
 }
 
+std::string resolvedPathOf(const std::string& nameOrFile)
+{
+    const std::string given = pathOf(nameOrFile);
+    const CStringPtr resolved(realpath(given.c_str(), nullptr));
+    return resolved != nullptr ? resolved.get() : given;
+}
+
 ConfigFile readConfigFile(const std::string& nameOrFile)
 {
     const std::string given = pathOf(nameOrFile);

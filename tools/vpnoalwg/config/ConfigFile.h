@@ -20,6 +20,9 @@ struct ConfigFile {
 /// The file of a name: "home" is /etc/wireguard/home.conf, "./home.conf" is itself. Throws CommandError with ExitUsage.
 std::string pathOf(const std::string& nameOrFile);
 
+/// The same, without links where the file is there.
+std::string resolvedPathOf(const std::string& nameOrFile);
+
 /// Reads and checks a file. Throws CommandError with ExitUsage; the error names the file and the line.
 ConfigFile readConfigFile(const std::string& nameOrFile);
 

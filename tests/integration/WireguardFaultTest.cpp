@@ -1,0 +1,363 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoal-wg with real wireguard-go and wg: what leaves beside the tunnel, roaming, and processes that are killed.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "Daemons.h"
+#include "Files.h"
+#include "Shell.h"
+#include "WireguardNetwork.h"
+#include "handles/UniqueFd.h"
+
+namespace {
+
+using namespace testsupport;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoal-wg";
+constexpr char inside[] = "10.20.0.1";   // in the tunnel only
+constexpr char outside[] = "192.0.2.1";  // on the link of eth0
+
+std::string state()
+{
+    return shell("ip -o link; ip address; ip route show table all; ip rule; nft list ruleset");
+}
+
+CommandResult vpnoalWg(std::vector<std::string> words)
+{
+    words.insert(words.begin(), program);
+    return runCommand(words);
+}
+
+bool isReached(const std::string& address)
+{
+    return runCommand({"ping", "-c", "1", "-W", "2", address}).status == 0;
+}
+
+// Packets to a place that only the tunnel leads to, at a steady pace, and the time of each answer.
+class Pulse {
+public:
+    Pulse()
+        : mOutput(open("/tmp/pulse", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)),
+          mPing({"ping", "-n", "-D", "-i", "0.01", "-W", "0.5", inside}, mOutput.get())
+    {
+        EXPECT_TRUE(awaitAnswers(20));
+    }
+
+    // Waits for more answers.
+    bool awaitAnswers(std::size_t count) const
+    {
+        const std::size_t before = answers().size();
+        for (int tries = 0; tries < 2000; ++tries) {
+            if (answers().size() >= before + count) return true;
+            std::this_thread::sleep_for(milliseconds(5));
+        }
+        return false;
+    }
+
+    // Between two answers.
+    int longestGap() const
+    {
+        const std::vector<double> times = answers();
+        double longest = 0;
+        for (std::size_t i = 1; i < times.size(); ++i)
+            longest = std::max(longest, times[i] - times[i - 1]);
+        return static_cast<int>(longest * 1000);
+    }
+
+private:
+    static std::vector<double> answers()
+    {
+        std::istringstream lines(contentOf("/tmp/pulse"));
+        std::vector<double> times;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find("bytes from") != std::string::npos) times.push_back(std::stod(line.substr(1)));
+        }
+        return times;
+    }
+
+    UniqueFd mOutput;
+    ChildProcess mPing;
+};
+
+class WireguardFaultTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (const std::string reason = WireguardNetwork::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
+        setenv("VKLOG_LEVEL", "2", 1);
+        mNetwork.emplace();
+        mBefore = state();
+    }
+
+    void TearDown() override
+    {
+        if (!mNetwork) return;
+        vpnoalWg({"down", "home"});
+        mNetwork.reset();
+    }
+
+    void bringUp(const std::string& allowed, const std::string& lines = {})
+    {
+        mNetwork->writeConfig("home", allowed, lines);
+        const CommandResult up = vpnoalWg({"up", "home"});
+        ASSERT_EQ(0, up.status) << up.output;
+        ASSERT_TRUE(isReached(inside));
+    }
+
+    static pid_t agent()
+    {
+        const std::string refused = vpnoalWg({"up", "home"}).output;
+        const auto at = refused.find("by process ");
+        return at == std::string::npos ? -1 : std::stoi(refused.substr(at + 11));
+    }
+
+    static pid_t wireguardGo(pid_t agent)
+    {
+        const std::string process = std::to_string(agent);
+        const std::string children = contentOf("/proc/" + process + "/task/" + process + "/children");
+        return children.empty() ? -1 : std::stoi(children);
+    }
+
+    static bool awaitEnd(pid_t process)
+    {
+        return awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null");
+    }
+
+    void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
+
+    std::optional<WireguardNetwork> mNetwork;
+    std::string mBefore;
+};
+
+TEST_F(WireguardFaultTest, AFullTunnelLetsNothingBeside)
+{
+    runCommand({"ping", "-c", "20", "-i", "0.01", "-W", "1", inside});
+    const unsigned long control = mNetwork->packetsBeside();
+    EXPECT_EQ(20U, control) << "without the tunnel they leave, and are counted";
+    // Of both families, and WireGuard's own packets if they ever went into the tunnel.
+    shell(
+        "nft 'table inet inner { counter own { }; chain out { type filter hook output priority 0; oifname norvatun0 "
+        "udp "
+        "dport 51820 counter name own; }; }'");
+    bringUp("0.0.0.0/0");
+    mNetwork->resetCounters();
+    runCommand({"ping", "-c", "20", "-i", "0.01", "-W", "1", inside});
+    runCommand({"ping", "-c", "5", "-i", "0.01", "-W", "1", "203.0.113.77"});
+    EXPECT_EQ(0U, mNetwork->packetsBeside());
+    EXPECT_GE(mNetwork->packetsEncrypted(), 20U);
+    RecordProperty("besideBefore", static_cast<int>(control));
+    const auto ownPackets = [] { return shell("nft list counter inet inner own"); };
+    EXPECT_THAT(ownPackets(), HasSubstr("packets 0 "));
+    shell("bash -c 'echo x >/dev/udp/10.20.0.1/51820'");
+    EXPECT_THAT(ownPackets(), HasSubstr("packets 1 ")) << "what goes into the tunnel there is counted";
+    shell("nft delete table inet inner");
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    expectStateAsBefore();
+}
+
+TEST_F(WireguardFaultTest, AFullTunnelKeepsIpv6FromLeavingBesideIt)
+{
+    shell("ip address add 2001:db8:1::10/64 dev eth0");
+    shell("ip -6 route add default via 2001:db8:1::1 dev eth0");
+    inInternet("ip address add 2001:db8:1::1/64 dev wifi");
+    ASSERT_TRUE(awaitSuccess("ping -c 1 -W 1 2001:db8:1::1"));
+    mNetwork->resetCounters();
+    EXPECT_TRUE(isReached("2001:db8:1::1"));
+    const unsigned long control = mNetwork->packetsBeside();
+    EXPECT_GE(control, 1U);
+    bringUp("0.0.0.0/0, ::/0");
+    mNetwork->resetCounters();
+    const CommandResult refused = runCommand({"ping", "-c", "5", "-i", "0.01", "-W", "1", "2001:db8:1::1"});
+    EXPECT_NE(0, refused.status);
+    // A network that comes with IPv6 only now.
+    shell("ip address add 2001:db8:2::10/64 dev wwan0");
+    shell("ip -6 route add 2001:db8:3::/64 via 2001:db8:2::1 dev wwan0");
+    runCommand({"ping", "-c", "5", "-i", "0.01", "-W", "1", "2001:db8:3::1"});
+    EXPECT_EQ(0U, mNetwork->packetsBeside());
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    EXPECT_TRUE(isReached("2001:db8:1::1"));
+}
+
+TEST_F(WireguardFaultTest, TheTunnelMovesToTheOtherNetworkAndBack)
+{
+    bringUp("0.0.0.0/0");
+    mNetwork->resetCounters();
+    const auto move = [](const char* interface, bool isUp, const char* through) {
+        const Pulse pulse;
+        WireguardNetwork::setAccess(interface, isUp);
+        EXPECT_TRUE(pulse.awaitAnswers(50));
+        EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr(std::string("dev ") + through));
+        return pulse.longestGap();
+    };
+    constexpr int longest = 1000;
+    const int toCellular = move("eth0", false, "wwan0");
+    EXPECT_LT(toCellular, longest);
+    const int toWifi = move("eth0", true, "eth0");
+    EXPECT_LT(toWifi, longest);
+    RecordProperty("toCellularMs", toCellular);
+    RecordProperty("toWifiMs", toWifi);
+    EXPECT_EQ(0U, mNetwork->packetsBeside());
+    EXPECT_TRUE(isReached(inside));
+    const int withoutLoss = move("wwan0", false, "eth0");
+    EXPECT_LT(withoutLoss, 200) << "a network that is not used may go";
+    WireguardNetwork::setAccess("wwan0", true);
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    EXPECT_THAT(shell("ip route; nft list ruleset"), Not(testing::AnyOf(HasSubstr("119"), HasSubstr("guard"))));
+}
+
+// With commands of the configuration, which may have done something with the device.
+TEST_F(WireguardFaultTest, KilledWireguardGoEndsTheAgentAndRestores)
+{
+    bringUp("0.0.0.0/0", "PostUp = true");
+    const pid_t running = agent();
+    const pid_t carrier = wireguardGo(running);
+    ASSERT_GT(carrier, 0);
+    kill(carrier, SIGKILL);
+    EXPECT_TRUE(awaitEnd(running));
+    EXPECT_THAT(shell("cat /run/vpnoal-wg/*.log"),
+                HasSubstr("vpnoal-wg: norvatun0: wireguard-go ended: killed by signal 9"));
+    expectStateAsBefore();
+    EXPECT_EQ(0, vpnoalWg({"up", "home"}).status);
+    EXPECT_TRUE(isReached(inside));
+}
+
+TEST_F(WireguardFaultTest, KilledWireguardGoIsStartedAgain)
+{
+    std::filesystem::create_directories("/etc/vpnwfoal");
+    for (const bool isStrict : {true, false}) {
+        std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = " << (isStrict ? "on" : "off") << "\n";
+        bringUp("0.0.0.0/0");
+        const pid_t running = agent();
+        {
+            const Pulse pulse;
+            EXPECT_TRUE(pulse.awaitAnswers(150)) << "a second, in which it has proved to last";
+            mNetwork->resetCounters();
+            kill(wireguardGo(running), SIGKILL);
+            EXPECT_TRUE(pulse.awaitAnswers(50));
+            EXPECT_LT(pulse.longestGap(), 2000);
+            RecordProperty(isStrict ? "strictMs" : "restartMs", pulse.longestGap());
+        }
+        RecordProperty(isStrict ? "strictBeside" : "beside", static_cast<int>(mNetwork->packetsBeside()));
+        EXPECT_TRUE(!isStrict || mNetwork->packetsBeside() == 0) << mNetwork->packetsBeside();
+        EXPECT_EQ(running, agent());
+        EXPECT_THAT(shell("ip route get 8.8.8.8"), HasSubstr("dev norvatun0"));
+        EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+        expectStateAsBefore();
+    }
+    std::filesystem::remove("/etc/vpnwfoal/platform.conf");
+}
+
+TEST_F(WireguardFaultTest, ARemovedDeviceEndsTheAgentAndRestores)
+{
+    bringUp("10.20.0.0/16");
+    const pid_t running = agent();
+    shell("ip link delete norvatun0");
+    EXPECT_TRUE(awaitEnd(running));
+    expectStateAsBefore();
+}
+
+TEST_F(WireguardFaultTest, TheTunnelOfAKilledAgentGoesOnUntilDown)
+{
+    bringUp("0.0.0.0/0");
+    const pid_t running = agent();
+    mNetwork->resetCounters();
+    kill(running, SIGKILL);
+    EXPECT_TRUE(awaitEnd(running));
+    EXPECT_TRUE(isReached(inside)) << "nothing of it has gone";
+    EXPECT_EQ(0U, mNetwork->packetsBeside());
+    const CommandResult down = vpnoalWg({"down", "home"});
+    EXPECT_EQ(0, down.status) << down.output;
+    expectStateAsBefore();
+    EXPECT_EQ(1, vpnoalWg({"down", "home"}).status);
+}
+
+TEST_F(WireguardFaultTest, TheNextAgentTakesTheTunnelOfAKilledOne)
+{
+    bringUp("0.0.0.0/0");
+    const std::string index = contentOf("/sys/class/net/norvatun0/ifindex");
+    const pid_t running = agent();
+    kill(running, SIGKILL);
+    EXPECT_TRUE(awaitEnd(running));
+    const std::string handshake = shell("wg show norvatun0 latest-handshakes");
+    const CommandResult up = vpnoalWg({"up", "home"});
+    EXPECT_EQ(0, up.status) << up.output;
+    EXPECT_EQ(handshake, shell("wg show norvatun0 latest-handshakes")) << "the session goes on";
+    EXPECT_TRUE(isReached(inside));
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    expectStateAsBefore();
+}
+
+// Whatever is killed while the tunnel comes up or goes down, "down" leaves nothing.
+TEST_F(WireguardFaultTest, KilledAtAnyTimeAndCleanedUp)
+{
+    mNetwork->writeConfig("home", "0.0.0.0/0");
+    int left = 0;
+    for (int delay = 4; delay <= 120; delay += 9) {
+        ChildProcess running({program, "run", "home"});
+        std::this_thread::sleep_for(milliseconds(delay));
+        if (delay > 80) running.sendSignal(SIGTERM);
+        if (delay > 80) std::this_thread::sleep_for(milliseconds(delay - 80));
+        running.sendSignal(SIGKILL);
+        running.wait();
+        const CommandResult down = vpnoalWg({"down", "home"});
+        const bool wasLeft = down.status == 0;
+        EXPECT_TRUE(wasLeft || down.output.find("no vpnoal-wg has brought it up") != std::string::npos) << down.output;
+        left += wasLeft ? 1 : 0;
+        EXPECT_EQ(mBefore, state()) << "killed after " << delay << " ms";
+    }
+    EXPECT_GT(left, 2) << "some were killed in the middle";
+}
+
+TEST_F(WireguardFaultTest, CarrierKilledAtAnyTimeWhileComingUp)
+{
+    mNetwork->writeConfig("home", "0.0.0.0/0");
+    for (int delay = 10; delay <= 100; delay += 10) {
+        ChildProcess running({program, "run", "home"});
+        std::this_thread::sleep_for(milliseconds(delay));
+        const pid_t carrier = wireguardGo(running.pid());
+        if (carrier > 0) kill(carrier, SIGKILL);
+        if (carrier <= 0) running.sendSignal(SIGTERM);
+        const int status = running.wait();
+        EXPECT_TRUE(status == 1 || carrier <= 0) << status;
+        EXPECT_EQ(mBefore, state()) << "killed after " << delay << " ms";
+    }
+}
+
+TEST_F(WireguardFaultTest, DnsOfTheTunnelIsAskedThroughIt)
+{
+    if (const std::string reason = daemonUnavailable(Daemon::resolved); !reason.empty()) GTEST_SKIP() << reason;
+    const ChildProcess bus = startBus();
+    ChildProcess resolved = startDaemon(Daemon::resolved);
+    const ChildProcess server({"ip", "netns", "exec", "server", "dnsmasq", "--no-daemon", "--conf-file=/dev/null",
+                               "--no-resolv", "--no-hosts", "--listen-address=10.20.0.1", "--bind-interfaces",
+                               "--address=/intranet.corp.example/10.20.0.99"});
+    mNetwork->writeConfig("home", "10.20.0.0/16", "DNS = 10.20.0.1, corp.example");
+    const CommandResult up = vpnoalWg({"up", "home"});
+    ASSERT_EQ(0, up.status) << up.output;
+    const std::string tool = daemonTool("resolvectl");
+    EXPECT_THAT(shell(tool + " dns norvatun0"), HasSubstr("10.20.0.1"));
+    EXPECT_THAT(shell(tool + " domain norvatun0"), HasSubstr("corp.example"));
+    EXPECT_TRUE(awaitSuccess(tool + " query intranet.corp.example | grep -q 10.20.0.99"));
+    WireguardNetwork::setAccess("eth0", false);
+    EXPECT_TRUE(awaitSuccess(tool + " query --cache=no intranet.corp.example | grep -q 10.20.0.99")) << "after roaming";
+    resolved.stop();
+    resolved = startDaemon(Daemon::resolved);
+    EXPECT_TRUE(awaitSuccess(tool + " query intranet.corp.example | grep -q 10.20.0.99")) << "after its restart";
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+}
+
+}  // namespace
