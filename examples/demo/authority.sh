@@ -13,7 +13,7 @@ make_key() {
 issue() {
     openssl req -new -key "$secrets/$1.key" -subj "$2" |
         openssl x509 -req -CA "$secrets/authority.pem" -CAkey "$secrets/authority.key" -CAcreateserial -days "$4" \
-            -extfile <(printf 'basicConstraints=critical,CA:FALSE\nextendedKeyUsage=%s\n' "$3") -out "$secrets/$1.pem"
+            -extfile <(printf 'basicConstraints=critical,CA:FALSE\nkeyUsage=digitalSignature\nextendedKeyUsage=%s\n' "$3") -out "$secrets/$1.pem"
 }
 
 make_certificates() {

@@ -16,25 +16,33 @@ run_capture() {
         tcpdump -Z root -n -l --immediate-mode -i handset "$@"
 }
 
-start_captures() {
-    local network
+# watch_access NAME FILTER NFT-MATCH...: both access networks, for packets that fit the filter of tcpdump, or one of the
+# matches.
+watch_access() {
+    local name=$1 filter=$2 network
+    shift 2
     for network in wifi cellular; do
         if $in_user_namespace; then
-            "in_$network" nft -f - <<'END'
-table netdev leaks {
+            "in_$network" nft -f - <<END
+table netdev $name {
     counter seen { }
     chain leaving {
         type filter hook ingress device handset priority 0
-        ip daddr { 10.20.0.0/16, 10.8.0.0/24 } counter name seen
-        ip saddr { 10.20.0.0/16, 10.8.0.0/24 } counter name seen
+        $(printf '%s counter name seen\n' "$@")
     }
 }
 END
         else
-            run_capture "capture-$network" $network "$tunnelled"
+            run_capture "$name-$network" $network "$filter"
         fi
     done
 }
+
+start_captures() {
+    watch_access leaks "$tunnelled" 'ip daddr { 10.20.0.0/16, 10.8.0.0/24 }' 'ip saddr { 10.20.0.0/16, 10.8.0.0/24 }'
+}
+
+start_captures6() { watch_access leaks6 "ip6 dst host $anywhere6" "ip6 daddr $anywhere6"; }
 
 start_capture_of_ends() {
     run_capture capture-ends wifi -tt "$connection_ends"
@@ -47,12 +55,13 @@ leak() {
     ping -n -q -c 1 -W 1 -I "$1" -s $((leak_length - 8)) 10.20.0.80 >/dev/null 2>&1 || true
 }
 
-# Packets that an access network has seen: tcpdump's own lines have no arrow.
+# seen_on NETWORK [NAME]: packets that an access network has seen. tcpdump's own lines have no arrow.
 seen_on() {
+    local name=${2:-leaks}
     if $in_user_namespace; then
-        "in_$1" nft list counter netdev leaks seen | awk '/packets/ { print $2 }'
+        "in_$1" nft list counter netdev "$name" seen | awk '/packets/ { print $2 }'
     else
-        grep -c ' > ' "$logs/capture-$1.log" || true
+        grep -c ' > ' "$logs/$name-$1.log" || true
     fi
 }
 
@@ -64,7 +73,7 @@ leaks_seen() {
         interface=eth0
         [ $network = wifi ] || interface=rmnet0
         leak $interface
-        $in_user_namespace || wait_for_line "capture-$network" "10\.20\.0\.80: ICMP echo request.* length $leak_length\$" 5 ||
+        $in_user_namespace || wait_for_line "leaks-$network" "10\.20\.0\.80: ICMP echo request.* length $leak_length\$" 5 ||
             { echo "$network: the leak was not seen"; return; }
         [ "$(seen_on $network)" = 1 ] || { echo "$network has seen $(seen_on $network) packets"; return; }
     done

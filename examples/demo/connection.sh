@@ -6,7 +6,9 @@
 # shellcheck disable=SC2154,SC2034  # shared with story.sh and its other parts
 tell_networks() {
     chapter 'Networks: a handset, two access networks, an internet, gateways'
+    watch_links
     build_networks
+    watch_packets
     prepared 'networks were made'
     expect 'the gateway is reached over Wi-Fi' '1 received' ping -n -q -c 1 -W 5 -I eth0 198.51.100.2
     expect 'and over the cellular network' '1 received' ping -n -q -c 1 -W 5 -I rmnet0 198.51.100.2

@@ -12,22 +12,29 @@ expect_reconnected() {
 }
 
 tell_network_changes() {
+    local changed
     chapter 'Wi-Fi is lost, and comes back'
     if ! $have_tun; then
         skipped 'reconnecting when the network changes' 'this user may not open /dev/net/tun'
         return
     fi
     watch_configuration
+    start_traffic
     step_began=$(now)
+    changed=$step_began
     wifi_off
     await_event network-changed
     expect 'the plug-in tells the agent' 'network-changed' agent_log
     expect 'as the connection manager sees it' '"wifi":\{"state":"disconnected".*"wan":\{"state":"connected"' status_of_networks
     expect_reconnected 'rebound to the cellular network, reconnected' 203.0.113.10 rmnet0
+    expect 'the outage' '^[0-9]+ ms' outage "$changed" true
+    changed=$(now)
     wifi_on
     await_event network-changed
     expect 'Wi-Fi is back: the plug-in tells the agent' 'network-changed' agent_log
     expect_reconnected 'rebound to Wi-Fi, reconnected' 192.0.2.10 eth0
+    expect 'the outage' '^[0-9]+ ms' outage "$changed" true
+    stop_traffic
 }
 
 tell_sleep() {

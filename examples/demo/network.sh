@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # The demo's networks, each a network namespace; this one is the handset. Every namespace has a function that runs a
-# command in it: in_wifi, in_cellular, in_internet, in_gateway, in_asked, in_refused.
+# command in it: in_wifi, in_cellular, in_internet, in_gateway, in_asked, in_refused, in_office.
 #
 #     handset                   access networks            internet                   gateways
 #     eth0   192.0.2.10 ------- wifi      192.0.2.1 ------ 100.64.1.1
@@ -10,10 +10,11 @@
 #                                                          198.51.100.1 ------------ gateway 198.51.100.2
 #                                                          198.51.100.5 ------------ asked   198.51.100.6
 #                                                          198.51.100.9 ------------ refused 198.51.100.10
+#                                                          198.51.100.13 ----------- office  198.51.100.14
 #     norvatun0 10.8.0.2 ............. packets in TLS ............................. norvatun0 10.8.0.1
 #                                                                                    lo 10.20.0.53 (DNS), 10.20.0.80
 
-namespaces=(wifi cellular internet gateway asked refused)
+namespaces=(wifi cellular internet gateway asked refused office)
 
 in_wifi() { nsenter --net=/run/netns/wifi "$@"; }
 in_cellular() { nsenter --net=/run/netns/cellular "$@"; }
@@ -21,6 +22,7 @@ in_internet() { nsenter --net=/run/netns/internet "$@"; }
 in_gateway() { nsenter --net=/run/netns/gateway "$@"; }
 in_asked() { nsenter --net=/run/netns/asked "$@"; }
 in_refused() { nsenter --net=/run/netns/refused "$@"; }
+in_office() { nsenter --net=/run/netns/office "$@"; }
 
 without_ipv6() {
     "$@" sh -c 'echo 1 >/proc/sys/net/ipv6/conf/all/disable_ipv6; echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6' \
@@ -79,6 +81,7 @@ build_networks() {
     connect_gateway gateway 198.51.100.2 198.51.100.1
     connect_gateway asked 198.51.100.6 198.51.100.5
     connect_gateway refused 198.51.100.10 198.51.100.9
+    connect_gateway office 198.51.100.14 198.51.100.13
     count_arrivals
 }
 
@@ -99,9 +102,10 @@ END
 
 wifi_off() { ip link set eth0 down; }
 
-# As the handset's own network manager leaves it when Wi-Fi is there.
+# As the handset's own network manager leaves it when Wi-Fi is there: a link first, then a route.
 wifi_on() {
     ip link set eth0 up
+    settle
     ip route add default via 192.0.2.1 dev eth0 metric 100
 }
 

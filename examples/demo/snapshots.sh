@@ -1,19 +1,20 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# The handset's state as other tools print it, before and after: it must be the same to the byte.
+# The handset's state as other tools print it, before and after: it must be the same to the byte. The kernel's own IPv6
+# routes come back in another order with a link.
 
 # shellcheck disable=SC2154  # shared with story.sh and its other parts
 snapshot_of() {
     case $1 in
-    ip) ip -d address && ip rule && ip route show table all ;;
+    ip) ip -d address && ip rule && ip -4 route show table all && ip -6 route show table all | sort ;;
     nft) nft list ruleset ;;
     resolvectl) "$resolvectl" dns && "$resolvectl" domain && "$resolvectl" default-route ;;
     esac
 }
 
 # The kernel finds out in its own time that the other end of a link is up.
-links_are_settled() { ! ip link show up | grep -q 'NO-CARRIER\|state DOWN'; }
+links_are_settled() { ! { ip link show up && in_wifi ip link show up; } | grep -q 'NO-CARRIER\|state DOWN'; }
 
 settle() {
     wait_until links_are_settled || failed 'the links' 'every link that is up has its carrier' "$(ip link show up)"

@@ -27,6 +27,10 @@ declare -A check_names=(
     [leaks_seen]="$($in_user_namespace && echo 'nft counters' || echo tcpdump) on both access networks"
     [closed_before_sleep]='tcpdump, stat /sys/power/state'
     [configuration_changes]='ip monitor'
+    [outage]='ping every 10 ms'
+    [ping6]='ping -6'
+    [tcp6]='connect() to port 80'
+    [ipv6_beside]="$($in_user_namespace && echo 'nft counters' || echo tcpdump) on both access networks"
     [gateway_log]="the gateway's log"
     [agent_log]="the agent's events"
 )

@@ -16,6 +16,8 @@ in_user_namespace=false
 have_tun=true
 (: <>/dev/net/tun) 2>/dev/null || have_tun=false
 # As the first process of its namespaces this one ignores what it does not trap.
+# Where an ordinary user's shell does not look.
+PATH=$PATH:/usr/sbin:/sbin
 trap 'exit 130' INT TERM HUP
 
 # shellcheck source=../../tests/support/daemons.sh
@@ -34,10 +36,16 @@ trap 'exit 130' INT TERM HUP
 . "$here/captures.sh"
 # shellcheck source=agent.sh
 . "$here/agent.sh"
+# shellcheck source=watching.sh
+. "$here/watching.sh"
+# shellcheck source=traffic.sh
+. "$here/traffic.sh"
 # shellcheck source=connection.sh
 . "$here/connection.sh"
 # shellcheck source=endurance.sh
 . "$here/endurance.sh"
+# shellcheck source=openvpn.sh
+. "$here/openvpn.sh"
 
 resolvectl=$daemons_folder/bin/resolvectl
 export VKLOG_TARGET=stderr VKLOG_LEVEL=4
@@ -50,7 +58,7 @@ tell() {
 keep_shell() {
     $keep || return 0
     $as_json || printf '\n%sA shell inside. Try: ip route; nft list ruleset; in_gateway ss -t. Its end ends everything.%s\n' "$bold" "$plain"
-    export -f in_wifi in_cellular in_internet in_gateway in_asked in_refused
+    export -f in_wifi in_cellular in_internet in_gateway in_asked in_refused in_office
     bash --norc || true
 }
 
@@ -70,7 +78,7 @@ tell_unexpected_end() {
     [ "$1" -eq 0 ] || $failure_told || (failed "what comes next in this chapter" "success" "exit status $1") || true
 }
 
-draw_timeline() { python3 "$here/timeline.py" "$logs/steps.tsv" "$story_began" "$@"; }
+draw_timeline() { python3 -B "$here/timeline.py" "$logs/steps.tsv" "$story_began" "$@"; }
 
 summarize() {
     local status=$? verdict
@@ -113,4 +121,5 @@ tell_sleep
 tell_kill
 tell_quiet
 tell_restore
+tell_openvpn
 keep_connected

@@ -19,6 +19,7 @@
 #include "Isolation.h"
 
 using namespace testsupport;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -35,6 +36,14 @@ std::string outputOf(const std::vector<std::string>& command)
     const CommandResult result = runCommand(command);
     EXPECT_EQ(result.status, 0) << command.front() << ": " << result.output;
     return result.output;
+}
+
+std::size_t countIn(const std::string& text, const std::string& part)
+{
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++found;
+    return found;
 }
 
 // Processes that carry a text in their environment, which children inherit.
@@ -164,7 +173,27 @@ TEST_F(DemoTest, EveryStepIsVerifiedAndDrawn)
     EXPECT_THAT(picture, HasSubstr("Three gateways"));
     const std::string readAsXml = "import xml.dom.minidom; xml.dom.minidom.parse('/tmp/demo.svg')";
     EXPECT_EQ(runCommand({"python3", "-c", readAsXml}).status, 0) << picture;
+    for (const char* lane : {"Wi-Fi", "cellular", "outer socket", "tunnel", "packets through", "packets beside", "0 s"})
+        EXPECT_THAT(picture, HasSubstr(std::string(">") + lane + "</text>"));
+    // Both agents lose Wi-Fi and get it back.
+    const std::size_t outages = result.output.find("OpenVPN is connected") == std::string::npos ? 0 : 4;
+    EXPECT_EQ(countIn(picture, R"(opacity="0.35")"), outages) << picture;
+    EXPECT_EQ(countIn(result.output, " ms without an answer, "), outages) << result.output;
     std::filesystem::remove("/tmp/demo.svg");
+}
+
+// A program that may not be run is as good as none.
+TEST_F(DemoTest, AMissingOpenVpnIsSkipped)
+{
+    if (!std::filesystem::exists("/usr/sbin/openvpn")) GTEST_SKIP() << "openvpn is not where Debian has it";
+    std::vector<std::string> words{
+        "unshare", "--mount", "sh", "-c", "mount -n --bind /dev/null /usr/sbin/openvpn && exec \"$@\"", "sh"};
+    const std::vector<std::string> demo = command();
+    words.insert(words.end(), demo.begin(), demo.end());
+    const CommandResult result = runCommand(words);
+    EXPECT_EQ(result.status, someSkipped) << result.output;
+    EXPECT_THAT(result.output,
+                ContainsRegex("OpenVPN through the plug-in +skipped: (openvpn is not installed|this user)"));
 }
 
 // Every line is one JSON object, and the summary counts them.
@@ -185,6 +214,9 @@ evidence = {step['what']: step['evidence'] for step in verified}
 if 'tunnel device' in evidence:
     port = re.search(r'%eth0:(\d+) ', evidence['outer socket bound to Wi-Fi']).group(1)
     assert evidence['the gateway has verified who the user is'].endswith(' from 192.0.2.10:' + port)
+if 'OpenVPN is connected, the hook has configured it' in evidence:
+    assert re.match('0 of [1-9][0-9]* tries', evidence['IPv6 beside the tunnel in between'])
+    assert 'TLSv1.3' in evidence['with TLS 1.3']
 assert summary['verified'] == len(verified) and summary['skipped'] == len(steps) - len(verified) and len(verified) > 30
 )";
     const CommandResult judged = runCommand({"python3", "-c", judge});
@@ -206,14 +238,8 @@ TEST_F(DemoTest, StopsAfterEachStep)
 {
     const CommandResult result = runWith("yes ''", {"--step"});
     EXPECT_EQ(result.status, expectedStatus()) << result.output;
-    const auto count = [&result](const std::string& text) {
-        int found = 0;
-        for (auto at = result.output.find(text); at != std::string::npos; at = result.output.find(text, at + 1))
-            ++found;
-        return found;
-    };
-    EXPECT_EQ(count("✓"), count("Enter goes on."));
-    EXPECT_GT(count("✓"), 30);
+    EXPECT_EQ(countIn(result.output, "✓"), countIn(result.output, "Enter goes on."));
+    EXPECT_GT(countIn(result.output, "✓"), 30u);
 }
 
 TEST_F(DemoTest, AStepThatFailsIsNamedAndTheDemoFails)
@@ -303,4 +329,5 @@ TEST_P(DemoInterruptTest, LeavesNothing)
 INSTANTIATE_TEST_SUITE_P(AfterTheLine, DemoInterruptTest,
                          testing::Values("Networks: ", "Services: ", "The user's certificate", "Three gateways",
                                          "What the plug-in configured", "ping through the tunnel", "Wi-Fi is lost",
-                                         "The device sleeps", "The agent is killed", "Restore"));
+                                         "The device sleeps", "The agent is killed", "Restore", "OpenVPN itself",
+                                         "on over the cellular network"));
