@@ -11,7 +11,7 @@ anywhere6=2001:db8:99::80
 why_no_openvpn() {
     if ! $have_tun; then
         echo 'this user may not open /dev/net/tun'
-    elif ! command -v openvpn >/dev/null; then
+    elif [ ! -x "$(type -P openvpn)" ]; then
         echo 'openvpn is not installed'
     fi
 }
@@ -79,8 +79,9 @@ start_openvpn_server() {
 
 start_openvpn() {
     run_beside openvpn "$build/bin/vpnoalctl" --json run -- openvpn --config "$secrets/office.conf"
-    wait_for_line openvpn '"state":"applied"' ||
-        failed 'OpenVPN under vpnoalctl run' 'a line with "state":"applied"' "$(tail -n 12 "$logs/openvpn.log")"
+    # Which it says after its scripts have ended.
+    wait_for_line openvpn 'Initialization Sequence Completed' ||
+        failed 'OpenVPN under vpnoalctl run' 'Initialization Sequence Completed' "$(tail -n 12 "$logs/openvpn.log")"
 }
 
 openvpn_process() { pgrep -P "${process_ids[openvpn]}" -x openvpn; }
@@ -153,6 +154,7 @@ tell_openvpn_moves() {
 tell_openvpn_end() {
     kill -KILL "$(openvpn_process)"
     end_openvpn 'OpenVPN is killed: everything is restored' 137
+    expect 'traffic goes out over Wi-Fi as before' 'via 192\.0\.2\.1 dev eth0' ip route get 198.18.0.7
     expect 'control: IPv6 leaves again' '1 received' ping6 -s 1000
     expect 'IPv6 beside the tunnel in between' '^0 of [1-9][0-9]* tries' ipv6_beside
     start_openvpn

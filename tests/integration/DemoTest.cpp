@@ -203,7 +203,7 @@ TEST_F(DemoTest, JsonForMachines)
     EXPECT_EQ(result.status, expectedStatus()) << result.output;
     std::ofstream("/tmp/demo.json") << result.output;
     const std::string judge = R"(
-import json, re
+import json, re, sys
 lines = [json.loads(line) for line in open('/tmp/demo.json')]
 steps, summary = lines[:-1], lines[-1]['summary']
 assert [step['step'] for step in steps] == list(range(1, len(steps) + 1))
@@ -217,9 +217,12 @@ if 'tunnel device' in evidence:
 if 'OpenVPN is connected, the hook has configured it' in evidence:
     assert re.match('0 of [1-9][0-9]* tries', evidence['IPv6 beside the tunnel in between'])
     assert 'TLSv1.3' in evidence['with TLS 1.3']
+    session = open(sys.argv[1]).read()
+    for step in 'all traffic goes into the tunnel', 'traffic goes out over Wi-Fi as before':
+        assert '\n' + evidence[step] + '\n' in session, evidence[step]
 assert summary['verified'] == len(verified) and summary['skipped'] == len(steps) - len(verified) and len(verified) > 30
 )";
-    const CommandResult judged = runCommand({"python3", "-c", judge});
+    const CommandResult judged = runCommand({"python3", "-c", judge, WFOAL_SOURCE_DIR "/README.md"});
     EXPECT_EQ(judged.status, 0) << judged.output << result.output;
     std::filesystem::remove("/tmp/demo.json");
 }
