@@ -54,7 +54,7 @@ CommandResult vpnoalWg(std::vector<std::string> words)
 
 bool isReached(const std::string& address)
 {
-    return runCommand({"ping", "-c", "1", "-W", "2", address}).status == 0;
+    return runCommand({"ping", "-n", "-c", "1", "-W", "2", address}).status == 0;
 }
 
 class WireguardTest : public testing::Test {
@@ -89,13 +89,6 @@ protected:
         const std::string refused = vpnoalWg({"up", "home"}).output;
         const auto at = refused.find("by process ");
         return at == std::string::npos ? -1 : std::stoi(refused.substr(at + 11));
-    }
-
-    static pid_t wireguardGo()
-    {
-        const std::string process = std::to_string(agent());
-        const std::string children = contentOf("/proc/" + process + "/task/" + process + "/children");
-        return children.empty() ? -1 : std::stoi(children);
     }
 
     void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
