@@ -30,6 +30,7 @@ int main(int argc, char** argv)
     CLI::App app("Connects to a sample gateway as a VPN agent does. A demonstration: its TLS is out of date.",
                  "sampleclient");
     vpnoalctl::Settings settings;
+    settings.hasPlainErrors = true;
     Options options;
     vpnoalctl::addCommonOptions(app, settings);
     app.add_option("profile", options.profile, "The profile, as for 'vpnoalctl connect'")

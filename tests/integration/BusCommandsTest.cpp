@@ -128,4 +128,19 @@ TEST_F(BusCommandsTest, MonitorShowsEventDecisionReasonAndWhatTheAgentIsTold)
     }
 }
 
+TEST_F(BusCommandsTest, MonitorRunsACommandAtEachNotification)
+{
+    const FilePtr file(std::fopen(output, "we"));
+    ChildProcess monitor({program, "--json", "monitor", "--exec", "echo \"ran $WFOAL_EVENT <$WFOAL_INTERFACE>\""},
+                         fileno(file.get()));
+    EXPECT_TRUE(comes("com.vesk.connectionmanager is there"));
+    EXPECT_TRUE(comes("bound to eth0"));
+    shell("ip link set eth0 down");
+    EXPECT_TRUE(comes("ran network-changed <>"));
+    shell("ip link set eth0 up; ip route add default via 10.0.0.1 dev eth0 metric 100");
+    EXPECT_TRUE(comes("ran network-changed <eth0>"));
+    monitor.sendSignal(SIGINT);
+    EXPECT_EQ(0, monitor.wait());
+}
+
 }  // namespace

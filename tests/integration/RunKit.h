@@ -121,6 +121,10 @@ protected:
     {
         return joined(joined({program, "--json", "run"}, options), joined({"--"}, command));
     }
+    static Words plainRunWords(const Words& options, const Words& command)
+    {
+        return joined(joined({program, "run"}, options), joined({"--"}, command));
+    }
     static LineProcess start(const Words& options = {profile}, const Words& command = guest())
     {
         return LineProcess(runWords(options, command));
@@ -129,7 +133,7 @@ protected:
     /// For what is to end by itself: 124 when it does not.
     static CommandResult runToEnd(const Words& options, const Words& command)
     {
-        return runCommand(joined({"timeout", "30"}, runWords(options, command)));
+        return runCommand(joined({"timeout", "30"}, plainRunWords(options, command)));
     }
 
     /// Counts packets to the server that enter the tunnel.

@@ -15,7 +15,10 @@ protected:
         mRun = std::make_unique<LineProcess>(
             runWords(options, joined({"sh", "-c", "echo socket $VPNOALCTL_SOCKET; exec \"$@\"", "sh"}, guest())));
         EXPECT_TRUE(mRun->await("socket ")) << mRun->output;
-        EXPECT_TRUE(eventually([] { return runCommand({"ip", "link", "show", "up", "norvatun0"}).status == 0; }));
+        EXPECT_TRUE(eventually([] {
+            return runCommand({"ip", "address", "show", "up", "norvatun0"}).output.find("10.8.0.2/24") !=
+                   std::string::npos;
+        }));
         const auto at = mRun->output.find("socket ") + 7;
         return mRun->output.substr(at, mRun->output.find('\n', at) - at);
     }

@@ -3,6 +3,7 @@
 // vpnoalctl run around a VPN program: plug-in, platform, kernel and packets are real.
 #include <iostream>
 
+#include "Daemons.h"
 #include "RunKit.h"
 
 namespace {
@@ -284,6 +285,29 @@ TEST_F(RunTest, ServiceManagerIsToldWhenTheTunnelIsUp)
     EXPECT_EQ("STOPPING=1", received());
     EXPECT_THAT(run.output, HasSubstr("has <>"));
     unlink("/tmp/notify");
+}
+
+TEST_F(RunTest, SleepIsPassedOn)
+{
+    using testsupport::Daemon;
+    if (const std::string reason = testsupport::daemonUnavailable(Daemon::elogind); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const std::string manager =
+        "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager ";
+    const ChildProcess bus = testsupport::startBus();
+    const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
+    LineProcess run = start({profile, "--on-change", "USR1", "--on-change-exec", "echo told $WFOAL_EVENT"});
+    ASSERT_TRUE(isApplied(run)) << run.output;
+    ASSERT_TRUE(eventually([&manager] {
+        return shell(manager + "ListInhibitors").find("norva-vpnagentd") != std::string::npos;
+    })) << "the plug-in holds no inhibitor";
+    shell(manager + "Suspend b false");
+    EXPECT_TRUE(run.await("told suspended")) << run.output;
+    EXPECT_TRUE(run.await("told resumed")) << run.output;
+    EXPECT_THAT(run.output, HasSubstr("notified"));
+    EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
+    EXPECT_EQ(128 + SIGTERM, run.end());
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <exception>
 
 #include "CommandError.h"
+#include "ErrorObject.h"
+#include "Json.h"
 #include "Output.h"
 #include "completion/Completion.h"
 #include "text/Suggest.h"
@@ -32,9 +34,11 @@ void setUpLog(int verbosity)
     setenv("VKLOG_TARGET", "stderr", verbose ? 1 : 0);
 }
 
-void complain(const CLI::App& app, const std::string& text)
+// One line on stderr: for machines an object with "error", "key" and "remedy".
+void complain(const CLI::App& app, const Settings& settings, const CommandError& error)
 {
-    tell(app.get_name() + ": " + text);
+    const bool isForMachines = settings.json && !settings.hasPlainErrors;
+    tell(isForMachines ? toText(errorObject(error)) : app.get_name() + ": " + error.what());
 }
 
 int guarded(const CLI::App& app, const Action& action, Context& context)
@@ -44,10 +48,10 @@ int guarded(const CLI::App& app, const Action& action, Context& context)
         if (!context.output.flush()) throw CommandError("output", "not everything could be written", "free the disk");
         return code;
     } catch (const CommandError& error) {
-        complain(app, error.what());
+        complain(app, context.settings, error);
         return error.exitCode();
     } catch (const std::exception& error) {
-        complain(app, error.what());
+        complain(app, context.settings, CommandError(app.get_name(), error.what(), ""));
         return ExitFailed;
     }
 }
@@ -114,14 +118,15 @@ void splitOffCommand(std::vector<std::string>& arguments, Settings& settings)
     arguments.erase(dashes, arguments.end());
 }
 
-int complainAboutUsage(const CLI::App& app, const CLI::ParseError& error)
+int complainAboutUsage(const CLI::App& app, const Settings& settings, const CLI::ParseError& error)
 {
     std::string command = app.get_name();
     for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = chosen.front()->get_subcommands()) {
         command += " " + chosen.front()->get_name();
     }
     const std::string unknown = unknownWord(app);
-    complain(app, "usage: " + (unknown.empty() ? error.what() : unknown) + "; see '" + command + " --help'");
+    complain(app, settings,
+             badInput("usage", unknown.empty() ? error.what() : unknown, "see '" + command + " --help'"));
     return ExitUsage;
 }
 
@@ -162,12 +167,14 @@ int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& c
 {
     std::vector<std::string> arguments(argv + 1, argv + std::max(argc, 1));
     splitOffCommand(arguments, settings);
+    const bool isForMachines = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
     try {
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-        return complainAboutUsage(app, error);
+        settings.json = isForMachines;  // where parsing failed may be before or behind it
+        return complainAboutUsage(app, settings, error);
     }
     settings.showLog = settings.verbosity > 0 || std::getenv("VKLOG_LEVEL") != nullptr;
     setUpLog(settings.verbosity);

@@ -17,6 +17,7 @@ namespace vpnoalctl {
 struct Settings {
     std::string pluginPath;  ///< empty: search
     bool json = false;
+    bool hasPlainErrors = false;            ///< errors are for people, also with --json
     int verbosity = 0;                      ///< number of -v
     std::vector<std::string> commandWords;  ///< of `run`: what stands behind "--"
     bool showLog = false;                   ///< the user has asked for the log, with -v or $VKLOG_LEVEL

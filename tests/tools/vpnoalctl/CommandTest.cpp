@@ -140,6 +140,39 @@ TEST_F(CommandTest, WrongUsageIsExitCode2)
     }
 }
 
+TEST_F(CommandTest, ErrorsAreObjectsForMachines)
+{
+    writeFile(profile, R"({"routes":[{"destination":"10.0.0.300"}]})");
+    EXPECT_EQ(
+        "{\"error\":\"/tmp/profile.json: routes[0].destination: \\\"10.0.0.300\\\" is no IPv4 address\","
+        "\"key\":\"routes[0].destination\",\"remedy\":\"correct the profile; nothing was changed\"}\n",
+        run({"apply", profile, "--json"}).output);
+    EXPECT_EQ(
+        "{\"error\":\"usage: profile is required\",\"key\":\"usage\",\"remedy\":\"see 'vpnoalctl apply --help'\"}\n",
+        run({"--json", "apply"}).output);
+    // On stderr, where no result is.
+    EXPECT_EQ("", runCommand({"sh", "-c", std::string(program) + " --json apply 2>/dev/null"}).output);
+}
+
+TEST_F(CommandTest, ProfilesAreFoundByTheirNames)
+{
+    ASSERT_EQ(0, runCommand({"mkdir", "-p", "/etc/vpnwfoal/profiles"}).status);
+    writeFile("/etc/vpnwfoal/profiles/office-1.json", R"({"mistake":1})");
+    EXPECT_THAT(run({"apply", "office-1"}).output,
+                StartsWith("vpnoalctl: /etc/vpnwfoal/profiles/office-1.json: mistake: unknown key"));
+    EXPECT_THAT(run({"connect", "office-1"}).output,
+                StartsWith("vpnoalctl: /etc/vpnwfoal/profiles/office-1.json: mistake: unknown key"));
+    EXPECT_THAT(run({"apply", "home"}).output, StartsWith("vpnoalctl: home: No such file or directory"));
+    EXPECT_THAT(run({"apply", "../profiles/office-1"}).output, HasSubstr("No such file or directory"));
+}
+
+TEST_F(CommandTest, RestoreTellsMachinesToo)
+{
+    const CommandResult result = runCommand({"sh", "-c", std::string(program) + " --json restore 2>/dev/null"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("{\"state\":\"restored\"}\n", result.output);
+}
+
 TEST_F(CommandTest, HelpAndVersionAreExitCode0)
 {
     for (const char* command : {"", "info", "doctor", "connect", "apply", "restore"}) {

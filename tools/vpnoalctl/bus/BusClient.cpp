@@ -85,11 +85,13 @@ void BusClient::run(Signals& signals)
     struct Interruption {
         Signals& signals;
         GMainLoop* loop;
-    } interruption{signals, mLoop.get()};
+        const std::function<void()>& onChildEnd;
+    } interruption{signals, mLoop.get(), mOnChildEnd};
     const GSourcePtr source(g_unix_fd_source_new(signals.descriptor(), G_IO_IN));
     const GUnixFDSourceFunc onSignal = [](gint, GIOCondition, gpointer data) -> gboolean {
         auto& self = *static_cast<Interruption*>(data);
         if (self.signals.isInterrupted()) g_main_loop_quit(self.loop);
+        if (self.onChildEnd) self.onChildEnd();
         return G_SOURCE_CONTINUE;
     };
     g_source_set_callback(source.get(), G_SOURCE_FUNC(onSignal), &interruption, nullptr);

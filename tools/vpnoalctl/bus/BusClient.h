@@ -8,6 +8,7 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <utility>
 
 #include "handles/Glib.h"
 #include "quorservice.h"
@@ -32,6 +33,9 @@ public:
     /// Makes run() execute a task. From any thread, while the client exists.
     void post(std::function<void()> task);
 
+    /// Called from run() when a program that this process started may have ended.
+    void onChildEnd(std::function<void()> handler) { mOnChildEnd = std::move(handler); }
+
     /// Runs until stop(), or until the user interrupts.
     void run(Signals& signals);
     void stop();
@@ -40,6 +44,7 @@ private:
     GMainContextPtr mContext;
     GMainLoopPtr mLoop;
     QSHandle* mHandle = nullptr;
+    std::function<void()> mOnChildEnd;
     std::list<ReplyHandler> mReplyHandlers;  // elements do not move
     std::list<StatusHandler> mStatusHandlers;
 };

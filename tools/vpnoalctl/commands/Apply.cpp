@@ -9,6 +9,7 @@
 #include "CommandError.h"
 #include "Context.h"
 #include "commands/Commands.h"
+#include "run/OuterRoutes.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/Signals.h"
@@ -22,6 +23,7 @@ namespace {
 void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals& signals)
 {
     try {
+        const GuardedBypass guarded(profile.outside);
         bringUp(system, profile);
         verifyFilter(profile);
         if (signals.isInterrupted()) {
@@ -59,7 +61,7 @@ int applyProfile(Context& context, const std::string& file)
 Action defineApply(CLI::App& command)
 {
     auto file = std::make_shared<std::string>();
-    command.add_option("profile", *file, "The profile, a JSON file; '-' is standard input")
+    command.add_option("profile", *file, "The profile, a name or a JSON file; '-' is standard input")
         ->required()
         ->type_name("PROFILE");
     return [file](Context& context) { return applyProfile(context, *file); };

@@ -12,6 +12,7 @@
 
 #include "Context.h"
 #include "commands/Commands.h"
+#include "run/OuterRoutes.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/HeldTunnel.h"
 #include "tunnel/Signals.h"
@@ -45,6 +46,7 @@ int connect(Context& context, const Options& options)
     Signals signals;
     PluginLibrary& plugin = context.plugin();
     StderrCallbacks callbacks(context.settings.verbosity > 0);
+    const GuardedBypass guarded(profile.outside);
     HeldTunnel tunnel(plugin, profile, callbacks);
     printSummary(context.output, profile, "connected");
     if (options.command.empty()) context.output.line("Ctrl-C ends it.", Style::Faint);
@@ -62,7 +64,7 @@ int connect(Context& context, const Options& options)
 Action defineConnect(CLI::App& command)
 {
     auto options = std::make_shared<Options>();
-    command.add_option("profile", options->profile, "The profile, a JSON file; '-' is standard input")
+    command.add_option("profile", options->profile, "The profile, a name or a JSON file; '-' is standard input")
         ->required()
         ->type_name("PROFILE");
     command

@@ -4,6 +4,8 @@
 // watches the connection manager beside the plug-in. Like an agent it binds a socket, and binds again when it is
 // notified that the network changed. It changes nothing.
 #include <CLI/CLI.hpp>
+#include <memory>
+#include <utility>
 
 #include "CommandError.h"
 #include "Context.h"
@@ -12,6 +14,7 @@
 #include "monitor/StatusExplanation.h"
 #include "monitor/Timeline.h"
 #include "monitor/WatchingAgent.h"
+#include "run/ChangeNotice.h"
 #include "tunnel/Signals.h"
 
 namespace vpnoalctl {
@@ -21,11 +24,22 @@ namespace {
 constexpr char service[] = "com.vesk.connectionmanager";
 constexpr char statusUri[] = "vesk://com.vesk.connectionmanager/getStatus";
 
+// What the plug-in notifies of, as the command finds it in its environment.
+constexpr std::pair<const char*, const char*> eventNames[] = {
+    {"the physical network changed", "network-changed"},
+    {"the device is about to sleep", "suspended"},
+    {"the device is awake again", "resumed"},
+    {"the tunnel's configuration changed", "configuration-changed"},
+};
+
 class Monitor {
 public:
-    explicit Monitor(Context& context)
-        : mTimeline(context.output), mAgent(context.plugin(), [this](const char* what) { heard(what); })
+    Monitor(Context& context, const std::string& command)
+        : mTimeline(context.output),
+          mCommand(command, "--exec"),
+          mAgent(context.plugin(), [this](const char* what) { heard(what); })
     {
+        mBus.onChildEnd([this] { mCommand.dispatch(); });
     }
 
     void run()
@@ -42,7 +56,14 @@ private:
         mBus.post([this, event = std::string(what)] {
             mTimeline.add({"agent", "notified: " + event, "", ""});
             if (event == "the physical network changed") bind();
+            runCommand(event);
         });
+    }
+    void runCommand(const std::string& event)
+    {
+        for (const auto& [text, name] : eventNames) {
+            if (event == text) mCommand.run(name, {mBoundName, 0, {}, {}});
+        }
     }
     void bind()
     {
@@ -61,15 +82,22 @@ private:
     BusClient mBus;
     Timeline mTimeline;
     std::string mBoundName;
+    ChangeCommand mCommand;
     WatchingAgent mAgent;
 };
 
 }  // namespace
 
-Action defineMonitor(CLI::App&)
+Action defineMonitor(CLI::App& command)
 {
-    return [](Context& context) {
-        Monitor(context).run();
+    auto program = std::make_shared<std::string>();
+    command
+        .add_option("--exec", *program,
+                    "Run a shell command at each notification; $WFOAL_EVENT is network-changed, suspended, resumed or "
+                    "configuration-changed, $WFOAL_INTERFACE the interface to bind to")
+        ->type_name("COMMAND");
+    return [program](Context& context) {
+        Monitor(context, *program).run();
         return ExitOk;
     };
 }

@@ -8,6 +8,7 @@
 
 #include "CommandError.h"
 #include "Context.h"
+#include "Json.h"
 #include "commands/Commands.h"
 #include "tunnel/InstalledState.h"
 
@@ -34,6 +35,9 @@ int restore(Context& context, bool isForced)
                            "run it as root; the log names the reason");
     }
     context.output.line("The tunnel's configuration is removed.", Style::Good);
+    const JsonPtr answer = newObject();
+    addText(answer, "state", "restored");
+    context.output.value(answer);
     return ExitOk;
 }
 

@@ -53,7 +53,7 @@ Action defineRun(CLI::App& command)
     RunOptions& options = words->options;
     command
         .add_option("profile", words->profile,
-                    "The profile, a JSON file; '-' is standard input; without one the command hands one over")
+                    "The profile, a name or a JSON file; '-' is standard input; without one the command hands one over")
         ->type_name("PROFILE");
     command
         .add_option("--on-change", words->signal,

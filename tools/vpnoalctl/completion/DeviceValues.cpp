@@ -6,12 +6,11 @@
 #include "PluginLibrary.h"
 #include "certificates/ClientHandles.h"
 #include "completion/Completion.h"
+#include "profile/ProfileFile.h"
 
 namespace vpnoalctl {
 
 namespace {
-
-constexpr char profileFolder[] = "/etc/vpnwfoal/profiles";
 
 std::vector<std::string> profileNames()
 {

@@ -234,7 +234,8 @@ Profile parseProfile(const std::string& text, const std::string& file)
 
 Profile loadProfile(const std::string& file)
 {
-    return parseProfile(readJsonFile(file), file);
+    const std::string path = profilePath(file);
+    return parseProfile(readJsonFile(path), path);
 }
 
 const TunnelSettings& tunnelToMake(const Profile& profile, const std::string& file)

@@ -63,8 +63,8 @@ Profile readProfile(const wfoal::JsonValue& value);
 /// Reads a profile from its text. Throws CommandError with ExitUsage; `file` is the name it gives in the error.
 Profile parseProfile(const std::string& text, const std::string& file);
 
-/// Reads a profile from a file, or from standard input when `file` is "-". Throws as parseProfile(), also when the file
-/// cannot be read or is larger than 64 MiB.
+/// Reads a profile by its name (profilePath()), from a file, or from standard input when `file` is "-". Throws as
+/// parseProfile(), also when the file cannot be read or is larger than 64 MiB.
 Profile loadProfile(const std::string& file);
 
 /// What a device that is made for the profile gets. Throws CommandError with ExitUsage when the profile does not say;

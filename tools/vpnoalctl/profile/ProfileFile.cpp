@@ -17,7 +17,19 @@ const char* nameOf(const std::string& file)
     return file == "-" ? "standard input" : file.c_str();
 }
 
+bool isName(const std::string& profile)
+{
+    constexpr char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    return profile.find_first_not_of(letters) == std::string::npos && profile.find_first_not_of('-') == 0;
+}
+
 }  // namespace
+
+std::string profilePath(const std::string& profile)
+{
+    const std::string path = std::string(profileFolder) + "/" + profile + ".json";
+    return isName(profile) && access(path.c_str(), F_OK) == 0 ? path : profile;
+}
 
 std::string readJsonFile(const std::string& file)
 {

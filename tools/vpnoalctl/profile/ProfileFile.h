@@ -16,6 +16,13 @@ struct JsonSource {
     const char* kind;  ///< what errors call its content: "the profile"
 };
 
+/// Where profiles lie that are called by their names.
+constexpr char profileFolder[] = "/etc/vpnwfoal/profiles";
+
+/// The file of a profile: a name of letters, digits, '_' and '-' stands for NAME.json in the folder above when there is
+/// one; everything else is a file's name.
+std::string profilePath(const std::string& profile);
+
 /// The text of a file, or of standard input when `file` is "-". Throws CommandError with ExitUsage, also when the file
 /// is larger than 64 MiB.
 std::string readJsonFile(const std::string& file);

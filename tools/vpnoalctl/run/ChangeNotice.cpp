@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "Output.h"
 
@@ -25,6 +26,14 @@ void setEnvironment(const PhysicalInterface& physical)
 {
     setenv("WFOAL_INTERFACE", physical.name.c_str(), 1);
     setenv("WFOAL_ADDRESS", physical.address.bits != 0 ? dotted(physical.address).c_str() : "", 1);
+}
+
+// The variables exist from the start, so that the environment does not move later, while another thread may read it.
+ChangeCommand::ChangeCommand(std::string command, std::string option)
+    : mCommand(std::move(command)), mOption(std::move(option))
+{
+    for (const char* name : {"WFOAL_INTERFACE", "WFOAL_ADDRESS", "WFOAL_EVENT"})
+        setenv(name, "", 0);
 }
 
 void ChangeCommand::run(const std::string& event, const PhysicalInterface& physical)
@@ -49,7 +58,7 @@ void ChangeCommand::dispatch()
         mRunning.emplace(std::vector<std::string>{"/bin/sh", "-c", mCommand}, wfoal::Subprocess::Sharing::All,
                          wfoal::Subprocess::Files{});
     } catch (const std::system_error& error) {
-        tell(std::string("vpnoalctl: --on-change-exec: /bin/sh: ") + error.code().message());
+        tell("vpnoalctl: " + mOption + ": /bin/sh: " + error.code().message());
     }
 }
 

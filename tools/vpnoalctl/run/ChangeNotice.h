@@ -23,7 +23,8 @@ void setEnvironment(const PhysicalInterface& physical);
 /// A shell command that is run for each event, one after the other, with the event in WFOAL_EVENT.
 class ChangeCommand {
 public:
-    explicit ChangeCommand(std::string command) : mCommand(std::move(command)) {}
+    /// `option` is the one that the command was given with, for errors.
+    ChangeCommand(std::string command, std::string option);
 
     /// Runs the command, after the one that runs already. Of events of one kind that wait, one is kept.
     void run(const std::string& event, const PhysicalInterface& physical);
@@ -39,6 +40,7 @@ private:
     };
 
     std::string mCommand;
+    std::string mOption;
     std::deque<Waiting> mWaiting;
     std::optional<wfoal::Subprocess> mRunning;
 };

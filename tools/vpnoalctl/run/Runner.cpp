@@ -46,7 +46,7 @@ Runner::Runner(Context& context, const RunOptions& options, std::optional<Profil
       mPlugin(loadedPlugin(context)),
       mSockets(mPlugin.create<KEST_SocketPlugin>()),
       mChoice(*mSockets),
-      mChangeCommand(options.changeCommand),
+      mChangeCommand(options.changeCommand, "--on-change-exec"),
       mRequests([this](const std::string& line) { return answer(line); })
 {
     if (mWanted) mAlwaysOutside = mWanted->outside;
