@@ -31,7 +31,7 @@ constexpr char refused[] = R"({"returnValue": false, "errorCode": 3, "errorText"
 class PlayedManager {
 public:
     /// Answers a call; called on the manager's own thread, also later when it took a reference to the message.
-    using Behaviour = std::function<void(sd_bus_message*)>;
+    using Behaviour = std::function<void(sd_bus_message*, PlayedManager&)>;
 
     explicit PlayedManager(Behaviour behaviour) : mBehaviour(std::move(behaviour))
     {
@@ -68,7 +68,8 @@ private:
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error*)
     {
         if (sd_bus_message_is_method_call(message, "com.vesk.JsonService1", "addcertificate") <= 0) return 0;
-        static_cast<PlayedManager*>(self)->mBehaviour(message);
+        PlayedManager& manager = *static_cast<PlayedManager*>(self);
+        manager.mBehaviour(message, manager);
         return 1;
     }
     void serve()
@@ -138,7 +139,7 @@ protected:
 TEST_F(ImportAnswersTest, WrongAnswersAreFailures)
 {
     for (const char* answer : {"", "no json", "{}", "[1]", "7", "null", R"({"returnValue": false})", refused}) {
-        const PlayedManager manager([answer](sd_bus_message* call) { reply(call, answer); });
+        const PlayedManager manager([answer](sd_bus_message* call, PlayedManager&) { reply(call, answer); });
         EXPECT_EQ(PLUGIN_FAILURE, import()) << answer;
     }
 }
@@ -146,27 +147,27 @@ TEST_F(ImportAnswersTest, WrongAnswersAreFailures)
 TEST_F(ImportAnswersTest, AnswerOfAnotherTypeAndErrorAreFailures)
 {
     {
-        const PlayedManager manager([](sd_bus_message* call) { sd_bus_reply_method_return(call, "u", 1U); });
+        const PlayedManager manager(
+            [](sd_bus_message* call, PlayedManager&) { sd_bus_reply_method_return(call, "u", 1U); });
         EXPECT_EQ(PLUGIN_FAILURE, import());
     }
-    const PlayedManager manager([](sd_bus_message* call) { sd_bus_reply_method_errno(call, EIO, nullptr); });
+    const PlayedManager manager(
+        [](sd_bus_message* call, PlayedManager&) { sd_bus_reply_method_errno(call, EIO, nullptr); });
     EXPECT_EQ(PLUGIN_FAILURE, import());
 }
 
 TEST_F(ImportAnswersTest, LateAnswerWithinTheWaitCounts)
 {
-    PlayedManager* played = nullptr;
-    PlayedManager manager([&played](sd_bus_message* call) {
+    const PlayedManager manager([](sd_bus_message* call, PlayedManager& played) {
         const std::shared_ptr<sd_bus_message> kept(sd_bus_message_ref(call), sd_bus_message_unref);
-        played->doLater(seconds(3), [kept] { reply(kept.get(), installed); });
+        played.doLater(seconds(3), [kept] { reply(kept.get(), installed); });
     });
-    played = &manager;
     EXPECT_EQ(PLUGIN_SUCCESS, import());
 }
 
 TEST_F(ImportAnswersTest, SecondAnswerIsIgnored)
 {
-    const PlayedManager manager([](sd_bus_message* call) {
+    const PlayedManager manager([](sd_bus_message* call, PlayedManager&) {
         reply(call, installed);
         // A bus may drop an answer that nobody expects any more, or carry it to the caller.
         sd_bus_reply_method_return(call, "s", refused);
@@ -178,12 +179,10 @@ TEST_F(ImportAnswersTest, SecondAnswerIsIgnored)
 // Takes two minutes, nearly all of them asleep.
 TEST_F(ImportAnswersTest, SilenceEndsAfterTwoMinutesAndWhatComesThenTouchesNothing)
 {
-    PlayedManager* played = nullptr;
-    PlayedManager manager([&played](sd_bus_message* call) {
+    const PlayedManager manager([](sd_bus_message* call, PlayedManager& played) {
         const std::shared_ptr<sd_bus_message> kept(sd_bus_message_ref(call), sd_bus_message_unref);
-        played->doLater(seconds(122), [kept] { sd_bus_reply_method_return(kept.get(), "s", installed); });
+        played.doLater(seconds(122), [kept] { sd_bus_reply_method_return(kept.get(), "s", installed); });
     });
-    played = &manager;
     const auto begin = steady_clock::now();
     EXPECT_EQ(PLUGIN_FAILURE, import());
     const auto taken = steady_clock::now() - begin;
