@@ -17,6 +17,14 @@ std::string driverUnderStrace(const std::string& options, const std::string& ste
 
 bool hasStrace();
 
+/// From one number of a system call to the next one, in tests that kill or fail each: all of them; under a sanitizer,
+/// where each process takes long to start, a sample.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int sweepStep = 3;
+#else
+constexpr int sweepStep = 1;
+#endif
+
 /// How often the steps make each system call that changes something, or that a change follows.
 std::map<std::string, int> callsOf(const std::string& steps);
 
