@@ -3,8 +3,8 @@
 #
 # demo.sh [OPTION...]: a whole connection through the plug-in, on a real kernel and with real daemons. A certificate is
 # imported, an interface chosen, gateways judged, a tunnel brought up through TLS, used, moved from Wi-Fi to cellular and
-# back, put to sleep, killed, cleaned up and restored. Then OpenVPN itself makes the tunnel, and the plug-in configures it.
-# Each step is one line: what, how long, how it was verified with an independent tool.
+# back, put to sleep, killed, cleaned up and restored. Then OpenVPN itself makes the tunnel, and the plug-in configures
+# it. Each step is one line: what, how long, how it was verified with an independent tool.
 #
 #   --json           a JSON object a line instead: the steps, then a summary
 #   --step           stop after each step until Enter is pressed
