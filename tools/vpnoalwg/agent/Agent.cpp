@@ -86,7 +86,7 @@ void restoreConfiguration(Context& context)
 }
 
 // A killed agent's tunnel. Its commands are those that the file has now.
-void removeLeft(Context& context, AgentLock& lock, const std::string& path)
+void removeStale(Context& context, AgentLock& lock, const std::string& path)
 {
     lock.take(path);
     WgConfig config;
@@ -97,7 +97,7 @@ void removeLeft(Context& context, AgentLock& lock, const std::string& path)
     }
     runLastCommands("PreDown", config.preDown);
     restoreConfiguration(context);
-    WgDevice::removeLeft();
+    WgDevice::removeStale();
     runLastCommands("PostDown", config.postDown);
     lock.release();
 }
@@ -158,7 +158,7 @@ int takeTunnelDown(Context& context, const std::string& nameOrFile)
                            fmt::format("'vpnoal-wg down {}' ends that one", before.configuration));
     }
     if (before.kind == AgentState::Kind::Running) end(before.process);
-    if (lock.state().kind == AgentState::Kind::Left) removeLeft(context, lock, path);
+    if (lock.state().kind == AgentState::Kind::Left) removeStale(context, lock, path);
     return vpnoalctl::ExitOk;
 }
 

@@ -19,7 +19,7 @@
 #include "Output.h"
 #include "handles/UniqueFd.h"
 #include "tunnel/TunDevice.h"
-#include "wireguard/ToolRun.h"
+#include "wireguard/Tools.h"
 
 namespace vpnoalwg {
 
@@ -133,7 +133,7 @@ void WgDevice::make(const WgConfig& config, const PeerAddresses& peers, unsigned
     if (config.table.kind == WgTable::Kind::Number) runTool({"ip", "-4", "-batch", "-"}, tableRoutes(config));
 }
 
-void WgDevice::removeLeft()
+void WgDevice::removeStale()
 {
     WgDevice left;
     left.mIndex = if_nametoindex(tunnelDeviceName);

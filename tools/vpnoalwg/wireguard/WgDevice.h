@@ -30,7 +30,7 @@ public:
     /// Removes the device. Throws CommandError when it stays.
     void remove();
     /// Removes a device that an ended process left.
-    static void removeLeft();
+    static void removeStale();
 
     /// Readable when wireguard-go has ended; -1 where it is not ours to wait for.
     int descriptor() const { return mProgram ? mProgram->descriptor() : -1; }

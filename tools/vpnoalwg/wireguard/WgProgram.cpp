@@ -11,7 +11,7 @@
 #include "CommandError.h"
 #include "Output.h"
 #include "handles/UniqueFd.h"
-#include "wireguard/ToolRun.h"
+#include "wireguard/Tools.h"
 
 namespace vpnoalwg {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "wireguard/ToolRun.h"
+#include "wireguard/Tools.h"
 
 #include <fmt/format.h>
 
