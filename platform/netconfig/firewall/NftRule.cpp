@@ -197,13 +197,23 @@ void NftRule::decide(std::uint32_t verdict)
     append(std::move(immediate));
 }
 
-void NftRule::reject()
+void NftRule::addReject(std::uint32_t type, std::uint8_t code)
 {
     flush();
     NftnlExprPtr reject = newExpression("reject");
-    nftnl_expr_set_u32(reject.get(), NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMPX_UNREACH);
-    nftnl_expr_set_u8(reject.get(), NFTNL_EXPR_REJECT_CODE, NFT_REJECT_ICMPX_ADMIN_PROHIBITED);
+    nftnl_expr_set_u32(reject.get(), NFTNL_EXPR_REJECT_TYPE, type);
+    nftnl_expr_set_u8(reject.get(), NFTNL_EXPR_REJECT_CODE, code);
     append(std::move(reject));
+}
+
+void NftRule::reject()
+{
+    addReject(NFT_REJECT_ICMPX_UNREACH, NFT_REJECT_ICMPX_ADMIN_PROHIBITED);
+}
+
+void NftRule::resetConnection()
+{
+    addReject(NFT_REJECT_TCP_RST, 0);
 }
 
 void NftRule::jump(const std::string& chain)

@@ -35,6 +35,9 @@ public:
     void decide(std::uint32_t verdict);
     /// Refuses the packet with the ICMP or ICMPv6 error "administratively prohibited".
     void reject();
+    /// Refuses a TCP packet, which was matched before, with a reset: connect() then fails at once. An ICMP error that
+    /// comes while the socket is locked counts for the next attempt only, a second later.
+    void resetConnection();
     void jump(const std::string& chain);
 
     void addTo(NftTransaction& transaction);
@@ -54,6 +57,7 @@ private:
     void mask(const void* bits, std::size_t size);
     void compare(const void* value, std::size_t size);
     void compareBy(std::uint32_t operation, const void* value, std::size_t size);
+    void addReject(std::uint32_t type, std::uint8_t code);
     void matchFamily(std::uint8_t family);
     void matchPrefix(std::uint32_t offset, const char* address, const char* bits, std::size_t size,
                      std::uint8_t prefix);

@@ -11,7 +11,8 @@ namespace vknetconfig {
 namespace {
 
 constexpr char chain[] = "beside";
-constexpr BaseChain baseChains[] = {{"_output", NF_INET_LOCAL_OUT}, {"_forward", NF_INET_FORWARD}};
+constexpr BaseChain sent = {"_output", NF_INET_LOCAL_OUT};
+constexpr BaseChain forwarded = {"_forward", NF_INET_FORWARD};
 
 constexpr std::uint32_t ipv4Destination = 16;  // offsets in the headers
 constexpr std::uint32_t ipv6Destination = 24;
@@ -28,13 +29,6 @@ public:
         NftRule rule(mTable, chain);
         match(rule);
         rule.decide(NF_ACCEPT);
-        rule.addTo(mTransaction);
-    }
-
-    void rejectRest()
-    {
-        NftRule rule(mTable, chain);
-        rule.reject();
         rule.addTo(mTransaction);
     }
 
@@ -129,7 +123,23 @@ void addRules(NftTransaction& transaction, const GuardRules& wanted)
     } else {
         rules.accept([](NftRule& rule) { rule.matchIpv6(); });
     }
-    rules.rejectRest();
+}
+
+// The device's own connections fail at once; see NftRule::resetConnection().
+void resetConnections(NftTransaction& transaction, const std::string& table)
+{
+    NftRule rule(table, sent.name);
+    rule.matchProtocol(IPPROTO_TCP);
+    rule.resetConnection();
+    rule.addTo(transaction);
+}
+
+// What the chain has not accepted.
+void rejectRest(NftTransaction& transaction, const std::string& table, const BaseChain& base)
+{
+    NftRule rule(table, base.name);
+    rule.reject();
+    rule.addTo(transaction);
 }
 
 }  // namespace
@@ -145,8 +155,11 @@ GuardMessages::GuardMessages(NftTransaction& transaction, const GuardRules& rule
     addTable(transaction, table);
     addChain(transaction, table, chain);
     addRules(transaction, rules);
-    for (const BaseChain& base : baseChains)
-        addBaseChain(transaction, table, base, chain);
+    addBaseChain(transaction, table, sent, chain);
+    resetConnections(transaction, table);
+    rejectRest(transaction, table, sent);
+    addBaseChain(transaction, table, forwarded, chain);
+    rejectRest(transaction, table, forwarded);
 }
 
 std::string GuardMessages::subjectOf(std::size_t index) const

@@ -32,9 +32,12 @@ std::string guardInNft(const std::string& rules)
     std::string text =
         "table inet vknetconfig-guard-vpn0 {\ncomment \"vknetconfig\"\nchain beside {\n"
         "oifname lo accept\noifname vpn0 accept\n" +
-        rules + "reject with icmpx admin-prohibited\n}\n";
-    for (const std::string hook : {"output", "forward"})
-        text += "chain _" + hook + " {\ntype filter hook " + hook + " priority 0; policy accept;\njump beside\n}\n";
+        rules + "}\n";
+    for (const std::string hook : {"output", "forward"}) {
+        text += "chain _" + hook + " {\ntype filter hook " + hook + " priority 0; policy accept;\njump beside\n";
+        if (hook == "output") text += "meta l4proto tcp reject with tcp reset\n";
+        text += "reject with icmpx admin-prohibited\n}\n";
+    }
     return text + "}\n";
 }
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -151,15 +152,17 @@ TEST_F(GuardTest, AllTrafficInTheTunnelKeepsIpv6FromLeavingBesideIt)
     expectAllGone();
 }
 
-// A program that tries IPv6 first goes on with IPv4 at once.
-TEST_F(GuardTest, ConnectionIsRefusedAtOnceAsProhibited)
+// A program that tries IPv6 first goes on with IPv4 at once. The kernel would try again after one second.
+TEST_F(GuardTest, ConnectionIsRefusedAtOnce)
 {
     ASSERT_EQ(add(full), 0);
     socklen_t length = 0;
     const sockaddr_storage far = addressOf(ipv6Far, 443, length);
     const UniqueFd socket(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(connect(socket.get(), reinterpret_cast<const sockaddr*>(&far), length), -1);
-    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
 }
 
 TEST_F(GuardTest, ForwardedIpv6IsRejectedToo)
@@ -178,8 +181,6 @@ TEST_F(GuardTest, ForwardedIpv6IsRejectedToo)
     ASSERT_EQ(count("ipv6"), 1);
     ASSERT_EQ(add(full), 0);
     run(sendFromGuest);
-    const std::string rejected = "nft list ruleset | grep -c reject";
-    EXPECT_EQ(outputOf(rejected), "1\n");
     EXPECT_EQ(outputOf("ip netns exec guest python3 -c \""
                        "import socket; s = socket.socket(socket.AF_INET6, socket.SOCK_STREAM); s.settimeout(10)\n"
                        "try: s.connect(('2001:db8:9::7', 443))\n"
