@@ -275,8 +275,11 @@ std::function<bool()> UndoLog::lineCheck(const std::string& subject, const std::
 
 void UndoLog::erase(const std::string& subject)
 {
-    if (mFolder.valid()) removeEntry(stemOf(subject));
-    release(subject);
+    const std::string stem = stemOf(subject);
+    // Named before the entry goes: without memory for the name, the lock would stay alone.
+    const std::string lock = joined(stem, lockSuffix);
+    if (mFolder.valid()) removeEntry(stem);
+    releaseLock(stem, lock);
 }
 
 // Also a half-written one. The lock file stays; its owner removes it.
@@ -297,9 +300,14 @@ void UndoLog::removeFiles(const std::string& stem) const
 void UndoLog::release(const std::string& subject)
 {
     const std::string stem = stemOf(subject);
+    releaseLock(stem, joined(stem, lockSuffix));
+}
+
+// Needs no memory.
+void UndoLog::releaseLock(const std::string& stem, const std::string& name)
+{
     const auto owned = mOwned.find(stem);
     if (owned == mOwned.end()) return;
-    const std::string name = joined(stem, lockSuffix);
     if (mFolder.valid() && isLinked(owned->second.get(), mFolder.get(), name)) {
         unlinkat(mFolder.get(), name.c_str(), 0);
     }

@@ -98,6 +98,7 @@ private:
     UniqueFd lockOf(const std::string& stem, pid_t& holder) const;
     void removeEntry(const std::string& stem) const;
     void removeFiles(const std::string& stem) const;
+    void releaseLock(const std::string& stem, const std::string& name);
     bool upgrade(const std::string& subject, pid_t& holder);
     void takeFromHolder(const std::string& stem);
     std::string subjectOf(const std::string& stem);

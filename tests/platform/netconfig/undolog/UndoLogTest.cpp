@@ -17,8 +17,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <new>
 
 #include "ErrorOf.h"
+#include "FailingAllocation.h"
 #include "Files.h"
 #include "RequestError.h"
 
@@ -352,6 +354,29 @@ TEST(UndoLogTest, WhatCannotBeOwnedIsOwnedByNobody)
     }
     EXPECT_GT(refused, 1);
     EXPECT_EQ(undoLog.read("a"), "theirs");
+}
+
+TEST(UndoLogTest, AnEraseThatFindsNoMemoryChangesNothing)
+{
+    const std::string subject = "interface-with-a-long-name";  // as long as to need memory
+    UndoLog undoLog;
+    int failures = 0;
+    for (bool isErased = false; !isErased; failures += isErased ? 0 : 1) {
+        const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+        undoLog.own(subject);
+        undoLog.write(subject, "ours");
+        testsupport::failAllocation(failures + 1);
+        try {
+            undoLog.erase(subject);
+            isErased = true;
+        } catch (const std::bad_alloc&) {
+        }
+        testsupport::failAllocation(0);
+        ASSERT_EQ(undoLog.owns(subject), !isErased) << failures;
+        ASSERT_EQ(undoLog.read(subject), isErased ? "" : "ours") << failures;
+    }
+    EXPECT_GT(failures, 2);
+    EXPECT_THAT(filesLeft(), ElementsAre("turn"));
 }
 
 TEST(UndoLogTest, AFullDiskIsReportedAndTheEarlierEntryStays)
