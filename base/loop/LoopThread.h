@@ -6,44 +6,13 @@
 
 #include <glib.h>
 
-#include <exception>
 #include <functional>
-#include <future>
-#include <mutex>
 #include <thread>
 
 #include "handles/Glib.h"
+#include "loop/Post.h"
 
 namespace wfoal {
-
-/// Runs something on the thread that runs a context's loop, and waits for it. What it throws is thrown here.
-inline void callOnContext(GMainContext* context, const std::function<void()>& task)
-{
-    // GLib's own locks are invisible to the thread sanitizer; this one tells it who came first.
-    static std::mutex sHandover;
-    struct Posted {
-        const std::function<void()>& task;
-        std::promise<void> done;
-    } posted{task, {}};
-    std::future<void> done = posted.done.get_future();
-    const GSourcePtr source(g_idle_source_new());
-    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
-    const GSourceFunc run = [](gpointer data) -> gboolean {
-        std::unique_lock<std::mutex>(sHandover).unlock();
-        auto& call = *static_cast<Posted*>(data);
-        try {
-            call.task();
-            call.done.set_value();
-        } catch (...) {
-            call.done.set_exception(std::current_exception());
-        }
-        return G_SOURCE_REMOVE;
-    };
-    g_source_set_callback(source.get(), run, &posted, nullptr);
-    std::unique_lock<std::mutex>(sHandover).unlock();
-    g_source_attach(source.get(), context);
-    done.get();
-}
 
 /// The loop's context is the default one of its thread.
 class LoopThread {

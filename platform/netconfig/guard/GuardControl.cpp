@@ -41,8 +41,8 @@ std::optional<GuardRules> GuardControl::replace(const std::string& ifName, const
     if (rules) {
         install(subject, *rules, earlier);
         ownership.keep();
-    } else if (!content.empty()) {
-        removeTableOf(ifName);
+    } else {
+        if (!content.empty()) removeTableOf(ifName);
         mUndoLog.erase(subject);
     }
     return earlier;

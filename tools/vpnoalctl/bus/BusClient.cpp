@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "CommandError.h"
+#include "loop/Post.h"
 #include "tunnel/Signals.h"
 
 namespace vpnoalctl {
@@ -68,16 +69,7 @@ void BusClient::watch(const std::string& service, StatusHandler onStatus)
 
 void BusClient::post(std::function<void()> task)
 {
-    using Task = std::function<void()>;
-    const GSourcePtr source(g_idle_source_new());
-    const GSourceFunc runTask = [](gpointer data) -> gboolean {
-        (*static_cast<Task*>(data))();
-        return G_SOURCE_REMOVE;
-    };
-    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
-    g_source_set_callback(source.get(), runTask, std::make_unique<Task>(std::move(task)).release(),
-                          [](gpointer data) { delete static_cast<Task*>(data); });
-    g_source_attach(source.get(), mContext.get());
+    wfoal::postToContext(mContext.get(), std::move(task));
 }
 
 void BusClient::run(Signals& signals)
