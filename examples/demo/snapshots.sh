@@ -13,8 +13,9 @@ snapshot_of() {
     esac
 }
 
-# The kernel finds out in its own time that the other end of a link is up.
-links_are_settled() { ! { ip link show up && in_wifi ip link show up; } | grep -q 'NO-CARRIER\|state DOWN'; }
+# The kernel finds out in its own time that the other end of a link is up. grep reads to the end: if it stopped at the
+# first match, ip would die of a broken pipe, and that would pass for no match.
+links_are_settled() { ! { ip link show up && in_wifi ip link show up; } | grep 'NO-CARRIER\|state DOWN' >/dev/null; }
 
 settle() {
     wait_until links_are_settled || failed 'the links' 'every link that is up has its carrier' "$(ip link show up)"

@@ -27,8 +27,8 @@ is_enabled() {
 all_libraries_found() {
     local files
     mapfile -t files < <(dpkg -L libvpnwfoal0 libvpnwfoal-platform0 vpnwfoal-services vpnoalctl |
-        grep -E '/lib/.*\.so\.|/bin/.|/libexec/.')
-    [ ${#files[@]} -eq 13 ] && ldd "${files[@]}" >/tmp/libraries && ! grep 'not found' /tmp/libraries
+        grep -E '/lib/.*\.so\.|/bin/.|/libexec/.|/lib/vpnwfoal/.')
+    [ ${#files[@]} -gt 10 ] && ldd "${files[@]}" >/tmp/libraries && ! grep 'not found' /tmp/libraries
 }
 
 call_as() {
