@@ -79,7 +79,7 @@ Check addNetworks(std::string_view list, BypassNetworks& networks)
         if (begin == std::string_view::npos) return passed();
         list.remove_prefix(begin);
         const std::string_view word = list.substr(0, list.find_first_of(separators));
-        const Check check = addNetwork(word, networks);
+        Check check = addNetwork(word, networks);
         if (!check) return check;
         list.remove_prefix(word.size());
     }
