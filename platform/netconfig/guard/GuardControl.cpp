@@ -37,7 +37,7 @@ std::optional<GuardRules> GuardControl::replace(const std::string& ifName, const
     const std::string subject = subjectOf(ifName);
     NewOwnership ownership(mUndoLog, subject);
     const std::string content = rules ? mUndoLog.own(subject) : mUndoLog.ownForRemoval(subject);
-    const std::optional<GuardRules> earlier = earlierRules(subject, content);
+    std::optional<GuardRules> earlier = earlierRules(subject, content);
     if (rules) {
         install(subject, *rules, earlier);
         ownership.keep();

@@ -45,6 +45,7 @@ public:
     void run()
     {
         bind();
+        mJudgedName = mBoundName;
         mBus.watch(service, [this](bool connected) { onService(connected); });
         mBus.run(mSignals);
     }
@@ -55,7 +56,7 @@ private:
     {
         mBus.post([this, event = std::string(what)] {
             mTimeline.add({"agent", "notified: " + event, "", ""});
-            if (event == "the physical network changed") bind();
+            if (event == "the physical network changed") bindAgain();
             runCommand(event);
         });
     }
@@ -64,6 +65,23 @@ private:
         for (const auto& [text, name] : eventNames) {
             if (event == text) mCommand.run(name, {mBoundName, 0, {}, {}});
         }
+    }
+    // The plug-in has its own connection to the bus: its notification may come before or after the push that causes it
+    // is seen here. The push is explained with the interface that was bound when the plug-in judged it.
+    void bindAgain()
+    {
+        bind();
+        mIsCauseDue = !mIsCauseSeen;
+        if (mIsCauseSeen) mJudgedName = mBoundName;
+        mIsCauseSeen = false;
+    }
+    void explain(const std::string& payload)
+    {
+        const TimelineEvent explanation = explainStatus(payload, mJudgedName);
+        mIsCauseSeen = !mIsCauseDue && explanation.decision == notifyDecision;
+        if (mIsCauseDue) mJudgedName = mBoundName;
+        mIsCauseDue = false;
+        mTimeline.add(explanation);
     }
     void bind()
     {
@@ -74,14 +92,16 @@ private:
     {
         mTimeline.add({"bus", std::string(service) + (connected ? " is there" : " is not there"), "", ""});
         if (!connected) return;
-        mBus.call(statusUri, R"({"subscribe":true})",
-                  [this](const std::string& payload) { mTimeline.add(explainStatus(payload, mBoundName)); });
+        mBus.call(statusUri, R"({"subscribe":true})", [this](const std::string& payload) { explain(payload); });
     }
 
     Signals mSignals;  // before anything starts a thread
     BusClient mBus;
     Timeline mTimeline;
     std::string mBoundName;
+    std::string mJudgedName;    // bound when the plug-in judged the next push
+    bool mIsCauseSeen = false;  // a push was explained whose notification is still to come
+    bool mIsCauseDue = false;   // a notification came whose push is still to come
     ChangeCommand mCommand;
     WatchingAgent mAgent;
 };

@@ -37,7 +37,7 @@ TimelineEvent explainStatus(const std::string& payload, const std::string& bound
     event.source = "network";
     event.event = "Wi-Fi " + describe(status.wifi) + ", WAN " + describe(status.wan) + ", " +
                   (boundName.empty() ? "not bound" : "bound to " + boundName);
-    event.decision = decision.sendNwCng ? "notify the agent" : "do not notify the agent";
+    event.decision = decision.sendNwCng ? notifyDecision : "do not notify the agent";
     event.reason = decision.sendNwCng ? decision.reason : whyNot(status, boundName);
     return event;
 }

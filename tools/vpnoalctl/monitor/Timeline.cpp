@@ -22,7 +22,7 @@ void Timeline::add(const TimelineEvent& event)
         std::string text = fmt::format("{}  {:<8}  {}", timeForPeople(), event.source, event.event);
         if (!event.decision.empty()) text += "  ->  " + event.decision;
         if (!event.reason.empty()) text += " (" + event.reason + ")";
-        mOutput.line(text, event.decision == "notify the agent" ? Style::Warning : Style::Plain);
+        mOutput.line(text, event.decision == notifyDecision ? Style::Warning : Style::Plain);
     }
     mOutput.flush();
 }

@@ -10,6 +10,9 @@
 
 namespace vpnoalctl {
 
+/// The decision of a status that the agent is notified of.
+constexpr char notifyDecision[] = "notify the agent";
+
 struct TimelineEvent {
     std::string source;    // "network", "plug-in", ...
     std::string event;     // what happened
