@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <optional>
 #include <tuple>
@@ -72,7 +72,9 @@ void addAgentConnections(GuardRules& rules)
     const DirPtr folder(opendir(path));
     if (!folder) throw systemError("guard", path, errno);
     while (const dirent* const entry = readdir(folder.get())) {
-        if (entry->d_name[0] != '.') addConnection(rules, std::atoi(entry->d_name));
+        int socket = -1;
+        const char* const end = entry->d_name + std::strlen(entry->d_name);
+        if (std::from_chars(entry->d_name, end, socket).ptr == end) addConnection(rules, socket);
     }
     sortOnce(rules.ipv4Connections);
     sortOnce(rules.ipv6Connections);
