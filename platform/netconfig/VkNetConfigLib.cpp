@@ -24,6 +24,7 @@
 #include "interface/InterfaceControl.h"
 #include "interface/InterfaceRequest.h"
 #include "text/Names.h"
+#include "undolog/KeptSubjects.h"
 #include "undolog/UndoLog.h"
 
 using namespace vknetconfig;
@@ -51,6 +52,7 @@ public:
     {
         const auto isWanted = [&scope](const std::string& subject) {
             if (scope.isApplied && scope.subjects.count(subject) != 0) return false;
+            if (isKept(subject)) return false;
             return scope.cleansInterfaces || FirewallControl::isSubject(subject);
         };
         std::vector<std::string> stale = undoLog.claimStaleEntries(isWanted);
@@ -135,6 +137,14 @@ Scope scopeOf(const std::string& ifName, bool isApplied)
     return {{InterfaceControl::subjectOf(ifName), GuardControl::subjectOf(ifName)}, isApplied, true};
 }
 
+// A removal of what the agent is about to replace: the plug-in removes before it installs.
+bool isLeftToReplacement(const std::string& subject)
+{
+    if (!isKept(subject)) return false;
+    VKNETCONFIG_INFO("%s: kept, as it is to be replaced", subject.c_str());
+    return true;
+}
+
 template <class Work>
 int guarded(const char* function, Work work)
 {
@@ -168,6 +178,7 @@ extern "C" int CmDelInterfaceCfg(const char* ifName)
         if (ifName == nullptr) throw RequestError("ifName", "is a null pointer");
         const wfoal::Check check = wfoal::checkInterfaceName(ifName);
         if (!check) throw RequestError("ifName", check.reason());
+        if (isLeftToReplacement(InterfaceControl::subjectOf(ifName))) return;
         withLockedSession(scopeOf(ifName, false), [&](Session& session) { session.interfaces.remove(ifName); });
     });
 }
@@ -176,7 +187,9 @@ extern "C" int VkFirewallFullCtrl(const char* json)
 {
     return guarded(__func__, [json] {
         const FirewallRequest request = parseFirewallRequest(json);
-        const Scope scope{{FirewallControl::subjectOf(request.label)}, !request.remove, false};
+        const std::string subject = FirewallControl::subjectOf(request.label);
+        if (request.remove && isLeftToReplacement(subject)) return;
+        const Scope scope{{subject}, !request.remove, false};
         withLockedSession(scope, [&](Session& session) { session.firewall.apply(request); });
     });
 }

@@ -11,6 +11,7 @@
 
 #include "CommandError.h"
 #include "Json.h"
+#include "tunnel/KeptTunnel.h"
 
 #ifdef WFOAL_HOST_PLATFORM
 #include "VkNetConfigLib.h"
@@ -28,8 +29,11 @@ constexpr char bypassVariable[] = "VKNETCONFIG_BYPASS";
 
 #ifdef WFOAL_HOST_PLATFORM
 
+// The tunnel's configuration that a killed process left stays for the request that replaces it.
+
 void request(const std::string& interface, const std::string& text)
 {
+    const KeptTunnel kept;
     if (CmAddInterfaceCfg2(text.c_str()) == 0) return;
     throw CommandError("server", "the platform refused the routes beside the tunnel, through " + interface,
                        "the log names the key at fault; 'vpnoalctl doctor' shows what is missing");
@@ -37,7 +41,9 @@ void request(const std::string& interface, const std::string& text)
 
 void removeFrom(const std::string& interface)
 {
-    if (!interface.empty()) CmDelInterfaceCfg(interface.c_str());
+    if (interface.empty()) return;
+    const KeptTunnel kept;
+    CmDelInterfaceCfg(interface.c_str());
 }
 
 #else

@@ -20,7 +20,8 @@ namespace {
 // read it.
 void reserveEnvironment()
 {
-    for (const char* name : {"WFOAL_INTERFACE", "WFOAL_ADDRESS", "WFOAL_EVENT", "VKNETCONFIG_BYPASS"})
+    for (const char* name :
+         {"WFOAL_INTERFACE", "WFOAL_ADDRESS", "WFOAL_EVENT", "VKNETCONFIG_BYPASS", "VKNETCONFIG_KEEP"})
         setenv(name, "", 0);
 }
 

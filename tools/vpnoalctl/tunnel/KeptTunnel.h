@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Has the host platform keep the tunnel's configuration, for as long as the object lives, although something else is
+// requested, or its removal. For requests that come before those which replace it. What an ended process left stays
+// stale: when this process ends without a replacement, the next one removes it. Other platforms do not know it.
+#ifndef VPNOALCTL_KEPTTUNNEL_H
+#define VPNOALCTL_KEPTTUNNEL_H
+
+namespace vpnoalctl {
+
+class KeptTunnel {
+public:
+    KeptTunnel();
+    KeptTunnel(const KeptTunnel&) = delete;
+    KeptTunnel& operator=(const KeptTunnel&) = delete;
+    ~KeptTunnel();
+};
+
+}  // namespace vpnoalctl
+
+#endif
