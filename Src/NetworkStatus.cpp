@@ -10,7 +10,7 @@
 #include "QuorClient.h"
 #include "SocketInterface.h"
 #include "SystemInterface.h"
-#include "handles/Json.h"
+#include "handles/JsonParser.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ bool handleConManNetworkStatus(QSHandle*, QSMessage* message, void*)
     const char* payload = QSMessageGetPayload(message);
     JsonPtr status;
     if (payload != nullptr) {
-        status.reset(json_tokener_parse(payload));
+        status = jsonparser::parse(payload);
         WFOAL_DEBUG("%s Recieved: %ld, %s", __func__, static_cast<long>(token), payload);
     }
     std::string boundName;

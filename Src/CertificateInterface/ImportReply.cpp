@@ -8,6 +8,7 @@
 
 #include "Assertion.h"
 #include "Log.h"
+#include "handles/JsonParser.h"
 
 namespace wfoal {
 
@@ -77,7 +78,7 @@ bool ImportReply::isNewest() const
 
 void storeReply(std::size_t number, const char* payload)
 {
-    JsonPtr reply(json_tokener_parse(payload));
+    JsonPtr reply = jsonparser::parse(payload);
     const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
     if (spWaiting == nullptr || spWaiting->mNumber != number || spWaiting->mHasReply) return;
     spWaiting->mReply = std::move(reply);

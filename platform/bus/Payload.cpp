@@ -5,18 +5,15 @@
 
 #include <cstring>
 
-#include "handles/Json.h"
+#include "handles/JsonParser.h"
 
 namespace quor {
 
 std::optional<RequestPayload> parseRequest(const char* text)
 {
     if (isTooLarge(text) || !isValidUtf8(text)) return std::nullopt;
-    const std::size_t length = std::strlen(text);
-    const JsonTokenerPtr tokener(json_tokener_new());
-    // Strict, so that nothing may follow the object; with its terminator, so that it must be complete.
-    json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
-    const JsonPtr payload(json_tokener_parse_ex(tokener.get(), text, static_cast<int>(length + 1)));
+    // Strict, so that nothing may follow the object.
+    const JsonPtr payload = jsonparser::parse(text, JSON_TOKENER_STRICT);
     if (!json_object_is_type(payload.get(), json_type_object)) return std::nullopt;
     json_object* subscribe = json_object_object_get(payload.get(), "subscribe");
     return RequestPayload{json_object_is_type(subscribe, json_type_boolean) && json_object_get_boolean(subscribe)};

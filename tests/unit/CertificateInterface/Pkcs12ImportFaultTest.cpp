@@ -20,7 +20,6 @@
 
 using faults::AllocationFault;
 using faults::Glib;
-using faults::NoFault;
 
 namespace {
 
@@ -36,8 +35,8 @@ constexpr int notStruck = 8;  // added when fewer allocations were made
 
 }  // namespace
 
-// The recording fakes would allocate. The certificate manager answers at once; the event thread, which takes the
-// answer, is none that allocations fail on.
+// The recording fakes would allocate. The certificate manager answers at once, on the calling thread, so that the
+// allocations of the event thread, which takes the answer, fail too.
 extern "C" {
 
 void __wrap_VkLogPrint(VkLogContext*, int, const char*, ...);
@@ -48,7 +47,6 @@ bool __wrap_QSCall(QSHandle* handle, const char* uri, const char* payload, QSRep
 bool __wrap_QSCall(QSHandle* handle, const char*, const char*, QSReplyCallback callback, void* userData,
                    QSMessageToken*, QSError*)
 {
-    const NoFault noFault;
     QSMessage message{"{\"returnValue\": true}", 1};
     return callback(handle, &message, userData);
 }
