@@ -29,3 +29,24 @@ function(wfoal_find_installed_libraries target folder component)
             file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}${installed}/$<TARGET_FILE_NAME:${target}>\")
         endif()" COMPONENT ${component})
 endfunction()
+
+# wfoal_install_naming(SOURCE FOLDER NAME COMPONENT [VARIABLE FOLDER FILE]...): installs SOURCE as FOLDER/NAME, with each
+# @VARIABLE@ in it replaced by the path of an installed file. Where that is, is known when the prefix is: as it is
+# installed.
+function(wfoal_install_naming source folder name component)
+    install(FILES ${source} DESTINATION ${folder} RENAME ${name} COMPONENT ${component})
+    wfoal_installed_path("${folder}" installed)
+    set(named ${ARGN})
+    set(settings "")
+    while(named)
+        list(POP_FRONT named variable place file)
+        wfoal_installed_path("${place}" path)
+        string(APPEND settings "set(${variable} \"${path}/${file}\")\n")
+    endwhile()
+    install(CODE "
+        ${settings}
+        set(installed \"\$ENV{DESTDIR}${installed}/${name}\")
+        file(READ \"\${installed}\" text)
+        string(CONFIGURE \"\${text}\" text @ONLY)
+        file(WRITE \"\${installed}\" \"\${text}\")" COMPONENT ${component})
+endfunction()

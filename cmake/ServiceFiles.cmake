@@ -7,24 +7,12 @@ set(WFOAL_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING "Where systemd units 
 set(WFOAL_TMPFILES_DIR lib/tmpfiles.d CACHE STRING "Where tmpfiles.d entries go, below the prefix")
 set(WFOAL_DBUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1 CACHE STRING "Where D-Bus policy and activation files go, below the prefix")
 
-# Installs a file that names the program. Where the program is, is known when the prefix is: as it is installed.
-function(wfoal_install_naming_program program source folder name)
-    install(FILES ${source} DESTINATION ${folder} RENAME ${name} COMPONENT Services)
-    wfoal_installed_path("${CMAKE_INSTALL_LIBEXECDIR}" programs)
-    wfoal_installed_path("${folder}" installed)
-    install(CODE "
-        set(WFOAL_SERVICE_PROGRAM \"${programs}/${program}\")
-        set(installed \"\$ENV{DESTDIR}${installed}/${name}\")
-        file(READ \"\${installed}\" text)
-        string(CONFIGURE \"\${text}\" text @ONLY)
-        file(WRITE \"\${installed}\" \"\${text}\")" COMPONENT Services)
-endfunction()
-
 # wfoal_service_files(NAME PROGRAM): NAME is the service's bus name, PROGRAM its executable and unit.
 function(wfoal_service_files name program)
     set(source ${PROJECT_SOURCE_DIR}/packaging)
-    wfoal_install_naming_program(${program} ${source}/systemd/${program}.service.in ${WFOAL_SYSTEMD_UNIT_DIR} ${program}.service)
-    wfoal_install_naming_program(${program} ${source}/dbus/${name}.service.in ${WFOAL_DBUS_DIR}/system-services ${name}.service)
+    set(naming Services WFOAL_SERVICE_PROGRAM ${CMAKE_INSTALL_LIBEXECDIR} ${program})
+    wfoal_install_naming(${source}/systemd/${program}.service.in ${WFOAL_SYSTEMD_UNIT_DIR} ${program}.service ${naming})
+    wfoal_install_naming(${source}/dbus/${name}.service.in ${WFOAL_DBUS_DIR}/system-services ${name}.service ${naming})
     install(FILES ${source}/dbus/${name}.conf DESTINATION ${WFOAL_DBUS_DIR}/system.d COMPONENT Services)
     wfoal_gzip(${source}/man/${program}.8 manual)
     install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT Services)

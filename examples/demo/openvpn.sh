@@ -65,7 +65,7 @@ key $secrets/user.key
 remote-cert-tls server
 tls-version-min 1.3
 END
-    sed "s,[^ ]*/openvpn-hook,$build/bin/openvpn-hook," "$build/packaging/openvpn.conf" >>"$secrets/office.conf"
+    sed "s,@WFOAL_HOOK@,$build/bin/openvpn-hook," "$top/packaging/openvpn/openvpn.conf.in" >>"$secrets/office.conf"
 } 2>>"$logs/openssl.log"
 
 start_openvpn_server() {

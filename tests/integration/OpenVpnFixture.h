@@ -215,9 +215,8 @@ true)");
                "remote-cert-tls server\ntls-version-min 1.3\nlog /tmp/client.log\nverb 3\n"
                "setenv VKLOG_TARGET stderr\nsetenv VKLOG_LEVEL 4\n"
             << (mHasHook ? "config /tmp/openvpn.conf\n" : "dev norvatun0\ndev-type tun\npersist-tun\n");
-        std::string lines = contentOf(WFOAL_BUILD_DIR "/packaging/openvpn.conf");
-        const std::string installed =
-            lines.substr(lines.find("\nup ") + 4, lines.find("\nroute-up") - lines.find("\nup ") - 4);
+        std::string lines = contentOf(WFOAL_SOURCE_DIR "/packaging/openvpn/openvpn.conf.in");
+        const std::string installed = "@WFOAL_HOOK@";
         for (auto at = lines.find(installed); at != std::string::npos; at = lines.find(installed))
             lines.replace(at, installed.size(), hook);
         std::ofstream("/tmp/openvpn.conf") << lines;

@@ -14,14 +14,14 @@ protected:
     // The command of the template unit, with the test's paths.
     static Words unitsCommand()
     {
-        const std::string unit = contentOf(WFOAL_BUILD_DIR "/packaging/vpnoal-openvpn@.service");
+        const std::string unit = contentOf(WFOAL_SOURCE_DIR "/packaging/systemd/vpnoal-openvpn@.service.in");
         const std::size_t begin = unit.find("\nExecStart=") + 11;
         std::istringstream line(unit.substr(begin, unit.find('\n', begin) - begin));
         Words words;
         for (std::string word; line >> word;) {
             if (word == "/etc/openvpn/client") word = "/tmp";
             if (word == "%i.conf") word = "client.conf";
-            if (word.find("openvpn.conf") != std::string::npos) word = "/tmp/openvpn.conf";
+            if (word == "@WFOAL_OPENVPN_LINES@") word = "/tmp/openvpn.conf";
             words.push_back(word);
         }
         words.front() = program;

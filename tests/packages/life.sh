@@ -61,6 +61,10 @@ for service in $services; do
     check "$service is enabled" is_enabled "$service"
     check "$service has a unit that systemd takes" systemd-analyze verify --man=no "$service.service"
 done
+# An instance of a template has the paths of its programs looked at too.
+for unit in vpnoal-openvpn@office vpnoal-wg@home; do
+    check "$unit is a unit that systemd takes" systemd-analyze verify --man=no --recursive-errors=no "$unit.service"
+done
 
 start_network
 start_bus

@@ -43,6 +43,9 @@ while read -r file; do
 done < <(find "$work/root" -type f \( -name '*.so.*' -o -path '*/bin/*' -o -path '*/libexec/*' \))
 grep -rlF -e "$source/" -e "$build/" "$work/root" && complain 'the files above name folders of the build'
 
+# Units, and what OpenVPN reads, name programs: where the packages install them.
+grep -rIF -e /usr/local/ -e '@WFOAL' "$work/root" && complain 'the lines above name what the packages do not install'
+
 if command -v lintian >/dev/null; then
     lintian --allow-root --fail-on error,warning "$packages"/*.deb || status=1
 else
