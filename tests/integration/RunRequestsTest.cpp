@@ -61,6 +61,34 @@ TEST_F(RunRequestsTest, ProfileComesOverTheSocketAndAnotherReplacesIt)
     EXPECT_EQ(128 + SIGTERM, mRun->end());
 }
 
+TEST_F(RunRequestsTest, TheTunnelIsReadyWithTheLastProfileThatWasAnnounced)
+{
+    const std::string path = startAndFindSocket({});
+    EXPECT_EQ("{\"ok\":true}\n",
+              ask(path, R"({"op":"apply","profile":)" + std::string(splitTunnel) + ",\"more\":true}\n"));
+    EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
+    // A new address is applied to, and is no reason to report either.
+    shell("ip address del 10.8.0.2/24 dev norvatun0; ip address add 10.8.0.3/24 dev norvatun0");
+    EXPECT_TRUE(eventually([] { return routes().find("10.20.0.0/16 dev norvatun0") != std::string::npos; }));
+    EXPECT_THAT(ask(path, "{\"op\":\"apply\",\"profile\":{\"tunnel\":{\"address\":\"10.9.0.2/24\"}}}\n"),
+                HasSubstr("\"error\""));
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + std::string(fullTunnel) + "}\n"));
+    EXPECT_TRUE(isApplied(*mRun)) << mRun->output;
+    EXPECT_EQ(1, std::count(mRun->output.begin(), mRun->output.end(), '{')) << mRun->output;
+    EXPECT_THAT(mRun->output, HasSubstr(R"("routes":["0.0.0.0/0"])"));
+    EXPECT_EQ(128 + SIGTERM, mRun->end());
+}
+
+TEST_F(RunRequestsTest, AnAnnouncedProfileThatDoesNotComeEndsTheCommand)
+{
+    const std::string path = startAndFindSocket({"--wait", "2"});
+    EXPECT_EQ("{\"ok\":true}\n",
+              ask(path, R"({"op":"apply","profile":)" + std::string(splitTunnel) + ",\"more\":true}\n"));
+    EXPECT_EQ(1, mRun->wait());
+    EXPECT_THAT(mRun->output,
+                HasSubstr("not ready after 2 seconds: the command announced one more profile, which did not come"));
+}
+
 TEST_F(RunRequestsTest, ReplacedProfileLeavesWhatBothHave)
 {
     const std::string path = startAndFindSocket({profile});
@@ -122,6 +150,8 @@ TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)
         {"{\"op\":\"remove\"}\n", R"("error":"\"remove\" is none of \"apply\", \"restore\"","key":"op")"},
         {"{\"op\":\"apply\"}\n", R"("error":"missing","key":"profile")"},
         {"{\"op\":\"restore\",\"profile\":{}}\n", R"("error":"not with \"restore\"","key":"profile")"},
+        {"{\"op\":\"restore\",\"more\":true}\n", R"("error":"not with \"restore\"","key":"more")"},
+        {"{\"op\":\"apply\",\"profile\":{},\"more\":1}\n", R"("key":"more")"},
         {"{\"op\":\"apply\",\"profile\":{\"routes\":[{\"destination\":\"$(reboot)\"}]}}\n",
          R"(IPv4 address","key":"routes[0].destination","remedy":"correct the request; nothing was changed")"},
         {"{\"op\":\"apply\",\"profile\":{\"tunnel\":{\"address\":\"10.9.0.2/24\"}}}\n",

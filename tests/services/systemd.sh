@@ -1,19 +1,23 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# systemd.sh BUILD: both services as systemd runs them, installed from the build: a systemd of its own, first process of
-# private namespaces, with a private /run, cgroup tree and system bus, and with no unit but those named here. Then
-# systemd-in.sh asks and restarts things in there. Exits with 77 where that cannot be done.
+# systemd.sh BUILD SCRIPT [PROGRAM...]: the project's units as systemd runs them, installed from the build: a systemd of
+# its own, first process of private namespaces, with a private /run, cgroup tree and system bus, and with no unit but
+# those named here. Then the script beside this one asks and restarts things in there. Exits with 77 where that cannot be
+# done, or where there is no such PROGRAM.
 set -euo pipefail
-build=$1 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-init=/lib/systemd/systemd
+build=$1 script=$2 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+init=/lib/systemd/systemd log=$build/$script.log
 
 cannot() {
     echo "$1"
     exit 77
 }
 
-if [ "${2:-}" != --inside ]; then
+if [ "${3:-}" != --inside ]; then
+    for program in "${@:3}"; do
+        command -v "$program" >/dev/null || cannot "$program is not installed"
+    done
     [ "$(id -u)" -eq 0 ] || cannot 'running a systemd takes root'
     read -r _ _ users </proc/self/uid_map
     [ "$users" = 4294967295 ] || cannot 'a user namespace can make no devices'
@@ -21,7 +25,7 @@ if [ "${2:-}" != --inside ]; then
     hierarchy=$(awk '$3 == "cgroup2" { print $2; exit }' /proc/mounts)
     [ -n "$hierarchy" ] || cannot 'there is no cgroup2 tree'
     group=$hierarchy/wfoal-systemd.$$
-    : >"$build/systemd-test.log"
+    : >"$log"
     mkdir "$group" 2>/dev/null || cannot "$hierarchy cannot be written"
     # What ran in the group is dead by then; the kernel may need a moment to notice.
     # shellcheck disable=SC2317  # the trap calls it
@@ -35,9 +39,9 @@ if [ "${2:-}" != --inside ]; then
     trap remove_group EXIT
     # shellcheck disable=SC2016  # for the shell in the group
     timeout --kill-after=5 120 sh -c 'echo $$ >"$1/cgroup.procs"; shift; exec "$@"' sh "$group" \
-        unshare --cgroup --pid --fork --kill-child "$build/bin/isolate" "$here/systemd.sh" "$build" --inside ||
-        { cat "$build/systemd-test.log"; exit 1; }
-    grep -qx 'all done' "$build/systemd-test.log"
+        unshare --cgroup --pid --fork --kill-child "$build/bin/isolate" "$here/systemd.sh" "$build" "$script" --inside ||
+        { cat "$log"; exit 1; }
+    grep -qx 'all done' "$log"
     exit
 fi
 
@@ -48,8 +52,9 @@ mount -o remount,bind,ro /proc/sys
 mount -t sysfs -o ro sysfs /sys
 mount -t cgroup2 cgroup2 /sys/fs/cgroup
 mount -t tmpfs -o mode=755 private /dev
-for device in 'null 1 3' 'zero 1 5' 'full 1 7' 'random 1 8' 'urandom 1 9' 'tty 5 0'; do
+for device in 'null 1 3' 'zero 1 5' 'full 1 7' 'random 1 8' 'urandom 1 9' 'tty 5 0' 'net/tun 10 200'; do
     read -r name major minor <<<"$device"
+    mkdir -p "/dev/$(dirname "$name")"
     mknod -m 666 "/dev/$name" c "$major" "$minor"
 done
 ln -s /proc/self/fd /dev/fd
@@ -58,7 +63,7 @@ mount -t devpts -o newinstance,ptmxmode=666 devpts /dev/pts
 ln -s pts/ptmx /dev/ptmx
 
 installed=/var/installed
-for component in HostPlatform Services; do
+for component in HostPlatform Services Plugin Tools; do
     cmake --install "$build" --prefix $installed --component $component >/run/install.log || { cat /run/install.log; exit 1; }
 done
 rm -rf /etc/dbus-1 /etc/tmpfiles.d /etc/machine-id
@@ -91,8 +96,8 @@ SuccessActionExitStatus=0
 FailureActionExitStatus=1
 [Service]
 Type=oneshot
-ExecStart=/bin/bash $here/systemd-in.sh
-StandardOutput=file:$build/systemd-test.log
+ExecStart=/bin/bash $here/$script
+StandardOutput=file:$log
 StandardError=inherit
 END
 exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=private SYSTEMD_UNIT_PATH=$units \

@@ -84,6 +84,13 @@ TEST(AgentClientTest, OneLineIsSentAndOneIsRead)
     EXPECT_EQ(R"({"op":"apply","profile":{"server":"198.51.100.2"}})", agent.request());
 }
 
+TEST(AgentClientTest, AProfileThatIsNotTheLastSaysSo)
+{
+    Agent agent("{\"ok\":true}\n");
+    AgentClient(path).apply("{}", true);
+    EXPECT_EQ(R"({"op":"apply","profile":{},"more":true})", agent.request());
+}
+
 TEST(AgentClientTest, ALargeProfileIsSentWhole)
 {
     Agent agent("{\"ok\":true}\n");

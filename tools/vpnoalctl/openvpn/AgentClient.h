@@ -28,9 +28,13 @@ public:
     /// The agent's process.
     pid_t agent() const { return mAgent; }
 
-    /// Hands over a profile, JSON text in one line, or asks to remove what is installed. Throws CommandError with the
-    /// agent's reason when it refuses.
-    void apply(const std::string& profile) { request(R"({"op":"apply","profile":)" + profile + "}"); }
+    /// Hands over a profile, JSON text in one line, or asks to remove what is installed. With `isMoreToCome` the agent
+    /// does not report the tunnel as ready before it has another profile. Throws CommandError with the agent's reason
+    /// when it refuses.
+    void apply(const std::string& profile, bool isMoreToCome = false)
+    {
+        request(R"({"op":"apply","profile":)" + profile + (isMoreToCome ? R"(,"more":true})" : "}"));
+    }
     void restore() { request(R"({"op":"restore"})"); }
 
 private:

@@ -64,7 +64,8 @@ public:
     int apply(const OpenVpnTunnel& tunnel)
     {
         if (!mAgent) return applyHere(tunnel);
-        mAgent->apply(profileText(tunnel));
+        // OpenVPN says in --route-up whether all traffic goes into the tunnel, which is ready only then.
+        mAgent->apply(profileText(tunnel), !tunnel.allTraffic.has_value());
         return ExitOk;
     }
 

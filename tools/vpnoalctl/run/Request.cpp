@@ -18,6 +18,7 @@ constexpr std::string_view profilePrefix = "profile.";
 struct Read {
     std::string operation;
     std::optional<Profile> profile;
+    bool isMoreToCome = false;
 };
 
 constexpr JsonField<Read> keys[] = {
@@ -28,6 +29,7 @@ constexpr JsonField<Read> keys[] = {
          value.refuse(wfoal::excerpt(read.operation) + " is none of \"apply\", \"restore\"");
      }},
     {"profile", false, [](const JsonValue& value, Read& read) { read.profile = readProfile(value); }},
+    {"more", false, [](const JsonValue& value, Read& read) { read.isMoreToCome = value.boolean(); }},
 };
 
 std::string without(std::string_view prefix, const std::string& text)
@@ -46,12 +48,13 @@ Request parseRequest(const std::string& line)
             const bool applies = read.operation == "apply";
             if (applies && !read.profile) throw wfoal::JsonError("profile", "missing");
             if (!applies && read.profile) throw wfoal::JsonError("profile", "not with \"restore\"");
+            if (!applies && read.isMoreToCome) throw wfoal::JsonError("more", "not with \"restore\"");
         });
     } catch (const CommandError& error) {
         throw badInput("request", without(profilePrefix, error.reason()), error.remedy())
             .withKey(without(profilePrefix, error.key()));
     }
-    return {std::move(read.profile)};
+    return {std::move(read.profile), read.isMoreToCome};
 }
 
 std::string goodAnswer()

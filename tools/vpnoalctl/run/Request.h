@@ -2,7 +2,7 @@
 //
 // What the programs that `run` starts ask it for, one line of JSON:
 //
-//     {"op":"apply","profile":{...}}
+//     {"op":"apply","profile":{...}}        with "more":true when another profile follows
 //     {"op":"restore"}
 //
 // and its answer: {"ok":true}, or an error object.
@@ -19,6 +19,7 @@ namespace vpnoalctl {
 
 struct Request {
     std::optional<Profile> profile;  ///< to apply; none: restore
+    bool isMoreToCome = false;       ///< the tunnel is not ready with this profile
 };
 
 /// Throws CommandError with ExitUsage. Its key is that of the profile: "routes[3]".

@@ -216,6 +216,7 @@ void Runner::applyTo(const ReadyDevice& device, const Profile& profile)
 
 void Runner::reportFirst()
 {
+    if (mIsMoreToCome) return;
     mDeadline.reset();
     if (std::exchange(mIsReported, true)) return;
     mCommand.onApplied();
@@ -227,7 +228,8 @@ void Runner::reportFirst()
 void Runner::checkDeadline()
 {
     if (!mDeadline || Clock::now() < *mDeadline || mCommand.isEnding()) return;
-    std::string reason = "no profile was given, and none came over the socket";
+    std::string reason = mIsMoreToCome ? "the command announced one more profile, which did not come"
+                                       : "no profile was given, and none came over the socket";
     try {
         if (mWanted) usedDevice(mWanted->tunnel);
     } catch (const CommandError& error) {
@@ -254,13 +256,20 @@ void Runner::carryOut(const std::string& line)
     if (!request.profile) {
         mWanted.reset();
         mDevice.reset();
+        mIsMoreToCome = false;
         return mConfiguration->restore();
     }
     if (mCommand.isEnding()) throw CommandError("apply", "the command is ending", "start it again");
     usedDevice(request.profile->tunnel);
     const std::optional<ReadyDevice> device = readyDevice();
     if (!device) throw CommandError(tunnelDeviceName, "the interface went", "ask again when it is there");
-    applyTo(*device, *request.profile);
+    const bool wasMoreToCome = std::exchange(mIsMoreToCome, request.isMoreToCome);
+    try {
+        applyTo(*device, *request.profile);
+    } catch (const CommandError&) {
+        mIsMoreToCome = wasMoreToCome;
+        throw;
+    }
 }
 
 void Runner::wait()

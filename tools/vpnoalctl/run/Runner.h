@@ -88,6 +88,7 @@ private:
     std::optional<ReadyDevice> mDevice;  // that the configuration is applied to
     std::optional<Clock::time_point> mDeadline;
     std::optional<CommandError> mFailure;
+    bool mIsMoreToCome = false;  // the installed profile is not the whole one
     bool mIsReported = false;
 };
 
