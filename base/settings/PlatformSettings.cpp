@@ -10,20 +10,13 @@
 #include "handles/UniqueFd.h"
 #include "io/WholeFile.h"
 #include "text/Excerpt.h"
+#include "text/Words.h"
 
 namespace wfoal {
 
 namespace {
 
 constexpr std::size_t largestFile = std::size_t{64} * 1024;
-constexpr std::string_view blanks = " \t\r";
-
-std::string_view trimmed(std::string_view text)
-{
-    const std::size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
-}
 
 Check readSwitch(std::string_view value, bool& target)
 {
@@ -73,16 +66,7 @@ Check addNetwork(std::string_view text, BypassNetworks& networks)
 
 Check addNetworks(std::string_view list, BypassNetworks& networks)
 {
-    constexpr std::string_view separators = ", \t\r";
-    while (true) {
-        const std::size_t begin = list.find_first_not_of(separators);
-        if (begin == std::string_view::npos) return passed();
-        list.remove_prefix(begin);
-        const std::string_view word = list.substr(0, list.find_first_of(separators));
-        Check check = addNetwork(word, networks);
-        if (!check) return check;
-        list.remove_prefix(word.size());
-    }
+    return forEachWord(list, [&networks](std::string_view word) { return addNetwork(word, networks); });
 }
 
 Result<PlatformSettings> parsePlatformSettings(std::string_view text)

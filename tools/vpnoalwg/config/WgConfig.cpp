@@ -14,6 +14,7 @@
 #include "text/Names.h"
 #include "text/Suggest.h"
 #include "text/Utf8.h"
+#include "text/Words.h"
 
 namespace vpnoalwg {
 
@@ -21,8 +22,10 @@ namespace {
 
 using wfoal::Check;
 using wfoal::Fault;
+using wfoal::forEachWord;
 using wfoal::passed;
 using wfoal::Result;
+using wfoal::trimmed;
 
 enum class Occurrence { Once, Often };
 

@@ -17,7 +17,6 @@ using wfoal::passed;
 using wfoal::Result;
 
 constexpr std::string_view base64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::string_view blanks = " \t\r";
 
 // Longer than the words of any other value, shorter than what is left of a mangled key.
 bool mayHoldKey(std::string_view text)
@@ -53,27 +52,6 @@ Check checkHost(std::string_view host, bool isBracketed)
 std::string shown(std::string_view value)
 {
     return mayHoldKey(value) ? "the value, which may be a key and is not shown," : wfoal::excerpt(value);
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    const std::size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
-}
-
-Check forEachWord(std::string_view list, const std::function<Check(std::string_view)>& read)
-{
-    constexpr std::string_view separators = ", \t\r";
-    while (true) {
-        const std::size_t begin = list.find_first_not_of(separators);
-        if (begin == std::string_view::npos) return passed();
-        list.remove_prefix(begin);
-        const std::string_view word = list.substr(0, list.find_first_of(separators));
-        const Check check = read(word);
-        if (!check) return check;
-        list.remove_prefix(word.size());
-    }
 }
 
 // 43 characters hold 258 bits, two more than a key has: those of the last one must be 0.

@@ -5,7 +5,6 @@
 #define VPNOALWG_WGVALUES_H
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -16,12 +15,6 @@ namespace vpnoalwg {
 
 /// Foreign text fit for an error line, unless it might be a key that stands in the wrong place.
 std::string shown(std::string_view value);
-
-/// The text without the blanks around it.
-std::string_view trimmed(std::string_view text);
-
-/// Hands over each word of a list with commas or blanks between the words. Ends with the first fault.
-wfoal::Check forEachWord(std::string_view list, const std::function<wfoal::Check(std::string_view)>& read);
 
 /// 32 bytes as base64. The fault never holds the value.
 wfoal::Check checkKey(std::string_view value);
