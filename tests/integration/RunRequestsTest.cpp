@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a program that `vpnoalctl run` started asks of it, over the socket whose path it finds in its environment.
+#include "AccessTraffic.h"
 #include "RunKit.h"
 
 namespace {
@@ -128,6 +129,53 @@ TEST_F(RunRequestsTest, RefusedProfileLeavesTheEarlierOne)
         EXPECT_EQ(before, state());
     }
     mRun->end();
+}
+
+TEST_F(RunRequestsTest, RefusedProfilesKeepNoObjectOfThePlugIn)
+{
+    setenv("VKLOG_LEVEL", "7", 1);
+    setenv("VKLOG_TARGET", "stderr", 1);
+    const std::string path = startAndFindSocket({profile});
+    unsetenv("VKLOG_LEVEL");
+    unsetenv("VKLOG_TARGET");
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(ask(path, R"({"op":"apply","profile":{"dns":{"servers":["10.8.0.1"]}}})"
+                              "\n"),
+                    HasSubstr("the earlier one stays"));
+        ASSERT_TRUE(mRun->await("~SystemInterface() called Cleaning up Config"));
+    }
+    EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
+    mRun->end();
+}
+
+// What both have in the tunnel stays in it. The plug-in forgets a default route only when it restores.
+TEST_F(RunRequestsTest, FromAFullToASplitTunnelAndBackIsNoGap)
+{
+    const testsupport::AccessTraffic traffic("server", "198.51.100.77");
+    traffic.expectToBeSeen({"wifi4"});
+    const std::string path = startAndFindSocket({});
+    const auto apply = [&path](const std::string& text) {
+        EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + text + "}\n"));
+    };
+    const std::string filter = R"("filter":[{"action":"drop","protocol":"tcp","destinationPort":7}])";
+    const std::string full = R"({"server":"198.51.100.2","routes":[{"destination":"default"}],)" + filter + "}";
+    const std::string split =
+        R"({"server":"198.51.100.2","routes":[{"destination":"198.51.100.64/26"}],)" + filter + "}";
+    apply(full);
+    const testsupport::Beside beside(traffic, {"wifi4", "cellular4"});
+    for (int i = 0; i < 20; ++i) {
+        apply(split);
+        EXPECT_THAT(routes(), Not(HasSubstr("0.0.0.0/1 dev norvatun0")));
+        EXPECT_THAT(shell("nft list ruleset"), Not(HasSubstr("guard")));
+        apply(full);
+        EXPECT_THAT(routes(), HasSubstr("0.0.0.0/1 dev norvatun0"));
+    }
+    apply(split);
+    beside.expectNone();
+    traffic.expectToBeSeen({"wifi6", "cellular6"});
+    mRun->end();
+    traffic.expectToBeSeen({"wifi4"});
 }
 
 TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)

@@ -5,6 +5,7 @@
 
 #include "tunnel/BringUp.h"
 #include "tunnel/InstalledState.h"
+#include "tunnel/KeptTunnel.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
@@ -29,20 +30,26 @@ Configuration::Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& c
     newSystem();
 }
 
-// A request that failed is collected still, and would be sent again: another object has collected nothing.
+// A request that failed is collected still, and would be sent again: another object has collected nothing. Disposing of
+// the earlier one restores, and what is installed is to stay.
 void Configuration::newSystem()
 {
-    mSystems.push_back(mPlugin.create<KEST_SystemPlugin>());
-    mSystems.back()->SetSystemPluginCB(&mCallbacks);
+    const KeptTunnel kept;
+    mSystem = mPlugin.create<KEST_SystemPlugin>();
+    mSystem->SetSystemPluginCB(&mCallbacks);
+}
+
+// What is installed stays, for the profile that replaces it.
+void Configuration::forgetDefaultRoute()
+{
+    const KeptTunnel kept;
+    mSystem->RestoreSystemConfiguration();
 }
 
 void Configuration::apply(const Profile& profile)
 {
     try {
-        if (mInstalled && takesAllTraffic(*mInstalled) && !takesAllTraffic(profile)) {
-            mOwnership.reset();
-            mSystems.back()->RestoreSystemConfiguration();
-        }
+        if (mInstalled && takesAllTraffic(*mInstalled) && !takesAllTraffic(profile)) forgetDefaultRoute();
         bringUpNow(profile);
         mInstalled = profile;
     } catch (const CommandError& error) {
@@ -52,7 +59,7 @@ void Configuration::apply(const Profile& profile)
 
 void Configuration::bringUpNow(const Profile& profile)
 {
-    bringUp(*mSystems.back(), profile);
+    bringUp(*mSystem, profile);
     verifyFilter(profile);
     mOwnership.emplace();
 }
@@ -79,7 +86,7 @@ void Configuration::restore()
 {
     mOwnership.reset();
     mInstalled.reset();
-    mSystems.back()->RestoreSystemConfiguration();
+    mSystem->RestoreSystemConfiguration();
 }
 
 void Configuration::checkOwnership() const

@@ -6,7 +6,6 @@
 #define VPNOALCTL_CONFIGURATION_H
 
 #include <optional>
-#include <vector>
 
 #include "CommandError.h"
 #include "PluginLibrary.h"
@@ -39,13 +38,13 @@ public:
 
 private:
     void newSystem();
+    void forgetDefaultRoute();
     void bringUpNow(const Profile& profile);
     [[noreturn]] void refuse(const CommandError& error);
 
     const PluginLibrary& mPlugin;
     KEST_SystemPluginCB& mCallbacks;
-    // Disposing of any of them restores, so all are kept until the end. The last one is used.
-    std::vector<PluginPtr<KEST_SystemPlugin>> mSystems;
+    PluginPtr<KEST_SystemPlugin> mSystem;
     std::optional<Profile> mInstalled;
     std::optional<OwnershipWatch> mOwnership;
 };
