@@ -17,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -224,6 +225,37 @@ true)");
         words.insert(words.end(), more.begin(), more.end());
         return words;
     }
+
+    // The command of the template unit, with the test's paths.
+    static Words unitsCommand(const Words& more = {})
+    {
+        const std::string unit = contentOf(WFOAL_SOURCE_DIR "/packaging/systemd/vpnoal-openvpn@.service.in");
+        const std::size_t begin = unit.find("\nExecStart=") + 11;
+        std::istringstream line(unit.substr(begin, unit.find('\n', begin) - begin));
+        Words words;
+        for (std::string word; line >> word;) {
+            if (word == "/etc/openvpn/client") word = "/tmp";
+            if (word == "%i.conf") word = "client.conf";
+            if (word == "@WFOAL_OPENVPN_LINES@") word = "/tmp/openvpn.conf";
+            words.push_back(word);
+        }
+        words.front() = program;
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    }
+
+    /// The client is the agent then, and OpenVPN its child.
+    void connectInAgent(const Words& more = {})
+    {
+        unlink(clientLog);
+        mHasHook = false;  // the unit brings it
+        clientWords();
+        mClient = ChildProcess(unitsCommand(more));
+        ASSERT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
+        ASSERT_TRUE(waitUntil([] { return isReached("10.20.0.80"); })) << contentOf(clientLog);
+    }
+
+    pid_t openVpn() const { return std::stoi(shell("pgrep -x -P " + std::to_string(mClient.pid()) + " openvpn")); }
 
     static std::size_t timesConnected() { return countIn(contentOf(clientLog), "Initialization Sequence Completed"); }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // OpenVPN started by 'vpnoalctl run': openvpn-hook hands the configuration to that program, which owns it.
-#include <sstream>
+#include <sys/un.h>
 
 #include "OpenVpnFixture.h"
 
@@ -11,33 +11,6 @@ using testing::HasSubstr;
 
 class OpenVpnRunTest : public OpenVpnFixture {
 protected:
-    // The command of the template unit, with the test's paths.
-    static Words unitsCommand()
-    {
-        const std::string unit = contentOf(WFOAL_SOURCE_DIR "/packaging/systemd/vpnoal-openvpn@.service.in");
-        const std::size_t begin = unit.find("\nExecStart=") + 11;
-        std::istringstream line(unit.substr(begin, unit.find('\n', begin) - begin));
-        Words words;
-        for (std::string word; line >> word;) {
-            if (word == "/etc/openvpn/client") word = "/tmp";
-            if (word == "%i.conf") word = "client.conf";
-            if (word == "@WFOAL_OPENVPN_LINES@") word = "/tmp/openvpn.conf";
-            words.push_back(word);
-        }
-        words.front() = program;
-        return words;
-    }
-
-    void connectInAgent()
-    {
-        unlink(clientLog);
-        mHasHook = false;  // the unit brings it
-        clientWords();
-        mClient = ChildProcess(unitsCommand());
-        ASSERT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
-        ASSERT_TRUE(waitUntil([] { return isReached("10.20.0.80"); })) << contentOf(clientLog);
-    }
-
     /// Pings that were lost of 250, one each 10 ms, while `roam` happens.
     static int lostWhile(const std::string& roam)
     {
@@ -46,12 +19,7 @@ protected:
         const std::size_t at = output.find(" packets transmitted, ") + 22;
         return 250 - std::stoi(output.substr(at));
     }
-
-    static pid_t openVpn() { return std::stoi(shell("pgrep -x -P " + sPid + " openvpn")); }
-    static std::string sPid;
 };
-
-std::string OpenVpnRunTest::sPid;
 
 TEST_F(OpenVpnRunTest, RoamingLosesNothingBesideTheTunnel)
 {
@@ -76,11 +44,38 @@ TEST_F(OpenVpnRunTest, RoamingLosesNothingBesideTheTunnel)
     disconnect();
 }
 
+// OpenVPN runs --up before it knows whether all traffic goes into the tunnel, and --route-up two seconds later.
+TEST_F(OpenVpnRunTest, ReadyIsReportedWhenTheConfigurationIsComplete)
+{
+    startServer("subnet", {"redirect-gateway def1", "route 10.21.0.0 255.255.0.0"});
+    const UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string("/tmp/notify").copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(0, bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    const timeval limit{20, 0};
+    setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    unlink(clientLog);
+    mHasHook = false;  // the unit brings it
+    clientWords();
+    setenv("NOTIFY_SOCKET", "/tmp/notify", 1);
+    mClient = ChildProcess(unitsCommand({"--route-delay", "2"}));
+    unsetenv("NOTIFY_SOCKET");
+    char text[100];
+    const ssize_t size = recv(manager.get(), text, sizeof text, 0);
+    EXPECT_EQ("READY=1", std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0));
+    EXPECT_THAT(routes(), HasSubstr("0.0.0.0/1 dev norvatun0 proto 119"));
+    EXPECT_THAT(routes(), HasSubstr("10.21.0.0/16 via 10.8.0.1 dev norvatun0 proto 119"));
+    EXPECT_THAT(shell("nft list tables"), HasSubstr("vknetconfig-guard-norvatun0"));
+    EXPECT_TRUE(waitUntil([] { return timesConnected() != 0; }));
+    disconnect();
+    unlink("/tmp/notify");
+}
+
 TEST_F(OpenVpnRunTest, AKilledOpenVpnEndsTheAgentWhichRestores)
 {
     startServer("subnet", {"redirect-gateway def1"});
     connectInAgent();
-    sPid = std::to_string(mClient.pid());
     kill(openVpn(), SIGKILL);
     EXPECT_EQ(128 + SIGKILL, mClient.wait());
     shell("ip route delete 198.51.100.2 via 192.0.2.1 proto boot");  // OpenVPN's own
