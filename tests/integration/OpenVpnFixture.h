@@ -227,7 +227,7 @@ true)");
     }
 
     // The command of the template unit, with the test's paths.
-    static Words unitsCommand(const Words& more = {})
+    static Words unitsCommand(const Words& more = {}, const Words& options = {})
     {
         const std::string unit = contentOf(WFOAL_SOURCE_DIR "/packaging/systemd/vpnoal-openvpn@.service.in");
         const std::size_t begin = unit.find("\nExecStart=") + 11;
@@ -240,17 +240,18 @@ true)");
             words.push_back(word);
         }
         words.front() = program;
+        words.insert(words.begin() + 2, options.begin(), options.end());
         words.insert(words.end(), more.begin(), more.end());
         return words;
     }
 
-    /// The client is the agent then, and OpenVPN its child.
-    void connectInAgent(const Words& more = {})
+    /// The client is the agent then, and OpenVPN its child. `options` are those of the agent, `more` OpenVPN's.
+    void connectInAgent(const Words& more = {}, const Words& options = {})
     {
         unlink(clientLog);
         mHasHook = false;  // the unit brings it
         clientWords();
-        mClient = ChildProcess(unitsCommand(more));
+        mClient = ChildProcess(unitsCommand(more, options));
         ASSERT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
         ASSERT_TRUE(waitUntil([] { return isReached("10.20.0.80"); })) << contentOf(clientLog);
     }
