@@ -8,6 +8,7 @@
 #include "Context.h"
 #include "commands/Commands.h"
 #include "run/ChangeNotice.h"
+#include "run/Configuration.h"
 #include "run/GuestCommand.h"
 #include "run/Runner.h"
 
@@ -40,6 +41,7 @@ int runCommand(Context& context, Words& words)
     }
     std::optional<Profile> profile;
     if (!words.profile.empty()) profile = loadProfile(words.profile.front());
+    refuseTunnelInUse();
     words.options.what = command.front();
     GuestCommand guest(command, std::chrono::seconds(words.killSeconds));
     return Runner(context, words.options, std::move(profile), guest).run();

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tunnel/BringUp.h"
+#include "tunnel/DeviceUser.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/KeptTunnel.h"
 #include "tunnel/TunDevice.h"
@@ -100,6 +101,13 @@ void refuseSecondTunnel()
     if (left.owner == 0) return;
     throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
                        "end that process, or remove the configuration with 'vpnoalctl restore --force'");
+}
+
+void refuseTunnelInUse()
+{
+    const InstalledState left = installedState();
+    if (left.reason.empty() || left.owner != 0) return;
+    if (const auto user = deviceUser()) throw CommandError(deviceIsUsed(*user));
 }
 
 }  // namespace vpnoalctl

@@ -53,6 +53,10 @@ private:
 /// this process owns none.
 void refuseSecondTunnel();
 
+/// Throws CommandError when a tunnel is configured whose owner has ended and whose packets a living process carries, as
+/// those of an OpenVPN that runs its hook by itself.
+void refuseTunnelInUse();
+
 }  // namespace vpnoalctl
 
 #endif

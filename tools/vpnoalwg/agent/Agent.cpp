@@ -17,8 +17,10 @@
 #include "agent/AgentLock.h"
 #include "agent/Background.h"
 #include "config/ConfigFile.h"
+#include "run/Configuration.h"
 #include "run/Runner.h"
 #include "settings/PlatformSettings.h"
+#include "tunnel/DeviceUser.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/TunDevice.h"
 #include "wireguard/PeerLookup.h"
@@ -54,10 +56,20 @@ void refuseWhileUp(const AgentState& state)
                        fmt::format("'vpnoal-wg down {}' ends it", state.configuration));
 }
 
-// The lock keeps its text while something is left to be removed.
-void releaseWhenGone(AgentLock& lock)
+// A killed agent leaves its wireguard-go. Any other program has made the device for itself.
+void refuseForeignDevice(const AgentState& state)
 {
-    if (if_nametoindex(tunnelDeviceName) == 0 && vpnoalctl::installedState().reason.empty()) lock.release();
+    const auto user = vpnoalctl::deviceUser();
+    if (!user || (state.kind == AgentState::Kind::Left && user->name == "wireguard-go")) return;
+    throw CommandError(vpnoalctl::deviceIsUsed(*user));
+}
+
+// The lock keeps its text while something is left to be removed. A device that is still there, and that no killed agent
+// left, is another program's: this one has removed its own.
+void releaseWhenGone(AgentLock& lock, const AgentState& before)
+{
+    const bool isDeviceGone = before.kind == AgentState::Kind::None || if_nametoindex(tunnelDeviceName) == 0;
+    if (isDeviceGone && vpnoalctl::installedState().reason.empty()) lock.release();
 }
 
 void end(pid_t process)
@@ -88,6 +100,7 @@ void restoreConfiguration(Context& context)
 // A killed agent's tunnel. Its commands are those that the file has now.
 void removeStale(Context& context, AgentLock& lock, const std::string& path)
 {
+    refuseForeignDevice(lock.state());
     lock.take(path);
     WgConfig config;
     try {
@@ -110,6 +123,8 @@ int runAgent(Context& context, const std::string& nameOrFile)
     AgentLock lock;
     const AgentState before = lock.state();
     refuseWhileUp(before);
+    vpnoalctl::refuseSecondTunnel();
+    refuseForeignDevice(before);
     warnAbout(file);
     const PeerAddresses peers = lookUpPeers(file.config);
     vpnoalctl::Profile profile = profileOf(file.config);
@@ -124,11 +139,11 @@ int runAgent(Context& context, const std::string& nameOrFile)
     try {
         const int status = runner.run();
         program.remove();
-        releaseWhenGone(lock);
+        releaseWhenGone(lock, before);
         return status;
     } catch (const CommandError&) {
         program.remove();
-        releaseWhenGone(lock);
+        releaseWhenGone(lock, before);
         throw;
     }
 }

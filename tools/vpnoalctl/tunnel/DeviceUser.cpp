@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tunnel/DeviceUser.h"
+
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "io/WholeFile.h"
+#include "tunnel/TunDevice.h"
+
+namespace vpnoalctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string linkOf(const fs::path& path)
+{
+    std::error_code ignored;
+    return fs::read_symlink(path, ignored).string();
+}
+
+// The kernel names the device in the information about the descriptor.
+bool hasDeviceOpen(const fs::path& process)
+{
+    constexpr std::size_t most = 4096;
+    const std::string line = std::string("iff:\t") + tunnelDeviceName + "\n";
+    std::error_code gone;  // with its process
+    for (fs::directory_iterator file(process / "fd", gone); !gone && file != fs::directory_iterator();
+         file.increment(gone)) {
+        if (linkOf(file->path()) != "/dev/net/tun") continue;
+        const auto text = wfoal::readWhole((process / "fdinfo" / file->path().filename()).string(), most);
+        if (text && text->find(line) != std::string::npos) return true;
+    }
+    return false;
+}
+
+std::string nameOf(const fs::path& process)
+{
+    const auto text = wfoal::readWhole((process / "comm").string(), 64);
+    return text ? text->substr(0, text->find('\n')) : std::string();
+}
+
+}  // namespace
+
+std::optional<DeviceUser> deviceUser()
+{
+    const std::string here = linkOf("/proc/thread-self/ns/net");
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        const fs::path& path = entry->path();
+        const pid_t process = std::atoi(path.filename().c_str());
+        if (process <= 0 || linkOf(path / "ns/net") != here || !hasDeviceOpen(path)) continue;
+        return DeviceUser{process, nameOf(path)};
+    }
+    return std::nullopt;
+}
+
+CommandError deviceIsUsed(const DeviceUser& user)
+{
+    return {tunnelDeviceName, fmt::format("is in use by process {} ({})", user.process, user.name), "end that process"};
+}
+
+}  // namespace vpnoalctl
