@@ -203,6 +203,7 @@ true)");
         if (!isOneClientAtATime) words.emplace_back("--duplicate-cn");
         for (const std::string& push : pushes)
             words.insert(words.end(), {"--push", push});
+        words.insert(words.end(), mServerOptions.begin(), mServerOptions.end());
         mServer = ChildProcess(words);
         ASSERT_TRUE(waitUntil([] { return contentOf(serverLog).find("Initialization Sequence") != std::string::npos; }))
             << contentOf(serverLog);
@@ -297,6 +298,7 @@ true)");
     static std::string routes() { return shell("ip route show"); }
 
     bool mHasHook = true;  // false: OpenVPN by itself
+    Words mServerOptions;
     std::string mBefore;
     ChildProcess mServer;
     ChildProcess mClient;

@@ -82,4 +82,38 @@ TEST_F(OpenVpnRunTest, AKilledOpenVpnEndsTheAgentWhichRestores)
     EXPECT_EQ(mBefore, state());
 }
 
+// The agent has its own route to the server, so OpenVPN needs none.
+TEST_F(OpenVpnRunTest, WithoutRoutesOfItsOwnAKilledOpenVpnLeavesNothing)
+{
+    startServer("subnet", {"redirect-gateway def1"});
+    const std::string all = std::string(hook) + " --traffic all";
+    connectInAgent({"--route-noexec", "--up", all, "--route-up", all});
+    EXPECT_THAT(shell("ip route get 198.51.100.80"), HasSubstr("dev norvatun0"));
+    EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr("dev eth0"));
+    kill(openVpn(), SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, mClient.wait());
+    EXPECT_EQ(mBefore, state());
+}
+
+// A connection of TCP is bound to an address, which is gone. OpenVPN would notice after eight seconds, as the server's
+// "keepalive" says.
+TEST_F(OpenVpnRunTest, OverTcpTheSignalHasItConnectAgain)
+{
+    mServerOptions = {"--proto", "tcp-server"};
+    startServer("subnet", {"redirect-gateway def1"});
+    expectTheControlToSeePackets();
+    connectInAgent({"--proto", "tcp-client"}, {"--on-change", "SIGUSR1"});
+    const int before = arrived("beside");
+    const Sender sender;
+    const auto begin = std::chrono::steady_clock::now();
+    shell("ip link set eth0 down");
+    awaitConnections(2);
+    const int through = arrived("through");
+    EXPECT_TRUE(waitUntil([through] { return arrived("through") > through + 20; })) << contentOf(clientLog);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
+    EXPECT_EQ(before, arrived("beside"));
+    disconnect();
+    shell("ip link set eth0 up; ip -6 address flush dev eth0; ip route add default via 192.0.2.1 dev eth0 metric 100");
+}
+
 }  // namespace openvpntest
