@@ -77,13 +77,16 @@ private:
 
 class AccessTraffic {
 public:
-    /// The other ends of eth0 and wwan0 have the same names in the namespace. `inTunnel` is an IPv4 address that the
+    /// The other ends of eth0 and wwan0 have these names in the namespace. `inTunnel` is an IPv4 address that the
     /// tunnel covers.
-    AccessTraffic(std::string otherEnds, const char* inTunnel) : mInOtherEnds("nsenter --net=/run/netns/" + otherEnds)
+    AccessTraffic(const std::string& otherEnds, const char* inTunnel, const std::string& wifi = "eth0",
+                  const std::string& cellular = "wwan0")
+        : mInOtherEnds("nsenter --net=/run/netns/" + otherEnds)
     {
-        shell(mInOtherEnds + R"( sh -c 'ip -6 address add 2001:db8:80::80/128 dev lo
-            ip -6 address add 2001:db8:1::1/64 dev eth0 nodad; ip -6 address add 2001:db8:2::1/64 dev wwan0 nodad')");
-        shell(mInOtherEnds + R"( nft -f - <<'END'
+        shell(mInOtherEnds +
+              " sh -c 'ip -6 address add 2001:db8:80::80/128 dev lo; ip -6 address add 2001:db8:1::1/64" + " dev " +
+              wifi + " nodad; ip -6 address add 2001:db8:2::1/64 dev " + cellular + " nodad'");
+        shell(mInOtherEnds + " nft -D wifi=" + wifi + " -D cellular=" + cellular + R"( -f - <<'END'
 table inet access {
     counter wifi4 { }
     counter wifi6 { }
@@ -91,10 +94,10 @@ table inet access {
     counter cellular6 { }
     chain arriving {
         type filter hook prerouting priority -299
-        iifname "eth0" udp dport 9999 meta nfproto ipv4 counter name wifi4
-        iifname "eth0" udp dport 9999 meta nfproto ipv6 counter name wifi6
-        iifname "wwan0" udp dport 9999 meta nfproto ipv4 counter name cellular4
-        iifname "wwan0" udp dport 9999 meta nfproto ipv6 counter name cellular6
+        iifname $wifi udp dport 9999 meta nfproto ipv4 counter name wifi4
+        iifname $wifi udp dport 9999 meta nfproto ipv6 counter name wifi6
+        iifname $cellular udp dport 9999 meta nfproto ipv4 counter name cellular4
+        iifname $cellular udp dport 9999 meta nfproto ipv6 counter name cellular6
     }
 }
 END

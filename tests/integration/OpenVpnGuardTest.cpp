@@ -106,6 +106,22 @@ TEST_F(OpenVpnGuardTest, AKilledOpenVpnWhoseDeviceIsGoneAndTheNext)
     disconnect();
 }
 
+TEST_F(OpenVpnGuardTest, AKilledAgentAndItsOpenVpnAndTheNextAgentInStrictMode)
+{
+    shell("mkdir -p /etc/vpnwfoal; echo 'strict = on' >/etc/vpnwfoal/platform.conf");
+    connectInAgent();
+    const Beside beside(*mTraffic, bothFamilies);
+    const pid_t carrier = openVpn();
+    mClient.sendSignal(SIGKILL);
+    mClient.wait();
+    kill(carrier, SIGKILL);
+    mTraffic->awaitMore();
+    connectInAgent();
+    beside.expectNone();
+    disconnect();
+    shell("rm /etc/vpnwfoal/platform.conf");
+}
+
 TEST_F(OpenVpnGuardTest, ConfigurationsAppliedAgain)
 {
     connectInAgent();

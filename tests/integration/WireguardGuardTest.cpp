@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What leaves beside the tunnel of vpnoal-wg when it takes all traffic: nothing, over neither access network and of
+// neither family, whatever ends, starts or moves. Each test first sees all four kinds of packets without the tunnel.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "AccessTraffic.h"
+#include "ChildProcess.h"
+#include "Daemons.h"
+#include "Files.h"
+#include "Shell.h"
+#include "WireguardNetwork.h"
+
+namespace {
+
+using namespace testsupport;
+using testing::HasSubstr;
+
+constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoal-wg";
+constexpr char inside[] = "10.20.0.1";  // in the tunnel only
+const std::vector<std::string> bothFamilies{"wifi4", "cellular4", "wifi6", "cellular6"};
+const std::vector<std::string> ipv6Only{"wifi6", "cellular6"};
+
+class WireguardGuardTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (const std::string reason = WireguardNetwork::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
+        mNetwork.emplace();
+        mNetwork->writeConfig("home", "0.0.0.0/0");
+        mTraffic = std::make_unique<AccessTraffic>("internet", inside, "wifi", "cellular");
+        expectTheControl();
+        shell("ip route add default via 203.0.113.1 dev wwan0 metric 50");
+        mTraffic->expectToBeSeen({"cellular4"});
+        shell("ip route delete default dev wwan0 metric 50");
+    }
+    void TearDown() override
+    {
+        if (!mNetwork) return;
+        EXPECT_EQ(0, vpnoalWg("down").status);
+        expectTheControl();
+        mTraffic.reset();
+        mNetwork.reset();
+        std::filesystem::remove("/etc/vpnwfoal/platform.conf");
+    }
+
+    void expectTheControl() const { mTraffic->expectToBeSeen({"wifi4", "wifi6", "cellular6"}); }
+
+    static CommandResult vpnoalWg(const char* what) { return runCommand({program, what, "home"}); }
+    static void bringUp()
+    {
+        const CommandResult up = vpnoalWg("up");
+        ASSERT_EQ(0, up.status) << up.output;
+        ASSERT_TRUE(isReached());
+    }
+    static bool isReached() { return runCommand({"ping", "-n", "-c", "1", "-W", "5", inside}).status == 0; }
+
+    static pid_t agent()
+    {
+        const std::string refused = vpnoalWg("up").output;
+        return std::stoi(refused.substr(refused.find("by process ") + 11));
+    }
+    static pid_t wireguardGo(pid_t agent)
+    {
+        return std::stoi(shell("pgrep -x -P " + std::to_string(agent) + " wireguard-go"));
+    }
+    static void killAndAwait(pid_t process)
+    {
+        kill(process, SIGKILL);
+        EXPECT_TRUE(awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null"));
+    }
+
+    static void ethernetBack()
+    {
+        WireguardNetwork::setAccess("eth0", true);
+        AccessTraffic::addIpv6("eth0");
+    }
+    static bool outerRouteIsBy(const std::string& device)
+    {
+        return awaitSuccess("ip route get 198.51.100.2 | grep -q 'dev " + device + "'");
+    }
+
+    std::optional<WireguardNetwork> mNetwork;
+    std::unique_ptr<AccessTraffic> mTraffic;
+};
+
+TEST_F(WireguardGuardTest, AKilledAgentAndTheNext)
+{
+    bringUp();
+    const Beside beside(*mTraffic, bothFamilies);
+    killAndAwait(agent());
+    mTraffic->awaitMore();
+    bringUp();
+    beside.expectNone();
+}
+
+// As a service manager does it. The device goes with wireguard-go, and the routes with the device.
+TEST_F(WireguardGuardTest, AKilledAgentAndItsWireguardGoAndTheNext)
+{
+    bringUp();
+    const Beside beside(*mTraffic, ipv6Only);
+    const pid_t running = agent();
+    const pid_t carrier = wireguardGo(running);
+    killAndAwait(running);
+    killAndAwait(carrier);
+    mTraffic->awaitMore();
+    bringUp();
+    beside.expectNone();
+}
+
+TEST_F(WireguardGuardTest, AKilledAgentAndItsWireguardGoAndTheNextInStrictMode)
+{
+    std::filesystem::create_directories("/etc/vpnwfoal");
+    std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = on\n";
+    bringUp();
+    const Beside beside(*mTraffic, bothFamilies);
+    const pid_t running = agent();
+    const pid_t carrier = wireguardGo(running);
+    killAndAwait(running);
+    killAndAwait(carrier);
+    mTraffic->awaitMore();
+    bringUp();
+    beside.expectNone();
+}
+
+TEST_F(WireguardGuardTest, AKilledWireguardGoIsReplaced)
+{
+    bringUp();
+    const Beside beside(*mTraffic, ipv6Only);
+    const pid_t running = agent();
+    ASSERT_TRUE(awaitSuccess("test $(ps -o etimes= -p " + std::to_string(running) + ") -ge 2")) << "it has to last";
+    killAndAwait(wireguardGo(running));
+    ASSERT_TRUE(awaitSuccess("ping -n -c 1 -W 1 10.20.0.1"));
+    EXPECT_EQ(running, agent());
+    beside.expectNone();
+}
+
+TEST_F(WireguardGuardTest, FromWifiToCellularAndBack)
+{
+    bringUp();
+    const Beside beside(*mTraffic, bothFamilies);
+    for (int i = 0; i < 3; ++i) {
+        WireguardNetwork::setAccess("eth0", false);
+        EXPECT_TRUE(outerRouteIsBy("wwan0"));
+        ethernetBack();
+        EXPECT_TRUE(outerRouteIsBy("eth0"));
+        mTraffic->awaitMore();
+    }
+    beside.expectNone();
+    EXPECT_TRUE(isReached());
+}
+
+// The link goes down while the device sleeps, and gets its addresses again when it wakes.
+TEST_F(WireguardGuardTest, SuspendAndResume)
+{
+    if (const std::string reason = daemonUnavailable(Daemon::elogind); !reason.empty()) GTEST_SKIP() << reason;
+    const std::string manager =
+        "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager ";
+    const ChildProcess bus = startBus();
+    const ChildProcess elogind = startDaemon(Daemon::elogind);
+    const UniqueFd seen(open("/tmp/sleep", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const ChildProcess monitor({"busctl", "--system", "monitor", "--match=type='signal',member='PrepareForSleep'"},
+                               seen.get());
+    bringUp();
+    ASSERT_TRUE(awaitSuccess(manager + "ListInhibitors | grep -q norva-vpnagentd"));
+    const Beside beside(*mTraffic, bothFamilies);
+    shell(manager + "Suspend b false");
+    ASSERT_TRUE(awaitSuccess("grep -q 'BOOLEAN true' /tmp/sleep"));
+    WireguardNetwork::setAccess("eth0", false);
+    ASSERT_TRUE(awaitSuccess("grep -q 'BOOLEAN false' /tmp/sleep"));
+    EXPECT_TRUE(outerRouteIsBy("wwan0"));
+    ethernetBack();
+    EXPECT_TRUE(outerRouteIsBy("eth0"));
+    EXPECT_TRUE(isReached());
+    beside.expectNone();
+    EXPECT_EQ(0, vpnoalWg("down").status);
+    bringUp();  // without the bus
+}
+
+TEST_F(WireguardGuardTest, AccessNetworksThatGetIpv6Later)
+{
+    AccessTraffic::removeIpv6("eth0");
+    AccessTraffic::removeIpv6("wwan0");
+    bringUp();
+    const Beside beside(*mTraffic, bothFamilies);
+    AccessTraffic::addIpv6("wwan0");
+    AccessTraffic::addIpv6("eth0");
+    beside.expectNone();
+}
+
+}  // namespace
