@@ -142,6 +142,30 @@ TEST_F(SecondTunnelTest, WireguardWhileOpenVpnRunsByItself)
     disconnect();
 }
 
+// Its lock still names the configuration, and OpenVPN has made the device since.
+TEST_F(SecondTunnelTest, KilledWireguardWhileOpenVpnRunsByItself)
+{
+    if (!hasWireguard()) GTEST_SKIP() << "wg or wireguard-go is not installed";
+    writeWireguardConfig();
+    ASSERT_EQ(0, wireguardUp().status);
+    const std::string refused = wireguardUp().output;
+    const pid_t agent = std::stoi(refused.substr(refused.find("by process ") + 11));
+    const pid_t carrier = std::stoi(shell("pgrep -x -P " + std::to_string(agent) + " wireguard-go"));
+    kill(agent, SIGKILL);
+    kill(carrier, SIGKILL);
+    ASSERT_TRUE(waitUntil([] { return shell("ip -br link show type tun").empty(); }));
+    connect();
+    const std::string connected = state();
+    for (const char* command : {"up", "down"}) {
+        const CommandResult refused = runCommand({WFOAL_BUILD_DIR "/bin/vpnoal-wg", command, "home"});
+        EXPECT_EQ(1, refused.status);
+        EXPECT_THAT(refused.output, HasSubstr(refusalOfUse("vpnoal-wg", mClient.pid())));
+        expectTheFirstToGoOn(connected);
+    }
+    disconnect();
+    EXPECT_EQ(0, runCommand({WFOAL_BUILD_DIR "/bin/vpnoal-wg", "down", "home"}).status);
+}
+
 TEST_F(SecondTunnelTest, OpenVpnInAnAgentWhileWireguardIsUp)
 {
     if (!hasWireguard()) GTEST_SKIP() << "wg or wireguard-go is not installed";

@@ -2,6 +2,7 @@
 #include "tunnel/DeviceUser.h"
 
 #include <fmt/format.h>
+#include <net/if.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -47,6 +48,7 @@ std::string nameOf(const fs::path& process)
 
 std::optional<DeviceUser> deviceUser()
 {
+    if (if_nametoindex(tunnelDeviceName) == 0) return std::nullopt;
     const std::string here = linkOf("/proc/thread-self/ns/net");
     std::error_code error;
     for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
