@@ -148,8 +148,8 @@ TEST_F(SecondTunnelTest, KilledWireguardWhileOpenVpnRunsByItself)
     if (!hasWireguard()) GTEST_SKIP() << "wg or wireguard-go is not installed";
     writeWireguardConfig();
     ASSERT_EQ(0, wireguardUp().status);
-    const std::string refused = wireguardUp().output;
-    const pid_t agent = std::stoi(refused.substr(refused.find("by process ") + 11));
+    const std::string named = wireguardUp().output;
+    const pid_t agent = std::stoi(named.substr(named.find("by process ") + 11));
     const pid_t carrier = std::stoi(shell("pgrep -x -P " + std::to_string(agent) + " wireguard-go"));
     kill(agent, SIGKILL);
     kill(carrier, SIGKILL);
