@@ -29,7 +29,7 @@ using testsupport::contentOf;
 using testsupport::runCommand;
 
 inline constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
-inline constexpr char fakePlatform[] = WFOAL_BUILD_DIR "/tests/tools/vpnoalctl/fake-platform";
+inline constexpr char fakeNetConfig[] = WFOAL_BUILD_DIR "/tests/tools/vpnoalctl/fake-platform/libVkNetConfigLib.so.0";
 inline constexpr char calls[] = "/tmp/calls";
 inline constexpr char profile[] = "/tmp/profile.json";
 
@@ -70,7 +70,10 @@ protected:
         unlink(calls);
         for (const char* name : {"NETCONFIG_DELAY", "NETCONFIG_RESULT", "NETCONFIG_NO_FILTER"})
             unsetenv(name);
-        setenv("LD_LIBRARY_PATH", fakePlatform, 1);
+        // Sanitized programs look into their own folder before LD_LIBRARY_PATH. Their runtime wants to be the first
+        // library.
+        setenv("LD_PRELOAD", fakeNetConfig, 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
         setenv("NETCONFIG_LOG", calls, 1);
         writeFile(profile, R"({"tunnel":{"address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1280},
                                "filter":[{"action":"drop","protocol":"tcp","destinationPort":22}]})");

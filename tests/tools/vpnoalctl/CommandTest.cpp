@@ -97,7 +97,7 @@ TEST_F(CommandTest, PluginThatCannotBeLoadedIsExitCode3)
 
 TEST_F(CommandTest, LibraryThatIsNoPluginIsRefused)
 {
-    const CommandResult result = run({"info", "--plugin", std::string(fakePlatform) + "/libVkNetConfigLib.so.0"});
+    const CommandResult result = run({"info", "--plugin", fakeNetConfig});
     EXPECT_EQ(3, result.status);
     EXPECT_THAT(result.output, HasSubstr("has no CreatePlugin(), so it is no such plug-in"));
 }
@@ -110,7 +110,7 @@ TEST_F(CommandTest, InfoNamesThePluginAndItsInterfaces)
     EXPECT_THAT(result.output, HasSubstr(R"("interfaces":["com.norva.wayfold.kest.system",)"
                                          R"("com.norva.wayfold.kest.certificate","com.norva.wayfold.kest.storage",)"
                                          R"("com.norva.wayfold.kest.socket"])"));
-    EXPECT_THAT(result.output, HasSubstr(fakePlatform));
+    EXPECT_THAT(result.output, HasSubstr(fakeNetConfig));
     EXPECT_THAT(recordedCalls(), ElementsAre());
 }
 
