@@ -178,6 +178,27 @@ TEST_F(RunRequestsTest, FromAFullToASplitTunnelAndBackIsNoGap)
     traffic.expectToBeSeen({"wifi4"});
 }
 
+TEST_F(RunRequestsTest, ARefusedSplitTunnelIsNoGapInTheFullOne)
+{
+    const testsupport::AccessTraffic traffic("server", "198.51.100.77");
+    traffic.expectToBeSeen({"wifi4", "wifi6", "cellular6"});
+    writeProfile(fullTunnel);
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    const auto installed = [] { return routes() + shell("nft list tables | sort"); };
+    const std::string before = installed();
+    const testsupport::Beside beside(traffic, {"wifi4", "cellular4", "wifi6", "cellular6"});
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_THAT(ask(path, R"({"op":"apply","profile":{"dns":{"servers":["10.8.0.1"]},)"
+                              R"("routes":[{"destination":"10.20.0.0/16"}]}})"
+                              "\n"),
+                    HasSubstr("the earlier one stays"));
+    }
+    beside.expectNone();
+    EXPECT_EQ(before, installed());
+    mRun->end();
+}
+
 TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)
 {
     const std::string path = startAndFindSocket({profile});
