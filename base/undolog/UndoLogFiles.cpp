@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 
 #include "handles/UniqueFd.h"
+#include "io/WholeFile.h"
 
 namespace wfoal {
 
@@ -31,6 +33,19 @@ std::string currentNetworkNamespace()
     socklen_t size = sizeof cookie;
     if (getsockopt(any.get(), SOL_SOCKET, SO_NETNS_COOKIE, &cookie, &size) == 0) return "c" + std::to_string(cookie);
     return errno == ENOPROTOOPT ? inodeOfNetworkNamespace() : std::string();
+}
+
+Result<Origin> currentOrigin()
+{
+    const Result<std::string> boot = readWhole("/proc/sys/kernel/random/boot_id", 64);
+    if (!boot) return Fault{"boot id: " + boot.reason()};
+    Origin origin{boot->substr(0, boot->find('\n')), currentNetworkNamespace(), {}};
+    struct stat status {};
+    if (origin.networkNamespace.empty() || stat("/proc/thread-self/ns/net", &status) != 0) {
+        return Fault{std::string("network namespace: ") + std::strerror(errno)};
+    }
+    origin.namespaceInode = std::to_string(status.st_ino);
+    return origin;
 }
 
 pid_t holderIn(int lockFile)

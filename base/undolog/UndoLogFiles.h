@@ -11,17 +11,25 @@
 #include <string>
 #include <string_view>
 
+#include "result/Result.h"
+#include "undolog/UndoLogEntry.h"
+
 namespace wfoal {
 
 inline constexpr char undoLogFolder[] = "/run/vknetconfig";
 inline constexpr std::string_view entrySuffix = ".journal";
 inline constexpr std::string_view lockSuffix = ".lock";
+/// Locked by the process whose request is being carried out.
+inline constexpr char turnLock[] = "turn";
 inline constexpr char namespaceSeparator = '@';
 
 /// The calling thread's network namespace: "c7", the kernel's cookie, which no other namespace gets until the next
 /// boot. Kernels before 5.14 have none; there it is "i4026531840", the inode, which a later namespace may get. Empty,
 /// with errno set, when the kernel cannot be asked.
 std::string currentNetworkNamespace();
+
+/// Where the calling thread runs.
+Result<Origin> currentOrigin();
 
 /// The process id in a lock file, 0 when there is none.
 pid_t holderIn(int lockFile);

@@ -18,7 +18,8 @@ base/io              base/handles base/result
 base/netlink         base/handles
 base/process         base/handles base/result base/text
 base/settings        base/handles base/io base/net base/result base/text
-base/undolog         base/handles
+base/resolved        base/handles base/json base/net base/result base/text
+base/undolog         base/handles base/io base/json base/net base/result base/settings base/text
 include/agent        -
 include/plugin       include/agent base/handles
 platform/include     -

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "RequestError.h"
-#include "dns/LinkDns.h"
+#include "resolved/LinkDns.h"
 #include "text/Names.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
@@ -21,8 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
             if (request.routeKey(index).empty()) std::abort();
         }
         // DNS settings go through the undo log, where a line must come back as it was.
-        const LinkChange change{{1, request.ifName}, resolvedSettingsFor(request.dns), {}};
-        const LinkChange again = LinkChange::decode(change.encode());
+        const wfoal::LinkChange change{{1, request.ifName}, resolvedSettingsFor(request.dns), {}};
+        const wfoal::LinkChange again = wfoal::LinkChange::decode(change.encode());
         if (!(again.link == change.link) || !(again.set == change.set)) std::abort();
     } catch (const RequestError& error) {
         // One line, and no longer than a line of a log should be.

@@ -1,33 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dns/Dns.h"
 
-#include <algorithm>
-
 #include "RequestError.h"
 #include "dns/ResolvconfBackend.h"
 #include "dns/SystemdResolvedBackend.h"
+#include "undolog/DnsLine.h"
 
 namespace vknetconfig {
 
-namespace {
-
-// A prepared line: the word of its back end, a blank, and the back end's own line.
-struct Line {
-    explicit Line(std::string_view text)
-        : word(text.substr(0, text.find(' '))), rest(text.substr(std::min(word.size() + 1, text.size())))
-    {
-    }
-    std::string_view word;
-    std::string_view rest;
-};
-
-}  // namespace
+using wfoal::DnsLine;
 
 // The first one that works is chosen.
 Dns::Dns()
 {
-    mBackends.push_back({"resolved", std::make_unique<SystemdResolvedBackend>()});
-    mBackends.push_back({"resolvconf", std::make_unique<ResolvconfBackend>()});
+    mBackends.push_back({wfoal::resolvedWord, std::make_unique<SystemdResolvedBackend>()});
+    mBackends.push_back({wfoal::resolvconfWord, std::make_unique<ResolvconfBackend>()});
 }
 
 std::string Dns::prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier)
@@ -36,7 +23,7 @@ std::string Dns::prepare(const Link& link, const DnsSettings& settings, const st
         if (!backend->works()) continue;
         std::vector<std::string> ofBackend;
         for (const std::string& text : earlier) {
-            if (const Line line(text); line.word == word) ofBackend.emplace_back(line.rest);
+            if (const DnsLine line(text); line.word == word) ofBackend.emplace_back(line.rest);
         }
         return std::string(word) + " " + backend->prepare(link, settings, ofBackend);
     }
@@ -47,7 +34,7 @@ std::string Dns::prepare(const Link& link, const DnsSettings& settings, const st
 
 DnsBackend& Dns::backendOf(std::string_view prepared) const
 {
-    const Line line(prepared);
+    const DnsLine line(prepared);
     for (const auto& [word, backend] : mBackends) {
         if (line.word == word && !line.rest.empty()) return *backend;
     }
@@ -61,18 +48,18 @@ void Dns::set(const Link& link, const DnsSettings& settings, std::string_view pr
 
 void Dns::setAgain(std::string_view prepared, IsWanted isWanted)
 {
-    backendOf(prepared).setAgain(Line(prepared).rest, std::move(isWanted));
+    backendOf(prepared).setAgain(DnsLine(prepared).rest, std::move(isWanted));
 }
 
 bool Dns::usesSameResolver(std::string_view prepared, std::string_view earlier)
 {
-    return Line(prepared).word == Line(earlier).word;
+    return DnsLine(prepared).word == DnsLine(earlier).word;
 }
 
 void Dns::undo(std::string_view prepared)
 {
     mPending.erase(std::string(prepared));
-    if (!backendOf(prepared).undo(Line(prepared).rest)) mPending.emplace(prepared);
+    if (!backendOf(prepared).undo(DnsLine(prepared).rest)) mPending.emplace(prepared);
 }
 
 }  // namespace vknetconfig

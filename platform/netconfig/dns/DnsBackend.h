@@ -10,9 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "dns/DnsSettings.h"
+#include "resolved/DnsSettings.h"
 
 namespace vknetconfig {
+
+using wfoal::DnsSettings;
+using wfoal::Link;
 
 class DnsBackend {
 public:

@@ -13,7 +13,7 @@
 #include "RequestError.h"
 #include "SignalMatch.h"
 #include "SignalsBlocked.h"
-#include "dns/ResolvedManager.h"
+#include "resolved/ResolvedManager.h"
 
 namespace vknetconfig {
 
@@ -111,8 +111,8 @@ void DnsWatcher::run()
 
 void DnsWatcher::listen()
 {
-    ResolvedManager manager(openSystemBus(mStop.get()));
-    const systembus::SignalMatch match(manager.bus(), systembus::ownerChangesOf(resolvedName),
+    ResolvedManager manager(wfoal::openSystemBus(mStop.get()));
+    const systembus::SignalMatch match(manager.bus(), systembus::ownerChangesOf(wfoal::resolvedName),
                                        systembus::onOwnerChange([this](const std::string&, const std::string& owner) {
                                            if (!owner.empty()) mDue = Clock::now();
                                        }));
@@ -123,9 +123,9 @@ void DnsWatcher::listen()
     mOwner.clear();
     mDue = isUnchanged ? never : Clock::now();
     do {
-        processPending(manager.bus());
+        wfoal::processPending(manager.bus());
         if (Clock::now() >= mDue) resolvedIsUp(manager);
-    } while (waitForEvents(manager.bus(), mStop.get(), mDue));
+    } while (wfoal::waitForEvents(manager.bus(), mStop.get(), mDue));
 }
 
 void DnsWatcher::resolvedIsUp(ResolvedManager& manager)
@@ -171,7 +171,7 @@ void DnsWatcher::dropUnwanted()
 void DnsWatcher::setAgain(ResolvedManager& manager)
 {
     for (const auto& [index, watched] : mWatched) {
-        if (!isPresent({index, watched.name})) continue;
+        if (!wfoal::isPresent({index, watched.name})) continue;
         const auto found = manager.read(index);
         if (found && *found == watched.dns) continue;
         const auto now = Clock::now();

@@ -14,13 +14,20 @@
 #include <mutex>
 #include <thread>
 
-#include "dns/LinkDns.h"
 #include "dns/RateLimit.h"
 #include "handles/UniqueFd.h"
+#include "resolved/LinkDns.h"
+
+namespace wfoal {
+class ResolvedManager;
+}
 
 namespace vknetconfig {
 
-class ResolvedManager;
+using wfoal::Link;
+using wfoal::LinkChange;
+using wfoal::LinkDns;
+using wfoal::ResolvedManager;
 
 class DnsWatcher {
 public:

@@ -2,8 +2,9 @@
 #include "dns/ResolvconfBackend.h"
 
 #include "RequestError.h"
-#include "dns/LinkDns.h"
 #include "process/Subprocess.h"
+#include "resolved/LinkDns.h"
+#include "undolog/DnsLine.h"
 
 namespace vknetconfig {
 
@@ -17,7 +18,7 @@ constexpr auto longestRun = std::chrono::seconds(5);
 
 SubprocessResult run(const char* operation, std::string_view interfaceName, std::string_view input)
 {
-    return runSubprocess({tool, operation, std::string(interfaceName) + ".vknetconfig"}, input, longestRun);
+    return runSubprocess({tool, operation, wfoal::resolvconfName(interfaceName)}, input, longestRun);
 }
 
 std::string fileFor(const DnsSettings& settings)
@@ -26,7 +27,7 @@ std::string fileFor(const DnsSettings& settings)
     for (const wfoal::Ipv4Address server : settings.servers)
         text += "nameserver " + dotted(server) + "\n";
     std::string names;
-    for (const DnsDomain& domain : resolvedSettingsFor(settings).domains) {
+    for (const wfoal::DnsDomain& domain : resolvedSettingsFor(settings).domains) {
         if (!domain.routeOnly) names += " " + domain.name;  // this resolver cannot choose links by name
     }
     return names.empty() ? text : text + "search" + names + "\n";

@@ -3,7 +3,7 @@
 
 #include "Log.h"
 #include "RequestError.h"
-#include "dns/ResolvedManager.h"
+#include "resolved/ResolvedManager.h"
 
 namespace vknetconfig {
 
@@ -19,10 +19,10 @@ LinkDns readPresent(ResolvedManager& manager, const Link& link)
 // False when there is no systemd-resolved now.
 bool undoNow(const LinkChange& change)
 {
-    if (!hasIndex(change.link)) return true;
+    if (!wfoal::hasIndex(change.link)) return true;
     SdBusPtr bus;
     try {
-        bus = openSystemBus();
+        bus = wfoal::openSystemBus();
     } catch (const RequestError&) {
         return false;  // no bus, no systemd-resolved
     }
@@ -45,7 +45,7 @@ std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings&
                                             const std::vector<std::string>& earlier)
 {
     ResolvedManager manager;
-    LinkChange change{link, resolvedSettingsFor(settings), readPresent(manager, link)};
+    LinkChange change{link, wfoal::resolvedSettingsFor(settings), readPresent(manager, link)};
     for (const std::string& line : earlier) {
         const LinkChange installed = LinkChange::decode(line);
         if (installed.link == link) change.before = stateAfterUndo(installed, change.before);
@@ -55,7 +55,7 @@ std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings&
 
 void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, IsWanted isWanted)
 {
-    const LinkDns wanted = resolvedSettingsFor(settings);
+    const LinkDns wanted = wfoal::resolvedSettingsFor(settings);
     ResolvedManager manager;
     const LinkDns before = readPresent(manager, link);
     try {
@@ -74,7 +74,7 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
 void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWanted)
 {
     const LinkChange change = LinkChange::decode(prepared);
-    if (!isPresent(change.link)) return;
+    if (!wfoal::isPresent(change.link)) return;
     ResolvedManager().write(change.link.index, change.set);
     mWatcher.watch(change.link, change.set, std::move(isWanted));
 }

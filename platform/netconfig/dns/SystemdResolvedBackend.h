@@ -6,7 +6,7 @@
 
 #include "dns/DnsBackend.h"
 #include "dns/DnsWatcher.h"
-#include "dns/LinkDns.h"
+#include "resolved/LinkDns.h"
 
 namespace vknetconfig {
 

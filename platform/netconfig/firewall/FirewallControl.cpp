@@ -1,27 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "firewall/FirewallControl.h"
 
-#include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "Log.h"
 #include "firewall/FirewallMessages.h"
 #include "firewall/OwnTable.h"
+#include "undolog/Subjects.h"
 
 namespace vknetconfig {
-
-namespace {
-
-constexpr std::string_view subjectStart = "firewall-";
-
-std::string labelOf(const std::string& subject)
-{
-    std::string label = subject.substr(subjectStart.size());
-    std::replace(label.begin(), label.end(), '%', '/');
-    return label;
-}
-
-}  // namespace
 
 void FirewallControl::apply(const FirewallRequest& request)
 {
@@ -70,21 +58,19 @@ void FirewallControl::remove(const std::string& label)
     mUndoLog.erase(subject);
 }
 
-// Subjects are names of files; '%' is in no label.
 std::string FirewallControl::subjectOf(std::string label)
 {
-    std::replace(label.begin(), label.end(), '/', '%');
-    return std::string(subjectStart) + label;
+    return wfoal::filterSubject(std::move(label));
 }
 
 bool FirewallControl::isSubject(std::string_view subject)
 {
-    return subject.substr(0, subjectStart.size()) == subjectStart;
+    return wfoal::isSubjectOf(wfoal::filterSubjects, subject);
 }
 
 void FirewallControl::removeStale(const std::string& subject)
 {
-    const std::string label = labelOf(subject);
+    const std::string label = wfoal::filterTable(subject);
     // Another program's table of this name may have replaced ours.
     mSocket.followNamespace();
     const TableFound found = findTable(mSocket, label);

@@ -8,14 +8,16 @@
 
 #include "firewall/NftRule.h"
 #include "firewall/TableMessages.h"
+#include "undolog/Subjects.h"
 
 namespace vknetconfig {
 
 namespace {
 
 // Names of chains in requests begin with a letter, so these are never one of them.
-constexpr BaseChain baseChains[] = {
-    {"_input", NF_INET_LOCAL_IN}, {"_output", NF_INET_LOCAL_OUT}, {"_forward", NF_INET_FORWARD}};
+constexpr BaseChain baseChains[] = {{wfoal::inputChain, NF_INET_LOCAL_IN},
+                                    {wfoal::outputChain, NF_INET_LOCAL_OUT},
+                                    {wfoal::forwardChain, NF_INET_FORWARD}};
 
 void match(NftRule& rule, std::uint32_t offset, const std::optional<wfoal::Ipv4Network>& network)
 {

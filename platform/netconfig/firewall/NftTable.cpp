@@ -3,7 +3,6 @@
 
 #include <netinet/in.h>  // before the kernel's header of the same names
 
-#include <libnftnl/udata.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 
@@ -13,6 +12,7 @@
 
 #include "RequestError.h"
 #include "handles/Nftnl.h"
+#include "undolog/TableMark.h"
 
 namespace vknetconfig {
 
@@ -25,35 +25,11 @@ TableFound readTable(const nlmsghdr* message)
     if (nftnl_table_nlmsg_parse(message, table.get()) < 0) throw systemError("nftables", "receive", errno);
     std::uint32_t length = 0;
     const auto* data = static_cast<const char*>(nftnl_table_get_data(table.get(), NFTNL_TABLE_USERDATA, &length));
-    const bool isOurs = data != nullptr && bearsMark({data, length});
+    const bool isOurs = data != nullptr && wfoal::bearsMark({data, length});
     return {isOurs ? TableState::Ours : TableState::Foreign, nftnl_table_get_u64(table.get(), NFTNL_TABLE_HANDLE)};
 }
 
 }  // namespace
-
-// Fields of one byte type, one byte length, value. The comment ends with a NUL.
-std::string markedUserData()
-{
-    std::string bytes{static_cast<char>(NFTNL_UDATA_TABLE_COMMENT), static_cast<char>(tableMark.size() + 1)};
-    bytes += tableMark;
-    bytes += '\0';
-    return bytes;
-}
-
-bool bearsMark(std::string_view bytes)
-{
-    while (bytes.size() >= 2) {
-        const char type = bytes[0];
-        const std::size_t length = static_cast<unsigned char>(bytes[1]);
-        bytes.remove_prefix(2);
-        if (length > bytes.size()) return false;
-        if (type == NFTNL_UDATA_TABLE_COMMENT) {
-            return bytes.substr(0, length) == std::string_view(tableMark.data(), tableMark.size() + 1);
-        }
-        bytes.remove_prefix(length);
-    }
-    return false;
-}
 
 TableFound findTable(NetlinkSocket& socket, const std::string& name)
 {

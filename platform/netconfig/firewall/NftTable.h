@@ -6,14 +6,10 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "kernel/NetlinkSocket.h"
 
 namespace vknetconfig {
-
-/// The comment on each table of ours. A table without it is another program's.
-inline constexpr std::string_view tableMark = "vknetconfig";
 
 enum class TableState { Absent, Ours, Foreign };
 
@@ -24,12 +20,6 @@ struct TableFound {
 
 /// Asks the kernel for the table of this name.
 TableFound findTable(NetlinkSocket& socket, const std::string& name);
-
-/// User data of a table that holds the mark.
-std::string markedUserData();
-
-/// True when the user data of a table holds a comment that is our mark. `bytes` are as the kernel returns them.
-bool bearsMark(std::string_view bytes);
 
 }  // namespace vknetconfig
 

@@ -9,8 +9,8 @@
 #include <new>
 
 #include "firewall/NftRule.h"
-#include "firewall/NftTable.h"
 #include "handles/Nftnl.h"
+#include "undolog/TableMark.h"
 
 namespace vknetconfig {
 
@@ -42,7 +42,7 @@ void addTable(NftTransaction& transaction, const std::string& label)
 {
     const NftnlTablePtr table(nftnl_table_alloc());
     require(table != nullptr);
-    const std::string userData = markedUserData();
+    const std::string userData = wfoal::markedUserData();
     require(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, label.c_str()) == 0 &&
             nftnl_table_set_data(table.get(), NFTNL_TABLE_USERDATA, userData.data(),
                                  static_cast<std::uint32_t>(userData.size())) == 0);

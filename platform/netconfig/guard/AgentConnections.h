@@ -4,9 +4,11 @@
 #ifndef VKNETCONFIG_AGENTCONNECTIONS_H
 #define VKNETCONFIG_AGENTCONNECTIONS_H
 
-#include "guard/GuardRules.h"
+#include "undolog/GuardRules.h"
 
 namespace vknetconfig {
+
+using wfoal::GuardRules;
 
 /// Adds them to the rules, sorted, each once. Throws a RequestError with the key "guard" when they cannot be listed.
 void addAgentConnections(GuardRules& rules);

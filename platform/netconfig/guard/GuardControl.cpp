@@ -7,12 +7,11 @@
 #include "RequestError.h"
 #include "firewall/OwnTable.h"
 #include "guard/GuardMessages.h"
+#include "undolog/Subjects.h"
 
 namespace vknetconfig {
 
 namespace {
-
-constexpr std::string_view subjectPrefix = "guard-";
 
 bool isSame(const std::optional<GuardRules>& earlier, const GuardRules& rules)
 {
@@ -23,12 +22,12 @@ bool isSame(const std::optional<GuardRules>& earlier, const GuardRules& rules)
 
 std::string GuardControl::subjectOf(const std::string& ifName)
 {
-    return std::string(subjectPrefix) + ifName;
+    return std::string(wfoal::guardSubjects) + ifName;
 }
 
 bool GuardControl::isSubject(std::string_view subject)
 {
-    return subject.substr(0, subjectPrefix.size()) == subjectPrefix;
+    return wfoal::isSubjectOf(wfoal::guardSubjects, subject);
 }
 
 std::optional<GuardRules> GuardControl::replace(const std::string& ifName, const std::optional<GuardRules>& rules)
@@ -63,7 +62,7 @@ std::optional<GuardRules> GuardControl::earlierRules(const std::string& subject,
 void GuardControl::install(const std::string& subject, const GuardRules& rules,
                            const std::optional<GuardRules>& earlier)
 {
-    const std::string label = guardTable(rules.ifName);
+    const std::string label = wfoal::guardTable(rules.ifName);
     const TableFound before = findOwnTable(mSocket, label);
     if (isSame(earlier, rules) && before.state == TableState::Ours) return;
     mUndoLog.write(subject, rules.encode());
@@ -95,7 +94,7 @@ void GuardControl::remove(const std::string& ifName)
 
 void GuardControl::removeTableOf(const std::string& ifName)
 {
-    const TableFound found = findTable(mSocket, guardTable(ifName));
+    const TableFound found = findTable(mSocket, wfoal::guardTable(ifName));
     if (found.state == TableState::Ours) removeTable(mSocket, found);
 }
 
@@ -104,7 +103,7 @@ void GuardControl::removeStale(const std::string& subject)
     mSocket.followNamespace();
     const std::optional<GuardRules> rules = earlierRules(subject, mUndoLog.read(subject));
     if (rules && rules->rejectsIpv4) return mUndoLog.release(subject);
-    removeTableOf(subject.substr(subjectPrefix.size()));
+    removeTableOf(subject.substr(wfoal::guardSubjects.size()));
     mUndoLog.erase(subject);
 }
 

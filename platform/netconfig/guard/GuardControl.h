@@ -10,11 +10,13 @@
 #include <string>
 #include <string_view>
 
-#include "guard/GuardRules.h"
 #include "kernel/NetlinkSocket.h"
+#include "undolog/GuardRules.h"
 #include "undolog/UndoLog.h"
 
 namespace vknetconfig {
+
+using wfoal::GuardRules;
 
 class GuardControl {
 public:

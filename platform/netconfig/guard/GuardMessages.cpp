@@ -5,14 +5,15 @@
 
 #include "firewall/NftRule.h"
 #include "firewall/TableMessages.h"
+#include "undolog/Subjects.h"
 
 namespace vknetconfig {
 
 namespace {
 
 constexpr char chain[] = "beside";
-constexpr BaseChain sent = {"_output", NF_INET_LOCAL_OUT};
-constexpr BaseChain forwarded = {"_forward", NF_INET_FORWARD};
+constexpr BaseChain sent = {wfoal::outputChain, NF_INET_LOCAL_OUT};
+constexpr BaseChain forwarded = {wfoal::forwardChain, NF_INET_FORWARD};
 
 constexpr std::uint32_t ipv4Destination = 16;  // offsets in the headers
 constexpr std::uint32_t ipv6Destination = 24;
@@ -108,7 +109,7 @@ void acceptIpv6Link(Chain& rules)
 
 void addRules(NftTransaction& transaction, const GuardRules& wanted)
 {
-    Chain rules(transaction, guardTable(wanted.ifName));
+    Chain rules(transaction, wfoal::guardTable(wanted.ifName));
     for (const std::string& ifName : {std::string("lo"), wanted.ifName})
         rules.accept([&](NftRule& rule) { rule.matchInterface(false, ifName); });
     if (wanted.rejectsIpv4) {
@@ -144,14 +145,9 @@ void rejectRest(NftTransaction& transaction, const std::string& table, const Bas
 
 }  // namespace
 
-std::string guardTable(const std::string& ifName)
-{
-    return "vknetconfig-guard-" + ifName;
-}
-
 GuardMessages::GuardMessages(NftTransaction& transaction, const GuardRules& rules) : mTable(transaction.nextIndex())
 {
-    const std::string table = guardTable(rules.ifName);
+    const std::string table = wfoal::guardTable(rules.ifName);
     addTable(transaction, table);
     addChain(transaction, table, chain);
     addRules(transaction, rules);

@@ -9,12 +9,11 @@
 #include <string>
 
 #include "firewall/NftTransaction.h"
-#include "guard/GuardRules.h"
+#include "undolog/GuardRules.h"
 
 namespace vknetconfig {
 
-/// The name of the table: "vknetconfig-guard-norvatun0".
-std::string guardTable(const std::string& ifName);
+using wfoal::GuardRules;
 
 class GuardMessages {
 public:

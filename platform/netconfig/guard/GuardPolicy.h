@@ -7,10 +7,12 @@
 
 #include <optional>
 
-#include "guard/GuardRules.h"
 #include "interface/InterfaceRequest.h"
+#include "undolog/GuardRules.h"
 
 namespace vknetconfig {
+
+using wfoal::GuardRules;
 
 /// None when the request leaves some IPv4 traffic outside of the tunnel, or when all settings are off. Reads the
 /// settings, and VKNETCONFIG_BYPASS of the environment: networks that the agent reaches beside the tunnel. Throws a

@@ -7,10 +7,12 @@
 
 #include <optional>
 
-#include "interface/InterfaceRecord.h"
 #include "kernel/NetlinkSocket.h"
+#include "undolog/InterfaceRecord.h"
 
 namespace vknetconfig {
+
+using wfoal::InterfaceRecord;
 
 class InstalledConfiguration {
 public:

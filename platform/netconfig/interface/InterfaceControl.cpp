@@ -11,12 +11,11 @@
 #include "RequestError.h"
 #include "interface/RecordValues.h"
 #include "interface/StepErrors.h"
+#include "undolog/Subjects.h"
 
 namespace vknetconfig {
 
 namespace {
-
-constexpr std::string_view subjectPrefix = "interface-";
 
 std::vector<Route> onePerGateway(const std::vector<Route>& routes)
 {
@@ -72,12 +71,12 @@ void InterfaceControl::refuse(const NetlinkFailure& failure, const InterfaceRequ
 
 bool InterfaceControl::isSubject(std::string_view subject)
 {
-    return subject.substr(0, subjectPrefix.size()) == subjectPrefix;
+    return wfoal::isSubjectOf(wfoal::interfaceSubjects, subject);
 }
 
 std::string InterfaceControl::subjectOf(const std::string& ifName)
 {
-    return std::string(subjectPrefix) + ifName;
+    return std::string(wfoal::interfaceSubjects) + ifName;
 }
 
 void InterfaceControl::apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard)

@@ -14,12 +14,14 @@
 #include "dns/Dns.h"
 #include "guard/GuardControl.h"
 #include "interface/InstalledConfiguration.h"
-#include "interface/InterfaceRecord.h"
 #include "interface/InterfaceRequest.h"
 #include "kernel/NetlinkSocket.h"
+#include "undolog/InterfaceRecord.h"
 #include "undolog/UndoLog.h"
 
 namespace vknetconfig {
+
+using wfoal::LinkState;
 
 class InterfaceControl {
 public:

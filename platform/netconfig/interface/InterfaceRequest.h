@@ -8,10 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "dns/DnsSettings.h"
-#include "kernel/Route.h"
+#include "resolved/DnsSettings.h"
+#include "undolog/InterfaceValues.h"
 
 namespace vknetconfig {
+
+using wfoal::DnsSettings;
+using wfoal::InterfaceAddress;
+using wfoal::Route;
 
 struct InterfaceRequest {
     std::string ifName;

@@ -15,52 +15,18 @@
 #include <charconv>
 
 #include "RequestError.h"
+#include "netlink/Attributes.h"
 
 namespace vknetconfig {
 
 namespace {
 
+using wfoal::Attributes;
+
 constexpr std::uint32_t placeholderQdiscHandle = 0xff770000;  // of a discipline that is installed only to be deleted
 constexpr char noopQdisc[] = "noop";
 constexpr int hardwareAddressGeneration = IN6_ADDR_GEN_MODE_EUI64;
 constexpr int randomAddressGeneration = IN6_ADDR_GEN_MODE_RANDOM;
-
-// The attributes of a message or of a nest, by type; all the types that matter here are below 64.
-class Attributes {
-public:
-    Attributes(const nlmsghdr* message, std::size_t headerSize)
-    {
-        mnl_attr_parse(message, static_cast<unsigned>(headerSize), &keep, this);
-    }
-    explicit Attributes(const nlattr* nest)
-    {
-        if (nest != nullptr) mnl_attr_parse_nested(nest, &keep, this);
-    }
-    const nlattr* get(std::size_t type) const { return mFound[type]; }
-    std::uint32_t u32(std::size_t type) const { return has(type, MNL_TYPE_U32) ? mnl_attr_get_u32(mFound[type]) : 0; }
-    int u8Or(std::size_t type, int other) const
-    {
-        return has(type, MNL_TYPE_U8) ? mnl_attr_get_u8(mFound[type]) : other;
-    }
-    std::string text(std::size_t type) const
-    {
-        return has(type, MNL_TYPE_NUL_STRING) ? mnl_attr_get_str(mFound[type]) : "";
-    }
-
-private:
-    bool has(std::size_t type, mnl_attr_data_type kind) const
-    {
-        return mFound[type] != nullptr && mnl_attr_validate(mFound[type], kind) >= 0;
-    }
-    static int keep(const nlattr* attribute, void* self)
-    {
-        const std::uint16_t type = mnl_attr_get_type(attribute);
-        if (type < types) static_cast<Attributes*>(self)->mFound[type] = attribute;
-        return MNL_CB_OK;
-    }
-    static constexpr std::size_t types = 64;
-    std::array<const nlattr*, types> mFound{};
-};
 
 template <class Header>
 const Header* headerOf(const nlmsghdr* message, std::uint16_t type)
@@ -185,7 +151,7 @@ void putRoute(nlmsghdr* message, int index, const Route& route)
     header->rtm_family = AF_INET;
     header->rtm_dst_len = route.prefix;
     header->rtm_table = RT_TABLE_MAIN;
-    header->rtm_protocol = routeProtocol;
+    header->rtm_protocol = wfoal::platformProtocol;
     header->rtm_scope = route.gateway == 0 ? RT_SCOPE_LINK : RT_SCOPE_UNIVERSE;
     header->rtm_type = RTN_UNICAST;
     mnl_attr_put_u32(message, RTA_DST, route.destination);
@@ -197,7 +163,7 @@ void putRoute(nlmsghdr* message, int index, const Route& route)
 std::optional<Route> readOwnRoute(const nlmsghdr* message, int index)
 {
     const auto* header = headerOf<rtmsg>(message, RTM_NEWROUTE);
-    if (header == nullptr || header->rtm_family != AF_INET || header->rtm_protocol != routeProtocol)
+    if (header == nullptr || header->rtm_family != AF_INET || header->rtm_protocol != wfoal::platformProtocol)
         return std::nullopt;
     if (header->rtm_table != RT_TABLE_MAIN || header->rtm_type != RTN_UNICAST) return std::nullopt;
     const Attributes attributes(message, sizeof *header);
@@ -236,7 +202,8 @@ std::vector<AddressFound> addressesOf(NetlinkSocket& socket, int index)
         if (header == nullptr || header->ifa_family != AF_INET) return;
         const Attributes attributes(message, sizeof *header);
         if (header->ifa_index != static_cast<std::uint32_t>(index)) return;
-        const bool isOurs = attributes.u8Or(IFA_PROTO, marksAreKept ? 0 : routeProtocol) == routeProtocol;
+        const bool isOurs =
+            attributes.u8Or(IFA_PROTO, marksAreKept ? 0 : wfoal::platformProtocol) == wfoal::platformProtocol;
         found.push_back({{attributes.u32(IFA_LOCAL), header->ifa_prefixlen}, isOurs});
     });
     if (error == ENODEV) return found;
@@ -250,7 +217,7 @@ std::vector<Route> ownRoutesOf(NetlinkSocket& socket, int index)
     auto* header = putHeader<rtmsg>(question.message);
     header->rtm_family = AF_INET;
     header->rtm_table = RT_TABLE_MAIN;
-    header->rtm_protocol = routeProtocol;
+    header->rtm_protocol = wfoal::platformProtocol;
     mnl_attr_put_u32(question.message, RTA_OIF, static_cast<std::uint32_t>(index));
     std::vector<Route> routes;
     const int error = socket.ask(question.message, [&](const nlmsghdr* message) {
@@ -279,7 +246,7 @@ void addLinkRestore(NetlinkBatch& batch, const LinkState& before, const LinkStat
 void addAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address)
 {
     nlmsghdr* message = putAddress(batch, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, index, address);
-    mnl_attr_put_u8(message, IFA_PROTO, routeProtocol);
+    mnl_attr_put_u8(message, IFA_PROTO, wfoal::platformProtocol);
 }
 
 void removeAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address)

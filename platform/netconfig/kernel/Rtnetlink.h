@@ -5,27 +5,18 @@
 #ifndef VKNETCONFIG_RTNETLINK_H
 #define VKNETCONFIG_RTNETLINK_H
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "kernel/NetlinkSocket.h"
-#include "kernel/Route.h"
+#include "undolog/InterfaceValues.h"
 
 namespace vknetconfig {
 
-constexpr std::uint8_t routeProtocol = 119;
-
-/// What bringing a link up changes. The kernel gives it a queueing discipline, and, when it has no hardware address,
-/// another way of making IPv6 addresses; neither goes back by itself.
-struct LinkState {
-    int index = 0;
-    bool isUp = false;
-    std::string queueing;        // kind of the root queueing discipline
-    int addressGeneration = -1;  // IPv6 address generation mode; -1: none
-    std::string name;
-};
+using wfoal::InterfaceAddress;
+using wfoal::LinkState;
+using wfoal::Route;
 
 std::optional<LinkState> linkNamed(NetlinkSocket& socket, const std::string& name);
 std::optional<LinkState> linkWithIndex(NetlinkSocket& socket, int index);

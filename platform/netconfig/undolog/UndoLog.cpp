@@ -22,14 +22,16 @@
 
 namespace vknetconfig {
 
+using wfoal::EntryHead;
+using wfoal::EntryKind;
 using wfoal::entrySuffix;
 using wfoal::holderIn;
 using wfoal::lockSuffix;
 using wfoal::namespaceSeparator;
+using wfoal::turnLock;
 
 namespace {
 
-constexpr char lockName[] = "turn";
 constexpr std::string_view asideSuffix = ".journal.new";
 constexpr auto longestWait = std::chrono::seconds(10);
 
@@ -56,21 +58,6 @@ Value valueOf(wfoal::Result<Value> result, const char* step)
 std::string readFrom(int file, std::size_t most = std::string::npos)
 {
     return valueOf(wfoal::readWhole(file, most), "read: ");
-}
-
-std::string bootId()
-{
-    const std::string text = valueOf(wfoal::readWhole("/proc/sys/kernel/random/boot_id", 64), "boot id: ");
-    return text.substr(0, text.find('\n'));
-}
-
-Origin currentOrigin()
-{
-    Origin origin{bootId(), wfoal::currentNetworkNamespace(), {}};
-    struct stat status {};
-    if (origin.networkNamespace.empty() || stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
-    origin.namespaceInode = std::to_string(status.st_ino);
-    return origin;
 }
 
 // The name of a file of the folder without its suffix; empty for the lock of the whole folder.
@@ -104,7 +91,7 @@ UndoLog::Lock UndoLog::lock(Create create)
 {
     const bool isMade = create == Create::Yes;
     // Read each time: the folder may have been removed, and a process may enter another namespace.
-    mOrigin = currentOrigin();
+    mOrigin = valueOf(wfoal::currentOrigin(), "");
     mFolder.reset();
     if (isMade && mkdir(mFolderPath.c_str(), 0700) != 0 && errno != EEXIST) fail("make " + mFolderPath);
     UniqueFd folder(open(mFolderPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -112,11 +99,11 @@ UndoLog::Lock UndoLog::lock(Create create)
         if (errno == ENOENT && !isMade) return Lock();
         fail("open " + mFolderPath);
     }
-    UniqueFd lock(openat(folder.get(), lockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock.valid() && !isMade) lock.reset(openat(folder.get(), lockName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd lock(openat(folder.get(), turnLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock.valid() && !isMade) lock.reset(openat(folder.get(), turnLock, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!lock.valid()) {
         if (errno == ENOENT && !isMade) return Lock();
-        fail("open " + mFolderPath + "/" + lockName);
+        fail("open " + mFolderPath + "/" + turnLock);
     }
     const auto end = std::chrono::steady_clock::now() + longestWait;
     while (!lockNow(lock.get())) {
@@ -223,7 +210,7 @@ void UndoLog::write(const std::string& subject, std::string_view content)
 {
     const std::string stem = stemOf(subject);
     valueOf(wfoal::writeDurably(mFolder.get(), joined(stem, entrySuffix), joined(stem, asideSuffix),
-                                entryHead(mOrigin).append(content)),
+                                wfoal::entryHead(mOrigin).append(content)),
             "");
 }
 
@@ -240,7 +227,7 @@ std::string UndoLog::textOf(const std::string& name, std::size_t most) const
 EntryHead UndoLog::headOf(const std::string& stem) const
 {
     const std::string name = joined(stem, entrySuffix);
-    return exists(name) ? readEntryHead(textOf(name, longestEntryHead), mOrigin) : EntryHead();
+    return exists(name) ? wfoal::readEntryHead(textOf(name, wfoal::longestEntryHead), mOrigin) : EntryHead();
 }
 
 bool UndoLog::exists(const std::string& name) const

@@ -93,7 +93,7 @@ private:
     std::string stemOf(std::string_view subject) const;
     std::set<std::string> stems() const;
     std::string textOf(const std::string& name, std::size_t most = std::string::npos) const;
-    EntryHead headOf(const std::string& stem) const;
+    wfoal::EntryHead headOf(const std::string& stem) const;
     bool exists(const std::string& name) const;
     UniqueFd lockOf(const std::string& stem, pid_t& holder) const;
     void removeEntry(const std::string& stem) const;
@@ -105,7 +105,7 @@ private:
     void reportUnknown(const std::string& stem);
 
     std::string mFolderPath;
-    Origin mOrigin;  // of the calling thread at the last lock()
+    wfoal::Origin mOrigin;  // of the calling thread at the last lock()
     UniqueFd mFolder;
     std::map<std::string, UniqueFd> mOwned;  // the locks, by stem
     std::set<std::string> mReported;         // entries of an unknown version that were logged

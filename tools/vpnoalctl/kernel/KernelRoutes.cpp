@@ -11,13 +11,11 @@
 #include "Decisions/RouteParser.h"
 #include "net/Ipv4.h"
 #include "netlink/NetlinkDump.h"
+#include "undolog/InterfaceValues.h"
 
 namespace vpnoalctl {
 
 namespace {
-
-// The protocol number of what the host platform installs.
-constexpr std::uint8_t platformProtocol = 119;
 
 struct FoundRoute {
     RouteInfo route;
@@ -29,7 +27,7 @@ bool isPlatforms(const nlmsghdr& message)
     rtmsg header{};
     if (message.nlmsg_len < NLMSG_LENGTH(sizeof header)) return false;
     std::memcpy(&header, reinterpret_cast<const unsigned char*>(&message) + NLMSG_HDRLEN, sizeof header);
-    return header.rtm_protocol == platformProtocol;
+    return header.rtm_protocol == wfoal::platformProtocol;
 }
 
 std::vector<FoundRoute> readRoutes()

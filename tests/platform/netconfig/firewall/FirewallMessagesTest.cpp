@@ -13,6 +13,7 @@
 #include "NftText.h"
 #include "firewall/NftTable.h"
 #include "firewall/TableMessages.h"
+#include "undolog/TableMark.h"
 
 using namespace vknetconfig;
 using testing::HasSubstr;
@@ -197,9 +198,9 @@ TEST(FirewallMessagesTest, TheMarkIsFoundInUserDataOfTheKernel)
     using namespace std::string_literals;
     // 00 0c "vknetconfig" 00: type, length, text with its end
     const std::string mark = "\x00\x0cvknetconfig\x00"s;
-    EXPECT_EQ(markedUserData(), mark);
-    EXPECT_TRUE(bearsMark(mark));
-    EXPECT_TRUE(bearsMark("\x05\x02xy"s + mark)) << "after a field of another type";
+    EXPECT_EQ(wfoal::markedUserData(), mark);
+    EXPECT_TRUE(wfoal::bearsMark(mark));
+    EXPECT_TRUE(wfoal::bearsMark("\x05\x02xy"s + mark)) << "after a field of another type";
 }
 
 TEST(FirewallMessagesTest, OtherUserDataBearsNoMark)
@@ -208,6 +209,6 @@ TEST(FirewallMessagesTest, OtherUserDataBearsNoMark)
     for (const std::string& bytes :
          {""s, "\x00"s, "\x00\x0cvknetconfi"s, "\x00\x0bvknetconfig"s, "\x00\x0dvknetconfig2\x00"s,
           "\x01\x0cvknetconfig\x00"s, "\x00\x05mine\x00"s, "\x05\xffxy\x00\x0cvknetconfig\x00"s}) {
-        EXPECT_FALSE(bearsMark(bytes));
+        EXPECT_FALSE(wfoal::bearsMark(bytes));
     }
 }

@@ -3,14 +3,14 @@
 // One line each: "interface INDEX NAME", "link MODE QUEUEING", "address LOCAL/PREFIX",
 // "route DESTINATION/PREFIX GATEWAY METRIC", "dns TEXT", "end". Addresses are the network-order address read as a host
 // integer, in hex, as in requests, because that is fast for ten thousand routes.
-#include "interface/InterfaceRecord.h"
+#include "undolog/InterfaceRecord.h"
 
 #include <algorithm>
 #include <charconv>
 
-#include "RequestError.h"
+#include "json/JsonError.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
@@ -52,7 +52,7 @@ public:
     {
         Number value{};
         const auto [after, error] = std::from_chars(mLeft.data(), mLeft.data() + mLeft.size(), value, base);
-        if (error != std::errc()) throw RequestError("undo log", "an entry is damaged");
+        if (error != std::errc()) throw JsonError("undo log", "an entry is damaged");
         mLeft.remove_prefix(static_cast<std::size_t>(after - mLeft.data()));
         if (!mLeft.empty()) mLeft.remove_prefix(1);
         return value;
@@ -105,7 +105,7 @@ void readLine(std::string_view text, InterfaceRecord& record)
     for (const LineKind& kind : lineKinds) {
         if (kind.word == word) return kind.read(line, record);
     }
-    throw RequestError("undo log", "an entry has a line of an unknown kind");
+    throw JsonError("undo log", "an entry has a line of an unknown kind");
 }
 
 }  // namespace
@@ -137,7 +137,7 @@ InterfaceRecord InterfaceRecord::decode(std::string_view text)
     InterfaceRecord record;
     while (true) {
         const std::size_t end = text.find('\n');
-        if (end == std::string_view::npos) throw RequestError("undo log", "an entry has no end");
+        if (end == std::string_view::npos) throw JsonError("undo log", "an entry has no end");
         const std::string_view line = text.substr(0, end);
         text.remove_prefix(end + 1);
         if (line == "end") break;
@@ -147,4 +147,4 @@ InterfaceRecord InterfaceRecord::decode(std::string_view text)
     return record;
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Plain values of an interface's configuration, as the kernel holds them. Addresses are in network order.
-#ifndef VKNETCONFIG_ROUTE_H
-#define VKNETCONFIG_ROUTE_H
+#ifndef WFOAL_INTERFACEVALUES_H
+#define WFOAL_INTERFACEVALUES_H
 
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <string>
 #include <tuple>
 
-namespace vknetconfig {
+namespace wfoal {
+
+/// The protocol number of all that the platform adds: its mark on routes and addresses.
+inline constexpr std::uint8_t platformProtocol = 119;
 
 /// A unicast route of the main table through the interface at hand.
 struct Route {
@@ -42,6 +46,16 @@ inline bool operator==(const InterfaceAddress& a, const InterfaceAddress& b)
     return a.local == b.local && a.prefix == b.prefix;
 }
 
-}  // namespace vknetconfig
+/// What bringing a link up changes. The kernel gives it a queueing discipline, and, when it has no hardware address,
+/// another way of making IPv6 addresses; neither goes back by itself.
+struct LinkState {
+    int index = 0;
+    bool isUp = false;
+    std::string queueing;        // kind of the root queueing discipline
+    int addressGeneration = -1;  // IPv6 address generation mode; -1: none
+    std::string name;
+};
+
+}  // namespace wfoal
 
 #endif

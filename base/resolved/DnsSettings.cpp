@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/DnsSettings.h"
+#include "resolved/DnsSettings.h"
 
 #include <net/if.h>
 
-namespace vknetconfig {
+namespace wfoal {
 
 bool operator==(const Link& left, const Link& right)
 {
@@ -22,4 +22,4 @@ bool hasIndex(const Link& link)
     return link.index > 0 && if_indextoname(static_cast<unsigned>(link.index), name) != nullptr;
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

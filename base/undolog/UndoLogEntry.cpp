@@ -3,7 +3,7 @@
 
 #include <optional>
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
@@ -48,4 +48,4 @@ std::string entryHead(const Origin& origin)
     return head;
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/LinkDns.h"
+#include "resolved/LinkDns.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
 #include "ErrorOf.h"
-#include "RequestError.h"
-#include "dns/RateLimit.h"
+#include "json/JsonError.h"
 
-using namespace vknetconfig;
+using namespace wfoal;
 using testing::StartsWith;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -35,7 +33,7 @@ const LinkDns nothing{{}, {}, true};
 
 std::string errorOf(const std::string& text)
 {
-    return testsupport::errorOf<RequestError>([&] { LinkChange::decode(text); });
+    return testsupport::errorOf<JsonError>([&] { LinkChange::decode(text); });
 }
 
 }  // namespace
@@ -132,18 +130,4 @@ TEST(LinkDnsTest, WhatSomebodyElseHasSetSinceIsLeft)
     const LinkDns theirs{{server("9.9.9.9")}, {{"their.test", false}}, true};
     EXPECT_EQ(stateAfterUndo(change, theirs), theirs);
     EXPECT_EQ(stateAfterUndo(change, {theirs.servers, tunnel.domains, false}), (LinkDns{theirs.servers, {}, true}));
-}
-
-TEST(RateLimitTest, SoManyTimesInASpanAndThenWhenTheFirstIsOver)
-{
-    RateLimit limit(2, 60s);
-    const RateLimit::Clock::time_point start(1000s);
-    EXPECT_EQ(limit.next(start), start);
-    limit.count(start);
-    EXPECT_EQ(limit.next(start + 10s), start + 10s);
-    limit.count(start + 10s);
-    EXPECT_EQ(limit.next(start + 20s), start + 60s);
-    EXPECT_EQ(limit.next(start + 65s), start + 65s);
-    limit.count(start + 65s);
-    EXPECT_EQ(limit.next(start + 66s), start + 70s) << "the second one counts now";
 }

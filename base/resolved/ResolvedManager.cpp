@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "dns/ResolvedManager.h"
+#include "resolved/ResolvedManager.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,15 +8,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 
-#include "RequestError.h"
-#include "SignalMatch.h"
+#include "json/JsonError.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
 constexpr auto longestWait = std::chrono::seconds(5);
+constexpr char daemonName[] = "org.freedesktop.DBus";
+constexpr char daemonPath[] = "/org/freedesktop/DBus";
 constexpr char managerPath[] = "/org/freedesktop/resolve1";
 constexpr char managerInterface[] = "org.freedesktop.resolve1.Manager";
 constexpr char linkInterface[] = "org.freedesktop.resolve1.Link";
@@ -32,7 +34,7 @@ constexpr const char* absenceErrors[] = {
 
 [[noreturn]] void fail(const std::string& what, int result)
 {
-    throw systemError("ipv4.dns", what, -result);
+    throw JsonError("ipv4.dns", what + ": " + std::strerror(-result));
 }
 
 void check(int result, const char* what)
@@ -57,8 +59,8 @@ public:
     }
     [[noreturn]] void fail(const char* what, int result) const
     {
-        if (mError.message == nullptr) vknetconfig::fail(std::string("systemd-resolved: ") + what, result);
-        throw RequestError("ipv4.dns", std::string("systemd-resolved: ") + what + ": " + mError.message);
+        if (mError.message == nullptr) wfoal::fail(std::string("systemd-resolved: ") + what, result);
+        throw JsonError("ipv4.dns", std::string("systemd-resolved: ") + what + ": " + mError.message);
     }
 
 private:
@@ -251,8 +253,8 @@ std::string ResolvedManager::owner()
 {
     SdBusMessagePtr answer;
     const int result = obtain(answer, [&](sd_bus_message** received) {
-        return sd_bus_call_method(mBus.get(), systembus::daemonName, systembus::daemonPath, systembus::daemonName,
-                                  "GetNameOwner", nullptr, received, "s", resolvedName);
+        return sd_bus_call_method(mBus.get(), daemonName, daemonPath, daemonName, "GetNameOwner", nullptr, received,
+                                  "s", resolvedName);
     });
     const char* name = nullptr;
     if (result < 0 || sd_bus_message_read(answer.get(), "s", &name) < 0) return {};
@@ -364,4 +366,4 @@ void ResolvedManager::restore(int index, const LinkDns& before, const LinkDns& n
     if (after && after->defaultRoute != before.defaultRoute) writeDefaultRoute(index, before);
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The settings of one link in systemd-resolved, as plain values: those to set, and those to restore.
-#ifndef VKNETCONFIG_LINKDNS_H
-#define VKNETCONFIG_LINKDNS_H
+#ifndef WFOAL_LINKDNS_H
+#define WFOAL_LINKDNS_H
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "dns/DnsSettings.h"
+#include "resolved/DnsSettings.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 /// A server, maybe one that another program has set: of either family, with a port (0: the default) and a name for TLS.
 struct DnsServer {
@@ -52,7 +52,7 @@ struct LinkChange {
     LinkDns before;
 
     std::string encode() const;
-    /// Throws a RequestError with the key "undo log" when the text is no change.
+    /// Throws a JsonError with the key "undo log" when the text is no change.
     static LinkChange decode(std::string_view text);
 };
 
@@ -60,6 +60,6 @@ struct LinkChange {
 /// separately: the previous value if ours is still in place, otherwise the current one.
 LinkDns stateAfterUndo(const LinkChange& change, const LinkDns& now);
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

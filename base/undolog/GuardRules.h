@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a guard lets through beside the tunnel, as plain values: the content of its entry in the undo log.
-#ifndef VKNETCONFIG_GUARDRULES_H
-#define VKNETCONFIG_GUARDRULES_H
+#ifndef WFOAL_GUARDRULES_H
+#define WFOAL_GUARDRULES_H
 
 #include <netinet/in.h>
 
@@ -13,7 +13,7 @@
 
 #include "settings/PlatformSettings.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 /// The far end of a socket that the agent has connected.
 template <class Network>
@@ -31,15 +31,15 @@ struct GuardRules {
     std::string ifName;  // the tunnel
     bool rejectsIpv4 = false;
     bool rejectsIpv6 = false;
-    wfoal::BypassNetworks bypass;
-    std::vector<Connection<wfoal::Ipv4Network>> ipv4Connections;
-    std::vector<Connection<wfoal::Ipv6Network>> ipv6Connections;
+    BypassNetworks bypass;
+    std::vector<Connection<Ipv4Network>> ipv4Connections;
+    std::vector<Connection<Ipv6Network>> ipv6Connections;
 
     std::string encode() const;
-    /// Throws a RequestError with the key "undo log" when the text is none.
+    /// Throws a JsonError with the key "undo log" when the text is none.
     static GuardRules decode(std::string_view text);
 };
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A client of systemd-resolved on the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured). An object has a connection of
-// its own and belongs to one thread. Failures throw a RequestError with the key "ipv4.dns" within a few seconds.
-#ifndef VKNETCONFIG_RESOLVEDMANAGER_H
-#define VKNETCONFIG_RESOLVEDMANAGER_H
+// its own and belongs to one thread. Failures throw a JsonError with the key "ipv4.dns" within a few seconds.
+#ifndef WFOAL_RESOLVEDMANAGER_H
+#define WFOAL_RESOLVEDMANAGER_H
 
 #include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
 
-#include "dns/LinkDns.h"
 #include "handles/SdBus.h"
+#include "resolved/LinkDns.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 inline constexpr char resolvedName[] = "org.freedesktop.resolve1";
 
@@ -61,6 +61,6 @@ private:
     SdBusPtr mBus;
 };
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

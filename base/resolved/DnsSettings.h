@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The DNS settings of one link, as plain values.
-#ifndef VKNETCONFIG_DNSSETTINGS_H
-#define VKNETCONFIG_DNSSETTINGS_H
+#ifndef WFOAL_DNSSETTINGS_H
+#define WFOAL_DNSSETTINGS_H
 
 #include <string>
 #include <vector>
 
 #include "net/Ipv4.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 /// An interface. The index tells it from a later one of the same name.
 struct Link {
@@ -26,7 +26,7 @@ bool isPresent(const Link& link);
 bool hasIndex(const Link& link);
 
 struct DnsSettings {
-    std::vector<wfoal::Ipv4Address> servers;
+    std::vector<Ipv4Address> servers;
     std::vector<std::string> domains;  // checked names; "~name" is for choosing this link only, not for searching
     bool allTraffic = false;           // all traffic goes into the tunnel, so all queries do
 
@@ -34,6 +34,6 @@ struct DnsSettings {
     bool empty() const { return servers.empty() && domains.empty(); }
 };
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

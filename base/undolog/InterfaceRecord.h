@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is, or may be, installed on an interface and has to be removed: the content of its entry in the undo log.
-#ifndef VKNETCONFIG_INTERFACERECORD_H
-#define VKNETCONFIG_INTERFACERECORD_H
+#ifndef WFOAL_INTERFACERECORD_H
+#define WFOAL_INTERFACERECORD_H
 
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "kernel/Route.h"
-#include "kernel/Rtnetlink.h"
+#include "undolog/InterfaceValues.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 struct InterfaceRecord {
     int index = 0;
@@ -23,10 +22,10 @@ struct InterfaceRecord {
     std::vector<std::string> dns;  // lines of Dns::prepare(), opaque here
 
     std::string encode() const;
-    /// Throws a RequestError with the key "undo log" when the text is no record.
+    /// Throws a JsonError with the key "undo log" when the text is no record.
     static InterfaceRecord decode(std::string_view text);
 };
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "guard/GuardRules.h"
+#include "undolog/GuardRules.h"
 
 #include <gtest/gtest.h>
 
-#include "RequestError.h"
+#include "json/JsonError.h"
 
-using namespace vknetconfig;
+using namespace wfoal;
 
 namespace {
 
@@ -18,7 +18,7 @@ std::string faultOf(std::string_view text)
     try {
         GuardRules::decode(text);
         return "none";
-    } catch (const RequestError& error) {
+    } catch (const JsonError& error) {
         return error.what();
     }
 }

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "guard/GuardRules.h"
+#include "undolog/GuardRules.h"
 
 #include <charconv>
 
-#include "RequestError.h"
+#include "json/JsonError.h"
+#include "text/Excerpt.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
 [[noreturn]] void refuse(std::string_view line)
 {
-    throw RequestError("undo log", "guard: unexpected " + excerpt(line));
+    throw JsonError("undo log", "guard: unexpected " + excerpt(line));
 }
 
 // The first word of a line; the line keeps what follows it.
@@ -32,16 +33,16 @@ Number takeNumber(std::string_view& line)
     return number;
 }
 
-void take(std::string_view text, wfoal::Ipv4Network& network)
+void take(std::string_view text, Ipv4Network& network)
 {
-    const auto parsed = wfoal::parseNetwork(text);
+    const auto parsed = parseNetwork(text);
     if (!parsed) refuse(text);
     network = *parsed;
 }
 
-void take(std::string_view text, wfoal::Ipv6Network& network)
+void take(std::string_view text, Ipv6Network& network)
 {
-    const auto parsed = wfoal::parseIpv6Network(text);
+    const auto parsed = parseIpv6Network(text);
     if (!parsed) refuse(text);
     network = *parsed;
 }
@@ -122,4 +123,4 @@ GuardRules GuardRules::decode(std::string_view text)
     return rules;
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -4,7 +4,7 @@
 // was before. Lists have commas and are "-" when empty. A server is ADDRESS/PORT/NAME, a domain "~NAME" when it is not
 // searched, a default route "yes" or "no". Names come from systemd-resolved, which escapes whatever is no letter,
 // digit, hyphen, underscore or dot.
-#include "dns/LinkDns.h"
+#include "resolved/LinkDns.h"
 
 #include <arpa/inet.h>
 
@@ -12,9 +12,10 @@
 #include <charconv>
 #include <optional>
 
-#include "RequestError.h"
+#include "json/JsonError.h"
+#include "text/Excerpt.h"
 
-namespace vknetconfig {
+namespace wfoal {
 
 namespace {
 
@@ -51,7 +52,7 @@ DnsDomain domainOf(std::string_view text)
 
 [[noreturn]] void refuse(std::string_view text)
 {
-    throw RequestError("undo log", "no DNS settings: " + excerpt(text));
+    throw JsonError("undo log", "no DNS settings: " + excerpt(text));
 }
 
 // The next part of a text that a separator ends; none when nothing is left.
@@ -165,7 +166,7 @@ bool operator==(const LinkDns& left, const LinkDns& right)
 LinkDns resolvedSettingsFor(const DnsSettings& settings)
 {
     LinkDns wanted;
-    for (const wfoal::Ipv4Address address : settings.servers) {
+    for (const Ipv4Address address : settings.servers) {
         const std::string bytes(reinterpret_cast<const char*>(&address.bits), sizeof address.bits);
         append(wanted.servers, DnsServer{AF_INET, bytes, 0, {}});
     }
@@ -202,4 +203,4 @@ LinkDns stateAfterUndo(const LinkChange& change, const LinkDns& now)
     return target;
 }
 
-}  // namespace vknetconfig
+}  // namespace wfoal

@@ -3,13 +3,13 @@
 // The beginning of an entry of the undo log: the lines "vknetconfig VERSION", "boot UUID" and "namespace ID". The
 // content follows them. This library writes version 2. Version 1 named the namespace by its inode, and its files had no
 // namespace in their names. Values only; no system call.
-#ifndef VKNETCONFIG_UNDOLOGENTRY_H
-#define VKNETCONFIG_UNDOLOGENTRY_H
+#ifndef WFOAL_UNDOLOGENTRY_H
+#define WFOAL_UNDOLOGENTRY_H
 
 #include <string>
 #include <string_view>
 
-namespace vknetconfig {
+namespace wfoal {
 
 /// Where a process runs.
 struct Origin {
@@ -41,6 +41,6 @@ std::string entryHead(const Origin& origin);
 /// No head is longer.
 inline constexpr std::size_t longestEntryHead = 256;
 
-}  // namespace vknetconfig
+}  // namespace wfoal
 
 #endif
