@@ -201,6 +201,71 @@ TEST_F(DoctorInterfaceTest, NameThatIsTakenIsNotProposed)
     EXPECT_THAT(doctor().output, HasSubstr("\n    Name=eth11\n"));
 }
 
+// The file exists in the test's own /etc.
+class DoctorGuardTest : public testing::Test {
+protected:
+    void TearDown() override { std::filesystem::remove_all("/etc/vpnwfoal"); }
+
+    static void configure(const std::string& text)
+    {
+        std::filesystem::create_directories("/etc/vpnwfoal");
+        std::ofstream(settings) << text;
+    }
+    static constexpr char settings[] = "/etc/vpnwfoal/platform.conf";
+};
+
+TEST_F(DoctorGuardTest, WithoutAFileItIsOn)
+{
+    EXPECT_EQ("ok: on (the default): rejects IPv6 beside a tunnel that takes all traffic", lineOf("guard"));
+}
+
+TEST_F(DoctorGuardTest, FileIsTold)
+{
+    configure("# nothing set\n");
+    EXPECT_EQ("ok: on (/etc/vpnwfoal/platform.conf): rejects IPv6 beside a tunnel that takes all traffic",
+              lineOf("guard"));
+    configure("bypass = 192.0.2.0/24\nbypass = 2001:db8::/32\nstrict = on\n");
+    EXPECT_EQ(
+        "ok: strict (/etc/vpnwfoal/platform.conf): rejects IPv4 and IPv6 beside a tunnel that takes all traffic, "
+        "except to 192.0.2.0/24, 2001:db8::/32",
+        lineOf("guard"));
+    configure("strict = on\nipv6-guard = off\n");
+    EXPECT_EQ("ok: strict (/etc/vpnwfoal/platform.conf): rejects IPv4 beside a tunnel that takes all traffic",
+              lineOf("guard"));
+}
+
+TEST_F(DoctorGuardTest, GuardThatIsOffIsTold)
+{
+    configure("ipv6-guard = off\n");
+    EXPECT_EQ(
+        "limited: off (/etc/vpnwfoal/platform.conf): IPv6 leaves beside a tunnel that takes all traffic; "
+        "set ipv6-guard = on",
+        lineOf("guard"));
+}
+
+TEST_F(DoctorGuardTest, WrongLineIsNamed)
+{
+    configure("ipv6-guard = on\nstrict = yes\n");
+    EXPECT_EQ(
+        "limited: /etc/vpnwfoal/platform.conf: line 2: strict: \"yes\" is neither on nor off; "
+        "correct it: until then a tunnel that takes all traffic is refused",
+        lineOf("guard"));
+}
+
+TEST_F(DoctorGuardTest, FileThatOthersMayChangeIsUnsafe)
+{
+    configure("ipv6-guard = on\n");
+    ASSERT_EQ(0, chmod(settings, 0666));
+    constexpr char remedy[] =
+        "; only root may decide what leaves beside the tunnel: chown root, chmod go-w, and check its content";
+    EXPECT_EQ(std::string("unsafe: /etc/vpnwfoal/platform.conf belongs to user 0 and has mode 666") + remedy,
+              lineOf("guard"));
+    EXPECT_EQ(1, doctor().status);
+    ASSERT_EQ(0, chmod(settings, 0644));
+    ASSERT_EQ(0, chmod("/etc/vpnwfoal", 0775));
+    EXPECT_EQ(std::string("unsafe: /etc/vpnwfoal belongs to user 0 and has mode 775") + remedy, lineOf("guard"));
+}
+
 class DoctorFolderTest : public testing::Test {
 protected:
     void SetUp() override { clean(); }

@@ -68,10 +68,16 @@ TEST_F(RouteCommandsTest, RoutesAreAnAlignedTable)
 
 TEST_F(RouteCommandsTest, RoutesAreJsonForMachines)
 {
-    EXPECT_THAT(
-        vpnoalctl("routes --json"),
-        HasSubstr(
-            R"({"destination":"10.9.0.0","netmask":"255.255.0.0","gateway":"10.1.0.1","interface":"eth0","metric":131080})"));
+    EXPECT_EQ(R"([{"dst":"default","gateway":"10.1.0.9","dev":"eth0"},)"
+              R"({"dst":"0.0.0.0/1","gateway":"10.1.0.5","dev":"eth0"},)"
+              R"({"dst":"default","gateway":"10.2.0.1","dev":"usb0"},)"
+              R"({"dst":"default","gateway":"10.1.0.1","dev":"eth0"},)"
+              R"({"dst":"default","gateway":"10.1.0.3","dev":"eth0"},)"
+              R"({"dst":"10.1.0.0/16","gateway":"10.1.0.0","dev":"eth0"},)"
+              R"({"dst":"10.2.0.0/16","gateway":"10.2.0.0","dev":"usb0"},)"
+              R"({"dst":"10.9.0.0/16","gateway":"10.1.0.1","dev":"eth0","metric":131080}])"
+              "\n",
+              vpnoalctl("routes --json"));
 }
 
 TEST_F(RouteCommandsTest, InterfacesAreListed)

@@ -12,11 +12,12 @@ namespace vpnoalctl {
 /// What the program exits with. Part of its interface: scripts rely on the numbers.
 enum ExitCode : int {
     ExitOk = 0,
-    ExitFailed = 1,    ///< the operation was tried and failed
-    ExitUsage = 2,     ///< wrong usage or bad input; nothing was changed
-    ExitNoPlugin = 3,  ///< the plug-in could not be loaded
-    ExitAskUser = 4,   ///< neither accepted nor refused; the user must decide about the gateway
-    ExitRefused = 5,   ///< the gateway's certificate is refused
+    ExitFailed = 1,          ///< the operation was tried and failed
+    ExitUsage = 2,           ///< wrong usage or bad input; nothing was changed
+    ExitNoPlugin = 3,        ///< the plug-in could not be loaded
+    ExitNothingApplied = 3,  ///< of `status`, which loads no plug-in
+    ExitAskUser = 4,         ///< neither accepted nor refused; the user must decide about the gateway
+    ExitRefused = 5,         ///< the gateway's certificate is refused
 };
 
 class CommandError : public std::runtime_error {

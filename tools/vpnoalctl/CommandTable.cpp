@@ -21,6 +21,7 @@ constexpr Command commands[] = {
     {"connect", "Bring up a tunnel, hold it until Ctrl-C, restore", defineConnect},
     {"run", "Run a VPN program with the tunnel's configuration around it", defineRun},
     {"apply", "Configure an existing tunnel device and leave it so", defineApply},
+    {"status", "Show what is applied, by whom, and whether it is still there", defineStatus},
     {"doctor", "Check what a tunnel needs here", defineDoctor},
     {"info", "Show the plug-in, its interfaces and its platform libraries", defineInfo},
     {"restore", "Remove the tunnel's configuration and the packet filter", defineRestore},

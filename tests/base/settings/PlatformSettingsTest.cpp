@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <regex>
+
+#include "io/WholeFile.h"
 
 using namespace wfoal;
 
@@ -38,6 +41,26 @@ TEST(PlatformSettingsTest, WithoutAFileOrALineEverythingHasItsDefault)
         EXPECT_FALSE(settings->isStrict);
         EXPECT_EQ(networksOf(*settings), "");
     }
+}
+
+// Copied as it is, it changes nothing; with every line that it offers, it is valid.
+TEST(PlatformSettingsTest, PackagedExampleShowsTheDefaults)
+{
+    const Result<std::string> example = readWhole(WFOAL_SOURCE_DIR "/packaging/settings/platform.conf");
+    ASSERT_TRUE(example) << example.reason();
+    const Result<PlatformSettings> asItIs = parsePlatformSettings(*example);
+    ASSERT_TRUE(asItIs) << asItIs.reason();
+    const std::string offered = std::regex_replace(*example, std::regex("#([a-z6-]+ = )"), "$1");
+    const Result<PlatformSettings> all = parsePlatformSettings(offered);
+    ASSERT_TRUE(all) << all.reason();
+    for (const Result<PlatformSettings>& settings : {asItIs, all}) {
+        EXPECT_TRUE(settings->hasIpv6Guard);
+        EXPECT_FALSE(settings->isStrict);
+    }
+    EXPECT_EQ(networksOf(*asItIs), "");
+    EXPECT_EQ(networksOf(*all), "192.0.2.0/24 2001:db8::/32 ");
+    for (const char* key : {"ipv6-guard = on\n", "strict = off\n", "bypass = "})
+        EXPECT_NE(offered.find(key), std::string::npos) << key;
 }
 
 TEST(PlatformSettingsTest, EverySettingIsRead)

@@ -28,6 +28,7 @@ Action defineRestore(CLI::App& options);
 Action defineRouteDel(CLI::App& options);
 Action defineRoutes(CLI::App& options);
 Action defineRun(CLI::App& options);
+Action defineStatus(CLI::App& options);
 Action defineStorageGet(CLI::App& options);
 Action defineStorageList(CLI::App& options);
 Action defineStorageMap(CLI::App& options);

@@ -18,6 +18,7 @@ constexpr Check checks[] = {
     {"privileges", checkPrivileges},
     {"tunnel device", checkTunDevice},
     {"packet filter", checkFilter},
+    {"guard", checkGuard},
     {"preferred interface", checkPreferredInterface},
     {"resolver", checkResolver},
     {"service bus", checkBus},

@@ -4,7 +4,9 @@
 #include "AgentRoute.h"
 #include "CommandError.h"
 #include "Context.h"
+#include "Json.h"
 #include "commands/Commands.h"
+#include "kernel/RouteObject.h"
 
 namespace vpnoalctl {
 
@@ -37,6 +39,17 @@ std::vector<AgentRoute> listRoutes(KEST_SystemPlugin& system)
     return {};
 }
 
+// The values are what the plug-in reports.
+JsonPtr objectOf(AgentRoute& route)
+{
+    const auto addressOf = [](const char* text) {
+        return wfoal::parseDottedAddress(text).value_or(wfoal::Ipv4Address());
+    };
+    const std::uint8_t prefix = wfoal::prefixLength(addressOf(route.GetNetmask())).value_or(32);
+    return routeObject({addressOf(route.GetDestination()), prefix}, addressOf(route.GetGateway()), route.GetInterface(),
+                       route.GetMetric());
+}
+
 int showRoutes(Context& context)
 {
     // Kept: disposing of a system object would restore the system's configuration.
@@ -47,14 +60,20 @@ int showRoutes(Context& context)
                  {"interface", "INTERFACE"},
                  {"metric", "METRIC"}},
                 {}};
+    const JsonPtr objects = newArray();
     for (AgentRoute& route : listRoutes(system)) {
+        append(objects, objectOf(route));
         table.rows.push_back({{route.GetDestination(), Style::Title},
                               {route.GetNetmask()},
                               {route.GetGateway()},
                               {route.GetInterface()},
                               {route.GetMetric()}});
     }
-    context.output.table(table);
+    if (context.output.json()) {
+        context.output.value(objects);
+    } else {
+        context.output.table(table);
+    }
     return ExitOk;
 }
 

@@ -37,6 +37,9 @@ Finding checkPrivileges(Context& context);
 Finding checkTunDevice(Context& context);
 Finding checkFilter(Context& context);
 
+// What may leave beside a tunnel.
+Finding checkGuard(Context& context);
+
 // The interface for the outer connection.
 Finding checkPreferredInterface(Context& context);
 

@@ -9,6 +9,9 @@
 
 namespace vpnoalctl {
 
+/// The table of nftables in which the plug-in's packet filter is.
+constexpr char tunnelFilter[] = "vpn.vpnoal";
+
 enum class FilterState { Installed, Missing, Unknown };
 
 /// Unknown where the platform is not this project's own, or where nftables does not answer.

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "doctor/Checks.h"
+#include "settings/PlatformSettings.h"
+
+namespace vpnoalctl {
+
+#ifdef WFOAL_HOST_PLATFORM
+
+namespace {
+
+constexpr mode_t othersMayWrite = S_IWGRP | S_IWOTH;
+
+// Who may change what is at a path; empty for root alone, and when nothing is there.
+std::string writersOf(const std::string& path)
+{
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return {};
+    if (status.st_uid == 0 && (status.st_mode & othersMayWrite) == 0) return {};
+    return fmt::format("{} belongs to user {} and has mode {:o}", path, status.st_uid, status.st_mode & 07777U);
+}
+
+std::string exceptionsOf(const wfoal::BypassNetworks& networks)
+{
+    std::string text;
+    for (const auto& network : networks.ipv4)
+        text += (text.empty() ? "" : ", ") + withPrefix(network);
+    for (const auto& network : networks.ipv6)
+        text += (text.empty() ? "" : ", ") + withPrefix(network);
+    return text.empty() ? "" : ", except to " + text;
+}
+
+std::string rejected(const wfoal::PlatformSettings& settings)
+{
+    if (!settings.isStrict) return "IPv6";
+    return settings.hasIpv6Guard ? "IPv4 and IPv6" : "IPv4";
+}
+
+}  // namespace
+
+// The platform reads the file as the agent's user, who is root.
+Finding checkGuard(Context&)
+{
+    const std::string path = wfoal::platformSettingsPath;
+    for (const std::string& each : {std::filesystem::path(path).parent_path().string(), path}) {
+        const std::string writers = writersOf(each);
+        if (!writers.empty()) {
+            return {
+                Health::Unsafe, writers,
+                "only root may decide what leaves beside the tunnel: chown root, chmod go-w, and check its content"};
+        }
+    }
+    const bool isThere = access(path.c_str(), F_OK) == 0;
+    const auto settings = wfoal::readPlatformSettings();
+    if (!settings) {
+        return {Health::Limited, settings.reason(),
+                "correct it: until then a tunnel that takes all traffic is refused"};
+    }
+    const std::string source = isThere ? " (" + path + ")" : " (the default)";
+    const std::string exceptions = exceptionsOf(settings->bypass);
+    if (!settings->isStrict && !settings->hasIpv6Guard) {
+        return {Health::Limited, "off" + source + ": IPv6 leaves beside a tunnel that takes all traffic",
+                "set ipv6-guard = on"};
+    }
+    return {Health::Ok,
+            fmt::format("{}{}: rejects {} beside a tunnel that takes all traffic{}",
+                        settings->isStrict ? "strict" : "on", source, rejected(*settings), exceptions),
+            ""};
+}
+
+#else
+
+Finding checkGuard(Context&)
+{
+    return {Health::Ok, "the device's own platform guards", ""};
+}
+
+#endif
+
+}  // namespace vpnoalctl
