@@ -22,6 +22,7 @@
 #include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
+#include "undolog/UndoLogFiles.h"
 
 namespace {
 
@@ -374,6 +375,33 @@ TEST_F(StatusCommandTest, EntryThatCannotBeReadIsNamed)
     EXPECT_EQ(1, result.status);
     EXPECT_THAT(result.output, HasSubstr("state   only the packet filter is applied, but the entry interface-norvatun0 "
                                          "cannot be read: undo log: an entry has no end\n"));
+}
+
+// Namespaces that share the folder, and a folder that outlives a boot.
+TEST_F(StatusCommandTest, EntriesOfOthersAreLeftOut)
+{
+    const auto here = wfoal::currentOrigin();
+    ASSERT_TRUE(here) << here.reason();
+    wfoal::Origin elsewhere = *here;
+    elsewhere.networkNamespace = "c999999999";
+    wfoal::Origin earlier = *here;
+    earlier.boot = "00000000-0000-0000-0000-000000000000";
+    const auto write = [](const std::string& subject, const wfoal::Origin& origin, const std::string& head) {
+        std::ofstream("/run/vknetconfig/" + subject + "@" + origin.networkNamespace + ".journal")
+            << head << "interface 1 lo\nend\n";
+    };
+    std::filesystem::create_directories("/run/vknetconfig");
+    write("interface-lo", elsewhere, wfoal::entryHead(elsewhere));
+    write("interface-lo", earlier, wfoal::entryHead(earlier));
+    write("interface-ppp0", elsewhere, "vknetconfig 9\n");
+    EXPECT_EQ("state  nothing is applied", summary());
+    write("interface-eth0", *here, "vknetconfig 9\n");
+    const CommandResult result = status();
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(
+        "state  nothing is applied, but the entry interface-eth0 cannot be read: undo log: it has an unknown "
+        "version\n",
+        result.output);
 }
 
 // Anything else would be compared with a configuration that is half installed.
