@@ -22,6 +22,7 @@
 #include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
+#include "undolog/DnsLine.h"
 #include "undolog/UndoLogFiles.h"
 
 namespace {
@@ -354,11 +355,12 @@ TEST_F(StatusCommandTest, EntryThatResolvconfHasLostIsMissing)
     const CommandResult whole = status();
     EXPECT_EQ(0, whole.status);
     EXPECT_THAT(whole.output, HasSubstr("\nDNS        server 10.8.0.1\nDNS        domain corp.test\n"));
-    std::filesystem::remove("/run/resolvconf/interface/norvatun0.vknetconfig");
+    const std::string name = wfoal::resolvconfName("norvatun0");
+    ASSERT_TRUE(std::filesystem::remove("/run/resolvconf/interface/" + name));
     const CommandResult result = status();
     EXPECT_EQ(1, result.status);
     EXPECT_THAT(result.output, HasSubstr("state      applied, but the DNS settings are missing\n"));
-    EXPECT_THAT(result.output, HasSubstr("\nDNS        resolvconf (resolvconf has no entry norvatun0.vknetconfig)\n"));
+    EXPECT_THAT(result.output, HasSubstr("\nDNS        resolvconf (resolvconf has no entry " + name + ")\n"));
 }
 
 TEST_F(StatusCommandTest, EntryThatCannotBeReadIsNamed)
