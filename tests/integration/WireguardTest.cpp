@@ -228,10 +228,18 @@ TEST_F(WireguardTest, ADeviceOfAnotherProgramIsLeftAlone)
 
 TEST_F(WireguardTest, WhatIsRefusedChangesNothing)
 {
+    const std::string longName = "DNS = " + std::string(300, 'a');
+    const std::string large = "# " + std::string(std::size_t{1} << 20, 'x');
     const std::pair<const char*, const char*> cases[] = {
         {"DNS = $(touch /tmp/hostile)", "line 4: DNS: \"$(touch\" is neither an address nor a domain name"},
         {"DNS = \"; add table inet x", "line 4: DNS: \"\";\" is neither an address nor a domain name"},
         {"Table = {\"a\":1}", "line 4: Table: \"{\"a\":1}\" is neither"},
+        {"Address = `touch /tmp/hostile`", "line 4: Address: \"`touch\" is no address"},
+        {"MTU = '; touch /tmp/hostile; '", "line 4: MTU: \"'; touch /tmp/hostile; '\" is no number from"},
+        {"PostUp = true\x1b[2J", "line 4: holds a control character"},
+        {"[Peer]\nEndpoint = $(reboot):1", "line 5: Endpoint: \"$(reboot)\" is neither an address nor the name"},
+        {longName.c_str(), "line 4: DNS: the value, which may be a key and is not shown, is neither"},
+        {large.c_str(), "is larger than 1 MiB"},
     };
     for (const auto& [line, error] : cases) {
         mNetwork->writeConfig("home", "10.20.0.0/16", line);

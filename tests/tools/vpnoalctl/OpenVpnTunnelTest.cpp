@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "openvpn/Hook.h"
 
 namespace {
@@ -224,6 +226,107 @@ TEST(OpenVpnTunnelTest, EachFaultNamesItsVariable)
     };
     for (const Fault& fault : faults)
         EXPECT_EQ(fault.text, faultOf(subnet(fault.variables)));
+}
+
+const Variables& hostileTexts()
+{
+    static const Variables texts{"\"",
+                                 "'; reboot; '",
+                                 "10.0.0.1\n10.0.0.2",
+                                 "$(reboot)",
+                                 "`reboot`",
+                                 "\\",
+                                 "; add table inet x",
+                                 "} chain y { policy accept;",
+                                 R"({"destination":"default"})",
+                                 R"("},{"destination":"default")",
+                                 "\x1b[2J",
+                                 "\xff\xfe",
+                                 "%s%n",
+                                 "-1",
+                                 " ",
+                                 "../../etc/passwd",
+                                 std::string(300, 'a'),
+                                 std::string(131000, '9')};
+    return texts;
+}
+
+// One line, and no longer than a line of a log should be.
+bool isPlainLine(const std::string& text)
+{
+    return text.size() < 400 && std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+TEST(OpenVpnTunnelTest, HostileTextIsRefusedInEachVariableWithItsName)
+{
+    const Variables names{"dev",
+                          "dev_type",
+                          "ifconfig_local",
+                          "ifconfig_netmask",
+                          "ifconfig_remote",
+                          "tun_mtu",
+                          "route_network_1",
+                          "route_netmask_1",
+                          "route_gateway_1",
+                          "route_metric_1",
+                          "redirect_gateway",
+                          "route_redirect_gateway_ipv4",
+                          "trusted_ip",
+                          "dns_server_1_address_1",
+                          "dns_server_1_port_1",
+                          "dns_server_1_transport",
+                          "dns_server_1_resolve_domain_1",
+                          "dns_search_domain_1"};
+    const Variables others{"route_network_1=10.20.0.0", "dns_server_1_address_1=10.8.0.1"};
+    for (const std::string& name : names) {
+        for (const std::string& text : hostileTexts()) {
+            Variables variables{name + "=" + text};
+            variables.insert(variables.end(), others.begin(), others.end());
+            const std::string fault = faultOf(subnet(variables));
+            EXPECT_THAT(fault, testing::StartsWith(name + ": ")) << text.substr(0, 40);
+            EXPECT_TRUE(isPlainLine(fault)) << fault;
+        }
+    }
+}
+
+TEST(OpenVpnTunnelTest, HostileTextIsRefusedInEachOptionOfDns)
+{
+    for (const char* kind : {"DNS", "DOMAIN", "DOMAIN-SEARCH", "ADAPTER_DOMAIN_SUFFIX"}) {
+        for (const std::string& text : hostileTexts()) {
+            const std::string fault =
+                faultOf(subnet({"foreign_option_2=dhcp-option " + std::string(kind) + " " + text}));
+            EXPECT_THAT(fault, testing::StartsWith("foreign_option_2: ")) << text.substr(0, 40);
+            EXPECT_TRUE(isPlainLine(fault)) << fault;
+        }
+    }
+}
+
+// A name of a server is OpenVPN's own affair, and an option of another kind is not used.
+TEST(OpenVpnTunnelTest, HostileTextThatIsNotUsedChangesNothing)
+{
+    for (const std::string& text : hostileTexts()) {
+        const Variables unused{"remote_2=" + text, "foreign_option_1=" + text, "foreign_option_2=dhcp-option " + text,
+                               "dns_server_1_dnssec=" + text, "route_ipv6_network_1=" + text};
+        EXPECT_EQ(profileOf(subnet()), profileOf(subnet(unused)));
+        for (const std::string& phrase : readTunnel(ScriptVariables(subnet(unused))).notApplied)
+            EXPECT_TRUE(isPlainLine(phrase)) << phrase;
+    }
+}
+
+TEST(OpenVpnTunnelTest, MoreDnsEntriesThanAServerNeedsAreRefused)
+{
+    const auto fault = [](const std::string& stem, const std::string& value) {
+        Variables variables;
+        for (int i = 1; i <= 10000; ++i)
+            variables.push_back(stem + std::to_string(i) + "=" + value);
+        return faultOf(subnet(variables));
+    };
+    EXPECT_EQ("foreign_option_N: there are more than 128 of them",
+              fault("foreign_option_", "dhcp-option DNS 10.8.0.1"));
+    EXPECT_EQ("dns_search_domain_N: there are more than 64 of them", fault("dns_search_domain_", "a.example"));
+    EXPECT_EQ("dns_server_1_address_N: there are more than 64 of them", fault("dns_server_1_address_", "10.8.0.1"));
+    EXPECT_EQ("remote_N: there are more than 64 of them", fault("remote_", "203.0.113.9"));
+    EXPECT_EQ("route_ipv6_network_N: there are more than 4096 of them", fault("route_ipv6_network_", "2001:db8::/32"));
 }
 
 TEST(OpenVpnTunnelTest, TenThousandRoutesAreRefused)

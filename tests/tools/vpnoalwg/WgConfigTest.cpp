@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 
@@ -214,6 +215,41 @@ TEST(WgConfigTest, HostileTextIsRefusedWithItsLine)
     };
     for (const auto& tried : cases)
         EXPECT_EQ(tried.error, errorOf(tried.text)) << tried.text;
+}
+
+// The commands alone may hold such text: they are for a shell.
+TEST(WgConfigTest, HostileTextIsRefusedInEachKeyWithItsLine)
+{
+    const std::string texts[] = {"\"",
+                                 "'; reboot; '",
+                                 "10.0.0.1\\n10.0.0.2",
+                                 "$(reboot)",
+                                 "`reboot`",
+                                 "; add table inet x",
+                                 "} chain y { policy accept;",
+                                 R"({"destination":"default"})",
+                                 R"("},{"destination":"default")",
+                                 "%s%n",
+                                 "-1",
+                                 "../../etc/passwd",
+                                 std::string(300, 'a'),
+                                 std::string(200000, '9')};
+    const auto isPlainLine = [](const std::string& text) {
+        return text.size() < 300 && std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    };
+    const auto tryKey = [&](const std::string& key, const std::string& place,
+                            std::string (*textWith)(const std::string&)) {
+        for (const std::string& text : texts) {
+            const std::string error = errorOf(textWith(key + " = " + text));
+            EXPECT_THAT(error, testing::StartsWith(place + key + ": ")) << text.substr(0, 40);
+            EXPECT_TRUE(isPlainLine(error)) << error;
+        }
+    };
+    for (const char* key : {"PrivateKey", "ListenPort", "FwMark", "Address", "DNS", "MTU", "Table", "SaveConfig"})
+        tryKey(key, "line 2: ", withInterface);
+    for (const char* key : {"PresharedKey", "AllowedIPs", "Endpoint", "PersistentKeepalive"})
+        tryKey(key, "line 4: ", withPeer);
+    tryKey("PublicKey", "line 3: ", [](const std::string& line) { return "[Interface]\n[Peer]\n" + line + "\n"; });
 }
 
 TEST(WgConfigTest, LongNamesAreCutInTheError)
