@@ -24,10 +24,11 @@ struct DnsLine {
     std::string_view rest;
 };
 
-/// The name under which resolvconf knows the settings of an interface. No other program uses it.
+/// The name under which resolvconf knows the settings of an interface. No other program uses it. What begins with "vpn"
+/// comes before the entries of access networks, by the order that every resolvconf brings along.
 inline std::string resolvconfName(std::string_view ifName)
 {
-    return std::string(ifName) + ".vknetconfig";
+    return "vpn." + std::string(ifName) + ".vknetconfig";
 }
 
 }  // namespace wfoal

@@ -182,7 +182,7 @@ true)");
                     "--topology",
                     topology,
                     "--local",
-                    "198.51.100.2",
+                    mServerAddress,
                     "--ca",
                     "/tmp/ca.pem",
                     "--cert",
@@ -204,6 +204,7 @@ true)");
         for (const std::string& push : pushes)
             words.insert(words.end(), {"--push", push});
         words.insert(words.end(), mServerOptions.begin(), mServerOptions.end());
+        unlink(serverLog);
         mServer = ChildProcess(words);
         ASSERT_TRUE(waitUntil([] { return contentOf(serverLog).find("Initialization Sequence") != std::string::npos; }))
             << contentOf(serverLog);
@@ -213,10 +214,12 @@ true)");
     Words clientWords(const Words& more = {}) const
     {
         std::ofstream("/tmp/client.conf")
-            << "client\nremote 198.51.100.2\nnobind\nca /tmp/ca.pem\ncert /tmp/client.pem\nkey /tmp/client.key\n"
+            << "client\nremote " << mServerAddress
+            << "\nnobind\nca /tmp/ca.pem\ncert /tmp/client.pem\nkey /tmp/client.key\n"
                "remote-cert-tls server\ntls-version-min 1.3\nlog /tmp/client.log\nverb 3\n"
                "setenv VKLOG_TARGET stderr\nsetenv VKLOG_LEVEL 4\n"
-            << (mHasHook ? "config /tmp/openvpn.conf\n" : "dev norvatun0\ndev-type tun\npersist-tun\n");
+            << (mHasHook ? "config /tmp/openvpn.conf\n" : "dev norvatun0\ndev-type tun\n")
+            << (!mHasHook && mPersistsTun ? "persist-tun\n" : "");
         std::string lines = contentOf(WFOAL_SOURCE_DIR "/packaging/openvpn/openvpn.conf.in");
         const std::string installed = "@WFOAL_HOOK@";
         for (auto at = lines.find(installed); at != std::string::npos; at = lines.find(installed))
@@ -299,6 +302,8 @@ true)");
 
     bool mHasHook = true;  // false: OpenVPN by itself
     Words mServerOptions;
+    bool mPersistsTun = true;
+    std::string mServerAddress = "198.51.100.2";
     std::string mBefore;
     ChildProcess mServer;
     ChildProcess mClient;

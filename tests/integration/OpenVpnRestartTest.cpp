@@ -103,6 +103,17 @@ TEST_F(OpenVpnRestartTest, OpenVpnByItselfHasAGap)
     disconnect();
 }
 
+TEST_F(OpenVpnRestartTest, OpenVpnByItselfHasNoGapWhenTheDeviceStays)
+{
+    mHasHook = false;
+    startServer("subnet", allTraffic);
+    expectNothingBeside([this] {
+        mClient.sendSignal(SIGUSR1);
+        awaitConnections(2);
+    });
+    disconnect();
+}
+
 TEST_F(OpenVpnRestartTest, OpenVpnByItselfLeavesItsRouteWhenItIsKilled)
 {
     mHasHook = false;

@@ -72,6 +72,34 @@ TEST_F(OpenVpnRunTest, ReadyIsReportedWhenTheConfigurationIsComplete)
     unlink("/tmp/notify");
 }
 
+// What the test above would see without the agent. The server's keepalive makes OpenVPN connect anew after 8 seconds
+// without an answer; 60 are usual. With persist-tun its packets to the server go into the tunnel then.
+TEST_F(OpenVpnRunTest, OpenVpnByItselfStandsStillUntilItConnectsAnew)
+{
+    mHasHook = false;
+    const auto isBack = [] {
+        return runCommand({"ping", "-n", "-q", "-c", "1", "-W", "0.2", "-I", "norvatun0", "10.20.0.80"}).status == 0;
+    };
+    for (const bool persists : {false, true}) {
+        mPersistsTun = persists;
+        startServer("subnet", {"redirect-gateway def1"});
+        connect();
+        ASSERT_TRUE(isReached("10.20.0.80"));
+        const auto begin = std::chrono::steady_clock::now();
+        shell("ip link set eth0 down");
+        EXPECT_EQ(!persists, waitUntil(isBack)) << contentOf(clientLog);
+        const auto taken =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
+        std::printf("%s persist-tun: outage of %ld ms%s\n", persists ? "with" : "without", static_cast<long>(taken),
+                    persists ? " and longer" : "");
+        EXPECT_LE(8000, taken);
+        disconnect();
+        shell(
+            "ip link set eth0 up; ip -6 address flush dev eth0; ip route add default via 192.0.2.1 dev eth0 metric "
+            "100");
+    }
+}
+
 TEST_F(OpenVpnRunTest, AKilledOpenVpnEndsTheAgentWhichRestores)
 {
     startServer("subnet", {"redirect-gateway def1"});

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <array>
@@ -128,6 +129,31 @@ void waitForBusName(const std::string& name, const ChildProcess& process)
     }
     if (ends[0].revents == 0) throw std::runtime_error("the process that was to own " + name + " has ended");
     if (waiter.wait() != 0) throw std::runtime_error(name + " did not appear on the bus");
+}
+
+std::string mountResolvconf()
+{
+    namespace fs = std::filesystem;
+    const std::string unpacked = WFOAL_DAEMONS_DIR "/resolvconf";
+    if (fs::exists("/etc/resolvconf/update.d/libc")) return {};
+    if (access((unpacked + "/sbin/resolvconf").c_str(), X_OK) != 0) {
+        return "resolvconf is not there: run tests/support/fetch-daemons.sh build/daemons";
+    }
+    for (const char* folder : {"sbin", "lib"}) {
+        const std::string target = std::string("/usr/") + folder;
+        const std::string lower = "lowerdir=" + unpacked + "/" + folder + ":" + target;
+        if (mount("private", target.c_str(), "overlay", MS_RDONLY, lower.c_str()) != 0) {
+            return "no overlay can be mounted on " + target + ": " + std::strerror(errno);
+        }
+    }
+    for (const char* path : {"/etc/resolvconf", "/etc/resolv.conf"})
+        fs::remove(path);
+    fs::create_symlink(unpacked + "/etc/resolvconf", "/etc/resolvconf");
+    fs::create_directories("/run/resolvconf/interface");
+    fs::create_symlink("/run/resolvconf/resolv.conf", "/etc/resolv.conf");
+    std::ofstream("/run/resolvconf/resolv.conf").flush();
+    std::ofstream("/run/resolvconf/enable-updates").flush();
+    return {};
 }
 
 ChildProcess startDaemon(Daemon daemon)

@@ -39,6 +39,10 @@ void waitForBusName(const std::string& name, const ChildProcess& process);
 /// The command that runs a client program which fetch-daemons.sh unpacked: resolvectl, nmcli, loginctl.
 std::string daemonTool(const std::string& name);
 
+/// Puts Debian's resolvconf, which fetch-daemons.sh unpacked, where it is when it is installed, with an empty
+/// /etc/resolv.conf that it keeps. Returns why that cannot be done here, or an empty text. Done once, it stays.
+std::string mountResolvconf();
+
 }  // namespace testsupport
 
 #endif

@@ -75,7 +75,7 @@ TEST_F(ResolvconfTest, ServersAndSearchDomainsAreHandedOver)
     EXPECT_EQ(contentOf(record), "") << "preparing changes nothing";
     dns.set(link0, tunnel(), prepared);
     EXPECT_EQ(contentOf(record),
-              "-a norvatun0.vknetconfig\nnameserver 10.8.0.1\nnameserver 10.8.0.2\nsearch corp.test lab.test\n");
+              "-a vpn.norvatun0.vknetconfig\nnameserver 10.8.0.1\nnameserver 10.8.0.2\nsearch corp.test lab.test\n");
 }
 
 TEST_F(ResolvconfTest, UndoRemovesOurEntryOnly)
@@ -86,7 +86,7 @@ TEST_F(ResolvconfTest, UndoRemovesOurEntryOnly)
     std::filesystem::remove(record);
     Dns other;
     other.undo(prepared);
-    EXPECT_EQ(contentOf(record), "-d norvatun0.vknetconfig\n");
+    EXPECT_EQ(contentOf(record), "-d vpn.norvatun0.vknetconfig\n");
 }
 
 TEST_F(ResolvconfTest, DomainsAloneHaveNoServerLine)
@@ -94,7 +94,7 @@ TEST_F(ResolvconfTest, DomainsAloneHaveNoServerLine)
     install();
     const DnsSettings settings{{}, {"corp.test", "~route.test"}, false};
     dns.set(link0, settings, dns.prepare(link0, settings));
-    EXPECT_EQ(contentOf(record), "-a norvatun0.vknetconfig\nsearch corp.test\n");
+    EXPECT_EQ(contentOf(record), "-a vpn.norvatun0.vknetconfig\nsearch corp.test\n");
 }
 
 TEST_F(ResolvconfTest, WithoutAnyResolverTheErrorNamesTheKey)
