@@ -45,6 +45,11 @@ struct Topology {
     const char* address;
 };
 
+void PrintTo(const Topology& topology, std::ostream* output)
+{
+    *output << topology.name;
+}
+
 class OpenVpnTopologyTest : public OpenVpnRedirectTest, public testing::WithParamInterface<Topology> {};
 
 TEST_P(OpenVpnTopologyTest, AllTrafficGoesIntoTheTunnel)

@@ -317,19 +317,6 @@ TEST_F(WireguardTest, TheCommandsOfThePageDoWhatItSays)
     expectStateAsBefore();
 }
 
-TEST_F(WireguardTest, CompletionOffersCommandsAndNames)
-{
-    mNetwork->writeConfig("home", "10.20.0.0/16");
-    const auto offered = [](const std::string& words) {
-        return shell("bash -c '. " WFOAL_SOURCE_DIR
-                     "/packaging/completion/vpnoal-wg.bash; cd /run; COMP_WORDS=(" WFOAL_BUILD_DIR "/bin/vpnoal-wg " +
-                     words + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _vpnoal_wg; echo \"${COMPREPLY[*]}\"'");
-    };
-    EXPECT_EQ("up\n", offered("u"));
-    EXPECT_EQ("home\n", offered("up ho"));
-    EXPECT_EQ("--plugin\n", offered("up --pl"));
-}
-
 TEST_F(WireguardTest, NoKeyIsEverPrinted)
 {
     mNetwork->writeConfig("home", "0.0.0.0/0");

@@ -93,9 +93,9 @@ protected:
         std::ofstream("/etc/vpnwfoal/profiles/office.json") << "{}";
     }
 
+    static bool has(const std::string& shell) { return runCommand({shell, "-c", "true"}).status == 0; }
     static std::string run(const std::string& shell, const std::string& script)
     {
-        if (runCommand({shell, "-c", "true"}).status != 0) return "no " + shell;
         return runCommand({shell, "-c", "cd /tmp/here; export PATH=" WFOAL_BUILD_DIR "/bin:/usr/bin:/bin\n" + script})
             .output;
     }
@@ -142,6 +142,7 @@ TEST_F(ShellCompletionTest, Bash)
 
 TEST_F(ShellCompletionTest, Zsh)
 {
+    if (!has("zsh")) GTEST_SKIP() << "zsh is not installed";
     EXPECT_EQ(inZsh("conn"), "connect ");
     EXPECT_EQ(inZsh("apply o"), "office files *.json ");
     EXPECT_EQ(inZsh("storage ls m"), "main ");
@@ -150,6 +151,7 @@ TEST_F(ShellCompletionTest, Zsh)
 
 TEST_F(ShellCompletionTest, Fish)
 {
+    if (!has("fish")) GTEST_SKIP() << "fish is not installed";
     EXPECT_EQ(inFish("vpnoalctl conn"), "connect\n");
     EXPECT_THAT(inFish("vpnoalctl apply o"), HasSubstr("office"));
     EXPECT_THAT(inFish("vpnoalctl apply o"), HasSubstr("order.json"));
