@@ -11,8 +11,10 @@
  * itself or not, its configuration stays. A request for the same interface or filter adopts it and changes only the
  * difference, so that no packet leaves beside the tunnel; when that request fails, everything stays as the ended
  * process left it. Any other request first removes what ended processes left, as far as it is still theirs; a
- * request for a packet filter leaves interfaces alone, as agents set their filter first. Network namespaces do not
- * touch each other. Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
+ * request for a packet filter leaves interfaces alone, as agents set their filter first. What VKNETCONFIG_KEEP in the
+ * environment lists ("interface-NAME", "guard-NAME", "firewall-LABEL", with commas between) is not removed, neither as
+ * stale nor by a removal, which succeeds: the process replaces it later. Network namespaces do not touch each other.
+ * Loading the library changes nothing. Needs CAP_NET_ADMIN, and to write to /run/vknetconfig.
  *
  * A child of fork is a process of its own: it owns nothing that its parent set up, and its end changes nothing. It may
  * make requests. While a call runs, its thread handles no signal of the agent: they wait until it returns, or go to
