@@ -129,6 +129,10 @@ runs_anew() {
     [ "$pid" != 0 ] && [ "$pid" != "$1" ] && has ActiveState active && carries
 }
 
+guards() {
+    nft list table inet vknetconfig-guard-norvatun0
+}
+
 has_one() {
     [ "$(pids_of "$1" | wc -l)" = 1 ]
 }
@@ -164,7 +168,10 @@ try_unit() {
     check 'it starts again' systemctl start "$unit"
     kill -KILL "$(main_pid)"
     eventually 'it waits to be started again' has SubState auto-restart
+    # The unit of WireGuard takes down what is left; that of OpenVPN keeps the guard for the next agent.
+    [ "$program" != openvpn ] || check 'the guard stays meanwhile' guards
     check 'it stops while it waits' systemctl stop "$unit"
+    [ "$program" != openvpn ] || check 'restore removes what is left' /var/installed/bin/vpnoalctl restore
     check 'it leaves the network as before, whoever was killed' is_as_before_a_kill
 }
 
