@@ -264,6 +264,19 @@ TEST_F(StatusCommandTest, TablesDeletedByHandAreMissing)
     EXPECT_THAT(result.output, HasSubstr("\nguard      table vknetconfig-guard-norvatun0, 0 rules (is missing)\n"));
 }
 
+TEST_F(StatusCommandTest, GuardWhoseLastRuleWasDeletedRejectsNothing)
+{
+    writeProfile(fullTunnel);
+    ChildProcess connecting = connect();
+    constexpr char guard[] = "vknetconfig-guard-norvatun0";
+    const std::string rules = runCommand({"nft", "-a", "list", "chain", "inet", guard, "_output"}).output;
+    std::smatch reject;
+    ASSERT_TRUE(std::regex_search(rules, reject, std::regex(R"(\n\t*reject with icmpx[^\n]* # handle (\d+))")))
+        << rules;
+    runCommand({"nft", "delete", "rule", "inet", guard, "_output", "handle", reject[1].str()});
+    EXPECT_EQ("state      applied, but the guard has lost its rules", summary());
+}
+
 TEST_F(StatusCommandTest, OwnerThatHasEndedIsTold)
 {
     applyToOwnDevice(R"({"routes":[{"destination":"10.20.0.0/16"}]})");

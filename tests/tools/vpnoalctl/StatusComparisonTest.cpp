@@ -61,8 +61,10 @@ protected:
         found.addresses = tunnel.record.addresses;
         found.routes = tunnel.record.routes;
         std::sort(found.routes.begin(), found.routes.end());
-        kernel.tables["vpn.vpnoal"] = {true, {{"_input", 1}, {"_output", 1}, {"_forward", 1}}, {}};
-        kernel.tables["vknetconfig-guard-norvatun0"] = {true, {{"_output", 3}, {"_forward", 2}, {"beside", 8}}, {}};
+        const FilterChain jumps{1, false};
+        kernel.tables["vpn.vpnoal"] = {true, {{"_input", jumps}, {"_output", jumps}, {"_forward", jumps}}, {}};
+        kernel.tables["vknetconfig-guard-norvatun0"] = {
+            true, {{"_output", {3, true}}, {"_forward", {2, true}}, {"beside", {8, false}}}, {}};
         dns[dnsLine] = {"systemd-resolved", "", {{"server", "10.8.0.1", true}, {"domain", "corp.test", true}}};
     }
 
@@ -154,10 +156,16 @@ TEST_F(StatusComparisonTest, TableOfAnotherProgramIsNotOurs)
 
 TEST_F(StatusComparisonTest, TableWithoutRulesInABaseChainGuardsNothing)
 {
-    kernel.tables["vknetconfig-guard-norvatun0"].rules.erase("_output");
+    kernel.tables["vknetconfig-guard-norvatun0"].chains.erase("_output");
     EXPECT_EQ("applied, but the guard has lost its rules", summary());
-    kernel.tables["vpn.vpnoal"].rules.erase("_input");
+    kernel.tables["vpn.vpnoal"].chains.erase("_input");
     EXPECT_EQ("applied, but the packet filter has lost its rules and the guard has lost its rules", summary());
+}
+
+TEST_F(StatusComparisonTest, GuardThatRejectsNothingGuardsNothing)
+{
+    kernel.tables["vknetconfig-guard-norvatun0"].chains["_forward"].rejectsRest = false;
+    EXPECT_EQ("applied, but the guard has lost its rules", summary());
 }
 
 TEST_F(StatusComparisonTest, TableWithoutAnEntryIsNamed)

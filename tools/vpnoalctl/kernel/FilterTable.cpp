@@ -53,28 +53,53 @@ std::uint64_t bigEndian(const nlattr* attribute)
                : 0;
 }
 
-// One expression of a rule.
-int addCounter(const nlattr* element, void* counted)
+struct RuleContent {
+    std::size_t expressions = 0;
+    bool beginsWithReject = false;
+    std::optional<PacketCount> counted;
+};
+
+int readExpression(const nlattr* element, void* content)
 {
-    auto& sum = *static_cast<std::optional<PacketCount>*>(counted);
+    auto& rule = *static_cast<RuleContent*>(content);
     const Attributes expression(element);
-    if (expression.text(NFTA_EXPR_NAME) != "counter") return MNL_CB_OK;
+    const std::string name = expression.text(NFTA_EXPR_NAME);
+    if (rule.expressions++ == 0) rule.beginsWithReject = name == "reject";
+    if (name != "counter") return MNL_CB_OK;
     const Attributes counter(expression.get(NFTA_EXPR_DATA));
-    if (!sum) sum.emplace();
-    sum->packets += bigEndian(counter.get(NFTA_COUNTER_PACKETS));
-    sum->bytes += bigEndian(counter.get(NFTA_COUNTER_BYTES));
+    rule.counted =
+        PacketCount{bigEndian(counter.get(NFTA_COUNTER_PACKETS)), bigEndian(counter.get(NFTA_COUNTER_BYTES))};
     return MNL_CB_OK;
 }
 
-int countRules(const std::string& name, FilterTable& table)
+void readRule(const nlmsghdr& message, const std::string& name, FilterTable& table)
 {
-    return ask(NFT_MSG_GETRULE, NLM_F_DUMP, NFTA_RULE_TABLE, name, [&](const nlmsghdr& message) {
-        const Attributes rule(&message, sizeof(nfgenmsg));
-        if (rule.text(NFTA_RULE_TABLE) != name) return;
-        ++table.rules[rule.text(NFTA_RULE_CHAIN)];
-        const nlattr* const expressions = rule.get(NFTA_RULE_EXPRESSIONS);
-        if (expressions != nullptr) mnl_attr_parse_nested(expressions, &addCounter, &table.counted);
-    });
+    const Attributes rule(&message, sizeof(nfgenmsg));
+    if (rule.text(NFTA_RULE_TABLE) != name) return;
+    RuleContent content;
+    const nlattr* const expressions = rule.get(NFTA_RULE_EXPRESSIONS);
+    if (expressions != nullptr) mnl_attr_parse_nested(expressions, &readExpression, &content);
+    FilterChain& chain = table.chains[rule.text(NFTA_RULE_CHAIN)];
+    ++chain.rules;
+    chain.rejectsRest = chain.rejectsRest || content.beginsWithReject;
+    if (!content.counted) return;
+    if (!table.counted) table.counted.emplace();
+    table.counted->packets += content.counted->packets;
+    table.counted->bytes += content.counted->bytes;
+}
+
+// Again when a change interrupts it.
+int readRules(const std::string& name, FilterTable& table)
+{
+    constexpr int mostAttempts = 10;
+    int error = EINTR;
+    for (int attempt = 0; error == EINTR && attempt < mostAttempts; ++attempt) {
+        table.chains.clear();
+        table.counted.reset();
+        error = ask(NFT_MSG_GETRULE, NLM_F_DUMP, NFTA_RULE_TABLE, name,
+                    [&](const nlmsghdr& message) { readRule(message, name, table); });
+    }
+    return error;
 }
 
 bool isMarked(const nlmsghdr& message)
@@ -94,16 +119,10 @@ int askForTable(const std::string& name, const std::function<void(const nlmsghdr
 
 std::optional<FilterTable> filterTable(const std::string& name)
 {
-    constexpr int mostAttempts = 10;  // the rules change all the time
     FilterTable table;
     int error = askForTable(name, [&table](const nlmsghdr& message) { table.isOurs = isMarked(message); });
     if (error == ENOENT) return std::nullopt;
-    for (int attempt = 0; error == EINTR || attempt == 0; ++attempt) {
-        if (error != 0 && attempt == mostAttempts) break;
-        table.rules.clear();
-        table.counted.reset();
-        error = error == 0 || error == EINTR ? countRules(name, table) : error;
-    }
+    if (error == 0) error = readRules(name, table);
     if (error != 0) throw systemError("nftables", error, "run it as root");
     return table;
 }

@@ -19,10 +19,15 @@ struct PacketCount {
     std::uint64_t bytes = 0;
 };
 
+struct FilterChain {
+    std::size_t rules = 0;
+    bool rejectsRest = false;  // a rule rejects whatever reaches it
+};
+
 struct FilterTable {
-    bool isOurs = false;                       // it has the host platform's mark
-    std::map<std::string, std::size_t> rules;  // their number, by chain; chains without a rule are not there
-    std::optional<PacketCount> counted;        // what the rules with a counter have counted together
+    bool isOurs = false;                        // it has the host platform's mark
+    std::map<std::string, FilterChain> chains;  // those with a rule
+    std::optional<PacketCount> counted;         // what the rules with a counter have counted together
 };
 
 /// Asks for a table. 0: it is there, and was handed to `visit`; ENOENT: it is not there; any other errno value:

@@ -125,19 +125,44 @@ void addFaults(std::vector<std::string>& faults, const InterfaceStatus& status)
     addMissing(faults, countMissing(status.dns->settings), {"DNS setting", "DNS settings"}, status.name);
 }
 
-TableStatus compareTable(const std::string& name, const Owner& owner, std::initializer_list<const char*> chains,
-                         const KernelState& kernel)
+// Why a table of ours does not do what it was installed for; empty when it does.
+std::string faultOf(const FilterTable& table, std::initializer_list<const char*> chains, bool isGuard)
+{
+    if (!table.isOurs) return "is another program's";
+    for (const char* const name : chains) {
+        const auto chain = table.chains.find(name);
+        if (chain == table.chains.end() || (isGuard && !chain->second.rejectsRest)) return "has lost its rules";
+    }
+    return {};
+}
+
+TableStatus compareTable(const std::string& name, const Owner& owner, const KernelState& kernel)
 {
     TableStatus status{name, owner, "is missing", 0, {}};
     const auto found = kernel.tables.find(name);
     if (found == kernel.tables.end()) return status;
-    const FilterTable& table = found->second;
-    for (const auto& [chain, rules] : table.rules)
-        status.rules += rules;
-    status.counted = table.counted;
-    const bool hasAll = std::all_of(chains.begin(), chains.end(),
-                                    [&table](const char* chain) { return table.rules.count(chain) != 0; });
-    status.fault = !table.isOurs ? "is another program's" : hasAll ? "" : "has lost its rules";
+    for (const auto& [chainName, chain] : found->second.chains)
+        status.rules += chain.rules;
+    status.counted = found->second.counted;
+    status.fault.clear();
+    return status;
+}
+
+TableStatus compareFilter(const InstalledFilter& installed, const KernelState& kernel)
+{
+    TableStatus status = compareTable(installed.table, installed.owner, kernel);
+    if (!status.fault.empty()) return status;
+    status.fault =
+        faultOf(kernel.tables.at(installed.table), {wfoal::inputChain, wfoal::outputChain, wfoal::forwardChain}, false);
+    return status;
+}
+
+TableStatus compareGuard(const InstalledGuard& installed, const KernelState& kernel)
+{
+    const std::string table = wfoal::guardTable(installed.rules.ifName);
+    TableStatus status = compareTable(table, installed.owner, kernel);
+    if (!status.fault.empty()) return status;
+    status.fault = faultOf(kernel.tables.at(table), {wfoal::outputChain, wfoal::forwardChain}, true);
     return status;
 }
 
@@ -214,14 +239,11 @@ Status compare(const Installed& installed, const KernelState& kernel, const DnsS
         addFaults(status.faults, status.interfaces.back());
     }
     for (const InstalledFilter& one : installed.filters) {
-        status.filters.push_back(
-            compareTable(one.table, one.owner, {wfoal::inputChain, wfoal::outputChain, wfoal::forwardChain}, kernel));
+        status.filters.push_back(compareFilter(one, kernel));
         addFault(status.faults, "the packet filter", status.filters.back());
     }
     for (const InstalledGuard& one : installed.guards) {
-        const std::string table = wfoal::guardTable(one.rules.ifName);
-        status.guards.push_back(
-            {compareTable(table, one.owner, {wfoal::outputChain, wfoal::forwardChain}, kernel), one.rules});
+        status.guards.push_back({compareGuard(one, kernel), one.rules});
         addFault(status.faults, "the guard" + ownerSuffix(one.rules.ifName), status.guards.back().table);
     }
     addForgotten(status, kernel);
