@@ -1,151 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// vpnoal-wg with real wireguard-go and wg: what leaves beside the tunnel, roaming, and processes that are killed.
-#include <fcntl.h>
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <chrono>
-#include <csignal>
+// vpnoal-wg with real wireguard-go and wg: what leaves beside the tunnel, and processes that are killed.
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
 
-#include "ChildProcess.h"
 #include "Daemons.h"
-#include "Files.h"
-#include "Shell.h"
-#include "WireguardNetwork.h"
-#include "handles/UniqueFd.h"
+#include "WireguardFixture.h"
 
 namespace {
 
 using namespace testsupport;
 using std::chrono::milliseconds;
 using testing::HasSubstr;
-using testing::Not;
 
-constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoal-wg";
-constexpr char inside[] = "10.20.0.1";   // in the tunnel only
-constexpr char outside[] = "192.0.2.1";  // on the link of eth0
-
-std::string state()
-{
-    return shell("ip -o link; ip address; ip route show table all; ip rule; nft list ruleset");
-}
-
-CommandResult vpnoalWg(std::vector<std::string> words)
-{
-    words.insert(words.begin(), program);
-    return runCommand(words);
-}
-
-bool isReached(const std::string& address)
-{
-    return runCommand({"ping", "-n", "-c", "1", "-W", "2", address}).status == 0;
-}
-
-// Packets to a place that only the tunnel leads to, at a steady pace, and the time of each answer.
-class Pulse {
-public:
-    Pulse()
-        : mOutput(open("/tmp/pulse", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)),
-          mPing({"ping", "-n", "-D", "-i", "0.01", "-W", "0.5", inside}, mOutput.get())
-    {
-        EXPECT_TRUE(awaitAnswers(20));
-    }
-
-    // Waits for more answers.
-    bool awaitAnswers(std::size_t count) const
-    {
-        const std::size_t before = answers().size();
-        for (int tries = 0; tries < 2000; ++tries) {
-            if (answers().size() >= before + count) return true;
-            std::this_thread::sleep_for(milliseconds(5));
-        }
-        return false;
-    }
-
-    // Between two answers.
-    int longestGap() const
-    {
-        const std::vector<double> times = answers();
-        double longest = 0;
-        for (std::size_t i = 1; i < times.size(); ++i)
-            longest = std::max(longest, times[i] - times[i - 1]);
-        return static_cast<int>(longest * 1000);
-    }
-
-private:
-    static std::vector<double> answers()
-    {
-        std::istringstream lines(contentOf("/tmp/pulse"));
-        std::vector<double> times;
-        for (std::string line; std::getline(lines, line);) {
-            if (line.find("bytes from") != std::string::npos) times.push_back(std::stod(line.substr(1)));
-        }
-        return times;
-    }
-
-    UniqueFd mOutput;
-    ChildProcess mPing;
-};
-
-class WireguardFaultTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (const std::string reason = WireguardNetwork::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
-        setenv("VKLOG_LEVEL", "2", 1);
-        mNetwork.emplace();
-        mBefore = state();
-    }
-
-    void TearDown() override
-    {
-        if (!mNetwork) return;
-        vpnoalWg({"down", "home"});
-        mNetwork.reset();
-    }
-
-    void bringUp(const std::string& allowed, const std::string& lines = {})
-    {
-        mNetwork->writeConfig("home", allowed, lines);
-        const CommandResult up = vpnoalWg({"up", "home"});
-        ASSERT_EQ(0, up.status) << up.output;
-        ASSERT_TRUE(isReached(inside));
-    }
-
-    static pid_t agent()
-    {
-        const std::string refused = vpnoalWg({"up", "home"}).output;
-        const auto at = refused.find("by process ");
-        return at == std::string::npos ? -1 : std::stoi(refused.substr(at + 11));
-    }
-
-    // Other children of the agent are tools that it runs.
-    static pid_t wireguardGo(pid_t agent)
-    {
-        const std::string process = std::to_string(agent);
-        std::istringstream children(contentOf("/proc/" + process + "/task/" + process + "/children"));
-        for (std::string child; children >> child;) {
-            if (contentOf("/proc/" + child + "/comm") == "wireguard-go\n") return std::stoi(child);
-        }
-        return -1;
-    }
-
-    static bool awaitEnd(pid_t process)
-    {
-        return awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null");
-    }
-
-    void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
-
-    std::optional<WireguardNetwork> mNetwork;
-    std::string mBefore;
-};
+class WireguardFaultTest : public WireguardFixture {};
 
 TEST_F(WireguardFaultTest, AFullTunnelLetsNothingBeside)
 {
@@ -157,7 +25,7 @@ TEST_F(WireguardFaultTest, AFullTunnelLetsNothingBeside)
         "nft 'table inet inner { counter own { }; chain out { type filter hook output priority 0; oifname norvatun0 "
         "udp "
         "dport 51820 counter name own; }; }'");
-    bringUp("0.0.0.0/0");
+    bringUpFor("0.0.0.0/0");
     mNetwork->resetCounters();
     runCommand({"ping", "-c", "20", "-i", "0.01", "-W", "1", inside});
     runCommand({"ping", "-c", "5", "-i", "0.01", "-W", "1", "203.0.113.77"});
@@ -183,7 +51,7 @@ TEST_F(WireguardFaultTest, AFullTunnelKeepsIpv6FromLeavingBesideIt)
     EXPECT_TRUE(isReached("2001:db8:1::1"));
     const unsigned long control = mNetwork->packetsBeside();
     EXPECT_GE(control, 1U);
-    bringUp("0.0.0.0/0, ::/0");
+    bringUpFor("0.0.0.0/0, ::/0");
     mNetwork->resetCounters();
     const CommandResult refused = runCommand({"ping", "-c", "5", "-i", "0.01", "-W", "1", "2001:db8:1::1"});
     EXPECT_NE(0, refused.status);
@@ -196,37 +64,10 @@ TEST_F(WireguardFaultTest, AFullTunnelKeepsIpv6FromLeavingBesideIt)
     EXPECT_TRUE(isReached("2001:db8:1::1"));
 }
 
-TEST_F(WireguardFaultTest, TheTunnelMovesToTheOtherNetworkAndBack)
-{
-    bringUp("0.0.0.0/0");
-    mNetwork->resetCounters();
-    const auto move = [](const char* interface, bool isUp, const char* through) {
-        const Pulse pulse;
-        WireguardNetwork::setAccess(interface, isUp);
-        EXPECT_TRUE(pulse.awaitAnswers(50));
-        EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr(std::string("dev ") + through));
-        return pulse.longestGap();
-    };
-    constexpr int longest = 1000;
-    const int toCellular = move("eth0", false, "wwan0");
-    EXPECT_LT(toCellular, longest);
-    const int toWifi = move("eth0", true, "eth0");
-    EXPECT_LT(toWifi, longest);
-    RecordProperty("toCellularMs", toCellular);
-    RecordProperty("toWifiMs", toWifi);
-    EXPECT_EQ(0U, mNetwork->packetsBeside());
-    EXPECT_TRUE(isReached(inside));
-    const int withoutLoss = move("wwan0", false, "eth0");
-    EXPECT_LT(withoutLoss, 200) << "a network that is not used may go";
-    WireguardNetwork::setAccess("wwan0", true);
-    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
-    EXPECT_THAT(shell("ip route; nft list ruleset"), Not(testing::AnyOf(HasSubstr("119"), HasSubstr("guard"))));
-}
-
 // With commands of the configuration, which may have done something with the device.
 TEST_F(WireguardFaultTest, KilledWireguardGoEndsTheAgentAndRestores)
 {
-    bringUp("0.0.0.0/0", "PostUp = true");
+    bringUpFor("0.0.0.0/0", "PostUp = true");
     const pid_t running = agent();
     const pid_t carrier = wireguardGo(running);
     ASSERT_GT(carrier, 0);
@@ -244,7 +85,7 @@ TEST_F(WireguardFaultTest, KilledWireguardGoIsStartedAgain)
     std::filesystem::create_directories("/etc/vpnwfoal");
     for (const bool isStrict : {true, false}) {
         std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = " << (isStrict ? "on" : "off") << "\n";
-        bringUp("0.0.0.0/0");
+        bringUpFor("0.0.0.0/0");
         const pid_t running = agent();
         {
             const Pulse pulse;
@@ -267,7 +108,7 @@ TEST_F(WireguardFaultTest, KilledWireguardGoIsStartedAgain)
 
 TEST_F(WireguardFaultTest, ARemovedDeviceEndsTheAgentAndRestores)
 {
-    bringUp("10.20.0.0/16");
+    bringUpFor("10.20.0.0/16");
     const pid_t running = agent();
     shell("ip link delete norvatun0");
     EXPECT_TRUE(awaitEnd(running));
@@ -276,7 +117,7 @@ TEST_F(WireguardFaultTest, ARemovedDeviceEndsTheAgentAndRestores)
 
 TEST_F(WireguardFaultTest, TheTunnelOfAKilledAgentGoesOnUntilDown)
 {
-    bringUp("0.0.0.0/0");
+    bringUpFor("0.0.0.0/0");
     const pid_t running = agent();
     mNetwork->resetCounters();
     kill(running, SIGKILL);
@@ -291,7 +132,7 @@ TEST_F(WireguardFaultTest, TheTunnelOfAKilledAgentGoesOnUntilDown)
 
 TEST_F(WireguardFaultTest, TheNextAgentTakesTheTunnelOfAKilledOne)
 {
-    bringUp("0.0.0.0/0");
+    bringUpFor("0.0.0.0/0");
     const std::string index = contentOf("/sys/class/net/norvatun0/ifindex");
     const pid_t running = agent();
     kill(running, SIGKILL);

@@ -2,40 +2,28 @@
 //
 // What leaves beside the tunnel of vpnoal-wg when it takes all traffic: nothing, over neither access network and of
 // neither family, whatever ends, starts or moves. Each test first sees all four kinds of packets without the tunnel.
-#include <fcntl.h>
-#include <gmock/gmock.h>
-
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
-#include <sstream>
-#include <string>
 
 #include "AccessTraffic.h"
-#include "ChildProcess.h"
 #include "Daemons.h"
-#include "Files.h"
-#include "Shell.h"
-#include "WireguardNetwork.h"
+#include "WireguardFixture.h"
 
 namespace {
 
 using namespace testsupport;
 using testing::HasSubstr;
 
-constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoal-wg";
-constexpr char inside[] = "10.20.0.1";  // in the tunnel only
 const std::vector<std::string> bothFamilies{"wifi4", "cellular4", "wifi6", "cellular6"};
 const std::vector<std::string> ipv6Only{"wifi6", "cellular6"};
 
-class WireguardGuardTest : public testing::Test {
+class WireguardGuardTest : public WireguardFixture {
 protected:
     void SetUp() override
     {
-        if (const std::string reason = WireguardNetwork::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
-        mNetwork.emplace();
+        WireguardFixture::SetUp();
+        if (IsSkipped()) return;
         mNetwork->writeConfig("home", "0.0.0.0/0");
         mTraffic = std::make_unique<AccessTraffic>("internet", inside, "wifi", "cellular");
         expectTheControl();
@@ -46,37 +34,25 @@ protected:
     void TearDown() override
     {
         if (!mNetwork) return;
-        EXPECT_EQ(0, vpnoalWg("down").status);
+        EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
         expectTheControl();
         mTraffic.reset();
-        mNetwork.reset();
+        WireguardFixture::TearDown();
         std::filesystem::remove("/etc/vpnwfoal/platform.conf");
     }
 
     void expectTheControl() const { mTraffic->expectToBeSeen({"wifi4", "wifi6", "cellular6"}); }
 
-    static CommandResult vpnoalWg(const char* what) { return runCommand({program, what, "home"}); }
     static void bringUp()
     {
-        const CommandResult up = vpnoalWg("up");
-        ASSERT_EQ(0, up.status) << up.output;
-        ASSERT_TRUE(isReached());
+        WireguardFixture::bringUp();
+        ASSERT_TRUE(isReached(inside));
     }
-    static bool isReached() { return runCommand({"ping", "-n", "-c", "1", "-W", "5", inside}).status == 0; }
 
-    static pid_t agent()
-    {
-        const std::string refused = vpnoalWg("up").output;
-        return std::stoi(refused.substr(refused.find("by process ") + 11));
-    }
-    static pid_t wireguardGo(pid_t agent)
-    {
-        return std::stoi(shell("pgrep -x -P " + std::to_string(agent) + " wireguard-go"));
-    }
     static void killAndAwait(pid_t process)
     {
         kill(process, SIGKILL);
-        EXPECT_TRUE(awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null"));
+        EXPECT_TRUE(awaitEnd(process));
     }
 
     static void ethernetBack()
@@ -89,7 +65,6 @@ protected:
         return awaitSuccess("ip route get 198.51.100.2 | grep -q 'dev " + device + "'");
     }
 
-    std::optional<WireguardNetwork> mNetwork;
     std::unique_ptr<AccessTraffic> mTraffic;
 };
 
@@ -156,7 +131,7 @@ TEST_F(WireguardGuardTest, FromWifiToCellularAndBack)
         mTraffic->awaitMore();
     }
     beside.expectNone();
-    EXPECT_TRUE(isReached());
+    EXPECT_TRUE(isReached(inside));
 }
 
 // The link goes down while the device sleeps, and gets its addresses again when it wakes.
@@ -180,9 +155,9 @@ TEST_F(WireguardGuardTest, SuspendAndResume)
     EXPECT_TRUE(outerRouteIsBy("wwan0"));
     ethernetBack();
     EXPECT_TRUE(outerRouteIsBy("eth0"));
-    EXPECT_TRUE(isReached());
+    EXPECT_TRUE(isReached(inside));
     beside.expectNone();
-    EXPECT_EQ(0, vpnoalWg("down").status);
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
     bringUp();  // without the bus
 }
 

@@ -1,20 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // vpnoal-wg with real wireguard-go and wg: a tunnel comes up, is held, refused, and taken down.
-#include <gmock/gmock.h>
-
-#include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <thread>
 
-#include "ChildProcess.h"
-#include "Daemons.h"
-#include "Files.h"
-#include "Shell.h"
-#include "WireguardNetwork.h"
+#include "WireguardFixture.h"
 
 namespace {
 
@@ -24,16 +14,6 @@ using std::chrono::steady_clock;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-
-constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoal-wg";
-
-// All of the network's state that a tunnel can touch.
-std::string state()
-{
-    return shell(
-        "ip -d link; ip address; ip route show table all; ip -6 route show table all; ip rule; ip -6 rule; nft list "
-        "ruleset");
-}
 
 // The indented lines of a page.
 std::vector<std::string> commandsOf(const std::string& page)
@@ -46,56 +26,7 @@ std::vector<std::string> commandsOf(const std::string& page)
     return commands;
 }
 
-CommandResult vpnoalWg(std::vector<std::string> words)
-{
-    words.insert(words.begin(), program);
-    return runCommand(words);
-}
-
-bool isReached(const std::string& address)
-{
-    return runCommand({"ping", "-n", "-c", "1", "-W", "2", address}).status == 0;
-}
-
-class WireguardTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (const std::string reason = WireguardNetwork::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
-        setenv("VKLOG_LEVEL", "2", 1);
-        mNetwork.emplace();
-        mBefore = state();
-    }
-
-    void TearDown() override
-    {
-        if (!mNetwork) return;
-        // A test that failed may have left its agent.
-        for (const char* name : {"home", "office"})
-            vpnoalWg({"down", name});
-        mNetwork.reset();
-    }
-
-    // "up", which must succeed without a word but the summary.
-    void bringUp(const std::string& name = "home")
-    {
-        const CommandResult up = vpnoalWg({"up", name});
-        ASSERT_EQ(0, up.status) << up.output;
-    }
-
-    // The agent's process, as a refused second one names it.
-    static pid_t agent()
-    {
-        const std::string refused = vpnoalWg({"up", "home"}).output;
-        const auto at = refused.find("by process ");
-        return at == std::string::npos ? -1 : std::stoi(refused.substr(at + 11));
-    }
-
-    void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
-
-    std::optional<WireguardNetwork> mNetwork;
-    std::string mBefore;
-};
+class WireguardTest : public WireguardFixture {};
 
 TEST_F(WireguardTest, ASplitTunnelCarriesItsNetworksAlone)
 {

@@ -158,6 +158,7 @@ void Runner::choosePhysical()
     const PhysicalInterface chosen = mChoice.choose(table.others);
     const bool hadPhysical = std::exchange(mHasPhysical, !chosen.name.empty());
     const bool isStart = !mCommand.isStarted();
+    const bool isPathLost = mOuterPaths.takeLoss(table.others);
     if (mHasPhysical && !isStart) {
         try {
             mOuterRoutes.lead(mOutside, chosen, table);
@@ -166,9 +167,12 @@ void Runner::choosePhysical()
             tell(mOptions.program + ": " + error.what());
         }
     }
-    if (!mHasPhysical || (hadPhysical && chosen == mPhysical)) return;
+    if (!mHasPhysical) return;
+    const bool isUnchanged = hadPhysical && chosen == mPhysical;
     mPhysical = chosen;
-    if (!isStart) notify("network-changed");
+    if (isStart) return;
+    if (!isUnchanged) return notify("network-changed");
+    if (isPathLost) mCommand.onPathLost();
 }
 
 void Runner::leadOutside(const BypassNetworks& outside)

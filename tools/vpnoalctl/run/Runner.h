@@ -15,6 +15,7 @@
 #include "run/ChangeNotice.h"
 #include "run/Configuration.h"
 #include "run/NetworkWatch.h"
+#include "run/OuterPaths.h"
 #include "run/OuterRoutes.h"
 #include "run/PhysicalInterface.h"
 #include "run/RequestSocket.h"
@@ -82,6 +83,7 @@ private:
     bool mHasPhysical = false;
     BypassNetworks mOutside;
     OuterRoutes mOuterRoutes;
+    OuterPaths mOuterPaths;
     std::optional<Configuration> mConfiguration;
     ChangeCommand mChangeCommand;
     RequestSocket mRequests;

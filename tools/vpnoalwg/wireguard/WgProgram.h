@@ -22,6 +22,7 @@ public:
     bool isStarted() const override { return mIsStarted; }
     /// Any signal says that the network has changed.
     void signal(int number) const override;
+    void onPathLost() const override { signal(0); }
     void end(int, bool) override { mIsEnding = true; }
     bool isEnding() const override { return mIsEnding; }
     std::optional<Clock::time_point> deadline() const override { return std::nullopt; }

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// vpnoal-wg with real wireguard-go and wg, while access networks come and go.
+#include <filesystem>
+#include <fstream>
+
+#include "WireguardFixture.h"
+
+namespace {
+
+using namespace testsupport;
+using testing::HasSubstr;
+using testing::Not;
+
+class WireguardRoamingTest : public WireguardFixture {};
+
+TEST_F(WireguardRoamingTest, TheTunnelMovesToTheOtherNetworkAndBack)
+{
+    bringUpFor("0.0.0.0/0");
+    mNetwork->resetCounters();
+    const auto move = [](const char* interface, bool isUp, const char* through) {
+        const Pulse pulse;
+        WireguardNetwork::setAccess(interface, isUp);
+        EXPECT_TRUE(pulse.awaitAnswers(50));
+        EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr(std::string("dev ") + through));
+        return pulse.longestGap();
+    };
+    constexpr int longest = 1000;
+    const int toCellular = move("eth0", false, "wwan0");
+    EXPECT_LT(toCellular, longest);
+    const int toWifi = move("eth0", true, "eth0");
+    EXPECT_LT(toWifi, longest);
+    RecordProperty("toCellularMs", toCellular);
+    RecordProperty("toWifiMs", toWifi);
+    EXPECT_EQ(0U, mNetwork->packetsBeside());
+    EXPECT_TRUE(isReached(inside));
+    const int withoutLoss = move("wwan0", false, "eth0");
+    EXPECT_LT(withoutLoss, 200) << "a network that is not used may go";
+    WireguardNetwork::setAccess("wwan0", true);
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    EXPECT_THAT(shell("ip route; nft list ruleset"), Not(testing::AnyOf(HasSubstr("119"), HasSubstr("guard"))));
+}
+
+// The server may still send over a network that is not preferred any more. WireGuard answers there.
+class WireguardLateNetworkTest : public WireguardFixture {
+protected:
+    void SetUp() override
+    {
+        WireguardFixture::SetUp();
+        if (IsSkipped()) return;
+        bringUpFor("0.0.0.0/0");
+        answerOverCellular();
+        ASSERT_TRUE(isAnsweredOverCellular()) << "nothing is to be shown otherwise";
+    }
+
+    static void answerOverCellular()
+    {
+        std::string port = shell("wg show norvatun0 listen-port");
+        port.pop_back();
+        inServer("sh -c 'wg set wgserver peer $(wg show wgserver peers) endpoint 203.0.113.10:" + port + "'");
+        inServer("ping -n -c 1 -W 5 10.8.0.2");
+    }
+
+    // eth0 stays the preferred one.
+    static bool isAnsweredOverCellular()
+    {
+        EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr("dev eth0"));
+        return inServer("wg show wgserver endpoints").find("203.0.113.10:") != std::string::npos;
+    }
+
+    static int gapAfter(const std::string& command)
+    {
+        const Pulse pulse;
+        EXPECT_TRUE(isAnsweredOverCellular());
+        shell(command);
+        EXPECT_TRUE(pulse.awaitAnswers(50));
+        return pulse.longestGap();
+    }
+};
+
+TEST_F(WireguardLateNetworkTest, ItsLinkGoesDown)
+{
+    const int gap = gapAfter("ip link set wwan0 down");
+    EXPECT_LT(gap, 1000);
+    RecordProperty("gapMs", gap);
+}
+
+TEST_F(WireguardLateNetworkTest, ItLosesItsCarrier)
+{
+    const int gap = gapAfter("ip netns exec internet ip link set cellular down");
+    EXPECT_LT(gap, 1000);
+    RecordProperty("gapMs", gap);
+}
+
+TEST_F(WireguardLateNetworkTest, ItLosesItsAddress)
+{
+    const int gap = gapAfter("ip address delete 203.0.113.10/24 dev wwan0");
+    EXPECT_LT(gap, 1000);
+    RecordProperty("gapMs", gap);
+}
+
+TEST_F(WireguardLateNetworkTest, ItIsRemoved)
+{
+    const int gap = gapAfter("ip link delete wwan0");
+    EXPECT_LT(gap, 1000);
+    RecordProperty("gapMs", gap);
+}
+
+TEST_F(WireguardRoamingTest, WgRunsAnewOnlyWhenANetworkOfItsOwnGoes)
+{
+    const std::string before = getenv("PATH");
+    std::filesystem::create_directories("/tmp/tools");
+    std::ofstream("/tmp/tools/wg") << "#!/bin/sh\n[ \"$1\" != set ] || echo \"$@\" >>/tmp/tools/calls\nPATH=" << before
+                                   << " exec wg \"$@\"\n";
+    shell("chmod +x /tmp/tools/wg");
+    setenv("PATH", ("/tmp/tools:" + before).c_str(), 1);
+    bringUpFor("0.0.0.0/0");
+    setenv("PATH", before.c_str(), 1);
+    for (const char* event : {"ip link add office type veth peer name desk", "ip link set desk up",
+                              "ip link set office up", "ip address add 172.31.0.1/24 dev office",
+                              "ip route add 172.30.0.0/16 dev norvatun0", "ip route delete 172.30.0.0/16 dev norvatun0",
+                              "ip route delete 172.31.0.0/24 dev office", "ip link delete office"}) {
+        shell(event);
+        EXPECT_TRUE(isReached(inside));
+    }
+    EXPECT_EQ("", contentOf("/tmp/tools/calls"));
+    shell("ip link set wwan0 down");
+    EXPECT_TRUE(awaitSuccess("[ -s /tmp/tools/calls ]"));
+    EXPECT_TRUE(isReached(inside));
+    EXPECT_THAT(contentOf("/tmp/tools/calls"), testing::MatchesRegex("set norvatun0 peer [^\n]*\n")) << "one line";
+    std::filesystem::remove_all("/tmp/tools");
+}
+
+}  // namespace
