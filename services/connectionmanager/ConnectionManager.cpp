@@ -65,7 +65,7 @@ bool ConnectionManager::start(GMainLoop* loop)
         return false;
     }
     mNetworkManager->start(context);
-    refresh();
+    refresh(Hold::Never);
     return startBus(loop);
 }
 
@@ -104,13 +104,18 @@ bool ConnectionManager::getStatus(QSHandle* handle, QSMessage* message, void*)
 void ConnectionManager::refreshIfPending()
 {
     mEvents.receive();
-    if (mDebounce.due()) refresh();
+    if (mDebounce.due()) refresh(Hold::Never);
 }
 
 void ConnectionManager::noteChange()
 {
     mDebounce.note(g_get_monotonic_time());
-    g_source_set_ready_time(mTimer.get(), *mDebounce.due());
+    schedule();
+}
+
+void ConnectionManager::schedule()
+{
+    g_source_set_ready_time(mTimer.get(), mDebounce.due().value_or(-1));
 }
 
 // A source that is ready at a set time only.
@@ -122,29 +127,36 @@ void ConnectionManager::setTimer(GMainContext* context)
         nullptr, nullptr, nullptr};
     mTimer.reset(g_source_new(&functions, sizeof(GSource)));
     const GSourceFunc onTimer = [](gpointer self) -> gboolean {
-        static_cast<ConnectionManager*>(self)->refresh();
+        static_cast<ConnectionManager*>(self)->refresh(Hold::Allowed);
         return G_SOURCE_CONTINUE;
     };
     g_source_set_callback(mTimer.get(), onTimer, this, nullptr);
     g_source_attach(mTimer.get(), context);
 }
 
-void ConnectionManager::refresh()
+void ConnectionManager::refresh(Hold hold)
 {
-    g_source_set_ready_time(mTimer.get(), -1);
-    mDebounce.done();
     const std::optional<Snapshot> snapshot = readSnapshot();
     if (!snapshot) {
         SERVICE_ERROR("cannot read the kernel's network tables: %s", std::strerror(errno));
+        mDebounce.done(Outcome::Same);
         noteChange();  // retry a little later
         return;
     }
-    const Status status = judge(*snapshot, mNetworkManager->connectivity());
-    if (status == mStatus && !mPayload.empty()) return;
+    mDebounce.done(take(judge(*snapshot, mNetworkManager->connectivity()), hold));
+    schedule();
+}
+
+Outcome ConnectionManager::take(const Status& status, Hold hold)
+{
+    if (status == mStatus && !mPayload.empty()) return Outcome::Same;
+    const bool mayWait = hold == Hold::Allowed && mDebounce.mayHold(g_get_monotonic_time());
+    if (mayWait && isArriving(mStatus, status)) return Outcome::Held;
     mStatus = status;
     mPayload = toJson(status);
     SERVICE_INFO("%s", mPayload.c_str());
     if (mBus != nullptr) QSSubscriptionReply(mBus, statusKey, mPayload.c_str(), nullptr);
+    return Outcome::Pushed;
 }
 
 }  // namespace connectionmanager

@@ -30,12 +30,16 @@ public:
     bool start(GMainLoop* loop);
 
 private:
+    enum class Hold { Never, Allowed };
+
     static bool getStatus(QSHandle* handle, QSMessage* message, void* data);
     bool startBus(GMainLoop* loop);
     void refreshIfPending();
     void noteChange();
+    void schedule();
     void setTimer(GMainContext* context);
-    void refresh();
+    void refresh(Hold hold);
+    Outcome take(const Status& status, Hold hold);
 
     NetlinkEvents mEvents;
     std::shared_ptr<NetworkManagerWatch> mNetworkManager;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The time of the refresh after a burst of changes: 100 ms after the last one, at most 500 ms after the first. Times
-// are microseconds of one clock.
+// When the status is refreshed after changes. The first change after a quiet time is judged at once, and so are those
+// that follow until a status was pushed, with longer and longer pauses. After a push, the changes of the same burst are
+// gathered. A burst ends with a quiet time. Times are microseconds of one clock.
 #ifndef CONNECTIONMANAGER_DEBOUNCE_H
 #define CONNECTIONMANAGER_DEBOUNCE_H
 
@@ -11,27 +12,54 @@
 
 namespace connectionmanager {
 
+/// What a refresh led to: the status of before; one that is pushed only when nothing follows; one that was pushed.
+enum class Outcome { Same, Held, Pushed };
+
 class Debounce {
 public:
+    static constexpr std::int64_t settling = 1'000;  // lets the kernel finish what belongs together
     static constexpr std::int64_t quiet = 100'000;
-    static constexpr std::int64_t longest = 500'000;
+    static constexpr std::int64_t longest = 1'000'000;  // until a push, in a burst that does not end
 
     void note(std::int64_t now)
     {
+        if (!mLast || now - *mLast >= quiet) beginBurst(now);
         if (!mFirst) mFirst = now;
         mLast = now;
     }
-    /// None when no change is pending.
+    /// None when no refresh is due.
     std::optional<std::int64_t> due() const
     {
-        if (!mFirst) return std::nullopt;
-        return std::min(mLast + quiet, *mFirst + longest);
+        if (mFirst && mHasPushed) return std::min(*mLast + quiet, *mFirst + longest);
+        if (mFirst) return *mFirst + mPause;
+        if (mIsHeld) return *mLast + quiet;
+        return std::nullopt;
     }
-    void done() { mFirst.reset(); }
+    /// Whether a new status may wait for what follows.
+    bool mayHold(std::int64_t now) const { return mLast && now < *mLast + quiet && now < mBegin + longest; }
+
+    void done(Outcome outcome)
+    {
+        mFirst.reset();
+        mIsHeld = outcome == Outcome::Held;
+        mHasPushed = mHasPushed || outcome == Outcome::Pushed;
+        mPause = std::min(2 * mPause, quiet);
+    }
 
 private:
-    std::optional<std::int64_t> mFirst;
-    std::int64_t mLast = 0;
+    void beginBurst(std::int64_t now)
+    {
+        mBegin = now;
+        mHasPushed = false;
+        mPause = settling;
+    }
+
+    std::int64_t mBegin = 0;
+    std::optional<std::int64_t> mFirst;  // since the last refresh
+    std::optional<std::int64_t> mLast;
+    std::int64_t mPause = settling;
+    bool mIsHeld = false;
+    bool mHasPushed = false;  // in this burst
 };
 
 }  // namespace connectionmanager

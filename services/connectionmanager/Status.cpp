@@ -72,11 +72,23 @@ json_object* newSection(const Section& section)
     return object;
 }
 
+bool isArriving(const Section& before, const Section& now)
+{
+    return !before.connected && now.connected && !now.onInternet;
+}
+
 }  // namespace
 
 Status judge(const Snapshot& snapshot, Connectivity connectivity)
 {
     return {judgeClass(snapshot, connectivity, isWiFi), judgeClass(snapshot, connectivity, isWan)};
+}
+
+bool isArriving(const Status& before, const Status& now)
+{
+    const bool wifi = isArriving(before.wifi, now.wifi);
+    const bool wan = isArriving(before.wan, now.wan);
+    return (wifi || wan) && (wifi || before.wifi == now.wifi) && (wan || before.wan == now.wan);
 }
 
 std::string toJson(const Status& status)

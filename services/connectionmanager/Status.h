@@ -36,6 +36,9 @@ struct Status {
 /// Of several connected interfaces of a class, the one with the best default route counts; without one, the first.
 Status judge(const Snapshot& snapshot, Connectivity connectivity);
 
+/// Whether all that is new are connections without a default route yet: address and route follow each other.
+bool isArriving(const Status& before, const Status& now);
+
 /// The payload of replies and pushes.
 std::string toJson(const Status& status);
 

@@ -88,6 +88,21 @@ TEST(StatusTest, BestDefaultRouteChoosesAmongSeveral)
     EXPECT_EQ("eth0", judge(snapshot, Connectivity::NotRunning).wifi.interfaceName);
 }
 
+TEST(StatusTest, AConnectionWithoutItsRouteIsArriving)
+{
+    const Section here{true, false, "eth0", "10.0.0.2"};
+    const Section whole{true, true, "eth0", "10.0.0.2"};
+    const Section wan{true, true, "wwan0", "10.1.0.2"};
+    EXPECT_TRUE(isArriving({nothing, nothing}, {here, nothing}));
+    EXPECT_TRUE(isArriving({nothing, wan}, {here, wan}));
+    EXPECT_TRUE(isArriving({nothing, nothing}, {here, {true, false, "wwan0", "10.1.0.2"}}));
+    EXPECT_FALSE(isArriving({nothing, nothing}, {whole, nothing})) << "it is there";
+    EXPECT_FALSE(isArriving({whole, nothing}, {here, nothing})) << "its route went";
+    EXPECT_FALSE(isArriving({here, nothing}, {nothing, nothing})) << "it went";
+    EXPECT_FALSE(isArriving({nothing, wan}, {here, nothing})) << "another one went";
+    EXPECT_FALSE(isArriving({nothing, nothing}, {whole, {true, false, "wwan0", "10.1.0.2"}})) << "the other is there";
+}
+
 TEST(StatusTest, JsonHoldsNamesOnlyOfWhatIsConnected)
 {
     EXPECT_EQ(R"({"returnValue":true,"wifi":{"state":"connected","onInternet":"yes","interfaceName":"eth0",)"
