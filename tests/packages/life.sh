@@ -62,7 +62,7 @@ for service in $services; do
     check "$service has a unit that systemd takes" systemd-analyze verify --man=no "$service.service"
 done
 # An instance of a template has the paths of its programs looked at too.
-for unit in vpnoal-openvpn@office vpnoal-wg@home; do
+for unit in vpnoal-openvpn{,-restore}@office vpnoal-wg{,-restore}@home; do
     check "$unit is a unit that systemd takes" systemd-analyze verify --man=no --recursive-errors=no "$unit.service"
 done
 

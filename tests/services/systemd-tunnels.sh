@@ -3,8 +3,8 @@
 #
 # What systemd.sh runs under its systemd: the template units of OpenVPN and WireGuard, with the programs themselves as
 # client and server. The server is in a network namespace of its own, reached over eth0; 10.20.0.80 is behind both
-# tunnels. A unit is ready when its tunnel carries; it is started again whichever of its processes is killed; when it is
-# stopped, the network is as it was before.
+# tunnels. A unit is ready when its tunnel carries; it is started again whichever of its processes is killed, and nothing
+# leaves beside the tunnel while it waits for that; when it is stopped or fails for good, the network is as it was before.
 set -euo pipefail
 # What openvpn and wireguard-go expect, as the tests' folders do not have it.
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
@@ -47,6 +47,41 @@ make_network() {
         ip address add 198.51.100.2/32 dev lo; ip address add 10.20.0.80/32 dev lo'
     ip route add default via 192.0.2.1 dev eth0
     ip -6 address flush dev eth0
+    ip -6 address add 2001:db8::10/64 dev eth0 nodad
+    ip netns exec server sh -c 'ip -6 address add 2001:db8::1/64 dev eth0 nodad; nft -f -' <<'END'
+table inet probe {
+    counter ipv4 { }
+    counter ipv6 { }
+    chain seen {
+        type filter hook prerouting priority raw
+        iifname eth0 icmp type echo-request counter name ipv4
+        iifname eth0 icmpv6 type echo-request counter name ipv6
+    }
+}
+END
+    mkdir -p /etc/vpnwfoal
+    echo 'strict = on' >/etc/vpnwfoal/platform.conf
+}
+
+# What the server got beside the tunnel since the last call, of each family.
+beside() {
+    ip netns exec server nft reset counters table inet probe | awk '$1 == "packets" { printf "%s ", $2 }'
+}
+
+start_probes() {
+    local target
+    probes=()
+    for target in 10.20.0.80 2001:db8::1; do
+        ping -n -q -i 0.02 "$target" >/dev/null 2>&1 &
+        probes+=($!)
+    done
+    beside >/dev/null
+}
+
+# end_probes: prints what they sent beside the tunnel.
+end_probes() {
+    kill "${probes[@]}"
+    beside
 }
 
 make_certificates() {
@@ -92,6 +127,12 @@ state() {
     ip rule
     nft list ruleset
     ip -br link | grep -v eth0
+}
+
+sends_beside() {
+    local ipv4 ipv6
+    read -r ipv4 ipv6 <<<"$(beside)"
+    [ "$ipv4" -gt 0 ] && [ "$ipv6" -gt 0 ]
 }
 
 is_as_before() {
@@ -141,6 +182,9 @@ has_one() {
 try_unit() {
     local program=$1 pid victim
     before=$(state)
+    start_probes
+    eventually 'both families leave without a tunnel' sends_beside
+    end_probes >/dev/null
     check 'it starts' systemctl start "$unit"
     check 'it is ready when the tunnel carries' carries
     check 'it is active' has ActiveState active
@@ -157,22 +201,34 @@ try_unit() {
     eventually 'it is active again' has ActiveState active
 
     pid=$(main_pid)
+    check 'what restores waits for its end' systemctl is-active "${unit/@/-restore@}"
+    start_probes
     kill -KILL "$pid"
+    eventually 'it waits to be started again' has SubState auto-restart
+    check 'the guard stays meanwhile' guards
     eventually 'it is started again when its agent is killed' runs_anew "$pid"
+    check 'nothing has left beside the tunnel' [ "$(end_probes)" = '0 0 ' ]
     check "there is one $program" has_one "$program"
 
     check 'it stops' systemctl stop "$unit"
     check 'it has stopped without a failure' has ActiveState inactive
     check 'it leaves the network as before' is_as_before
+    eventually 'what restores has stopped too' not systemctl is-active --quiet "${unit/@/-restore@}"
 
     check 'it starts again' systemctl start "$unit"
     kill -KILL "$(main_pid)"
     eventually 'it waits to be started again' has SubState auto-restart
-    # The unit of WireGuard takes down what is left; that of OpenVPN keeps the guard for the next agent.
-    [ "$program" != openvpn ] || check 'the guard stays meanwhile' guards
+    check 'the guard stays meanwhile too' guards
     check 'it stops while it waits' systemctl stop "$unit"
-    [ "$program" != openvpn ] || check 'restore removes what is left' /var/installed/bin/vpnoalctl restore
-    check 'it leaves the network as before, whoever was killed' is_as_before_a_kill
+    eventually 'it leaves the network as before, whoever was killed' is_as_before_a_kill
+
+    # As after a configuration that is wrong.
+    check 'it starts once more' systemctl start "$unit"
+    printf '[Service]\nRestartPreventExitStatus=SIGKILL\n' >"/run/units/${unit%@*}@.service.d/once.conf"
+    systemctl daemon-reload
+    kill -KILL "$(main_pid)"
+    eventually 'it fails for good' has ActiveState failed
+    eventually 'it leaves the network as before then, too' is_as_before_a_kill
 }
 
 unit=servers tunnel=server
