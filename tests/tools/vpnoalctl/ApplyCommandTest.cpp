@@ -59,7 +59,7 @@ TEST_F(ApplyCommandTest, DeviceWithAnAddressAndAPrefixOnly)
     const CommandResult result = run({"apply", profile, "--json"});
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_THAT(result.output, HasSubstr(R"("address":"10.8.0.2/24","mtu":1500,)"));
-    EXPECT_THAT(result.output, HasSubstr(R"("routes":["10.20.0.0/16"])"));
+    EXPECT_THAT(result.output, HasSubstr(R"("routes":[{"dst":"10.20.0.0/16","dev":"norvatun0"}])"));
     EXPECT_THAT(contentOf(calls), HasSubstr(R"("netmask": "255.255.0.0", "gateway": "0.0.0.0")"));
 }
 
@@ -69,7 +69,7 @@ TEST_F(ApplyCommandTest, ProfileWithoutATunnelTakesTheDevicesOwn)
     const CommandResult result = run({"apply", profile, "--json"});
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_THAT(result.output, HasSubstr(R"("address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1500,)"));
-    EXPECT_THAT(result.output, HasSubstr(R"("routes":["10.20.0.0/16 via 10.8.0.1"])"));
+    EXPECT_THAT(result.output, HasSubstr(R"("routes":[{"dst":"10.20.0.0/16","gateway":"10.8.0.1","dev":"norvatun0"}])"));
 }
 
 TEST_F(ApplyCommandTest, GatewayOutOfTheDevicesReach)

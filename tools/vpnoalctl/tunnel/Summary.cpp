@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "Json.h"
+#include "kernel/RouteObject.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/TunDevice.h"
 
@@ -81,6 +82,14 @@ JsonPtr describeAll(const Items& items)
     return array;
 }
 
+JsonPtr routesOf(const Profile& profile)
+{
+    JsonPtr array = newArray();
+    for (const ProfileRoute& route : profile.routes)
+        append(array, routeObject(route.destination, route.gateway, tunnelDeviceName, route.metric));
+    return array;
+}
+
 }  // namespace
 
 JsonPtr summaryOf(const Profile& profile)
@@ -93,7 +102,7 @@ JsonPtr summaryOf(const Profile& profile)
     addNumber(summary, "mtu", tunnel.mtu);
     addChild(summary, "dnsServers", describeAll(profile.dnsServers));
     addChild(summary, "dnsDomains", describeAll(profile.dnsDomains));
-    addChild(summary, "routes", describeAll(profile.routes));
+    addChild(summary, "routes", routesOf(profile));
     addChild(summary, "filter", describeAll(profile.filter));
     if (!isEmpty(profile.outside)) addChild(summary, "outside", describeAll(textsOf(profile.outside)));
     return summary;
