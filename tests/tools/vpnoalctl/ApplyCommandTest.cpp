@@ -69,7 +69,8 @@ TEST_F(ApplyCommandTest, ProfileWithoutATunnelTakesTheDevicesOwn)
     const CommandResult result = run({"apply", profile, "--json"});
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_THAT(result.output, HasSubstr(R"("address":"10.8.0.2/24","peer":"10.8.0.1","mtu":1500,)"));
-    EXPECT_THAT(result.output, HasSubstr(R"("routes":[{"dst":"10.20.0.0/16","gateway":"10.8.0.1","dev":"norvatun0"}])"));
+    EXPECT_THAT(result.output,
+                HasSubstr(R"("routes":[{"dst":"10.20.0.0/16","gateway":"10.8.0.1","dev":"norvatun0"}])"));
 }
 
 TEST_F(ApplyCommandTest, GatewayOutOfTheDevicesReach)
