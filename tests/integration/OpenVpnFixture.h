@@ -5,13 +5,10 @@
 #ifndef WFOAL_TEST_OPENVPNFIXTURE_H
 #define WFOAL_TEST_OPENVPNFIXTURE_H
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -26,6 +23,7 @@
 #include "Files.h"
 #include "Isolation.h"
 #include "Shell.h"
+#include "SteadySender.h"
 #include "handles/UniqueFd.h"
 
 namespace openvpntest {
@@ -34,8 +32,10 @@ using testsupport::ChildProcess;
 using testsupport::contentOf;
 using testsupport::runCommand;
 using testsupport::shell;
+using testsupport::SteadySender;
 using Words = std::vector<std::string>;
 
+constexpr char behindServer[] = "10.20.0.80";
 constexpr char hook[] = WFOAL_BUILD_DIR "/bin/openvpn-hook";
 constexpr char program[] = WFOAL_BUILD_DIR "/bin/vpnoalctl";
 constexpr char clientLog[] = "/tmp/client.log";
@@ -58,39 +58,6 @@ inline bool waitUntil(const std::function<bool()>& isSo, std::chrono::seconds lo
     }
     return false;
 }
-
-/// Sends a datagram to 10.20.0.80, port 9999, every two milliseconds, as long as it lives.
-class Sender {
-public:
-    Sender() : mThread([this] { run(); }) {}
-    Sender(const Sender&) = delete;
-    Sender& operator=(const Sender&) = delete;
-    ~Sender()
-    {
-        mEnds = true;
-        mThread.join();
-    }
-    int sent() const { return mSent; }
-
-private:
-    void run()
-    {
-        const UniqueFd file(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in target{};
-        target.sin_family = AF_INET;
-        target.sin_port = htons(9999);
-        target.sin_addr.s_addr = inet_addr("10.20.0.80");
-        while (!mEnds) {
-            if (sendto(file.get(), "x", 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&target), sizeof target) == 1)
-                ++mSent;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-    }
-
-    std::atomic<bool> mEnds{false};
-    std::atomic<int> mSent{0};
-    std::thread mThread;
-};
 
 class OpenVpnFixture : public testing::Test {
 protected:
@@ -293,7 +260,7 @@ true)");
     {
         const int before = arrived("beside");
         {
-            const Sender sender;
+            const SteadySender sender(behindServer);
             EXPECT_TRUE(waitUntil([before] { return arrived("beside") > before + 10; }));
         }
     }

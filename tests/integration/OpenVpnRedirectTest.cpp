@@ -17,7 +17,7 @@ protected:
         const int before = arrived("beside");
         const int earlier = arrived("through");
         {
-            const Sender sender;
+            const SteadySender sender(behindServer);
             EXPECT_TRUE(waitUntil([earlier] { return arrived("through") > earlier + 50; }));
         }
         EXPECT_EQ(before, arrived("beside"));

@@ -20,7 +20,7 @@ protected:
         connect();
         EXPECT_TRUE(isReached("10.20.0.80"));
         const int before = arrived("beside");
-        const Sender sender;
+        const SteadySender sender(behindServer);
         EXPECT_TRUE(waitUntil([] { return arrived("through") > 20; }));
         disturb();
         const int through = arrived("through");

@@ -28,7 +28,7 @@ TEST_F(OpenVpnRunTest, RoamingLosesNothingBesideTheTunnel)
     const int control = arrived("beside");
     connectInAgent();
     const int before = arrived("beside");
-    const Sender sender;
+    const SteadySender sender(behindServer);
     const int toCellular = lostWhile("ip link set eth0 down");
     EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr("dev wwan0"));
     const int toWifi = lostWhile(
@@ -132,7 +132,7 @@ TEST_F(OpenVpnRunTest, OverTcpTheSignalHasItConnectAgain)
     expectTheControlToSeePackets();
     connectInAgent({"--proto", "tcp-client"}, {"--on-change", "SIGUSR1"});
     const int before = arrived("beside");
-    const Sender sender;
+    const SteadySender sender(behindServer);
     const auto begin = std::chrono::steady_clock::now();
     shell("ip link set eth0 down");
     awaitConnections(2);

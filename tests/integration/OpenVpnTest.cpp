@@ -73,7 +73,7 @@ TEST_F(OpenVpnTest, AllTrafficGoesIntoTheTunnel)
     connect();
     const int before = arrived("beside");
     {
-        const Sender sender;
+        const SteadySender sender(behindServer);
         EXPECT_TRUE(waitUntil([] { return arrived("through") > 100; }));
     }
     EXPECT_EQ(before, arrived("beside"));
