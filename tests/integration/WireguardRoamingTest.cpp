@@ -106,6 +106,24 @@ TEST_F(WireguardLateNetworkTest, ItIsRemoved)
     RecordProperty("gapMs", gap);
 }
 
+// A packet that was on its way while the tunnel moved back would have it stay for as long as the other network is
+// there.
+TEST_F(WireguardLateNetworkTest, ATunnelThatHasMovedBackLeavesIt)
+{
+    const auto answersOver = [](const std::string& address) {
+        return awaitSuccess(
+            "ping -n -c 1 -W 1 10.20.0.1 >/dev/null; ip netns exec server wg show wgserver endpoints | grep -q '" +
+            address + ":'");
+    };
+    WireguardNetwork::setAccess("eth0", false);
+    EXPECT_TRUE(answersOver("203.0.113.10"));
+    WireguardNetwork::setAccess("eth0", true);
+    EXPECT_TRUE(answersOver("192.0.2.10"));
+    answerOverCellular();
+    ASSERT_TRUE(isAnsweredOverCellular()) << "nothing is to be shown otherwise";
+    EXPECT_TRUE(answersOver("192.0.2.10"));
+}
+
 TEST_F(WireguardRoamingTest, WgRunsAnewOnlyWhenANetworkOfItsOwnGoes)
 {
     const std::string before = getenv("PATH");

@@ -53,7 +53,7 @@ void GuestCommand::start(const PhysicalInterface& physical)
     }
 }
 
-void GuestCommand::signal(int number) const
+void GuestCommand::signal(int number)
 {
     if (mProcess) mProcess->signal(number);
 }

@@ -24,7 +24,7 @@ public:
     void start(const PhysicalInterface& physical) override;
 
     /// Sends a signal, as long as it runs.
-    void signal(int number) const override;
+    void signal(int number) override;
     /// Has it end: sends the signal, and SIGKILL when the limit has passed, as long as check() is called.
     void end(int signal, bool isSignalled) override;
     bool isStarted() const override { return mProcess.has_value(); }

@@ -285,7 +285,8 @@ void Runner::wait()
           mChangeCommand.descriptor(), hasOwnership ? mConfiguration->ownershipDescriptor() : -1})
         watched.push_back({descriptor, POLLIN, 0});
     mRequests.addDescriptors(watched);
-    const std::optional<Clock::time_point> deadline = mCommand.isEnding() ? mCommand.deadline() : mDeadline;
+    std::optional<Clock::time_point> deadline = mCommand.deadline();
+    if (mDeadline && !mCommand.isEnding()) deadline = std::min(*mDeadline, deadline.value_or(*mDeadline));
     int milliseconds = -1;
     if (deadline) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();

@@ -25,9 +25,9 @@ public:
     virtual void start(const PhysicalInterface& physical) = 0;
     virtual bool isStarted() const = 0;
     /// Passes a signal on, as long as it runs.
-    virtual void signal(int number) const = 0;
+    virtual void signal(int number) = 0;
     /// An interface that is not preferred has gone, or its address. The program may still send from it.
-    virtual void onPathLost() const {}
+    virtual void onPathLost() {}
     /// Has it end. The signal is the reason, and it is the terminal's when it has been sent already.
     virtual void end(int signal, bool isSignalled) = 0;
     virtual bool isEnding() const = 0;

@@ -63,7 +63,26 @@ void WgProgram::start(const vpnoalctl::PhysicalInterface& physical)
     mIsStarted = true;
 }
 
-void WgProgram::signal(int) const
+// A packet that was on its way meanwhile has WireGuard go back to the earlier network. So it is told again, at growing
+// intervals.
+void WgProgram::signal(int)
+{
+    refresh();
+    mPause = std::chrono::seconds(1);
+    mRefreshAt = Clock::now() + mPause;
+}
+
+void WgProgram::refreshWhenDue()
+{
+    constexpr std::chrono::seconds longest{8};
+    if (!mRefreshAt || Clock::now() < *mRefreshAt) return;
+    refresh();
+    mPause *= 2;
+    mRefreshAt.reset();
+    if (mPause <= longest) mRefreshAt = Clock::now() + mPause;
+}
+
+void WgProgram::refresh() const
 {
     try {
         mDevice.refresh(mConfig, mPeers);
@@ -79,6 +98,8 @@ std::optional<int> WgProgram::check()
         mStatus = vpnoalctl::ExitOk;
     } else if (const auto reason = mDevice.whyGone()) {
         if (!remake(*reason)) mStatus = vpnoalctl::ExitFailed;
+    } else {
+        refreshWhenDue();
     }
     return mStatus;
 }

@@ -21,11 +21,11 @@ public:
     void start(const vpnoalctl::PhysicalInterface& physical) override;
     bool isStarted() const override { return mIsStarted; }
     /// Any signal says that the network has changed.
-    void signal(int number) const override;
-    void onPathLost() const override { signal(0); }
+    void signal(int number) override;
+    void onPathLost() override { refresh(); }
     void end(int, bool) override { mIsEnding = true; }
     bool isEnding() const override { return mIsEnding; }
-    std::optional<Clock::time_point> deadline() const override { return std::nullopt; }
+    std::optional<Clock::time_point> deadline() const override { return mRefreshAt; }
     int descriptor() const override { return mDevice.descriptor(); }
     std::optional<int> check() override;
     void onApplied() override;
@@ -36,6 +36,8 @@ public:
 
 private:
     bool remake(const std::string& reason);
+    void refresh() const;
+    void refreshWhenDue();
 
     const WgConfig& mConfig;
     PeerAddresses mPeers;
@@ -45,6 +47,8 @@ private:
     bool mIsEnding = false;
     unsigned int mMtu = 0;
     Clock::time_point mMadeAt;
+    std::optional<Clock::time_point> mRefreshAt;
+    std::chrono::seconds mPause{0};  // before it
     std::optional<int> mStatus;
     WgDevice mDevice;
 };
