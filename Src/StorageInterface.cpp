@@ -43,8 +43,9 @@ ReadEnd readAll(int file, unsigned char* buffer, unsigned int capacity, unsigned
         const unsigned int wanted = std::min(stored <= expected ? expected - stored + 1 : tailBlock, capacity - stored);
         const ssize_t got = ::read(file, buffer + stored, wanted);
         if (got < 0) return ReadEnd::Error;
-        stored += static_cast<unsigned int>(got);
-        if (got == 0 || (stored == expected && got < ssize_t{wanted})) return ReadEnd::EndOfFile;
+        const auto added = static_cast<unsigned int>(got);
+        stored += added;
+        if (added == 0 || (stored == expected && added < wanted)) return ReadEnd::EndOfFile;
     }
     return ReadEnd::BufferFull;
 }

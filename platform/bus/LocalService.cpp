@@ -103,7 +103,8 @@ int LocalService::answer(const Category& category, sd_bus_message* message, sd_b
     QSMessage request;
     std::uint64_t serial = 0;
     sd_bus_message_get_cookie(message, &serial);
-    request.token = serial;
+    // The bus counts messages with 32 bits, whatever the width of a cookie or a token.
+    request.token = static_cast<QSMessageToken>(serial);
     request.request = message;
     const int result = sd_bus_message_read_basic(message, 's', &request.payload);
     if (result < 0) return result;

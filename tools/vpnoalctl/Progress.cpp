@@ -13,7 +13,7 @@ namespace vpnoalctl {
 
 namespace {
 
-constexpr std::uint64_t barWidth = 30;
+constexpr std::size_t barWidth = 30;
 
 }  // namespace
 
@@ -49,7 +49,7 @@ std::string Progress::text(const std::string& label, std::uint64_t done, std::ui
 {
     if (total == 0) return fmt::format("{}  {}", label, plainSize(done));
     const std::uint64_t reached = std::min(done, total);
-    const std::uint64_t filled = reached * barWidth / total;
+    const auto filled = static_cast<std::size_t>(reached * barWidth / total);
     return fmt::format("{}  [{}{}]  {:3} %  {} of {}", label, std::string(filled, '#'),
                        std::string(barWidth - filled, '.'), reached * 100 / total, plainSize(reached),
                        plainSize(total));
