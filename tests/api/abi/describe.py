@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""describe.py FOLDER c|c++ [FUNCTION ...]: prints what a program built against the headers of FOLDER relies on.
+"""describe.py FOLDER c|c++ COMPILER [FUNCTION ...]: prints what a program built against the headers of FOLDER relies on.
 
 The headers are compiled for themselves, and what the compiler wrote down about them (DWARF) is printed: virtual
 operations by the slot that the compiler gave them, records with sizes and offsets, enumerators with values, types, and
@@ -202,7 +202,7 @@ def describeMacros(folder, headers):
 
 
 def main():
-    folder, language, probes = sys.argv[1], sys.argv[2], sys.argv[3:]
+    folder, language, compiler, probes = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
     headers = sorted(os.path.basename(path) for path in glob.glob(os.path.join(folder, "*.h")))
     with tempfile.TemporaryDirectory() as work:
         source, objectFile, auxiliary = (os.path.join(work, name) for name in ("api." + language, "api.o", "api.aux"))
@@ -211,7 +211,7 @@ def main():
             out.writelines("extern decltype(%s)& probe_%s; decltype(%s)& probe_%s = %s;\n" % ((name,) * 5)
                            for name in probes)
         extra = ["-std=c++17"] if language == "c++" else ["-std=c11", "-aux-info", auxiliary]
-        subprocess.run(["g++" if language == "c++" else "gcc", *extra, "-I", os.path.abspath(folder), "-g", "-gdwarf-5",
+        subprocess.run([compiler, *extra, "-I", os.path.abspath(folder), "-g", "-gdwarf-5",
                         "-fno-eliminate-unused-debug-types", "-c", source, "-o", objectFile], check=True)
         info = DebugInformation(objectFile)
         blocks = describeTypes(info, info.top, headers)
