@@ -7,6 +7,7 @@
 
 #include <openssl/objects.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ struct BundleOptions {
     int cipher = NID_aes_256_cbc;  // of key and certificates, or -1 for none
     bool hasMac = true;
     // What the bundle claims instead of the truth; such a bundle does not open.
-    long macIterations = 0;
+    std::int64_t macIterations = 0;
     const X509_ALGOR* keyAlgorithm = nullptr;
     const X509_ALGOR* certificateAlgorithm = nullptr;
 };

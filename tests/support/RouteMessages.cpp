@@ -33,11 +33,11 @@ std::string attribute(std::uint16_t type, const std::string& value, int claimedL
     return padded(bytesOf(header) + value);
 }
 
-std::string message(std::uint16_t type, const std::string& body, long claimedLength)
+std::string message(std::uint16_t type, const std::string& body, std::int64_t claimedLength)
 {
     nlmsghdr header{};
-    header.nlmsg_len =
-        static_cast<__u32>(claimedLength >= 0 ? claimedLength : static_cast<long>(sizeof header + body.size()));
+    header.nlmsg_len = static_cast<__u32>(claimedLength >= 0 ? static_cast<std::uint64_t>(claimedLength)
+                                                             : std::uint64_t{sizeof header + body.size()});
     header.nlmsg_type = type;
     header.nlmsg_flags = NLM_F_MULTI;
     return padded(bytesOf(header) + body);

@@ -26,7 +26,7 @@ std::string addressBytes(const char* dotted);
 std::string attribute(std::uint16_t type, const std::string& value, int claimedLength = -1);
 
 /// A message of any type, padded.
-std::string message(std::uint16_t type, const std::string& body, long claimedLength = -1);
+std::string message(std::uint16_t type, const std::string& body, std::int64_t claimedLength = -1);
 
 /// What stands before the attributes of a route.
 rtmsg routeHeader(std::uint8_t prefixLength, std::uint8_t table = RT_TABLE_MAIN);

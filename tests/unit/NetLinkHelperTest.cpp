@@ -234,7 +234,7 @@ TEST_F(NetLinkHelperTest, DatagramShorterThanAHeaderEndsTheDump)
 
 TEST_F(NetLinkHelperTest, FirstLengthThatLiesEndsTheDump)
 {
-    for (const long length : {0L, 15L, 41L, 16385L, 0xffffffffL}) {
+    for (const std::uint32_t length : {0u, 15u, 41u, 16385u, 0xffffffffu}) {
         fakes::clearLog();
         mKernel.sends({someRoute(1), message(RTM_NEWROUTE, std::string(24, '\0'), length)});
         const RouteListPtr routes(sNlHelper.getRoutingTableList());

@@ -175,7 +175,8 @@ constexpr int tooMany = 5'000'001;
 
 TEST_F(Pkcs12IterationsTest, MacAsksForTooMany)
 {
-    for (const long iterations : {long{tooMany}, 2147483647L, 4294967296L + 5, -1L, -2147483649L}) {
+    for (const std::int64_t iterations :
+         std::initializer_list<std::int64_t>{tooMany, 2147483647, 4294967296 + 5, -1, -2147483649}) {
         SCOPED_TRACE(iterations);
         BundleOptions options;
         options.macIterations = iterations;

@@ -251,7 +251,7 @@ TEST(MessageWalkTest, EndsWhenFewerBytesRemainThanAHeader)
 
 TEST(MessageWalkTest, EndsAtALengthThatLies)
 {
-    for (const long length : {0L, 15L, 21L, 0x7fffffffL, 0xfffffffdL, 0xffffffffL}) {
+    for (const std::uint32_t length : {0u, 15u, 21u, 0x7fffffffu, 0xfffffffdu, 0xffffffffu}) {
         EXPECT_EQ(1u, messageLengths(message(24, "four") + message(24, "four", length)).size()) << length;
     }
 }
