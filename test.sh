@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# test.sh [--preset NAME] [--filter REGEX] [--lint]: installs what is missing, builds, and runs all tests. The last lines
-# are ctest's own summary, and the exit code is ctest's.
+# test.sh [--preset NAME] [--filter REGEX] [--lint] [--devices]: installs what is missing, builds, and runs all tests. The
+# last lines are ctest's own summary, and the exit code is ctest's.
 #
 #   --preset NAME    release (default), debug, asan-ubsan, tsan, clang or coverage
 #   --filter REGEX   only tests whose names match
 #   --lint           formatting, shell scripts, a clang build without warnings and clang-tidy instead of the tests
+#   --devices        all tests in root file systems of other machines instead, through sudo (tests/devices.sh --help)
 #
-# Nothing of the machine is touched but the packages that are installed, the only step that needs root (through sudo):
-# tests run in private namespaces.
+# Nothing of the machine is touched but the packages that are installed, the only step of the others that needs root
+# (through sudo): tests run in private namespaces.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 usage() {
-    sed -n '4,12s/^# \{0,1\}//p' test.sh
+    sed -n '4,13s/^# \{0,1\}//p' test.sh
 }
 
 die() {
@@ -27,7 +28,7 @@ fetch() {
     "$@" || [ -z "${CI:-}" ] || die "could not fetch what the tests need"
 }
 
-preset=release filter='' lint=no
+preset=release filter='' lint=no devices=no
 while [ $# -gt 0 ]; do
     case $1 in
     --preset | --filter)
@@ -36,6 +37,7 @@ while [ $# -gt 0 ]; do
         shift
         ;;
     --lint) lint=yes ;;
+    --devices) devices=yes ;;
     -h | --help) usage; exit 0 ;;
     *) die "unknown option '$1' (see --help)" ;;
     esac
@@ -45,6 +47,12 @@ done
 if [ $lint = yes ]; then
     packaging/install-packages.sh build package test lint
     exec tests/lint.sh
+fi
+if [ $devices = yes ]; then
+    packaging/install-packages.sh devices
+    as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    exec "${as_root[@]}" tests/devices.sh
 fi
 
 case $preset in

@@ -17,12 +17,12 @@ def read(root, name):
 
 def missingOperations(root):
     guide = read(root, "docs/agent-guide.md")
-    names = re.findall(r"slot \d+: .*?[ *&](\w+)\(", read(root, "tests/api/abi/agent.txt"))
-    names += re.findall(r"^    (?:\S+ )?[\w*]+ (\w+)\(", read(root, "tests/api/abi/agent.txt").split("\nfunctions\n")[1], re.M)
+    names = re.findall(r"slot \d+: .*?[ *&](\w+)\(", read(root, "tests/api/abi/agent-64.txt"))
+    names += re.findall(r"^    (?:\S+ )?[\w*]+ (\w+)\(", read(root, "tests/api/abi/agent-64.txt").split("\nfunctions\n")[1], re.M)
     for name in sorted(set(names)):
         if not re.search(r"\b%s\b" % name, guide):
             yield "docs/agent-guide.md does not tell of " + name
-    for name in re.findall(r"^    (\w+) = -?\d+", read(root, "tests/api/abi/agent.txt"), re.M):
+    for name in re.findall(r"^    (\w+) = -?\d+", read(root, "tests/api/abi/agent-64.txt"), re.M):
         short = "_" + name.rsplit("_", 1)[1]
         if not name.startswith("PROXY_") and name not in guide and "`%s`" % short not in guide:
             yield "docs/agent-guide.md does not tell of " + name

@@ -15,6 +15,8 @@ if [ "$1" != --inside ]; then
 fi
 shift
 root=$1 packages=$2 script=$3
+# shellcheck source=../support/roots.sh
+. "$here/../support/roots.sh"
 
 mount --make-rprivate /
 stage=$root.stage
@@ -25,21 +27,11 @@ mkdir "$stage/upper" "$stage/work" "$stage/root"
 mount -t overlay -o "lowerdir=$root,upperdir=$stage/upper,workdir=$stage/work" overlay "$stage/root" 2>/dev/null ||
     cp -a "$root/." "$stage/root"
 cd "$stage/root"
-mount -t proc proc proc
-mount -t sysfs -o ro sysfs sys
-mount -t tmpfs -o mode=755 run run
-mount -t tmpfs -o mode=1777 tmp tmp
+mount_system_folders .
 mount -t tmpfs -o mode=755 mnt mnt
 mkdir mnt/packages mnt/examples mnt/tests
 mount --bind "$packages" mnt/packages
 mount --bind "$here/../../examples" mnt/examples
 mount --bind "$here" mnt/tests
-mount -t tmpfs -o mode=755 dev dev
-for device in 'null 1 3' 'zero 1 5' 'full 1 7' 'random 1 8' 'urandom 1 9' 'tty 5 0' 'net/tun 10 200'; do
-    read -r name major minor <<<"$device"
-    mkdir -p "dev/$(dirname "$name")"
-    mknod -m 666 "dev/$name" c "$major" "$minor"
-done
-ln -s /proc/self/fd dev/fd
 exec chroot . env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C DEBIAN_FRONTEND=noninteractive \
     bash "/mnt/tests/$script"

@@ -14,30 +14,12 @@ roots=$1 packages=$2
 extra=(openssl systemd-resolved)
 build_tools=(cmake g++ libjson-c-dev make pkg-config)
 
-cannot() {
-    echo "$1"
-    exit 77
-}
-
-# Without a network that is a reason; where nothing may be skipped it is a failure.
-offline() {
-    tail -n 5 "$roots/log" >&2
-    [ -z "${CI:-}" ] || exit 1
-    cannot 'the archive of this distribution is not reachable'
-}
-
 # shellcheck source=/dev/null
 . /etc/os-release
-[ "$(id -u)" -eq 0 ] || cannot 'making a root file system takes root'
-mkdir -p "$roots"
-exec 9>"$roots/.lock"
-flock 9
-rm -f "$roots/probe"
-mknod "$roots/probe" c 1 3 2>/dev/null || cannot 'device files cannot be made here'
-(true >"$roots/probe") 2>/dev/null || cannot "device files cannot be used below $roots"
-rm -f "$roots/probe"
-unshare --mount --pid --fork --net true 2>/dev/null || cannot 'private namespaces cannot be made here'
-command -v debootstrap >/dev/null || cannot 'debootstrap is not installed'
+library=$(dirname "${BASH_SOURCE[0]}")/../support/roots.sh
+# shellcheck source=../support/roots.sh
+. "$library"
+check_that_roots_can_be_made
 
 depends() {
     local package
@@ -45,23 +27,9 @@ depends() {
         dpkg-deb -f "$package" Package Depends
     done
 }
-signature=$({ cat "${BASH_SOURCE[0]}"; echo "$VERSION_CODENAME"; depends; } | sha256sum)
+signature=$({ cat "${BASH_SOURCE[0]}" "$library"; echo "$VERSION_CODENAME"; depends; } | sha256sum)
 [ "$(cat "$roots/.complete" 2>/dev/null)" != "$signature" ] || exit 0
 rm -rf "$roots/.complete" "$roots/runtime" "$roots/devel" "$roots/archives" "$roots/apt"
-
-# The machine's lists of packages may be absent or too old for its archive: then lists of our own are fetched.
-lists=()
-use_own_lists() {
-    [ ${#lists[@]} -eq 0 ] || return 1
-    mkdir -p "$roots/apt/lists/partial"
-    lists=(-o Dir::State::Lists="$roots/apt/lists" -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache=)
-    apt-get -q "${lists[@]}" update >>"$roots/log" 2>&1
-}
-
-archive() {
-    apt-get "${lists[@]}" indextargets --format "\$(RELEASE) \$(REPO_URI)" 'Created-By: Packages' |
-        awk -v release="$VERSION_CODENAME" '$1 == release && !found++ { print $2 }'
-}
 
 # The machine's apt, looking at another system.
 apt_for() {
@@ -99,12 +67,8 @@ add() {
 }
 
 : >"$roots/log"
-eval "$(apt-config shell proxy Acquire::http::Proxy)"
-[ -z "${proxy:-}" ] || export http_proxy=$proxy
-mirror=$(archive)
-[ -n "$mirror" ] || { use_own_lists && mirror=$(archive); } || offline
-[ -n "$mirror" ] || cannot "apt knows no archive of $VERSION_CODENAME"
-debootstrap --variant=minbase "$VERSION_CODENAME" "$roots/runtime" "$mirror" >>"$roots/log" 2>&1 || offline
+find_archive "$VERSION_CODENAME"
+debootstrap --variant=minbase "$VERSION_CODENAME" "$roots/runtime" "$archive" >>"$roots/log" 2>&1 || offline
 rm -rf "$roots"/runtime/var/cache/apt/archives/*.deb "$roots"/runtime/var/lib/apt/lists/*
 add "$roots/runtime" "${extra[@]}" "$packages"/*.deb
 cp -a "$roots/runtime" "$roots/devel"
