@@ -63,12 +63,12 @@ void WgProgram::start(const vpnoalctl::PhysicalInterface& physical)
     mIsStarted = true;
 }
 
-// A packet that was on its way meanwhile has WireGuard go back to the earlier network. So it is told again, at growing
-// intervals.
+// A packet that was on its way meanwhile has WireGuard go back to the earlier network, also when that has just gone. So
+// it is told again, at growing intervals.
 void WgProgram::signal(int)
 {
     refresh();
-    mPause = std::chrono::seconds(1);
+    mPause = std::chrono::milliseconds(250);
     mRefreshAt = Clock::now() + mPause;
 }
 

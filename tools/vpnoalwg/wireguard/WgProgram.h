@@ -22,7 +22,7 @@ public:
     bool isStarted() const override { return mIsStarted; }
     /// Any signal says that the network has changed.
     void signal(int number) override;
-    void onPathLost() override { refresh(); }
+    void onPathLost() override { signal(0); }
     void end(int, bool) override { mIsEnding = true; }
     bool isEnding() const override { return mIsEnding; }
     std::optional<Clock::time_point> deadline() const override { return mRefreshAt; }
@@ -48,7 +48,7 @@ private:
     unsigned int mMtu = 0;
     Clock::time_point mMadeAt;
     std::optional<Clock::time_point> mRefreshAt;
-    std::chrono::seconds mPause{0};  // before it
+    std::chrono::milliseconds mPause{0};  // before it
     std::optional<int> mStatus;
     WgDevice mDevice;
 };
