@@ -55,6 +55,20 @@ protected:
         EXPECT_TRUE(awaitEnd(process));
     }
 
+    // As a service manager does it. The device goes with wireguard-go, and the routes with the device.
+    void expectNothingBesideWhenBothAreKilled(const std::vector<std::string>& kinds)
+    {
+        bringUp();
+        const Beside beside(*mTraffic, kinds);
+        const pid_t running = agent();
+        const pid_t carrier = wireguardGo(running);
+        killAndAwait(running);
+        killAndAwait(carrier);
+        mTraffic->awaitMore();
+        bringUp();
+        beside.expectNone();
+    }
+
     static void ethernetBack()
     {
         WireguardNetwork::setAccess("eth0", true);
@@ -78,33 +92,16 @@ TEST_F(WireguardGuardTest, AKilledAgentAndTheNext)
     beside.expectNone();
 }
 
-// As a service manager does it. The device goes with wireguard-go, and the routes with the device.
 TEST_F(WireguardGuardTest, AKilledAgentAndItsWireguardGoAndTheNext)
 {
-    bringUp();
-    const Beside beside(*mTraffic, ipv6Only);
-    const pid_t running = agent();
-    const pid_t carrier = wireguardGo(running);
-    killAndAwait(running);
-    killAndAwait(carrier);
-    mTraffic->awaitMore();
-    bringUp();
-    beside.expectNone();
+    expectNothingBesideWhenBothAreKilled(ipv6Only);
 }
 
 TEST_F(WireguardGuardTest, AKilledAgentAndItsWireguardGoAndTheNextInStrictMode)
 {
     std::filesystem::create_directories("/etc/vpnwfoal");
     std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = on\n";
-    bringUp();
-    const Beside beside(*mTraffic, bothFamilies);
-    const pid_t running = agent();
-    const pid_t carrier = wireguardGo(running);
-    killAndAwait(running);
-    killAndAwait(carrier);
-    mTraffic->awaitMore();
-    bringUp();
-    beside.expectNone();
+    expectNothingBesideWhenBothAreKilled(bothFamilies);
 }
 
 TEST_F(WireguardGuardTest, AKilledWireguardGoIsReplaced)
