@@ -30,7 +30,7 @@ int main(int count, char** arguments)
         if (sd_bus_open_system(&bus) < 0) return 1;
         connections.emplace_back(bus);
         for (int each = 0; each < std::atoi(arguments[3]); ++each) {
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error{};
             const int result = sd_bus_call_method(bus, "com.vesk.connectionmanager", "/", "com.vesk.JsonService1",
                                                   "getStatus", &error, nullptr, "s", R"({"subscribe":true})");
             if (result >= 0) ++accepted;
