@@ -147,7 +147,7 @@ TEST_F(HostileCallersTest, LargePayloadIsRefusedBeforeItCostsMemory)
     while (payload.size() < std::size_t{8} << 20)
         payload += "0,";
     payload += "0]";
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     EXPECT_LT(sd_bus_call_method(opened, serviceName, "/", "com.vesk.JsonService1", "getStatus", &error, nullptr, "s",
                                  payload.c_str()),
               0);

@@ -155,8 +155,8 @@ int bringUpTunnel(Context& context, const std::string& nameOrFile)
     refuseWhileUp(lock.state());
     std::vector<std::string> arguments = {"vpnoal-wg", "run", file.path};
     if (!context.settings.pluginPath.empty()) arguments.push_back("--plugin=" + context.settings.pluginPath);
-    if (context.settings.verbosity > 0)
-        arguments.push_back("-" + std::string(static_cast<std::size_t>(context.settings.verbosity), 'v'));
+    const auto verbosity = static_cast<std::size_t>(context.settings.verbosity);
+    if (verbosity > 0) arguments.push_back("-" + std::string(verbosity, 'v'));
     return startInBackground(std::move(arguments), lock.logPath());
 }
 
