@@ -19,7 +19,7 @@ Check forEachWord(std::string_view list, const std::function<Check(std::string_v
         if (begin == std::string_view::npos) return passed();
         list.remove_prefix(begin);
         const std::string_view word = list.substr(0, list.find_first_of(separators));
-        const Check check = read(word);
+        Check check = read(word);
         if (!check) return check;
         list.remove_prefix(word.size());
     }

@@ -8,7 +8,6 @@
 
 namespace openvpntest {
 
-using testing::HasSubstr;
 using testsupport::AccessTraffic;
 using testsupport::Beside;
 using testsupport::Daemon;
