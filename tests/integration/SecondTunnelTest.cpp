@@ -9,7 +9,6 @@
 namespace openvpntest {
 
 using testing::HasSubstr;
-using testing::Not;
 using testsupport::CommandResult;
 
 class SecondTunnelTest : public OpenVpnFixture {

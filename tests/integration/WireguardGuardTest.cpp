@@ -13,7 +13,6 @@
 namespace {
 
 using namespace testsupport;
-using testing::HasSubstr;
 
 const std::vector<std::string> bothFamilies{"wifi4", "cellular4", "wifi6", "cellular6"};
 const std::vector<std::string> ipv6Only{"wifi6", "cellular6"};
