@@ -423,7 +423,7 @@ TEST_F(NetLinkHelperTest, GroupsAreThoseAskedFor)
 TEST_F(NetLinkHelperTest, RequestGoesToTheKernel)
 {
     readFromThisNamespace();
-    RouteListPtr(sNlHelper.getRoutingTableList());
+    const RouteListPtr list(sNlHelper.getRoutingTableList());
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     EXPECT_EQ(bytesOf(kernel), lastDestination());

@@ -106,6 +106,7 @@ private:
     {
         words.insert(words.begin(), "vpnoalctl");
         std::vector<char*> arguments;
+        arguments.reserve(words.size());
         for (std::string& word : words)
             arguments.push_back(word.data());
         return run(static_cast<int>(arguments.size()), arguments.data());
