@@ -62,7 +62,7 @@ std::string freeName(X509* certificate)
     const unsigned long hash = X509_NAME_hash_ex(X509_get_subject_name(certificate), nullptr, nullptr, &isHashed);
     if (isHashed == 0) throw CommandError("certificate", "its subject cannot be hashed", "free memory and try again");
     for (int number = 0;; ++number) {
-        const std::string name = fmt::format("{:08x}.{}", hash, number);
+        std::string name = fmt::format("{:08x}.{}", hash, number);
         struct stat status {};
         if (lstat(pathOf(trustedFolder, name).c_str(), &status) != 0) return name;
     }
