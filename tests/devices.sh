@@ -163,7 +163,7 @@ use_proxy
 status=0
 for name in "${wanted[@]}"; do
     mkdir -p "$roots/$name.build"
-    echo "$name: what is done is told in $roots/$name.log"
+    echo "$name: the log is $roots/$name.log"
     run_row "$name" || status=1
 done
 row name run skipped failed 'build s' 'tests s' 'plug-in bytes'

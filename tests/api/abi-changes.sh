@@ -31,7 +31,7 @@ changed() {
     fi
 }
 
-# unchanged ABI.SH_ARGUMENT...: a cross compiler that is not installed is told, and no reason to skip the rest.
+# unchanged ABI.SH_ARGUMENT...: a cross compiler that is not installed is named; the other architectures are checked all the same.
 unchanged() {
     local status=0
     "$here/abi.sh" "$@" || status=$?

@@ -68,7 +68,7 @@ TEST_F(RunRequestsTest, TheTunnelIsReadyWithTheLastProfileThatWasAnnounced)
     EXPECT_EQ("{\"ok\":true}\n",
               ask(path, R"({"op":"apply","profile":)" + std::string(splitTunnel) + ",\"more\":true}\n"));
     EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
-    // A new address is applied to, and is no reason to report either.
+    // The configuration follows a new address. That is not reported either.
     shell("ip address del 10.8.0.2/24 dev norvatun0; ip address add 10.8.0.3/24 dev norvatun0");
     EXPECT_TRUE(eventually([] { return routes().find("10.20.0.0/16 dev norvatun0") != std::string::npos; }));
     EXPECT_THAT(ask(path, "{\"op\":\"apply\",\"profile\":{\"tunnel\":{\"address\":\"10.9.0.2/24\"}}}\n"),

@@ -11,6 +11,7 @@
 
 #include "CommandError.h"
 #include "Json.h"
+#include "Output.h"
 #include "tunnel/KeptTunnel.h"
 
 #ifdef WFOAL_HOST_PLATFORM
@@ -113,12 +114,17 @@ void OuterRoutes::dropElsewhere(const BypassNetworks& outside)
     mDropped = outside.ipv4;
 }
 
+// The destructor calls it. What a fault leaves here is in the undo log, and removed by the next process.
 void OuterRoutes::remove()
 {
-    removeFrom(std::exchange(mThrough, {}).name);
-    mRoutes.clear();
-    if (!mDropped.empty()) removeFrom(loopback);
-    mDropped.clear();
+    try {
+        removeFrom(std::exchange(mThrough, {}).name);
+        mRoutes.clear();
+        if (!mDropped.empty()) removeFrom(loopback);
+        mDropped.clear();
+    } catch (const CommandError& error) {
+        tell(std::string("routes beside the tunnel: ") + error.what());
+    }
 }
 
 std::string OuterRoutes::requestFor(const std::string& interface, const std::vector<Route>& routes,

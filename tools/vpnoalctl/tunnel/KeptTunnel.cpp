@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tunnel/KeptTunnel.h"
 
+#include <cerrno>
 #include <cstdlib>
+
+#include "CommandError.h"
 
 namespace vpnoalctl {
 
@@ -14,13 +17,14 @@ constexpr char subjects[] = "interface-norvatun0,guard-norvatun0,firewall-vpn.vp
 
 KeptTunnel::KeptTunnel()
 {
-    setenv(variable, subjects, 1);
+    if (setenv(variable, subjects, 1) != 0) throw systemError("environment", errno, "free memory and try again");
 }
 
-// The variable stays, so that the environment does not move while another thread may read it.
+// The variable stays, so that the environment does not move while another thread may read it. Only without memory is it
+// removed: later requests must not keep what they are to remove.
 KeptTunnel::~KeptTunnel()
 {
-    setenv(variable, "", 1);
+    if (setenv(variable, "", 1) != 0) unsetenv(variable);
 }
 
 }  // namespace vpnoalctl

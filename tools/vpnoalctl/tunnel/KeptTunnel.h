@@ -10,6 +10,7 @@ namespace vpnoalctl {
 
 class KeptTunnel {
 public:
+    /// Throws CommandError when there is no memory: without it the tunnel would be open for a moment.
     KeptTunnel();
     KeptTunnel(const KeptTunnel&) = delete;
     KeptTunnel& operator=(const KeptTunnel&) = delete;

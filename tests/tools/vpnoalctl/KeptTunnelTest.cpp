@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tunnel/KeptTunnel.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include "CommandError.h"
+
+namespace {
+
+bool sHasMemory = true;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the names that the linker gives
+extern "C" int __real_setenv(const char* name, const char* value, int overwrite);
+extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite);
+extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite)
+{
+    if (sHasMemory) return __real_setenv(name, value, overwrite);
+    errno = ENOMEM;
+    return -1;
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+namespace vpnoalctl {
+
+namespace {
+
+std::string kept()
+{
+    const char* const value = std::getenv("VKNETCONFIG_KEEP");
+    return value != nullptr ? value : "";
+}
+
+TEST(KeptTunnelTest, KeepsInterfaceGuardAndFilterWhileItLives)
+{
+    {
+        const KeptTunnel tunnel;
+        EXPECT_EQ("interface-norvatun0,guard-norvatun0,firewall-vpn.vpnoal", kept());
+    }
+    EXPECT_EQ("", kept());
+}
+
+TEST(KeptTunnelTest, WithoutMemoryNothingGoesOn)
+{
+    sHasMemory = false;
+    EXPECT_THROW(const KeptTunnel tunnel, CommandError);
+    sHasMemory = true;
+}
+
+TEST(KeptTunnelTest, WithoutMemoryAtTheEndNothingIsKeptAnyMore)
+{
+    {
+        const KeptTunnel tunnel;
+        sHasMemory = false;
+    }
+    sHasMemory = true;
+    EXPECT_EQ("", kept());
+}
+
+}  // namespace
+
+}  // namespace vpnoalctl
