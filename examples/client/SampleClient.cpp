@@ -23,9 +23,7 @@ int connect(vpnoalctl::Context& context, const Options& options)
     return sampleclient::Agent(context, profile, gateway, options.agent).run();
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app("Connects to a sample gateway as a VPN agent does. A demonstration: its TLS is out of date.",
                  "sampleclient");
@@ -50,4 +48,11 @@ int main(int argc, char** argv)
         "refused. With --exec the command's own.");
     const vpnoalctl::Action action = [&options](vpnoalctl::Context& context) { return connect(context, options); };
     return vpnoalctl::runProgram(app, settings, action, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    return vpnoalctl::runMain("sampleclient", run, argc, argv);
 }

@@ -183,4 +183,14 @@ int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& c
     return guarded(app, *chosen, context);
 }
 
+int runMain(const char* program, int (*body)(int argc, char** argv), int argc, char** argv) noexcept
+{
+    try {
+        return body(argc, argv);
+    } catch (const std::exception& error) {
+        static_cast<void>(std::fprintf(stderr, "%s: %s\n", program, error.what()));
+        return ExitFailed;
+    }
+}
+
 }  // namespace vpnoalctl

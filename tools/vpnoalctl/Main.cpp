@@ -3,5 +3,5 @@
 
 int main(int argc, char** argv)
 {
-    return vpnoalctl::run(argc, argv);
+    return vpnoalctl::runMain("vpnoalctl", vpnoalctl::run, argc, argv);
 }

@@ -28,9 +28,7 @@ const struct {
     {"run", "Bring a tunnel up and hold it in the foreground, until Ctrl-C", vpnoalwg::runAgent},
 };
 
-}  // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app(description, "vpnoal-wg");
     app.footer(footer);
@@ -51,4 +49,11 @@ int main(int argc, char** argv)
         });
     }
     return vpnoalctl::runProgram(app, settings, chosen, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    return vpnoalctl::runMain("vpnoal-wg", run, argc, argv);
 }

@@ -100,6 +100,7 @@ pid_t start(std::vector<std::string> arguments, int log)
 {
     const SpawnSetup setup(log);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments)
         pointers.push_back(argument.data());
     pointers.push_back(nullptr);
