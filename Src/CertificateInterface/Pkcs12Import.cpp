@@ -89,22 +89,22 @@ bool isInstalled(json_object* reply)
 
 UniqueFd openStaged(const char* fileName)
 {
-    std::string reason;
     const std::string folderName(stagingDirectory, std::strlen(stagingDirectory) - 1);
     if (!wfoal::makeStagingFolder(stagingDirectory)) {
         WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
         return UniqueFd();
     }
-    const UniqueFd folder = wfoal::openStagingFolder(folderName, reason);
-    if (!folder.valid()) {
-        WFOAL_ERROR("%s: %s is refused: %s", saveFunction, stagingDirectory, reason.c_str());
+    const wfoal::Result<UniqueFd> folder = wfoal::openStagingFolder(folderName);
+    if (!folder) {
+        WFOAL_ERROR("%s: %s is refused: %s", saveFunction, stagingDirectory, folder.reason().c_str());
         WFOAL_ERROR("%s: Error Making the directory path", saveFunction);
         return UniqueFd();
     }
     const char* slash = std::strrchr(fileName, '/');
-    UniqueFd file = wfoal::openStagingFile(folder, slash != nullptr ? slash + 1 : fileName, reason);
-    if (!file.valid()) WFOAL_ERROR("%s: Error Opening Cert File: %s", saveFunction, reason.c_str());
-    return file;
+    wfoal::Result<UniqueFd> file = wfoal::openStagingFile(*folder, slash != nullptr ? slash + 1 : fileName);
+    if (file) return std::move(*file);
+    WFOAL_ERROR("%s: Error Opening Cert File: %s", saveFunction, file.reason().c_str());
+    return UniqueFd();
 }
 
 // Throws what the element's constructor throws: the certificate is installed then, but the bundle does not open.

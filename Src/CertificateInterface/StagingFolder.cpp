@@ -19,36 +19,40 @@ constexpr mode_t everybody = S_IRWXU | S_IRWXG | S_IRWXO;
 // The log tells how much was accepted before a failure, so the size of a block shows there.
 constexpr std::size_t blockSize = 2047;
 
-std::string ownerText(const struct stat& status)
+Fault anotherOwner(const struct stat& status)
 {
-    return "belongs to user " + std::to_string(status.st_uid);
+    return {"belongs to user " + std::to_string(status.st_uid)};
 }
 
-// Empty when the folder is safe.
-std::string faultOfFolder(int folder)
+Fault systemFault()
+{
+    return {std::strerror(errno)};
+}
+
+Check checkFolder(int folder)
 {
     struct stat status {};
-    if (fstat(folder, &status) != 0) return std::strerror(errno);
-    if (S_ISLNK(status.st_mode)) return "is a symbolic link";
-    if (!S_ISDIR(status.st_mode)) return "is no directory";
+    if (fstat(folder, &status) != 0) return systemFault();
+    if (S_ISLNK(status.st_mode)) return Fault{"is a symbolic link"};
+    if (!S_ISDIR(status.st_mode)) return Fault{"is no directory"};
     const bool isMine = status.st_uid == geteuid();
-    if (!isMine && status.st_uid != 0) return ownerText(status);
-    if (!isMine || (status.st_mode & othersWrite) == 0) return {};
+    if (!isMine && status.st_uid != 0) return anotherOwner(status);
+    if (!isMine || (status.st_mode & othersWrite) == 0) return passed();
     // The descriptor is only a place, which fchmod() does not take.
-    if (fchmodat(folder, ".", status.st_mode & ~(S_IFMT | othersWrite), 0) == 0) return {};
-    return std::string("others may write there, which cannot be changed: ") + std::strerror(errno);
+    if (fchmodat(folder, ".", status.st_mode & ~(S_IFMT | othersWrite), 0) == 0) return passed();
+    return Fault{std::string("others may write there, which cannot be changed: ") + std::strerror(errno)};
 }
 
-// Empty when the file is safe and empty.
-std::string faultOfFile(int file)
+// Empties the file when it is safe.
+Check prepareFile(int file)
 {
     struct stat status {};
-    if (fstat(file, &status) != 0) return std::strerror(errno);
-    if (!S_ISREG(status.st_mode)) return "is no regular file";
-    if (status.st_uid != geteuid()) return ownerText(status);
-    if (status.st_nlink > 1) return "has another name too";
-    if (fchmod(file, ownerOnly) != 0 || ftruncate(file, 0) != 0) return std::strerror(errno);
-    return {};
+    if (fstat(file, &status) != 0) return systemFault();
+    if (!S_ISREG(status.st_mode)) return Fault{"is no regular file"};
+    if (status.st_uid != geteuid()) return anotherOwner(status);
+    if (status.st_nlink > 1) return Fault{"has another name too"};
+    if (fchmod(file, ownerOnly) != 0 || ftruncate(file, 0) != 0) return systemFault();
+    return passed();
 }
 
 bool isFolder(const char* path)
@@ -82,23 +86,21 @@ bool makeStagingFolder(std::string path)
     return true;
 }
 
-UniqueFd openStagingFolder(const std::string& path, std::string& reason)
+Result<UniqueFd> openStagingFolder(const std::string& path)
 {
     UniqueFd folder(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    reason = folder.valid() ? faultOfFolder(folder.get()) : std::strerror(errno);
-    return reason.empty() ? std::move(folder) : UniqueFd();
+    if (!folder.valid()) return systemFault();
+    if (const Check check = checkFolder(folder.get()); !check) return Fault{check.reason()};
+    return folder;
 }
 
-UniqueFd openStagingFile(const UniqueFd& folder, const std::string& name, std::string& reason)
+Result<UniqueFd> openStagingFile(const UniqueFd& folder, const std::string& name)
 {
     constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     UniqueFd file(openat(folder.get(), name.c_str(), flags, ownerOnly));
-    if (!file.valid()) {
-        reason = errno == ELOOP ? "is a symbolic link" : std::strerror(errno);
-        return UniqueFd();
-    }
-    reason = faultOfFile(file.get());
-    return reason.empty() ? std::move(file) : UniqueFd();
+    if (!file.valid()) return errno == ELOOP ? Fault{"is a symbolic link"} : systemFault();
+    if (const Check check = prepareFile(file.get()); !check) return Fault{check.reason()};
+    return file;
 }
 
 bool writeStagingFile(UniqueFd file, const unsigned char* data, std::size_t length, std::size_t& accepted)

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "handles/UniqueFd.h"
+#include "result/Result.h"
 
 namespace wfoal {
 
@@ -16,12 +17,12 @@ namespace wfoal {
 bool makeStagingFolder(std::string path);
 
 /// Opens a folder that nobody but root or this user can have prepared. Takes away the others' permission to write when
-/// the folder is this user's. Invalid after a refusal or a failure; `reason` tells why.
-UniqueFd openStagingFolder(const std::string& path, std::string& reason);
+/// the folder is this user's.
+Result<UniqueFd> openStagingFolder(const std::string& path);
 
 /// Opens an empty file of this user, readable by nobody else, for writing. What the name stands for is emptied, but
-/// never anybody else's file, nor what a link leads to. Invalid after a refusal or a failure; `reason` tells why.
-UniqueFd openStagingFile(const UniqueFd& folder, const std::string& name, std::string& reason);
+/// never anybody else's file, nor what a link leads to.
+Result<UniqueFd> openStagingFile(const UniqueFd& folder, const std::string& name);
 
 /// Writes `length` bytes and closes the file. `accepted` counts what was taken of them, block by block: also the block
 /// that could not be written. False leaves `errno` set.

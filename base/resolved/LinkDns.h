@@ -52,7 +52,7 @@ struct LinkChange {
     LinkDns before;
 
     std::string encode() const;
-    /// Throws a JsonError with the key "undo log" when the text is no change.
+    /// Throws a JsonError with the key "undo log" when the text is malformed.
     static LinkChange decode(std::string_view text);
 };
 

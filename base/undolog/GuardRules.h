@@ -36,7 +36,7 @@ struct GuardRules {
     std::vector<Connection<Ipv6Network>> ipv6Connections;
 
     std::string encode() const;
-    /// Throws a JsonError with the key "undo log" when the text is none.
+    /// Throws a JsonError with the key "undo log" when the text is malformed.
     static GuardRules decode(std::string_view text);
 };
 

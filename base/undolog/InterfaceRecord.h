@@ -22,7 +22,7 @@ struct InterfaceRecord {
     std::vector<std::string> dns;  // lines of Dns::prepare(), opaque here
 
     std::string encode() const;
-    /// Throws a JsonError with the key "undo log" when the text is no record.
+    /// Throws a JsonError with the key "undo log" when the text is malformed.
     static InterfaceRecord decode(std::string_view text);
 };
 

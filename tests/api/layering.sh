@@ -24,7 +24,7 @@ include/agent        -
 include/plugin       include/agent base/handles
 platform/include     -
 Src/Decisions        base/handles base/net
-Src                  Src/Decisions include base/handles base/net platform/include
+Src                  Src/Decisions include base/handles base/net base/result platform/include
 platform/systembus   base/handles platform/include
 platform/log         base/handles base/io base/result platform/include
 platform/bus         base/handles platform/include platform/systembus

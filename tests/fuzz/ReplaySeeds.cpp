@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
 
 namespace {
 
-// All are read before the first runs: a target may cover folders.
+// All seeds are read before the first runs, because a target may hide the folder by mounting over it.
 std::map<std::string, std::string> seedsIn(const char* folder)
 {
     std::map<std::string, std::string> seeds;

@@ -24,7 +24,7 @@ JsonPtr parsedAtOnce(const std::string& text, int flags)
     return JsonPtr(json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size() + 1)));
 }
 
-/// All texts, and what json-c reads though it is no JSON.
+/// All texts, and some that are not JSON but that json-c accepts.
 std::vector<std::string> texts()
 {
     std::vector<std::string> all{
