@@ -137,11 +137,11 @@ bool NetLinkHelper::receiveRoutes(GPtrArray* routes)
 {
     alignas(nlmsghdr) unsigned char buffer[receiveBufferSize] = {};
     alignas(nlmsghdr) unsigned char further[receiveBufferSize];
-    wfoal::MessageWalk held(buffer, 0);  // from a DONE behind a route to the end of its datagram
+    wfoal::MessageWalk held(buffer, 0);  // from a DONE after a route to the end of its datagram
     bool failedBefore = false;
     bool doneSeen = false;
     for (;;) {
-        // Do not wait behind a DONE: there may be no further datagram.
+        // Do not wait after a DONE: there may be no further datagram.
         const bool isHeld = held.valid();
         const ssize_t received =
             receive(mSocket.get(), isHeld ? further : buffer, sizeof buffer, doneSeen ? MSG_DONTWAIT : 0);

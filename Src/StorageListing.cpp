@@ -37,7 +37,7 @@ DirPtr createDirectory(const char* directory)
 }
 
 // Copies the next entry into a whole record, because one in the stream's buffer ends with its name and the agent may
-// copy the whole name field. Bytes behind the name are zero. Returns an errno value; `found` is false at the end.
+// copy the whole name field. Bytes after the name are zero. Returns an errno value; `found` is false at the end.
 int nextEntry(DIR* stream, dirent& entry, bool& found)
 {
     entry = {};

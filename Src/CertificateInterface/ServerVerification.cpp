@@ -82,7 +82,7 @@ bool hasNulInCommonName(const X509_NAME* subject)
                                           static_cast<std::size_t>(ASN1_STRING_length(text))) != nullptr;
 }
 
-// The checks behind a chain that did not verify: the store and the name. `result` is what the chain came to.
+// The checks of store and name for a chain that did not verify. `result` is the outcome of the chain.
 PluginResult resultOfName(X509* certificate, bool isInstalled, const char* serverName, PluginResult result,
                           bool& promptUser)
 {

@@ -20,7 +20,7 @@ std::size_t aligned(std::size_t length)
     return (length + NLMSG_ALIGNTO - 1) & ~std::size_t{NLMSG_ALIGNTO - 1};
 }
 
-// The field for the value of each attribute, by its type. Types behind the end are ignored.
+// The field for the value of each attribute, by its type. Types after the last one are ignored.
 constexpr std::size_t unwanted = sizeof(RouteInfo);
 constexpr std::size_t fieldOffsets[] = {
     unwanted,                       // RTA_UNSPEC
@@ -77,7 +77,7 @@ void parseRouteMessage(const void* message, std::size_t length, RouteInfo& route
         const std::size_t field =
             attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
         if (field != unwanted) {
-            // Always read the four bytes behind the attribute's header, for compatibility. When the attribute is
+            // Always read the four bytes after the attribute's header, for compatibility. When the attribute is
             // shorter, they are bytes of the next one.
             std::uint32_t value = 0;
             const std::size_t valueOffset = offset + sizeof attribute;

@@ -19,7 +19,7 @@
 
 namespace {
 
-// Interfaces behind these are ignored, for compatibility.
+// Interfaces after these are ignored, for compatibility.
 constexpr std::size_t interfaceLimit = 20;
 
 in_addr addressOf(const sockaddr& address)

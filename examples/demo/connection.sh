@@ -56,7 +56,7 @@ tell_certificate() {
 }
 
 # connect_once STEP STATUS VERDICT GATEWAY [OPTION...]: a connection that ends at once. Where there is no tunnel device
-# to be had it ends, with status 1, behind the handshake.
+# to be had it ends, with status 1, after the handshake.
 connect_once() {
     local step=$1 status=$2 verdict=$3 reached=connected status_means=''
     shift 3

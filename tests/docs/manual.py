@@ -57,7 +57,7 @@ def pageSections(roff):
 
 
 def pageTags(lines):
-    """The lines behind .TP, which name an option or an argument."""
+    """The lines after .TP, which name an option or an argument."""
     return [plain(line) for before, line in zip(lines, lines[1:]) if before == ".TP"]
 
 

@@ -34,7 +34,7 @@ CommandResult doctor(const std::vector<std::string>& options = {})
 std::string lineOf(const std::string& check)
 {
     std::istringstream output(doctor().output);
-    constexpr std::size_t name = 9;  // behind the state
+    constexpr std::size_t name = 9;  // after the state
     for (std::string line; std::getline(output, line);) {
         if (line.compare(name, check.size(), check) != 0) continue;
         const auto detail = line.find_first_not_of(' ', name + check.size());

@@ -108,7 +108,7 @@ protected:
         }
     }
     /// Returns when all that has happened so far was told. Whoever asks the connection manager makes it look at once,
-    /// and push what has changed; a connection answers a ping behind all that came before it. What the agent does about
+    /// and push what has changed; a connection answers a ping after all that came before it. What the agent does about
     /// a message can lead to another one: it asks for the owner of the name, and then subscribes.
     static void settleEvents()
     {

@@ -183,7 +183,7 @@ TEST_F(RunTest, WrongUsage)
 {
     CommandResult result = runCommand({program, "run", profile});
     EXPECT_EQ(2, result.status);
-    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: run: there is no command; write it behind \"--\""));
+    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: run: there is no command; write it after \"--\""));
     result = runCommand({program, "run", profile, "--on-change", "SIGNONE", "--", "true"});
     EXPECT_EQ(2, result.status);
     EXPECT_THAT(result.output, HasSubstr("--on-change: there is no signal SIGNONE"));

@@ -75,7 +75,7 @@ std::vector<std::string> optionNames(const CLI::App& app)
     return names;
 }
 
-// What the first word says that fits nowhere; empty when every word fits.
+// The complaint about the first word that fits nowhere; empty when every word fits.
 std::string unknownWord(const CLI::App& app)
 {
     const std::vector<std::string> left = app.remaining(true);
@@ -109,7 +109,7 @@ std::string commandOf(const std::vector<std::string>& arguments)
     return {};
 }
 
-// What stands behind "--" is the command of `run`, which nobody else looks at.
+// All words after "--" are the command of `run`. The parser does not see them.
 void splitOffCommand(std::vector<std::string>& arguments, Settings& settings)
 {
     const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
@@ -173,7 +173,7 @@ int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& c
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-        settings.json = isForMachines;  // where parsing failed may be before or behind it
+        settings.json = isForMachines;  // where parsing failed may be before or after it
         return complainAboutUsage(app, settings, error);
     }
     settings.showLog = settings.verbosity > 0 || std::getenv("VKLOG_LEVEL") != nullptr;

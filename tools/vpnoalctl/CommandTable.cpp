@@ -87,7 +87,7 @@ void defineCommands(CLI::App& app, std::optional<Action>& chosen)
         CLI::App& parent = blank == std::string::npos ? app : parentOf(app, name.substr(0, blank));
         CLI::App* options =
             parent.add_subcommand(blank == std::string::npos ? name : name.substr(blank + 1), command.summary);
-        // So that the common options may also stand behind the command.
+        // So that the common options may also come after the command.
         options->fallthrough();
         options->callback([&chosen, action = command.define(*options)] { chosen = action; });
     }

@@ -19,7 +19,7 @@ struct Settings {
     bool json = false;
     bool hasPlainErrors = false;            ///< errors are for people, also with --json
     int verbosity = 0;                      ///< number of -v
-    std::vector<std::string> commandWords;  ///< of `run`: what stands behind "--"
+    std::vector<std::string> commandWords;  ///< of `run`: the words after "--"
     bool showLog = false;                   ///< the user has asked for the log, with -v or $VKLOG_LEVEL
 };
 

@@ -17,7 +17,7 @@ JsonPtr newArray();
 // Adding to an object, in order.
 void addText(const JsonPtr& object, const char* key, const std::string& text);
 void addNumber(const JsonPtr& object, const char* key, std::int64_t number);
-/// With one digit behind the point.
+/// With one digit after the point.
 void addDecimal(const JsonPtr& object, const char* key, double number);
 void addFlag(const JsonPtr& object, const char* key, bool flag);
 void addChild(const JsonPtr& object, const char* key, JsonPtr child);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the shells offer behind the words typed so far: first the program's own answer, then what bash, zsh and fish
+// What the shells offer after the words typed so far: first the program's own answer, then what bash, zsh and fish
 // make of it through their scripts.
 #include "completion/Completion.h"
 

@@ -168,9 +168,9 @@ TEST(ProfileTest, WhatCannotStayOutside)
         {R"({"bypass":["0.0.0.0/0"]})", "bypass[0]: would keep all traffic outside of the tunnel"},
         {R"({"bypass":["::/0"]})", "bypass[0]: would keep all traffic outside of the tunnel"},
         {R"({"bypass":["10.1.2.0/16"]})",
-         "bypass[0]: 10.1.2.0/16 has bits set behind its prefix; the network is 10.1.0.0/16"},
+         "bypass[0]: 10.1.2.0/16 has bits set after its prefix; the network is 10.1.0.0/16"},
         {R"({"bypass":["2001:db8::1/32"]})",
-         "bypass[0]: 2001:db8::1/32 has bits set behind its prefix; the network is 2001:db8::/32"},
+         "bypass[0]: 2001:db8::1/32 has bits set after its prefix; the network is 2001:db8::/32"},
         {R"({"bypass":["2001:db8::/129"]})", "bypass[0]: \"129\" is no prefix length from 0 to 128"},
         {R"({"bypass":["10.20.0.0/16"],"routes":[{"destination":"10.20.0.0/16"}]})",
          "routes[0]: 10.20.0.0/16 stays outside of the tunnel, by \"server\" or \"bypass\""},
@@ -303,9 +303,9 @@ TEST(ProfileTest, NetmasksWithHolesAndPrefixesOutOfRange)
         {withRoute(R"("destination":"10.0.0.0/8/8")"),
          "routes[1].destination: \"8/8\" is neither a prefix length from 0 to 32 nor a netmask"},
         {withRoute(R"("destination":"10.20.5.1/16")"),
-         "routes[1].destination: 10.20.5.1/16 has bits set behind its prefix; the network is 10.20.0.0/16"},
+         "routes[1].destination: 10.20.5.1/16 has bits set after its prefix; the network is 10.20.0.0/16"},
         {withRule(R"("action":"drop","destination":"10.8.0.2/24")"),
-         "filter[1].destination: 10.8.0.2/24 has bits set behind its prefix; the network is 10.8.0.0/24"},
+         "filter[1].destination: 10.8.0.2/24 has bits set after its prefix; the network is 10.8.0.0/24"},
     });
 }
 

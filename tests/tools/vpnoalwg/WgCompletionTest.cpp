@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What bash, zsh and fish offer behind "vpnoal-wg", through their scripts.
+// What bash, zsh and fish offer after "vpnoal-wg", through their scripts.
 #include <gmock/gmock.h>
 
 #include <filesystem>

@@ -191,7 +191,7 @@ private:
         add("self-signed, not installed", Verdict::Ask, makeIdentity({"other.example", 6}));
         add("self-signed, subject installed", Verdict::Accept, makeIdentity({"vpn.example", 6}));
         Identity server = makeIdentity({"vpn.example", 6});
-        add("self-signed, installed behind one of the same subject", Verdict::Accept, copyOf(server))
+        add("self-signed, installed after one of the same subject", Verdict::Accept, copyOf(server))
             .installed.push_back(std::move(server));
     }
 
@@ -362,7 +362,7 @@ constexpr const char* chainNames[] = {
     "unknown root, sent",
     "self-signed, not installed",
     "self-signed, subject installed",
-    "self-signed, installed behind one of the same subject",
+    "self-signed, installed after one of the same subject",
 };
 
 // Letters alone, each word with a capital.

@@ -31,7 +31,7 @@ int runCommand(Context& context, Words& words)
     }
     const std::vector<std::string>& command = context.settings.commandWords;
     if (command.empty()) {
-        throw badInput("run", "there is no command", "write it behind \"--\": vpnoalctl run [PROFILE] -- COMMAND ...");
+        throw badInput("run", "there is no command", "write it after \"--\": vpnoalctl run [PROFILE] -- COMMAND ...");
     }
     if (!words.signal.empty()) {
         words.options.changeSignal = signalNumber(words.signal);
@@ -74,7 +74,7 @@ Action defineRun(CLI::App& command)
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 3600));
     command.footer(
-        "\nThe command and its arguments stand behind \"--\"; {interface} in an argument is replaced by the physical\n"
+        "\nThe command and its arguments come after \"--\"; {interface} in an argument is replaced by the physical\n"
         "interface. Exit codes: the command's own, 128 and the signal's number when a signal ended it; 1 the tunnel\n"
         "could not be brought up; 2 wrong usage or bad input, nothing was changed; 3 the plug-in could not be loaded.");
     return [words](Context& context) { return runCommand(context, *words); };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a shell offers behind the words typed so far. "vpnoalctl __complete WORD..." prints it for the last word, one
+// What a shell offers after the words typed so far. "vpnoalctl __complete WORD..." prints it for the last word, one
 // candidate a line; a line ":files PATTERN" asks the shell for file names too. The scripts of bash, zsh and fish are
 // thin layers over it.
 #ifndef VPNOALCTL_COMPLETION_H
@@ -25,7 +25,7 @@ struct Candidates {
 /// What there is to choose from, by the name of the argument ("PROFILE").
 using ValueLists = std::map<std::string, std::function<std::vector<std::string>()>>;
 
-/// `words` are those behind the program's name; the last one, which may be empty, is completed.
+/// `words` are those after the program's name; the last one, which may be empty, is completed.
 Candidates complete(const CLI::App& program, const std::vector<std::string>& words, const ValueLists& values);
 
 /// Profiles, locations and certificates of this device.

@@ -76,7 +76,7 @@ void addRoute(const ScriptVariables& variables, unsigned int number, OpenVpnTunn
     const auto network = variables.address("route_network" + end);
     if (!network) throw VariableError("route_network" + end, "missing");
     const auto prefix = prefixOf(variables, "route_netmask" + end);
-    // OpenVPN takes bits behind the mask, the kernel does not.
+    // OpenVPN accepts set bits after the mask, the kernel does not.
     const Ipv4Network destination{Ipv4Network{*network, prefix.value_or(32)}.base(), prefix.value_or(32)};
     const auto gateway = hostAddress(variables, "route_gateway" + end);
     const auto metric = variables.wholeNumber("route_metric" + end, 0, 0xffffffff);

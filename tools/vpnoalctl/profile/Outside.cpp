@@ -27,7 +27,7 @@ Ipv6Network ipv6NetworkOf(const JsonValue& value)
     const Ipv6Network network = require(value, wfoal::parseIpv6Network(value.text()));
     const Ipv6Network base{network.base(), network.prefix};
     if (!(base == network)) {
-        value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
+        value.refuse(withPrefix(network) + " has bits set after its prefix; the network is " + withPrefix(base));
     }
     return network;
 }

@@ -38,7 +38,7 @@ Ipv4Network networkOf(const JsonValue& value)
     const Ipv4Network network = require(value, wfoal::parseNetwork(value.text()));
     const Ipv4Network base{network.base(), network.prefix};
     if (base != network) {
-        value.refuse(withPrefix(network) + " has bits set behind its prefix; the network is " + withPrefix(base));
+        value.refuse(withPrefix(network) + " has bits set after its prefix; the network is " + withPrefix(base));
     }
     return network;
 }

@@ -24,7 +24,7 @@ Value require(const wfoal::JsonValue& value, wfoal::Result<Value> result)
 /// Refuses an address that no host can have.
 void requireHost(const wfoal::JsonValue& value, wfoal::Ipv4Address address);
 wfoal::Ipv4Address hostAddressOf(const wfoal::JsonValue& value);
-/// No bit behind the prefix is set.
+/// Refuses a network with bits set after its prefix.
 wfoal::Ipv4Network networkOf(const wfoal::JsonValue& value);
 std::uint16_t portOf(const wfoal::JsonValue& value);
 

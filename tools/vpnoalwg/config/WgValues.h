@@ -22,7 +22,7 @@ wfoal::Check checkKey(std::string_view value);
 /// A decimal number.
 wfoal::Result<std::uint32_t> numberOf(std::string_view value, std::uint32_t least, std::uint32_t most);
 
-/// A number of 32 bits, decimal or behind "0x", or "off".
+/// A number of 32 bits, decimal, or hexadecimal after "0x", or "off".
 wfoal::Check checkMark(std::string_view value);
 
 /// Adds an address or a network of either family; host bits stay.
