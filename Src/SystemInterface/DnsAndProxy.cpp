@@ -14,7 +14,7 @@ PluginResult SystemInterface::SetDNSServers(const char** servers)
     if (mpIpv4Obj == nullptr || servers == nullptr) return PLUGIN_SUCCESS;
 
     json_object* addresses = json_object_new_array();
-    if (!wfoal::addField(mpIpv4Obj, "dns", addresses)) {
+    if (!wfoal::setField(mpIpv4Obj, "dns", addresses)) {
         requestIsIncomplete(__func__);
         return PLUGIN_SUCCESS;
     }
@@ -34,7 +34,7 @@ void SystemInterface::addDnsDomain(const char* function, const char* domain)
     json_object* domains = nullptr;
     if (!json_object_object_get_ex(mpNetIfObj.get(), "domainsOnIfDns", &domains)) {
         domains = json_object_new_array();
-        if (!wfoal::addField(mpNetIfObj.get(), "domainsOnIfDns", domains)) domains = nullptr;
+        if (!wfoal::setField(mpNetIfObj.get(), "domainsOnIfDns", domains)) domains = nullptr;
     }
     if (domain == nullptr) return;
     if (!wfoal::addElement(domains, json_object_new_string(domain))) requestIsIncomplete(function);

@@ -78,13 +78,27 @@ std::size_t lengthOf(json_object* value)
     }
 }
 
+// Keys are constants, which json-c need not copy.
+bool addField(json_object* object, const char* key, json_object* value, unsigned flags)
+{
+    if (object != nullptr && value != nullptr &&
+        json_object_object_add_ex(object, key, value, flags | JSON_C_OBJECT_KEY_IS_CONSTANT) == 0) {
+        return true;
+    }
+    json_object_put(value);
+    return false;
+}
+
 }  // namespace
 
 bool addField(json_object* object, const char* key, json_object* value)
 {
-    if (object != nullptr && value != nullptr && json_object_object_add(object, key, value) == 0) return true;
-    json_object_put(value);
-    return false;
+    return addField(object, key, value, JSON_C_OBJECT_ADD_KEY_IS_NEW);
+}
+
+bool setField(json_object* object, const char* key, json_object* value)
+{
+    return addField(object, key, value, 0);
 }
 
 bool addElement(json_object* array, json_object* value)
@@ -97,6 +111,11 @@ bool addElement(json_object* array, json_object* value)
 bool addText(json_object* object, const char* key, const char* text)
 {
     return addField(object, key, json_object_new_string(text));
+}
+
+bool setText(json_object* object, const char* key, const char* text)
+{
+    return setField(object, key, json_object_new_string(text));
 }
 
 const char* completeText(json_object* object)

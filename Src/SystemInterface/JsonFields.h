@@ -10,11 +10,17 @@
 namespace wfoal {
 
 // These always take ownership of `value`. False when something could not be allocated; target and value may be null
-// then.
-bool addField(json_object* object, const char* key, json_object* value);
-bool addElement(json_object* array, json_object* value);
+// then. Keys are literals.
 
+/// Adds a key that the object does not have yet.
+bool addField(json_object* object, const char* key, json_object* value);
 bool addText(json_object* object, const char* key, const char* text);
+
+/// Adds a key, or replaces its value.
+bool setField(json_object* object, const char* key, json_object* value);
+bool setText(json_object* object, const char* key, const char* text);
+
+bool addElement(json_object* array, json_object* value);
 
 /// The object's text, which lives as long as the object does; null when there is no memory for all of it.
 const char* completeText(json_object* object);

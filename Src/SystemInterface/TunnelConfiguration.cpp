@@ -62,7 +62,7 @@ bool SystemInterface::addAddressToJson(json_object* target, const char* key, in_
     char hex[2 + 2 * sizeof(unsigned long) + 1];
     std::snprintf(hex, sizeof hex, "0x%.8lx", static_cast<unsigned long>(address.s_addr));
     json_object* text = json_object_new_string(hex);
-    if (!(isArray ? wfoal::addElement(target, text) : wfoal::addField(target, key, text))) {
+    if (!(isArray ? wfoal::addElement(target, text) : wfoal::setField(target, key, text))) {
         WFOAL_ERROR("SystemInterface::%s: Error Allocation %s Address String", __func__, key);
         return false;
     }
@@ -91,11 +91,11 @@ bool SystemInterface::addInterfaceInfoToJson()
 
     JsonPtr usage(json_object_new_array());
     bool isWhole = wfoal::addElement(usage.get(), json_object_new_string("internet"));
-    isWhole = isWhole && wfoal::addText(request, "ifName", tunnelInterfaceName);
-    isWhole = isWhole && wfoal::addField(request, "ifPriority", json_object_new_int(5));
-    isWhole = isWhole && wfoal::addText(request, "networkTechnology", "vpn");
-    isWhole = isWhole && wfoal::addText(request, "networkScope", "wan");
-    isWhole = isWhole && wfoal::addField(request, "networkUsage", usage.release());
+    isWhole = isWhole && wfoal::setText(request, "ifName", tunnelInterfaceName);
+    isWhole = isWhole && wfoal::setField(request, "ifPriority", json_object_new_int(5));
+    isWhole = isWhole && wfoal::setText(request, "networkTechnology", "vpn");
+    isWhole = isWhole && wfoal::setText(request, "networkScope", "wan");
+    isWhole = isWhole && wfoal::setField(request, "networkUsage", usage.release());
 
     // Each apply keeps its descriptor open, and descriptor 0 counts as a failure, for compatibility.
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -2,8 +2,25 @@
 #include "text/Utf8.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace wfoal {
+
+namespace {
+
+// Where the plain ASCII at the beginning of the text ends, to a word at most before it.
+std::size_t endOfAscii(std::string_view text)
+{
+    constexpr std::uint64_t highBits = 0x8080808080808080;
+    std::size_t at = 0;
+    for (std::uint64_t word = 0; text.size() - at >= sizeof word; at += sizeof word) {
+        std::memcpy(&word, text.data() + at, sizeof word);
+        if ((word & highBits) != 0) break;
+    }
+    return at;
+}
+
+}  // namespace
 
 std::size_t utf8CharacterAt(std::string_view text)
 {
@@ -36,6 +53,8 @@ std::size_t utf8CharacterAt(std::string_view text)
 std::size_t utf8FaultIn(std::string_view text)
 {
     for (std::size_t at = 0; at < text.size();) {
+        at += endOfAscii(text.substr(at));
+        if (at == text.size()) break;
         const std::size_t length = utf8CharacterAt(text.substr(at));
         if (length == 0) return at;
         at += length;
