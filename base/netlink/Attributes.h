@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace wfoal {
 
@@ -26,9 +27,15 @@ public:
     }
     const nlattr* get(std::size_t type) const { return mFound[type]; }
     std::uint32_t u32(std::size_t type) const { return has(type, MNL_TYPE_U32) ? mnl_attr_get_u32(mFound[type]) : 0; }
+    std::uint64_t u64(std::size_t type) const { return has(type, MNL_TYPE_U64) ? mnl_attr_get_u64(mFound[type]) : 0; }
     int u8Or(std::size_t type, int other) const
     {
         return has(type, MNL_TYPE_U8) ? mnl_attr_get_u8(mFound[type]) : other;
+    }
+    std::string_view bytes(std::size_t type) const
+    {
+        if (mFound[type] == nullptr) return {};
+        return {static_cast<const char*>(mnl_attr_get_payload(mFound[type])), mnl_attr_get_payload_len(mFound[type])};
     }
     std::string text(std::size_t type) const
     {

@@ -36,7 +36,7 @@ void addRule(NftTransaction& transaction, const FirewallRequest& request, const 
     constexpr std::uint32_t destinationAddress = 16;
     constexpr std::uint32_t sourcePort = 0;
     constexpr std::uint32_t destinationPort = 2;
-    NftRule rule(request.label, request.chain);
+    NftRule rule(transaction, request.label, request.chain);
     if (wanted.direction != RuleDirection::Any)
         rule.matchInterface(wanted.direction == RuleDirection::In, wanted.interfaceName);
     match(rule, sourceAddress, wanted.source);
@@ -50,7 +50,7 @@ void addRule(NftTransaction& transaction, const FirewallRequest& request, const 
     if (wanted.sourcePort != 0) rule.matchPort(sourcePort, wanted.sourcePort);
     if (wanted.destinationPort != 0) rule.matchPort(destinationPort, wanted.destinationPort);
     rule.decide(wanted.verdict == RuleVerdict::Accept ? NF_ACCEPT : NF_DROP);
-    rule.addTo(transaction);
+    rule.finish();
 }
 
 void addRules(NftTransaction& transaction, const FirewallRequest& request, const FirewallRule& wanted)

@@ -8,7 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <new>
+
+#include "firewall/NftAttributes.h"
 
 namespace vknetconfig {
 
@@ -16,66 +17,91 @@ namespace {
 
 constexpr std::size_t mostAtOnce = 4;  // bytes; the kernel is fastest with these
 
-void require(bool hasMemory)
+/// An expression of the rule, to put its attributes into.
+class Expression {
+public:
+    Expression(nlmsghdr* message, const char* name)
+        : mElement(message, NFTA_LIST_ELEM), mData(named(message, name), NFTA_EXPR_DATA)
+    {
+    }
+
+private:
+    static nlmsghdr* named(nlmsghdr* message, const char* name)
+    {
+        mnl_attr_put_strz(message, NFTA_EXPR_NAME, name);
+        return message;
+    }
+
+    NftNest mElement;
+    NftNest mData;
+};
+
+void putBytes(nlmsghdr* message, std::uint16_t type, const void* bytes, std::size_t size)
 {
-    if (!hasMemory) throw std::bad_alloc();
+    const NftNest nest(message, type);
+    mnl_attr_put(message, NFTA_DATA_VALUE, size, bytes);
 }
 
-NftnlExprPtr newExpression(const char* name)
+// `chain`: where to jump, or null.
+void putVerdict(nlmsghdr* message, std::uint32_t verdict, const char* chain)
 {
-    NftnlExprPtr expression(nftnl_expr_alloc(name));
-    require(expression != nullptr);
-    return expression;
+    const Expression immediate(message, "immediate");
+    putNumber(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
+    const NftNest data(message, NFTA_IMMEDIATE_DATA);
+    const NftNest decision(message, NFTA_DATA_VERDICT);
+    putNumber(message, NFTA_VERDICT_CODE, verdict);
+    if (chain != nullptr) mnl_attr_put_strz(message, NFTA_VERDICT_CHAIN, chain);
 }
 
-void setBytes(const NftnlExprPtr& expression, std::uint16_t attribute, const void* bytes, std::size_t size)
+nlmsghdr* addRule(NftTransaction& transaction, const std::string& table, const std::string& chain)
 {
-    require(nftnl_expr_set(expression.get(), attribute, bytes, static_cast<std::uint32_t>(size)) == 0);
+    nlmsghdr* const message = transaction.add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
+    mnl_attr_put_strz(message, NFTA_RULE_TABLE, table.c_str());
+    mnl_attr_put_strz(message, NFTA_RULE_CHAIN, chain.c_str());
+    return message;
 }
 
 }  // namespace
 
-NftRule::NftRule(const std::string& table, const std::string& chain) : mRule(nftnl_rule_alloc())
+NftRule::NftRule(NftTransaction& transaction, const std::string& table, const std::string& chain)
+    : mMessage(addRule(transaction, table, chain)), mExpressions(mnl_attr_nest_start(mMessage, NFTA_RULE_EXPRESSIONS))
 {
-    require(mRule && nftnl_rule_set_str(mRule.get(), NFTNL_RULE_TABLE, table.c_str()) == 0 &&
-            nftnl_rule_set_str(mRule.get(), NFTNL_RULE_CHAIN, chain.c_str()) == 0);
 }
 
-void NftRule::append(NftnlExprPtr expression)
+void NftRule::finish()
 {
-    nftnl_rule_add_expr(mRule.get(), expression.release());
+    mnl_attr_nest_end(mMessage, mExpressions);
 }
 
 void NftRule::matchMeta(std::uint32_t key, const void* value, std::size_t size)
 {
     flush();
-    NftnlExprPtr meta = newExpression("meta");
-    nftnl_expr_set_u32(meta.get(), NFTNL_EXPR_META_KEY, key);
-    nftnl_expr_set_u32(meta.get(), NFTNL_EXPR_META_DREG, NFT_REG_1);
-    append(std::move(meta));
+    {
+        const Expression meta(mMessage, "meta");
+        putNumber(mMessage, NFTA_META_KEY, key);
+        putNumber(mMessage, NFTA_META_DREG, NFT_REG_1);
+    }
     compare(value, size);
 }
 
 void NftRule::load(std::uint32_t base, std::uint32_t offset, std::uint32_t length)
 {
-    NftnlExprPtr payload = newExpression("payload");
-    nftnl_expr_set_u32(payload.get(), NFTNL_EXPR_PAYLOAD_DREG, NFT_REG_1);
-    nftnl_expr_set_u32(payload.get(), NFTNL_EXPR_PAYLOAD_BASE, base);
-    nftnl_expr_set_u32(payload.get(), NFTNL_EXPR_PAYLOAD_OFFSET, offset);
-    nftnl_expr_set_u32(payload.get(), NFTNL_EXPR_PAYLOAD_LEN, length);
-    append(std::move(payload));
+    const Expression payload(mMessage, "payload");
+    putNumber(mMessage, NFTA_PAYLOAD_DREG, NFT_REG_1);
+    putNumber(mMessage, NFTA_PAYLOAD_BASE, base);
+    putNumber(mMessage, NFTA_PAYLOAD_OFFSET, offset);
+    putNumber(mMessage, NFTA_PAYLOAD_LEN, length);
 }
 
 void NftRule::mask(const void* bits, std::size_t size)
 {
     const std::array<char, sizeof(in6_addr)> nothing{};
-    NftnlExprPtr bitwise = newExpression("bitwise");
-    nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
-    nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
-    nftnl_expr_set_u32(bitwise.get(), NFTNL_EXPR_BITWISE_LEN, static_cast<std::uint32_t>(size));
-    setBytes(bitwise, NFTNL_EXPR_BITWISE_MASK, bits, size);
-    setBytes(bitwise, NFTNL_EXPR_BITWISE_XOR, nothing.data(), size);
-    append(std::move(bitwise));
+    const Expression bitwise(mMessage, "bitwise");
+    putNumber(mMessage, NFTA_BITWISE_SREG, NFT_REG_1);
+    putNumber(mMessage, NFTA_BITWISE_DREG, NFT_REG_1);
+    putNumber(mMessage, NFTA_BITWISE_LEN, static_cast<std::uint32_t>(size));
+    putBytes(mMessage, NFTA_BITWISE_MASK, bits, size);
+    putBytes(mMessage, NFTA_BITWISE_XOR, nothing.data(), size);
 }
 
 void NftRule::compare(const void* value, std::size_t size)
@@ -85,11 +111,10 @@ void NftRule::compare(const void* value, std::size_t size)
 
 void NftRule::compareBy(std::uint32_t operation, const void* value, std::size_t size)
 {
-    NftnlExprPtr comparison = newExpression("cmp");
-    nftnl_expr_set_u32(comparison.get(), NFTNL_EXPR_CMP_SREG, NFT_REG_1);
-    nftnl_expr_set_u32(comparison.get(), NFTNL_EXPR_CMP_OP, operation);
-    setBytes(comparison, NFTNL_EXPR_CMP_DATA, value, size);
-    append(std::move(comparison));
+    const Expression comparison(mMessage, "cmp");
+    putNumber(mMessage, NFTA_CMP_SREG, NFT_REG_1);
+    putNumber(mMessage, NFTA_CMP_OP, operation);
+    putBytes(mMessage, NFTA_CMP_DATA, value, size);
 }
 
 void NftRule::matchHeader(std::uint32_t base, std::uint32_t offset, std::string bytes)
@@ -191,19 +216,15 @@ void NftRule::matchType(std::uint8_t first, std::uint8_t last)
 void NftRule::decide(std::uint32_t verdict)
 {
     flush();
-    NftnlExprPtr immediate = newExpression("immediate");
-    nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
-    nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_VERDICT, verdict);
-    append(std::move(immediate));
+    putVerdict(mMessage, verdict, nullptr);
 }
 
 void NftRule::addReject(std::uint32_t type, std::uint8_t code)
 {
     flush();
-    NftnlExprPtr reject = newExpression("reject");
-    nftnl_expr_set_u32(reject.get(), NFTNL_EXPR_REJECT_TYPE, type);
-    nftnl_expr_set_u8(reject.get(), NFTNL_EXPR_REJECT_CODE, code);
-    append(std::move(reject));
+    const Expression reject(mMessage, "reject");
+    putNumber(mMessage, NFTA_REJECT_TYPE, type);
+    mnl_attr_put_u8(mMessage, NFTA_REJECT_ICMP_CODE, code);
 }
 
 void NftRule::reject()
@@ -219,16 +240,7 @@ void NftRule::resetConnection()
 void NftRule::jump(const std::string& chain)
 {
     flush();
-    NftnlExprPtr immediate = newExpression("immediate");
-    nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
-    nftnl_expr_set_u32(immediate.get(), NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_JUMP));
-    require(nftnl_expr_set_str(immediate.get(), NFTNL_EXPR_IMM_CHAIN, chain.c_str()) == 0);
-    append(std::move(immediate));
-}
-
-void NftRule::addTo(NftTransaction& transaction)
-{
-    nftnl_rule_nlmsg_build_payload(transaction.add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND), mRule.get());
+    putVerdict(mMessage, static_cast<std::uint32_t>(NFT_JUMP), chain.c_str());
 }
 
 }  // namespace vknetconfig

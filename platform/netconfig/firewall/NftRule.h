@@ -8,7 +8,6 @@
 #include <string>
 
 #include "firewall/NftTransaction.h"
-#include "handles/Nftnl.h"
 #include "net/Ipv4.h"
 #include "net/Ipv6.h"
 
@@ -16,8 +15,10 @@ namespace vknetconfig {
 
 class NftRule {
 public:
-    /// At the end of a chain of a table of the family inet.
-    NftRule(const std::string& table, const std::string& chain);
+    /// At the end of a chain of a table of the family inet. Nothing else is added to the transaction until finish().
+    NftRule(NftTransaction& transaction, const std::string& table, const std::string& chain);
+    NftRule(const NftRule&) = delete;
+    NftRule& operator=(const NftRule&) = delete;
 
     void matchInterface(bool isInput, const std::string& name);
     void matchIpv4();
@@ -40,7 +41,7 @@ public:
     void resetConnection();
     void jump(const std::string& chain);
 
-    void addTo(NftTransaction& transaction);
+    void finish();
 
 private:
     /// Bytes of a header that are to be compared. Adjacent ones are compared at once.
@@ -61,9 +62,9 @@ private:
     void matchFamily(std::uint8_t family);
     void matchPrefix(std::uint32_t offset, const char* address, const char* bits, std::size_t size,
                      std::uint8_t prefix);
-    void append(NftnlExprPtr expression);
 
-    NftnlRulePtr mRule;
+    nlmsghdr* const mMessage;
+    nlattr* const mExpressions;
     Comparison mPending;
     std::uint8_t mFamily = 0;  // NFPROTO_..., when it was matched
 };

@@ -3,13 +3,13 @@
 
 #include <netinet/in.h>  // before the kernel's header of the same names
 
-#include <libnftnl/common.h>
 #include <linux/netfilter.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 
 #include "RequestError.h"
+#include "firewall/NftAttributes.h"
 
 namespace vknetconfig {
 
@@ -18,12 +18,24 @@ namespace {
 constexpr std::size_t largestMessage = 4096;
 constexpr std::size_t firstRoom = std::size_t{64} * 1024;
 
+nlmsghdr* putBoundary(char* place, std::uint16_t type, std::uint32_t sequence)
+{
+    nlmsghdr* const message = mnl_nlmsg_put_header(place);
+    message->nlmsg_type = type;
+    message->nlmsg_flags = NLM_F_REQUEST;
+    message->nlmsg_seq = sequence;
+    auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
+    header->version = NFNETLINK_V0;
+    header->res_id = htons(NFNL_SUBSYS_NFTABLES);
+    return message;
+}
+
 }  // namespace
 
 NftTransaction::NftTransaction(NetlinkSocket& socket)
     : mSocket(socket), mBuffer(firstRoom), mFirstSequence(socket.nextSequence())
 {
-    mLast = nftnl_batch_begin(room(), mFirstSequence);
+    mLast = putBoundary(room(), NFNL_MSG_BATCH_BEGIN, mFirstSequence);
     mCount = 1;
 }
 
@@ -43,8 +55,9 @@ void NftTransaction::close()
 
 nlmsghdr* NftTransaction::add(std::uint16_t type, std::uint16_t flags)
 {
-    char* const place = room();
-    mLast = nftnl_nlmsg_build_hdr(place, type, NFPROTO_INET, flags, mSocket.nextSequence());
+    mLast = putNftHeader(room(), type, NFPROTO_INET);
+    mLast->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+    mLast->nlmsg_seq = mSocket.nextSequence();
     ++mCount;
     return mLast;
 }
@@ -54,7 +67,7 @@ std::optional<NetlinkFailure> NftTransaction::commit()
     // Older kernels acknowledge neither begin nor end. The answers come in the order of the messages.
     mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
     char* const place = room();
-    mLast = nftnl_batch_end(place, mSocket.nextSequence());
+    mLast = putBoundary(place, NFNL_MSG_BATCH_END, mSocket.nextSequence());
     close();
     provideSendBuffer();
     mSocket.send(mBuffer.data(), mUsed);

@@ -27,10 +27,10 @@ public:
     template <class Match>
     void accept(Match match)
     {
-        NftRule rule(mTable, chain);
+        NftRule rule(mTransaction, mTable, chain);
         match(rule);
         rule.decide(NF_ACCEPT);
-        rule.addTo(mTransaction);
+        rule.finish();
     }
 
 private:
@@ -129,18 +129,18 @@ void addRules(NftTransaction& transaction, const GuardRules& wanted)
 // The device's own connections fail at once; see NftRule::resetConnection().
 void resetConnections(NftTransaction& transaction, const std::string& table)
 {
-    NftRule rule(table, sent.name);
+    NftRule rule(transaction, table, sent.name);
     rule.matchProtocol(IPPROTO_TCP);
     rule.resetConnection();
-    rule.addTo(transaction);
+    rule.finish();
 }
 
 // What the chain has not accepted.
 void rejectRest(NftTransaction& transaction, const std::string& table, const BaseChain& base)
 {
-    NftRule rule(table, base.name);
+    NftRule rule(transaction, table, base.name);
     rule.reject();
-    rule.addTo(transaction);
+    rule.finish();
 }
 
 }  // namespace

@@ -22,12 +22,8 @@ constexpr char full[] = R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[{"ip":
 constexpr char split[] =
     R"({"ifName":"vpn0","ipv4":{"additionalIfRoutes":[{"ip":"192.168.0.0","netmask":"255.255.0.0"}]}})";
 
-// How many allocations fail at least before a request succeeds: under a sanitizer those of C++ alone.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// How many allocations fail at least before a request succeeds.
 constexpr int fewest = 50;
-#else
-constexpr int fewest = 100;
-#endif
 
 std::string state()
 {
