@@ -15,7 +15,7 @@ namespace wfoal {
 struct Origin {
     std::string boot;              // as /proc/sys/kernel/random/boot_id has it, without the newline
     std::string networkNamespace;  // see currentNetworkNamespace()
-    std::string namespaceInode;    // as version 1 named it
+    std::string namespaceInode;    // as version 1 named it; empty unless it was asked for
 };
 
 enum class EntryKind {

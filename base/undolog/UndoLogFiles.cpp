@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "handles/UniqueFd.h"
 #include "io/WholeFile.h"
@@ -35,13 +36,22 @@ std::string currentNetworkNamespace()
     return errno == ENOPROTOOPT ? inodeOfNetworkNamespace() : std::string();
 }
 
-Result<Origin> currentOrigin()
+Result<Origin> currentOrigin(std::string boot)
 {
-    const Result<std::string> boot = readWhole("/proc/sys/kernel/random/boot_id", 64);
-    if (!boot) return Fault{"boot id: " + boot.reason()};
-    Origin origin{boot->substr(0, boot->find('\n')), currentNetworkNamespace(), {}};
+    if (boot.empty()) {
+        const Result<std::string> line = readWhole("/proc/sys/kernel/random/boot_id", 64);
+        if (!line) return Fault{"boot id: " + line.reason()};
+        boot = line->substr(0, line->find('\n'));
+    }
+    Origin origin{std::move(boot), currentNetworkNamespace(), {}};
+    if (origin.networkNamespace.empty()) return Fault{std::string("network namespace: ") + std::strerror(errno)};
+    return origin;
+}
+
+Result<Origin> withNamespaceInode(Origin origin)
+{
     struct stat status {};
-    if (origin.networkNamespace.empty() || stat("/proc/thread-self/ns/net", &status) != 0) {
+    if (stat("/proc/thread-self/ns/net", &status) != 0) {
         return Fault{std::string("network namespace: ") + std::strerror(errno)};
     }
     origin.namespaceInode = std::to_string(status.st_ino);

@@ -28,8 +28,11 @@ inline constexpr char namespaceSeparator = '@';
 /// with errno set, when the kernel cannot be asked.
 std::string currentNetworkNamespace();
 
-/// Where the calling thread runs.
-Result<Origin> currentOrigin();
+/// Where the calling thread runs. `boot` is what an earlier call has found, if there was one.
+Result<Origin> currentOrigin(std::string boot = {});
+
+/// The same with the namespace as version 1 named it, which takes a look into /proc.
+Result<Origin> withNamespaceInode(Origin origin);
 
 /// The process id in a lock file, 0 when there is none.
 pid_t holderIn(int lockFile);

@@ -13,7 +13,7 @@ namespace vknetconfig {
 
 void FirewallControl::apply(const FirewallRequest& request)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     if (request.remove) {
         remove(request.label);
     } else {
@@ -72,7 +72,7 @@ void FirewallControl::removeStale(const std::string& subject)
 {
     const std::string label = wfoal::filterTable(subject);
     // Another program's table of this name may have replaced ours.
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const TableFound found = findTable(mSocket, label);
     if (found.state == TableState::Ours) removeTable(mSocket, found);
     mUndoLog.erase(subject);

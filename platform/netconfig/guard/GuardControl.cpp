@@ -32,7 +32,7 @@ bool GuardControl::isSubject(std::string_view subject)
 
 std::optional<GuardRules> GuardControl::replace(const std::string& ifName, const std::optional<GuardRules>& rules)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const std::string subject = subjectOf(ifName);
     NewOwnership ownership(mUndoLog, subject);
     const std::string content = rules ? mUndoLog.own(subject) : mUndoLog.ownForRemoval(subject);
@@ -100,7 +100,7 @@ void GuardControl::removeTableOf(const std::string& ifName)
 
 void GuardControl::removeStale(const std::string& subject)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const std::optional<GuardRules> rules = earlierRules(subject, mUndoLog.read(subject));
     if (rules && rules->rejectsIpv4) return mUndoLog.release(subject);
     removeTableOf(subject.substr(wfoal::guardSubjects.size()));

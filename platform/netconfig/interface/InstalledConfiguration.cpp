@@ -100,8 +100,9 @@ void InstalledConfiguration::removeAddresses(const InterfaceRecord& record)
 
 void InstalledConfiguration::restoreLink(const InterfaceRecord& record)
 {
+    if (!record.linkBefore) return;
     const std::optional<LinkState> now = linkWithIndex(mSocket, record.index);
-    if (!record.linkBefore || !now) return;
+    if (!now) return;
     NetlinkBatch batch(mSocket, {ENODEV});
     addLinkRestore(batch, *record.linkBefore, *now);
     // Only the first message takes the link down; the others tidy up where that makes sense.

@@ -81,7 +81,7 @@ std::string InterfaceControl::subjectOf(const std::string& ifName)
 
 void InterfaceControl::apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const std::string subject = subjectOf(request.ifName);
     NewOwnership ownership(mUndoLog, subject);
     const bool isOurs = mUndoLog.owns(subject);
@@ -117,7 +117,7 @@ void InterfaceControl::replace(const InterfaceRequest& request, const std::strin
 
 void InterfaceControl::remove(const std::string& ifName)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const std::string subject = subjectOf(ifName);
     NewOwnership ownership(mUndoLog, subject);
     const InterfaceRecord record = readRecord(subject, mUndoLog.ownForRemoval(subject));
@@ -129,7 +129,7 @@ void InterfaceControl::remove(const std::string& ifName)
 
 void InterfaceControl::removeStale(const std::string& subject)
 {
-    mSocket.followNamespace();
+    mSocket.followNamespace(mUndoLog.networkNamespace());
     const InterfaceRecord record = readRecord(subject, mUndoLog.read(subject));
     removeInstalled(record);
     forget(subject, record);

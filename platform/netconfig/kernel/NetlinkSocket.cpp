@@ -4,7 +4,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -72,12 +71,11 @@ mnl_socket* NetlinkSocket::handle()
     return mSocket.get();
 }
 
-void NetlinkSocket::followNamespace()
+void NetlinkSocket::followNamespace(const std::string& networkNamespace)
 {
-    struct stat status {};
-    if (stat("/proc/thread-self/ns/net", &status) != 0) fail("network namespace");
-    if (status.st_ino != mNamespace) mSocket.reset();
-    mNamespace = status.st_ino;
+    if (networkNamespace == mNamespace) return;
+    mSocket.reset();
+    mNamespace = networkNamespace;
 }
 
 int NetlinkSocket::descriptor()

@@ -5,8 +5,6 @@
 #ifndef VKNETCONFIG_NETLINKSOCKET_H
 #define VKNETCONFIG_NETLINKSOCKET_H
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -38,8 +36,8 @@ public:
     /// Opens the socket at the first use; it stays open for later requests.
     mnl_socket* handle();
 
-    /// Closes a socket that belongs to another network namespace than the calling thread.
-    void followNamespace();
+    /// Closes a socket that was opened in another network namespace than that of the calling thread, which is named.
+    void followNamespace(const std::string& networkNamespace);
 
     /// Sends one request and hands each message of the answer to `visit`. Returns 0 or the kernel's errno value. When a
     /// concurrent change interrupts the answer, the request is retried for some seconds; then the result is EINTR.
@@ -60,7 +58,7 @@ private:
     const char* mKey;
     MnlSocketPtr mSocket;
     wfoal::NetlinkDatagram mDatagram;
-    ino_t mNamespace = 0;
+    std::string mNamespace;
     std::uint32_t mSequence = 0;
 };
 

@@ -71,6 +71,7 @@ void readLink(const nlmsghdr* message, std::optional<LinkState>& link)
 
 std::optional<LinkState> askForLink(NetlinkSocket& socket, Question& question)
 {
+    mnl_attr_put_u32(question.message, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);  // most of the answer otherwise
     std::optional<LinkState> link;
     const int error = socket.ask(question.message, [&](const nlmsghdr* message) { readLink(message, link); });
     if (error == ENODEV) return std::nullopt;

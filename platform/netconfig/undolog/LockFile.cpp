@@ -6,16 +6,18 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 
 #include "RequestError.h"
 
 namespace vknetconfig {
 
-bool lockNow(int file)
+namespace {
+
+bool lockAs(short type, int file)
 {
     struct flock wanted {};
-    const int mode = fcntl(file, F_GETFL);
-    wanted.l_type = mode >= 0 && (mode & O_ACCMODE) == O_RDONLY ? F_RDLCK : F_WRLCK;
+    wanted.l_type = type;
     wanted.l_whence = SEEK_SET;
     while (fcntl(file, F_SETLK, &wanted) != 0) {
         if (errno == EACCES || errno == EAGAIN) return false;
@@ -24,10 +26,26 @@ bool lockNow(int file)
     return true;
 }
 
+}  // namespace
+
+bool lockNow(int file)
+{
+    return lockAs(F_WRLCK, file);
+}
+
+bool lockToRead(int file)
+{
+    return lockAs(F_RDLCK, file);
+}
+
 void nameHolder(int file)
 {
     const std::string text = std::to_string(getpid()) + "\n";
-    if (ftruncate(file, 0) != 0 || pwrite(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    char earlier[16];
+    const ssize_t length = pread(file, earlier, sizeof earlier, 0);
+    if (length > 0 && std::string_view(earlier, static_cast<std::size_t>(length)) == text) return;
+    const bool isEmpty = length == 0 || ftruncate(file, 0) == 0;
+    if (!isEmpty || pwrite(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         throw systemError("undo log", "write lock", errno);
     }
 }

@@ -12,9 +12,11 @@ namespace vknetconfig {
 
 /// Locks the open file; false when another process holds the lock. A child of fork does not have it, not even before it
 /// executes another program, and it ends with the process. It also ends when the process closes any descriptor of the
-/// file, so a file that is locked must not be opened a second time. A file that is open for reading only, as on a disk
-/// that cannot be written, cannot be locked for writing; there no process writes.
+/// file, so a file that is locked must not be opened a second time.
 bool lockNow(int file);
+
+/// The same with a file that is open for reading only, as on a disk that cannot be written; there no process writes.
+bool lockToRead(int file);
 
 /// Writes this process's id into the open lock file.
 void nameHolder(int file);

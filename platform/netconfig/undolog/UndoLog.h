@@ -58,6 +58,9 @@ public:
     /// in the environment the subject of another living process is taken from it.
     std::string ownForRemoval(const std::string& subject);
 
+    /// Of the calling thread at the last lock().
+    const std::string& networkNamespace() const { return mOrigin.networkNamespace; }
+
     bool owns(const std::string& subject) const { return mOwned.count(stemOf(subject)) != 0; }
 
     /// Replaces the content of an owned subject. After a return it is on the disk; after an exception the earlier
@@ -71,7 +74,7 @@ public:
     /// line, and throws when the entry cannot be read.
     std::function<bool()> lineCheck(const std::string& subject, const std::string& line) const;
 
-    /// Removes the entry and gives up ownership. Without an entry nothing happens.
+    /// Removes the entry of an owned subject and gives up ownership. Without ownership nothing happens.
     void erase(const std::string& subject);
 
     /// Gives up the ownership of a subject; its entry stays.

@@ -64,7 +64,8 @@ UndoLogFolder::UndoLogFolder(const std::string& path)
     : mPath(path), mFolder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))
 {
     if (!mFolder.valid() && errno != ENOENT) throw systemError(mPath, errno, runAsRoot);
-    const wfoal::Result<wfoal::Origin> origin = wfoal::currentOrigin();
+    wfoal::Result<wfoal::Origin> origin = wfoal::currentOrigin();
+    if (origin) origin = wfoal::withNamespaceInode(std::move(*origin));
     if (!origin) throw CommandError("status", origin.reason(), "run it again");
     mOrigin = *origin;
 }
