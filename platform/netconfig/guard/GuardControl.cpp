@@ -11,15 +11,6 @@
 
 namespace vknetconfig {
 
-namespace {
-
-bool isSame(const std::optional<GuardRules>& earlier, const GuardRules& rules)
-{
-    return earlier && earlier->encode() == rules.encode();
-}
-
-}  // namespace
-
 std::string GuardControl::subjectOf(const std::string& ifName)
 {
     return std::string(wfoal::guardSubjects) + ifName;
@@ -59,12 +50,12 @@ std::optional<GuardRules> GuardControl::earlierRules(const std::string& subject,
     }
 }
 
+// Also in place of the same rules: somebody may have changed what the kernel has of them. One transaction leaves no gap.
 void GuardControl::install(const std::string& subject, const GuardRules& rules,
                            const std::optional<GuardRules>& earlier)
 {
     const std::string label = wfoal::guardTable(rules.ifName);
     const TableFound before = findOwnTable(mSocket, label);
-    if (isSame(earlier, rules) && before.state == TableState::Ours) return;
     mUndoLog.write(subject, rules.encode());
     try {
         replaceTable<GuardMessages>(mSocket, label, before, rules);

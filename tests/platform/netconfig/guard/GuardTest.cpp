@@ -344,10 +344,30 @@ TEST_F(GuardTest, NextProcessAdoptsTheGuardOfAKilledOne)
         owner.kill();
     }
     EXPECT_FALSE(leaves(ipv6Far));
-    const std::string handle = outputOf("nft -a list tables | grep guard");
+    const std::string installed = guard();
     RunningDriver next({"add", "/tmp/full.json"}, {"delete", "vpn0"});
-    EXPECT_EQ(outputOf("nft -a list tables | grep guard"), handle) << "not even replaced";
+    EXPECT_EQ(guard(), installed);
     EXPECT_EQ(next.finish(), 0);
+    expectAllGone();
+}
+
+TEST_F(GuardTest, TheSameRequestAgainInstallsRulesThatSomebodyHasChanged)
+{
+    configure("strict = on\n");
+    for (const char* const change : {"flush table inet vknetconfig-guard-vpn0",
+                                     "flush chain inet vknetconfig-guard-vpn0 _output",
+                                     "insert rule inet vknetconfig-guard-vpn0 beside accept"}) {
+        ASSERT_EQ(add(full), 0);
+        const std::string installed = guard();
+        run(std::string("nft ") + change);
+        ASSERT_TRUE(leaves(ipv4Far)) << change;
+        ASSERT_TRUE(leaves(ipv6Far)) << change;
+        ASSERT_EQ(add(full), 0);
+        EXPECT_EQ(guard(), installed) << change;
+        EXPECT_FALSE(leaves(ipv4Far)) << change;
+        EXPECT_FALSE(leaves(ipv6Far)) << change;
+    }
+    ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     expectAllGone();
 }
 
