@@ -137,14 +137,6 @@ Scope scopeOf(const std::string& ifName, bool isApplied)
     return {{InterfaceControl::subjectOf(ifName), GuardControl::subjectOf(ifName)}, isApplied, true};
 }
 
-// A removal of what the agent is about to replace: the plug-in removes before it installs.
-bool isLeftToReplacement(const std::string& subject)
-{
-    if (!isKept(subject)) return false;
-    VKNETCONFIG_INFO("%s: kept, as it is to be replaced", subject.c_str());
-    return true;
-}
-
 template <class Work>
 int guarded(const char* function, Work work)
 {

@@ -45,6 +45,12 @@ protected:
     // It keeps the tunnel's routes when OpenVPN is killed.
     static void makeLastingDevice() { shell("openvpn --mktun --dev norvatun0 --dev-type tun"); }
 
+    void killOpenVpnOfTheAgent()
+    {
+        kill(openVpn(), SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, mClient.wait());
+    }
+
     static void ethernetBack()
     {
         shell(
@@ -119,6 +125,29 @@ TEST_F(OpenVpnGuardTest, AKilledAgentAndItsOpenVpnAndTheNextAgentInStrictMode)
     beside.expectNone();
     disconnect();
     shell("rm /etc/vpnwfoal/platform.conf");
+}
+
+TEST_F(OpenVpnGuardTest, AKilledOpenVpnAndTheNextAgentInStrictMode)
+{
+    shell("mkdir -p /etc/vpnwfoal; echo 'strict = on' >/etc/vpnwfoal/platform.conf");
+    connectInAgent();
+    const Beside beside(*mTraffic, bothFamilies);
+    killOpenVpnOfTheAgent();
+    mTraffic->awaitMore();
+    connectInAgent();
+    beside.expectNone();
+    disconnect();
+    shell("rm /etc/vpnwfoal/platform.conf");
+}
+
+// The agent has restored, and there is no guard until the next one has its own.
+TEST_F(OpenVpnGuardTest, AKilledOpenVpnWithoutStrictModeAndTheNextAgent)
+{
+    connectInAgent();
+    killOpenVpnOfTheAgent();
+    mTraffic->expectToBeSeen({"wifi4", "wifi6", "cellular6"});
+    connectInAgent();
+    disconnect();
 }
 
 TEST_F(OpenVpnGuardTest, ConfigurationsAppliedAgain)

@@ -68,6 +68,31 @@ protected:
         beside.expectNone();
     }
 
+    void bringUpStrictly(const std::string& lines) const
+    {
+        std::filesystem::create_directories("/etc/vpnwfoal");
+        std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = on\n";
+        std::filesystem::remove("/tmp/commands");
+        mNetwork->writeConfig("home", "0.0.0.0/0", lines);
+        WireguardFixture::bringUp();
+    }
+    static void endAgentByItsWireguardGo()
+    {
+        const pid_t running = agent();
+        kill(wireguardGo(running), SIGKILL);
+        EXPECT_TRUE(awaitEnd(running));
+    }
+    void expectNothingBesideWhenTheAgentEnds(const std::string& lines) const
+    {
+        bringUpStrictly(lines);
+        const Beside beside(*mTraffic, bothFamilies);
+        endAgentByItsWireguardGo();
+        mTraffic->awaitMore();
+        EXPECT_THAT(shell("nft list tables"), testing::HasSubstr("table inet vknetconfig-guard-norvatun0\n"));
+        bringUp();
+        beside.expectNone();
+    }
+
     static void ethernetBack()
     {
         WireguardNetwork::setAccess("eth0", true);
@@ -101,6 +126,39 @@ TEST_F(WireguardGuardTest, AKilledAgentAndItsWireguardGoAndTheNextInStrictMode)
     std::filesystem::create_directories("/etc/vpnwfoal");
     std::ofstream("/etc/vpnwfoal/platform.conf") << "strict = on\n";
     expectNothingBesideWhenBothAreKilled(bothFamilies);
+}
+
+// With commands of the configuration the device is not made anew.
+TEST_F(WireguardGuardTest, AKilledWireguardGoThatEndsItsAgentAndTheNextInStrictMode)
+{
+    expectNothingBesideWhenTheAgentEnds("PostUp = true\nPostDown = echo down >>/tmp/commands");
+    EXPECT_EQ("down\n", contentOf("/tmp/commands")) << "once";
+}
+
+TEST_F(WireguardGuardTest, AWireguardGoThatIsKilledInItsFirstSecondAndTheNextInStrictMode)
+{
+    expectNothingBesideWhenTheAgentEnds("");
+}
+
+TEST_F(WireguardGuardTest, DownRemovesTheGuardThatAnAgentHasLeft)
+{
+    bringUpStrictly("PostDown = echo down >>/tmp/commands");
+    endAgentByItsWireguardGo();
+    const CommandResult down = vpnoalWg({"down", "home"});
+    EXPECT_EQ(0, down.status) << down.output;
+    EXPECT_EQ("", shell("nft list tables"));
+    EXPECT_EQ("down\n", contentOf("/tmp/commands")) << "once";
+    bringUp();
+}
+
+TEST_F(WireguardGuardTest, WithoutStrictModeAnAgentThatEndsLeavesNoGuard)
+{
+    mNetwork->writeConfig("home", "0.0.0.0/0", "PostUp = true");
+    bringUp();
+    endAgentByItsWireguardGo();
+    EXPECT_EQ("", shell("nft list tables"));
+    expectTheControl();
+    bringUp();
 }
 
 TEST_F(WireguardGuardTest, AKilledWireguardGoIsReplaced)

@@ -11,6 +11,7 @@
 #include "RequestError.h"
 #include "interface/RecordValues.h"
 #include "interface/StepErrors.h"
+#include "undolog/KeptSubjects.h"
 #include "undolog/Subjects.h"
 
 namespace vknetconfig {
@@ -122,7 +123,7 @@ void InterfaceControl::remove(const std::string& ifName)
     NewOwnership ownership(mUndoLog, subject);
     const InterfaceRecord record = readRecord(subject, mUndoLog.ownForRemoval(subject));
     removeInstalled(record);
-    mGuards.remove(ifName);
+    if (!isLeftToReplacement(GuardControl::subjectOf(ifName))) mGuards.remove(ifName);
     forget(subject, record);
     if (!record.name.empty()) VKNETCONFIG_INFO("%s: configuration removed", ifName.c_str());
 }

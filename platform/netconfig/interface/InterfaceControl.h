@@ -32,7 +32,7 @@ public:
     /// there is one, is installed before the routes.
     void apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard);
 
-    /// Removes what is installed on the interface, and then its guard.
+    /// Removes what is installed on the interface, and then its guard, unless that is kept.
     void remove(const std::string& ifName);
 
     /// The subject in the undo log for an interface.

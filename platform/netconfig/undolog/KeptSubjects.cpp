@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 
+#include "Log.h"
+
 namespace vknetconfig {
 
 bool isKept(std::string_view subject)
@@ -16,6 +18,13 @@ bool isKept(std::string_view subject)
         rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
     }
     return false;
+}
+
+bool isLeftToReplacement(const std::string& subject)
+{
+    if (!isKept(subject)) return false;
+    VKNETCONFIG_INFO("%s: kept, as it is to be replaced", subject.c_str());
+    return true;
 }
 
 }  // namespace vknetconfig

@@ -6,11 +6,15 @@
 #ifndef VKNETCONFIG_KEPTSUBJECTS_H
 #define VKNETCONFIG_KEPTSUBJECTS_H
 
+#include <string>
 #include <string_view>
 
 namespace vknetconfig {
 
 bool isKept(std::string_view subject);
+
+/// The same for a removal, which the log then tells. The plug-in removes before it installs.
+bool isLeftToReplacement(const std::string& subject);
 
 }  // namespace vknetconfig
 

@@ -45,6 +45,19 @@ TEST(KeptTunnelTest, KeepsInterfaceGuardAndFilterWhileItLives)
     EXPECT_EQ("", kept());
 }
 
+TEST(KeptTunnelTest, KeepsAPartOfThem)
+{
+    {
+        const KeptTunnel tunnel(KeptTunnel::Part::GuardAndFilter);
+        EXPECT_EQ("guard-norvatun0,firewall-vpn.vpnoal", kept());
+    }
+    {
+        const KeptTunnel tunnel(KeptTunnel::Part::Guard);
+        EXPECT_EQ("guard-norvatun0", kept());
+    }
+    EXPECT_EQ("", kept());
+}
+
 TEST(KeptTunnelTest, WithoutMemoryNothingGoesOn)
 {
     sHasMemory = false;

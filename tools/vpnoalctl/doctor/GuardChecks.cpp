@@ -3,13 +3,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "doctor/Checks.h"
 #include "settings/PlatformSettings.h"
+#include "tunnel/StrictGuard.h"
+#include "tunnel/TunDevice.h"
+#ifdef WFOAL_HOST_PLATFORM
+#include "status/Installed.h"
+#include "undolog/UndoLogFiles.h"
+#endif
 
 namespace vpnoalctl {
 
@@ -44,6 +52,23 @@ std::string rejected(const wfoal::PlatformSettings& settings)
     return settings.hasIpv6Guard ? "IPv4 and IPv6" : "IPv4";
 }
 
+// A strict guard without a tunnel and without an agent; an agent that starts may not have replaced it yet.
+std::optional<Finding> strictGuardLeft()
+{
+    if (!hasStrictGuard()) return std::nullopt;
+    const Installed installed = decode(UndoLogFolder(wfoal::undoLogFolder).entries());
+    const auto isTunnel = [](const InstalledInterface& one) { return one.record.name == tunnelDeviceName; };
+    if (std::any_of(installed.interfaces.begin(), installed.interfaces.end(), isTunnel)) return std::nullopt;
+    for (const auto& [owner, rules] : installed.guards) {
+        if (rules.ifName != tunnelDeviceName || owner.state == Owner::State::Lives) continue;
+        return Finding{
+            Health::Limited,
+            fmt::format("the strict guard of an ended tunnel rejects {}", rules.rejectsIpv6 ? "IPv4 and IPv6" : "IPv4"),
+            "start the tunnel again, or remove the guard with 'vpnoalctl restore'"};
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 // The platform reads the file as the agent's user, who is root.
@@ -58,6 +83,7 @@ Finding checkGuard(Context&)
                 "only root may decide what leaves beside the tunnel: chown root, chmod go-w, and check its content"};
         }
     }
+    if (const auto left = strictGuardLeft()) return *left;
     const bool isThere = access(path.c_str(), F_OK) == 0;
     const auto settings = wfoal::readPlatformSettings();
     if (!settings) {

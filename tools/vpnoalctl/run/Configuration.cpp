@@ -3,10 +3,12 @@
 
 #include <algorithm>
 
+#include "Output.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/DeviceUser.h"
 #include "tunnel/InstalledState.h"
 #include "tunnel/KeptTunnel.h"
+#include "tunnel/StrictGuard.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
@@ -29,6 +31,18 @@ Configuration::Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& c
     : mPlugin(plugin), mCallbacks(callbacks)
 {
     newSystem();
+}
+
+// Disposing of the object restores. Without memory to keep the guard nothing is removed, as when the agent is killed.
+Configuration::~Configuration()
+{
+    try {
+        const KeptStrictGuard kept(KeptTunnel::Part::GuardAndFilter);
+        mSystem.reset();
+    } catch (const CommandError& error) {
+        static_cast<void>(mSystem.release());
+        tell(error.what());
+    }
 }
 
 // A request that failed is collected still, and would be sent again: another object has collected nothing. Disposing of
@@ -70,14 +84,15 @@ void Configuration::refuse(const CommandError& error)
 {
     newSystem();
     if (!mInstalled) {
-        restore();
+        restoreAllButStrictGuard();
         refuseSecondTunnel();
-        throw CommandError(error);
+        if (!hasStrictGuard()) throw CommandError(error);
+        throw CommandError("apply", "the platform refused the configuration, the strict guard stays", seeLog);
     }
     try {
         bringUpNow(*mInstalled);
     } catch (const CommandError&) {
-        restore();
+        restoreAllButStrictGuard();
         throw CommandError("apply", "the platform refused the configuration, and the earlier one too", seeLog);
     }
     throw CommandError("apply", "the platform refused the configuration, the earlier one stays", seeLog);
@@ -88,6 +103,12 @@ void Configuration::restore()
     mOwnership.reset();
     mInstalled.reset();
     mSystem->RestoreSystemConfiguration();
+}
+
+void Configuration::restoreAllButStrictGuard()
+{
+    const KeptStrictGuard kept(KeptTunnel::Part::Guard);
+    restore();
 }
 
 void Configuration::checkOwnership() const

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The tunnel's configuration, as an agent has it that lives as long as its tunnel: applied, applied again when the
-// device or the profile is another, and restored at the end.
+// device or the profile is another, and restored at the end. A strict guard ends with restore() only, also one that an
+// ended agent has left.
 #ifndef VPNOALCTL_CONFIGURATION_H
 #define VPNOALCTL_CONFIGURATION_H
 
@@ -20,13 +21,15 @@ public:
     Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& callbacks);
     Configuration(const Configuration&) = delete;
     Configuration& operator=(const Configuration&) = delete;
-    /// Restores.
-    ~Configuration() = default;
+    /// Restores all but a strict guard, with which the packet filter stays.
+    ~Configuration();
 
     /// Applies a profile that is complete. It replaces the earlier one, and what both have stays installed meanwhile.
-    /// Throws CommandError; then the earlier one is installed, or nothing when there was none.
+    /// Throws CommandError; then the earlier one is installed, or nothing but a strict guard when there was none.
     void apply(const Profile& profile);
     void restore();
+    /// Restores all but a strict guard. Throws CommandError without memory; then everything stays.
+    void restoreAllButStrictGuard();
 
     /// What is installed.
     const std::optional<Profile>& installed() const { return mInstalled; }

@@ -49,7 +49,7 @@ void GuestCommand::start(const PhysicalInterface& physical)
     try {
         mProcess.emplace(words, wfoal::Subprocess::Sharing::All, wfoal::Subprocess::Files{});
     } catch (const std::system_error& error) {
-        throw badInput(words[0], error.code().message(), "give a program that can be started; everything is restored");
+        throw badInput(words[0], error.code().message(), "give a program that can be started");
     }
 }
 

@@ -11,6 +11,7 @@
 #include "run/Request.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/InstalledState.h"
+#include "tunnel/StrictGuard.h"
 
 namespace vpnoalctl {
 
@@ -57,7 +58,12 @@ int Runner::run()
 {
     refuseSecondTunnel();
     mConfiguration.emplace(mPlugin, mEvents);
-    start();
+    try {
+        start();
+    } catch (const CommandError& error) {
+        mFailure = error;
+        return finish(ExitFailed);
+    }
     loop();
     return finish(*mCommand.check());
 }
@@ -82,7 +88,7 @@ void Runner::loop()
             handleEvents();
             mChangeCommand.dispatch();
             handleNetwork();
-            if (!mFailure) mConfiguration->checkOwnership();
+            checkOwnership();
             mRequests.dispatch();
             checkDeadline();
         } catch (const CommandError& error) {
@@ -101,20 +107,40 @@ void Runner::fail(const CommandError& error)
     mCommand.end(SIGTERM, false);
 }
 
+// Who takes the configuration by force has asked for its end.
+void Runner::checkOwnership()
+{
+    if (mFailure) return;
+    try {
+        mConfiguration->checkOwnership();
+    } catch (const CommandError&) {
+        mIsStopped = true;
+        throw;
+    }
+}
+
 int Runner::finish(int status)
 {
     mService.reportStopping();
     mCommand.onEnded();
+    if (!mFailure && status == ExitOk) mIsStopped = true;
+    if (mIsStopped) mConfiguration->restore();
     mConfiguration.reset();
     mOuterRoutes.remove();
+    const bool isGuarded = !mIsStopped && hasStrictGuard();
+    if (isGuarded) tell(mOptions.program + ": " + strictGuardStays());
     if (mFailure) throw CommandError(*mFailure);
     if (!mIsReported) tell(mOptions.program + ": the command ended before the tunnel was up");
-    if (const InstalledState left = installedState(); !left.reason.empty()) {
-        tell(mOptions.program + ": restore: the configuration is not removed: " + left.reason +
-             "; the log names the reason; run 'vpnoalctl restore'");
-        return status != ExitOk ? status : static_cast<int>(ExitFailed);
-    }
-    return status;
+    return isGuarded ? status : checkRestored(status);
+}
+
+int Runner::checkRestored(int status) const
+{
+    const InstalledState left = installedState();
+    if (left.reason.empty()) return status;
+    tell(mOptions.program + ": restore: the configuration is not removed: " + left.reason +
+         "; the log names the reason; run 'vpnoalctl restore'");
+    return status != ExitOk ? status : static_cast<int>(ExitFailed);
 }
 
 // Those that end a process end the command; the others are for the command alone.
@@ -125,6 +151,7 @@ void Runner::handleSignals()
         if (notice.number == 0) return;
         if (notice.number == SIGCHLD) continue;
         if (notice.number == SIGINT || notice.number == SIGTERM) {
+            mIsStopped = true;
             mCommand.end(notice.number, notice.isFromTerminal);
         } else if (!notice.isFromTerminal) {
             mCommand.signal(notice.number);
@@ -261,7 +288,7 @@ void Runner::carryOut(const std::string& line)
         mWanted.reset();
         mDevice.reset();
         mIsMoreToCome = false;
-        return mConfiguration->restore();
+        return mFailure ? mConfiguration->restoreAllButStrictGuard() : mConfiguration->restore();
     }
     if (mCommand.isEnding()) throw CommandError("apply", "the command is ending", "start it again");
     usedDevice(request.profile->tunnel);

@@ -40,7 +40,9 @@ public:
     /// Without a profile one comes over the socket. Throws CommandError; nothing is changed then.
     Runner(Context& context, const RunOptions& options, std::optional<Profile> profile, TunnelProgram& program);
 
-    /// From the start of the command to its end. Returns its status; throws CommandError, with everything restored.
+    /// From the start of the command to its end. Returns its status; throws CommandError. Everything is restored then,
+    /// except for a strict guard when nobody has stopped the tunnel: neither a signal to this process, nor the command
+    /// by an end without a failure, nor somebody who took the configuration by force.
     int run();
 
 private:
@@ -49,7 +51,9 @@ private:
     void start();
     void loop();
     int finish(int status);
+    int checkRestored(int status) const;
     void fail(const CommandError& error);
+    void checkOwnership();
 
     void handleSignals();
     void handleEvents();
@@ -92,6 +96,7 @@ private:
     std::optional<CommandError> mFailure;
     bool mIsMoreToCome = false;  // the installed profile is not the whole one
     bool mIsReported = false;
+    bool mIsStopped = false;  // on purpose
 };
 
 }  // namespace vpnoalctl

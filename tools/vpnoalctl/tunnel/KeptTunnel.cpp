@@ -11,13 +11,22 @@ namespace vpnoalctl {
 namespace {
 
 constexpr char variable[] = "VKNETCONFIG_KEEP";
-constexpr char subjects[] = "interface-norvatun0,guard-norvatun0,firewall-vpn.vpnoal";
+const char* subjectsOf(KeptTunnel::Part part)
+{
+    switch (part) {
+    case KeptTunnel::Part::Guard: return "guard-norvatun0";
+    case KeptTunnel::Part::GuardAndFilter: return "guard-norvatun0,firewall-vpn.vpnoal";
+    case KeptTunnel::Part::All: break;
+    }
+    return "interface-norvatun0,guard-norvatun0,firewall-vpn.vpnoal";
+}
 
 }  // namespace
 
-KeptTunnel::KeptTunnel()
+KeptTunnel::KeptTunnel(Part part)
 {
-    if (setenv(variable, subjects, 1) != 0) throw systemError("environment", errno, "free memory and try again");
+    if (setenv(variable, subjectsOf(part), 1) != 0)
+        throw systemError("environment", errno, "free memory and try again");
 }
 
 // The variable stays, so that the environment does not move while another thread may read it. Only without memory is it

@@ -22,6 +22,7 @@
 #include "settings/PlatformSettings.h"
 #include "tunnel/DeviceUser.h"
 #include "tunnel/InstalledState.h"
+#include "tunnel/StrictGuard.h"
 #include "tunnel/TunDevice.h"
 #include "wireguard/PeerLookup.h"
 #include "wireguard/WgProgram.h"
@@ -66,8 +67,9 @@ void refuseForeignDevice(const AgentState& state)
 
 // The lock keeps its text while something is left to be removed. A device that is still there, and that no killed agent
 // left, is another program's: this one has removed its own.
-void releaseWhenGone(AgentLock& lock, const AgentState& before)
+void releaseWhenGone(AgentLock& lock, const AgentState& before, const std::string& path)
 {
+    if (vpnoalctl::hasStrictGuard()) return lock.leaveGuard(path);
     const bool isDeviceGone = before.kind == AgentState::Kind::None || if_nametoindex(tunnelDeviceName) == 0;
     if (isDeviceGone && vpnoalctl::installedState().reason.empty()) lock.release();
 }
@@ -95,6 +97,14 @@ void restoreConfiguration(Context& context)
         throw CommandError("restore", "the configuration is not removed: " + left.reason,
                            "the log names the reason; 'vpnoalctl restore' tries again");
     }
+}
+
+// What an agent has left that ended by itself: its commands have run, and its device is gone.
+void removeGuard(Context& context, AgentLock& lock, const std::string& path)
+{
+    lock.take(path);
+    restoreConfiguration(context);
+    lock.release();
 }
 
 // A killed agent's tunnel. Its commands are those that the file has now.
@@ -139,11 +149,11 @@ int runAgent(Context& context, const std::string& nameOrFile)
     try {
         const int status = runner.run();
         program.remove();
-        releaseWhenGone(lock, before);
+        releaseWhenGone(lock, before, file.path);
         return status;
     } catch (const CommandError&) {
         program.remove();
-        releaseWhenGone(lock, before);
+        releaseWhenGone(lock, before, file.path);
         throw;
     }
 }
@@ -174,7 +184,9 @@ int takeTunnelDown(Context& context, const std::string& nameOrFile)
                            fmt::format("'vpnoal-wg down {}' ends that one", before.configuration));
     }
     if (before.kind == AgentState::Kind::Running) end(before.process);
-    if (lock.state().kind == AgentState::Kind::Left) removeStale(context, lock, path);
+    const AgentState::Kind left = lock.state().kind;
+    if (left == AgentState::Kind::Left) removeStale(context, lock, path);
+    if (left == AgentState::Kind::Guarded) removeGuard(context, lock, path);
     return vpnoalctl::ExitOk;
 }
 

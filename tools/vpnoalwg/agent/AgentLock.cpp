@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <string_view>
 
 #include "CommandError.h"
 #include "io/WholeFile.h"
@@ -23,6 +24,7 @@ using vpnoalctl::systemError;
 
 constexpr char folder[] = "/run/vpnoal-wg";
 constexpr char asRoot[] = "run it as root";
+constexpr std::string_view guardLine = "\nguard\n";  // behind the path
 
 struct flock wholeFile(short type)
 {
@@ -60,8 +62,13 @@ AgentState AgentLock::state() const
     lseek(mFile.get(), 0, SEEK_SET);
     const auto text = wfoal::readWhole(mFile.get(), PATH_MAX);
     if (text) state.configuration = *text;
+    const std::size_t end = state.configuration.find(guardLine);
+    const bool isGuarded = end != std::string::npos;
+    if (isGuarded) state.configuration.erase(end);
     if (state.process != 0) {
         state.kind = AgentState::Kind::Running;
+    } else if (isGuarded) {
+        state.kind = AgentState::Kind::Guarded;
     } else if (!state.configuration.empty()) {
         state.kind = AgentState::Kind::Left;
     }
@@ -77,10 +84,21 @@ void AgentLock::take(const std::string& configuration)
                            fmt::format("is up already, by process {} with {}", other.process, other.configuration),
                            fmt::format("'vpnoal-wg down {}' ends it", other.configuration));
     }
+    write(configuration);
+}
+
+void AgentLock::write(const std::string& text) const
+{
     if (ftruncate(mFile.get(), 0) != 0 || lseek(mFile.get(), 0, SEEK_SET) != 0 ||
-        !wfoal::writeWhole(mFile.get(), configuration)) {
+        !wfoal::writeWhole(mFile.get(), text)) {
         throw systemError(mBase, errno, "free the disk");
     }
+}
+
+void AgentLock::leaveGuard(const std::string& configuration)
+{
+    write(configuration + std::string(guardLine));
+    mFile.reset();
 }
 
 void AgentLock::release()

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Who holds the tunnel of this network namespace: a locked file in /run/vpnoal-wg, with the path of the configuration.
-// A process that is killed leaves the text, and the kernel releases the lock.
+// A process that is killed leaves the text, and the kernel releases the lock. One that ends and leaves a strict guard
+// adds a line that says so.
 #ifndef VPNOALWG_AGENTLOCK_H
 #define VPNOALWG_AGENTLOCK_H
 
@@ -14,7 +15,7 @@
 namespace vpnoalwg {
 
 struct AgentState {
-    enum class Kind { None, Running, Left };
+    enum class Kind { None, Running, Left, Guarded };
     Kind kind = Kind::None;
     pid_t process = 0;          ///< the one that runs
     std::string configuration;  ///< the path of its file
@@ -30,11 +31,15 @@ public:
     void take(const std::string& configuration);
     /// Everything is removed: the text goes, and then the lock.
     void release();
+    /// Everything is removed but a strict guard.
+    void leaveGuard(const std::string& configuration);
 
     /// The file that the agent's output goes to when it runs in the background.
     std::string logPath() const { return mBase + ".log"; }
 
 private:
+    void write(const std::string& text) const;
+
     std::string mBase;
     UniqueFd mFile;
 };

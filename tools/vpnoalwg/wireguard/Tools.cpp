@@ -30,7 +30,7 @@ void runTool(const std::vector<std::string>& command, const std::string& input)
     throw vpnoalctl::CommandError(fmt::format("{}", fmt::join(command, " ")), result.reason(),
                                   result.outcome == SubprocessResult::Outcome::NotStarted
                                       ? "install it: the packages iproute2 and wireguard-tools bring ip and wg"
-                                      : "everything is restored");
+                                      : "correct the configuration, or try again");
 }
 
 void runCommands(const char* key, const std::vector<std::string>& commands)

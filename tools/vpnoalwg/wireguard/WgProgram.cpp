@@ -112,7 +112,7 @@ bool WgProgram::remake(const std::string& reason)
     const bool hasCommands = !mConfig.preUp.empty() || !mConfig.postUp.empty();
     const bool isLasting = mIsUp && Clock::now() - mMadeAt >= least;
     if (!mDevice.isProgramGone() || hasCommands || !isLasting) {
-        vpnoalctl::tell("vpnoal-wg: norvatun0: " + reason + ", everything is restored");
+        vpnoalctl::tell("vpnoal-wg: norvatun0: " + reason + ", the tunnel ends");
         return false;
     }
     vpnoalctl::tell("vpnoal-wg: norvatun0: " + reason + ", the device is made anew");

@@ -92,6 +92,28 @@ TEST_F(KeptSubjectsTest, ARemovalOfOneIsLeftToTheRequestThatReplacesIt)
     expectAllGone();
 }
 
+TEST_F(KeptSubjectsTest, AGuardAloneOutlivesTheRemovalOfItsInterface)
+{
+    for (const bool isOwned : {true, false}) {
+        RunningDriver owner({"firewall", "/tmp/filter.json", "add", "/tmp/tunnel.json"},
+                            {"delete", "vpn0", "firewall", "/tmp/no-filter.json"},
+                            {"env", "VKNETCONFIG_KEEP=guard-vpn0"});
+        const std::string guard = outputOf("nft -a list table inet vknetconfig-guard-vpn0");
+        ASSERT_THAT(guard, HasSubstr("reject"));
+        if (isOwned) {
+            EXPECT_EQ(owner.finish(), 0);
+            EXPECT_THAT(owner.output(), HasSubstr("vknetconfig[6]: guard-vpn0: kept, as it is to be replaced\n"));
+        } else {
+            owner.kill();
+            run("VKNETCONFIG_KEEP=guard-vpn0 " + driver("delete vpn0"));
+        }
+        EXPECT_EQ(outputOf("nft -a list ruleset"), guard);
+        EXPECT_THAT(routesOf("vpn0"), ElementsAre());
+        run(driver("delete vpn0"));
+        expectAllGone();
+    }
+}
+
 TEST_F(KeptSubjectsTest, ANameThatOnlyBeginsAlikeIsNotKept)
 {
     run(driver("add /tmp/split.json"));

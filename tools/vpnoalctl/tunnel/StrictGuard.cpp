@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tunnel/StrictGuard.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+
+#include "io/WholeFile.h"
+#include "tunnel/FilterState.h"
+#include "tunnel/TunDevice.h"
+#include "undolog/GuardRules.h"
+#include "undolog/Subjects.h"
+#include "undolog/UndoLogFiles.h"
+
+namespace vpnoalctl {
+
+#ifdef WFOAL_HOST_PLATFORM
+
+namespace {
+
+bool isStrict(const std::string& entry, const wfoal::Origin& origin)
+{
+    const wfoal::EntryHead head = wfoal::readEntryHead(entry, origin);
+    if (head.kind == wfoal::EntryKind::OtherBoot) return false;
+    return head.kind != wfoal::EntryKind::Here || wfoal::GuardRules::decode(entry.substr(head.content)).rejectsIpv4;
+}
+
+}  // namespace
+
+// Only the entry is read: opening and closing the lock file would release this process's own lock.
+bool hasStrictGuard() noexcept
+{
+    try {
+        const wfoal::Result<wfoal::Origin> origin = wfoal::currentOrigin();
+        if (!origin) return true;
+        const std::string path =
+            fmt::format("{}/{}{}{}{}{}", wfoal::undoLogFolder, wfoal::guardSubjects, tunnelDeviceName,
+                        wfoal::namespaceSeparator, origin->networkNamespace, wfoal::entrySuffix);
+        if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return false;
+        const wfoal::Result<std::string> entry = wfoal::readWhole(path);
+        return !entry || isStrict(*entry, *origin);
+    } catch (const std::exception&) {
+        return true;
+    }
+}
+
+#else
+
+bool hasStrictGuard() noexcept
+{
+    return false;
+}
+
+#endif
+
+std::string strictGuardStays()
+{
+    const bool hasFilter = filterState() == FilterState::Installed;
+    return fmt::format(
+        "the strict guard {} until the next start, nothing leaves beside the tunnel; 'vpnoalctl restore' removes {}",
+        hasFilter ? "and the packet filter stay" : "stays", hasFilter ? "them" : "it");
+}
+
+}  // namespace vpnoalctl

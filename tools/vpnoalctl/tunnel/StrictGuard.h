@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tunnel's guard when it rejects IPv4 too, as the administrator asks for with "strict = on". It stays when a tunnel
+// ends that nobody has stopped, until the next one has its own guard or somebody restores.
+#ifndef VPNOALCTL_STRICTGUARD_H
+#define VPNOALCTL_STRICTGUARD_H
+
+#include <optional>
+#include <string>
+
+#include "tunnel/KeptTunnel.h"
+
+namespace vpnoalctl {
+
+/// Whether the host platform's undo log has such a guard, whoever owns it. A guard whose entry cannot be read counts as
+/// one. With another platform there is none.
+bool hasStrictGuard() noexcept;
+
+/// Keeps such a guard, if there is one, for as long as it lives; or only then the part of the tunnel that is named.
+class KeptStrictGuard {
+public:
+    /// Throws CommandError without memory.
+    explicit KeptStrictGuard(KeptTunnel::Part part)
+    {
+        if (hasStrictGuard()) mKept.emplace(part);
+    }
+
+private:
+    std::optional<KeptTunnel> mKept;
+};
+
+/// What a program tells that ends and leaves such a guard.
+std::string strictGuardStays();
+
+}  // namespace vpnoalctl
+
+#endif
