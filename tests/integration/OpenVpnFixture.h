@@ -181,7 +181,7 @@ true)");
     Words clientWords(const Words& more = {}) const
     {
         std::ofstream("/tmp/client.conf")
-            << "client\nremote " << mServerAddress
+            << "client\nremote " << (mServerName.empty() ? mServerAddress : mServerName)
             << "\nnobind\nca /tmp/ca.pem\ncert /tmp/client.pem\nkey /tmp/client.key\n"
                "remote-cert-tls server\ntls-version-min 1.3\nlog /tmp/client.log\nverb 3\n"
                "setenv VKLOG_TARGET stderr\nsetenv VKLOG_LEVEL 4\n"
@@ -271,6 +271,7 @@ true)");
     Words mServerOptions;
     bool mPersistsTun = true;
     std::string mServerAddress = "198.51.100.2";
+    std::string mServerName;  // as the client knows it; empty: by its address
     std::string mBefore;
     ChildProcess mServer;
     ChildProcess mClient;

@@ -39,7 +39,7 @@ table inet dns {
 END
 true)");
         mTunnelDns = startDns("10.20.0.80", "/intranet.corp.example/10.20.0.99");
-        mAccessDns = startDns("192.0.2.1", "/public.example/203.0.113.80");
+        mAccessDns = startDns("192.0.2.1", "/public.example/203.0.113.80", {"--address=/vpn.example/198.51.100.2"});
         ASSERT_TRUE(waitUntil([] { return lookUp("public.example") == "203.0.113.80"; })) << resolvConf();
     }
     void TearDown() override
@@ -50,11 +50,30 @@ true)");
     }
 
     // Each knows its own names, and that no other name exists.
-    static ChildProcess startDns(const std::string& address, const std::string& names)
+    static ChildProcess startDns(const std::string& address, const std::string& names, const Words& more = {})
     {
-        return ChildProcess({"nsenter", "--net=/run/netns/vpn", "dnsmasq", "--no-daemon", "--conf-file=/dev/null",
-                             "--no-resolv", "--no-hosts", "--bind-interfaces", "--listen-address=" + address,
-                             "--address=" + names, "--local=/#/", "--pid-file="});
+        Words words{"nsenter", "--net=/run/netns/vpn", "dnsmasq", "--no-daemon", "--conf-file=/dev/null",
+                    "--no-resolv", "--no-hosts", "--bind-interfaces", "--listen-address=" + address,
+                    "--address=" + names, "--local=/#/", "--pid-file="};
+        words.insert(words.end(), more.begin(), more.end());
+        return ChildProcess(words);
+    }
+
+    void killOpenVpnOfTheAgent()
+    {
+        kill(openVpn(), SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, mClient.wait());
+        EXPECT_EQ(accessOnly, resolvConf());
+    }
+    static void configure(const std::string& text)
+    {
+        shell("mkdir -p /etc/vpnwfoal");
+        std::ofstream("/etc/vpnwfoal/platform.conf") << text;
+    }
+    // It stays when OpenVPN is killed.
+    static void removeOpenVpnsOwnRoute()
+    {
+        shell("ip route delete 198.51.100.2 via 192.0.2.1 proto boot 2>/dev/null || true");
     }
 
     // The server pushes another DNS server when OpenVPN connects again.
@@ -121,6 +140,44 @@ TEST_F(OpenVpnResolvconfTest, TheHookTakesOtherServersAfterARestart)
     connectAgainToOtherServers();
     disconnect();
     EXPECT_EQ(accessOnly, resolvConf());
+}
+
+TEST_F(OpenVpnResolvconfTest, InStrictModeTheNameOfTheServerIsLookedUpWhereBypassAllowsIt)
+{
+    configure("strict = on\nbypass = 192.0.2.1\n");
+    mServerName = "vpn.example";
+    startServer("subnet", full);
+    connectInAgent();
+    EXPECT_THAT(resolvConf(), testing::StartsWith("nameserver 10.20.0.80\n"));
+    killOpenVpnOfTheAgent();
+    EXPECT_EQ("198.51.100.2", lookUp("vpn.example"));
+    EXPECT_FALSE(isReached("198.51.100.80"));
+    connectInAgent();
+    disconnect();
+    EXPECT_EQ(accessOnly, resolvConf());
+    removeOpenVpnsOwnRoute();
+    configure("");
+}
+
+TEST_F(OpenVpnResolvconfTest, InStrictModeANameThatCannotBeLookedUpIsExplained)
+{
+    configure("strict = on\n");
+    mServerName = "vpn.example";
+    startServer("subnet", full);
+    connectInAgent();
+    killOpenVpnOfTheAgent();
+    const CommandResult next = runCommand(unitsCommand({}, {"--wait", "1"}));
+    EXPECT_EQ(1, next.status);
+    EXPECT_THAT(next.output,
+                HasSubstr("and none came over the socket; the strict guard that is left lets through the earlier "
+                          "server and 'bypass' of /etc/vpnwfoal/platform.conf: a server that is given by name needs its "
+                          "name server there; 'vpnoalctl restore' removes the guard\n"));
+    EXPECT_THAT(shell("nft list tables"), HasSubstr("vknetconfig-guard-norvatun0"));
+    EXPECT_EQ(0, runCommand({program, "restore"}).status);
+    connectInAgent();
+    disconnect();
+    removeOpenVpnsOwnRoute();
+    configure("");
 }
 
 TEST_F(OpenVpnResolvconfTest, AKilledOpenVpnLeavesNothingToTheAgent)

@@ -256,6 +256,12 @@ TEST_F(StrictGuardTest, TheDoctorTellsOfAGuardThatIsLeft)
     bringUpAndKillCommand();
     EXPECT_THAT(doctor(), HasSubstr("the strict guard of an ended tunnel rejects IPv4 and IPv6; start the tunnel "
                                     "again, or remove the guard with 'vpnoalctl restore'\n"));
+    const Words asAnother{"setpriv", "--reuid=65534", "--clear-groups"};
+    if (runCommand(joined(asAnother, {"test", "-x", program})).status == 0) {
+        EXPECT_THAT(runCommand(joined(asAnother, {program, "doctor"})).output,
+                    HasSubstr("strict (/etc/vpnwfoal/platform.conf)"))
+            << "it may not read the undo log";
+    }
     restore();
 }
 

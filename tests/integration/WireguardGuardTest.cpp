@@ -151,6 +151,20 @@ TEST_F(WireguardGuardTest, DownRemovesTheGuardThatAnAgentHasLeft)
     bringUp();
 }
 
+TEST_F(WireguardGuardTest, ANameThatTheGuardDoesNotLetLookUpIsExplained)
+{
+    bringUpStrictly("PostUp = true");
+    endAgentByItsWireguardGo();
+    std::ofstream("/etc/resolv.conf") << "nameserver 192.0.2.1\noptions timeout:1 attempts:1\n";
+    mNetwork->writeConfig("home", "0.0.0.0/0", "", "vpn.example:51820");
+    const CommandResult up = vpnoalWg({"up", "home"});
+    EXPECT_EQ(1, up.status);
+    EXPECT_THAT(up.output, testing::HasSubstr("; the strict guard that is left lets through the earlier server and "));
+    EXPECT_THAT(shell("nft list tables"), testing::HasSubstr("vknetconfig-guard-norvatun0"));
+    mNetwork->writeConfig("home", "0.0.0.0/0");
+    bringUp();
+}
+
 TEST_F(WireguardGuardTest, WithoutStrictModeAnAgentThatEndsLeavesNoGuard)
 {
     mNetwork->writeConfig("home", "0.0.0.0/0", "PostUp = true");

@@ -12,7 +12,6 @@
 
 #include "doctor/Checks.h"
 #include "settings/PlatformSettings.h"
-#include "tunnel/StrictGuard.h"
 #include "tunnel/TunDevice.h"
 #ifdef WFOAL_HOST_PLATFORM
 #include "status/Installed.h"
@@ -52,15 +51,16 @@ std::string rejected(const wfoal::PlatformSettings& settings)
     return settings.hasIpv6Guard ? "IPv4 and IPv6" : "IPv4";
 }
 
-// A strict guard without a tunnel and without an agent; an agent that starts may not have replaced it yet.
+// A strict guard without a tunnel and without an agent. Only root may read the undo log.
 std::optional<Finding> strictGuardLeft()
 {
-    if (!hasStrictGuard()) return std::nullopt;
+    if (access(wfoal::undoLogFolder, R_OK | X_OK) != 0) return std::nullopt;
     const Installed installed = decode(UndoLogFolder(wfoal::undoLogFolder).entries());
     const auto isTunnel = [](const InstalledInterface& one) { return one.record.name == tunnelDeviceName; };
     if (std::any_of(installed.interfaces.begin(), installed.interfaces.end(), isTunnel)) return std::nullopt;
     for (const auto& [owner, rules] : installed.guards) {
-        if (rules.ifName != tunnelDeviceName || owner.state == Owner::State::Lives) continue;
+        const bool isLeft = rules.ifName == tunnelDeviceName && owner.state != Owner::State::Lives;
+        if (!isLeft || !rules.rejectsIpv4) continue;
         return Finding{
             Health::Limited,
             fmt::format("the strict guard of an ended tunnel rejects {}", rules.rejectsIpv6 ? "IPv4 and IPv6" : "IPv4"),
@@ -83,13 +83,13 @@ Finding checkGuard(Context&)
                 "only root may decide what leaves beside the tunnel: chown root, chmod go-w, and check its content"};
         }
     }
-    if (const auto left = strictGuardLeft()) return *left;
     const bool isThere = access(path.c_str(), F_OK) == 0;
     const auto settings = wfoal::readPlatformSettings();
     if (!settings) {
         return {Health::Limited, settings.reason(),
                 "correct it: until then a tunnel that takes all traffic is refused"};
     }
+    if (const auto left = strictGuardLeft()) return *left;
     const std::string source = isThere ? " (" + path + ")" : " (the default)";
     const std::string exceptions = exceptionsOf(settings->bypass);
     if (!settings->isStrict && !settings->hasIpv6Guard) {

@@ -266,9 +266,11 @@ void Runner::checkDeadline()
     } catch (const CommandError& error) {
         reason = error.reason();
     }
+    constexpr char remedy[] =
+        "tell the VPN program the device's name: 'dev norvatun0' for OpenVPN, 'norvatun0.conf' for WireGuard; --wait "
+        "gives it more time";
     throw CommandError(tunnelDeviceName, fmt::format("not ready after {} seconds: {}", mOptions.waitSeconds, reason),
-                       "tell the VPN program the device's name: 'dev norvatun0' for OpenVPN, 'norvatun0.conf' for "
-                       "WireGuard; --wait gives it more time");
+                       hasStrictGuard() ? strictGuardRemedy : remedy);
 }
 
 std::string Runner::answer(const std::string& line)

@@ -38,7 +38,8 @@ bool hasStrictGuard() noexcept
         const std::string path =
             fmt::format("{}/{}{}{}{}{}", wfoal::undoLogFolder, wfoal::guardSubjects, tunnelDeviceName,
                         wfoal::namespaceSeparator, origin->networkNamespace, wfoal::entrySuffix);
-        if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return false;
+        // Who may not look into the folder can neither install a guard nor remove one.
+        if (access(path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == EACCES)) return false;
         const wfoal::Result<std::string> entry = wfoal::readWhole(path);
         return !entry || isStrict(*entry, *origin);
     } catch (const std::exception&) {

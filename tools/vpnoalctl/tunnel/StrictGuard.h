@@ -12,8 +12,8 @@
 
 namespace vpnoalctl {
 
-/// Whether the host platform's undo log has such a guard, whoever owns it. A guard whose entry cannot be read counts as
-/// one. With another platform there is none.
+/// Whether the host platform's undo log has such a guard, whoever owns it. An entry that cannot be read counts as one,
+/// unless this user may not read the undo log at all. With another platform there is none.
 bool hasStrictGuard() noexcept;
 
 /// Keeps such a guard, if there is one, for as long as it lives; or only then the part of the tunnel that is named.
@@ -31,6 +31,11 @@ private:
 
 /// What a program tells that ends and leaves such a guard.
 std::string strictGuardStays();
+
+/// What may help a start that fails while such a guard is left.
+inline constexpr char strictGuardRemedy[] =
+    "the strict guard that is left lets through the earlier server and 'bypass' of /etc/vpnwfoal/platform.conf: a "
+    "server that is given by name needs its name server there; 'vpnoalctl restore' removes the guard";
 
 }  // namespace vpnoalctl
 

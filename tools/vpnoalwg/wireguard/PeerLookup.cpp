@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "CommandError.h"
+#include "tunnel/StrictGuard.h"
 
 namespace vpnoalwg {
 
@@ -32,7 +33,9 @@ PeerAddress lookUp(const WgEndpoint& endpoint)
     const int error = getaddrinfo(endpoint.host.c_str(), nullptr, &wanted, &answer);
     const std::unique_ptr<addrinfo, AddressesReleaser> addresses(answer);
     if (error != 0) {
-        throw vpnoalctl::CommandError(endpoint.host, gai_strerror(error), "is the network up, and the name right?");
+        constexpr char remedy[] = "is the network up, and the name right?";
+        throw vpnoalctl::CommandError(endpoint.host, gai_strerror(error),
+                                      vpnoalctl::hasStrictGuard() ? vpnoalctl::strictGuardRemedy : remedy);
     }
     const auto address = numericAddress({numericText(*addresses), endpoint.port});
     if (!address) throw vpnoalctl::CommandError(endpoint.host, "has no usable address", "is the name right?");
