@@ -164,10 +164,22 @@ carries() {
     ping -n -q -c 1 -W 1 10.20.0.80 && ip route get 198.51.100.80 | grep -q 'dev norvatun0'
 }
 
+# kill_program PROGRAM: the VPN program of the unit.
+kill_program() {
+    local victim
+    victim=$(pids_of "$1")
+    kill -KILL "$victim"
+    eventually "$1 is killed" not kill -0 "$victim"
+}
+
+runs() {
+    has ActiveState active && carries
+}
+
 runs_anew() {
     local pid
     pid=$(main_pid)
-    [ "$pid" != 0 ] && [ "$pid" != "$1" ] && has ActiveState active && carries
+    [ "$pid" != 0 ] && [ "$pid" != "$1" ] && runs
 }
 
 guards() {
@@ -180,7 +192,7 @@ has_one() {
 
 # try_unit PROGRAM: what $unit does, whose agent runs the VPN program.
 try_unit() {
-    local program=$1 pid victim
+    local program=$1 pid
     before=$(state)
     start_probes
     eventually 'both families leave without a tunnel' sends_beside
@@ -194,11 +206,11 @@ try_unit() {
     check 'it restarts' systemctl restart "$unit"
     check 'it carries after the restart' runs_anew "$pid"
 
-    victim=$(pids_of "$program")
-    kill -KILL "$victim"
-    eventually "$program is killed" not kill -0 "$victim"
+    start_probes
+    kill_program "$program"
     eventually "it carries after $program was killed" carries
     eventually 'it is active again' has ActiveState active
+    check "nothing has left beside the tunnel since $program was killed" [ "$(end_probes)" = '0 0 ' ]
 
     pid=$(main_pid)
     check 'what restores waits for its end' systemctl is-active "${unit/@/-restore@}"
@@ -221,6 +233,20 @@ try_unit() {
     check 'the guard stays meanwhile too' guards
     check 'it stops while it waits' systemctl stop "$unit"
     eventually 'it leaves the network as before, whoever was killed' is_as_before_a_kill
+
+    # With commands wireguard-go is not replaced; its agent ends.
+    [ "$program" = openvpn ] || sed -i 's/^\[Interface\]$/&\nPostUp = true/' /etc/wireguard/home.conf
+    check 'it starts with its commands' systemctl start "$unit"
+    start_probes
+    kill_program "$program"
+    eventually "it waits to be started again after $program was killed" has SubState auto-restart
+    check 'the guard stays meanwhile, once more' guards
+    eventually "it is started again when $program was killed" runs
+    check 'nothing has left beside the tunnel meanwhile' [ "$(end_probes)" = '0 0 ' ]
+    kill_program "$program"
+    eventually "it waits again after $program was killed" has SubState auto-restart
+    check 'it stops then, too' systemctl stop "$unit"
+    eventually "it leaves the network as before, although $program was killed" is_as_before_a_kill
 
     # As after a configuration that is wrong.
     check 'it starts once more' systemctl start "$unit"

@@ -14,9 +14,8 @@ constexpr char description[] =
     "Brings up tunnels of WireGuard through the VPN plug-in, from the configurations of wg-quick. The device is "
     "norvatun0.";
 constexpr char footer[] =
-    "\nNAME is /etc/wireguard/NAME.conf, or a file NAME.conf. Exit codes: 0 done; 1 the operation failed, everything "
-    "is\n"
-    "restored; 2 wrong usage or bad input, nothing was changed; 3 the plug-in could not be loaded.";
+    "\nNAME is /etc/wireguard/NAME.conf, or a file NAME.conf. Exit codes: 0 done; 1 the operation failed, everything is\n"
+    "restored but a strict guard; 2 wrong usage or bad input, nothing was changed; 3 the plug-in could not be loaded.";
 
 const struct {
     const char* name;
@@ -24,7 +23,7 @@ const struct {
     int (*run)(vpnoalctl::Context& context, const std::string& nameOrFile);
 } commands[] = {
     {"up", "Bring a tunnel up; the agent goes on in the background", vpnoalwg::bringUpTunnel},
-    {"down", "Take a tunnel down, or remove what a killed agent has left", vpnoalwg::takeTunnelDown},
+    {"down", "Take a tunnel down, or remove what an agent has left", vpnoalwg::takeTunnelDown},
     {"run", "Bring a tunnel up and hold it in the foreground, until Ctrl-C", vpnoalwg::runAgent},
 };
 
