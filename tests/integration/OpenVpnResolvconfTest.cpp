@@ -52,9 +52,18 @@ true)");
     // Each knows its own names, and that no other name exists.
     static ChildProcess startDns(const std::string& address, const std::string& names, const Words& more = {})
     {
-        Words words{"nsenter", "--net=/run/netns/vpn", "dnsmasq", "--no-daemon", "--conf-file=/dev/null",
-                    "--no-resolv", "--no-hosts", "--bind-interfaces", "--listen-address=" + address,
-                    "--address=" + names, "--local=/#/", "--pid-file="};
+        Words words{"nsenter",
+                    "--net=/run/netns/vpn",
+                    "dnsmasq",
+                    "--no-daemon",
+                    "--conf-file=/dev/null",
+                    "--no-resolv",
+                    "--no-hosts",
+                    "--bind-interfaces",
+                    "--listen-address=" + address,
+                    "--address=" + names,
+                    "--local=/#/",
+                    "--pid-file="};
         words.insert(words.end(), more.begin(), more.end());
         return ChildProcess(words);
     }
@@ -168,10 +177,11 @@ TEST_F(OpenVpnResolvconfTest, InStrictModeANameThatCannotBeLookedUpIsExplained)
     killOpenVpnOfTheAgent();
     const CommandResult next = runCommand(unitsCommand({}, {"--wait", "1"}));
     EXPECT_EQ(1, next.status);
-    EXPECT_THAT(next.output,
-                HasSubstr("and none came over the socket; the strict guard that is left lets through the earlier "
-                          "server and 'bypass' of /etc/vpnwfoal/platform.conf: a server that is given by name needs its "
-                          "name server there; 'vpnoalctl restore' removes the guard\n"));
+    EXPECT_THAT(
+        next.output,
+        HasSubstr("and none came over the socket; the strict guard that is left lets through the earlier "
+                  "server and 'bypass' of /etc/vpnwfoal/platform.conf: a server that is given by name needs its "
+                  "name server there; 'vpnoalctl restore' removes the guard\n"));
     EXPECT_THAT(shell("nft list tables"), HasSubstr("vknetconfig-guard-norvatun0"));
     EXPECT_EQ(0, runCommand({program, "restore"}).status);
     connectInAgent();

@@ -14,7 +14,8 @@ constexpr char description[] =
     "Brings up tunnels of WireGuard through the VPN plug-in, from the configurations of wg-quick. The device is "
     "norvatun0.";
 constexpr char footer[] =
-    "\nNAME is /etc/wireguard/NAME.conf, or a file NAME.conf. Exit codes: 0 done; 1 the operation failed, everything is\n"
+    "\nNAME is /etc/wireguard/NAME.conf, or a file NAME.conf. Exit codes: 0 done; 1 the operation failed, everything "
+    "is\n"
     "restored but a strict guard; 2 wrong usage or bad input, nothing was changed; 3 the plug-in could not be loaded.";
 
 const struct {

@@ -50,7 +50,8 @@ std::optional<GuardRules> GuardControl::earlierRules(const std::string& subject,
     }
 }
 
-// Also in place of the same rules: somebody may have changed what the kernel has of them. One transaction leaves no gap.
+// Also in place of the same rules: somebody may have changed what the kernel has of them. One transaction leaves no
+// gap.
 void GuardControl::install(const std::string& subject, const GuardRules& rules,
                            const std::optional<GuardRules>& earlier)
 {

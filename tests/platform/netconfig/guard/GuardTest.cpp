@@ -354,9 +354,9 @@ TEST_F(GuardTest, NextProcessAdoptsTheGuardOfAKilledOne)
 TEST_F(GuardTest, TheSameRequestAgainInstallsRulesThatSomebodyHasChanged)
 {
     configure("strict = on\n");
-    for (const char* const change : {"flush table inet vknetconfig-guard-vpn0",
-                                     "flush chain inet vknetconfig-guard-vpn0 _output",
-                                     "insert rule inet vknetconfig-guard-vpn0 beside accept"}) {
+    for (const char* const change :
+         {"flush table inet vknetconfig-guard-vpn0", "flush chain inet vknetconfig-guard-vpn0 _output",
+          "insert rule inet vknetconfig-guard-vpn0 beside accept"}) {
         ASSERT_EQ(add(full), 0);
         const std::string installed = guard();
         run(std::string("nft ") + change);
