@@ -38,6 +38,13 @@ static struct NamedContext* findOrMake(const char* name)
     return made;
 }
 
+/* Promises: a context of this name, made at the first call and valid until the process ends; on any thread. 0, or an
+ * errno value, and then the caller's pointer stays. The context begins with its threshold, a level of syslog, which
+ * the plug-in reads and may change.
+ * For a device: take the threshold from the device's own log settings.
+ * Tried by: "exports its two functions", "a context is made at the first call for its name", "a name has one
+ * context, and two names have two", "a new context's threshold is a level of syslog", "a failure is an errno value
+ * and leaves the caller's pointer alone", "contexts can be had on any thread" */
 int VkLogGetContext(const char* name, VkLogContext** context)
 {
     if (name == NULL || context == NULL) return EINVAL;
@@ -49,6 +56,12 @@ int VkLogGetContext(const char* name, VkLogContext** context)
     return 0;
 }
 
+/* Promises: one message at a level, formatted as printf() does; none above the context's threshold, but all without
+ * a context. Whole, also when several threads print. errno stays.
+ * For a device: hand the line to the device's log, without waiting for long. Passwords may be among messages of
+ * level 7.
+ * Tried by: "a message is printed as printf() would", "a null context prints whatever the level is", "messages of
+ * several threads stay whole", "unloading leaves no descriptor and no thread" */
 void VkLogPrint(VkLogContext* context, int level, const char* format, ...)
 {
     if (format == NULL || (context != NULL && level > context->level)) return;

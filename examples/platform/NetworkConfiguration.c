@@ -125,12 +125,28 @@ static int take(const char* operation, const char* json, const struct Key* keys)
     return good ? 0 : -1;
 }
 
+/* Promises: what the request says is installed when the call returns: link up, address, routes, DNS. It replaces the
+ * configuration that the interface had. All or nothing: on failure the interface is as it was, and one line of the
+ * log names the key at fault. From any thread, one request at a time. It belongs to this process, and stays when the
+ * process ends.
+ * For a device: install what report() prints, and write down before each step how to undo it, so that a crash leaves
+ * nothing.
+ * Tried by: "exports its three functions", "a null request or name is refused", "a malformed interface request is
+ * refused", "one line of the log names the key at fault", "an interface that does not exist is refused", "a request
+ * takes effect before the call returns", "a request replaces the one before it", "a request that cannot be carried
+ * out whole changes nothing", "a default route goes into the interface as two /1 routes", "another process cannot
+ * configure the interface meanwhile, nor remove its configuration", "the first request for an interface removes what
+ * an ended process left", "requests may come from any thread" */
 int CmAddInterfaceCfg2(const char* json)
 {
     return take("CmAddInterfaceCfg2", json, sInterfaceKeys);
 }
 
-/* Nothing is ever installed, and removing nothing is no failure. */
+/* Promises: what was installed on the interface is removed, and only that. Nothing installed is no failure; that it
+ * belongs to another living process is one.
+ * For a device: undo in the opposite order, and only what is still as it was installed.
+ * Tried by: "a null request or name is refused", "removing a configuration that is not there is no failure",
+ * "removing a configuration restores the state before it", "unloading leaves no descriptor and no thread" */
 int CmDelInterfaceCfg(const char* ifName)
 {
     if (ifName == NULL) return refuse("CmDelInterfaceCfg", "ifName", "is missing"), -1;
@@ -138,6 +154,11 @@ int CmDelInterfaceCfg(const char* ifName)
     return 0;
 }
 
+/* Promises: the filter of this label is replaced at once, or removed. Rules are tried in their order, and what none
+ * decides passes. A malformed request changes nothing.
+ * For a device: one transaction of the packet filter, so that no packet passes in between.
+ * Tried by: "a malformed firewall request is refused", "one line of the log names the key at fault", "a filter drops
+ * what its rule says, and all else passes", "a filter replaces the one before it", "rules are tried in their order" */
 int VkFirewallFullCtrl(const char* json)
 {
     return take("VkFirewallFullCtrl", json, sFirewallKeys);

@@ -5,9 +5,12 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "Report.h"
+#include "Selection.h"
 #include "Trial.h"
 
 namespace {
@@ -37,16 +40,28 @@ std::string fileOf(const std::string& folder, const std::string& library)
     return std::filesystem::exists(inFolder / versioned) ? inFolder / versioned : inFolder / (library + ".so");
 }
 
-void tryAll(const Settings& settings, const std::string& only, Report& report)
+int list(const std::vector<const Promise*>& promises)
 {
-    for (const Promises* promises : {&logPromises(), &requestPromises(), &networkPromises(), &powerPromises(),
-                                     &busPromises(), &servicePromises()}) {
-        for (const Promise& promise : *promises) {
-            const bool wanted = only == promise.header || std::string(promise.text).find(only) != std::string::npos;
-            if (wanted) report.add(promise, tryPromise(promise, settings));
-        }
-    }
+    for (const Promise* promise : promises)
+        std::printf("%-16s %s\n", promise->header, promise->text);
+    return ExitConforms;
+}
+
+int tryAll(const std::vector<const Promise*>& promises, const Settings& settings, Report& report)
+{
+    for (const Promise* promise : promises)
+        report.add(*promise, tryPromise(*promise, settings));
     report.finish();
+    return report.conforms() ? ExitConforms : ExitBroken;
+}
+
+int refuseSelection(const std::string& only)
+{
+    const std::string meant = suggestSelection(only);
+    static_cast<void>(std::fprintf(
+        stderr, "vpnoalconform: --only: no promise is of the header or has the words '%s'%s%s%s\n", only.c_str(),
+        meant.empty() ? "" : "; did you mean '", meant.c_str(), meant.empty() ? "; --list prints all" : "'?"));
+    return ExitUsage;
 }
 
 int run(int argc, char** argv)
@@ -57,6 +72,8 @@ int run(int argc, char** argv)
     std::string folder;
     std::string only;
     bool json = false;
+    bool tap = false;
+    bool isList = false;
     app.footer(footer);
     app.set_version_flag("--version", "vpnoalconform " WFOAL_VERSION);
     app.add_option("FOLDER", folder, "Where the libraries are; else where the loader looks")
@@ -68,7 +85,9 @@ int run(int argc, char** argv)
     app.add_option("--service", settings.serviceName, "A bus name that this program may have")->capture_default_str();
     app.add_option("--only", only, "Only the promises of this header, or with these words");
     app.add_option("--seconds", settings.secondsAtMost, "How long one promise may take")->capture_default_str();
-    app.add_flag("--json", json, "Print JSON for machines");
+    app.add_flag("--list", isList, "Print the promises, and try none");
+    CLI::Option* const jsonFlag = app.add_flag("--json", json, "Print JSON for machines");
+    app.add_flag("--tap", tap, "Print lines of the Test Anything Protocol")->excludes(jsonFlag);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -77,9 +96,13 @@ int run(int argc, char** argv)
     for (const auto& [header, library] : libraries) {
         if (settings.libraries[header].empty()) settings.libraries[header] = fileOf(folder, library);
     }
-    Report report(json);
-    tryAll(settings, only, report);
-    return report.conforms() ? ExitConforms : ExitBroken;
+    const std::vector<const Promise*> promises = selectPromises(only);
+    if (promises.empty()) return refuseSelection(only);
+    if (isList) return list(promises);
+    const std::unique_ptr<Report> report = json  ? makeJsonReport()
+                                           : tap ? makeTapReport(promises.size())
+                                                 : makeTextReport();
+    return tryAll(promises, settings, *report);
 }
 
 }  // namespace
