@@ -219,6 +219,26 @@ TEST_F(StrictGuardTest, ASuccessorWhoseConfigurationIsRefusedLeavesTheGuard)
     restore();
 }
 
+TEST_F(StrictGuardTest, ApplyAndConnectThatAreRefusedLeaveTheGuard)
+{
+    bringUpAndKillCommand();
+    const Beside beside(*mTraffic, bothFamilies);
+    writeProfile(R"({"tunnel":{"address":"10.8.0.2/24"},"dns":{"servers":["10.8.0.1"]},
+                     "routes":[{"destination":"default"}]})");
+    const CommandResult connected = runCommand({"timeout", "30", program, "connect", profile});
+    EXPECT_EQ(1, connected.status);
+    EXPECT_THAT(connected.output, HasSubstr("the platform refused the configuration, the strict guard stays; "));
+    expectLeft("guard is");
+    shell("ip tuntap add mode tun norvatun0; ip address add 10.8.0.2/24 dev norvatun0; ip link set norvatun0 up");
+    const CommandResult applied = runCommand({program, "apply", profile});
+    EXPECT_EQ(1, applied.status);
+    EXPECT_THAT(applied.output, HasSubstr("the platform refused the configuration, the strict guard stays; "));
+    expectLeft("guard is");
+    beside.expectNone();
+    shell("ip link delete norvatun0");
+    restore();
+}
+
 // Its routes lead into a device that nobody reads from.
 TEST_F(StrictGuardTest, ASuccessorThatDoesNotComeUpRemovesTheRestOfAKilledRun)
 {

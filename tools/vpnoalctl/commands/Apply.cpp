@@ -14,11 +14,27 @@
 #include "tunnel/InstalledState.h"
 #include "tunnel/Signals.h"
 #include "tunnel/StderrCallbacks.h"
+#include "tunnel/StrictGuard.h"
 #include "tunnel/TunDevice.h"
 
 namespace vpnoalctl {
 
 namespace {
+
+// The configuration of another process was neither replaced nor removed.
+void refuseForOwner()
+{
+    const InstalledState left = installedState();
+    if (left.owner == 0) return;
+    throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
+                       "end that process, or remove the configuration with 'vpnoalctl restore --force'");
+}
+
+void restoreBesideStrictGuard(KEST_SystemPlugin& system)
+{
+    const KeptStrictGuard kept(KeptTunnel::Part::Guard);
+    system.RestoreSystemConfiguration();
+}
 
 void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals& signals)
 {
@@ -26,18 +42,15 @@ void bringUpOrRestore(KEST_SystemPlugin& system, const Profile& profile, Signals
         const GuardedBypass guarded(profile.outside);
         bringUp(system, profile);
         verifyFilter(profile);
-        if (signals.isInterrupted()) {
-            throw CommandError("apply", "interrupted, everything is restored", "run it again");
-        }
     } catch (...) {
-        system.RestoreSystemConfiguration();
-        // The configuration of another process was neither replaced nor removed.
-        if (const InstalledState left = installedState(); left.owner != 0) {
-            throw CommandError(tunnelDeviceName, "cannot be configured: " + left.reason,
-                               "end that process, or remove the configuration with 'vpnoalctl restore --force'");
-        }
+        restoreBesideStrictGuard(system);
+        refuseForOwner();
+        refuseBesideStrictGuard();
         throw;
     }
+    if (!signals.isInterrupted()) return;
+    system.RestoreSystemConfiguration();
+    throw CommandError("apply", "interrupted, everything is restored", "run it again");
 }
 
 int applyProfile(Context& context, const std::string& file)

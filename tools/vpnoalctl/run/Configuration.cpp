@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "Output.h"
 #include "tunnel/BringUp.h"
 #include "tunnel/DeviceUser.h"
 #include "tunnel/InstalledState.h"
@@ -33,16 +32,9 @@ Configuration::Configuration(const PluginLibrary& plugin, KEST_SystemPluginCB& c
     newSystem();
 }
 
-// Disposing of the object restores. Without memory to keep the guard nothing is removed, as when the agent is killed.
 Configuration::~Configuration()
 {
-    try {
-        const KeptStrictGuard kept(KeptTunnel::Part::GuardAndFilter);
-        mSystem.reset();
-    } catch (const CommandError& error) {
-        static_cast<void>(mSystem.release());
-        tell(error.what());
-    }
+    disposeBesideStrictGuard(mSystem, KeptTunnel::Part::GuardAndFilter);
 }
 
 // A request that failed is collected still, and would be sent again: another object has collected nothing. Disposing of
@@ -86,8 +78,8 @@ void Configuration::refuse(const CommandError& error)
     if (!mInstalled) {
         restoreAllButStrictGuard();
         refuseSecondTunnel();
-        if (!hasStrictGuard()) throw CommandError(error);
-        throw CommandError("apply", "the platform refused the configuration, the strict guard stays", seeLog);
+        refuseBesideStrictGuard();
+        throw CommandError(error);
     }
     try {
         bringUpNow(*mInstalled);

@@ -6,6 +6,7 @@
 
 #include "CommandError.h"
 #include "tunnel/BringUp.h"
+#include "tunnel/StrictGuard.h"
 
 namespace vpnoalctl {
 
@@ -27,8 +28,14 @@ HeldTunnel::HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST
     : mDevice(profile.tunnel.value()), mSystem(plugin.create<KEST_SystemPlugin>())
 {
     mSystem->SetSystemPluginCB(&callbacks);
-    bringUp(*mSystem, profile);
-    verifyFilter(profile);
+    try {
+        bringUp(*mSystem, profile);
+        verifyFilter(profile);
+    } catch (...) {
+        disposeBesideStrictGuard(mSystem, KeptTunnel::Part::Guard);
+        refuseBesideStrictGuard();
+        throw;
+    }
     mLink.emplace(tunnelDeviceName);
     mOwnership.emplace();
 }

@@ -20,7 +20,7 @@ namespace vpnoalctl {
 class HeldTunnel {
 public:
     /// Makes the device and installs the configuration. The plug-in calls `callbacks` from then on. Throws CommandError
-    /// when the plug-in or its platform refuses; nothing stays then.
+    /// when the plug-in or its platform refuses; nothing stays then but a strict guard that was there before.
     HeldTunnel(const PluginLibrary& plugin, const Profile& profile, KEST_SystemPluginCB& callbacks);
     HeldTunnel(const HeldTunnel&) = delete;
     HeldTunnel& operator=(const HeldTunnel&) = delete;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <exception>
 
+#include "CommandError.h"
+#include "Output.h"
 #include "io/WholeFile.h"
 #include "tunnel/FilterState.h"
 #include "tunnel/TunDevice.h"
@@ -55,6 +57,24 @@ bool hasStrictGuard() noexcept
 }
 
 #endif
+
+void disposeBesideStrictGuard(PluginPtr<KEST_SystemPlugin>& system, KeptTunnel::Part part)
+{
+    try {
+        const KeptStrictGuard kept(part);
+        system.reset();
+    } catch (const CommandError& error) {
+        static_cast<void>(system.release());
+        tell(error.what());
+    }
+}
+
+void refuseBesideStrictGuard()
+{
+    if (!hasStrictGuard()) return;
+    throw CommandError("apply", "the platform refused the configuration, the strict guard stays",
+                       "the log names the key at fault; 'vpnoalctl doctor' shows what is missing");
+}
 
 std::string strictGuardStays()
 {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "PluginLibrary.h"
 #include "tunnel/KeptTunnel.h"
 
 namespace vpnoalctl {
@@ -28,6 +29,13 @@ public:
 private:
     std::optional<KeptTunnel> mKept;
 };
+
+/// Disposes of the object, which restores, while such a guard is kept, or the part of the tunnel that is named. Without
+/// memory nothing is removed, as when the agent is killed.
+void disposeBesideStrictGuard(PluginPtr<KEST_SystemPlugin>& system, KeptTunnel::Part part);
+
+/// Of a configuration that the platform has refused: throws CommandError when such a guard stays.
+void refuseBesideStrictGuard();
 
 /// What a program tells that ends and leaves such a guard.
 std::string strictGuardStays();
