@@ -140,6 +140,28 @@ TEST_F(OpenVpnGuardTest, AKilledOpenVpnAndTheNextAgentInStrictMode)
     shell("rm /etc/vpnwfoal/platform.conf");
 }
 
+// The hook refuses what the server pushes then, and ends OpenVPN, which ends without a failure.
+TEST_F(OpenVpnGuardTest, AConnectionAnewThatTheHookRefusesInStrictMode)
+{
+    shell("mkdir -p /etc/vpnwfoal; echo 'strict = on' >/etc/vpnwfoal/platform.conf");
+    connectInAgent();
+    const Beside beside(*mTraffic, bothFamilies);
+    mServer.stop();
+    startServer("subnet", {"redirect-gateway"});
+    mClient.sendSignal(SIGUSR1);
+    EXPECT_EQ(1, mClient.wait());
+    EXPECT_THAT(contentOf(clientLog), testing::HasSubstr("openvpn-hook: ends OpenVPN: the tunnel is not configured\n"));
+    mTraffic->awaitMore();
+    // OpenVPN has set the default route anew, without its metric.
+    shell("ip route delete default via 192.0.2.1 dev eth0; ip route add default via 192.0.2.1 dev eth0 metric 100");
+    mServer.stop();
+    startServer("subnet", {"redirect-gateway def1"});
+    connectInAgent();
+    beside.expectNone();
+    disconnect();
+    shell("rm /etc/vpnwfoal/platform.conf");
+}
+
 // The agent has restored, and there is no guard until the next one has its own.
 TEST_F(OpenVpnGuardTest, AKilledOpenVpnWithoutStrictModeAndTheNextAgent)
 {

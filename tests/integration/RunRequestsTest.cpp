@@ -216,9 +216,10 @@ TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)
         {std::string("{\"op\":\"\0\"}\n", 11), "the request is not JSON: it holds a NUL byte"},
         {"[]\n", "the request: must be an object"},
         {"{}\n", R"("error":"missing","key":"op")"},
-        {"{\"op\":\"remove\"}\n", R"("error":"\"remove\" is none of \"apply\", \"restore\"","key":"op")"},
+        {"{\"op\":\"remove\"}\n", R"("error":"\"remove\" is none of \"apply\", \"restore\", \"fail\"","key":"op")"},
         {"{\"op\":\"apply\"}\n", R"("error":"missing","key":"profile")"},
         {"{\"op\":\"restore\",\"profile\":{}}\n", R"("error":"not with \"restore\"","key":"profile")"},
+        {"{\"op\":\"fail\",\"profile\":{}}\n", R"("error":"not with \"fail\"","key":"profile")"},
         {"{\"op\":\"restore\",\"more\":true}\n", R"("error":"not with \"restore\"","key":"more")"},
         {"{\"op\":\"apply\",\"profile\":{},\"more\":1}\n", R"("key":"more")"},
         {"{\"op\":\"apply\",\"profile\":{\"routes\":[{\"destination\":\"$(reboot)\"}]}}\n",
@@ -231,6 +232,16 @@ TEST_F(RunRequestsTest, BadRequestsNameTheKeyAndChangeNothing)
         EXPECT_THAT(ask(path, each.request), HasSubstr(each.answer)) << each.request.substr(0, 100);
     EXPECT_EQ(before, state());
     mRun->end();
+}
+
+TEST_F(RunRequestsTest, ACommandThatCannotConfigureTheTunnelEndsAsFailed)
+{
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, "{\"op\":\"fail\"}\n"));
+    EXPECT_EQ(1, mRun->wait());
+    EXPECT_THAT(mRun->output, HasSubstr(R"({"error":"norvatun0: cannot be configured","key":"norvatun0",)"
+                                        R"("remedy":"the command's messages say why"})"));
 }
 
 TEST_F(RunRequestsTest, SlowClientsKeepNobodyWaiting)

@@ -106,6 +106,13 @@ TEST(AgentClientTest, RestoreHasNoProfile)
     EXPECT_EQ(R"({"op":"restore"})", agent.request());
 }
 
+TEST(AgentClientTest, AFailureHasNoProfileEither)
+{
+    Agent agent("{\"ok\":true}\n");
+    AgentClient(path).fail();
+    EXPECT_EQ(R"({"op":"fail"})", agent.request());
+}
+
 TEST(AgentClientTest, TheAgentsReasonIsPassedOn)
 {
     EXPECT_EQ("routes[3]: is wrong; correct it",

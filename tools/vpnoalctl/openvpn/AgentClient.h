@@ -36,6 +36,8 @@ public:
         request(R"({"op":"apply","profile":)" + profile + (isMoreToCome ? R"(,"more":true})" : "}"));
     }
     void restore() { request(R"({"op":"restore"})"); }
+    /// Has the agent end the command, as one that has failed.
+    void fail() { request(R"({"op":"fail"})"); }
 
 private:
     void request(const std::string& line);

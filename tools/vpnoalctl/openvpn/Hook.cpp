@@ -19,6 +19,7 @@
 #include "kernel/KernelRoutes.h"
 #include "openvpn/AgentClient.h"
 #include "tunnel/InstalledState.h"
+#include "tunnel/StrictGuard.h"
 
 namespace vpnoalctl {
 
@@ -54,11 +55,12 @@ public:
         if (!path.empty()) mAgent = std::make_unique<AgentClient>(path);
     }
 
+    // Also when a strict guard is all that is left: it is to stay until the whole configuration is known.
     bool isInstalled() const
     {
         const InstalledState state = installedState();
-        if (state.reason.empty()) return false;
-        return state.owner == 0 || (mAgent && state.owner == mAgent->agent());
+        if (state.owner != 0) return mAgent && state.owner == mAgent->agent();
+        return !state.reason.empty() || hasStrictGuard();
     }
 
     int apply(const OpenVpnTunnel& tunnel)
@@ -180,11 +182,18 @@ int performCall(const ScriptVariables& variables, const HookOptions& options)
 }
 
 // OpenVPN goes on when its --route-up script fails. A tunnel without its configuration would not keep what it promises.
+// OpenVPN ends without a failure then, so the agent has to know.
 void endOpenVpn(const ScriptVariables& variables)
 {
     const pid_t parent = getppid();
     if (variables.valueOf("daemon_pid") != std::to_string(parent)) return;
     report("ends OpenVPN: the tunnel is not configured");
+    try {
+        const std::string path = inheritedVariable(agentSocketVariable);
+        if (!path.empty()) AgentClient(path).fail();
+    } catch (const CommandError& error) {
+        report(error.what());
+    }
     kill(parent, SIGTERM);
 }
 

@@ -15,22 +15,48 @@ using wfoal::JsonValue;
 
 constexpr std::string_view profilePrefix = "profile.";
 
-struct Read {
-    std::string operation;
-    std::optional<Profile> profile;
-    bool isMoreToCome = false;
+constexpr struct {
+    std::string_view name;
+    Request::Operation operation;
+} operations[] = {
+    {"apply", Request::Operation::Apply},
+    {"restore", Request::Operation::Restore},
+    {"fail", Request::Operation::Fail},
 };
 
-constexpr JsonField<Read> keys[] = {
-    {"op", true,
-     [](const JsonValue& value, Read& read) {
-         read.operation = value.text();
-         if (read.operation == "apply" || read.operation == "restore") return;
-         value.refuse(wfoal::excerpt(read.operation) + " is none of \"apply\", \"restore\"");
-     }},
-    {"profile", false, [](const JsonValue& value, Read& read) { read.profile = readProfile(value); }},
-    {"more", false, [](const JsonValue& value, Read& read) { read.isMoreToCome = value.boolean(); }},
+struct Read {
+    std::string operation;
+    Request request;
 };
+
+void readOperation(const JsonValue& value, Read& read)
+{
+    read.operation = value.text();
+    for (const auto& known : operations) {
+        if (known.name != read.operation) continue;
+        read.request.operation = known.operation;
+        return;
+    }
+    value.refuse(wfoal::excerpt(read.operation) + " is none of \"apply\", \"restore\", \"fail\"");
+}
+
+constexpr JsonField<Read> keys[] = {
+    {"op", true, readOperation},
+    {"profile", false, [](const JsonValue& value, Read& read) { read.request.profile = readProfile(value); }},
+    {"more", false, [](const JsonValue& value, Read& read) { read.request.isMoreToCome = value.boolean(); }},
+};
+
+void requireFittingKeys(const Read& read)
+{
+    const Request& request = read.request;
+    const std::string misplaced = "not with \"" + read.operation + "\"";
+    if (request.operation == Request::Operation::Apply) {
+        if (!request.profile) throw wfoal::JsonError("profile", "missing");
+        return;
+    }
+    if (request.profile) throw wfoal::JsonError("profile", misplaced);
+    if (request.isMoreToCome) throw wfoal::JsonError("more", misplaced);
+}
 
 std::string without(std::string_view prefix, const std::string& text)
 {
@@ -45,16 +71,13 @@ Request parseRequest(const std::string& line)
     try {
         readJson(line, {"request", "the request"}, [&read](const JsonValue& root) {
             root.readObject(keys, read);
-            const bool applies = read.operation == "apply";
-            if (applies && !read.profile) throw wfoal::JsonError("profile", "missing");
-            if (!applies && read.profile) throw wfoal::JsonError("profile", "not with \"restore\"");
-            if (!applies && read.isMoreToCome) throw wfoal::JsonError("more", "not with \"restore\"");
+            requireFittingKeys(read);
         });
     } catch (const CommandError& error) {
         throw badInput("request", without(profilePrefix, error.reason()), error.remedy())
             .withKey(without(profilePrefix, error.key()));
     }
-    return {std::move(read.profile), read.isMoreToCome};
+    return std::move(read.request);
 }
 
 std::string goodAnswer()

@@ -4,6 +4,7 @@
 //
 //     {"op":"apply","profile":{...}}        with "more":true when another profile follows
 //     {"op":"restore"}
+//     {"op":"fail"}                         the tunnel cannot be configured: it is to end as one that has failed
 //
 // and its answer: {"ok":true}, or an error object.
 #ifndef VPNOALCTL_REQUEST_H
@@ -18,7 +19,9 @@
 namespace vpnoalctl {
 
 struct Request {
-    std::optional<Profile> profile;  ///< to apply; none: restore
+    enum class Operation { Apply, Restore, Fail };
+    Operation operation = Operation::Restore;
+    std::optional<Profile> profile;  ///< to apply
     bool isMoreToCome = false;       ///< the tunnel is not ready with this profile
 };
 

@@ -286,7 +286,11 @@ std::string Runner::answer(const std::string& line)
 void Runner::carryOut(const std::string& line)
 {
     const Request request = parseRequest(line);
-    if (!request.profile) {
+    if (request.operation == Request::Operation::Fail) {
+        if (!mCommand.isEnding()) fail({tunnelDeviceName, "cannot be configured", "the command's messages say why"});
+        return;
+    }
+    if (request.operation == Request::Operation::Restore) {
         mWanted.reset();
         mDevice.reset();
         mIsMoreToCome = false;

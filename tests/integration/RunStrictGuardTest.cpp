@@ -20,7 +20,7 @@ constexpr char guardStays[] =
     "removes it\n";
 const Words bothFamilies{"wifi4", "cellular4", "wifi6", "cellular6"};
 
-class StrictGuardTest : public RunFixture {
+class RunStrictGuardTest : public RunFixture {
 protected:
     void SetUp() override
     {
@@ -87,7 +87,7 @@ protected:
     std::unique_ptr<AccessTraffic> mTraffic;
 };
 
-TEST_F(StrictGuardTest, AKilledCommandAndTheNextRun)
+TEST_F(RunStrictGuardTest, AKilledCommandAndTheNextRun)
 {
     LineProcess run = start({profile}, guestAfter("true"));
     ASSERT_TRUE(isApplied(run)) << run.output;
@@ -105,7 +105,7 @@ TEST_F(StrictGuardTest, AKilledCommandAndTheNextRun)
     EXPECT_THAT(next.output, Not(HasSubstr("strict guard")));
 }
 
-TEST_F(StrictGuardTest, RestoreRemovesWhatAKilledCommandLeft)
+TEST_F(RunStrictGuardTest, RestoreRemovesWhatAKilledCommandLeft)
 {
     EXPECT_THAT(bringUpAndKillCommand(), HasSubstr(stays));
     expectLeft();
@@ -113,7 +113,7 @@ TEST_F(StrictGuardTest, RestoreRemovesWhatAKilledCommandLeft)
     EXPECT_EQ("", shell("nft list tables"));
 }
 
-TEST_F(StrictGuardTest, WithoutStrictAKilledCommandLeavesNothing)
+TEST_F(RunStrictGuardTest, WithoutStrictAKilledCommandLeavesNothing)
 {
     configure("strict = off\n");
     EXPECT_THAT(bringUpAndKillCommand(), Not(HasSubstr("guard")));
@@ -121,14 +121,14 @@ TEST_F(StrictGuardTest, WithoutStrictAKilledCommandLeavesNothing)
     expectTheControl();
 }
 
-TEST_F(StrictGuardTest, APartOfTheTrafficInTheTunnelHasNoGuardToLeave)
+TEST_F(RunStrictGuardTest, APartOfTheTrafficInTheTunnelHasNoGuardToLeave)
 {
     writeProfile(splitTunnel);
     EXPECT_THAT(bringUpAndKillCommand(), Not(HasSubstr("guard")));
     EXPECT_EQ("", shell("nft list tables"));
 }
 
-TEST_F(StrictGuardTest, ThePacketFilterOfTheProfileStaysToo)
+TEST_F(RunStrictGuardTest, ThePacketFilterOfTheProfileStaysToo)
 {
     writeProfile(R"({"server":"198.51.100.2","routes":[{"destination":"default"}],
                      "filter":[{"action":"drop","protocol":"tcp","destinationPort":7}]})");
@@ -138,7 +138,7 @@ TEST_F(StrictGuardTest, ThePacketFilterOfTheProfileStaysToo)
     EXPECT_EQ("", shell("nft list tables"));
 }
 
-TEST_F(StrictGuardTest, ACommandThatFailsWasNotStopped)
+TEST_F(RunStrictGuardTest, ACommandThatFailsWasNotStopped)
 {
     LineProcess run = start({profile}, guestThen("exit 4"));
     ASSERT_TRUE(isApplied(run)) << run.output;
@@ -149,7 +149,7 @@ TEST_F(StrictGuardTest, ACommandThatFailsWasNotStopped)
     restore();
 }
 
-TEST_F(StrictGuardTest, ACommandThatEndsWithoutAFailureHasStopped)
+TEST_F(RunStrictGuardTest, ACommandThatEndsWithoutAFailureHasStopped)
 {
     LineProcess run = start({profile}, guestThen("exit 0"));
     ASSERT_TRUE(isApplied(run)) << run.output;
@@ -158,7 +158,7 @@ TEST_F(StrictGuardTest, ACommandThatEndsWithoutAFailureHasStopped)
     EXPECT_EQ("", shell("nft list tables"));
 }
 
-TEST_F(StrictGuardTest, ARunThatIsStoppedRestoresHoweverItsCommandEnds)
+TEST_F(RunStrictGuardTest, ARunThatIsStoppedRestoresHoweverItsCommandEnds)
 {
     for (const int signal : {SIGTERM, SIGINT}) {
         LineProcess run =
@@ -174,7 +174,7 @@ TEST_F(StrictGuardTest, ARunThatIsStoppedRestoresHoweverItsCommandEnds)
     }
 }
 
-TEST_F(StrictGuardTest, ASuccessorThatDoesNotComeUpLeavesTheGuard)
+TEST_F(RunStrictGuardTest, ASuccessorThatDoesNotComeUpLeavesTheGuard)
 {
     bringUpAndKillCommand();
     const Beside beside(*mTraffic, bothFamilies);
@@ -189,7 +189,7 @@ TEST_F(StrictGuardTest, ASuccessorThatDoesNotComeUpLeavesTheGuard)
     restore();
 }
 
-TEST_F(StrictGuardTest, ASuccessorThatCannotStartItsCommandLeavesTheGuard)
+TEST_F(RunStrictGuardTest, ASuccessorThatCannotStartItsCommandLeavesTheGuard)
 {
     bringUpAndKillCommand();
     const Beside beside(*mTraffic, bothFamilies);
@@ -204,7 +204,7 @@ TEST_F(StrictGuardTest, ASuccessorThatCannotStartItsCommandLeavesTheGuard)
 }
 
 // There is no resolver here.
-TEST_F(StrictGuardTest, ASuccessorWhoseConfigurationIsRefusedLeavesTheGuard)
+TEST_F(RunStrictGuardTest, ASuccessorWhoseConfigurationIsRefusedLeavesTheGuard)
 {
     bringUpAndKillCommand();
     const Beside beside(*mTraffic, bothFamilies);
@@ -219,7 +219,7 @@ TEST_F(StrictGuardTest, ASuccessorWhoseConfigurationIsRefusedLeavesTheGuard)
     restore();
 }
 
-TEST_F(StrictGuardTest, ApplyAndConnectThatAreRefusedLeaveTheGuard)
+TEST_F(RunStrictGuardTest, ApplyAndConnectThatAreRefusedLeaveTheGuard)
 {
     bringUpAndKillCommand();
     const Beside beside(*mTraffic, bothFamilies);
@@ -240,7 +240,7 @@ TEST_F(StrictGuardTest, ApplyAndConnectThatAreRefusedLeaveTheGuard)
 }
 
 // Its routes lead into a device that nobody reads from.
-TEST_F(StrictGuardTest, ASuccessorThatDoesNotComeUpRemovesTheRestOfAKilledRun)
+TEST_F(RunStrictGuardTest, ASuccessorThatDoesNotComeUpRemovesTheRestOfAKilledRun)
 {
     shell("ip tuntap add mode tun norvatun0");
     {
@@ -259,7 +259,7 @@ TEST_F(StrictGuardTest, ASuccessorThatDoesNotComeUpRemovesTheRestOfAKilledRun)
     restore();
 }
 
-TEST_F(StrictGuardTest, AConfigurationThatIsTakenByForceIsNotGuarded)
+TEST_F(RunStrictGuardTest, AConfigurationThatIsTakenByForceIsNotGuarded)
 {
     LineProcess run = start({profile}, guestAfter("true"));
     ASSERT_TRUE(isApplied(run)) << run.output;
@@ -269,7 +269,7 @@ TEST_F(StrictGuardTest, AConfigurationThatIsTakenByForceIsNotGuarded)
     EXPECT_EQ("", shell("nft list tables"));
 }
 
-TEST_F(StrictGuardTest, TheDoctorTellsOfAGuardThatIsLeft)
+TEST_F(RunStrictGuardTest, TheDoctorTellsOfAGuardThatIsLeft)
 {
     const auto doctor = [] { return runCommand({program, "doctor"}).output; };
     EXPECT_THAT(doctor(), Not(HasSubstr("has ended")));
