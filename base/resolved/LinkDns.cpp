@@ -129,6 +129,14 @@ std::vector<Element> listFrom(std::string_view text, Element (*read)(std::string
     return elements;
 }
 
+// No resolver has a name without letters, or with an empty label at its end.
+DnsDomain domainFrom(std::string_view text)
+{
+    const DnsDomain domain = domainOf(text);
+    if (domain.name.empty() || domainOf(domain.name).name != domain.name) refuse(text);
+    return domain;
+}
+
 std::string textOf(const LinkDns& dns)
 {
     return listOf(dns.servers) + " " + listOf(dns.domains) + (dns.defaultRoute ? " yes" : " no");
@@ -138,7 +146,7 @@ LinkDns dnsFrom(std::string_view& rest)
 {
     LinkDns dns;
     dns.servers = listFrom(word(rest), serverFrom);
-    dns.domains = listFrom(word(rest), domainOf);
+    dns.domains = listFrom(word(rest), domainFrom);
     const std::string_view route = word(rest);
     if (route != "yes" && route != "no") refuse(route);
     dns.defaultRoute = route == "yes";

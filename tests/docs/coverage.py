@@ -64,7 +64,7 @@ def missingTests(root):
         for suite, case in re.findall(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", path.read_text(encoding="utf-8"), re.M):
             known |= {suite, suite + "." + case}
     for path in (root / "tests").rglob("CMakeLists.txt"):
-        known |= set(re.findall(r"wfoal_script_test\(([\w.]+)", path.read_text(encoding="utf-8")))
+        known |= set(re.findall(r"wfoal_(?:script_test|fuzz)\(([\w.]+)", path.read_text(encoding="utf-8")))
     rows = re.findall(r"^\|.*\|(.*)\|$", read(root, "docs/security.md"), re.M)
     claims = [row for row in rows if row.strip() not in ("test", "---")]
     for row in claims:

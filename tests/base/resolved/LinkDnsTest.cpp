@@ -105,7 +105,8 @@ TEST(LinkDnsTest, ALineThatIsNoChangeIsRefused)
     for (const char* text : {"", "x", "1", "1 a", "1 a - - yes", "1 a - - yes - - maybe", "1 a - - yes - - yes more",
                              "a a - - yes - - yes", "1 a 10.0.0.1 - yes - - yes", "1 a 10.0.0.1/x/ - yes - - yes",
                              "1 a 10.0.0.1/70000/ - yes - - yes", "1 a 10.0.0/0/ - yes - - yes", "1  - - yes - - yes",
-                             "1 a 10.0.0.1/0/a/b - yes - - yes", "1 a , - yes - - yes"}) {
+                             "1 a 10.0.0.1/0/a/b - yes - - yes", "1 a , - yes - - yes", "1 a - a,,b yes - - yes",
+                             "1 a - ~ yes - - yes", "1 a - a.. yes - - yes", "1 a - ~~a yes - - yes"}) {
         EXPECT_THAT(errorOf(text), StartsWith("undo log: ")) << text;
     }
 }
