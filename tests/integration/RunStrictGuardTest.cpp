@@ -174,6 +174,22 @@ TEST_F(RunStrictGuardTest, ARunThatIsStoppedRestoresHoweverItsCommandEnds)
     }
 }
 
+// As with Ctrl-C, which both get.
+TEST_F(RunStrictGuardTest, ARunThatIsStoppedTogetherWithItsCommandRestores)
+{
+    LineProcess run = start({profile}, guestAfter("true"));
+    ASSERT_TRUE(isApplied(run)) << run.output;
+    const std::string command = std::to_string(commandOf(run));
+    run.sendSignal(SIGSTOP);
+    run.sendSignal(SIGINT);
+    shell("kill -INT " + command);
+    EXPECT_TRUE(eventually([&] { return contentOf("/proc/" + command + "/stat").find(") Z ") != std::string::npos; }));
+    run.sendSignal(SIGCONT);
+    EXPECT_EQ(128 + SIGINT, run.wait());
+    EXPECT_THAT(run.output, Not(HasSubstr("strict guard")));
+    EXPECT_EQ("", shell("nft list tables"));
+}
+
 TEST_F(RunStrictGuardTest, ASuccessorThatDoesNotComeUpLeavesTheGuard)
 {
     bringUpAndKillCommand();

@@ -3,28 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <string>
 
 #include "CommandError.h"
-
-namespace {
-
-bool sHasMemory = true;
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the names that the linker gives
-extern "C" int __real_setenv(const char* name, const char* value, int overwrite);
-extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite);
-extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite)
-{
-    if (sHasMemory) return __real_setenv(name, value, overwrite);
-    errno = ENOMEM;
-    return -1;
-}
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+#include "FailingSetenv.h"
 
 namespace vpnoalctl {
 

@@ -5,9 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
+#include "FailingSetenv.h"
 #include "undolog/UndoLogFiles.h"
 
 namespace vpnoalctl {
@@ -67,6 +71,46 @@ TEST_F(StrictGuardTest, AnEntryThatCannotBeReadCountsAsOne)
     std::filesystem::remove(path());
     std::filesystem::create_directory(path());
     EXPECT_TRUE(hasStrictGuard());
+}
+
+// What VKNETCONFIG_KEEP says while an object is disposed of.
+std::vector<std::string> sDisposed;
+
+PluginPtr<KEST_SystemPlugin> systemObject()
+{
+    alignas(KEST_SystemPlugin) static char storage[sizeof(KEST_SystemPlugin)];
+    const auto dispose = [](Plugin*) {
+        const char* const kept = std::getenv("VKNETCONFIG_KEEP");
+        sDisposed.emplace_back(kept != nullptr ? kept : "");
+        return true;
+    };
+    return {reinterpret_cast<KEST_SystemPlugin*>(storage), PluginDisposer{dispose}};
+}
+
+TEST_F(StrictGuardTest, ItIsKeptWhileAnObjectIsDisposedOf)
+{
+    sDisposed.clear();
+    PluginPtr<KEST_SystemPlugin> system = systemObject();
+    disposeBesideStrictGuard(system, KeptTunnel::Part::GuardAndFilter);
+    EXPECT_EQ(std::vector<std::string>{""}, sDisposed) << "there is none";
+    ASSERT_TRUE(isStrict(entryHead(here()) + strict));
+    system = systemObject();
+    disposeBesideStrictGuard(system, KeptTunnel::Part::GuardAndFilter);
+    system = systemObject();
+    disposeBesideStrictGuard(system, KeptTunnel::Part::Guard);
+    EXPECT_EQ((std::vector<std::string>{"", "guard-norvatun0,firewall-vpn.vpnoal", "guard-norvatun0"}), sDisposed);
+}
+
+TEST_F(StrictGuardTest, WithoutMemoryToKeepItNothingIsDisposedOf)
+{
+    sDisposed.clear();
+    ASSERT_TRUE(isStrict(entryHead(here()) + strict));
+    PluginPtr<KEST_SystemPlugin> system = systemObject();
+    sHasMemory = false;
+    disposeBesideStrictGuard(system, KeptTunnel::Part::GuardAndFilter);
+    sHasMemory = true;
+    EXPECT_EQ(nullptr, system);
+    EXPECT_TRUE(sDisposed.empty());
 }
 
 }  // namespace

@@ -119,10 +119,18 @@ void Runner::checkOwnership()
     }
 }
 
+// The signal and the command's end may come together, as with Ctrl-C, which both get.
+void Runner::takeStop()
+{
+    while (const int number = mSignals.take())
+        mIsStopped = mIsStopped || number == SIGINT || number == SIGTERM;
+}
+
 int Runner::finish(int status)
 {
     mService.reportStopping();
     mCommand.onEnded();
+    takeStop();
     if (!mFailure && status == ExitOk) mIsStopped = true;
     if (mIsStopped) mConfiguration->restore();
     mConfiguration.reset();

@@ -53,6 +53,7 @@ private:
     int finish(int status);
     int checkRestored(int status) const;
     void fail(const CommandError& error);
+    void takeStop();
     void checkOwnership();
 
     void handleSignals();
