@@ -43,7 +43,7 @@ TEST(WholeFileTest, NoMoreIsReadThanIsAllowed)
 
 TEST(WholeFileTest, AnEmptyFileIsNoFault)
 {
-    std::ofstream(path, std::ios::trunc);
+    std::ofstream(path) << "";
     const auto text = readWhole(path);
     ASSERT_TRUE(text);
     EXPECT_EQ(*text, "");
