@@ -59,6 +59,7 @@ for service in "${services[@]}"; do
     eventually "$service may use 128 MiB" has "$service" MemoryMax 134217728
     eventually "$service may have 16 tasks" has "$service" TasksMax 16
     eventually "$service leaves no core dump" has "$service" LimitCORE 0
+    eventually "$service is exposed to 1.5 of 10 at most" systemd-analyze security --no-pager --threshold=15 "$service"
 done
 
 systemctl restart dbus.service
