@@ -1,6 +1,45 @@
 # SPDX-License-Identifier: Apache-2.0
 # cpack runs this when the packages are made. It gives every library package scripts that call ldconfig, for which
-# Debian has a trigger instead: they are taken out again, and the package is put together by Debian's own tool.
+# Debian has a trigger instead, leaves out the field Multi-Arch before its version 3.31, and names the folders of the
+# build in the packages of debug symbols. All of that is put right, and each package is put together by Debian's own tool.
+
+# A package of debug symbols looks as those of Debian do: it shares the documentation of the package that it is for.
+function(finish_debug_package folder)
+    file(READ ${folder}/DEBIAN/control control)
+    string(REGEX MATCH "Package: (([^\n]+)-dbgsym)\n" line "${control}")
+    file(MAKE_DIRECTORY ${folder}/usr/share/doc)
+    file(CREATE_LINK ${CMAKE_MATCH_2} ${folder}/usr/share/doc/${CMAKE_MATCH_1} SYMBOLIC)
+    string(REPLACE "Package-Type: ddeb\n" "" control "${control}")
+    file(WRITE ${folder}/DEBIAN/control "${control}")
+    file(GLOB_RECURSE files RELATIVE ${folder} ${folder}/usr/lib/debug/*.debug)
+    list(SORT files)
+    set(sums "")
+    foreach(file IN LISTS files)
+        file(CHMOD ${folder}/${file} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+        file(MD5 ${folder}/${file} sum)
+        string(APPEND sums "${sum}  ${file}\n")
+    endforeach()
+    file(WRITE ${folder}/DEBIAN/md5sums "${sums}")
+endfunction()
+
+# The field as the package's component says, and for debug symbols as the package that they are for.
+function(add_multiarch folder)
+    file(READ ${folder}/DEBIAN/control control)
+    string(REGEX MATCH "Package: ([^\n]+)\n" line "${control}")
+    string(REGEX REPLACE "-dbgsym$" "" name "${CMAKE_MATCH_1}")
+    foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+        string(TOUPPER ${component} component)
+        set(value "${CPACK_DEBIAN_${component}_PACKAGE_MULTIARCH}")
+        if(NOT CPACK_DEBIAN_${component}_PACKAGE_NAME STREQUAL name OR NOT value OR control MATCHES "Multi-Arch: ")
+            continue()
+        endif()
+        if(NOT line MATCHES "-dbgsym" OR value STREQUAL "same")
+            string(REPLACE "${line}" "${line}Multi-Arch: ${value}\n" control "${control}")
+            file(WRITE ${folder}/DEBIAN/control "${control}")
+        endif()
+    endforeach()
+endfunction()
+
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     set(folder ${package}.unpacked)
     execute_process(COMMAND dpkg-deb --raw-extract ${package} ${folder} COMMAND_ERROR_IS_FATAL ANY)
@@ -9,6 +48,13 @@ foreach(package IN LISTS CPACK_PACKAGE_FILES)
             file(REMOVE ${folder}/DEBIAN/${script})
         endif()
     endforeach()
-    execute_process(COMMAND dpkg-deb --root-owner-group --build ${folder} ${package} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+    add_multiarch(${folder})
+    set(compression -Zxz)
+    if(package MATCHES "\\.ddeb$")
+        finish_debug_package(${folder})
+        set(compression -Zgzip)  # xz would take minutes for it
+    endif()
+    execute_process(COMMAND dpkg-deb --root-owner-group ${compression} --build ${folder} ${package}
+        OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
     file(REMOVE_RECURSE ${folder})
 endforeach()

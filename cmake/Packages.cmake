@@ -18,7 +18,7 @@ wfoal_gzip(${WFOAL_DEBIAN}/changelog debian_changelog)
 wfoal_gzip(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog)
 
 # wfoal_package(COMPONENT NAME SECTION [VARIABLE VALUE]...): more of the package, as CPACK_DEBIAN_<COMPONENT>_<VARIABLE>.
-# No value may hold a semicolon. The package's maintainer scripts are those of packaging/debian/NAME/, its lintian
+# No value may hold a semicolon. The package's maintainer scripts and symbols are those of packaging/debian/NAME/, its lintian
 # overrides those of every package and its own. The files of its documentation folder come with the package only, not
 # with other installations.
 set(components)
@@ -30,7 +30,7 @@ function(wfoal_package component name section)
         set(CPACK_DEBIAN_${upper}_${variable} "${value}" PARENT_SCOPE)
     endwhile()
     set(components ${components} ${component} PARENT_SCOPE)
-    file(GLOB control_files ${WFOAL_DEBIAN}/${name}/p*)
+    file(GLOB control_files ${WFOAL_DEBIAN}/${name}/p* ${WFOAL_DEBIAN}/${name}/symbols)
     if(section STREQUAL "libs")
         list(APPEND control_files ${WFOAL_DEBIAN}/triggers)
     endif()
@@ -88,6 +88,7 @@ journal or syslog, and network configuration through rtnetlink, nftables and
 systemd-resolved or resolvconf.")
 wfoal_package(Services vpnwfoal-services net
     PACKAGE_DEPENDS "default-dbus-system-bus | dbus-system-bus, libvpnwfoal-platform0 (>= ${PROJECT_VERSION})"
+    PACKAGE_MULTIARCH foreign
     DESCRIPTION "connection manager and certificate manager for the VPN plug-in
 Two services on the system bus that the VPN plug-in works with. The connection
 manager tells the status of Wi-Fi and mobile network and every change of it.
@@ -98,6 +99,7 @@ wfoal_package(Tools vpnoalctl net
     PACKAGE_DEPENDS "libvpnwfoal0 (>= ${PROJECT_VERSION}), libvpnwfoal-platform0 (>= ${PROJECT_VERSION})"
     PACKAGE_RECOMMENDS "vpnwfoal-services"
     PACKAGE_SUGGESTS "wireguard-tools, wireguard-go"
+    PACKAGE_MULTIARCH foreign
     DESCRIPTION "drive the VPN plug-in from the shell
 A command-line tool that loads the VPN plug-in as an agent does and makes it
 do what the command names: bring up a tunnel from a profile, list interfaces,
@@ -111,7 +113,8 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_STRIP_FILES ON)
+# What is stripped goes to packages of its own. Files must not be stripped before.
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

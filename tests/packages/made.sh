@@ -6,7 +6,8 @@
 set -euo pipefail
 build=$1 packages=$2 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source=$(cd "$here/../.." && pwd)
-"$here/../../packaging/make-packages.sh" --build "$build" "$packages" >/dev/null
+# The symbols for a debugger take minutes; tests/devices/packages.sh makes them.
+"$here/../../packaging/make-packages.sh" --build "$build" --without-debug "$packages" >/dev/null
 work=$(mktemp -d "$build/packages-made.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 status=0
@@ -33,6 +34,25 @@ for package in "$packages"/*.deb; do
 done
 dpkg-deb -f "$packages"/libvpnwfoal-platform0_*.deb Suggests | grep -qx 'systemd-resolved | resolvconf' ||
     complain 'libvpnwfoal-platform0 does not suggest a resolver'
+
+# What others were linked with is written down for each library, with the version that it came with.
+for package in "$packages"/libvpnwfoal{0,-platform0}_*.deb; do
+    name=$(dpkg-deb -f "$package" Package)
+    rm -rf "$work/library"
+    dpkg-deb -x "$package" "$work/library"
+    dpkg-deb -I "$package" symbols >"$work/symbols"
+    (cd "$work" && dpkg-gensymbols -p"$name" -v"$(dpkg-deb -f "$package" Version)" -Plibrary -Isymbols -c4 -O/dev/null) ||
+        complain "the symbols of $name are not those of its libraries"
+done
+while IFS=: read -r name multiarch; do
+    [ "$(dpkg-deb -f "$packages/$name"_*.deb Multi-Arch)" = "$multiarch" ] || complain "Multi-Arch of $name is not '$multiarch'"
+done <<'END'
+libvpnwfoal0:same
+libvpnwfoal-platform0:same
+libvpnwfoal-dev:no
+vpnwfoal-services:foreign
+vpnoalctl:foreign
+END
 
 while read -r file; do
     readelf -Wd "$file" >"$work/dynamic"
