@@ -235,7 +235,7 @@ std::vector<unsigned char> readFromFile(const std::string& file, bool showProgre
 
     Progress progress(stderr, "reading " + label, total, showProgress && (total != 0 || !S_ISREG(status.st_mode)));
     std::vector<unsigned char> bytes;
-    bytes.reserve(total + block);
+    bytes.reserve(static_cast<std::size_t>(total) + block);
     for (std::size_t done = 0;;) {
         bytes.resize(done + block);
         const ssize_t got = ::read(source.get(), bytes.data() + done, block);
