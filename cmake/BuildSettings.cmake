@@ -47,9 +47,37 @@ if(WFOAL_COVERAGE)
     add_link_options(--coverage)
 endif()
 
+# The libraries are loaded into every agent, so they are built to be small: the linker sees all of a library's code at
+# once. A program that the same objects are linked into gets what each compiled to by itself.
+set(WFOAL_SMALL OFF)
+if(CMAKE_BUILD_TYPE MATCHES "^Rel" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT WFOAL_SANITIZE AND NOT WFOAL_COVERAGE)
+    set(WFOAL_SMALL ON)
+    add_link_options(-fno-lto)  # but for those below: it takes long
+endif()
+
+# For the targets of the calling folder and below.
+macro(wfoal_small_objects)
+    if(WFOAL_SMALL)
+        add_compile_options(-Os -flto -ffat-lto-objects -ffunction-sections -fdata-sections)
+    endif()
+endmacro()
+
+# What is called for each element of long lists is worth its bytes.
+function(wfoal_fast_sources)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<BOOL:${WFOAL_SMALL}>:-O2>")
+endfunction()
+
+# Code is generated here, so what decides about it is told again.
+function(wfoal_small_link target)
+    if(WFOAL_SMALL)
+        target_link_options(${target} PRIVATE -flto -flto-partition=one -fno-gnu-unique -fstack-protector-strong -Wl,--gc-sections)
+    endif()
+endfunction()
+
 # Versioned shared library of this project, with only the names of its version script exported.
 function(wfoal_shared_library target)
     set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    wfoal_small_link(${target})
     set(script ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
     target_link_options(${target} PRIVATE -Wl,--version-script=${script})
     set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script})

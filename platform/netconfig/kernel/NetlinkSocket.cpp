@@ -121,15 +121,15 @@ int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghd
 }
 
 NetlinkBatch::NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated)
-    : mSocket(socket), mTolerated(tolerated), mBuffer(batchSize), mFirstSequence(socket.mSequence + 1)
+    : mSocket(socket), mTolerated(tolerated), mBuffer(new char[batchSize]), mFirstSequence(socket.mSequence + 1)
 {
 }
 
 nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
 {
     close();
-    if (mUsed + largestMessage > mBuffer.size()) send();
-    mLast = mnl_nlmsg_put_header(mBuffer.data() + mUsed);
+    if (mUsed + largestMessage > batchSize) send();
+    mLast = mnl_nlmsg_put_header(mBuffer.get() + mUsed);
     mLast->nlmsg_type = type;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
     mLast->nlmsg_seq = mSocket.nextSequence();
@@ -140,7 +140,7 @@ nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
 void NetlinkBatch::close()
 {
     if (mLast == nullptr) return;
-    const auto offset = static_cast<std::size_t>(reinterpret_cast<char*>(mLast) - mBuffer.data());
+    const auto offset = static_cast<std::size_t>(reinterpret_cast<char*>(mLast) - mBuffer.get());
     mUsed = offset + MNL_ALIGN(mLast->nlmsg_len);
 }
 
@@ -156,7 +156,7 @@ void NetlinkBatch::send()
     if (mUsed == 0) return;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
     const std::uint32_t last = mLast->nlmsg_seq;
-    mSocket.send(mBuffer.data(), mUsed);
+    mSocket.send(mBuffer.get(), mUsed);
     mUsed = 0;
     mLast = nullptr;
     // Lost answers may include the acknowledgement, but never the first error, which is the oldest answer.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -85,7 +86,7 @@ private:
 
     NetlinkSocket& mSocket;
     std::vector<int> mTolerated;
-    std::vector<char> mBuffer;
+    std::unique_ptr<char[]> mBuffer;
     std::size_t mUsed = 0;      // bytes of closed messages
     nlmsghdr* mLast = nullptr;  // the open or last message
     std::size_t mCount = 0;     // messages added so far
