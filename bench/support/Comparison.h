@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <string>
 #include <utility>
 
@@ -37,7 +38,8 @@ struct Medians {
     double peer;
 };
 
-/// Prints a table, a row a comparison, as it goes.
+/// Prints a table, a row a comparison, as it goes. When the environment variable BENCH_RECORDS names a file, each row
+/// is also appended to it as a line of JSON, in seconds.
 class Table {
 public:
     explicit Table(const std::string& title);
@@ -49,10 +51,18 @@ public:
     /// Prints a ratio that follows from earlier comparisons and should be at most `limit`.
     void ratio(const std::string& name, double limit, double value);
 
+    /// Prints what one operation takes with lists of several sizes, and how it grows: the exponent of the size that
+    /// fits best, at most `limit`.
+    void growth(const std::string& name, double limit, const std::map<unsigned, double>& secondsBySize);
+
     /// For main(): 0 when every ratio was within its limit, else 1.
     int result() const { return mWithinLimits ? 0 : 1; }
 
 private:
+    void judge(const std::string& name, const std::string& ours, const std::string& peer, double value, double limit);
+    void record(const std::string& fields) const;
+
+    std::string mTitle;
     bool mWithinLimits = true;
 };
 
