@@ -203,7 +203,8 @@ Fault unknownKey(std::string_view word, const Key<Section> (&keys)[count], const
 Check checkCharacters(std::string_view line)
 {
     if (line.find('\0') != std::string_view::npos) return Fault{"holds a NUL byte"};
-    const auto isControl = [](char c) { return (c >= 0 && c < ' ' && c != '\t') || c == 0x7f; };
+    // A char has no sign on ARM.
+    const auto isControl = [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; };
     if (std::any_of(line.begin(), line.end(), isControl)) return Fault{"holds a control character"};
     if (wfoal::utf8FaultIn(line) != std::string_view::npos) return Fault{"is not UTF-8"};
     return passed();
