@@ -58,7 +58,8 @@ endif()
 # For the targets of the calling folder and below.
 macro(wfoal_small_objects)
     if(WFOAL_SMALL)
-        add_compile_options(-Os -flto -ffat-lto-objects -ffunction-sections -fdata-sections)
+        # The assembler writes the folder into the line table of such an object by itself.
+        add_compile_options(-Os -flto -ffat-lto-objects -ffunction-sections -fdata-sections -Wa,--debug-prefix-map=${PROJECT_SOURCE_DIR}/=)
     endif()
 endmacro()
 
@@ -70,7 +71,7 @@ endfunction()
 # Code is generated here, so what decides about it is told again.
 function(wfoal_small_link target)
     if(WFOAL_SMALL)
-        target_link_options(${target} PRIVATE -flto -flto-partition=one -fno-gnu-unique -fstack-protector-strong -Wl,--gc-sections)
+        target_link_options(${target} PRIVATE -flto -flto-partition=one -fno-gnu-unique -fstack-protector-strong -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -Wl,--gc-sections)
     endif()
 endfunction()
 
