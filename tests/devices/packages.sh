@@ -4,7 +4,7 @@
 # packages.sh [ARCHITECTURE...]: makes the Debian packages for this machine and for each architecture (arm64, armhf and i386
 # when none is named), with their debug symbols, and looks at them: lintian, no folder of the build inside, the same
 # bytes when they are made a second time in another folder (for this machine only), and libraries of two architectures
-# beside each other. Takes root and, the first time, an hour on two cores.
+# beside each other. Takes root.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source=$(cd "$here/../.." && pwd)
