@@ -17,9 +17,12 @@
 #include "CertificateInterface.h"
 #include "Comparison.h"
 #include "FakeVkLog.h"
+#include "Require.h"
 #include "handles/Stdio.h"
 
 namespace {
+
+using bench::require;
 
 using testsupport::Identity;
 using testsupport::makeIdentity;
@@ -27,13 +30,6 @@ using testsupport::writeFile;
 
 const std::string certificates = "/var/ssl/certs/";
 const std::string keys = "/var/ssl/private/";
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 template <typename Work>
 bench::Measured repeated(int times, Work work)

@@ -24,6 +24,7 @@
 #include "Comparison.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
+#include "Require.h"
 #include "Shell.h"
 #include "SocketInterface.h"
 #include "SystemInterface.h"
@@ -34,18 +35,13 @@
 
 namespace {
 
+using bench::require;
+
 constexpr int routeCount = 50;
 constexpr int ruleCount = 20;
 constexpr char routesFile[] = "/tmp/routes.batch";
 constexpr char rulesFile[] = "/tmp/rules.nft";
 constexpr char removalFile[] = "/tmp/removal.batch";
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 std::string destination(int number)
 {

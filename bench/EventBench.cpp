@@ -22,11 +22,14 @@
 #include "Daemons.h"
 #include "LoadedPlugin.h"
 #include "LoopThread.h"
+#include "Require.h"
 #include "handles/SdBus.h"
 #include "kest/SystemPluginCB.h"
 #include "quorservice.h"
 
 namespace {
+
+using bench::require;
 
 using Clock = std::chrono::steady_clock;
 using testsupport::LoopThread;
@@ -35,13 +38,6 @@ constexpr char payload[] =
     R"({"returnValue":true,"wifi":{"state":"connected","onInternet":"yes","interfaceName":"eth0","ipAddress":"10.0.0.2"},)"
     R"("wan":{"state":"disconnected","onInternet":"no"}})";
 constexpr char interfaceName[] = "com.vesk.JsonService1";
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 double seconds(Clock::duration duration)
 {

@@ -3,26 +3,25 @@
 // How operations that take lists grow from 1,000 to 100,000 elements: processor time, and memory per element. Each
 // measurement runs in a process of its own.
 #include <malloc.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <map>
 #include <string>
 
+#include "Apart.h"
 #include "Comparison.h"
 #include "Decisions/RouteParser.h"
 #include "RouteMessages.h"
 #include "firewall/FirewallRequest.h"
-#include "handles/UniqueFd.h"
 #include "interface/InterfaceRequest.h"
 #include "undolog/InterfaceRecord.h"
 
 namespace {
+
+using bench::require;
 
 constexpr unsigned sizes[] = {1'000, 3'000, 10'000, 30'000, 100'000};
 constexpr double exponentLimit = 1.05;
@@ -36,13 +35,6 @@ void* counted(void* block)
     sBytes += static_cast<long>(malloc_usable_size(block));
     sMostBytes = std::max(sMostBytes, sBytes);
     return block;
-}
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
 }
 
 }  // namespace
@@ -102,7 +94,7 @@ struct Cost {
 /// An operation on a list of `size` elements, which is made beforehand.
 using MakeOperation = std::function<std::function<void()>(unsigned size)>;
 
-Cost measureHere(const MakeOperation& make, unsigned size)
+Cost measure(const MakeOperation& make, unsigned size)
 {
     const std::function<void()> run = make(size);
     const long before = sMostBytes = sBytes;
@@ -119,32 +111,12 @@ Cost measureHere(const MakeOperation& make, unsigned size)
     return {least, bytes};
 }
 
-Cost measure(const MakeOperation& make, unsigned size)
-{
-    int ends[2];
-    require(pipe(ends) == 0, "pipe");
-    const UniqueFd reading(ends[0]);
-    const UniqueFd writing(ends[1]);
-    std::fflush(stdout);
-    const pid_t child = fork();
-    require(child >= 0, "fork");
-    if (child == 0) {
-        const Cost cost = measureHere(make, size);
-        _exit(write(writing.get(), &cost, sizeof cost) == static_cast<ssize_t>(sizeof cost) ? 0 : 2);
-    }
-    int status = 0;
-    Cost cost{};
-    require(waitpid(child, &status, 0) == child && status == 0, "measuring");
-    require(read(reading.get(), &cost, sizeof cost) == static_cast<ssize_t>(sizeof cost), "measuring");
-    return cost;
-}
-
 void run(bench::Table& table, const std::string& name, double bytesLimit, const MakeOperation& make)
 {
     std::map<unsigned, double> seconds;
     Cost last{};
     for (const unsigned size : sizes) {
-        last = measure(make, size);
+        last = bench::apart<Cost>([&] { return measure(make, size); });
         seconds[size] = last.seconds;
     }
     table.growth(name, exponentLimit, seconds);

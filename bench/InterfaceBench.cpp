@@ -16,21 +16,17 @@
 #include <vector>
 
 #include "Comparison.h"
+#include "Require.h"
 #include "VkNetConfigLib.h"
 #include "handles/Mnl.h"
 #include "handles/UniqueFd.h"
 
 namespace {
 
+using bench::require;
+
 constexpr int routeCount = 10000;
 constexpr char batchFile[] = "/tmp/routes.batch";
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 void shell(const char* command)
 {

@@ -22,21 +22,17 @@
 
 #include "Daemons.h"
 #include "LoadedPlugin.h"
+#include "Require.h"
 #include "Shell.h"
 #include "handles/UniqueFd.h"
 
 namespace {
 
+using bench::require;
+
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testsupport::shell;
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 class Agent : public KEST_SystemPluginCB {
 public:

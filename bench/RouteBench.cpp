@@ -10,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include <optional>
 
 #include "AgentObjects.h"
+#include "Apart.h"
 #include "Comparison.h"
 #include "FakeVkLog.h"
 #include "NetLinkHelper.h"
@@ -32,12 +32,7 @@
 
 namespace {
 
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
+using bench::require;
 
 // The least that reading the table takes: the request, and receiving until the end without a look at the routes.
 class RawDump {
@@ -124,30 +119,6 @@ double runIpTool()
     return childrenSeconds() - begin;
 }
 
-// Runs `work` in a child, so that what it leaves in the heap does not weigh on the next measurement, and returns its
-// plain result.
-template <typename Result, typename Work>
-Result apart(Work work)
-{
-    int ends[2];
-    require(pipe2(ends, O_CLOEXEC) == 0, "pipe");
-    const UniqueFd reading(ends[0]);
-    const UniqueFd writing(ends[1]);
-    std::fflush(stdout);
-    const pid_t child = fork();
-    require(child >= 0, "fork");
-    if (child == 0) {
-        const Result result = work();
-        std::fflush(stdout);
-        _exit(write(writing.get(), &result, sizeof result) == static_cast<ssize_t>(sizeof result) ? 0 : 2);
-    }
-    int status = 0;
-    require(waitpid(child, &status, 0) == child && status == 0, "measuring");
-    Result result{};
-    require(read(reading.get(), &result, sizeof result) == static_cast<ssize_t>(sizeof result), "measuring");
-    return result;
-}
-
 class RouteBench {
 public:
     RouteBench()
@@ -163,7 +134,7 @@ public:
     {
         const unsigned first = mRoutes;
         mRoutes = routes;
-        apart<int>([&] {
+        bench::apart<int>([&] {
             testsupport::RouteBatch batch;
             for (unsigned i = first; i < routes; ++i) {
                 testsupport::NewRoute route;
@@ -229,7 +200,7 @@ private:
     bench::Medians run(const std::string& name, double limit, const bench::Measured& ours, const bench::Measured& peer,
                        int rounds)
     {
-        const auto outcome = apart<Outcome>([&] {
+        const auto outcome = bench::apart<Outcome>([&] {
             const bench::Medians medians = mTable.compare(name, limit, ours, peer, rounds);
             return Outcome{medians, mTable.result()};
         });

@@ -17,24 +17,20 @@
 #include "Comparison.h"
 #include "FakeVkLog.h"
 #include "Log.h"
+#include "Require.h"
 #include "StorageInterface.h"
 #include "handles/Stdio.h"
 #include "handles/UniqueFd.h"
 
 namespace {
 
+using bench::require;
+
 constexpr char path[] = "/tmp/vpn/main/f";
 constexpr unsigned int manyFiles = 100000;
 constexpr std::size_t nameSize = 256;
 
 using Bytes = std::vector<unsigned char>;
-
-void require(bool done, const char* what)
-{
-    if (done) return;
-    std::fprintf(stderr, "%s failed\n", what);
-    std::exit(2);
-}
 
 struct Size {
     const char* name;

@@ -68,7 +68,7 @@ function(wfoal_fast_sources)
     set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<BOOL:${WFOAL_SMALL}>:-O2>")
 endfunction()
 
-# Code is generated here, so what decides about it is told again.
+# The linker generates the code, so it gets the options of the compiler that matter for it.
 function(wfoal_small_link target)
     if(WFOAL_SMALL)
         target_link_options(${target} PRIVATE -flto -flto-partition=one -fno-gnu-unique -fstack-protector-strong -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -Wl,--gc-sections)

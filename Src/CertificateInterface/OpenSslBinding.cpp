@@ -198,7 +198,7 @@ ForeignFunction findForeignOpenSslFunction()
     const LoadedFile ours = fileAt(libraryName);
     const LibraryPtr library(dlopen(libraryName, RTLD_LAZY | RTLD_NOLOAD));
     if (library) return Search(library.get(), ours).run();
-    // Without the library OpenSSL is linked into this file, or else it is somebody else's.
+    // Without the library, OpenSSL is linked into this file, or its functions belong to another one.
     const auto* const decisive = reinterpret_cast<const void*>(X509_verify_cert);
     return ours.holds(decisive) ? ForeignFunction{} : ForeignFunction{decisiveFunction, fileAt(decisive).name};
 }

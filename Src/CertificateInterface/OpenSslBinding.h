@@ -15,7 +15,8 @@ struct ForeignFunction {
 };
 
 /// Looks at what the loader has bound every reference to: those of this library to OpenSSL, and those of OpenSSL to
-/// itself. What is linked into this library itself is no stranger. Allocates nothing; the texts are the loader's own.
+/// itself. Functions that are linked into this library itself count as its own. Allocates nothing; the texts belong to
+/// the loader.
 ForeignFunction findForeignOpenSslFunction();
 
 }  // namespace wfoal
