@@ -132,7 +132,7 @@ std::vector<Element> listFrom(std::string_view text, Element (*read)(std::string
 // No resolver has a name without letters, or with an empty label at its end.
 DnsDomain domainFrom(std::string_view text)
 {
-    const DnsDomain domain = domainOf(text);
+    DnsDomain domain = domainOf(text);
     if (domain.name.empty() || domainOf(domain.name).name != domain.name) refuse(text);
     return domain;
 }

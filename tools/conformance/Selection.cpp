@@ -49,7 +49,7 @@ std::string suggestSelection(const std::string& only)
         for (const std::string& word : wordsOf(promise->text))
             words.push_back(word);
     }
-    const std::string header = wfoal::nearest(only, headers);
+    std::string header = wfoal::nearest(only, headers);
     if (!header.empty()) return header;
     std::string text;
     for (const std::string& word : wordsOf(only))
