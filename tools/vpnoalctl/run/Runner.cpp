@@ -331,7 +331,7 @@ void Runner::wait()
     int milliseconds = -1;
     if (deadline) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, 3600 * 1000));
+        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
     }
     poll(watched.data(), watched.size(), milliseconds);
 }
