@@ -4,8 +4,8 @@
 // reads it as one object, and what the bus makes of it can be sent.
 #include "Payload.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "ServiceUri.h"
@@ -22,14 +22,13 @@ bool isObject(const std::string& text)
 {
     const JsonTokenerPtr tokener(json_tokener_new());
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
-    const JsonPtr value(
-        json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(std::strlen(text.c_str()) + 1)));
+    const JsonPtr value(json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size() + 1)));
     return json_object_is_type(value.get(), json_type_object);
 }
 
 void checkUri(const std::string& text)
 {
-    const auto uri = quor::parseServiceUri(text.c_str());
+    const auto uri = quor::parseServiceUri(text);
     if (!uri) return;
     require(!uri->service.empty() && uri->path.front() == '/' && !uri->method.empty());
     // The bus itself does not accept longer names.
@@ -40,7 +39,8 @@ void checkUri(const std::string& text)
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::string text(reinterpret_cast<const char*>(data), size);
+    text.erase(std::min(text.find('\0'), text.size()));  // the bus takes C strings
     checkUri(text);
     const bool isAccepted = quor::parseRequest(text.c_str()).has_value();
     const bool isCarried = quor::isValidUtf8(text.c_str()) && !quor::isTooLarge(text.c_str());

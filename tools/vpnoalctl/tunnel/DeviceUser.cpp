@@ -4,8 +4,9 @@
 #include <fmt/format.h>
 #include <net/if.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <filesystem>
+#include <string>
 #include <system_error>
 
 #include "io/WholeFile.h"
@@ -44,6 +45,15 @@ std::string nameOf(const fs::path& process)
     return text ? text->substr(0, text->find('\n')) : std::string();
 }
 
+// 0 for a file of /proc that is not a process.
+pid_t processOf(const fs::path& path)
+{
+    const std::string name = path.filename();
+    pid_t process = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), process);
+    return error == std::errc() && *end == '\0' ? process : 0;
+}
+
 }  // namespace
 
 std::optional<DeviceUser> deviceUser()
@@ -54,8 +64,8 @@ std::optional<DeviceUser> deviceUser()
     for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         const fs::path& path = entry->path();
-        const pid_t process = std::atoi(path.filename().c_str());
-        if (process <= 0 || linkOf(path / "ns/net") != here || !hasDeviceOpen(path)) continue;
+        const pid_t process = processOf(path);
+        if (process == 0 || linkOf(path / "ns/net") != here || !hasDeviceOpen(path)) continue;
         return DeviceUser{process, nameOf(path)};
     }
     return std::nullopt;

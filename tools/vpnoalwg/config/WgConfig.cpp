@@ -216,7 +216,7 @@ public:
     {
         ++mNumber;
         if (!whole.empty() && whole.back() == '\r') whole.remove_suffix(1);
-        const Check check = checkCharacters(whole);
+        Check check = checkCharacters(whole);
         if (!check) return check;
         const std::string_view line = trimmed(whole.substr(0, whole.find('#')));
         if (line.empty()) return passed();
@@ -244,7 +244,7 @@ private:
         if (!isInterface && !sameWord(line, "[Peer]")) {
             return Fault{shown(line) + " is neither [Interface] nor [Peer]"};
         }
-        const Check peer = closePeer();
+        Check peer = closePeer();
         if (!peer) return peer;
         mGiven = {};
         if (!isInterface) {
