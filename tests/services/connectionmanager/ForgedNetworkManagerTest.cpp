@@ -18,7 +18,6 @@ namespace {
 
 using testing::HasSubstr;
 using testsupport::ChildProcess;
-using testsupport::CommandResult;
 using testsupport::LoopThread;
 using testsupport::runCommand;
 

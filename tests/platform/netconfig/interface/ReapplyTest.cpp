@@ -15,7 +15,6 @@
 #include "handles/UniqueFd.h"
 
 using namespace testsupport;
-using testing::HasSubstr;
 
 namespace {
 

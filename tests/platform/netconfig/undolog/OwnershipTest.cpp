@@ -13,7 +13,6 @@
 using namespace testsupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 namespace {
