@@ -7,18 +7,18 @@
 #include <cerrno>
 #include <cstdlib>
 
-namespace {
+namespace testsupport {
 
-bool sHasMemory = true;
+inline bool setenvHasMemory = true;
 
-}  // namespace
+}  // namespace testsupport
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the names that the linker gives
 extern "C" int __real_setenv(const char* name, const char* value, int overwrite);
 extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite);
 extern "C" int __wrap_setenv(const char* name, const char* value, int overwrite)
 {
-    if (sHasMemory) return __real_setenv(name, value, overwrite);
+    if (testsupport::setenvHasMemory) return __real_setenv(name, value, overwrite);
     errno = ENOMEM;
     return -1;
 }

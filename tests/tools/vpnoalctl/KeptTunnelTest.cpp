@@ -43,18 +43,18 @@ TEST(KeptTunnelTest, KeepsAPartOfThem)
 
 TEST(KeptTunnelTest, WithoutMemoryNothingGoesOn)
 {
-    sHasMemory = false;
+    testsupport::setenvHasMemory = false;
     EXPECT_THROW(const KeptTunnel tunnel, CommandError);
-    sHasMemory = true;
+    testsupport::setenvHasMemory = true;
 }
 
 TEST(KeptTunnelTest, WithoutMemoryAtTheEndNothingIsKeptAnyMore)
 {
     {
         const KeptTunnel tunnel;
-        sHasMemory = false;
+        testsupport::setenvHasMemory = false;
     }
-    sHasMemory = true;
+    testsupport::setenvHasMemory = true;
     EXPECT_EQ("", kept());
 }
 

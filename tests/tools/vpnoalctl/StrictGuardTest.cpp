@@ -106,9 +106,9 @@ TEST_F(StrictGuardTest, WithoutMemoryToKeepItNothingIsDisposedOf)
     sDisposed.clear();
     ASSERT_TRUE(isStrict(entryHead(here()) + strict));
     PluginPtr<KEST_SystemPlugin> system = systemObject();
-    sHasMemory = false;
+    testsupport::setenvHasMemory = false;
     disposeBesideStrictGuard(system, KeptTunnel::Part::GuardAndFilter);
-    sHasMemory = true;
+    testsupport::setenvHasMemory = true;
     EXPECT_EQ(nullptr, system);
     EXPECT_TRUE(sDisposed.empty());
 }
