@@ -31,7 +31,6 @@ using eventthread::glib;
 using eventthread::sleepMicroseconds;
 using fakes::LogLine;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
