@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     const bool isCarried = quor::isValidUtf8(text.c_str()) && !quor::isTooLarge(text.c_str());
     require(isAccepted == (isCarried && isObject(text)));
     if (!isCarried) return 0;
-    const std::string reply = quor::errorPayload(text.c_str());
+    const std::string reply = quor::errorPayload(text);
     require(isObject(reply) && quor::isValidUtf8(reply.c_str()));
     return 0;
 }
