@@ -68,7 +68,7 @@ protected:
         return inServer("wg show wgserver endpoints").find("203.0.113.10:") != std::string::npos;
     }
 
-    static void expectShortGapAfter(const std::string& command)
+    static void expectShortGapAfter(const std::string& command, int limit = 1000)
     {
         std::optional<Pulse> pulse;
         bool isShown = false;
@@ -82,7 +82,7 @@ protected:
         shell(command);
         EXPECT_TRUE(pulse->awaitAnswers(50));
         const int gap = pulse->longestGap();
-        EXPECT_LT(gap, 1000);
+        EXPECT_LT(gap, limit);
         RecordProperty("gapMs", gap);
     }
 };
@@ -94,7 +94,8 @@ TEST_F(WireguardLateNetworkTest, ItsLinkGoesDown)
 
 TEST_F(WireguardLateNetworkTest, ItLosesItsCarrier)
 {
-    expectShortGapAfter("ip netns exec internet ip link set cellular down");
+    // The kernel itself reports carriers at most once a second.
+    expectShortGapAfter("ip netns exec internet ip link set cellular down", 2000);
 }
 
 TEST_F(WireguardLateNetworkTest, ItLosesItsAddress)
