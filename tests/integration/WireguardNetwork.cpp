@@ -26,15 +26,20 @@ std::string withoutEnd(std::string text)
     return text;
 }
 
-void addAccess(const std::string& interface, const std::string& peer, const std::string& network,
-               const std::string& metric)
+// The access networks have indexes that no peer has. Where the index of an interface and that of its peer are equal,
+// the kernel takes a veth for a device without an interface below it, and tells at most once a second that such a
+// device has lost its carrier.
+constexpr int firstIndex = 1000;
+
+void addAccess(const std::string& interface, const std::string& peer, const std::string& network, int metric)
 {
-    shell("ip link add " + interface + " type veth peer name " + peer + " netns internet");
+    shell("ip link add " + interface + " index " + std::to_string(firstIndex + metric) + " type veth peer name " +
+          peer + " netns internet");
     shell("ip address add " + network + ".10/24 dev " + interface);
     shell("ip link set " + interface + " up");
     inInternet("ip address add " + network + ".1/24 dev " + peer);
     inInternet("ip link set " + peer + " up");
-    shell("ip route add default via " + network + ".1 dev " + interface + " metric " + metric);
+    shell("ip route add default via " + network + ".1 dev " + interface + " metric " + std::to_string(metric));
 }
 
 // Addresses are not tested for duplicates, which takes a second; there are none.
@@ -104,8 +109,8 @@ WireguardNetwork::WireguardNetwork()
     makeNamespace("internet");
     makeNamespace("server");
     inInternet("sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward; echo 1 >/proc/sys/net/ipv6/conf/all/forwarding'");
-    addAccess("eth0", "wifi", "192.0.2", "100");
-    addAccess("wwan0", "cellular", "203.0.113", "700");
+    addAccess("eth0", "wifi", "192.0.2", 100);
+    addAccess("wwan0", "cellular", "203.0.113", 700);
     inInternet("ip link add server type veth peer name eth0 netns server");
     inInternet("ip address add 198.51.100.1/24 dev server");
     inInternet("ip link set server up");
