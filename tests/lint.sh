@@ -23,22 +23,12 @@ step() {
     "$@" || failed+=("$name")
 }
 
-# Only sources that the clang build compiles can be judged.
-tidy() {
-    local database=build/clang/compile_commands.json source
-    local -a known=()
-    for source in "${sources[@]}"; do
-        grep -qF "$PWD/$source\"" $database && known+=("$source")
-    done
-    printf '%s\0' "${known[@]}" | xargs -0 -P "$(nproc)" -n 4 clang-tidy --quiet -p build/clang 2>/dev/null
-}
-
 step formatting clang-format --dry-run --Werror "${formatted[@]}"
 step 'shell scripts' shellcheck -x -P SCRIPTDIR .ci/run "${scripts[@]}"
 step 'configuring for clang' cmake --preset clang -DWFOAL_BENCH=ON --log-level=WARNING
 step 'clang build' cmake --build --preset clang
 step 'package list' packaging/check-packages.sh build/clang build package test
-step clang-tidy tidy
+step clang-tidy tests/tidy.py build/clang "${sources[@]}"
 
 if [ ${#failed[@]} -gt 0 ]; then
     printf 'lint: failed: %s\n' "${failed[*]}" >&2
