@@ -67,4 +67,4 @@ cmake --build --preset "$preset"
 
 tests=(ctest --test-dir "build/$preset" -j2 --output-on-failure --no-tests=error)
 [ -z "$filter" ] || tests+=(-R "$filter")
-exec "${tests[@]}"
+"${tests[@]}" | tests/support/retell-failures.py
