@@ -11,10 +11,11 @@ links_are_watched() {
     [ -s "$logs/links" ]
 }
 
-# run_into FILE NAME COMMAND...
+# run_into FILE NAME COMMAND...: the file can be read at once.
 run_into() {
     local file=$1 name=$2
     shift 2
+    : >"$file"
     # shellcheck disable=SC2016  # the inner shell's
     run_beside "$name" sh -c 'file=$1; shift; exec "$@" >"$file" 2>&1' sh "$file" "$@"
 }
