@@ -38,7 +38,7 @@ ifreq requestFor(const std::string& name)
     return request;
 }
 
-std::string InterfaceNameCache::nameOf(unsigned index)
+const std::string& InterfaceNameCache::nameOf(unsigned index)
 {
     if (mHasLast && mLastIndex == index) return mLastName;
     mHasLast = true;

@@ -21,8 +21,8 @@ ifreq requestFor(const std::string& name);
 /// one for a single call only, because names change.
 class InterfaceNameCache {
 public:
-    /// Never fails: a name that cannot be stored is looked up again.
-    std::string nameOf(unsigned index);
+    /// Never fails: a name that cannot be stored is looked up again. Valid until the next call.
+    const std::string& nameOf(unsigned index);
 
 private:
     std::unordered_map<unsigned, std::string> mNames;

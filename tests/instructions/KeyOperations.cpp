@@ -16,6 +16,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AgentObjects.h"
@@ -84,6 +85,8 @@ Operation readRoutes()
 
 void addRoutes()
 {
+    static bool added = false;
+    if (std::exchange(added, true)) return;
     // Opened before this process entered its namespaces. The old socket goes first: there is one port id.
     sNlHelper = NetLinkHelper(UniqueFd());
     sNlHelper = NetLinkHelper(NETLINK_ROUTE, 0);
@@ -106,6 +109,23 @@ Operation chooseInterface()
     addRoutes();
     auto agent = std::make_shared<SocketInterface>();
     return {[agent] { require(agent->getBestInterfaceId() == "eth0", "choosing an interface"); }};
+}
+
+// The same routes, and those of the interfaces.
+Operation listRoutes()
+{
+    addRoutes();
+    struct Parts {
+        SystemInterface system;
+        testsupport::RouteArray routes{300};
+    };
+    auto parts = std::make_shared<Parts>();
+    return {[parts] {
+        auto count = static_cast<unsigned>(parts->routes.size());
+        require(parts->system.EnumerateRoutes(count, parts->routes.pointers()) == PLUGIN_SUCCESS &&
+                    parts->routes[200].GetDestination() != nullptr,
+                "listing routes");
+    }};
 }
 
 // 1,000 routes, as the platform is handed them.
@@ -291,6 +311,7 @@ struct NamedOperation {
 constexpr NamedOperation operations[] = {
     {"parse 1,000 routes", readRoutes},
     {"choose an interface", chooseInterface},
+    {"list 200 routes", listRoutes},
     {"read a request of 1,000 routes", readRequest},
     {"apply 50 routes and 20 rules", apply},
     {"restore", restore},

@@ -33,6 +33,15 @@ TEST(Ipv4Test, DottedAddressIsFourPlainNumbers)
     }
 }
 
+TEST(Ipv4Test, EveryByteIsWrittenInDecimal)
+{
+    for (std::uint32_t byte = 0; byte < 256; ++byte) {
+        const std::string text = std::to_string(byte);
+        EXPECT_EQ(dotted(Ipv4Address::fromNumber(byte << 24 | byte << 8)), text + ".0." + text + ".0");
+        EXPECT_EQ(dotted(Ipv4Address::fromNumber(byte << 16 | byte)), "0." + text + ".0." + text);
+    }
+}
+
 TEST(Ipv4Test, PrefixLengthOfEveryNetmaskAndBack)
 {
     for (int prefix = 0; prefix <= 32; ++prefix) {
