@@ -14,13 +14,13 @@ stop_traffic() { stop_beside traffic; }
 
 # answered_since MICROSECONDS
 answered_since() {
-    awk -v since="$1" -F '[][]' '/ bytes from / && $2 * 1000000 > since { found = 1 } END { exit !found }' "$logs/answers"
+    awk -v since="$1" -F '[][]' '/ bytes from .* time=/ && $2 * 1000000 > since { found = 1 } END { exit !found }' "$logs/answers"
 }
 
 # longest_silence_since MICROSECONDS: the longest time between two answers from then on, and what got none.
 longest_silence_since() {
     local begin end lost
-    read -r begin end lost < <(awk -v since="$1" -F '[][]' '/ bytes from / {
+    read -r begin end lost < <(awk -v since="$1" -F '[][]' '/ bytes from .* time=/ {
             time = $2 * 1000000
             number = $3
             sub(/.*icmp_seq=/, "", number)
