@@ -13,6 +13,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -41,8 +42,9 @@ def compiled_sources(build, wanted):
     found = {}
     for entry in json.loads(pathlib.Path(build, "compile_commands.json").read_text()):
         source = os.path.realpath(entry["file"])
-        if source in wanted and entry["output"] in includes:
-            found.setdefault(source, (entry["command"], includes[entry["output"]]))
+        output = re.search(r" -o (\S+) ", entry["command"]).group(1)
+        if source in wanted and output in includes:
+            found.setdefault(source, (entry["command"], includes[output]))
     return found
 
 
