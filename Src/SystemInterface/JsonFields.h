@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Fills JSON objects, and reports when memory runs out. json-c by itself owns a value only after success, and silently
-// shortens a text that it has no memory for.
+// Fills JSON objects, and reports when memory runs out. json-c by itself owns a value only after success.
 #ifndef WFOAL_SYSTEMINTERFACE_JSONFIELDS_H
 #define WFOAL_SYSTEMINTERFACE_JSONFIELDS_H
 
@@ -21,9 +20,6 @@ bool setField(json_object* object, const char* key, json_object* value);
 bool setText(json_object* object, const char* key, const char* text);
 
 bool addElement(json_object* array, json_object* value);
-
-/// The object's text, which lives as long as the object does; null when there is no memory for all of it.
-const char* completeText(json_object* object);
 
 }  // namespace wfoal
 

@@ -3,6 +3,7 @@
 // A small file for a program that cleans up after a crash: it names the interface and the agent. The plug-in never
 // reads or removes it.
 #include "JsonFields.h"
+#include "JsonText.h"
 #include "Log.h"
 #include "SystemInterface.h"
 #include "handles/Stdio.h"
@@ -26,12 +27,12 @@ void SystemInterface::saveDataForRecovery()
     const JsonPtr data(json_object_new_object());
     const bool isWhole = wfoal::addText(data.get(), "ifName", tunnelInterfaceName) &&
                          wfoal::addText(data.get(), "vpnAgentGuid", agentGuid);
-    const char* text = isWhole ? wfoal::completeText(data.get()) : nullptr;
-    if (text == nullptr) {
+    const CStringPtr text = isWhole ? wfoal::completeText(data.get()) : nullptr;
+    if (!text) {
         WFOAL_ERROR("%s: Couldn't create json object", __func__);
         return;
     }
-    WFOAL_DEBUG("%s: Writing interface data to the recovery file: %s", __func__, text);
+    WFOAL_DEBUG("%s: Writing interface data to the recovery file: %s", __func__, text.get());
     // A failure to write is not reported, for compatibility.
-    static_cast<void>(std::fputs(text, file.get()));
+    static_cast<void>(std::fputs(text.get(), file.get()));
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "JsonFields.h"
+#include "JsonText.h"
 #include "Log.h"
 #include "SystemInterface.h"
 #include "VkNetConfigLib.h"
@@ -109,24 +110,24 @@ bool SystemInterface::addInterfaceInfoToJson()
 PluginResult SystemInterface::ApplyConfiguration()
 {
     WFOAL_DEBUG("SystemInterface::%s called!!!", __func__);
-    const char* filter = wfoal::completeText(mpFirewallObj.get());
-    if (mbIncomplete || (mpFirewallObj && filter == nullptr)) {
+    const CStringPtr filter = wfoal::completeText(mpFirewallObj.get());
+    if (mbIncomplete || (mpFirewallObj && !filter)) {
         WFOAL_ERROR("SystemInterface::%s: Out of memory, the configuration is incomplete and not applied", __func__);
         return PLUGIN_FAILURE;
     }
     // Install the packet filter before the interface carries traffic. It stays when the interface request fails.
     if (mpFirewallObj) {
         deleteFirewallSettings();
-        VkFirewallFullCtrl(filter);
+        VkFirewallFullCtrl(filter.get());
     }
     if (!mpNetIfObj) return PLUGIN_FAILURE;
 
-    const char* request = addInterfaceInfoToJson() ? wfoal::completeText(mpNetIfObj.get()) : nullptr;
-    if (request == nullptr || CmAddInterfaceCfg2(request) != 0) {
+    const CStringPtr request = addInterfaceInfoToJson() ? wfoal::completeText(mpNetIfObj.get()) : nullptr;
+    if (!request || CmAddInterfaceCfg2(request.get()) != 0) {
         WFOAL_ERROR("SystemInterface::%s: Failed to Add Interface", __func__);
         return PLUGIN_FAILURE;
     }
-    WFOAL_DEBUG("SystemInterface::%s: interface configuration: %s", __func__, request);
+    WFOAL_DEBUG("SystemInterface::%s: interface configuration: %s", __func__, request.get());
     WFOAL_INFO("SystemInterface::%s: Brought Up Vpn Interface", __func__);
     if (auto* callback = mpSystemPluginCB.load()) callback->OnConfigurationChange();
     mbConfigApplied = true;

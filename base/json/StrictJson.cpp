@@ -81,6 +81,12 @@ std::size_t loneSurrogateIn(std::string_view text)
     return std::string_view::npos;
 }
 
+// rapidjson's blocks for values have 64 KB unless told otherwise; most requests need far less.
+std::size_t poolBlockFor(std::size_t textSize)
+{
+    return std::clamp<std::size_t>(2 * textSize, 1024, std::size_t{64} * 1024);
+}
+
 std::string describe(rapidjson::ParseErrorCode code)
 {
     std::string reason = rapidjson::GetParseError_En(code);
@@ -172,16 +178,18 @@ JsonValue JsonValue::member(std::size_t position) const
 }
 
 struct JsonDocument::Parsed {
+    Parsed(const char* given, const char* givenName) : text(given), name(givenName) {}
+
     std::string text;  // parsed in place: the values point into it
     const char* name;
-    Document document;
+    Pool pool{poolBlockFor(text.size())};
+    Document document{&pool};
 };
 
-JsonDocument::JsonDocument(const char* text, const char* name) : mParsed(std::make_unique<Parsed>())
+JsonDocument::JsonDocument(const char* text, const char* name)
 {
     if (text == nullptr) throw JsonError("", std::string(name) + " is a null pointer");
-    mParsed->text = text;
-    mParsed->name = name;
+    mParsed = std::make_unique<Parsed>(text, name);
     // Checked beforehand: rapidjson's own check reads over the end of a text that ends within a character.
     if (const std::size_t fault = utf8FaultIn(mParsed->text); fault != std::string_view::npos) {
         throw JsonError("", std::string(name) + " is not JSON: no UTF-8, at " + positionIn(text, fault));

@@ -45,11 +45,12 @@ std::optional<Ipv4Address> parseDottedAddress(std::string_view text)
     std::uint32_t value = 0;
     for (int part = 0; part < 4; ++part) {
         if (part > 0 && (at == end || *at++ != '.')) return std::nullopt;
-        std::uint8_t number = 0;
-        const auto [after, error] = std::from_chars(at, end, number);
-        if (error != std::errc() || (*at == '0' && after - at > 1)) return std::nullopt;
+        const char* const begin = at;
+        unsigned number = 0;
+        for (; at != end && *at >= '0' && *at <= '9' && at - begin < 3; ++at)
+            number = 10 * number + static_cast<unsigned>(*at - '0');
+        if (at == begin || number > 255 || (*begin == '0' && at - begin > 1)) return std::nullopt;
         value = value << 8 | number;
-        at = after;
     }
     if (at != end) return std::nullopt;
     return Ipv4Address::fromNumber(value);

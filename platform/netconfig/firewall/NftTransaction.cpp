@@ -16,7 +16,6 @@ namespace vknetconfig {
 namespace {
 
 constexpr std::size_t largestMessage = 4096;
-constexpr std::size_t firstRoom = std::size_t{64} * 1024;
 
 nlmsghdr* putBoundary(char* place, std::uint16_t type, std::uint32_t sequence)
 {
@@ -32,8 +31,7 @@ nlmsghdr* putBoundary(char* place, std::uint16_t type, std::uint32_t sequence)
 
 }  // namespace
 
-NftTransaction::NftTransaction(NetlinkSocket& socket)
-    : mSocket(socket), mBuffer(firstRoom), mFirstSequence(socket.nextSequence())
+NftTransaction::NftTransaction(NetlinkSocket& socket) : mSocket(socket), mFirstSequence(socket.nextSequence())
 {
     mLast = putBoundary(room(), NFNL_MSG_BATCH_BEGIN, mFirstSequence);
     mCount = 1;
@@ -42,14 +40,13 @@ NftTransaction::NftTransaction(NetlinkSocket& socket)
 char* NftTransaction::room()
 {
     close();
-    if (mBuffer.size() - mUsed < largestMessage) mBuffer.resize(2 * mBuffer.size());
-    return mBuffer.data() + mUsed;
+    return mBuffer.place(largestMessage);
 }
 
 void NftTransaction::close()
 {
     if (mLast == nullptr) return;
-    mUsed += MNL_ALIGN(mLast->nlmsg_len);
+    mBuffer.add(MNL_ALIGN(mLast->nlmsg_len));
     mLast = nullptr;
 }
 
@@ -70,7 +67,7 @@ std::optional<NetlinkFailure> NftTransaction::commit()
     mLast = putBoundary(place, NFNL_MSG_BATCH_END, mSocket.nextSequence());
     close();
     provideSendBuffer();
-    mSocket.send(mBuffer.data(), mUsed);
+    mSocket.send(mBuffer.data(), mBuffer.size());
     return receiveResult();
 }
 
@@ -81,9 +78,10 @@ void NftTransaction::provideSendBuffer()
     int size = 0;
     socklen_t length = sizeof size;
     // Half of it is for the kernel's own records.
-    if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && mUsed < static_cast<std::size_t>(size) / 2)
+    if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 &&
+        mBuffer.size() < static_cast<std::size_t>(size) / 2)
         return;
-    size = static_cast<int>(mUsed);
+    size = static_cast<int>(mBuffer.size());
     if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) == 0) return;
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);  // sending fails when that is not enough
 }

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
 
+#include "kernel/MessageBuffer.h"
 #include "kernel/NetlinkSocket.h"
 
 namespace vknetconfig {
@@ -36,8 +36,7 @@ private:
     std::optional<NetlinkFailure> receiveResult();
 
     NetlinkSocket& mSocket;
-    std::vector<char> mBuffer;
-    std::size_t mUsed = 0;      // bytes of closed messages
+    MessageBuffer mBuffer;      // closed messages
     nlmsghdr* mLast = nullptr;  // the open message
     std::size_t mCount = 0;
     std::uint32_t mFirstSequence;

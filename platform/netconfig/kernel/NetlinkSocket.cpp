@@ -121,15 +121,15 @@ int NetlinkSocket::ask(nlmsghdr* request, const std::function<void(const nlmsghd
 }
 
 NetlinkBatch::NetlinkBatch(NetlinkSocket& socket, std::initializer_list<int> tolerated)
-    : mSocket(socket), mTolerated(tolerated), mBuffer(new char[batchSize]), mFirstSequence(socket.mSequence + 1)
+    : mSocket(socket), mTolerated(tolerated), mFirstSequence(socket.mSequence + 1)
 {
 }
 
 nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
 {
+    if (mLast != nullptr && mBuffer.size() + MNL_ALIGN(mLast->nlmsg_len) + largestMessage > batchSize) send();
     close();
-    if (mUsed + largestMessage > batchSize) send();
-    mLast = mnl_nlmsg_put_header(mBuffer.get() + mUsed);
+    mLast = mnl_nlmsg_put_header(mBuffer.place(largestMessage));
     mLast->nlmsg_type = type;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
     mLast->nlmsg_seq = mSocket.nextSequence();
@@ -140,25 +140,24 @@ nlmsghdr* NetlinkBatch::add(std::uint16_t type, std::uint16_t flags)
 void NetlinkBatch::close()
 {
     if (mLast == nullptr) return;
-    const auto offset = static_cast<std::size_t>(reinterpret_cast<char*>(mLast) - mBuffer.get());
-    mUsed = offset + MNL_ALIGN(mLast->nlmsg_len);
+    mBuffer.add(MNL_ALIGN(mLast->nlmsg_len));
+    mLast = nullptr;
 }
 
 const std::vector<NetlinkFailure>& NetlinkBatch::finish()
 {
-    close();
     send();
     return mFailures;
 }
 
 void NetlinkBatch::send()
 {
-    if (mUsed == 0) return;
+    if (mLast == nullptr) return;
     mLast->nlmsg_flags = static_cast<std::uint16_t>(mLast->nlmsg_flags | NLM_F_ACK);
     const std::uint32_t last = mLast->nlmsg_seq;
-    mSocket.send(mBuffer.get(), mUsed);
-    mUsed = 0;
-    mLast = nullptr;
+    close();
+    mSocket.send(mBuffer.data(), mBuffer.size());
+    mBuffer.clear();
     // Lost answers may include the acknowledgement, but never the first error, which is the oldest answer.
     bool isLossy = false;
     bool isComplete = false;

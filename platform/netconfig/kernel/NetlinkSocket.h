@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "handles/Mnl.h"
+#include "kernel/MessageBuffer.h"
 #include "netlink/NetlinkDatagram.h"
 
 namespace vknetconfig {
@@ -86,9 +86,8 @@ private:
 
     NetlinkSocket& mSocket;
     std::vector<int> mTolerated;
-    std::unique_ptr<char[]> mBuffer;
-    std::size_t mUsed = 0;      // bytes of closed messages
-    nlmsghdr* mLast = nullptr;  // the open or last message
+    MessageBuffer mBuffer;      // closed messages
+    nlmsghdr* mLast = nullptr;  // the open message
     std::size_t mCount = 0;     // messages added so far
     std::uint32_t mFirstSequence;
     std::vector<NetlinkFailure> mFailures;
