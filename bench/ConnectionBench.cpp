@@ -137,7 +137,8 @@ private:
     SocketInterface mSocket;
 };
 
-/// Sends what was recorded, and waits for the kernel's answer. Nothing is read, checked, written down or rolled back.
+/// Sends what was recorded, and waits for the kernel's answer. Nothing is read, checked, written down or rolled back,
+/// and the sockets stay open.
 class BareKernel {
 public:
     BareKernel()
@@ -233,6 +234,27 @@ void setTableNumber(Sent& removal, unsigned number)
     std::memcpy(reinterpret_cast<char*>(message) + message->nlmsg_len - sizeof bytes, &bytes, sizeof bytes);
 }
 
+// A batch of routes as a program sends it that makes one request after the other, each with its acknowledgement. A
+// transaction of nftables cannot be divided.
+std::vector<Sent> oneByOne(const std::vector<Sent>& changes)
+{
+    std::vector<Sent> requests;
+    for (const Sent& sent : changes) {
+        if (sent.protocol == NETLINK_NETFILTER) {
+            requests.push_back(sent);
+            continue;
+        }
+        for (std::size_t offset = 0; offset < sent.bytes.size();) {
+            const auto length = reinterpret_cast<const nlmsghdr*>(sent.bytes.data() + offset)->nlmsg_len;
+            Sent request{sent.protocol, sent.bytes.substr(offset, length)};
+            reinterpret_cast<nlmsghdr*>(request.bytes.data())->nlmsg_flags |= NLM_F_ACK;
+            requests.push_back(std::move(request));
+            offset += NLMSG_ALIGN(length);
+        }
+    }
+    return requests;
+}
+
 /// The same through bare messages.
 class BareAgent {
 public:
@@ -262,8 +284,7 @@ public:
         ifreq device{};
         for (int i = 0; i < 2; ++i) {
             mKernel.dumpRoutes();
-            device.ifr_ifindex = static_cast<int>(mPhysical);
-            require(ioctl(outer.get(), SIOCGIFNAME, &device) == 0, "SIOCGIFNAME");
+            require(if_indextoname(mPhysical, device.ifr_name) != nullptr, "if_indextoname");
         }
         require(setsockopt(outer.get(), SOL_SOCKET, SO_BINDTODEVICE, &device, 32) == 0, "SO_BINDTODEVICE");
         require(ioctl(outer.get(), SIOCGIFADDR, &device) == 0, "SIOCGIFADDR");
@@ -343,7 +364,9 @@ int main()
     changes.apply = recorded([&] { agent.apply(); });
     changes.restore = recorded([&] { agent.restore(); });
     const Network peers;
-    BareAgent bare(std::move(changes));
+    BareAgent bare({oneByOne(changes.apply), oneByOne(changes.restore)});
+    const Network kernels;
+    BareAgent kernel(std::move(changes));
     const Network tools;
     writeBatches();
 
@@ -352,23 +375,32 @@ int main()
         ours, nothing, [&] { agent.apply(); }, [&] { agent.restore(); });
     const auto restore = in(
         ours, [&] { agent.apply(); }, [&] { agent.restore(); }, nothing);
-    const auto bareApply = in(
-        peers, nothing, [&] { bare.apply(); },
-        [&] {
-            bare.prepareRestore();
-            bare.restore();
-        });
-    const auto bareRestore = in(
-        peers,
-        [&] {
-            bare.apply();
-            bare.prepareRestore();
-        },
-        [&] { bare.restore(); }, nothing);
+    const auto applyOf = [&](const Network& network, BareAgent& peer) {
+        return in(
+            network, nothing, [&peer] { peer.apply(); },
+            [&peer] {
+                peer.prepareRestore();
+                peer.restore();
+            });
+    };
+    const auto restoreOf = [&](const Network& network, BareAgent& peer) {
+        return in(
+            network,
+            [&peer] {
+                peer.apply();
+                peer.prepareRestore();
+            },
+            [&peer] { peer.restore(); }, nothing);
+    };
     const int rounds = 101;
     bench::Table table("A connection: 50 routes, 20 rules");
-    table.compare("apply, to the bare messages", 1.4, apply, bareApply, rounds);
-    table.compare("restore, to the bare messages", 1.3, restore, bareRestore, rounds);
+    table.compare("apply, to the bare requests", 1.4, apply, applyOf(peers, bare), rounds);
+    table.compare("restore, to the bare requests", 1.3, restore, restoreOf(peers, bare), rounds);
+    // What the kernel takes when it gets everything in one call for each protocol, as it gets it from ours.
+    table.compare("apply (kernel's share), to our messages alone", bench::noLimit, apply, applyOf(kernels, kernel),
+                  rounds);
+    table.compare("restore (kernel's share), to our messages alone", bench::noLimit, restore,
+                  restoreOf(kernels, kernel), rounds);
     table.compare("choose and bind, to the bare calls", 1.5,
                   in(
                       ours, nothing, [&] { agent.chooseAndBind(); }, nothing),

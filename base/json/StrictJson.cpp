@@ -109,10 +109,11 @@ void JsonValue::refuse(const std::string& reason) const
     throw JsonError(path(), mParent == nullptr ? std::string(mKey) + ": " + reason : reason);
 }
 
-void JsonValue::refuseMissing(const char* key) const
+void JsonValue::refuseMissing(std::string_view key) const
 {
-    const std::string before = path();
-    throw JsonError(before.empty() ? key : before + "." + key, "missing");
+    std::string place = path();
+    if (!place.empty()) place += ".";
+    throw JsonError(place.append(key), "missing");
 }
 
 void JsonValue::refuseUnknown(const std::vector<std::string>& known) const

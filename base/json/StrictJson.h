@@ -19,7 +19,7 @@ class JsonValue;
 /// One key of an object: how it is read into a record, and whether it may be absent.
 template <class Record>
 struct JsonField {
-    const char* key;
+    std::string_view key;
     bool required;
     void (*read)(const JsonValue& value, Record& record);
 };
@@ -78,7 +78,7 @@ private:
     JsonValue element(std::size_t index) const;
     std::size_t objectSize() const;
     JsonValue member(std::size_t position) const;
-    [[noreturn]] void refuseMissing(const char* key) const;
+    [[noreturn]] void refuseMissing(std::string_view key) const;
     [[noreturn]] void refuseUnknown(const std::vector<std::string>& known) const;
     template <class Record, std::size_t count>
     static std::vector<std::string> names(const JsonField<Record> (&fields)[count])

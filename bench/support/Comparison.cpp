@@ -98,8 +98,9 @@ void Table::judge(const std::string& name, const std::string& ours, const std::s
 {
     const bool isWithin = value <= limit;
     mWithinLimits = mWithinLimits && isWithin;
-    std::printf("%-52s %13s %13s %7.2f %7.2f%s\n", name.c_str(), ours.c_str(), peer.c_str(), value, limit,
-                isWithin ? "" : "  OVER");
+    std::printf("%-52s %13s %13s %7.2f", name.c_str(), ours.c_str(), peer.c_str(), value);
+    if (limit < noLimit) std::printf(" %7.2f%s", limit, isWithin ? "" : "  OVER");
+    std::printf("\n");
     std::fflush(stdout);
 }
 

@@ -32,6 +32,9 @@ Measured timed(Work work)
     return [work = std::move(work)]() mutable { return secondsOf(work); };
 }
 
+/// For a ratio that is only shown.
+constexpr double noLimit = 1e9;
+
 /// Seconds in the middle of all rounds.
 struct Medians {
     double ours;

@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+#include "netlink/PutAttributes.h"
+
 namespace vknetconfig {
 
 /// `type`: NFT_MSG_...; `family`: NFPROTO_...
@@ -25,21 +27,8 @@ inline nlmsghdr* putNftHeader(char* place, std::uint16_t type, std::uint8_t fami
 
 inline void putNumber(nlmsghdr* message, std::uint16_t type, std::uint32_t number)
 {
-    mnl_attr_put_u32(message, type, htonl(number));
+    wfoal::putU32(message, type, htonl(number));
 }
-
-/// What is put into the message while it lives becomes part of the nest.
-class NftNest {
-public:
-    NftNest(nlmsghdr* message, std::uint16_t type) : mMessage(message), mBegin(mnl_attr_nest_start(message, type)) {}
-    ~NftNest() { mnl_attr_nest_end(mMessage, mBegin); }
-    NftNest(const NftNest&) = delete;
-    NftNest& operator=(const NftNest&) = delete;
-
-private:
-    nlmsghdr* const mMessage;
-    nlattr* const mBegin;
-};
 
 }  // namespace vknetconfig
 

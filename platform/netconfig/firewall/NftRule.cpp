@@ -15,6 +15,10 @@ namespace vknetconfig {
 
 namespace {
 
+using wfoal::AttributeNest;
+using wfoal::putBytes;
+using wfoal::putText;
+
 constexpr std::size_t mostAtOnce = 4;  // bytes; the kernel is fastest with these
 
 /// An expression of the rule, to put its attributes into.
@@ -28,18 +32,18 @@ public:
 private:
     static nlmsghdr* named(nlmsghdr* message, const char* name)
     {
-        mnl_attr_put_strz(message, NFTA_EXPR_NAME, name);
+        putText(message, NFTA_EXPR_NAME, name);
         return message;
     }
 
-    NftNest mElement;
-    NftNest mData;
+    AttributeNest mElement;
+    AttributeNest mData;
 };
 
-void putBytes(nlmsghdr* message, std::uint16_t type, const void* bytes, std::size_t size)
+void putData(nlmsghdr* message, std::uint16_t type, const void* bytes, std::size_t size)
 {
-    const NftNest nest(message, type);
-    mnl_attr_put(message, NFTA_DATA_VALUE, size, bytes);
+    const AttributeNest nest(message, type);
+    putBytes(message, NFTA_DATA_VALUE, bytes, size);
 }
 
 // `chain`: where to jump, or null.
@@ -47,30 +51,30 @@ void putVerdict(nlmsghdr* message, std::uint32_t verdict, const char* chain)
 {
     const Expression immediate(message, "immediate");
     putNumber(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
-    const NftNest data(message, NFTA_IMMEDIATE_DATA);
-    const NftNest decision(message, NFTA_DATA_VERDICT);
+    const AttributeNest data(message, NFTA_IMMEDIATE_DATA);
+    const AttributeNest decision(message, NFTA_DATA_VERDICT);
     putNumber(message, NFTA_VERDICT_CODE, verdict);
-    if (chain != nullptr) mnl_attr_put_strz(message, NFTA_VERDICT_CHAIN, chain);
+    if (chain != nullptr) putText(message, NFTA_VERDICT_CHAIN, chain);
 }
 
 nlmsghdr* addRule(NftTransaction& transaction, const std::string& table, const std::string& chain)
 {
     nlmsghdr* const message = transaction.add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
-    mnl_attr_put_strz(message, NFTA_RULE_TABLE, table.c_str());
-    mnl_attr_put_strz(message, NFTA_RULE_CHAIN, chain.c_str());
+    putText(message, NFTA_RULE_TABLE, table);
+    putText(message, NFTA_RULE_CHAIN, chain);
     return message;
 }
 
 }  // namespace
 
 NftRule::NftRule(NftTransaction& transaction, const std::string& table, const std::string& chain)
-    : mMessage(addRule(transaction, table, chain)), mExpressions(mnl_attr_nest_start(mMessage, NFTA_RULE_EXPRESSIONS))
+    : mMessage(addRule(transaction, table, chain)), mExpressions(wfoal::beginNest(mMessage, NFTA_RULE_EXPRESSIONS))
 {
 }
 
 void NftRule::finish()
 {
-    mnl_attr_nest_end(mMessage, mExpressions);
+    wfoal::endNest(mMessage, mExpressions);
 }
 
 void NftRule::matchMeta(std::uint32_t key, const void* value, std::size_t size)
@@ -100,8 +104,8 @@ void NftRule::mask(const void* bits, std::size_t size)
     putNumber(mMessage, NFTA_BITWISE_SREG, NFT_REG_1);
     putNumber(mMessage, NFTA_BITWISE_DREG, NFT_REG_1);
     putNumber(mMessage, NFTA_BITWISE_LEN, static_cast<std::uint32_t>(size));
-    putBytes(mMessage, NFTA_BITWISE_MASK, bits, size);
-    putBytes(mMessage, NFTA_BITWISE_XOR, nothing.data(), size);
+    putData(mMessage, NFTA_BITWISE_MASK, bits, size);
+    putData(mMessage, NFTA_BITWISE_XOR, nothing.data(), size);
 }
 
 void NftRule::compare(const void* value, std::size_t size)
@@ -114,7 +118,7 @@ void NftRule::compareBy(std::uint32_t operation, const void* value, std::size_t 
     const Expression comparison(mMessage, "cmp");
     putNumber(mMessage, NFTA_CMP_SREG, NFT_REG_1);
     putNumber(mMessage, NFTA_CMP_OP, operation);
-    putBytes(mMessage, NFTA_CMP_DATA, value, size);
+    putData(mMessage, NFTA_CMP_DATA, value, size);
 }
 
 void NftRule::matchHeader(std::uint32_t base, std::uint32_t offset, std::string bytes)
@@ -224,7 +228,7 @@ void NftRule::addReject(std::uint32_t type, std::uint8_t code)
     flush();
     const Expression reject(mMessage, "reject");
     putNumber(mMessage, NFTA_REJECT_TYPE, type);
-    mnl_attr_put_u8(mMessage, NFTA_REJECT_ICMP_CODE, code);
+    putBytes(mMessage, NFTA_REJECT_ICMP_CODE, &code, sizeof code);
 }
 
 void NftRule::reject()

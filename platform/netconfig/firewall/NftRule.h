@@ -64,7 +64,7 @@ private:
                      std::uint8_t prefix);
 
     nlmsghdr* const mMessage;
-    nlattr* const mExpressions;
+    const std::uint32_t mExpressions;  // place of the nest
     Comparison mPending;
     std::uint8_t mFamily = 0;  // NFPROTO_..., when it was matched
 };

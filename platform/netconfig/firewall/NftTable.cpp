@@ -32,7 +32,7 @@ TableFound findTable(NetlinkSocket& socket, const std::string& name)
 {
     alignas(nlmsghdr) std::array<char, 512> request{};
     nlmsghdr* const message = putNftHeader(request.data(), NFT_MSG_GETTABLE, NFPROTO_INET);
-    mnl_attr_put_strz(message, NFTA_TABLE_NAME, name.c_str());
+    wfoal::putText(message, NFTA_TABLE_NAME, name);
     TableFound found;
     const int error = socket.ask(message, [&found](const nlmsghdr* answer) { found = readTable(answer); });
     if (error != 0 && error != ENOENT) throw systemError("nftables", "the kernel", error);

@@ -20,8 +20,8 @@ constexpr std::int32_t filterPriority = 0;
 nlmsghdr* addNamedChain(NftTransaction& transaction, const std::string& label, const char* name)
 {
     nlmsghdr* const message = transaction.add(NFT_MSG_NEWCHAIN, NLM_F_CREATE);
-    mnl_attr_put_strz(message, NFTA_CHAIN_TABLE, label.c_str());
-    mnl_attr_put_strz(message, NFTA_CHAIN_NAME, name);
+    wfoal::putText(message, NFTA_CHAIN_TABLE, label);
+    wfoal::putText(message, NFTA_CHAIN_NAME, name);
     return message;
 }
 
@@ -31,8 +31,8 @@ void addTable(NftTransaction& transaction, const std::string& label)
 {
     const std::string userData = wfoal::markedUserData();
     nlmsghdr* const message = transaction.add(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_EXCL);
-    mnl_attr_put_strz(message, NFTA_TABLE_NAME, label.c_str());
-    mnl_attr_put(message, NFTA_TABLE_USERDATA, userData.size(), userData.data());
+    wfoal::putText(message, NFTA_TABLE_NAME, label);
+    wfoal::putBytes(message, NFTA_TABLE_USERDATA, userData.data(), userData.size());
 }
 
 void addChain(NftTransaction& transaction, const std::string& label, const std::string& chain)
@@ -45,12 +45,12 @@ void addBaseChain(NftTransaction& transaction, const std::string& label, const B
 {
     nlmsghdr* const message = addNamedChain(transaction, label, base.name);
     {
-        const NftNest hook(message, NFTA_CHAIN_HOOK);
+        const wfoal::AttributeNest hook(message, NFTA_CHAIN_HOOK);
         putNumber(message, NFTA_HOOK_HOOKNUM, base.hook);
         putNumber(message, NFTA_HOOK_PRIORITY, static_cast<std::uint32_t>(filterPriority));
     }
     putNumber(message, NFTA_CHAIN_POLICY, NF_ACCEPT);
-    mnl_attr_put_strz(message, NFTA_CHAIN_TYPE, "filter");
+    wfoal::putText(message, NFTA_CHAIN_TYPE, "filter");
     NftRule rule(transaction, label, base.name);
     rule.jump(target);
     rule.finish();
@@ -58,7 +58,8 @@ void addBaseChain(NftTransaction& transaction, const std::string& label, const B
 
 void addTableRemoval(NftTransaction& transaction, std::uint64_t handle)
 {
-    mnl_attr_put_u64(transaction.add(NFT_MSG_DELTABLE, 0), NFTA_TABLE_HANDLE, htobe64(handle));
+    const std::uint64_t number = htobe64(handle);
+    wfoal::putBytes(transaction.add(NFT_MSG_DELTABLE, 0), NFTA_TABLE_HANDLE, &number, sizeof number);
 }
 
 }  // namespace vknetconfig

@@ -16,12 +16,16 @@
 
 #include "RequestError.h"
 #include "netlink/Attributes.h"
+#include "netlink/PutAttributes.h"
 
 namespace vknetconfig {
 
 namespace {
 
 using wfoal::Attributes;
+using wfoal::putBytes;
+using wfoal::putText;
+using wfoal::putU32;
 
 constexpr std::uint32_t placeholderQdiscHandle = 0xff770000;  // of a discipline that is installed only to be deleted
 constexpr char noopQdisc[] = "noop";
@@ -71,7 +75,7 @@ void readLink(const nlmsghdr* message, std::optional<LinkState>& link)
 
 std::optional<LinkState> askForLink(NetlinkSocket& socket, Question& question)
 {
-    mnl_attr_put_u32(question.message, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);  // most of the answer otherwise
+    putU32(question.message, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);  // most of the answer otherwise
     std::optional<LinkState> link;
     const int error = socket.ask(question.message, [&](const nlmsghdr* message) { readLink(message, link); });
     if (error == ENODEV) return std::nullopt;
@@ -98,11 +102,10 @@ void putAddressGeneration(NetlinkBatch& batch, int index, int mode)
 {
     nlmsghdr* message = batch.add(RTM_SETLINK, 0);
     putLinkHeader(message, index);
-    nlattr* families = mnl_attr_nest_start(message, IFLA_AF_SPEC);
-    nlattr* inet6 = mnl_attr_nest_start(message, AF_INET6);
-    mnl_attr_put_u8(message, IFLA_INET6_ADDR_GEN_MODE, static_cast<std::uint8_t>(mode));
-    mnl_attr_nest_end(message, inet6);
-    mnl_attr_nest_end(message, families);
+    const wfoal::AttributeNest families(message, IFLA_AF_SPEC);
+    const wfoal::AttributeNest inet6(message, AF_INET6);
+    const auto value = static_cast<std::uint8_t>(mode);
+    putBytes(message, IFLA_INET6_ADDR_GEN_MODE, &value, sizeof value);
 }
 
 // The kernel's own discipline cannot be deleted, only one that took its place. One of another program is not replaced,
@@ -116,7 +119,7 @@ void putNoopQdisc(NetlinkBatch& batch, int index)
         header->tcm_ifindex = index;
         header->tcm_handle = placeholderQdiscHandle;
         header->tcm_parent = TC_H_ROOT;
-        mnl_attr_put_strz(message, TCA_KIND, "pfifo");
+        putText(message, TCA_KIND, "pfifo");
     }
 }
 
@@ -141,8 +144,8 @@ nlmsghdr* putAddress(NetlinkBatch& batch, std::uint16_t type, std::uint16_t flag
     header->ifa_family = AF_INET;
     header->ifa_prefixlen = address.prefix;
     header->ifa_index = static_cast<std::uint32_t>(index);
-    mnl_attr_put_u32(message, IFA_LOCAL, address.local);
-    mnl_attr_put_u32(message, IFA_ADDRESS, address.local);
+    putU32(message, IFA_LOCAL, address.local);
+    putU32(message, IFA_ADDRESS, address.local);
     return message;
 }
 
@@ -155,10 +158,10 @@ void putRoute(nlmsghdr* message, int index, const Route& route)
     header->rtm_protocol = wfoal::platformProtocol;
     header->rtm_scope = route.gateway == 0 ? RT_SCOPE_LINK : RT_SCOPE_UNIVERSE;
     header->rtm_type = RTN_UNICAST;
-    mnl_attr_put_u32(message, RTA_DST, route.destination);
-    mnl_attr_put_u32(message, RTA_OIF, static_cast<std::uint32_t>(index));
-    if (route.gateway != 0) mnl_attr_put_u32(message, RTA_GATEWAY, route.gateway);
-    if (route.metric != 0) mnl_attr_put_u32(message, RTA_PRIORITY, route.metric);
+    putU32(message, RTA_DST, route.destination);
+    putU32(message, RTA_OIF, static_cast<std::uint32_t>(index));
+    if (route.gateway != 0) putU32(message, RTA_GATEWAY, route.gateway);
+    if (route.metric != 0) putU32(message, RTA_PRIORITY, route.metric);
 }
 
 std::optional<Route> readOwnRoute(const nlmsghdr* message, int index)
@@ -179,7 +182,7 @@ std::optional<LinkState> linkNamed(NetlinkSocket& socket, const std::string& nam
 {
     Question question(RTM_GETLINK, 0);
     putLinkHeader(question.message, 0);
-    mnl_attr_put_strz(question.message, IFLA_IFNAME, name.c_str());
+    putText(question.message, IFLA_IFNAME, name);
     return askForLink(socket, question);
 }
 
@@ -219,7 +222,7 @@ std::vector<Route> ownRoutesOf(NetlinkSocket& socket, int index)
     header->rtm_family = AF_INET;
     header->rtm_table = RT_TABLE_MAIN;
     header->rtm_protocol = wfoal::platformProtocol;
-    mnl_attr_put_u32(question.message, RTA_OIF, static_cast<std::uint32_t>(index));
+    putU32(question.message, RTA_OIF, static_cast<std::uint32_t>(index));
     std::vector<Route> routes;
     const int error = socket.ask(question.message, [&](const nlmsghdr* message) {
         if (const std::optional<Route> route = readOwnRoute(message, index)) routes.push_back(*route);
@@ -247,7 +250,7 @@ void addLinkRestore(NetlinkBatch& batch, const LinkState& before, const LinkStat
 void addAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address)
 {
     nlmsghdr* message = putAddress(batch, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, index, address);
-    mnl_attr_put_u8(message, IFA_PROTO, wfoal::platformProtocol);
+    putBytes(message, IFA_PROTO, &wfoal::platformProtocol, sizeof wfoal::platformProtocol);
 }
 
 void removeAddress(NetlinkBatch& batch, int index, const InterfaceAddress& address)

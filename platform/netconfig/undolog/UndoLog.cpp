@@ -207,7 +207,7 @@ bool UndoLog::upgrade(const std::string& subject, pid_t& holder)
         holder = holderIn(lock.get());
         return false;
     }
-    write(subject, textOf(joined(subject, entrySuffix)).substr(head.content));
+    write(subject, textOf(joined(subject, entrySuffix)).value_or("").substr(head.content));
     removeFiles(subject);
     return true;
 }
@@ -220,24 +220,27 @@ void UndoLog::write(const std::string& subject, std::string_view content)
             "");
 }
 
-// The text of a file, or its first bytes; empty when there is none.
-std::string UndoLog::textOf(const std::string& name, std::size_t most) const
+// The text of a file, or its first bytes; none when there is no file.
+std::optional<std::string> UndoLog::textOf(const std::string& name, std::size_t most) const
 {
-    if (!mFolder.valid()) return {};
+    if (!mFolder.valid()) return std::nullopt;
     const UniqueFd file(openat(mFolder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (file.valid()) return readFrom(file.get(), most);
-    if (errno == ENOENT) return {};
+    if (errno == ENOENT) return std::nullopt;
     fail("open " + name);
+}
+
+EntryHead UndoLog::headIn(const std::optional<std::string>& text) const
+{
+    if (!text) return {};
+    const EntryHead head = wfoal::readEntryHead(*text, mOrigin);
+    if (head.version != 1) return head;
+    return wfoal::readEntryHead(*text, valueOf(wfoal::withNamespaceInode(mOrigin), ""));
 }
 
 EntryHead UndoLog::headOf(const std::string& stem) const
 {
-    const std::string name = joined(stem, entrySuffix);
-    if (!exists(name)) return {};
-    const std::string text = textOf(name, wfoal::longestEntryHead);
-    const EntryHead head = wfoal::readEntryHead(text, mOrigin);
-    if (head.version != 1) return head;
-    return wfoal::readEntryHead(text, valueOf(wfoal::withNamespaceInode(mOrigin), ""));
+    return headIn(textOf(joined(stem, entrySuffix), wfoal::longestEntryHead));
 }
 
 bool UndoLog::exists(const std::string& name) const
@@ -251,13 +254,13 @@ bool UndoLog::exists(const std::string& name) const
 
 std::string UndoLog::read(const std::string& subject) const
 {
-    const std::string stem = stemOf(subject);
-    const EntryHead head = headOf(stem);
-    const std::string name = joined(stem, entrySuffix);
+    const std::string name = joined(stemOf(subject), entrySuffix);
+    const std::optional<std::string> text = textOf(name);
+    const EntryHead head = headIn(text);
     if (head.kind == EntryKind::Unknown) {
         throw RequestError("undo log", "the entry " + mFolderPath + "/" + name + " has an unknown version");
     }
-    return head.kind == EntryKind::Here ? textOf(name).substr(head.content) : std::string();
+    return head.kind == EntryKind::Here ? text->substr(head.content) : std::string();
 }
 
 std::function<bool()> UndoLog::lineCheck(const std::string& subject, const std::string& line) const

@@ -19,6 +19,7 @@
 #include <exception>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -95,7 +96,8 @@ public:
 private:
     std::string stemOf(std::string_view subject) const;
     std::set<std::string> stems() const;
-    std::string textOf(const std::string& name, std::size_t most = std::string::npos) const;
+    std::optional<std::string> textOf(const std::string& name, std::size_t most = std::string::npos) const;
+    wfoal::EntryHead headIn(const std::optional<std::string>& text) const;
     wfoal::EntryHead headOf(const std::string& stem) const;
     bool exists(const std::string& name) const;
     UniqueFd lockOf(const std::string& stem, pid_t& holder) const;
