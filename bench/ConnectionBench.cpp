@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A whole connection as an agent makes it: an interface chosen and a socket bound, 50 routes and 20 rules applied and
-// restored; each against the bare messages to the kernel, and against the tools that people would use instead. Each
-// side has a network of its own.
+// A whole connection as an agent makes it: an interface chosen and a socket bound, the gateway judged, ten certificates
+// counted and listed, a signature, 50 routes and 20 rules applied and restored; against the bare messages to the kernel
+// and bare OpenSSL, and against the tools that people would use instead. Each side has a network of its own.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
@@ -15,12 +15,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "AgentObjects.h"
+#include "CertificateSteps.h"
 #include "Comparison.h"
 #include "Log.h"
 #include "NetLinkHelper.h"
@@ -42,6 +44,8 @@ constexpr int ruleCount = 20;
 constexpr char routesFile[] = "/tmp/routes.batch";
 constexpr char rulesFile[] = "/tmp/rules.nft";
 constexpr char removalFile[] = "/tmp/removal.batch";
+constexpr unsigned clientCount = 10;
+constexpr char keyFile[] = "/var/ssl/private/rsaclient0.pem";
 
 std::string destination(int number)
 {
@@ -336,6 +340,50 @@ void restoreByTools()
     run({"nft", "delete", "table", "inet", "tools"});
 }
 
+/// The certificates of a connection.
+struct Certificates {
+    Certificates()
+    {
+        std::filesystem::create_directories("/var/ssl/trustedcerts");
+        testsupport::installTrusted(chain.root);
+        bench::installOthers(1, 10);
+        bench::installClients(client, clientCount);
+        testsupport::writeFile("/tmp/intermediate.pem", chain.intermediate.pem());
+        testsupport::writeFile("/tmp/server.pem", chain.server.pem());
+        testsupport::writeFile("/tmp/hash", std::string(36, 'Z'));
+    }
+    void useByPlugin()
+    {
+        bench::judgeByPlugin(store, chain);
+        bench::countByPlugin(store, clientCount);
+        bench::listByPlugin(store, clientCount);
+        signer.signBy(element);
+    }
+    void useBarely()
+    {
+        bench::judgeBarely(chain);
+        bench::listBarely(clientCount);
+        bench::listBarely(clientCount);
+        signer.signBarely(keyFile);
+    }
+    static void useByTools()
+    {
+        run({"openssl", "verify", "-purpose", "sslserver", "-CApath", "/var/ssl/trustedcerts", "-untrusted",
+             "/tmp/intermediate.pem", "/tmp/server.pem"});
+        for (unsigned i = 0; i < 2 * clientCount; ++i) {
+            run({"openssl", "x509", "-noout", "-subject", "-in",
+                 bench::certificates + "client" + std::to_string(i % clientCount) + ".pem"});
+        }
+        run({"openssl", "pkeyutl", "-sign", "-inkey", keyFile, "-in", "/tmp/hash", "-out", "/tmp/signature"});
+    }
+
+    bench::Chain chain;
+    testsupport::Identity client = testsupport::makeIdentity({"client", 5});
+    CertificateInterface store;
+    CertElement element{client.certificate.get(), keyFile};
+    bench::Signer signer;
+};
+
 /// `work` in a network, and what has to be done there before and after without being counted.
 template <typename Before, typename Work, typename After>
 bench::Measured in(const Network& network, Before before, Work work, After after)
@@ -407,6 +455,38 @@ int main()
                   in(
                       peers, nothing, [&] { bare.chooseAndBind(); }, nothing),
                   rounds);
+    Certificates certificates;
+    const auto whole = in(
+        ours, nothing,
+        [&] {
+            agent.chooseAndBind();
+            certificates.useByPlugin();
+            agent.apply();
+        },
+        [&] { agent.restore(); });
+    table.compare("a warm connection, to the bare steps", 1.1, whole,
+                  in(
+                      peers, nothing,
+                      [&] {
+                          bare.chooseAndBind();
+                          certificates.useBarely();
+                          bare.apply();
+                      },
+                      [&] {
+                          bare.prepareRestore();
+                          bare.restore();
+                      }),
+                  rounds);
+    table.compare("a warm connection, to ip, nft and openssl", 0.02, whole,
+                  in(
+                      tools, nothing,
+                      [] {
+                          run({"ip", "route", "show", "default"});
+                          Certificates::useByTools();
+                          applyByTools();
+                      },
+                      restoreByTools),
+                  11);
     table.compare("apply, to ip -batch and nft -f", 0.5, apply, in(tools, nothing, applyByTools, restoreByTools), 11);
     table.compare("restore, to ip -batch and nft delete", 0.5, restore,
                   in(tools, applyByTools, restoreByTools, nothing), 11);

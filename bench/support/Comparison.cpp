@@ -94,6 +94,12 @@ void Table::growth(const std::string& name, double limit, const std::map<unsigne
            ",\"points\":[" + points + "]");
 }
 
+void Table::memory(const std::string& name, double all, double isPrivate)
+{
+    std::printf("%-52s %9.0f KiB, %.0f KiB private\n", name.c_str(), all, isPrivate);
+    record("\"name\":\"" + name + "\",\"all\":" + number(all) + ",\"private\":" + number(isPrivate));
+}
+
 void Table::judge(const std::string& name, const std::string& ours, const std::string& peer, double value, double limit)
 {
     const bool isWithin = value <= limit;

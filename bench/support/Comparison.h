@@ -58,6 +58,9 @@ public:
     /// fits best, at most `limit`.
     void growth(const std::string& name, double limit, const std::map<unsigned, double>& secondsBySize);
 
+    /// Prints resident memory in KiB: all, and what no other process shares.
+    void memory(const std::string& name, double all, double isPrivate);
+
     /// For main(): 0 when every ratio was within its limit, else 1.
     int result() const { return mWithinLimits ? 0 : 1; }
 
