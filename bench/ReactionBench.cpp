@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How soon an agent knows that its network went, and that a better one came: from the kernel's event to the callback,
-// through the real connection manager, a real bus and the real plug-in.
+// How soon an agent knows that its network went, that a better one came, and that the system is going to sleep: from
+// the kernel's event or logind's notice to the callback, through the real connection manager, a real bus and the real
+// plug-in.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -21,6 +23,7 @@
 #include <vector>
 
 #include "Daemons.h"
+#include "FakeLogind.h"
 #include "LoadedPlugin.h"
 #include "Require.h"
 #include "Shell.h"
@@ -36,13 +39,9 @@ using testsupport::shell;
 
 class Agent : public KEST_SystemPluginCB {
 public:
-    void OnPowerSuspended() override {}
-    void OnPowerResume() override {}
-    void OnConnectionChange(std::uint32_t) override
-    {
-        if (!mIsTold.load()) mTold.store(Clock::now());
-        mIsTold.store(true);
-    }
+    void OnPowerSuspended() override { note(); }
+    void OnPowerResume() override { note(); }
+    void OnConnectionChange(std::uint32_t) override { note(); }
     void OnConfigurationChange() override {}
 
     void forget() { mIsTold.store(false); }
@@ -56,6 +55,12 @@ public:
     }
 
 private:
+    void note()
+    {
+        if (!mIsTold.load()) mTold.store(Clock::now());
+        mIsTold.store(true);
+    }
+
     std::atomic<Clock::time_point> mTold{};
     std::atomic<bool> mIsTold{false};
 };
@@ -135,10 +140,8 @@ class Row {
 public:
     void add(Clock::duration time) { mTimes.push_back(std::chrono::duration<double, std::milli>(time).count()); }
     /// Prints the distribution; false when it is beyond the limits.
-    bool print(const char* name)
+    bool print(const char* name, double medianLimit = 5, double tailLimit = 15)
     {
-        constexpr double medianLimit = 5;
-        constexpr double tailLimit = 15;
         std::sort(mTimes.begin(), mTimes.end());
         const double median = mTimes[mTimes.size() / 2];
         const double tail = mTimes[mTimes.size() * 99 / 100];
@@ -163,6 +166,7 @@ int main()
     shell(
         "ip route add default via 10.0.0.1 dev eth0 metric 100; ip route add default via 10.1.0.1 dev wwan0 metric "
         "700");
+    testsupport::FakeLogind logind;
     testsupport::ChildProcess manager({WFOAL_BUILD_DIR "/bin/vesk-connectionmanager"});
     testsupport::waitForBusName("com.vesk.connectionmanager", manager);
     const testsupport::LoadedPlugin plugin;
@@ -195,10 +199,24 @@ int main()
         shell("ip route add default via 10.0.0.1 dev eth0 metric 100");
         returns.add(agent.wait() - kernel.first());
     }
-    std::printf("Reaction: kernel event to callback          fastest   median   99 of 100   slowest\n");
+    Row sleeps;
+    constexpr std::size_t sleepRounds = 30;  // the plug-in gives the agent a second each time
+    for (std::size_t round = 1; round <= sleepRounds; ++round) {
+        logind.waitForInhibitors(round);
+        agent.forget();
+        const Clock::time_point begin = Clock::now();
+        logind.prepareForSleep(true);
+        sleeps.add(agent.wait() - begin);
+        require(logind.waitForRelease(), "going to sleep");
+        agent.forget();
+        logind.prepareForSleep(false);
+        agent.wait();
+    }
+    std::printf("Reaction: event to callback                 fastest   median   99 of 100   slowest\n");
     const bool lossesWithin = losses.print("the bound network goes");
     const bool returnsWithin = returns.print("a better network has its default route");
+    const bool sleepsWithin = sleeps.print("the system is going to sleep", 3, 3);
     plugin.dispose(systemIf);
     plugin.dispose(socketIf);
-    return lossesWithin && returnsWithin ? 0 : 1;
+    return lossesWithin && returnsWithin && sleepsWithin ? 0 : 1;
 }

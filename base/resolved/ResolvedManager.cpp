@@ -9,6 +9,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <string_view>
 
 #include "json/JsonError.h"
 
@@ -144,6 +147,7 @@ std::vector<DnsServer> readServers(sd_bus_message* reply)
         check(sd_bus_message_exit_container(reply), "DNSEx");
     }
     check(result, "DNSEx");
+    check(sd_bus_message_exit_container(reply), "DNSEx");
     return servers;
 }
 
@@ -157,6 +161,7 @@ std::vector<DnsDomain> readDomains(sd_bus_message* reply)
     while ((result = sd_bus_message_read(reply, "(sb)", &name, &routeOnly)) > 0)
         domains.push_back({name, routeOnly != 0});
     check(result, "Domains");
+    check(sd_bus_message_exit_container(reply), "Domains");
     return domains;
 }
 
@@ -183,19 +188,32 @@ std::string readTexts(sd_bus_message* reply)
     while ((result = sd_bus_message_read(reply, "s", &text)) > 0)
         texts += std::string(text) + " ";
     check(result, "property");
+    check(sd_bus_message_exit_container(reply), "property");
     return texts;
 }
 
-// One property of a link; false when link or service is gone.
+// Takes one property out of its variant.
 template <class Value>
-bool readProperty(sd_bus* bus, const char* path, const char* name, const char* type, Value (*read)(sd_bus_message*),
-                  Value& value)
+void take(sd_bus_message* reply, const char* type, Value (*read)(sd_bus_message*), Value& value)
 {
-    const SdBusMessagePtr reply = replyUnlessAbsent(name, [&](sd_bus_error* error, sd_bus_message** received) {
-        return sd_bus_get_property(bus, resolvedName, path, linkInterface, name, error, received, type);
-    });
-    if (reply) value = read(reply.get());
-    return reply != nullptr;
+    check(sd_bus_message_enter_container(reply, 'v', type), "property");
+    value = read(reply);
+    check(sd_bus_message_exit_container(reply), "property");
+}
+
+/// Takes the property of that name, or leaves it and returns false.
+using PropertyReader = std::function<bool(std::string_view name, sd_bus_message* reply)>;
+
+void readProperties(sd_bus_message* reply, const PropertyReader& read)
+{
+    check(sd_bus_message_enter_container(reply, 'a', "{sv}"), "properties");
+    int result = 0;
+    while ((result = sd_bus_message_enter_container(reply, 'e', "sv")) > 0) {
+        const std::string name = readText(reply);
+        if (!read(name, reply)) check(sd_bus_message_skip(reply, "v"), "properties");
+        check(sd_bus_message_exit_container(reply), "properties");
+    }
+    check(result, "properties");
 }
 
 }  // namespace
@@ -278,29 +296,61 @@ std::string ResolvedManager::pathOf(int index)
     return path;
 }
 
-std::optional<LinkDns> ResolvedManager::read(int index)
+// All properties of a link in one call; null when the link, or the service, is not there.
+SdBusMessagePtr ResolvedManager::propertiesOf(int index)
 {
     const std::string path = pathOf(index);
-    if (path.empty()) return std::nullopt;
+    if (path.empty()) return nullptr;
+    return replyUnlessAbsent("GetAll", [&](sd_bus_error* error, sd_bus_message** received) {
+        return sd_bus_call_method(mBus.get(), resolvedName, path.c_str(), "org.freedesktop.DBus.Properties", "GetAll",
+                                  error, received, "s", linkInterface);
+    });
+}
+
+std::optional<LinkDns> ResolvedManager::read(int index)
+{
+    const SdBusMessagePtr properties = propertiesOf(index);
+    if (!properties) return std::nullopt;
     LinkDns dns;
-    const bool isThere = readProperty(mBus.get(), path.c_str(), "DNSEx", "a(iayqs)", readServers, dns.servers) &&
-                         readProperty(mBus.get(), path.c_str(), "Domains", "a(sb)", readDomains, dns.domains) &&
-                         readProperty(mBus.get(), path.c_str(), "DefaultRoute", "b", readFlag, dns.defaultRoute);
-    return isThere ? std::optional<LinkDns>(dns) : std::nullopt;
+    int found = 0;
+    readProperties(properties.get(), [&](std::string_view name, sd_bus_message* reply) {
+        if (name == "DNSEx") {
+            take(reply, "a(iayqs)", readServers, dns.servers);
+        } else if (name == "Domains") {
+            take(reply, "a(sb)", readDomains, dns.domains);
+        } else if (name == "DefaultRoute") {
+            take(reply, "b", readFlag, dns.defaultRoute);
+        } else {
+            return false;
+        }
+        ++found;
+        return true;
+    });
+    if (found != 3) fail("systemd-resolved: the settings of a link", -ENODATA);
+    return dns;
 }
 
 // What can be set on a link beside servers, domains and default route, as one text; empty when the link is not there.
 std::string ResolvedManager::otherSettings(int index)
 {
-    const std::string path = pathOf(index);
-    std::string all;
-    for (const char* name : {"LLMNR", "MulticastDNS", "DNSOverTLS", "DNSSEC"}) {
-        std::string value;
-        if (path.empty() || !readProperty(mBus.get(), path.c_str(), name, "s", readText, value)) return {};
-        all += value + " ";
-    }
+    const SdBusMessagePtr properties = propertiesOf(index);
+    if (!properties) return {};
+    std::map<std::string, std::string, std::less<>> settings{
+        {"LLMNR", {}}, {"MulticastDNS", {}}, {"DNSOverTLS", {}}, {"DNSSEC", {}}};
     std::string anchors;
-    if (!readProperty(mBus.get(), path.c_str(), "DNSSECNegativeTrustAnchors", "as", readTexts, anchors)) return {};
+    readProperties(properties.get(), [&](std::string_view name, sd_bus_message* reply) {
+        if (name == "DNSSECNegativeTrustAnchors") {
+            take(reply, "as", readTexts, anchors);
+            return true;
+        }
+        const auto setting = settings.find(name);
+        if (setting == settings.end()) return false;
+        take(reply, "s", readText, setting->second);
+        return true;
+    });
+    std::string all;
+    for (const auto& [name, value] : settings)
+        all += value + " ";
     return all + anchors;
 }
 

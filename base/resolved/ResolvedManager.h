@@ -56,6 +56,7 @@ private:
     void writeDefaultRoute(int index, const LinkDns& dns);
     void revert(int index);
     std::string pathOf(int index);
+    SdBusMessagePtr propertiesOf(int index);
     std::string otherSettings(int index);
 
     SdBusPtr mBus;

@@ -25,6 +25,25 @@ constexpr auto never = Clock::time_point::max();
 constexpr int reconnectPause = 5000;  // milliseconds
 constexpr auto retryPause = std::chrono::milliseconds(250);
 
+// Empty: unknown.
+std::string ownerBy(ResolvedManager& manager)
+{
+    try {
+        return manager.owner();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+std::string currentOwner()
+{
+    try {
+        return ResolvedManager().owner();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
 }  // namespace
 
 DnsWatcher::~DnsWatcher()
@@ -32,14 +51,14 @@ DnsWatcher::~DnsWatcher()
     stop();
 }
 
-void DnsWatcher::watch(const Link& link, const LinkDns& dns, IsWanted isWanted)
+void DnsWatcher::watch(ResolvedManager& manager, const Link& link, const LinkDns& dns, IsWanted isWanted)
 {
     {
         const std::lock_guard<std::mutex> lock(mLock);
         mWatched[link.index] = {link.name, dns, std::move(isWanted)};
         mPending.erase(link.index);
     }
-    if (!mThread.joinable()) start();
+    if (!mThread.joinable()) start(ownerBy(manager));
 }
 
 void DnsWatcher::undoLater(const LinkChange& change) noexcept
@@ -49,7 +68,7 @@ void DnsWatcher::undoLater(const LinkChange& change) noexcept
             const std::lock_guard<std::mutex> lock(mLock);
             mPending[change.link.index] = change;
         }
-        if (!mThread.joinable()) start();
+        if (!mThread.joinable()) start(currentOwner());
     } catch (const std::exception& error) {
         VKNETCONFIG_DEBUG("not waiting for systemd-resolved: %s", error.what());
     }
@@ -67,24 +86,11 @@ void DnsWatcher::forget(const Link& link)
     if (isLast) stop();
 }
 
-namespace {
-
-std::string currentOwner()
-{
-    try {
-        return ResolvedManager().owner();
-    } catch (const std::exception&) {
-        return {};
-    }
-}
-
-}  // namespace
-
-void DnsWatcher::start()
+void DnsWatcher::start(std::string owner)
 {
     mStop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!mStop.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
-    mOwner = currentOwner();
+    mOwner = std::move(owner);
     const SignalsBlocked forTheThread;  // signals are for the agent's own threads
     mThread = std::thread(&DnsWatcher::run, this);
 }

@@ -39,9 +39,9 @@ public:
     /// Whether the settings are still to be maintained; called on the watcher's thread.
     using IsWanted = std::function<bool()>;
 
-    /// Maintains `dns` on the link until `isWanted` (empty: always) returns false. Throws std::system_error when no
-    /// thread can be started.
-    void watch(const Link& link, const LinkDns& dns, IsWanted isWanted = {});
+    /// Maintains `dns`, which was set through `manager`, on the link until `isWanted` (empty: always) returns false.
+    /// Throws std::system_error when no thread can be started.
+    void watch(ResolvedManager& manager, const Link& link, const LinkDns& dns, IsWanted isWanted = {});
 
     /// Undoes the change when systemd-resolved answers again. Without memory or a thread it does nothing.
     void undoLater(const LinkChange& change) noexcept;
@@ -56,7 +56,7 @@ private:
         IsWanted isWanted;
     };
 
-    void start();
+    void start(std::string owner);
     void stop();
     void run();
     void listen();

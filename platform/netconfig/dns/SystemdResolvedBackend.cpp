@@ -34,18 +34,31 @@ bool undoNow(const LinkChange& change)
 
 bool SystemdResolvedBackend::works()
 {
+    mBefore.reset();
+    mManager.reset();
     try {
-        return ResolvedManager().answers();
+        if (mManager.emplace().answers()) return true;
+        mManager.reset();
+        return false;
     } catch (const RequestError&) {
         return false;  // no bus
     }
 }
 
+ResolvedManager SystemdResolvedBackend::takeManager()
+{
+    if (!mManager) return {};
+    ResolvedManager manager = std::move(*mManager);
+    mManager.reset();
+    return manager;
+}
+
 std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings& settings,
                                             const std::vector<std::string>& earlier)
 {
-    ResolvedManager manager;
-    LinkChange change{link, wfoal::resolvedSettingsFor(settings), readPresent(manager, link)};
+    if (!mManager) mManager.emplace();
+    mBefore = LinkBefore{link, readPresent(*mManager, link)};
+    LinkChange change{link, wfoal::resolvedSettingsFor(settings), mBefore->dns};
     for (const std::string& line : earlier) {
         const LinkChange installed = LinkChange::decode(line);
         if (installed.link == link) change.before = stateAfterUndo(installed, change.before);
@@ -56,8 +69,9 @@ std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings&
 void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, IsWanted isWanted)
 {
     const LinkDns wanted = wfoal::resolvedSettingsFor(settings);
-    ResolvedManager manager;
-    const LinkDns before = readPresent(manager, link);
+    ResolvedManager manager = takeManager();
+    const LinkDns before = mBefore && mBefore->link == link ? std::move(mBefore->dns) : readPresent(manager, link);
+    mBefore.reset();
     try {
         manager.write(link.index, wanted);
     } catch (const RequestError&) {
@@ -68,15 +82,16 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
         }
         throw;
     }
-    mWatcher.watch(link, wanted, std::move(isWanted));
+    mWatcher.watch(manager, link, wanted, std::move(isWanted));
 }
 
 void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWanted)
 {
     const LinkChange change = LinkChange::decode(prepared);
     if (!wfoal::isPresent(change.link)) return;
-    ResolvedManager().write(change.link.index, change.set);
-    mWatcher.watch(change.link, change.set, std::move(isWanted));
+    ResolvedManager manager;
+    manager.write(change.link.index, change.set);
+    mWatcher.watch(manager, change.link, change.set, std::move(isWanted));
 }
 
 bool SystemdResolvedBackend::undo(std::string_view prepared)

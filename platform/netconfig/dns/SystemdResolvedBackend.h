@@ -4,9 +4,12 @@
 #ifndef VKNETCONFIG_SYSTEMDRESOLVEDBACKEND_H
 #define VKNETCONFIG_SYSTEMDRESOLVEDBACKEND_H
 
+#include <optional>
+
 #include "dns/DnsBackend.h"
 #include "dns/DnsWatcher.h"
 #include "resolved/LinkDns.h"
+#include "resolved/ResolvedManager.h"
 
 namespace vknetconfig {
 
@@ -20,6 +23,16 @@ public:
     bool undo(std::string_view prepared) override;
 
 private:
+    struct LinkBefore {
+        Link link;
+        LinkDns dns;
+    };
+
+    wfoal::ResolvedManager takeManager();
+
+    // Of a request, from works() and prepare() to set(), so that it takes one connection and reads the link once.
+    std::optional<wfoal::ResolvedManager> mManager;
+    std::optional<LinkBefore> mBefore;
     DnsWatcher mWatcher;
 };
 
