@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 namespace testsupport {
@@ -88,6 +90,52 @@ std::string fromHex(const std::string& hex)
         bytes += static_cast<char>(std::stoi(digits, nullptr, 16));
         digits.clear();
     }
+    return bytes;
+}
+
+namespace {
+
+// Puts a whole number at `bytes` into this machine's byte order.
+[[maybe_unused]] void turn(char* bytes, std::size_t size)
+{
+    if constexpr (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__) std::reverse(bytes, bytes + size);
+}
+
+void turnAttributes(char* next, char* end)
+{
+    while (end - next >= static_cast<std::ptrdiff_t>(sizeof(rtattr))) {
+        rtattr header{};
+        turn(next, 2);
+        turn(next + 2, 2);
+        std::memcpy(&header, next, sizeof header);
+        char* const value = next + RTA_LENGTH(0);
+        switch (header.rta_type) {
+        case RTA_IIF:
+        case RTA_OIF:
+        case RTA_PRIORITY:
+        case RTA_TABLE: turn(value, 4); break;
+        default: break;  // an address, or a nest whose inside the parser does not know
+        }
+        if (header.rta_type == RTA_METRICS) {
+            turn(value, 2);
+            turn(value + 2, 2);
+        }
+        next += std::max<std::size_t>(RTA_ALIGN(header.rta_len), sizeof header);
+    }
+}
+
+}  // namespace
+
+std::string fromCapture(const std::string& hex)
+{
+    std::string bytes = fromHex(hex);
+    constexpr std::size_t sizes[] = {4, 2, 2, 4, 4, 8, 4};  // the two headers; eight fields are single bytes
+    char* at = bytes.data();
+    for (const std::size_t size : sizes) {
+        if (size < 8) turn(at, size);
+        at += size;
+    }
+    turnAttributes(at, bytes.data() + bytes.size());
     return bytes;
 }
 

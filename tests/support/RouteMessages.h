@@ -43,6 +43,9 @@ std::string errorMessage(int error);
 /// "0a 0b …" or "0a0b…" to bytes.
 std::string fromHex(const std::string& hex);
 
+/// A message of routing netlink in hex, as a little-endian machine has it, in the byte order of this machine.
+std::string fromCapture(const std::string& hex);
+
 }  // namespace testsupport
 
 #endif

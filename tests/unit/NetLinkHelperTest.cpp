@@ -41,7 +41,7 @@ TEST_F(NetLinkHelperTest, RequestIsADumpOfTheMainTableIn28Bytes)
 {
     dump({doneMessage()});
     // len 28, type 26, flags 0x0301, seq 0, pid 0; family 2, table 254, the rest 0
-    EXPECT_EQ(fromHex("1c000000 1a00 0103 00000000 00000000 02000000 fe000000 00000000"), mKernel.request());
+    EXPECT_EQ(fromCapture("1c000000 1a00 0103 00000000 00000000 02000000 fe000000 00000000"), mKernel.request());
 }
 
 TEST_F(NetLinkHelperTest, EmptyTableYieldsAnEmptyArray)

@@ -2,11 +2,13 @@
 //
 // The promises of VkNetConfigLib.h about requests that are carried out. They need an interface that may be configured,
 // and the right to do so. Addresses and networks are those reserved for documentation.
+#include <arpa/inet.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 
 #include "NetworkState.h"
 #include "Platform.h"
@@ -30,13 +32,23 @@ const std::string& interfaceOf(const Platform& platform)
     return name;
 }
 
+// An address as the plug-in writes it: the network-order address read as a host integer.
+std::string hexAddress(const char* dotted)
+{
+    char hex[sizeof "0x00000000"];
+    std::snprintf(hex, sizeof hex, "0x%08x", inet_addr(dotted));
+    return hex;
+}
+
 // 192.0.2.1 and a network behind it; `route` more routes, as JSON with a comma before each.
 std::string request(const Platform& platform, const std::string& network, const std::string& routes = "")
 {
     return R"({"ifName":")" + interfaceOf(platform) +
            R"(","ifPriority":5,"networkTechnology":"vpn","networkScope":"wan","networkUsage":["internet"],"ipv4":{)"
-           R"("ip":"0x010200c0","netmask":"0x00ffffff","additionalIfRoutes":[{"ip":")" +
-           network + R"(","netmask":"255.255.255.0","gateway":"","metric":0})" + routes + "]}}";
+           R"("ip":")" +
+           hexAddress("192.0.2.1") + R"(","netmask":")" + hexAddress("255.255.255.0") +
+           R"(","additionalIfRoutes":[{"ip":")" + network + R"(","netmask":"255.255.255.0","gateway":"","metric":0})" +
+           routes + "]}}";
 }
 
 void install(Platform& platform, const std::string& json)

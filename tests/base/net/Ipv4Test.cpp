@@ -3,13 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include "AddressForm.h"
+
 using namespace wfoal;
+using testsupport::onThisMachine;
 
 TEST(Ipv4Test, HexAddressIsTheNetworkOrderReadAsHostInteger)
 {
     ASSERT_TRUE(parseHexAddress("0x0a01a8c0"));
-    EXPECT_EQ(dotted(*parseHexAddress("0x0a01a8c0")), "192.168.1.10");
-    EXPECT_EQ(dotted(*parseHexAddress("0x00FFFFFF")), "255.255.255.0");
+    EXPECT_EQ(dotted(*parseHexAddress(onThisMachine("0x0a01a8c0"))), "192.168.1.10");
+    EXPECT_EQ(dotted(*parseHexAddress(onThisMachine("0x00FFFFFF"))), "255.255.255.0");
 }
 
 TEST(Ipv4Test, HexAddressNeedsItsPrefixAndEightDigits)

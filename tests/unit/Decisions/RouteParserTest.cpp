@@ -77,7 +77,7 @@ const char capturedLargeTable[] =
 
 TEST(RouteParserTest, CapturedDefaultRouteHasZeroDestinationAndMask)
 {
-    const RouteInfo route = parsed(fromHex(capturedDefault));
+    const RouteInfo route = parsed(fromCapture(capturedDefault));
     EXPECT_TRUE(route.isDefaultRoute());
     EXPECT_EQ(254, route.table);
     EXPECT_EQ("192.168.1.1", text(route.gateway));
@@ -89,16 +89,16 @@ TEST(RouteParserTest, CapturedDefaultRouteHasZeroDestinationAndMask)
 
 TEST(RouteParserTest, CapturedMetricsYieldTheRawFirstWordOfTheNest)
 {
-    const RouteInfo route = parsed(fromHex(capturedMetrics));
+    const RouteInfo route = parsed(fromCapture(capturedMetrics));
     EXPECT_EQ("10.0.0.0", text(route.dst));
     EXPECT_EQ("255.0.0.0", text(route.mask));
-    EXPECT_EQ(0x00020008u, route.metric);  // an attribute header: 8 bytes of type 2, the MTU
+    EXPECT_EQ(bytesOf(rtattr{8, RTAX_MTU}), bytesOf(route.metric));  // an attribute's header
     EXPECT_EQ(0u, route.priority);
 }
 
 TEST(RouteParserTest, CapturedBlackholeHasNoInterface)
 {
-    const RouteInfo route = parsed(fromHex(capturedBlackhole));
+    const RouteInfo route = parsed(fromCapture(capturedBlackhole));
     EXPECT_EQ("10.9.0.0", text(route.dst));
     EXPECT_EQ("255.255.0.0", text(route.mask));
     EXPECT_EQ(0u, route.oifIndex + route.gateway.s_addr);
@@ -106,14 +106,14 @@ TEST(RouteParserTest, CapturedBlackholeHasNoInterface)
 
 TEST(RouteParserTest, CapturedMultipathRouteHasNeitherGatewayNorInterface)
 {
-    const RouteInfo route = parsed(fromHex(capturedMultipath));
+    const RouteInfo route = parsed(fromCapture(capturedMultipath));
     EXPECT_EQ("10.11.0.0", text(route.dst));
     EXPECT_EQ(0u, route.oifIndex + route.gateway.s_addr);
 }
 
 TEST(RouteParserTest, CapturedHostRouteHasAMaskOfAllOnes)
 {
-    const RouteInfo route = parsed(fromHex(capturedHostRoute));
+    const RouteInfo route = parsed(fromCapture(capturedHostRoute));
     EXPECT_EQ("10.12.1.1", text(route.dst));
     EXPECT_EQ("255.255.255.255", text(route.mask));
     EXPECT_EQ("192.168.1.2", text(route.prefSrc));
@@ -123,7 +123,7 @@ TEST(RouteParserTest, CapturedHostRouteHasAMaskOfAllOnes)
 
 TEST(RouteParserTest, CapturedLargeTableIsTheHeadersByte)
 {
-    EXPECT_EQ(RT_TABLE_COMPAT, parsed(fromHex(capturedLargeTable)).table);
+    EXPECT_EQ(RT_TABLE_COMPAT, parsed(fromCapture(capturedLargeTable)).table);
 }
 
 TEST(RouteParserTest, EachAttributeFillsItsOwnField)
@@ -175,7 +175,7 @@ TEST(RouteParserTest, ValueOfAShortAttributeTakesTheBytesThatFollow)
 {
     const std::string attributes = attribute(RTA_PRIORITY, "") + attribute(RTA_OIF, bytesOf(3));
     const RouteInfo route = parsed(routeMessage(routeHeader(0), attributes));
-    EXPECT_EQ(8u | RTA_OIF << 16, route.priority);  // the next attribute's header
+    EXPECT_EQ(bytesOf(rtattr{8, RTA_OIF}), bytesOf(route.priority));  // the next attribute's header
     EXPECT_EQ(3u, route.oifIndex);
 }
 

@@ -15,6 +15,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
+using testsupport::onThisMachine;
 
 class DeleteRouteTest : public SystemInterfaceTest {
 protected:
@@ -73,7 +74,8 @@ TEST_F(DeleteRouteTest, LogTellsTheWholeStory)
         ElementsAre(
             fakes::LogLine{7, name + " called!!"},
             fakes::LogLine{7, name + ": Dest(10.9.0.0) Gateway(10.1.1.1) Mask(255.255.255.0) Metric(4294967295)"},
-            fakes::LogLine{7, "SystemInterface::ConvertNetmaskToPrefix: netmask 255.255.255.0(0x00ffffff)"},
+            fakes::LogLine{7,
+                           onThisMachine("SystemInterface::ConvertNetmaskToPrefix: netmask 255.255.255.0(0x00ffffff)")},
             fakes::LogLine{7, "SystemInterface::ConvertNetmaskToPrefix: prefixlen 24"},
             fakes::LogLine{7, name + ": Command Going Out: /sbin/ip route del 10.9.0.0/24 via 10.1.1.1"}));
 }

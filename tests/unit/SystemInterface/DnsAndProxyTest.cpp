@@ -9,6 +9,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testsupport::onThisMachine;
 
 class DnsAndProxyTest : public SystemInterfaceTest {
 protected:
@@ -36,10 +37,12 @@ TEST_F(DnsAndProxyTest, UnparsableServerIsSkippedWithOneErrorLine)
     EXPECT_EQ(PLUGIN_SUCCESS, setServers({"10.0.0.1", "resolver", "10.0.0.2"}));
     EXPECT_THAT(
         fakes::logLines(),
-        ElementsAre(fakes::LogLine{7, "SystemInterface::SetDNSServers: SetDNSServers invoked!"},
-                    fakes::LogLine{7, "SystemInterface::addAddressToJson: DNS Address is 10.0.0.1(0x0100000a)"},
-                    fakes::LogLine{3, "SystemInterface::SetDNSServers: invalid DNS server resolver"},
-                    fakes::LogLine{7, "SystemInterface::addAddressToJson: DNS Address is 10.0.0.2(0x0200000a)"}));
+        ElementsAre(
+            fakes::LogLine{7, "SystemInterface::SetDNSServers: SetDNSServers invoked!"},
+            fakes::LogLine{7, onThisMachine("SystemInterface::addAddressToJson: DNS Address is 10.0.0.1(0x0100000a)")},
+            fakes::LogLine{3, "SystemInterface::SetDNSServers: invalid DNS server resolver"},
+            fakes::LogLine{7,
+                           onThisMachine("SystemInterface::addAddressToJson: DNS Address is 10.0.0.2(0x0200000a)")}));
     EXPECT_EQ(request(R"( "dns": [ "0x0100000a", "0x0200000a" ])"), appliedRequest());
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "AddressForm.h"
 #include "FakeCalls.h"
 #include "FakeNetConfig.h"
 #include "FakeVkLog.h"
@@ -102,10 +103,11 @@ protected:
         return requests.size() == 2 ? requests[1] : std::to_string(requests.size()) + " requests";
     }
 
-    /// An interface request with `ipv4` as the content of "ipv4" and `between` after it.
+    /// An interface request with `ipv4` as the content of "ipv4", addresses as in AddressForm.h, and `between` after
+    /// it.
     static std::string request(const std::string& ipv4, const std::string& between = "")
     {
-        return "{ \"ipv4\": {" + ipv4 + " }," + between +
+        return "{ \"ipv4\": {" + testsupport::onThisMachine(ipv4) + " }," + between +
                " \"ifName\": \"norvatun0\", \"ifPriority\": 5, \"networkTechnology\": \"vpn\", \"networkScope\": "
                "\"wan\","
                " \"networkUsage\": [ \"internet\" ] }";

@@ -20,6 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testsupport::onThisMachine;
 using testsupport::openDescriptors;
 
 class TunnelConfigurationTest : public SystemInterfaceTest {
@@ -114,7 +115,7 @@ TEST_F(TunnelConfigurationTest, GatewayOnlyAfterARouteToAllZeroesSinceTheLastRes
     AgentRoute everything("0.0.0.0", "0.0.0.0", "10.8.0.1", 0);
     KEST_SystemPluginRoute* routes[] = {&everything};
     mSystem->AddRoute(1, routes);
-    EXPECT_THAT(appliedRequest(), HasSubstr(R"("netmask": "0x00ffffff", "gateway": "0x0100080a" })"));
+    EXPECT_THAT(appliedRequest(), HasSubstr(onThisMachine(R"("netmask": "0x00ffffff", "gateway": "0x0100080a" })")));
     // The flag survives a successful apply; only a restore clears it.
     EXPECT_EQ(request(R"( "ip": "0x0200080a", "netmask": "0x00ffffff", "gateway": "0x0100080a")"), appliedRequest());
     mSystem->RestoreSystemConfiguration();
@@ -203,7 +204,7 @@ TEST_F(TunnelConfigurationTest, GatewayOfAFailedApplyIsTakenAwayByARestore)
     if (!makeTunnelDevice("10.8.0.2", "10.8.0.1", "255.255.255.0")) return;
     sDoesHaveADefaultGateway = true;
     fakes::netConfigResults().add = 1;
-    EXPECT_THAT(appliedRequest(), HasSubstr(R"("gateway": "0x0100080a")"));
+    EXPECT_THAT(appliedRequest(), HasSubstr(onThisMachine(R"("gateway": "0x0100080a")")));
     mSystem->RestoreSystemConfiguration();
     EXPECT_EQ(request(R"( "ip": "0x0200080a", "netmask": "0x00ffffff")"), appliedRequest());
 }
@@ -288,18 +289,18 @@ TEST_F(TunnelConfigurationTest, ApplyDoesAndLogsEverythingInItsOrder)
     const std::string sent = request(R"( "ip": "0x0200080a", "netmask": "0x00ffffff", "gateway": "0x0100080a")");
     EXPECT_THAT(
         fakes::calls(),
-        ElementsAre("LOG 7 SystemInterface::ApplyConfiguration called!!!",
-                    "LOG 7 SystemInterface::deleteFirewallSettings called!! Sending to Fw Ctrl " + deleteRequest,
-                    "VkFirewallFullCtrl " + deleteRequest, "VkFirewallFullCtrl " + emptyFilterRequest,
-                    "LOG 7 SystemInterface::addAddressToJson: ip Address is 10.8.0.2(0x0200080a)",
-                    "LOG 7 SystemInterface::addAddressToJson: netmask Address is 255.255.255.0(0x00ffffff)",
-                    "LOG 7 SystemInterface::addAddressToJson: gateway Address is 10.8.0.1(0x0100080a)",
-                    "CmAddInterfaceCfg2 " + sent,
-                    "LOG 7 SystemInterface::ApplyConfiguration: interface configuration: " + sent,
-                    "LOG 6 SystemInterface::ApplyConfiguration: Brought Up Vpn Interface", "OnConfigurationChange",
-                    "LOG 7 saveDataForRecovery: Called", "LOG 7 saveDataForRecovery: recovery file opened",
-                    "LOG 7 saveDataForRecovery: Writing interface data to the recovery file: "
-                    "{ \"ifName\": \"norvatun0\", \"vpnAgentGuid\": \"com.vesk.wayfoldagent\" }"));
+        ElementsAre(
+            "LOG 7 SystemInterface::ApplyConfiguration called!!!",
+            "LOG 7 SystemInterface::deleteFirewallSettings called!! Sending to Fw Ctrl " + deleteRequest,
+            "VkFirewallFullCtrl " + deleteRequest, "VkFirewallFullCtrl " + emptyFilterRequest,
+            onThisMachine("LOG 7 SystemInterface::addAddressToJson: ip Address is 10.8.0.2(0x0200080a)"),
+            onThisMachine("LOG 7 SystemInterface::addAddressToJson: netmask Address is 255.255.255.0(0x00ffffff)"),
+            onThisMachine("LOG 7 SystemInterface::addAddressToJson: gateway Address is 10.8.0.1(0x0100080a)"),
+            "CmAddInterfaceCfg2 " + sent, "LOG 7 SystemInterface::ApplyConfiguration: interface configuration: " + sent,
+            "LOG 6 SystemInterface::ApplyConfiguration: Brought Up Vpn Interface", "OnConfigurationChange",
+            "LOG 7 saveDataForRecovery: Called", "LOG 7 saveDataForRecovery: recovery file opened",
+            "LOG 7 saveDataForRecovery: Writing interface data to the recovery file: "
+            "{ \"ifName\": \"norvatun0\", \"vpnAgentGuid\": \"com.vesk.wayfoldagent\" }"));
 }
 
 TEST_F(TunnelConfigurationTest, RestoreDoesAndLogsEverythingInItsOrder)

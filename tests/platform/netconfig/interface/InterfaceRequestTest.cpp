@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "AddressForm.h"
 #include "ErrorOf.h"
 #include "RequestError.h"
 
@@ -12,9 +13,15 @@ using testing::MatchesRegex;
 
 namespace {
 
+// Addresses are as in AddressForm.h.
+InterfaceRequest parse(const std::string& json)
+{
+    return parseInterfaceRequest(testsupport::onThisMachine(json).c_str());
+}
+
 std::string errorOf(const std::string& json)
 {
-    return testsupport::errorOf<RequestError>([&] { parseInterfaceRequest(json.c_str()); });
+    return testsupport::errorOf<RequestError>([&] { parse(json); });
 }
 
 std::string errorOfIpv4(const std::string& ipv4)
@@ -42,7 +49,7 @@ std::vector<std::string> shown(const InterfaceRequest& request)
 
 TEST(InterfaceRequestTest, ReadsTheWholeRequest)
 {
-    const InterfaceRequest request = parseInterfaceRequest(R"({
+    const InterfaceRequest request = parse(R"({
         "ipv4":{"dns":["0x0100080a"],"additionalIfRoutes":[
             {"ip":"192.168.0.0","netmask":"255.255.0.0","gateway":"10.8.0.1","metric":4294967295}],
             "ip":"0x0200080a","netmask":"0x00ffffff"},
@@ -61,8 +68,8 @@ TEST(InterfaceRequestTest, ReadsTheWholeRequest)
 
 TEST(InterfaceRequestTest, OnlyTheNameIsRequired)
 {
-    EXPECT_TRUE(parseInterfaceRequest(R"({"ifName":"abcdefghijklmno"})").dns.empty());
-    EXPECT_TRUE(parseInterfaceRequest(R"({"ifName":"tun0","ipv4":{"dns":[],"additionalIfRoutes":[]}})").dns.empty());
+    EXPECT_TRUE(parse(R"({"ifName":"abcdefghijklmno"})").dns.empty());
+    EXPECT_TRUE(parse(R"({"ifName":"tun0","ipv4":{"dns":[],"additionalIfRoutes":[]}})").dns.empty());
 }
 
 TEST(InterfaceRequestTest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
@@ -71,13 +78,13 @@ TEST(InterfaceRequestTest, AGatewayOfNullOrNothingOrZeroIsADeviceRoute)
         const std::string json =
             R"({"ifName":"tun0","ipv4":{"additionalIfRoutes":[{"ip":"10.0.0.0","netmask":"255.0.0.0")" +
             std::string(gateway) + "}]}}";
-        EXPECT_THAT(shown(parseInterfaceRequest(json.c_str())), ElementsAre("10.0.0.0/8 0.0.0.0 0")) << gateway;
+        EXPECT_THAT(shown(parse(json)), ElementsAre("10.0.0.0/8 0.0.0.0 0")) << gateway;
     }
 }
 
 TEST(InterfaceRequestTest, AGatewayOfTheInterfaceBecomesTwoHalves)
 {
-    const InterfaceRequest request = parseInterfaceRequest(R"({"ifName":"tun0","ipv4":{"gateway":"0x0100080a"}})");
+    const InterfaceRequest request = parse(R"({"ifName":"tun0","ipv4":{"gateway":"0x0100080a"}})");
     EXPECT_THAT(shown(request), ElementsAre("0.0.0.0/1 10.8.0.1 0", "128.0.0.0/1 10.8.0.1 0"));
     EXPECT_TRUE(request.dns.allTraffic);
     EXPECT_EQ(request.routeKey(1), "ipv4.gateway");
@@ -85,7 +92,7 @@ TEST(InterfaceRequestTest, AGatewayOfTheInterfaceBecomesTwoHalves)
 
 TEST(InterfaceRequestTest, ADefaultRouteBecomesTwoHalvesAndOutdoesTheGateway)
 {
-    const InterfaceRequest request = parseInterfaceRequest(
+    const InterfaceRequest request = parse(
         R"({"ifName":"tun0","ipv4":{"gateway":"0x0100080a","additionalIfRoutes":[
             {"ip":"10.0.0.0","netmask":"255.0.0.0"},{"ip":"0.0.0.0","netmask":"0.0.0.0","gateway":"10.8.0.9","metric":7}]}})");
     EXPECT_THAT(shown(request), ElementsAre("10.0.0.0/8 0.0.0.0 0", "0.0.0.0/1 10.8.0.9 7", "128.0.0.0/1 10.8.0.9 7"));
@@ -94,8 +101,8 @@ TEST(InterfaceRequestTest, ADefaultRouteBecomesTwoHalvesAndOutdoesTheGateway)
 
 TEST(InterfaceRequestTest, TheInterfacesOwnAddressAsGatewayIsTheDeviceItself)
 {
-    const InterfaceRequest request = parseInterfaceRequest(
-        R"({"ifName":"tun0","ipv4":{"ip":"0x0200080a","netmask":"0xffffffff","gateway":"0x0200080a"}})");
+    const InterfaceRequest request =
+        parse(R"({"ifName":"tun0","ipv4":{"ip":"0x0200080a","netmask":"0xffffffff","gateway":"0x0200080a"}})");
     EXPECT_THAT(shown(request), ElementsAre("0.0.0.0/1 0.0.0.0 0", "128.0.0.0/1 0.0.0.0 0"));
 }
 
@@ -213,8 +220,8 @@ TEST(InterfaceRequestTest, DomainsAreNames)
 
 TEST(InterfaceRequestTest, ATildeAndATrailingDotStayWithADomain)
 {
-    const InterfaceRequest request = parseInterfaceRequest(
-        R"({"ifName":"tun0","domainsOnIfDns":["~corp.example","b.example.","~c.example.",".","~.","a-b._tcp"]})");
+    const InterfaceRequest request =
+        parse(R"({"ifName":"tun0","domainsOnIfDns":["~corp.example","b.example.","~c.example.",".","~.","a-b._tcp"]})");
     EXPECT_THAT(request.dns.domains, ElementsAre("~corp.example", "b.example.", "~c.example.", ".", "~.", "a-b._tcp"));
 }
 
