@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -232,7 +233,7 @@ true)");
     static std::size_t timesConnected() { return countIn(contentOf(clientLog), "Initialization Sequence Completed"); }
 
     /// Returns the milliseconds that it took.
-    long connect(const Words& more = {})
+    std::int64_t connect(const Words& more = {})
     {
         unlink(clientLog);
         const auto begin = std::chrono::steady_clock::now();

@@ -125,7 +125,7 @@ const Words OpenVpnResolvconfTest::full{"redirect-gateway def1", "dhcp-option DN
 TEST_F(OpenVpnResolvconfTest, TheHookPutsTheTunnelsServersFirst)
 {
     startServer("subnet", split);
-    const long milliseconds = connect();
+    const auto milliseconds = static_cast<long>(connect());
     EXPECT_EQ("nameserver 10.20.0.80\nnameserver 192.0.2.1\nsearch corp.example lab.example\n", resolvConf());
     const int before = queries("beside");
     EXPECT_EQ("10.20.0.99", lookUp("intranet"));
@@ -225,7 +225,7 @@ TEST_F(OpenVpnResolvconfTest, TheScriptSetsServersAndDomainsButNoSearchDomains)
     if (!hasScript()) GTEST_SKIP() << script << " is not installed";
     mHasHook = false;
     startServer("subnet", split);
-    const long milliseconds = connect(withScript());
+    const auto milliseconds = static_cast<long>(connect(withScript()));
     EXPECT_EQ("nameserver 10.20.0.80\nnameserver 192.0.2.1\nsearch corp.example\n", resolvConf());
     EXPECT_EQ("10.20.0.99", lookUp("intranet"));
     std::printf("connected after %ld ms\n", milliseconds);

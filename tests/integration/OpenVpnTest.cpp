@@ -43,7 +43,7 @@ const Words splitPushes{"route 10.20.0.0 255.255.0.0", "route 10.21.0.0 255.255.
 TEST_F(OpenVpnTest, TopologySubnet)
 {
     startServer("subnet", splitPushes);
-    const long milliseconds = connect();
+    const auto milliseconds = static_cast<long>(connect());
     RecordProperty("millisecondsToConnected", std::to_string(milliseconds));
     std::printf("connected after %ld ms\n", milliseconds);
     expectSplitTunnel("inet 10.8.0.2/24 ");

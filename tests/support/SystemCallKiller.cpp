@@ -17,11 +17,14 @@ namespace {
 bool changesTheWorld(unsigned long long call)
 {
     constexpr unsigned long long calls[] = {
-        SYS_openat,   SYS_write,     SYS_pwrite64, SYS_ftruncate, SYS_fsync,  SYS_fdatasync,
-        SYS_renameat, SYS_renameat2, SYS_mkdirat,  SYS_unlinkat,  SYS_fcntl,  SYS_sendto,
-        SYS_sendmsg,  SYS_close,     SYS_ioctl,    SYS_linkat,    SYS_fchmod,
+        SYS_openat,   SYS_write,       SYS_pwrite64, SYS_ftruncate, SYS_fsync,  SYS_fdatasync,
+        SYS_renameat, SYS_renameat2,   SYS_mkdirat,  SYS_unlinkat,  SYS_fcntl,  SYS_sendto,
+        SYS_sendmsg,  SYS_close,       SYS_ioctl,    SYS_linkat,    SYS_fchmod,
 #ifdef SYS_mkdir
-        SYS_mkdir,    SYS_unlink,    SYS_rename,   SYS_open,
+        SYS_mkdir,    SYS_unlink,      SYS_rename,   SYS_open,
+#endif
+#ifdef SYS_fcntl64  // 32-bit machines have both, and programs use these
+        SYS_fcntl64,  SYS_ftruncate64,
 #endif
     };
     return std::find(std::begin(calls), std::end(calls), call) != std::end(calls);

@@ -11,7 +11,8 @@ namespace testsupport {
 namespace {
 
 constexpr char systemCalls[] =
-    "mkdir,openat,fcntl,ftruncate,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,sendmsg,recvmsg";
+    "mkdir,openat,?fcntl,?fcntl64,?ftruncate,?ftruncate64,pwrite64,write,fsync,renameat,unlinkat,socket,sendto,sendmsg,"
+    "recvmsg";
 
 }  // namespace
 
@@ -23,6 +24,11 @@ std::string driver(const std::string& steps)
 std::string driverUnderStrace(const std::string& options, const std::string& steps)
 {
     return "ASAN_OPTIONS=detect_leaks=0 strace -f -qq " + options + " " + driver(steps);
+}
+
+std::string tracedCall(const std::string& call)
+{
+    return call == "fcntl" || call == "ftruncate" ? "?" + call + ",?" + call + "64" : call;
 }
 
 bool hasStrace()
@@ -40,15 +46,19 @@ std::map<std::string, int> callsOf(const std::string& steps)
         std::string process, call;
         words >> process >> call;
         const std::size_t end = call.find('(');
-        if (end != std::string::npos) ++counts[call.substr(0, end)];
+        if (end == std::string::npos) continue;
+        call.resize(end);
+        if (call == "fcntl64" || call == "ftruncate64") call.resize(end - 2);
+        ++counts[call];
     }
     return counts;
 }
 
 void killBefore(const std::string& call, int number, const std::string& steps)
 {
-    outputOf(driverUnderStrace(
-        "-o /dev/null -e trace=" + call + " -e inject=" + call + ":signal=KILL:when=" + std::to_string(number), steps));
+    outputOf(driverUnderStrace("-o /dev/null -e trace=" + tracedCall(call) + " -e inject=" + tracedCall(call) +
+                                   ":signal=KILL:when=" + std::to_string(number),
+                               steps));
 }
 
 }  // namespace testsupport

@@ -15,6 +15,9 @@ std::string driver(const std::string& steps);
 /// The same under strace with the given options. Leaks are not looked for, as the sanitizer cannot do it there.
 std::string driverUnderStrace(const std::string& options, const std::string& steps);
 
+/// What strace is to be told to trace a call: 32-bit machines have two of some, and programs use the second.
+std::string tracedCall(const std::string& call);
+
 bool hasStrace();
 
 /// From one number of a system call to the next one, in tests that kill or fail each: all of them; under a sanitizer,

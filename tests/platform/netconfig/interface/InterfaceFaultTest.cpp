@@ -48,8 +48,10 @@ protected:
     // The driver under strace, which makes system calls fail or last. Its output, and "REFUSED" when it failed.
     static std::string withFault(const std::string& call, const std::string& fault, const std::string& steps)
     {
-        return outputOf(driverUnderStrace("-o /dev/null -e trace=" + call + " -e inject=" + call + ":" + fault, steps) +
-                        " || echo REFUSED");
+        return outputOf(
+            driverUnderStrace(
+                "-o /dev/null -e trace=" + tracedCall(call) + " -e inject=" + tracedCall(call) + ":" + fault, steps) +
+            " || echo REFUSED");
     }
 
     static constexpr char address[] = R"("ip":"0x0200080a","netmask":"0x00ffffff",)";
