@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# cross-root.sh ARCHITECTURE COMMAND...: runs a command in a Debian 12 root file system below build/cross/ that has a cross
-# compiler for the architecture (arm64, armhf, i386), and the libraries that the packages are built with, of the architecture.
-# The source folder is /src there, and can be written below /src/build only. The root is made by debootstrap and kept.
-# Takes root; nothing of the machine is touched.
+# cross-root.sh [--tests] ARCHITECTURE COMMAND...: runs a command in a Debian 12 root file system below build/cross/ that
+# has a cross compiler for the architecture (arm64, armhf, i386, s390x), and the libraries that the packages are built
+# with, of the architecture. With --tests it also has the libraries that tests are built with, of the architecture, and
+# the programs that they run, of this machine's. The source folder is /src there, and can be written below /src/build
+# only. The root is made by debootstrap and kept. Takes root; nothing of the machine is touched.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source=$(cd "$here/.." && pwd)
@@ -26,6 +27,8 @@ if [ "$1" = --inside ]; then
         ${http_proxy:+http_proxy="$http_proxy"} bash -c 'cd /src && exec "$@"' - "$@"
 fi
 
+tests=no
+[ "$1" != --tests ] || { tests=yes; shift; }
 architecture=$1
 shift
 type=$(dpkg-architecture -a "$architecture" -q DEB_HOST_GNU_TYPE 2>/dev/null) ||
@@ -36,7 +39,8 @@ in_root() {
     unshare --mount --pid --fork --kill-child --ipc --uts "$here/cross-root.sh" --inside "$root" "$@" 9>&-
 }
 
-# Of the packages that a build needs, and to run what it makes for itself: libraries of the architecture, and programs and headers of no architecture as they are.
+# Of the packages that a build needs, and to run what it makes for itself: libraries of the architecture, and programs and
+# headers of no architecture as they are.
 wanted() {
     local package
     echo qemu-user-static
@@ -51,18 +55,34 @@ wanted() {
     done < <("$here/install-packages.sh" --list build package)
 }
 
+# Other compilers and benchmarks are not tested with a cross compiler, nor what watches programs of this machine's kind.
+wanted_by_tests() {
+    echo "libgtest-dev:$architecture libgmock-dev:$architecture"
+    "$here/install-packages.sh" --list test | grep -vE -- '-dev$|^(clang|debootstrap|lintian|valgrind)$'
+}
+
+install_packages() {
+    # shellcheck disable=SC2016  # for the shell in the root
+    in_root bash -euc 'dpkg --add-architecture "$1"; apt-get -q update; apt-get -q -y install --no-install-recommends "${@:2}"' \
+        - "$architecture" "$@" >>"$roots/log" 2>&1 || offline
+}
+
 check_that_roots_can_be_made
 use_proxy
 : >>"$roots/log"
 if [ ! -e "$roots/.$architecture-complete" ]; then
     echo "cross-root.sh: making $root; the log is $roots/log" >&2
     find_archive bookworm
-    rm -rf --one-file-system "$root"
+    rm -rf --one-file-system "$root" "$roots/.$architecture-tests-complete"
     debootstrap --variant=minbase bookworm "$root" "$archive" >>"$roots/log" 2>&1 || offline
     mkdir -p "$root/src"
-    # shellcheck disable=SC2016,SC2046  # for the shell in the root, and a word each
-    in_root bash -euc 'dpkg --add-architecture "$1"; apt-get -q update; apt-get -q -y install --no-install-recommends "${@:2}"' \
-        - "$architecture" $(wanted) >>"$roots/log" 2>&1 || offline
+    # shellcheck disable=SC2046  # a word each
+    install_packages $(wanted)
     touch "$roots/.$architecture-complete"
+fi
+if [ $tests = yes ] && [ ! -e "$roots/.$architecture-tests-complete" ]; then
+    # shellcheck disable=SC2046  # a word each
+    install_packages $(wanted_by_tests)
+    touch "$roots/.$architecture-tests-complete"
 fi
 in_root "$@"

@@ -53,23 +53,11 @@ case ${1:-} in
 esac
 destination=${1:-$source/build/packages${architecture:+-$architecture}}
 
-# What the root's compilers, pkg-config and CMake must know; all else of a cross build is as on this machine.
 if [ -n "$architecture" ]; then
     mkdir -p "$source/build/package-$architecture"
     # shellcheck disable=SC2016  # for the shell in the root
     "$source/packaging/cross-root.sh" "$architecture" bash -euc '
-        type=$(dpkg-architecture -a "$1" -q DEB_HOST_GNU_TYPE) triple=$(dpkg-architecture -a "$1" -q DEB_HOST_MULTIARCH)
-        case $1 in
-        arm64) emulator=qemu-aarch64-static ;;
-        armhf) emulator=qemu-arm-static ;;
-        *) emulator=env ;;
-        esac
-        export PKG_CONFIG_LIBDIR=/usr/lib/$triple/pkgconfig:/usr/share/pkgconfig
-        cmake -S /src --preset package -B "/src/build/package-$1" -DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR="${type%%-*}" \
-            -DCMAKE_C_COMPILER="$type-gcc" -DCMAKE_CXX_COMPILER="$type-g++" -DCMAKE_LIBRARY_ARCHITECTURE="$triple" \
-            -DCMAKE_CROSSCOMPILING_EMULATOR="$emulator" -DCMAKE_INSTALL_LIBDIR="lib/$triple" \
-            -DCMAKE_OBJCOPY="/usr/bin/$type-objcopy" -DCMAKE_STRIP="/usr/bin/$type-strip" -DCMAKE_READELF="/usr/bin/$type-readelf" \
-            -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$1"
+        packaging/cross-cmake.sh "$1" -S /src --preset package -B "/src/build/package-$1"
         cmake --build "/src/build/package-$1"
         mkdir -p "/src/build/.packages-$1"
         packaging/make-packages.sh --build "/src/build/package-$1" "/src/build/.packages-$1"

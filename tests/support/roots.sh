@@ -55,11 +55,14 @@ use_proxy() {
     [ -z "$proxy" ] || export http_proxy=$proxy
 }
 
-# find_archive RELEASE
+# find_archive RELEASE: an archive holds all releases of a distribution, and apt knows that of the machine's.
 find_archive() {
+    local mine
     use_proxy
+    mine=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
     archive=$(archive_of "$1")
-    [ -n "$archive" ] || { use_own_lists && archive=$(archive_of "$1"); } || offline
+    [ -n "$archive" ] || archive=$(archive_of "$mine")
+    [ -n "$archive" ] || { use_own_lists && archive=$(archive_of "$mine"); } || offline
     [ -n "$archive" ] || cannot "apt knows no archive of $1"
 }
 
