@@ -13,15 +13,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Comparison.h"
 #include "Daemons.h"
 #include "FakeLogind.h"
 #include "LoadedPlugin.h"
@@ -136,24 +135,12 @@ void bindExpecting(KEST_SocketPlugin& plugin, const std::string& expected)
             "choosing the interface");
 }
 
-class Row {
-public:
-    void add(Clock::duration time) { mTimes.push_back(std::chrono::duration<double, std::milli>(time).count()); }
-    /// Prints the distribution; false when it is beyond the limits.
-    bool print(const char* name, double medianLimit = 5, double tailLimit = 15)
-    {
-        std::sort(mTimes.begin(), mTimes.end());
-        const double median = mTimes[mTimes.size() / 2];
-        const double tail = mTimes[mTimes.size() * 99 / 100];
-        const bool isWithin = median <= medianLimit && tail <= tailLimit;
-        std::printf("%-42s %8.2f %8.2f %8.2f %8.2f ms  (limits %.0f and %.0f)%s\n", name, mTimes.front(), median, tail,
-                    mTimes.back(), medianLimit, tailLimit, isWithin ? "" : "  OVER");
-        return isWithin;
-    }
+using Times = std::vector<double>;
 
-private:
-    std::vector<double> mTimes;
-};
+void add(Times& times, Clock::duration time)
+{
+    times.push_back(std::chrono::duration<double>(time).count());
+}
 
 }  // namespace
 
@@ -175,8 +162,8 @@ int main()
     Agent agent;
     systemIf->SetSystemPluginCB(&agent);
     KernelEvents kernel;
-    Row losses;
-    Row returns;
+    Times losses;
+    Times returns;
     constexpr int rounds = 200;
     constexpr milliseconds quiet(250);  // longer than a burst
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -187,7 +174,7 @@ int main()
         kernel.forget();
         agent.forget();
         setLink("eth0", false);
-        losses.add(agent.wait() - kernel.first());
+        add(losses, agent.wait() - kernel.first());
         bindExpecting(*socketIf, "wwan0");
         std::this_thread::sleep_for(quiet);
         kernel.await(RTM_NEWROUTE);
@@ -197,26 +184,26 @@ int main()
         kernel.forget();
         agent.forget();
         shell("ip route add default via 10.0.0.1 dev eth0 metric 100");
-        returns.add(agent.wait() - kernel.first());
+        add(returns, agent.wait() - kernel.first());
     }
-    Row sleeps;
+    Times sleeps;
     constexpr std::size_t sleepRounds = 30;  // the plug-in gives the agent a second each time
     for (std::size_t round = 1; round <= sleepRounds; ++round) {
         logind.waitForInhibitors(round);
         agent.forget();
         const Clock::time_point begin = Clock::now();
         logind.prepareForSleep(true);
-        sleeps.add(agent.wait() - begin);
+        add(sleeps, agent.wait() - begin);
         require(logind.waitForRelease(), "going to sleep");
         agent.forget();
         logind.prepareForSleep(false);
         agent.wait();
     }
-    std::printf("Reaction: event to callback                 fastest   median   99 of 100   slowest\n");
-    const bool lossesWithin = losses.print("the bound network goes");
-    const bool returnsWithin = returns.print("a better network has its default route");
-    const bool sleepsWithin = sleeps.print("the system is going to sleep", 3, 3);
+    bench::Table table("Reaction: from the event to the agent's callback");
+    table.distribution("the bound network goes", losses, 0.005, 0.015);
+    table.distribution("a better network has its default route", returns, 0.005, 0.015);
+    table.distribution("the system is going to sleep", sleeps, 0.003, 0.003);
     plugin.dispose(systemIf);
     plugin.dispose(socketIf);
-    return lossesWithin && returnsWithin && sleepsWithin ? 0 : 1;
+    return table.result();
 }

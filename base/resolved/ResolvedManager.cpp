@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <map>
 #include <string_view>
 
 #include "json/JsonError.h"
@@ -201,10 +199,9 @@ void take(sd_bus_message* reply, const char* type, Value (*read)(sd_bus_message*
     check(sd_bus_message_exit_container(reply), "property");
 }
 
-/// Takes the property of that name, or leaves it and returns false.
-using PropertyReader = std::function<bool(std::string_view name, sd_bus_message* reply)>;
-
-void readProperties(sd_bus_message* reply, const PropertyReader& read)
+// `read` takes the property of a name, or leaves it and returns false.
+template <class Reader>
+void readProperties(sd_bus_message* reply, Reader read)
 {
     check(sd_bus_message_enter_container(reply, 'a', "{sv}"), "properties");
     int result = 0;
@@ -335,23 +332,20 @@ std::string ResolvedManager::otherSettings(int index)
 {
     const SdBusMessagePtr properties = propertiesOf(index);
     if (!properties) return {};
-    std::map<std::string, std::string, std::less<>> settings{
-        {"LLMNR", {}}, {"MulticastDNS", {}}, {"DNSOverTLS", {}}, {"DNSSEC", {}}};
-    std::string anchors;
-    readProperties(properties.get(), [&](std::string_view name, sd_bus_message* reply) {
+    std::string all;
+    readProperties(properties.get(), [&all](std::string_view name, sd_bus_message* reply) {
+        std::string value;
         if (name == "DNSSECNegativeTrustAnchors") {
-            take(reply, "as", readTexts, anchors);
-            return true;
+            take(reply, "as", readTexts, value);
+        } else if (name == "LLMNR" || name == "MulticastDNS" || name == "DNSOverTLS" || name == "DNSSEC") {
+            take(reply, "s", readText, value);
+        } else {
+            return false;
         }
-        const auto setting = settings.find(name);
-        if (setting == settings.end()) return false;
-        take(reply, "s", readText, setting->second);
+        all.append(name).append(" ").append(value).append(" ");
         return true;
     });
-    std::string all;
-    for (const auto& [name, value] : settings)
-        all += value + " ";
-    return all + anchors;
+    return all;
 }
 
 void ResolvedManager::writeServers(int index, const LinkDns& dns)

@@ -94,6 +94,21 @@ void Table::growth(const std::string& name, double limit, const std::map<unsigne
            ",\"points\":[" + points + "]");
 }
 
+void Table::distribution(const std::string& name, std::vector<double> times, double medianLimit, double tailLimit)
+{
+    std::sort(times.begin(), times.end());
+    const double middle = times[times.size() / 2];
+    const double tail = times[times.size() * 99 / 100];
+    const bool isWithin = middle <= medianLimit && tail <= tailLimit;
+    mWithinLimits = mWithinLimits && isWithin;
+    std::printf("%s: median %s (limit %s), 99 of 100 within %s (limit %s), from %s to %s%s\n", name.c_str(),
+                readable(middle).c_str(), readable(medianLimit).c_str(), readable(tail).c_str(),
+                readable(tailLimit).c_str(), readable(times.front()).c_str(), readable(times.back()).c_str(),
+                isWithin ? "" : "  OVER");
+    record("\"name\":\"" + name + "\",\"median\":" + number(middle) + ",\"tail\":" + number(tail) +
+           ",\"limit\":" + number(medianLimit) + ",\"tailLimit\":" + number(tailLimit));
+}
+
 void Table::memory(const std::string& name, double all, double isPrivate)
 {
     std::printf("%-52s %9.0f KiB, %.0f KiB private\n", name.c_str(), all, isPrivate);

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace bench {
 
@@ -57,6 +58,10 @@ public:
     /// Prints what one operation takes with lists of several sizes, and how it grows: the exponent of the size that
     /// fits best, at most `limit`.
     void growth(const std::string& name, double limit, const std::map<unsigned, double>& secondsBySize);
+
+    /// Prints the distribution of how long something took, in seconds. The median and the 99th of 100 should be at most
+    /// their limits.
+    void distribution(const std::string& name, std::vector<double> times, double medianLimit, double tailLimit);
 
     /// Prints resident memory in KiB: all, and what no other process shares.
     void memory(const std::string& name, double all, double isPrivate);

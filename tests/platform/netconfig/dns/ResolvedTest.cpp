@@ -3,7 +3,11 @@
 // DNS of a link in the real systemd-resolved, judged by resolvectl.
 #include <gmock/gmock.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "ResolvedFixture.h"
+#include "resolved/ResolvedManager.h"
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -161,6 +165,27 @@ TEST_F(ResolvedTest, AnUnknownLinkIsAnError)
                     dns.prepare({4711, "absent0"}, tunnel);
                 }),
                 HasSubstr("systemd-resolved does not know the interface absent0"));
+}
+
+// The bus numbers its connections; this one counts too.
+int connectionsSoFar()
+{
+    const SdBusPtr connection = wfoal::openSystemBus();
+    const char* name = nullptr;
+    if (sd_bus_get_unique_name(connection.get(), &name) < 0) return -1;
+    return std::atoi(std::strchr(name, '.') + 1);
+}
+
+TEST_F(ResolvedTest, ARequestTakesOneConnection)
+{
+    const int atFirst = connectionsSoFar();
+    dns.set(link(), tunnel, dns.prepare(link(), tunnel));
+    // With the watcher's, which comes a little later, the two, and one for each look.
+    int looks = 0;
+    ASSERT_TRUE(comesTrue([&] { return connectionsSoFar() == atFirst + 2 + ++looks; }));
+    const int before = connectionsSoFar();
+    dns.set(link(), tunnel, dns.prepare(link(), tunnel));
+    EXPECT_EQ(connectionsSoFar(), before + 2);
 }
 
 TEST_F(ResolvedTest, UndoFromAVanishedLinkSucceeds)
