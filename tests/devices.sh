@@ -14,7 +14,7 @@
 #
 # All of them are run when none is named. --label REGEX runs only tests with such a label, as ctest -L does; with
 # --label unit only what these need is built. A test that a row cannot run is counted as skipped, with the reason
-# (tests/devices/not-emulated.txt).
+# (tests/devices/left-out.txt).
 #
 # Roots and builds are below build/devices/ and build/cross/ and kept, so that a second run builds only what has changed.
 # Making and entering a root takes root. Nothing of the machine is touched: each root has mounts and processes of its
@@ -79,10 +79,11 @@ inside() {
     cd "$folder"
     # Not chroot alone: inside of one the kernel grants no user namespaces, and / is to be a mount that tests can change.
     pivot_root . mnt
+    # The shell stays, as the first process: it takes care of what a test leaves behind without a parent.
     # shellcheck disable=SC2016  # for the shell in the root
     exec setarch $personality chroot . env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C \
         DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} \
-        bash -c 'umount --lazy /mnt && cd /src && exec "$@"' - "$@"
+        bash -c 'umount --lazy /mnt && cd /src && "$@"; exit $?' - "$@"
 }
 
 make_root() {
@@ -117,7 +118,7 @@ prepare() {
 
 # Of the folders with tests, those that hold tests with the label "unit", and what these tests look at.
 unit_targets=(Src/all platform/all tools/vpnoalctl/all tests/api/all tests/base/all tests/docs/all tests/examples/all
-    tests/fakes/all tests/fuzz/all tests/unit/all)
+    tests/fakes/all tests/fuzz/all tests/unit/all tools/conformance/all isolate)
 
 # Sets `targets`, what is built, and what ctest is told: `selection`, the labels of the tests, and `excluded`, the names
 # of those that are not run.
@@ -127,6 +128,7 @@ select_tests() {
     quick)
         targets=("${unit_targets[@]}")
         selection=(-L '^unit$')
+        excluded=(-E "$(left_out quick)")
         ;;
     clang)
         targets=("${unit_targets[@]}" services/all tests/tools/all tests/platform/all tests/services/all)
@@ -135,16 +137,16 @@ select_tests() {
     cross)
         targets=("${unit_targets[@]}" PkitsTest)
         selection=(-L '^(unit|integration)$')
-        excluded=(-E "_NOT_BUILT\$|$(not_emulated)")
+        excluded=(-E "_NOT_BUILT\$|$(left_out cross)")
         ;;
     esac
     [ -z "$label" ] || selection+=(-L "$label")
     [ "$label" != unit ] || targets=("${unit_targets[@]}")
 }
 
-# Names of tests that qemu-user cannot run, as one regular expression.
-not_emulated() {
-    sed -n '/^[^#]/s/[[:space:]].*//p' "$here/devices/not-emulated.txt" | paste -sd '|'
+# left_out KIND: names of the tests that such a row leaves out, as one regular expression.
+left_out() {
+    awk -v kind="$1" '$1 == kind { print $2 }' "$here/devices/left-out.txt" | paste -sd '|'
 }
 
 # GoogleTest with the other standard library; libfmt is header-only where its library has the wrong one.
@@ -181,17 +183,18 @@ names_of_tests() {
     in_root "$1" ctest --test-dir build/release --show-only "${@:2}" | sed -n 's/^ *Test *#[0-9]*: //p'
 }
 
-# Tests that the emulator cannot run, with the reasons, below the table; and programs of tests that are not built.
-count_not_emulated() {
-    local name=$1 tests expression reason count total=0
+# Tests that the row leaves out, with the reasons, below the table; and programs of tests that are not built.
+count_left_out() {
+    local name=$1 tests row expression reason count total=0
     tests=$(names_of_tests "$name" "${selection[@]}")
-    while read -r expression reason; do
+    while read -r row expression reason; do
+        [ "$row" = "${kind[$name]}" ] || continue
         count=$(grep -cE "$expression" <<<"$tests") || continue
         total=$((total + count))
         echo "$name: $count skipped: $reason" >>"$roots/$name.notes"
-    done < <(grep '^[^#]' "$here/devices/not-emulated.txt")
+    done < <(grep '^[^#]' "$here/devices/left-out.txt")
     count=$(names_of_tests "$name" | grep -c '_NOT_BUILT$') || true
-    echo "$name: $count programs of tests are not built: what they test are daemons and the kernel" >>"$roots/$name.notes"
+    [ "$count" = 0 ] || echo "$name: $count programs of tests are not built: what they test are daemons and the kernel" >>"$roots/$name.notes"
     echo $total
 }
 
@@ -258,9 +261,9 @@ run_row() {
         echo "$name: the tests could not be run, see $roots/$name.log" >"$notes"
         counts='- - -'
     }
-    if [ "${kind[$name]}" = cross ] && [ "$counts" != '- - -' ]; then
+    if [ "$counts" != '- - -' ]; then
         read -r run skipped failed <<<"$counts"
-        counts="$run $((skipped + $(count_not_emulated "$name"))) $failed"
+        counts="$run $((skipped + $(count_left_out "$name"))) $failed"
     fi
     # shellcheck disable=SC2086  # three words
     row "$name" $counts $((built - started)) $((SECONDS - built)) "$(stripped_size "$name")" >"$line"

@@ -31,5 +31,6 @@ nsenter --user=/proc/$holder/ns/user \
     unshare --mount --mount-proc --pid --fork --kill-child --ipc --uts bash -euc '
         mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
         cat "/usr/lib/binfmt.d/qemu-$1.conf" >/proc/sys/fs/binfmt_misc/register
-        exec "${@:2}"
+        "${@:2}" || exit
+        exit 0  # the shell stays, as the first process: it takes care of what is left without a parent
     ' - "$emulator" "$@"
