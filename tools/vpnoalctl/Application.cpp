@@ -34,6 +34,14 @@ void setUpLog(int verbosity)
     setenv("VKLOG_TARGET", "stderr", verbose ? 1 : 0);
 }
 
+// The variables that change while the plug-in's thread runs exist before it does: then the environment does not move
+// while that thread reads it.
+void reserveEnvironment()
+{
+    for (const char* name : {"VKNETCONFIG_BYPASS", "VKNETCONFIG_KEEP", "VKNETCONFIG_TAKE_OVER", "WFOAL_TUN_FD"})
+        setenv(name, "", 0);
+}
+
 // One line on stderr: for machines an object with "error", "key" and "remedy".
 void complain(const CLI::App& app, const Settings& settings, const CommandError& error)
 {
@@ -178,6 +186,7 @@ int runProgram(CLI::App& app, Settings& settings, const std::optional<Action>& c
     }
     settings.showLog = settings.verbosity > 0 || std::getenv("VKLOG_LEVEL") != nullptr;
     setUpLog(settings.verbosity);
+    reserveEnvironment();
     Output output(stdout, settings.json);
     Context context(settings, output);
     return guarded(app, *chosen, context);

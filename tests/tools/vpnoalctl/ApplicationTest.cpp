@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <new>
 
 #include "CommandError.h"
+#include "Context.h"
 
 namespace vpnoalctl {
 namespace {
@@ -33,6 +36,19 @@ TEST(RunMainTest, AnExceptionIsToldWithTheNameOfTheProgram)
     testing::internal::CaptureStderr();
     EXPECT_EQ(ExitFailed, runMain("vpnoal-wg", runOutOfMemory, 1, words));
     EXPECT_EQ("vpnoal-wg: std::bad_alloc\n", testing::internal::GetCapturedStderr());
+}
+
+// Another thread reads the environment while the host platform is told by it what to keep and to let through.
+TEST(RunProgramTest, VariablesThatChangeLaterExistBeforeTheCommandRuns)
+{
+    CLI::App app;
+    Settings settings;
+    const Action command = [](Context&) {
+        for (const char* name : {"VKNETCONFIG_BYPASS", "VKNETCONFIG_KEEP", "VKNETCONFIG_TAKE_OVER", "WFOAL_TUN_FD"})
+            EXPECT_NE(nullptr, std::getenv(name)) << name;
+        return 40;
+    };
+    EXPECT_EQ(40, runProgram(app, settings, command, 1, words));
 }
 
 }  // namespace

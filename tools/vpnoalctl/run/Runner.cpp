@@ -17,12 +17,11 @@ namespace vpnoalctl {
 
 namespace {
 
-// The variables that change later exist from the start, so that the environment does not move while another thread may
-// read it.
+// Beside those that every command has: they exist before the plug-in's thread does, so that the environment does not
+// move while that thread reads it.
 void reserveEnvironment()
 {
-    for (const char* name :
-         {"WFOAL_INTERFACE", "WFOAL_ADDRESS", "WFOAL_EVENT", "VKNETCONFIG_BYPASS", "VKNETCONFIG_KEEP"})
+    for (const char* name : {"WFOAL_INTERFACE", "WFOAL_ADDRESS", "WFOAL_EVENT", agentSocketVariable})
         setenv(name, "", 0);
 }
 
