@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/ServiceState.h"
 
-#include <cstdlib>
+#include <sys/socket.h>
+#include <sys/un.h>
 
-#ifdef WFOAL_HOST_PLATFORM
-#include <systemd/sd-daemon.h>
-#endif
+#include <cstddef>
+#include <cstdlib>
+#include <string_view>
+
+#include "handles/UniqueFd.h"
 
 namespace vpnoalctl {
 
@@ -22,19 +25,18 @@ ServiceState::ServiceState()
     unsetenv(variable);
 }
 
-#ifdef WFOAL_HOST_PLATFORM
-
-void ServiceState::report(const char* state) const
+// Not with sd_notify(), which takes the socket from the environment: that would have to change while another thread
+// may read it. Nobody who listens is no error, as there.
+void ServiceState::report(std::string_view state) const
 {
-    if (mSocket.empty()) return;
-    setenv(variable, mSocket.c_str(), 1);
-    sd_notify(1, state);
+    sockaddr_un address{};
+    if (mSocket.empty() || mSocket.size() > sizeof address.sun_path) return;
+    address.sun_family = AF_UNIX;
+    mSocket.copy(address.sun_path, sizeof address.sun_path);
+    if (mSocket.front() == '@') address.sun_path[0] = '\0';  // no file, but a name of the network namespace
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + mSocket.size());
+    const UniqueFd sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sendto(sender.get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), size);
 }
-
-#else
-
-void ServiceState::report(const char*) const {}
-
-#endif
 
 }  // namespace vpnoalctl

@@ -6,6 +6,7 @@
 #define VPNOALCTL_SERVICESTATE_H
 
 #include <string>
+#include <string_view>
 
 namespace vpnoalctl {
 
@@ -18,7 +19,7 @@ public:
     void reportStopping() const { report("STOPPING=1"); }
 
 private:
-    void report(const char* state) const;
+    void report(std::string_view state) const;
 
     std::string mSocket;  // empty: there is no service manager
 };
