@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CertificateAuthority.h"
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <stdexcept>
+#include <utility>
 
 #include "handles/LegacyProvider.h"
 
@@ -17,6 +19,8 @@ namespace testsupport {
 namespace {
 
 constexpr char trustedDirectory[] = "/var/ssl/trustedcerts/";
+constexpr unsigned madeKeyBits = 2048;
+
 void check(bool done, const char* what)
 {
     if (!done) throw std::runtime_error(what);
@@ -58,13 +62,26 @@ std::string textOf(BIO* bio)
     return std::string(data, static_cast<std::size_t>(length));
 }
 
+// Those that were made with the tests.
+std::map<int, EvpPkeyPtr> madeKeys()
+{
+    std::map<int, EvpPkeyPtr> keys;
+    const BioPtr file(BIO_new_file(WFOAL_TEST_KEYS, "r"));
+    check(file != nullptr, "open " WFOAL_TEST_KEYS);
+    while (EvpPkeyPtr key{PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, nullptr)})
+        keys.emplace(static_cast<int>(keys.size()), std::move(key));
+    ERR_clear_error();  // the end of the file
+    check(!keys.empty(), "read " WFOAL_TEST_KEYS);
+    return keys;
+}
+
 }  // namespace
 
-unsigned rsaKeyBits = 2048;
+unsigned rsaKeyBits = madeKeyBits;
 
 EvpPkeyPtr rsaKey(int number)
 {
-    static std::map<int, EvpPkeyPtr> keys;
+    static std::map<int, EvpPkeyPtr> keys = rsaKeyBits == madeKeyBits ? madeKeys() : std::map<int, EvpPkeyPtr>();
     EvpPkeyPtr& key = keys[number];
     if (!key) key.reset(EVP_RSA_gen(rsaKeyBits));
     check(key != nullptr, "make key");
