@@ -56,7 +56,7 @@ case ${1:-} in
 *)
     # shellcheck source=../support/roots.sh
     . "$here/../support/roots.sh"
-    roots=$source/build/devices
+    roots=$source/build/porting  # not that of devices.sh, which holds its lock meanwhile
     check_that_roots_can_be_made
     use_proxy
     root=$roots/porting
