@@ -154,11 +154,11 @@ libcxx=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=
 configure() {
     local name=$1 options=(-G Ninja -S . -B build/release --preset release -DWFOAL_BENCH=OFF -DWFOAL_QUICK_TESTS=ON)
     local all_quick=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS_DEBUG=-O0 -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DCMAKE_UNITY_BUILD=ON)
-    # What no package is made of needs no debug information.
+    # Nobody looks for names of sources in there.
     local lean=(-DCMAKE_C_FLAGS_RELWITHDEBINFO='-O2 -DNDEBUG' -DCMAKE_CXX_FLAGS_RELWITHDEBINFO='-O2 -DNDEBUG' -DCMAKE_UNITY_BUILD=ON)
     case ${kind[$name]} in
     quick) in_root "$name" cmake "${options[@]}" "${all_quick[@]}" ;;
-    native) in_root "$name" cmake "${options[@]}" ;;
+    native) in_root "$name" cmake "${options[@]}" "${lean[@]}" ;;
     cross) in_root "$name" packaging/cross-cmake.sh "${architecture[$name]}" "${options[@]}" "${lean[@]}" ;;
     clang)
         in_root "$name" cmake -G Ninja -S /usr/src/googletest -B build/googletest "${libcxx[@]}" \
