@@ -72,7 +72,7 @@ bool SystemInterface::addAddressToJson(json_object* target, const char* key, in_
 }
 
 // Replace a key that an earlier failed apply has added, or remove it when it no longer applies.
-bool SystemInterface::addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted)
+bool SystemInterface::addTunnelAddressToJson(int socket, const char* key, wfoal::IoctlNumber query, bool wanted)
 {
     ifreq request{};
     std::memcpy(request.ifr_name, tunnelInterfaceName, sizeof tunnelInterfaceName);

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <string>
 
+#include "handles/Ioctl.h"
 #include "handles/Json.h"
 #include "kest/SystemPlugin.h"
 
@@ -65,7 +66,7 @@ private:
     void deleteFirewallSettings();
     bool addInterfaceInfoToJson();
     bool addAddressToJson(json_object* target, const char* key, in_addr address, bool isArray);
-    bool addTunnelAddressToJson(int socket, const char* key, unsigned long query, bool wanted);
+    bool addTunnelAddressToJson(int socket, const char* key, wfoal::IoctlNumber query, bool wanted);
     void addDnsDomain(const char* function, const char* domain);
     void requestIsIncomplete(const char* function);
     void saveDataForRecovery();

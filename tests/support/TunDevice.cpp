@@ -13,6 +13,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "handles/Ioctl.h"
+
 namespace testsupport {
 
 namespace {
@@ -29,7 +31,8 @@ ifreq requestFor(const std::string& name)
     return request;
 }
 
-void setOneAddress(int control, const std::string& name, unsigned long operation, const char* text, const char* what)
+void setOneAddress(int control, const std::string& name, wfoal::IoctlNumber operation, const char* text,
+                   const char* what)
 {
     ifreq request = requestFor(name);
     sockaddr_in address{};

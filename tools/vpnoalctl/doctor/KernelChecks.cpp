@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "doctor/Checks.h"
+#include "handles/Ioctl.h"
 #include "handles/UniqueFd.h"
 #include "tunnel/FilterState.h"
 
@@ -43,7 +44,8 @@ Finding checkTunDevice(Context&)
                 error == EACCES || error == EPERM ? "run as root" : "load the module: modprobe tun"};
     }
     unsigned int features = 0;
-    if (ioctl(device.get(), TUNGETFEATURES, &features) != 0 || (features & IFF_TUN) == 0) {
+    if (ioctl(device.get(), static_cast<wfoal::IoctlNumber>(TUNGETFEATURES), &features) != 0 ||
+        (features & IFF_TUN) == 0) {
         return {Health::Missing, "/dev/net/tun is not the kernel's tunnel device", "load the module: modprobe tun"};
     }
     return {Health::Ok, "/dev/net/tun can be opened", ""};

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "CommandError.h"
+#include "handles/Ioctl.h"
 
 namespace vpnoalctl {
 
@@ -36,7 +37,7 @@ public:
         if (!mSocket.valid()) throw systemError("socket", errno, askDoctor);
     }
 
-    void set(unsigned long command, Ipv4Address address, const char* what) const
+    void set(wfoal::IoctlNumber command, Ipv4Address address, const char* what) const
     {
         ifreq request = requestForDevice();
         sockaddr_in value{};
@@ -46,15 +47,15 @@ public:
         change(command, request, what);
     }
 
-    void change(unsigned long command, ifreq& request, const char* what) const
+    void change(wfoal::IoctlNumber command, ifreq& request, const char* what) const
     {
         if (ioctl(mSocket.get(), command, &request) == 0) return;
         throw systemError(fmt::format("{} of {}", what, tunnelDeviceName), errno, askDoctor);
     }
 
-    bool query(unsigned long command, ifreq& answer) const { return ioctl(mSocket.get(), command, &answer) == 0; }
+    bool query(wfoal::IoctlNumber command, ifreq& answer) const { return ioctl(mSocket.get(), command, &answer) == 0; }
 
-    Ipv4Address address(unsigned long command) const
+    Ipv4Address address(wfoal::IoctlNumber command) const
     {
         ifreq request = requestForDevice();
         if (!query(command, request)) return {};
