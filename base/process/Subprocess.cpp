@@ -16,6 +16,7 @@
 #include <cstring>
 #include <system_error>
 
+#include "process/SpawnActions.h"
 #include "text/Excerpt.h"
 
 namespace wfoal {
@@ -60,27 +61,22 @@ class SpawnFiles {
 public:
     SpawnFiles(Sharing sharing, const Subprocess::Files& files)
     {
-        posix_spawn_file_actions_init(&mActions);
         give(files.input, STDIN_FILENO);
         give(files.output, STDOUT_FILENO);
         give(files.output, STDERR_FILENO);
-        // Onto itself clears close-on-exec, in the new process only.
         give(files.inherited, files.inherited);
         // Whether the files of this process are close-on-exec or not.
-        if (sharing == Sharing::Nothing) posix_spawn_file_actions_addclosefrom_np(&mActions, STDERR_FILENO + 1);
+        if (sharing == Sharing::Nothing) mActions.closeFrom(STDERR_FILENO + 1);
     }
-    SpawnFiles(const SpawnFiles&) = delete;
-    SpawnFiles& operator=(const SpawnFiles&) = delete;
-    ~SpawnFiles() { posix_spawn_file_actions_destroy(&mActions); }
-    const posix_spawn_file_actions_t* get() const { return &mActions; }
+    const posix_spawn_file_actions_t* get() const { return mActions.get(); }
 
 private:
     void give(int file, int number)
     {
-        if (file >= 0) posix_spawn_file_actions_adddup2(&mActions, file, number);
+        if (file >= 0) mActions.duplicate(file, number);
     }
 
-    posix_spawn_file_actions_t mActions;
+    SpawnActions mActions;
 };
 
 // The form that exec takes, which points into `words`.

@@ -43,6 +43,14 @@ TEST(SubprocessTest, ArgumentsAreNoShellText)
     EXPECT_EQ(result.output, "$(id); `id` *");
 }
 
+TEST(SubprocessTest, NoFileOfThisProcessIsOpenInTheProgram)
+{
+    const UniqueFd low(open("/dev/null", O_RDONLY));
+    const UniqueFd high(fcntl(low.get(), F_DUPFD, 700));
+    ASSERT_GE(high.get(), 700);
+    EXPECT_EQ(runSubprocess({"sh", "-c", "[ -e /proc/$$/fd/700 ] || echo closed"}, {}, 5s).output, "closed");
+}
+
 TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
 {
     const auto handler = signal(SIGCHLD, SIG_IGN);

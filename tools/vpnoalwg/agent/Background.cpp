@@ -20,6 +20,7 @@
 #include "Output.h"
 #include "handles/UniqueFd.h"
 #include "io/WholeFile.h"
+#include "process/SpawnActions.h"
 #include "tunnel/Signals.h"
 
 namespace vpnoalwg {
@@ -72,28 +73,23 @@ public:
     explicit SpawnSetup(int log)
     {
         posix_spawnattr_init(&attributes);
-        posix_spawn_file_actions_init(&files);
         sigset_t signals;
         sigemptyset(&signals);
         posix_spawnattr_setsigmask(&attributes, &signals);
         sigfillset(&signals);
         posix_spawnattr_setsigdefault(&attributes, &signals);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
-        posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&files, log, STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&files, log, STDERR_FILENO);
-        posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+        files.open(STDIN_FILENO, "/dev/null", O_RDONLY);
+        files.duplicate(log, STDOUT_FILENO);
+        files.duplicate(log, STDERR_FILENO);
+        files.closeFrom(STDERR_FILENO + 1);
     }
     SpawnSetup(const SpawnSetup&) = delete;
     SpawnSetup& operator=(const SpawnSetup&) = delete;
-    ~SpawnSetup()
-    {
-        posix_spawn_file_actions_destroy(&files);
-        posix_spawnattr_destroy(&attributes);
-    }
+    ~SpawnSetup() { posix_spawnattr_destroy(&attributes); }
 
     posix_spawnattr_t attributes{};
-    posix_spawn_file_actions_t files{};
+    wfoal::SpawnActions files;
 };
 
 pid_t start(std::vector<std::string> arguments, int log)
@@ -106,7 +102,7 @@ pid_t start(std::vector<std::string> arguments, int log)
     pointers.push_back(nullptr);
     pid_t process = -1;
     const int error =
-        posix_spawn(&process, "/proc/self/exe", &setup.files, &setup.attributes, pointers.data(), environ);
+        posix_spawn(&process, "/proc/self/exe", setup.files.get(), &setup.attributes, pointers.data(), environ);
     if (error != 0) throw systemError(arguments.at(0), error, retry);
     return process;
 }
