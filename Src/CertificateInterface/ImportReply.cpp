@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 
-#include <mutex>
 #include <type_traits>
 
 #include "Assertion.h"
@@ -16,11 +15,31 @@ std::chrono::milliseconds importReplyTimeout = std::chrono::minutes(2);
 
 namespace {
 
+struct MonotonicCondition {
+    MonotonicCondition()
+    {
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        pthread_cond_init(&condition, &attributes);
+        pthread_condattr_destroy(&attributes);
+    }
+    pthread_cond_t condition{};
+};
+
 // The process may exit while an import waits, so none of these has a destructor. Destroying a condition, for one, waits
-// for those who wait for it.
-std::mutex sImportCertOpMutex;
-pthread_cond_t sImportCertOpCond = PTHREAD_COND_INITIALIZER;
-static_assert(std::is_trivially_destructible_v<std::mutex>);
+// for those who wait for it, and a std::mutex has a destructor in some libraries.
+pthread_mutex_t sImportCertOpMutex = PTHREAD_MUTEX_INITIALIZER;
+MonotonicCondition sImportCertOpCond;
+static_assert(std::is_trivially_destructible_v<MonotonicCondition>);
+
+class Lock {
+public:
+    Lock() { pthread_mutex_lock(&sImportCertOpMutex); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+    ~Lock() { pthread_mutex_unlock(&sImportCertOpMutex); }
+};
 
 // Guarded by the mutex.
 std::size_t sLastNumber = 0;
@@ -40,15 +59,15 @@ timespec monotonicTimeAfter(std::chrono::milliseconds delay)
 
 ImportReply::ImportReply()
 {
-    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    const Lock lock;
     mNumber = ++sLastNumber;
     spWaiting = this;
-    pthread_cond_broadcast(&sImportCertOpCond);
+    pthread_cond_broadcast(&sImportCertOpCond.condition);
 }
 
 ImportReply::~ImportReply()
 {
-    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    const Lock lock;
     if (spWaiting == this) spWaiting = nullptr;
 }
 
@@ -60,10 +79,10 @@ void* ImportReply::context() const
 JsonPtr ImportReply::wait()
 {
     const timespec end = monotonicTimeAfter(importReplyTimeout);
-    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    const Lock lock;
     int error = 0;
     while (error == 0 && !mHasReply && spWaiting == this) {
-        error = pthread_cond_clockwait(&sImportCertOpCond, sImportCertOpMutex.native_handle(), CLOCK_MONOTONIC, &end);
+        error = pthread_cond_timedwait(&sImportCertOpCond.condition, &sImportCertOpMutex, &end);
     }
     if (spWaiting != this) return nullptr;
     spWaiting = nullptr;
@@ -72,18 +91,18 @@ JsonPtr ImportReply::wait()
 
 bool ImportReply::isNewest() const
 {
-    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    const Lock lock;
     return mNumber == sLastNumber;
 }
 
 void storeReply(std::size_t number, const char* payload)
 {
     JsonPtr reply = jsonparser::parse(payload);
-    const std::lock_guard<std::mutex> lock(sImportCertOpMutex);
+    const Lock lock;
     if (spWaiting == nullptr || spWaiting->mNumber != number || spWaiting->mHasReply) return;
     spWaiting->mReply = std::move(reply);
     spWaiting->mHasReply = true;
-    pthread_cond_broadcast(&sImportCertOpCond);
+    pthread_cond_broadcast(&sImportCertOpCond.condition);
 }
 
 }  // namespace wfoal

@@ -75,16 +75,6 @@ LoadedFile fileAt(const void* address)
     return question.answer;
 }
 
-// In a program at a fixed address a function of a library may have an entry that leads to it. The program's symbol
-// has the entry's address then, and no definition.
-bool isEntryOfProgram(const void* address)
-{
-    Dl_info info{};
-    void* symbol = nullptr;
-    return dladdr1(address, &info, &symbol, RTLD_DL_SYMENT) != 0 && symbol != nullptr &&
-           static_cast<const ElfW(Sym)*>(symbol)->st_shndx == SHN_UNDEF;
-}
-
 const ElfW(Dyn) * findEntry(const LoadedFile& file, ElfW(Sxword) tag)
 {
     for (const ElfW(Dyn)* entry = file.dynamic; entry != nullptr && entry->d_tag != DT_NULL; ++entry) {
@@ -151,6 +141,20 @@ void visitReferences(const LoadedFile& file, const Visitor& visit)
     } else {
         visitTable<ElfW(Rel)>(file, DT_JMPREL, DT_PLTRELSZ, visit);
     }
+}
+
+// In a program at a fixed address a function of a library may have an entry that leads to it. The program's symbol
+// has the entry's address then, and no definition.
+bool isEntryOfProgram(const void* address)
+{
+    const LoadedFile program = fileAt(address);
+    bool isEntry = false;
+    visitReferences(program, [&](const Reference& reference) {
+        const ElfW(Sym)& symbol = reference.symbol;
+        if (symbol.st_shndx != SHN_UNDEF || symbol.st_value == 0) return;
+        isEntry = isEntry || reinterpret_cast<const void*>(program.base + symbol.st_value) == address;
+    });
+    return isEntry;
 }
 
 class Search {

@@ -28,13 +28,11 @@
 // Fulfilled when an import begins to wait. It holds the mutex, which a newer import needs, until it waits.
 static std::atomic<std::promise<void>*> sImportWaits{nullptr};
 
-extern "C" int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* end);
-extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* end)
+extern "C" int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* end);
+extern "C" int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* end)
 {
     if (std::promise<void>* waits = sImportWaits.exchange(nullptr)) waits->set_value();
-    return __real_pthread_cond_clockwait(condition, mutex, clock, end);
+    return __real_pthread_cond_timedwait(condition, mutex, end);
 }
 
 namespace {
