@@ -12,12 +12,35 @@
 
 namespace vpnoalctl {
 
+namespace {
+
+// Not every C library tells these names. SIGSTKFLT is not known on every processor.
+constexpr struct {
+    const char* name;
+    int number;
+} knownSignals[] = {
+    {"HUP", SIGHUP},       {"INT", SIGINT},     {"QUIT", SIGQUIT}, {"ILL", SIGILL},   {"TRAP", SIGTRAP},
+    {"ABRT", SIGABRT},     {"BUS", SIGBUS},     {"FPE", SIGFPE},   {"KILL", SIGKILL}, {"USR1", SIGUSR1},
+    {"SEGV", SIGSEGV},     {"USR2", SIGUSR2},   {"PIPE", SIGPIPE}, {"ALRM", SIGALRM}, {"TERM", SIGTERM},
+    {"CHLD", SIGCHLD},     {"CONT", SIGCONT},   {"STOP", SIGSTOP}, {"TSTP", SIGTSTP}, {"TTIN", SIGTTIN},
+    {"TTOU", SIGTTOU},     {"URG", SIGURG},     {"XCPU", SIGXCPU}, {"XFSZ", SIGXFSZ}, {"VTALRM", SIGVTALRM},
+    {"PROF", SIGPROF},     {"WINCH", SIGWINCH}, {"POLL", SIGPOLL}, {"PWR", SIGPWR},   {"SYS", SIGSYS},
+    {"IO", SIGIO},
+#ifdef SIGSTKFLT
+    {"STKFLT", SIGSTKFLT},
+#endif
+};
+
+}  // namespace
+
 std::optional<int> signalNumber(const std::string& name)
 {
     const std::string bare = name.rfind("SIG", 0) == 0 ? name.substr(3) : name;
+    for (const auto& known : knownSignals) {
+        if (bare == known.name) return known.number;
+    }
     for (int number = 1; number < SIGRTMIN; ++number) {
-        const char* const known = sigabbrev_np(number);
-        if (bare == std::to_string(number) || (known != nullptr && bare == known)) return number;
+        if (bare == std::to_string(number)) return number;
     }
     return std::nullopt;
 }
