@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "undolog/UndoLogFiles.h"
 
+#include <asm/socket.h>  // SO_NETNS_COOKIE, which not every C library has
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>

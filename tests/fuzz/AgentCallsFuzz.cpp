@@ -5,6 +5,7 @@
 // platform is one JSON object.
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -441,6 +442,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
             session.runOneOperation();
     }
     checkRequests();
-    close_range(firstKept, ~0U, 0);
+    syscall(SYS_close_range, firstKept, ~0U, 0);
     return 0;
 }

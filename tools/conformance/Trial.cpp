@@ -29,7 +29,9 @@ constexpr char letters[] = "obu";
     dup2(log, STDERR_FILENO);
     // The host platform then logs to stderr. Other platforms may ignore this.
     setenv("VKLOG_TARGET", "stderr", 1);
+#ifdef M_PERTURB               // not every C library has it
     mallopt(M_PERTURB, 0xa5);  // freed memory does not keep its content
+#endif
     std::string text(1, letters[0]);
     try {
         Platform platform(settings);
