@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string>
 
 #include "Faults.h"
 #include "ReaderTest.h"
@@ -384,8 +385,9 @@ TEST_F(NetLinkHelperTest, FailedSocketIsLoggedAndLeavesAnObjectThatCannotDump)
     EXPECT_EQ(nullptr, reader.getRoutingTableList());
     EXPECT_THAT(
         fakes::logLines(),
-        ElementsAre(fakes::LogLine{3, "NetLinkHelper::NetLinkHelper: Error binding: Too many open files"},
-                    fakes::LogLine{3, "NetLinkHelper::getRoutingTableList: Failed Socket Send: Bad file descriptor"}));
+        ElementsAre(
+            fakes::LogLine{3, std::string("NetLinkHelper::NetLinkHelper: Error binding: ") + std::strerror(EMFILE)},
+            fakes::LogLine{3, "NetLinkHelper::getRoutingTableList: Failed Socket Send: Bad file descriptor"}));
 }
 
 TEST_F(NetLinkHelperTest, SocketWhosePortIdIsTakenIsUsedAsItIs)
@@ -394,7 +396,8 @@ TEST_F(NetLinkHelperTest, SocketWhosePortIdIsTakenIsUsedAsItIs)
     EXPECT_THAT(fakes::logLines(), IsEmpty());
     NetLinkHelper reader(NETLINK_ROUTE, 0);
     EXPECT_THAT(fakes::logLines(),
-                ElementsAre(fakes::LogLine{3, "NetLinkHelper::NetLinkHelper: Error binding: Address already in use"}));
+                ElementsAre(fakes::LogLine{
+                    3, std::string("NetLinkHelper::NetLinkHelper: Error binding: ") + std::strerror(EADDRINUSE)}));
     fakes::logContext().level = 3;
     const RouteListPtr routes(reader.getRoutingTableList());
     ASSERT_NE(nullptr, routes);

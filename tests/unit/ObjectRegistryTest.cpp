@@ -178,7 +178,8 @@ protected:
     {
         Cost cost;
         std::thread([&] {
-            const sched_param priority{10};
+            sched_param priority{};
+            priority.sched_priority = 10;
             cost.refusal = pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
             const steady_clock::time_point begin = steady_clock::now();
             const microseconds used = processorTime();

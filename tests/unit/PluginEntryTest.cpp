@@ -64,7 +64,7 @@ TEST_F(PluginEntryTest, IdentifierFollowedByABlankCreatesNothing)
     EXPECT_EQ(nullptr, CreatePlugin("com.norva.wayfold.kest.system "));
     const std::vector<fakes::LogLine> expected = {
         {7, "CreatePlugin: Called! Wanting: com.norva.wayfold.kest.system "},
-        {7, "Created new plugin (nil)"},
+        {7, "Created new plugin " + pointerText(nullptr)},
     };
     EXPECT_EQ(expected, fakes::logLines());
 }
@@ -161,7 +161,8 @@ TEST_F(PluginEntryTest, ObjectIsCreatedThoughTheEventSideCannotBeReached)
 TEST_F(PluginEntryTest, DisposingNullIsHarmless)
 {
     EXPECT_TRUE(DisposePlugin(nullptr));
-    EXPECT_EQ((std::vector<fakes::LogLine>{{7, "DisposePlugin: (nil) called"}}), fakes::logLines());
+    EXPECT_EQ((std::vector<fakes::LogLine>{{7, "DisposePlugin: " + pointerText(nullptr) + " called"}}),
+              fakes::logLines());
 }
 
 TEST_F(PluginEntryTest, TableIsLoggedAndTheExportedOne)

@@ -8,7 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "Faults.h"
 #include "ReaderTest.h"
@@ -179,15 +181,15 @@ TEST_F(SocketInterfaceTest, EachFailingQueryFailsTheBindAlone)
     const struct {
         Call kind;
         int nth;
-        const char* text;
+        std::string text;
     } rows[] = {
         {Call::Send, 1, "Failed to get the best interface"},
         {Call::Socket, 1, "Failed to get the best interface"},  // for the interface's name
         {Call::Ioctl, 1, "Failed to get the best interface"},
-        {Call::SetOption, 1, "SO_BINDTODEVICE failed: Input/output error"},
+        {Call::SetOption, 1, std::string("SO_BINDTODEVICE failed: ") + std::strerror(EIO)},
         {Call::Socket, 2, "Failed to get interface ip address"},
         {Call::Ioctl, 2, "Failed to get interface ip address"},
-        {Call::Bind, 1, "Bind failed: Input/output error"},
+        {Call::Bind, 1, std::string("Bind failed: ") + std::strerror(EIO)},
     };
     for (const auto& row : rows) {
         {

@@ -135,8 +135,9 @@ TEST_F(StorageMappingTest, NullAndTheFailureValueAreUnknownAddresses)
     EXPECT_EQ(PLUGIN_FAILURE, mStorage.SimpleUnmapFile(nullptr));
     EXPECT_EQ(PLUGIN_FAILURE, mStorage.SimpleUnmapFile(MAP_FAILED));
     const std::string everyBit = "0x" + std::string(2 * sizeof(void*), 'f');
-    EXPECT_THAT(fakes::logLines(), ElementsAre(LogLine{3, "SimpleUnmapFile: mapping does not exist: (nil)"},
-                                               LogLine{3, "SimpleUnmapFile: mapping does not exist: " + everyBit}));
+    EXPECT_THAT(fakes::logLines(),
+                ElementsAre(LogLine{3, "SimpleUnmapFile: mapping does not exist: " + pointerText(nullptr)},
+                            LogLine{3, "SimpleUnmapFile: mapping does not exist: " + everyBit}));
 }
 
 TEST_F(StorageMappingTest, EmptyFileIsRefused)
