@@ -9,6 +9,7 @@
 #   trixie-clang  the same with clang and libc++: unit and platform tests
 #   arm64, armhf  cross compilers of Debian 12, and qemu-user for what they made: unit tests, and certificates in full
 #   s390x         the same, big-endian
+#   musl          another C library, with clang and libc++ (tests/devices/musl.sh): unit tests with fakes of the platform
 #   packages      the Debian packages of each architecture (tests/devices/packages.sh)
 #   porting       the commands of docs/porting.md (tests/devices/porting.sh)
 #
@@ -40,12 +41,13 @@ trixie-clang devices/trixie trixie   amd64 clang
 arm64        cross/arm64    bookworm arm64 cross
 armhf        cross/armhf    bookworm armhf cross
 s390x        cross/s390x    bookworm s390x cross
+musl         devices/musl   bookworm amd64 musl
 packages     -              -        -     script
 porting      -              -        -     script
 END
 
 usage() {
-    sed -n '4,23s/^# \{0,1\}//p' "$0"
+    sed -n '4,24s/^# \{0,1\}//p' "$0"
 }
 
 die() {
@@ -108,6 +110,11 @@ prepare() {
         in_root "$name" packaging/install-packages.sh build unit >>"$roots/log" 2>&1 || offline
         return
     fi
+    if [ "${kind[$name]}" = musl ]; then
+        in_root "$name" packaging/install-packages.sh build unit musl >>"$roots/log" 2>&1 || offline
+        in_root "$name" tests/devices/musl.sh --libraries >>"$roots/log" 2>&1
+        return
+    fi
     if [ "${kind[$name]}" != cross ]; then
         in_root "$name" packaging/install-packages.sh build package test >>"$roots/log" 2>&1 || offline
         # Tests that need what cannot be fetched are skipped.
@@ -133,6 +140,11 @@ select_tests() {
     clang)
         targets=("${unit_targets[@]}" services/all tests/tools/all tests/platform/all tests/services/all)
         selection=(-L '^(unit|platform)$')
+        ;;
+    musl)
+        targets=(Src/all tests/base/all tests/fakes/all tests/unit/all isolate)
+        selection=(-L '^unit$')
+        excluded=(-E "_NOT_BUILT\$|$(left_out musl)")
         ;;
     cross)
         targets=("${unit_targets[@]}" PkitsTest)
@@ -160,6 +172,12 @@ configure() {
     quick) in_root "$name" cmake "${options[@]}" "${all_quick[@]}" ;;
     native) in_root "$name" cmake "${options[@]}" "${lean[@]}" ;;
     cross) in_root "$name" packaging/cross-cmake.sh "${architecture[$name]}" "${options[@]}" "${lean[@]}" ;;
+    musl)
+        in_root "$name" tests/devices/musl.sh -G Ninja -S examples/platform -B build/platform &&
+            in_root "$name" ninja -C build/platform &&
+            in_root "$name" tests/devices/musl.sh "${options[@]}" "${all_quick[@]}" -DCMAKE_UNITY_BUILD=OFF \
+                -DWFOAL_PLATFORM=external -DCMAKE_LIBRARY_PATH=/src/build/platform
+        ;;
     clang)
         in_root "$name" cmake -G Ninja -S /usr/src/googletest -B build/googletest "${libcxx[@]}" \
             -DCMAKE_INSTALL_PREFIX=/src/build/installed &&
@@ -196,13 +214,15 @@ count_left_out() {
         echo "$name: $count skipped: $reason" >>"$roots/$name.notes"
     done < <(grep '^[^#]' "$here/devices/left-out.txt")
     count=$(names_of_tests "$name" | grep -c '_NOT_BUILT$') || true
-    [ "$count" = 0 ] || echo "$name: $count programs of tests are not built: what they test are daemons and the kernel" >>"$roots/$name.notes"
+    reason='what they test are daemons and the kernel'
+    [ "${kind[$name]}" != musl ] || reason='the row tests the plug-in and what it is made of'
+    [ "$count" = 0 ] || echo "$name: $count programs of tests are not built: $reason" >>"$roots/$name.notes"
     echo $total
 }
 
-# Of what is installed; a quick build is none.
+# Of what is installed; a quick build is none, nor one with static libraries.
 stripped_size() {
-    [ "${kind[$1]}" != quick ] || { echo -; return; }
+    [[ ${kind[$1]} != @(quick|musl) ]] || { echo -; return; }
     # shellcheck disable=SC2016  # for the shell in the root
     in_root "$1" sh -c '
         strip=$(sed -n "s/^CMAKE_STRIP:[A-Z]*=//p" build/release/CMakeCache.txt)
