@@ -18,7 +18,8 @@ libraries=(compiler musl libcxx googletest fmt cli11 json_c pcre2 glib openssl)
 
 cmake_for_musl() {
     PKG_CONFIG_SYSROOT_DIR=$system PKG_CONFIG_LIBDIR=$system/usr/lib/pkgconfig cmake "$@" \
-        -DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=x86_64 -DCMAKE_SYSROOT=$system -DPKG_CONFIG_ARGN=--static \
+        -DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=x86_64 -DCMAKE_CROSSCOMPILING_EMULATOR=env \
+        -DCMAKE_SYSROOT=$system -DPKG_CONFIG_ARGN=--static \
         -DCMAKE_C_COMPILER=$compiler -DCMAKE_CXX_COMPILER=$compiler++ \
         -DCMAKE_FIND_ROOT_PATH_MODE_PROGRAM=NEVER -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=ONLY
 }
