@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What DNS settings add to a request: three servers and five domains in a real systemd-resolved, against the bare calls
-// over a connection that is open already, and against resolvectl.
+// over a connection that is open already, against resolvectl, and against OpenVPN's up script for systemd-resolved.
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "Require.h"
 #include "Shell.h"
 #include "VkNetConfigLib.h"
+#include "handles/CString.h"
 #include "handles/SdBus.h"
 
 namespace {
@@ -81,6 +84,23 @@ void setBarely(sd_bus* bus)
     send(bus, route);
 }
 
+// The least for a request that leaves nothing open and can be undone: a connection, the link's settings, the changes.
+void setOnOwnConnection()
+{
+    sd_bus* opened = nullptr;
+    require(sd_bus_open_system(&opened) >= 0, "sd_bus_open_system");
+    const SdBusPtr connection(opened);
+    char* path = nullptr;
+    require(sd_bus_path_encode("/org/freedesktop/resolve1/link", std::to_string(if_nametoindex("veth0")).c_str(),
+                               &path) >= 0,
+            "path");
+    const CStringPtr owner(path);
+    require(sd_bus_call_method(opened, "org.freedesktop.resolve1", path, "org.freedesktop.DBus.Properties", "GetAll",
+                               nullptr, nullptr, "s", "org.freedesktop.resolve1.Link") >= 0,
+            "GetAll");
+    setBarely(opened);
+}
+
 void revert(sd_bus* bus)
 {
     send(bus, callTo(bus, "RevertLink"));
@@ -94,6 +114,21 @@ void setByTool(const std::string& tool)
     names.insert(names.end(), domains.begin(), domains.end());
     for (const auto& command : {dns, names, std::vector<std::string>{tool, "default-route", "veth0", "no"}})
         require(runCommand(command).status == 0, "resolvectl");
+}
+
+// As OpenVPN starts it, with what the gateway has pushed in the environment. It also calls resolvectl.
+std::vector<std::string> upScript(const std::string& script)
+{
+    const std::string folder = script.substr(0, script.rfind('/'));
+    std::vector<std::string> command{"env", "PATH=" + folder + ":" + std::getenv("PATH"), "script_type=up",
+                                     "dev=veth0"};
+    int number = 0;
+    for (const std::string& server : servers)
+        command.push_back("foreign_option_" + std::to_string(++number) + "=dhcp-option DNS " + server);
+    for (const std::string& domain : domains)
+        command.push_back("foreign_option_" + std::to_string(++number) + "=dhcp-option DOMAIN-SEARCH " + domain);
+    command.insert(command.end(), {script, "veth0"});
+    return command;
 }
 
 }  // namespace
@@ -130,9 +165,36 @@ int main()
         },
         101);
     table.compare(
+        "what DNS adds to an apply (floor), to the calls on a connection of their own after a look", bench::noLimit,
+        ours,
+        [&] {
+            const double seconds = bench::secondsOf(setOnOwnConnection);
+            revert(connection.get());
+            return seconds;
+        },
+        101);
+    table.compare(
         "what DNS adds to an apply, to three resolvectl", 0.5, ours,
         [&] {
             const double seconds = bench::secondsOf([&] { setByTool(tool); });
+            revert(connection.get());
+            return seconds;
+        },
+        11);
+    const std::string script = testsupport::daemonTool("update-systemd-resolved");
+    if (access(script.c_str(), X_OK) != 0) {
+        table.missing("what DNS adds to an apply, to OpenVPN's up script",
+                      "not there: run tests/support/fetch-daemons.sh build/daemons");
+        return table.result();
+    }
+    table.compare(
+        "what DNS adds to an apply, to OpenVPN's up script", 0.5, ours,
+        [&] {
+            const double seconds = bench::secondsOf([&] {
+                const auto result = runCommand(upScript(script));
+                require(result.status == 0, result.output.c_str());
+            });
+            require(runCommand({tool, "dns", "veth0"}).output.find("10.8.0.3") != std::string::npos, "the up script");
             revert(connection.get());
             return seconds;
         },

@@ -2,20 +2,16 @@
 //
 // How soon an agent knows that its network went, that a better one came, and that the system is going to sleep: from
 // the kernel's event or logind's notice to the callback, through the real connection manager, a real bus and the real
-// plug-in.
-#include <fcntl.h>
+// plug-in. Beside it, when a NetworkManager of its own tells the same loss.
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,16 +19,19 @@
 #include "Comparison.h"
 #include "Daemons.h"
 #include "FakeLogind.h"
+#include "KernelEvents.h"
 #include "LoadedPlugin.h"
+#include "NetworkManagerPeer.h"
 #include "Require.h"
 #include "Shell.h"
 #include "handles/UniqueFd.h"
 
 namespace {
 
+using bench::Clock;
+using bench::NetworkManagerPeer;
 using bench::require;
-
-using Clock = std::chrono::steady_clock;
+using bench::setLink;
 using std::chrono::milliseconds;
 using testsupport::shell;
 
@@ -64,66 +63,6 @@ private:
     std::atomic<bool> mIsTold{false};
 };
 
-/// Notes when the kernel announced something of the kind last asked for, on a thread of its own.
-class KernelEvents {
-public:
-    KernelEvents()
-    {
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE;
-        require(bind(mSocket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "bind");
-        mThread = std::thread([this] { listen(); });
-    }
-    ~KernelEvents()
-    {
-        mIsStopped = true;
-        mThread.join();
-    }
-    void forget() { mIsSeen.store(false); }
-    /// When the first message since forget() arrived, which is waited for.
-    Clock::time_point first() const
-    {
-        while (!mIsSeen.load())
-            std::this_thread::sleep_for(milliseconds(1));
-        return mFirst.load();
-    }
-    void await(std::uint16_t type) { mType.store(type); }
-
-private:
-    void listen()
-    {
-        alignas(nlmsghdr) char buffer[16384];
-        while (!mIsStopped) {
-            pollfd readable{mSocket.get(), POLLIN, 0};
-            if (poll(&readable, 1, 100) <= 0) continue;
-            const ssize_t length = recv(mSocket.get(), buffer, sizeof buffer, 0);
-            const Clock::time_point now = Clock::now();
-            if (length < static_cast<ssize_t>(sizeof(nlmsghdr))) continue;
-            if (reinterpret_cast<const nlmsghdr*>(buffer)->nlmsg_type != mType.load() || mIsSeen.load()) continue;
-            mFirst.store(now);
-            mIsSeen.store(true);
-        }
-    }
-
-    const UniqueFd mSocket{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
-    std::atomic<Clock::time_point> mFirst{};
-    std::atomic<bool> mIsSeen{false};
-    std::atomic<std::uint16_t> mType{0};
-    std::atomic<bool> mIsStopped{false};
-    std::thread mThread;
-};
-
-void setLink(const char* name, bool isUp)
-{
-    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ifreq request{};
-    std::string(name).copy(request.ifr_name, sizeof request.ifr_name - 1);
-    require(ioctl(socket.get(), SIOCGIFFLAGS, &request) == 0, "SIOCGIFFLAGS");
-    request.ifr_flags = static_cast<short>(isUp ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP);
-    require(ioctl(socket.get(), SIOCSIFFLAGS, &request) == 0, "SIOCSIFFLAGS");
-}
-
 /// As an agent that connects: the plug-in chooses the interface.
 void bindExpecting(KEST_SocketPlugin& plugin, const std::string& expected)
 {
@@ -147,6 +86,11 @@ void add(Times& times, Clock::duration time)
 int main()
 {
     setenv("VKLOG_LEVEL", "3", 1);
+    const std::string noManager = testsupport::daemonUnavailable(testsupport::Daemon::networkManager);
+    std::optional<NetworkManagerPeer> networkManager;
+    if (noManager.empty()) networkManager.emplace();
+    Times carriers;
+    Times states;
     const testsupport::ChildProcess bus = testsupport::startBus();
     testsupport::addVethPair("eth0", "peer0", "10.0.0.2/24");
     testsupport::addVethPair("wwan0", "peer1", "10.1.0.2/24");
@@ -161,7 +105,7 @@ int main()
     KEST_SocketPlugin* socketIf = plugin.createSocket();
     Agent agent;
     systemIf->SetSystemPluginCB(&agent);
-    KernelEvents kernel;
+    bench::KernelEvents kernel;
     Times losses;
     Times returns;
     constexpr int rounds = 200;
@@ -174,7 +118,13 @@ int main()
         kernel.forget();
         agent.forget();
         setLink("eth0", false);
-        add(losses, agent.wait() - kernel.first());
+        const Clock::time_point down = Clock::now();
+        add(losses, agent.wait() - kernel.firstBefore(down));
+        if (networkManager) carriers.push_back(networkManager->secondsOfLoss(NetworkManagerPeer::Signal::carrier));
+        // It takes seconds each time.
+        if (networkManager && round % 20 == 0) {
+            states.push_back(networkManager->secondsOfLoss(NetworkManagerPeer::Signal::state));
+        }
         bindExpecting(*socketIf, "wwan0");
         std::this_thread::sleep_for(quiet);
         kernel.await(RTM_NEWROUTE);
@@ -184,7 +134,8 @@ int main()
         kernel.forget();
         agent.forget();
         shell("ip route add default via 10.0.0.1 dev eth0 metric 100");
-        add(returns, agent.wait() - kernel.first());
+        const Clock::time_point routed = Clock::now();
+        add(returns, agent.wait() - kernel.firstBefore(routed));
     }
     Times sleeps;
     constexpr std::size_t sleepRounds = 30;  // the plug-in gives the agent a second each time
@@ -201,6 +152,12 @@ int main()
     }
     bench::Table table("Reaction: from the event to the agent's callback");
     table.distribution("the bound network goes", losses, 0.005, 0.015);
+    if (networkManager) {
+        table.peerDistribution("the bound network goes", "NetworkManager's carrier", carriers);
+        table.peerDistribution("the bound network goes", "NetworkManager's state", states);
+    } else {
+        table.missing("the bound network goes, to NetworkManager's carrier", noManager);
+    }
     table.distribution("a better network has its default route", returns, 0.005, 0.015);
     table.distribution("the system is going to sleep", sleeps, 0.003, 0.003);
     plugin.dispose(systemIf);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -101,12 +102,25 @@ void Table::distribution(const std::string& name, std::vector<double> times, dou
     const double tail = times[times.size() * 99 / 100];
     const bool isWithin = middle <= medianLimit && tail <= tailLimit;
     mWithinLimits = mWithinLimits && isWithin;
-    std::printf("%s: median %s (limit %s), 99 of 100 within %s (limit %s), from %s to %s%s\n", name.c_str(),
-                readable(middle).c_str(), readable(medianLimit).c_str(), readable(tail).c_str(),
-                readable(tailLimit).c_str(), readable(times.front()).c_str(), readable(times.back()).c_str(),
-                isWithin ? "" : "  OVER");
+    const auto withLimit = [](double value, double limit) {
+        return readable(value) + (limit < noLimit ? " (limit " + readable(limit) + ")" : "");
+    };
+    std::printf("%s: median %s, 99 of 100 within %s, from %s to %s%s\n", name.c_str(),
+                withLimit(middle, medianLimit).c_str(), withLimit(tail, tailLimit).c_str(),
+                readable(times.front()).c_str(), readable(times.back()).c_str(), isWithin ? "" : "  OVER");
     record("\"name\":\"" + name + "\",\"median\":" + number(middle) + ",\"tail\":" + number(tail) +
            ",\"limit\":" + number(medianLimit) + ",\"tailLimit\":" + number(tailLimit));
+}
+
+void Table::peerDistribution(const std::string& name, const std::string& peer, std::vector<double> times)
+{
+    distribution(name + ", to " + peer, std::move(times), noLimit, noLimit);
+}
+
+void Table::missing(const std::string& name, const std::string& reason)
+{
+    std::printf("%s: not measured: %s\n", name.c_str(), reason.c_str());
+    record("\"name\":\"" + name + "\",\"missing\":\"" + reason + "\"");
 }
 
 void Table::memory(const std::string& name, double all, double isPrivate)

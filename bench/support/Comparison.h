@@ -63,6 +63,12 @@ public:
     /// their limits.
     void distribution(const std::string& name, std::vector<double> times, double medianLimit, double tailLimit);
 
+    /// Prints the distribution of a peer, which has no limit, beside the row `name`.
+    void peerDistribution(const std::string& name, const std::string& peer, std::vector<double> times);
+
+    /// Prints why a row is not measured.
+    void missing(const std::string& name, const std::string& reason);
+
     /// Prints resident memory in KiB: all, and what no other process shares.
     void memory(const std::string& name, double all, double isPrivate);
 

@@ -5,8 +5,9 @@
 # private namespaces. Nothing is installed: installing systemd-resolved would replace the machine's /etc/resolv.conf.
 # Works as an ordinary user. What is already there is left alone.
 #
-# Daemons: resolved elogind networkmanager resolvconf (all of them when none is named). Each has a folder of its own,
-# since elogind brings a libsystemd.so.0 that the others must not see; DEST/bin has a command for each program.
+# Daemons: resolved elogind networkmanager resolvconf, and openvpn for its up script (all of them when none is named).
+# Each has a folder of its own, since elogind brings a libsystemd.so.0 that the others must not see; DEST/bin has a
+# command for each program.
 set -euo pipefail
 
 declare -A packages=(
@@ -14,12 +15,14 @@ declare -A packages=(
     [elogind]="elogind libelogind0"
     [networkmanager]="network-manager libnm0"
     [resolvconf]="resolvconf"
+    [openvpn]="openvpn-systemd-resolved"
 )
 declare -A programs=(
     [resolved]="lib/systemd/systemd-resolved usr/bin/resolvectl"
     [elogind]="lib/elogind/elogind bin/loginctl bin/elogind-inhibit"
     [networkmanager]="usr/sbin/NetworkManager usr/bin/nmcli"
     [resolvconf]="sbin/resolvconf"
+    [openvpn]="etc/openvpn/update-systemd-resolved"
 )
 
 fail() {
@@ -124,14 +127,14 @@ fetch_daemon() {
     printf '%s\n' "$signature" >"$stamp"
 }
 
-[ $# -ge 1 ] || { sed -n '4,10s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -ge 1 ] || { sed -n '4,11s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 for tool in apt-get dpkg-deb dpkg-query; do
     command -v $tool >/dev/null || fail "needs $tool (Debian or a relative)"
 done
 mkdir -p "$1/archives" "$1/bin"
 dest=$(cd "$1" && pwd)
 shift
-[ $# -gt 0 ] || set -- resolved elogind networkmanager resolvconf
+[ $# -gt 0 ] || set -- resolved elogind networkmanager resolvconf openvpn
 signature="$dest $(sha256sum <"${BASH_SOURCE[0]}")"
 
 exec 9>"$dest/.lock"
