@@ -12,10 +12,12 @@
 
 #include "handles/SdBus.h"
 #include "resolved/LinkDns.h"
+#include "resolved/LinkMessages.h"
 
 namespace wfoal {
 
-inline constexpr char resolvedName[] = "org.freedesktop.resolve1";
+/// A connection to the system bus that is made while the process does something else.
+SdBusPtr startSystemBus();
 
 /// A connection to the system bus that is ready to be used. Throws when the descriptor `stop` becomes readable before.
 SdBusPtr openSystemBus(int stop = -1);
@@ -32,8 +34,9 @@ public:
     explicit ResolvedManager(SdBusPtr bus) : mBus(std::move(bus)) {}
     sd_bus* bus() { return mBus.get(); }
 
-    /// Whether it answers. The bus may start it for that.
-    bool answers();
+    /// Whether it answers. The bus, which need not be ready, may start it for that. `settings` gets those of the link,
+    /// where there are any.
+    bool answers(int index, std::optional<LinkDns>& settings);
 
     /// Its owner on the bus: another text after each restart of it or of the bus. Empty when it is not running.
     std::string owner();
@@ -41,7 +44,8 @@ public:
     /// The settings of a link; none when the link, or the service, is not there.
     std::optional<LinkDns> read(int index);
 
-    void write(int index, const LinkDns& dns);
+    /// Returns the owner that has taken the settings, as owner() does.
+    std::string write(int index, const LinkDns& dns);
 
     /// Changes the link's servers, domains and default route from `now` to `before`. Its other settings stay.
     void restore(int index, const LinkDns& before, const LinkDns& now);
@@ -53,9 +57,9 @@ public:
 private:
     void writeServers(int index, const LinkDns& dns);
     void writeDomains(int index, const LinkDns& dns);
-    void writeDefaultRoute(int index, const LinkDns& dns);
+    std::string writeDefaultRoute(int index, const LinkDns& dns);
     void revert(int index);
-    std::string pathOf(int index);
+    std::string withBusId(const std::string& name);
     SdBusMessagePtr propertiesOf(int index);
     std::string otherSettings(int index);
 

@@ -17,10 +17,22 @@ Dns::Dns()
     mBackends.push_back({wfoal::resolvconfWord, std::make_unique<ResolvconfBackend>()});
 }
 
+void Dns::begin()
+{
+    for (const auto& named : mBackends)
+        named.backend->begin();
+}
+
+void Dns::end()
+{
+    for (const auto& named : mBackends)
+        named.backend->end();
+}
+
 std::string Dns::prepare(const Link& link, const DnsSettings& settings, const std::vector<std::string>& earlier)
 {
     for (const auto& [word, backend] : mBackends) {
-        if (!backend->works()) continue;
+        if (!backend->works(link)) continue;
         std::vector<std::string> ofBackend;
         for (const std::string& text : earlier) {
             if (const DnsLine line(text); line.word == word) ofBackend.emplace_back(line.rest);

@@ -23,6 +23,19 @@ class Dns {
 public:
     using IsWanted = DnsBackend::IsWanted;
 
+    /// May be held by a request that is going to set DNS: then the connection is made while the request does other
+    /// things, and it is closed with the request.
+    class Request {
+    public:
+        explicit Request(Dns& dns) : mDns(dns) { mDns.begin(); }
+        Request(const Request&) = delete;
+        Request& operator=(const Request&) = delete;
+        ~Request() { mDns.end(); }
+
+    private:
+        Dns& mDns;
+    };
+
     Dns();
     Dns(const Dns&) = delete;
     Dns& operator=(const Dns&) = delete;
@@ -56,6 +69,9 @@ private:
         std::string_view word;  // lines of this back end begin with it
         std::unique_ptr<DnsBackend> backend;
     };
+
+    void begin();
+    void end();
 
     /// Throws a RequestError with the key "undo log" when no back end has made the line.
     DnsBackend& backendOf(std::string_view prepared) const;

@@ -24,8 +24,14 @@ public:
 
     virtual ~DnsBackend() = default;
 
-    /// Whether it works here: does the service answer, does the tool run.
-    virtual bool works() = 0;
+    /// A request with DNS settings begins: what takes time may be started, so that it goes on beside other work.
+    virtual void begin() {}
+
+    /// The request ends, maybe before anything was set.
+    virtual void end() {}
+
+    /// Whether it works here for this link: does the service answer, does the tool run.
+    virtual bool works(const Link& link) = 0;
 
     /// Returns what undo() needs, in one line. Changes nothing. `earlier` are the lines of the settings of which one is
     /// installed on this link now.

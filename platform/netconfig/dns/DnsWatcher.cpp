@@ -26,15 +26,6 @@ constexpr int reconnectPause = 5000;  // milliseconds
 constexpr auto retryPause = std::chrono::milliseconds(250);
 
 // Empty: unknown.
-std::string ownerBy(ResolvedManager& manager)
-{
-    try {
-        return manager.owner();
-    } catch (const std::exception&) {
-        return {};
-    }
-}
-
 std::string currentOwner()
 {
     try {
@@ -51,14 +42,14 @@ DnsWatcher::~DnsWatcher()
     stop();
 }
 
-void DnsWatcher::watch(ResolvedManager& manager, const Link& link, const LinkDns& dns, IsWanted isWanted)
+void DnsWatcher::watch(std::string owner, const Link& link, const LinkDns& dns, IsWanted isWanted)
 {
     {
         const std::lock_guard<std::mutex> lock(mLock);
         mWatched[link.index] = {link.name, dns, std::move(isWanted)};
         mPending.erase(link.index);
     }
-    if (!mThread.joinable()) start(ownerBy(manager));
+    if (!mThread.joinable()) start(std::move(owner));
 }
 
 void DnsWatcher::undoLater(const LinkChange& change) noexcept

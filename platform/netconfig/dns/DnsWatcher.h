@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "dns/RateLimit.h"
@@ -39,9 +40,9 @@ public:
     /// Whether the settings are still to be maintained; called on the watcher's thread.
     using IsWanted = std::function<bool()>;
 
-    /// Maintains `dns`, which was set through `manager`, on the link until `isWanted` (empty: always) returns false.
-    /// Throws std::system_error when no thread can be started.
-    void watch(ResolvedManager& manager, const Link& link, const LinkDns& dns, IsWanted isWanted = {});
+    /// Maintains `dns`, which `owner` has taken, on the link until `isWanted` (empty: always) returns false. Throws
+    /// std::system_error when no thread can be started.
+    void watch(std::string owner, const Link& link, const LinkDns& dns, IsWanted isWanted = {});
 
     /// Undoes the change when systemd-resolved answers again. Without memory or a thread it does nothing.
     void undoLater(const LinkChange& change) noexcept;

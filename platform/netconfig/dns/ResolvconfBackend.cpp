@@ -35,7 +35,12 @@ std::string fileFor(const DnsSettings& settings)
 
 }  // namespace
 
-bool ResolvconfBackend::works()
+bool ResolvconfBackend::works(const Link&)
+{
+    return runs();
+}
+
+bool ResolvconfBackend::runs()
 {
     // No option is common to every resolvconf implementation; all of them exit normally on --version. One of them is a
     // link to resolvectl, which needs systemd-resolved: when that is there, it is asked on the bus.
@@ -58,7 +63,7 @@ void ResolvconfBackend::set(const Link& link, const DnsSettings& settings, IsWan
 
 bool ResolvconfBackend::undo(std::string_view prepared)
 {
-    if (!works()) return true;
+    if (!runs()) return true;
     const SubprocessResult result = run("-d", prepared, {});
     if (!result.succeeded()) throw RequestError("ipv4.dns", "resolvconf: " + result.reason());
     return true;

@@ -13,12 +13,15 @@ namespace vknetconfig {
 
 class ResolvconfBackend : public DnsBackend {
 public:
-    bool works() override;
+    bool works(const Link& link) override;
     std::string prepare(const Link& link, const DnsSettings& settings,
                         const std::vector<std::string>& earlier) override;
     void set(const Link& link, const DnsSettings& settings, IsWanted isWanted) override;
     void setAgain(std::string_view, IsWanted) override {}
     bool undo(std::string_view prepared) override;
+
+private:
+    static bool runs();
 };
 
 }  // namespace vknetconfig

@@ -32,17 +32,38 @@ bool undoNow(const LinkChange& change)
 
 }  // namespace
 
-bool SystemdResolvedBackend::works()
+void SystemdResolvedBackend::begin()
+{
+    try {
+        mStarted = wfoal::startSystemBus();
+    } catch (const RequestError&) {
+        // works() tries again.
+    }
+}
+
+void SystemdResolvedBackend::end()
+{
+    mBefore.reset();
+    mManager.reset();
+    mStarted.reset();
+}
+
+bool SystemdResolvedBackend::works(const Link& link)
 {
     mBefore.reset();
     mManager.reset();
     try {
-        if (mManager.emplace().answers()) return true;
-        mManager.reset();
-        return false;
+        std::optional<LinkDns> dns;
+        mManager.emplace(mStarted ? std::move(mStarted) : wfoal::startSystemBus());
+        if (mManager->answers(link.index, dns)) {
+            if (dns) mBefore = LinkBefore{link, std::move(*dns)};
+            return true;
+        }
     } catch (const RequestError&) {
-        return false;  // no bus
+        // no bus
     }
+    mManager.reset();
+    return false;
 }
 
 ResolvedManager SystemdResolvedBackend::takeManager()
@@ -57,7 +78,7 @@ std::string SystemdResolvedBackend::prepare(const Link& link, const DnsSettings&
                                             const std::vector<std::string>& earlier)
 {
     if (!mManager) mManager.emplace();
-    mBefore = LinkBefore{link, readPresent(*mManager, link)};
+    if (!mBefore || !(mBefore->link == link)) mBefore = LinkBefore{link, readPresent(*mManager, link)};
     LinkChange change{link, wfoal::resolvedSettingsFor(settings), mBefore->dns};
     for (const std::string& line : earlier) {
         const LinkChange installed = LinkChange::decode(line);
@@ -72,8 +93,9 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
     ResolvedManager manager = takeManager();
     const LinkDns before = mBefore && mBefore->link == link ? std::move(mBefore->dns) : readPresent(manager, link);
     mBefore.reset();
+    std::string owner;
     try {
-        manager.write(link.index, wanted);
+        owner = manager.write(link.index, wanted);
     } catch (const RequestError&) {
         try {
             manager.restore(link.index, before, readPresent(manager, link));
@@ -82,7 +104,7 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
         }
         throw;
     }
-    mWatcher.watch(manager, link, wanted, std::move(isWanted));
+    mWatcher.watch(std::move(owner), link, wanted, std::move(isWanted));
 }
 
 void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWanted)
@@ -90,8 +112,7 @@ void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWant
     const LinkChange change = LinkChange::decode(prepared);
     if (!wfoal::isPresent(change.link)) return;
     ResolvedManager manager;
-    manager.write(change.link.index, change.set);
-    mWatcher.watch(manager, change.link, change.set, std::move(isWanted));
+    mWatcher.watch(manager.write(change.link.index, change.set), change.link, change.set, std::move(isWanted));
 }
 
 bool SystemdResolvedBackend::undo(std::string_view prepared)

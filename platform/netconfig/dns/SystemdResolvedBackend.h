@@ -15,7 +15,9 @@ namespace vknetconfig {
 
 class SystemdResolvedBackend : public DnsBackend {
 public:
-    bool works() override;
+    void begin() override;
+    void end() override;
+    bool works(const Link& link) override;
     std::string prepare(const Link& link, const DnsSettings& settings,
                         const std::vector<std::string>& earlier) override;
     void set(const Link& link, const DnsSettings& settings, IsWanted isWanted) override;
@@ -30,6 +32,8 @@ private:
 
     wfoal::ResolvedManager takeManager();
 
+    // From begin() to works(), so that the bus answers meanwhile.
+    SdBusPtr mStarted;
     // Of a request, from works() and prepare() to set(), so that it takes one connection and reads the link once.
     std::optional<wfoal::ResolvedManager> mManager;
     std::optional<LinkBefore> mBefore;

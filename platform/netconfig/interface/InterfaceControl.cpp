@@ -82,6 +82,8 @@ std::string InterfaceControl::subjectOf(const std::string& ifName)
 
 void InterfaceControl::apply(const InterfaceRequest& request, const std::optional<GuardRules>& guard)
 {
+    std::optional<Dns::Request> dns;
+    if (!request.dns.empty()) dns.emplace(mDns);
     mSocket.followNamespace(mUndoLog.networkNamespace());
     const std::string subject = subjectOf(request.ifName);
     NewOwnership ownership(mUndoLog, subject);

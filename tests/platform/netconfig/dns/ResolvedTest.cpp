@@ -5,6 +5,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <vector>
 
 #include "ResolvedFixture.h"
 #include "resolved/ResolvedManager.h"
@@ -186,6 +190,68 @@ TEST_F(ResolvedTest, ARequestTakesOneConnection)
     const int before = connectionsSoFar();
     dns.set(link(), tunnel, dns.prepare(link(), tunnel));
     EXPECT_EQ(connectionsSoFar(), before + 2);
+}
+
+// Sees every method that is called of systemd-resolved.
+class CallMonitor {
+public:
+    CallMonitor()
+    {
+        sd_bus* made = nullptr;
+        EXPECT_GE(sd_bus_new(&made), 0);
+        mBus.reset(made);
+        sd_bus_set_address(made, std::getenv("DBUS_SYSTEM_BUS_ADDRESS"));
+        sd_bus_set_bus_client(made, 1);
+        sd_bus_set_monitor(made, 1);
+        EXPECT_GE(sd_bus_start(made), 0);
+        EXPECT_GE(sd_bus_call_method(made, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                     "org.freedesktop.DBus.Monitoring", "BecomeMonitor", nullptr, nullptr, "asu", 1,
+                                     "type='method_call',destination='org.freedesktop.resolve1'", 0),
+                  0);
+    }
+
+    // Those so far, up to one of its own.
+    std::vector<std::string> calls()
+    {
+        const SdBusPtr own = wfoal::openSystemBus();
+        sd_bus_call_method(own.get(), wfoal::resolvedName, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+                           "");
+        const char* ownName = nullptr;
+        sd_bus_get_unique_name(own.get(), &ownName);
+        std::vector<std::string> members;
+        while (true) {
+            sd_bus_message* received = nullptr;
+            const int result = sd_bus_process(mBus.get(), &received);
+            const SdBusMessagePtr message(received);
+            if (result < 0 || (result == 0 && sd_bus_wait(mBus.get(), 10'000'000) <= 0)) return {"no end"};
+            if (!message || sd_bus_message_is_method_call(received, nullptr, nullptr) <= 0) continue;
+            if (std::strcmp(sd_bus_message_get_sender(received), ownName) == 0) return members;
+            members.emplace_back(sd_bus_message_get_member(received));
+        }
+    }
+
+private:
+    SdBusPtr mBus;
+};
+
+TEST_F(ResolvedTest, ARequestAsksForTheLinkOnceAndSetsThreeThings)
+{
+    CallMonitor monitor;
+    dns.set(link(), tunnel, dns.prepare(link(), tunnel));
+    EXPECT_THAT(monitor.calls(),
+                testing::ElementsAre("GetAll", "SetLinkDNSEx", "SetLinkDomains", "SetLinkDefaultRoute"));
+}
+
+TEST_F(ResolvedTest, ARequestHasNoConnectionWhenItIsOver)
+{
+    const auto countOfFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = countOfFiles();
+    {
+        const Dns::Request request(dns);
+        dns.prepare(link(), tunnel);
+        EXPECT_EQ(countOfFiles(), before + 1);
+    }
+    EXPECT_EQ(countOfFiles(), before);
 }
 
 TEST_F(ResolvedTest, UndoFromAVanishedLinkSucceeds)
