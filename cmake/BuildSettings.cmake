@@ -63,9 +63,10 @@ macro(wfoal_small_objects)
     endif()
 endmacro()
 
-# What is called for each element of long lists is worth its bytes.
+# What is called for each element of long lists is worth its bytes. The rarely executed part of a function stays in it:
+# elsewhere it would need a frame description and jumps of its own.
 function(wfoal_fast_sources)
-    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<BOOL:${WFOAL_SMALL}>:-O2>")
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<BOOL:${WFOAL_SMALL}>:-O2;-fno-reorder-blocks-and-partition>")
 endfunction()
 
 # The linker generates the code, so it gets the options of the compiler that matter for it.
