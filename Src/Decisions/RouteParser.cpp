@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::size_t headerLength = NLMSG_HDRLEN;
 constexpr std::size_t attributesOffset = NLMSG_LENGTH(sizeof(rtmsg));
+static_assert(attributesOffset == headerLength + sizeof(rtmsg), "nothing is between them");
 
 std::size_t aligned(std::size_t length)
 {
@@ -63,28 +64,34 @@ void parseRouteMessage(const void* message, std::size_t length, RouteInfo& route
 {
     const auto* bytes = static_cast<const unsigned char*>(message);
     rtmsg header{};
-    if (length > headerLength) {
-        std::memcpy(&header, bytes + headerLength, std::min(length - headerLength, sizeof header));
+    if (length >= attributesOffset) {
+        std::memcpy(&header, bytes + headerLength, sizeof header);
+    } else if (length > headerLength) {
+        std::memcpy(&header, bytes + headerLength, length - headerLength);
     }
     route.table = header.rtm_table;
     route.mask = netmaskOf(header.rtm_dst_len);
 
-    std::size_t offset = attributesOffset;
-    while (offset + sizeof(rtattr) <= length) {
-        rtattr attribute;
-        std::memcpy(&attribute, bytes + offset, sizeof attribute);
-        if (attribute.rta_len < sizeof attribute || attribute.rta_len > length - offset) return;
+    if (length < attributesOffset) return;
+    const unsigned char* next = bytes + attributesOffset;
+    std::size_t left = length - attributesOffset;
+    rtattr attribute;
+    while (left >= sizeof attribute) {
+        std::memcpy(&attribute, next, sizeof attribute);
+        if (attribute.rta_len < sizeof attribute || attribute.rta_len > left) return;
         const std::size_t field =
             attribute.rta_type < std::size(fieldOffsets) ? fieldOffsets[attribute.rta_type] : unwanted;
         if (field != unwanted) {
             // Always read the four bytes after the attribute's header, for compatibility. When the attribute is
             // shorter, they are bytes of the next one.
             std::uint32_t value = 0;
-            const std::size_t valueOffset = offset + sizeof attribute;
-            if (valueOffset + sizeof value <= length) std::memcpy(&value, bytes + valueOffset, sizeof value);
+            if (left >= sizeof attribute + sizeof value) std::memcpy(&value, next + sizeof attribute, sizeof value);
             std::memcpy(reinterpret_cast<unsigned char*>(&route) + field, &value, sizeof value);
         }
-        offset += aligned(attribute.rta_len);
+        const std::size_t step = aligned(attribute.rta_len);
+        if (step >= left) return;
+        next += step;
+        left -= step;
     }
 }
 
