@@ -41,6 +41,26 @@ public:
 
     void run() const
     {
+        run([](const char*, ssize_t) {});
+    }
+
+    /// With a record for each message, which stays allocated, and a list of them.
+    void runWithRecords() const
+    {
+        GPtrArray* const list = g_ptr_array_new();
+        run([list](const char* bytes, ssize_t length) {
+            auto left = static_cast<unsigned>(length);
+            for (const auto* next = reinterpret_cast<const nlmsghdr*>(bytes); NLMSG_OK(next, left);
+                 next = NLMSG_NEXT(next, left))
+                g_ptr_array_add(list, g_try_malloc0(sizeof(RouteInfo)));
+        });
+        releaseRoutingTableList(list);
+    }
+
+private:
+    template <typename Use>
+    void run(Use use) const
+    {
         nlmsghdr header{};
         header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
         header.nlmsg_type = RTM_GETROUTE;
@@ -49,11 +69,12 @@ public:
         require(send(mSocket.get(), request.data(), request.size(), 0) > 0, "send");
         alignas(nlmsghdr) char buffer[16384];
         do {
-            require(recv(mSocket.get(), buffer, sizeof buffer, 0) > 0, "recv");
+            const ssize_t received = recv(mSocket.get(), buffer, sizeof buffer, 0);
+            require(received > 0, "recv");
+            use(buffer, received);
         } while (reinterpret_cast<const nlmsghdr*>(buffer)->nlmsg_type != NLMSG_DONE);
     }
 
-private:
     UniqueFd mSocket;
 };
 
@@ -159,6 +180,8 @@ public:
             repeated(mRoutes, [this] { require(mSocketInterface.getBestInterfaceId() == "eth0", "choice"); });
 
         mReading[mRoutes] = run(size + "getRoutingTableList, to raw dump", 1.5, reading, raw, rounds);
+        run(size + "getRoutingTableList (floor), to a dump with records", bench::noLimit, reading,
+            repeated(mRoutes, [this] { mRaw.runWithRecords(); }), rounds);
         mListing[mRoutes] = run(size + "EnumerateRoutes, to raw dump", 2.5, listing(), raw, rounds);
         // The look-up's socket is opened anew at each choice, 7 us that only a small table makes visible.
         const bool isSmall = mRoutes < 10'000;
