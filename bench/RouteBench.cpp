@@ -204,9 +204,9 @@ public:
         const auto growth = [&](const std::map<unsigned, bench::Medians>& medians) {
             return medians.at(to).ours / medians.at(from).ours / (medians.at(to).peer / medians.at(from).peer);
         };
-        const std::string range = "growth " + std::to_string(from) + " to " + std::to_string(to) + ", to raw dump's: ";
-        mTable.ratio(range + "reading", 1.1, growth(mReading));
-        mTable.ratio(range + "listing", 1.1, growth(mListing));
+        const std::string range = " from " + std::to_string(from) + " to " + std::to_string(to) + " routes";
+        mTable.ratio("growth of reading" + range + ", to the raw dump's", 1.1, growth(mReading));
+        mTable.ratio("growth of listing" + range + ", to the raw dump's", 1.1, growth(mListing));
     }
 
     int result() const { return mWithinLimits ? mTable.result() : 1; }

@@ -170,18 +170,18 @@ void serve(int end)
     KernelEvents kernel;
     kernel.await(RTM_NEWLINK);
     double result = 0;
-    require(write(end, &result, sizeof result) == sizeof result, "answering");
+    require(write(end, &result, sizeof result) == static_cast<ssize_t>(sizeof result), "answering");
     Signal awaited{};
-    while (read(end, &awaited, sizeof awaited) == sizeof awaited) {
+    while (read(end, &awaited, sizeof awaited) == static_cast<ssize_t>(sizeof awaited)) {
         result = measureLoss(device, kernel, awaited);
-        require(write(end, &result, sizeof result) == sizeof result, "answering");
+        require(write(end, &result, sizeof result) == static_cast<ssize_t>(sizeof result), "answering");
     }
 }
 
 double answerOf(int end)
 {
     double result = 0;
-    require(read(end, &result, sizeof result) == sizeof result, "measuring NetworkManager");
+    require(read(end, &result, sizeof result) == static_cast<ssize_t>(sizeof result), "measuring NetworkManager");
     return result;
 }
 
@@ -214,7 +214,8 @@ NetworkManagerPeer::~NetworkManagerPeer()
 
 double NetworkManagerPeer::secondsOfLoss(Signal awaited)
 {
-    require(write(mEnd.get(), &awaited, sizeof awaited) == sizeof awaited, "asking NetworkManager");
+    require(write(mEnd.get(), &awaited, sizeof awaited) == static_cast<ssize_t>(sizeof awaited),
+            "asking NetworkManager");
     return answerOf(mEnd.get());
 }
 
