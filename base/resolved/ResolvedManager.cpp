@@ -221,6 +221,7 @@ std::optional<LinkDns> ResolvedManager::read(int index)
     if (!properties) return std::nullopt;
     return settingsIn(properties.get());
 }
+
 // What can be set on a link beside servers, domains and default route, as one text; empty when the link is not there.
 std::string ResolvedManager::otherSettings(int index)
 {
