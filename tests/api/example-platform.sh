@@ -45,7 +45,7 @@ run cmake --build "$work/device"
 if command -v dpkg-query > /dev/null; then
     mapfile -t headers < <(ninja -C "$work/device" -t deps | grep -oE '/usr/include/[^ ]+' | sort -u)
     others=$(dpkg-query -S "${headers[@]}" | cut -d: -f1 | sort -u |
-        grep -vxE 'lib(glib2\.0|json-c|ssl|c6|pcre2|stdc\+\+-[0-9]+|gcc-[0-9]+)-dev|linux-libc-dev' || true)
+        grep -vxE 'lib(glib2\.0|gio-2\.0|json-c|ssl|c6|pcre2|stdc\+\+-[0-9]+|gcc-[0-9]+)-dev|linux-libc-dev' || true)
     [ -z "$others" ] || { echo "the build uses headers of $others"; exit 1; }
 fi
 [ -w /dev/net/tun ] || { echo 'there is no tun device for this user'; exit 77; }

@@ -49,10 +49,12 @@ done
 
 # All of OpenSSL.
 if [ -e "$("${CC:-cc}" -print-file-name=libcrypto.a)" ]; then
-    program static -rdynamic -Wl,--whole-archive -l:libcrypto.a -Wl,--no-whole-archive
+    needs=$(pkg-config --static --libs-only-l libcrypto)
+    read -ra whole <<<"-rdynamic -Wl,--whole-archive -l:libcrypto.a -Wl,--no-whole-archive ${needs/-lcrypto/}"
+    program static "${whole[@]}"
     expect "$refused" "$(replaced '*' 'the program')" static
     expect "$right" '' static deep
-    program excluded -rdynamic -Wl,--exclude-libs,ALL -Wl,--whole-archive -l:libcrypto.a -Wl,--no-whole-archive
+    program excluded -Wl,--exclude-libs,ALL "${whole[@]}"
     expect "$right" '' excluded
 else
     echo 'not tried: there is no libcrypto.a here'

@@ -35,7 +35,10 @@ done
 dpkg-deb -f "$packages"/libvpnwfoal-platform0_*.deb Suggests | grep -qx 'systemd-resolved | resolvconf' ||
     complain 'libvpnwfoal-platform0 does not suggest a resolver'
 
-# What others were linked with is written down for each library, with the version that it came with.
+# What others were linked with is written down for each library, with the version that it came with. A source package's
+# file is wanted, and not read.
+mkdir "$work/debian"
+: >"$work/debian/control"
 for package in "$packages"/libvpnwfoal{0,-platform0}_*.deb; do
     name=$(dpkg-deb -f "$package" Package)
     rm -rf "$work/library"

@@ -92,9 +92,13 @@ unpack_daemon() {
 }
 
 # A command that finds the daemon's own libraries first, and becomes the program so that its process id is the daemon's.
+# Newer releases have everything below usr/, and what only daemons start in usr/libexec/.
 write_command() {
     local name=$1 program=$2
     local file="$dest/bin/${program##*/}" root="$dest/$name" triplet
+    [ -e "$root/$program" ] || program=usr/$program
+    [ -e "$root/$program" ] || program=usr/libexec/${program##*/}
+    [ -e "$root/$program" ] || fail "the packages of $name hold no ${2##*/}"
     triplet=$(dpkg-architecture -q DEB_HOST_MULTIARCH 2>/dev/null || echo "$(uname -m)-linux-gnu")
     local libraries="$root/usr/lib/$triplet/systemd:$root/usr/lib/$triplet:$root/lib/$triplet:$root/lib/elogind"
     cat >"$file.new" <<END

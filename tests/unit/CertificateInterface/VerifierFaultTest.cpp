@@ -279,7 +279,7 @@ void failAllocations(const Chain& chain, long step)
     ASSERT_EQ(chain.verdict, handshake.judge()) << chain.name;  // also warms up what is allocated once
     ASSERT_EQ(chain.verdict, handshake.judgeFailingAllocations(0, 0)) << chain.name;
     const long total = sAllocations;
-    ASSERT_LT(1000, total) << chain.name;
+    ASSERT_LT(400, total) << chain.name;  // 1,000 and more before OpenSSL 3.5
     Tally tally;
     for (long at = 1; at <= total; at += step) {
         for (const long count : {1L, always})

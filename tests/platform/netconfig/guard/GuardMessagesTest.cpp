@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
+#include <regex>
 
 #include "KernelState.h"
 
@@ -22,9 +23,12 @@ constexpr char ipv6Link[] =
     "icmpv6 type 133-137 accept\n"
     "meta nfproto ipv6 udp dport 547 accept\n";
 
+// Newer versions of nft make one expression of a range, older ones two comparisons.
 std::string rulesInKernel()
 {
-    return outputOf("nft -n --debug=netlink list ruleset | grep -v '^inet '");
+    static const std::regex comparisons(R"(\[ cmp gte reg 1 (0x[0-9a-f]+) \]\n  \[ cmp lte reg 1 (0x[0-9a-f]+) \])");
+    const std::string rules = outputOf("nft -n --debug=netlink list ruleset | grep -v '^inet '");
+    return std::regex_replace(rules, comparisons, "[ range eq reg 1 $1 $2 ]");
 }
 
 std::string guardInNft(const std::string& rules)
