@@ -100,7 +100,7 @@ write_command() {
     [ -e "$root/$program" ] || program=usr/libexec/${program##*/}
     [ -e "$root/$program" ] || fail "the packages of $name hold no ${2##*/}"
     triplet=$(dpkg-architecture -q DEB_HOST_MULTIARCH 2>/dev/null || echo "$(uname -m)-linux-gnu")
-    local libraries="$root/usr/lib/$triplet/systemd:$root/usr/lib/$triplet:$root/lib/$triplet:$root/lib/elogind"
+    local libraries="$root/usr/lib/$triplet/systemd:$root/usr/lib/$triplet:$root/lib/$triplet:$root/lib/elogind:$root/usr/lib/$triplet/elogind"
     cat >"$file.new" <<END
 #!/bin/sh
 LD_LIBRARY_PATH='$libraries'

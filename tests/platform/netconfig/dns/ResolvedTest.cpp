@@ -121,7 +121,7 @@ TEST_F(ResolvedTest, WhatOthersSetBesideServersAndDomainsIsLeft)
     change({"llmnr", linkName, "no"});
     change({"nta", linkName, "internal.test"});
     dns.undo(again);
-    EXPECT_THAT(status(), HasSubstr("-LLMNR -mDNS +DNSOverTLS"));
+    EXPECT_THAT(status(), AllOf(HasSubstr("-LLMNR "), HasSubstr(" +DNSOverTLS")));
     EXPECT_EQ(shown("nta"), "internal.test");
     EXPECT_EQ(shown("dns"), "");
     EXPECT_EQ(shown("domain"), "");
@@ -249,7 +249,7 @@ TEST_F(ResolvedTest, ARequestHasNoConnectionWhenItIsOver)
     {
         const Dns::Request request(dns);
         dns.prepare(link(), tunnel);
-        EXPECT_EQ(countOfFiles(), before + 1);
+        EXPECT_GT(countOfFiles(), before);  // one, or two with newer versions of libsystemd
     }
     EXPECT_EQ(countOfFiles(), before);
 }

@@ -23,12 +23,20 @@ constexpr char ipv6Link[] =
     "icmpv6 type 133-137 accept\n"
     "meta nfproto ipv6 udp dport 547 accept\n";
 
-// Newer versions of nft make one expression of a range, older ones two comparisons.
+std::string withReplaced(const std::string& text, const char* expression, const char* replacement)
+{
+    return std::regex_replace(text, std::regex(expression), replacement);
+}
+
+// Newer versions of nft make one expression of a range, older ones two comparisons; and one comparison where it is one
+// value.
 std::string rulesInKernel()
 {
-    static const std::regex comparisons(R"(\[ cmp gte reg 1 (0x[0-9a-f]+) \]\n  \[ cmp lte reg 1 (0x[0-9a-f]+) \])");
-    const std::string rules = outputOf("nft -n --debug=netlink list ruleset | grep -v '^inet '");
-    return std::regex_replace(rules, comparisons, "[ range eq reg 1 $1 $2 ]");
+    std::string rules = outputOf("nft -n --debug=netlink list ruleset | grep -v '^inet '");
+    rules = withReplaced(rules, R"(\[ cmp gte reg 1 (0x[0-9a-f]+) \]\n  \[ cmp lte reg 1 (0x[0-9a-f]+) \])",
+                         "[ range eq reg 1 $1 $2 ]");
+    rules = withReplaced(rules, R"(\[ range eq reg 1 (0x[0-9a-f]+) \1 \])", "[ cmp eq reg 1 $1 ]");
+    return withReplaced(rules, R"(icmp type (\d+)-\1\b)", "icmp type $1");
 }
 
 std::string guardInNft(const std::string& rules)
