@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "handles/CString.h"
 #include "handles/Json.h"
 
 namespace jsonparser {
@@ -37,6 +38,22 @@ inline JsonPtr parse(const char* text, int flags = 0)
         if (error != json_tokener_continue || colon == nullptr || lostKey(*tokener)) return nullptr;
         piece = colon;
     }
+}
+
+/// The same for a text of json-c's strict form, without its extensions and with nothing after the value. json-c 0.18
+/// takes bytes above 127 in there for control characters, so the form is judged with other characters in their place.
+inline JsonPtr parseStrict(const char* text)
+{
+    const CStringPtr ascii(strdup(text));
+    if (ascii == nullptr) return nullptr;
+    bool isAscii = true;
+    for (char* at = ascii.get(); *at != '\0'; ++at) {
+        if (static_cast<unsigned char>(*at) <= 127) continue;
+        *at = '?';
+        isAscii = false;
+    }
+    JsonPtr value = parse(ascii.get(), JSON_TOKENER_STRICT);
+    return value == nullptr || isAscii ? std::move(value) : parse(text);
 }
 
 }  // namespace jsonparser

@@ -13,7 +13,7 @@ std::optional<RequestPayload> parseRequest(const char* text)
 {
     if (isTooLarge(text) || !isValidUtf8(text)) return std::nullopt;
     // Strict, so that nothing may follow the object.
-    const JsonPtr payload = jsonparser::parse(text, JSON_TOKENER_STRICT);
+    const JsonPtr payload = jsonparser::parseStrict(text);
     if (!json_object_is_type(payload.get(), json_type_object)) return std::nullopt;
     json_object* subscribe = json_object_object_get(payload.get(), "subscribe");
     return RequestPayload{json_object_is_type(subscribe, json_type_boolean) && json_object_get_boolean(subscribe)};

@@ -110,7 +110,10 @@ TEST(LoadOrderTest, NoStaticObjectIsConstructedAfterTheLoadHook)
     const std::vector<std::string> functions = loadFunctions();
     ASSERT_GE(functions.size(), 2u) << "the reader's constructor and the load hook at least";
     EXPECT_THAT(functions, testing::Contains(HasSubstr("NetLinkHelper.cpp")).Times(1));
-    EXPECT_EQ("(anonymous namespace)::InitLib()", functions.back()) << testing::PrintToString(functions);
+    // Newer compilers call all functions without a priority, which these are, from one; the test above sees their
+    // order.
+    EXPECT_THAT(functions.back(), testing::AnyOf("(anonymous namespace)::InitLib()", StartsWith("_sub_I_65535_")))
+        << testing::PrintToString(functions);
 }
 
 TEST(LoadOrderTest, ConstructorOfAStaticObjectLogsBeforeTheLoadHookAndWithoutAContext)

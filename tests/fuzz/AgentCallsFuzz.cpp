@@ -401,7 +401,7 @@ void checkRequests()
     for (const std::string& call : fakes::calls()) {
         const std::string function = call.substr(0, call.find(' '));
         if (function != "CmAddInterfaceCfg2" && function != "VkFirewallFullCtrl") continue;
-        const JsonPtr request = jsonparser::parse(call.c_str() + function.size() + 1, JSON_TOKENER_STRICT);
+        const JsonPtr request = jsonparser::parseStrict(call.c_str() + function.size() + 1);
         require(json_object_is_type(request.get(), json_type_object));
     }
 }

@@ -18,8 +18,11 @@ void require(bool condition)
     if (!condition) std::abort();
 }
 
-bool isObject(const std::string& text)
+// The strict form of json-c 0.18 has no bytes above 127.
+bool isObject(std::string text)
 {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c > 127; }, '?');
     const JsonTokenerPtr tokener(json_tokener_new());
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
     const JsonPtr value(json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size() + 1)));

@@ -27,7 +27,7 @@ void checkError(const vpnoalctl::CommandError& error)
     require(!line.empty() && line.size() < 1000);
     require(std::none_of(line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }));
     const std::string answer = vpnoalctl::answerTo(error);
-    require(json_object_is_type(jsonparser::parse(answer.c_str(), JSON_TOKENER_STRICT).get(), json_type_object));
+    require(json_object_is_type(jsonparser::parseStrict(answer.c_str()).get(), json_type_object));
     require(answer.find('\n') == std::string::npos || answer.find('\n') == answer.size() - 1);
 }
 

@@ -78,10 +78,17 @@ TEST(JsonParserTest, ReadsWhatJsonCReads)
 TEST(JsonParserTest, StrictReadsWhatJsonCReadsStrictly)
 {
     for (const std::string& text : texts()) {
-        EXPECT_EQ(textOf(parsedAtOnce(text, JSON_TOKENER_STRICT)),
-                  textOf(jsonparser::parse(text.c_str(), JSON_TOKENER_STRICT)))
+        EXPECT_EQ(textOf(parsedAtOnce(text, JSON_TOKENER_STRICT)), textOf(jsonparser::parseStrict(text.c_str())))
             << text;
     }
+}
+
+TEST(JsonParserTest, StrictReadsTextsOfAnyLanguage)
+{
+    const std::string text = "{ \"name\": \"Zoë\", \"größe\": [ \"日本\", \"\\u00e9\" ] }";
+    EXPECT_EQ(textOf(parsedAtOnce(text, 0)), textOf(jsonparser::parseStrict(text.c_str())));
+    EXPECT_EQ(nullptr, jsonparser::parseStrict("{\"name\":\"Zoë\",}"));
+    EXPECT_EQ(nullptr, jsonparser::parseStrict("{\"name\":\"Zoë\"} x"));
 }
 
 TEST(JsonParserTest, DeepNestingIsRefused)

@@ -4,8 +4,9 @@
 // subjects and leaves the same certificates in the store.
 #include "CertificateInterface/CheckedLookup.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 
@@ -29,6 +30,7 @@ std::vector<std::string> namesIn(X509_STORE* store)
         const X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i));
         names.push_back(std::to_string(ASN1_INTEGER_get(X509_get0_serialNumber(certificate))));
     }
+    std::sort(names.begin(), names.end());  // the order depends on the version of OpenSSL
     return names;
 }
 
@@ -64,16 +66,24 @@ protected:
         return answers;
     }
 
-    void expectTheSame(const char* what) const
+    std::vector<std::string> plainAnswers() const
     {
-        const X509StorePtr plain(X509_STORE_new());
-        ASSERT_EQ(1, X509_STORE_load_locations(plain.get(), nullptr, directory.c_str()));
-        wfoal::CheckedLookup lookup(directory);
-        const X509StorePtr checked(X509_STORE_new());
-        ASSERT_TRUE(lookup.attachTo(checked.get()));
-        EXPECT_EQ(lookUp(plain.get()), lookUp(checked.get())) << what;
-        EXPECT_FALSE(lookup.hasFault()) << what;
+        const X509StorePtr store(X509_STORE_new());
+        EXPECT_EQ(1, X509_STORE_load_locations(store.get(), nullptr, directory.c_str()));
+        return lookUp(store.get());
     }
+
+    std::vector<std::string> checkedAnswers() const
+    {
+        wfoal::CheckedLookup lookup(directory);
+        const X509StorePtr store(X509_STORE_new());
+        EXPECT_TRUE(lookup.attachTo(store.get()));
+        std::vector<std::string> answers = lookUp(store.get());
+        EXPECT_FALSE(lookup.hasFault());
+        return answers;
+    }
+
+    void expectTheSame(const char* what) const { EXPECT_EQ(plainAnswers(), checkedAnswers()) << what; }
 
     // The first two have one subject.
     const Identity mFirst = makeIdentity({"Root", 1, true});
@@ -122,7 +132,6 @@ TEST_F(CheckedLookupTest, FilesOfEveryKind)
         {"key before", mFirst.keyPem() + pem},
         {"encrypted key after it", pem + mFirst.keyPem("secret")},
         {"cut short", pem.substr(0, pem.size() / 2)},
-        {"damaged one after a good one", pem + "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
         {"damaged before a good one", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n" + pem},
         {"NUL before", std::string("a\0b\n", 4) + pem},
         {"NUL inside", pem.substr(0, 100) + std::string("\0", 1) + pem.substr(100)},
@@ -133,6 +142,19 @@ TEST_F(CheckedLookupTest, FilesOfEveryKind)
         writeFile(path, content);
         expectTheSame(what);
     }
+}
+
+// Newer versions of OpenSSL do not find what lies before the damage when they read the file, but later. A verification
+// that does not agree with the other one refuses.
+TEST_F(CheckedLookupTest, DamageBehindACertificate)
+{
+    writeFile(pathOf(mFirst, 0), mFirst.pem() + "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
+    writeFile(pathOf(mSecond, 1), mSecond.pem());
+    std::vector<std::string> plain = plainAnswers();
+    ASSERT_FALSE(plain.empty());
+    EXPECT_THAT(plain.front(), testing::AnyOf("found: 0", "found: 1"));
+    plain.front() = "found: 1";
+    EXPECT_EQ(plain, checkedAnswers());
 }
 
 TEST_F(CheckedLookupTest, TrustSettings)
