@@ -82,6 +82,11 @@ std::string inServer(const std::string& command)
     return shell("ip netns exec server " + command);
 }
 
+bool wireguardStaysOnAddresses()
+{
+    return shell("wireguard-go --version").find(" v0.0.2022") != std::string::npos;
+}
+
 bool awaitSuccess(const std::string& command)
 {
     for (int tries = 0; tries < 1000; ++tries) {

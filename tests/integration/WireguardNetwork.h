@@ -52,6 +52,10 @@ private:
 std::string inInternet(const std::string& command);
 std::string inServer(const std::string& command);
 
+/// Whether wireguard-go answers from the address that it was asked at, and stays there until the next handshake. Later
+/// versions follow the routes.
+bool wireguardStaysOnAddresses();
+
 /// Runs the command each 10 ms until it succeeds; false after ten seconds.
 bool awaitSuccess(const std::string& command);
 
