@@ -44,7 +44,8 @@ make_network() {
     ip address add 192.0.2.10/24 dev eth0
     ip link set eth0 up
     ip netns exec server sh -c 'ip link set lo up; ip link set eth0 up; ip address add 192.0.2.1/24 dev eth0
-        ip address add 198.51.100.2/32 dev lo; ip address add 10.20.0.80/32 dev lo'
+        ip address add 198.51.100.2/32 dev lo; ip address add 10.20.0.80/32 dev lo
+        ip route replace 192.0.2.0/24 dev eth0 src 198.51.100.2'  # later versions of wireguard-go do not say from where
     ip route add default via 192.0.2.1 dev eth0
     ip -6 address flush dev eth0
     ip -6 address add 2001:db8::10/64 dev eth0 nodad
