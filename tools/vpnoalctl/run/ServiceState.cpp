@@ -26,7 +26,7 @@ ServiceState::ServiceState()
 }
 
 // Not with sd_notify(), which takes the socket from the environment: that would have to change while another thread
-// may read it. Nobody who listens is no error, as there.
+// may read it. As with sd_notify(), it is no error that nobody listens.
 void ServiceState::report(std::string_view state) const
 {
     sockaddr_un address{};
