@@ -30,7 +30,7 @@ struct MonotonicCondition {
 // The process may exit while an import waits, so none of these has a destructor. Destroying a condition, for one, waits
 // for those who wait for it, and a std::mutex has a destructor in some libraries.
 pthread_mutex_t sImportCertOpMutex = PTHREAD_MUTEX_INITIALIZER;
-MonotonicCondition sImportCertOpCond;
+__attribute__((init_priority(201))) MonotonicCondition sImportCertOpCond;  // before the load hook, not with the reader
 static_assert(std::is_trivially_destructible_v<MonotonicCondition>);
 
 class Lock {
