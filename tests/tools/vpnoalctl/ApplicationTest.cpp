@@ -38,7 +38,8 @@ TEST(RunMainTest, AnExceptionIsToldWithTheNameOfTheProgram)
     EXPECT_EQ("vpnoal-wg: std::bad_alloc\n", testing::internal::GetCapturedStderr());
 }
 
-// Another thread reads the environment while the host platform is told by it what to keep and to let through.
+// These variables say to the host platform what to keep and what to let through. Another thread reads the environment
+// when they are set.
 TEST(RunProgramTest, VariablesThatChangeLaterExistBeforeTheCommandRuns)
 {
     CLI::App app;

@@ -25,8 +25,8 @@ ServiceState::ServiceState()
     unsetenv(variable);
 }
 
-// Not with sd_notify(), which takes the socket from the environment: that would have to change while another thread
-// may read it. As with sd_notify(), it is no error that nobody listens.
+// sd_notify() takes the socket from the environment, which would have to change while another thread may read it.
+// A report without a receiver is no error here either.
 void ServiceState::report(std::string_view state) const
 {
     sockaddr_un address{};
