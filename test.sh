@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# test.sh [--preset NAME] [--filter REGEX] [--lint] [--devices]: installs what is missing, builds, and runs all tests. The
-# last lines are ctest's own summary, and the exit code is ctest's.
+# test.sh [--preset NAME] [--filter REGEX] [--lint] [--devices] [--full ...]: installs what is missing, builds, and runs
+# all tests. The last lines are ctest's own summary, and the exit code is ctest's.
 #
 #   --preset NAME    release (default), debug, asan-ubsan, tsan, clang or coverage
 #   --filter REGEX   only tests whose names match
 #   --lint           formatting, shell scripts, a clang build without warnings and clang-tidy instead of the tests
 #   --devices        all tests in root file systems of other machines instead, through sudo (tests/devices.sh --help)
+#   --full [PART...] what takes hours instead, or some parts of it, with one table at the end (tests/full.sh --help)
 #
 # Nothing of the machine is touched but the packages that are installed, the only step of the others that needs root
 # (through sudo): tests run in private namespaces.
@@ -15,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 usage() {
-    sed -n '4,13s/^# \{0,1\}//p' test.sh
+    sed -n '4,14s/^# \{0,1\}//p' test.sh
 }
 
 die() {
@@ -28,7 +29,7 @@ fetch() {
     "$@" || [ -z "${CI:-}" ] || die "could not fetch what the tests need"
 }
 
-preset=release filter='' lint=no devices=no
+preset=release filter='' lint=no devices=no full=no
 while [ $# -gt 0 ]; do
     case $1 in
     --preset | --filter)
@@ -38,6 +39,11 @@ while [ $# -gt 0 ]; do
         ;;
     --lint) lint=yes ;;
     --devices) devices=yes ;;
+    --full)
+        full=yes
+        shift
+        break
+        ;;
     -h | --help) usage; exit 0 ;;
     *) die "unknown option '$1' (see --help)" ;;
     esac
@@ -53,6 +59,12 @@ if [ $devices = yes ]; then
     as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo)
     exec "${as_root[@]}" tests/devices.sh
+fi
+if [ $full = yes ]; then
+    packaging/install-packages.sh build package test lint full
+    fetch tests/support/fetch-daemons.sh build/daemons
+    fetch tests/support/fetch-vectors.sh build/vectors
+    exec tests/full.sh "$@"
 fi
 
 case $preset in

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # install-packages.sh PURPOSE...: installs what packaging/apt-packages.txt lists for build, package, test, unit, demo, lint,
-# devices or musl, and does nothing when all of it is there. Asks for root through sudo, and only then. --list PURPOSE...: prints it.
+# full, devices or musl, and does nothing when all of it is there. Asks for root through sudo, and only then. --list PURPOSE...: prints it.
 set -euo pipefail
 
 list=$(dirname "${BASH_SOURCE[0]}")/apt-packages.txt

@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# run.sh [SECONDS] [STEM...]: builds the fuzz targets and runs each for that long (60), from its seeds, in private
-# namespaces. Exits with 1 when one finds something; what it found lies in build/fuzz/found/.
+# run.sh [--build|--built] [SECONDS] [STEM...]: builds the fuzz targets and runs each for that long (60), from its seeds,
+# in private namespaces. --build runs none, and --built builds none. Exits with 1 when one finds something; what it found
+# lies in build/fuzz/found/.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+mode=${1:-}
+if [[ $mode == --buil[dt] ]]; then shift; fi
 seconds=${1:-60}
 shift || true
-cmake --preset fuzz >/dev/null
-ninja -C build/fuzz
+if [ "$mode" != --built ]; then
+    cmake --preset fuzz >/dev/null
+    ninja -C build/fuzz
+    [ "$mode" != --build ] || exit 0
+fi
 root=$PWD
 mkdir -p build/fuzz/found
 status=0

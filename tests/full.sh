@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# full.sh [--again] [PART...]: runs everything that is too long for each change, prints one table of what it measured, and
+# writes docs/reliability.md. All parts of tests/full/parts.txt are run when none is named.
+#
+#   --again      also the parts that have a result for this commit
+#   --summary    no part: only the table and the page, from the results there are
+#   --list       the parts
+#
+# Each result stays in build/full/PART.json, and what the part printed in build/full/PART.log. A part that has a result
+# for this commit is not run again, so that an interrupted run goes on where it stopped. `./test.sh --full` installs what
+# is needed first. Exits with 1 when one of the parts has failed or has no result.
+#
+# A part is a command that runs by itself too. It writes what it measured to the file that FIGURES names:
+#   {"rows": [{"what": "mutants killed", "figure": "412 of 430, 95.8 %", "limit": "95 %", "ok": true}], "notes": ["..."]}
+# Notes are sentences for the page. The command exits with 0 when each row is ok.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+folder=build/full
+
+usage() {
+    sed -n '4,17s/^# \{0,1\}//p' tests/full.sh
+}
+
+die() {
+    printf 'full.sh: %s\n' "$*" >&2
+    exit 2
+}
+
+names=()
+declare -A command
+while IFS='|' read -r name _ line; do
+    [[ $name != '' && $name != \#* ]] || continue
+    read -r name <<<"$name"
+    read -r "command[$name]" <<<"$line"
+    names+=("$name")
+done <tests/full/parts.txt
+
+again=no summary=no wanted=()
+while [ $# -gt 0 ]; do
+    case $1 in
+    --again) again=yes ;;
+    --summary) summary=yes ;;
+    --list) grep -v '^#' tests/full/parts.txt; exit 0 ;;
+    -h | --help) usage; exit 0 ;;
+    -*) die "unknown option '$1' (see --help)" ;;
+    *)
+        [ -n "${command[$1]:-}" ] || die "no part is called '$1'; there are: ${names[*]}"
+        wanted+=("$1")
+        ;;
+    esac
+    shift
+done
+[ ${#wanted[@]} -gt 0 ] || wanted=("${names[@]}")
+
+# The last commit that changed more than the page that this writes, and what has been changed since.
+state_of_tree() {
+    local paths=(-- . ':!docs/reliability.md') commit changes
+    commit=$(git log -1 --format=%h "${paths[@]}") || die 'results belong to a commit, and this is no clone'
+    changes=$(git status --porcelain "${paths[@]}"; git diff HEAD "${paths[@]}")
+    [ -z "$changes" ] || commit+=+$(sha256sum <<<"$changes" | cut -c 1-7)
+    echo "$commit"
+}
+
+run_part() {
+    local name=$1 started=$SECONDS status=0
+    rm -f "$folder/$name.figures"
+    echo "$name: the log is $folder/$name.log"
+    # 9 is the lock, which no daemon that a test leaves behind is to hold.
+    FIGURES=$PWD/$folder/$name.figures bash -c "${command[$name]}" >"$folder/$name.log" 2>&1 </dev/null 9>&- || status=$?
+    tests/full/results.py record "$name" "$commit" $((SECONDS - started)) $status
+}
+
+mkdir -p "$folder"
+exec 9>"$folder/lock"
+flock -n 9 || die 'another run is going on here'
+trap 'exit 130' INT TERM
+commit=$(state_of_tree)
+if [ $summary = no ]; then
+    for name in "${wanted[@]}"; do
+        if [ $again = yes ] || ! tests/full/results.py has "$name" "$commit"; then run_part "$name"; fi
+    done
+fi
+tests/full/results.py report "$commit" "${wanted[@]}"

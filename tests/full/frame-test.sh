@@ -1,0 +1,136 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# frame-test.sh: tests/full.sh with parts of its own in a repository of its own: what it runs, keeps, prints and writes.
+set -euo pipefail
+source=$(cd "$(dirname "$0")/../.." && pwd)
+if ! command -v git >/dev/null; then
+    echo 'skipped: there is no git'
+    exit 77
+fi
+tree=$(mktemp -d)
+trap 'rm -rf "$tree"' EXIT
+failed=0
+
+mkdir -p "$tree/tests/full" "$tree/docs"
+cp "$source/tests/full.sh" "$tree/tests/"
+cp "$source/tests/full/results.py" "$source/tests/full/figures.py" "$tree/tests/full/"
+cd "$tree"
+cat >tests/full/parts.txt <<'END'
+# a comment
+good | what is right | tests/full/good.py
+bad  | what is wrong | tests/full/bad.py 7
+dead | what ends early | echo run >>runs.dead; exit 3
+END
+cat >tests/full/good.py <<'END'
+#!/usr/bin/env python3
+import sys
+import figures
+open("runs.good", "a").write("run\n")
+sys.exit(figures.report([figures.row("apples", "3 of 3", True, "all")], ["An apple a day."]))
+END
+cat >tests/full/bad.py <<'END'
+#!/usr/bin/env python3
+import sys
+import figures
+open("runs.bad", "a").write("run\n")
+sys.exit(figures.report([figures.row("pears", sys.argv[1], False, 8), figures.row("a|b", 1, True)]))
+END
+chmod +x tests/full/*.py
+printf 'build/\n__pycache__/\nruns.*\n' >.gitignore
+
+commit_all() {
+    git add -A
+    GIT_CONFIG_GLOBAL=/dev/null git -c user.name=test -c user.email=test@test.example commit -q -m "$1"
+    git log -1 --format=%h
+}
+
+# expect NAME EXIT_CODE TEXT ARGUMENT...: full.sh ends so, and prints what the text is, apart from durations and what has been changed.
+expect() {
+    local name=$1 code=$2 text=$3 status=0 printed
+    shift 3
+    printed=$(tests/full.sh "$@" 2>&1 | sed -E 's/, [0-9]+ s, commit/, SECONDS, commit/; s/[+][0-9a-f]{7}:/+CHANGES:/'; exit "${PIPESTATUS[0]}") || status=$?
+    if [ "$status" != "$code" ] || [ "$printed" != "$text" ]; then
+        printf '%s: expected exit code %s and\n%s\ngot %s and\n%s\n' "$name" "$code" "$text" "$status" "$printed"
+        failed=1
+    fi
+}
+
+# expect_runs PART NUMBER: so often the part has been run.
+expect_runs() {
+    local runs=0
+    [ ! -e "runs.$1" ] || runs=$(wc -l <"runs.$1")
+    [ "$runs" = "$2" ] || { echo "$1 was run $runs times, not $2"; failed=1; }
+}
+
+git -c init.defaultBranch=main init -q
+first=$(commit_all first)
+table="part  what             figure                             limit  result
+good  apples           3 of 3                             all    ok
+bad   pears            7                                  8      FAILED
+bad   a|b              1                                         ok
+dead  end of the part  exit code 3, there are no figures  0      FAILED"
+runs() {
+    printf '%s: the log is build/full/%s.log\n' "$1" "$1"
+}
+
+expect 'an unknown part' 2 "full.sh: no part is called 'nonsense'; there are: good bad dead" good nonsense
+expect_runs good 0
+expect 'all parts' 1 "$(runs good; runs bad; runs dead)
+$table
+3 parts, SECONDS, commit $first: FAILED"
+sed -E 's/\| [0-9]+ s \|/| SECONDS |/; s/20[0-9]+-[0-9]+-[0-9]+/DATE/' docs/reliability.md | tail -n +6 >page
+cat >expected <<END
+| part | what it does | took | commit | date |
+|---|---|---|---|---|
+| \`good\` | what is right | SECONDS | $first | DATE |
+| \`bad\` | what is wrong | SECONDS | $first | DATE |
+| \`dead\` | what ends early | SECONDS | $first | DATE |
+
+| part | measured | figure | limit |  |
+|---|---|---|---|---|
+| \`good\` | apples | 3 of 3 | all | ok |
+| \`bad\` | pears | 7 | 8 | **failed** |
+| \`bad\` | a\\|b | 1 |  | ok |
+| \`dead\` | end of the part | exit code 3, there are no figures | 0 | **failed** |
+
+## good
+
+- An apple a day.
+END
+diff -u expected page || { echo 'the page is another one'; failed=1; }
+rm expected page
+
+git add docs
+commit_all 'the page' >/dev/null
+expect 'resumed: only what has no result' 1 "$(runs dead)
+$table
+3 parts, SECONDS, commit $first: FAILED"
+expect_runs good 1
+expect_runs dead 2
+expect 'a part alone' 0 "part  what    figure  limit  result
+good  apples  3 of 3  all    ok
+1 parts, SECONDS, commit $first: ok" good
+expect 'once more' 0 "$(runs good)
+part  what    figure  limit  result
+good  apples  3 of 3  all    ok
+1 parts, SECONDS, commit $first: ok" --again good
+expect_runs good 2
+sed -i 's/bad.py 7/bad.py 9/' tests/full/parts.txt
+second=$(commit_all second)
+expect 'results of an older commit' 1 "part  what             figure                             limit  result
+good  apples           3 of 3                             all    ok (at $first)
+bad   pears            7                                  8      FAILED (at $first)
+bad   a|b              1                                         ok (at $first)
+dead  end of the part  exit code 3, there are no figures  0      FAILED (at $first)
+3 parts, SECONDS, commit $second: FAILED" --summary
+expect 'another commit' 1 "$(runs bad)
+part  what   figure  limit  result
+bad   pears  9       8      FAILED
+bad   a|b    1              ok
+1 parts, SECONDS, commit $second: FAILED" bad
+echo '# changed' >>tests/full/good.py
+expect 'a tree with changes' 0 "$(runs good)
+part  what    figure  limit  result
+good  apples  3 of 3  all    ok
+1 parts, SECONDS, commit $second+CHANGES: ok" good
+exit $failed
