@@ -1,0 +1,216 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A copy of the sources with a build of its own, in which one mutant at a time is judged."""
+
+import collections
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import threading
+import time
+
+import graph
+
+CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "-DCMAKE_C_FLAGS_DEBUG=-O0 -w", "-DWFOAL_WERROR=OFF",
+                 "-DWFOAL_QUICK_TESTS=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
+NEAR = 4  # test programs that are tried first
+LINKED_SECONDS = 120  # so much of the tests that a source is linked to
+REACHED_SECONDS = 60  # so much of those that only load or start what it is linked to
+
+
+class Children:
+    """The processes that run now, so that a signal can end them."""
+
+    def __init__(self):
+        self.running = set()
+        self.lock = threading.Lock()
+
+    def run(self, command, output, limit=None, **how):
+        """The exit code; None when it took longer than the limit."""
+        with self.lock:
+            child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True, **how)
+            self.running.add(child)
+        try:
+            return child.wait(limit)
+        except subprocess.TimeoutExpired:
+            os.killpg(child.pid, signal.SIGKILL)
+            child.wait()
+            return None
+        finally:
+            with self.lock:
+                self.running.discard(child)
+
+    def end(self):
+        with self.lock:
+            for child in self.running:
+                os.killpg(child.pid, signal.SIGKILL)
+
+
+CHILDREN = Children()
+
+
+def contained(command):
+    """In a process namespace, so that nothing outlives it and it signals nothing else; with a limit for what it may use."""
+    user = [] if os.geteuid() == 0 else ["--map-root-user"]
+    return ["prlimit", "--core=0", "--fsize=2147483648", "--as=17179869184", "unshare", *user, "--fork", "--pid", "--kill-child", "--mount-proc", *command]
+
+
+class Worker:
+    def __init__(self, top, folder, files):
+        self.source = folder / "source"
+        self.build = self.source / "build" / "mutants"
+        self.log = folder / "log"
+        self.output = folder / "output"
+        self.texts = {}
+        self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source
+        self._copy(top, files)
+        self._configure()
+        self.programs = list(graph.Graph(self.build, self.source).programs())
+        self.includers = graph.includers(self.texts)
+
+    def _copy(self, top, files):
+        """Only what differs, so that ninja builds only that. This also undoes a change that a killed run has left."""
+        for name in files:
+            target = self.source / name
+            if not target.exists() or target.read_bytes() != (top / name).read_bytes():
+                target.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copyfile(top / name, target, follow_symlinks=False)
+                shutil.copymode(top / name, target)
+            if name.endswith((".cpp", ".h")):
+                self.texts[name] = (top / name).read_text(encoding="utf-8")
+        for name in ("daemons", "vectors"):
+            if (top / "build" / name).exists() and not (self.source / "build" / name).exists():
+                shutil.copytree(top / "build" / name, self.source / "build" / name, symlinks=True)
+
+    def _logged(self, *command, **variables):
+        with open(self.log, "a", encoding="utf-8") as log:
+            return CHILDREN.run(command, log, cwd=self.source, env={**os.environ, **variables}) == 0
+
+    def _configure(self):
+        linker = [f"-DCMAKE_{kind}_LINKER_FLAGS=-fuse-ld=lld" for kind in ("EXE", "SHARED")] if shutil.which("ld.lld") else []
+        if not self._logged("cmake", "-G", "Ninja", "-S", ".", "-B", str(self.build), *CONFIGURATION, *linker):
+            raise SystemExit(f"the copy cannot be configured, see {self.log}")
+
+    def _builds(self, program, **variables):
+        return self._logged("ninja", "-C", str(self.build), program.path, **variables)
+
+    def _run(self, program, tests, limit, *flags):
+        """The exit code, and the tests that failed."""
+        choice = f"--gtest_filter={tests}-{':'.join(program.left_out)}"
+        with open(self.output, "w+", encoding="utf-8", errors="replace") as output:
+            command = [str(self.build / program.path), "--gtest_brief=1", choice, *flags]
+            code = CHILDREN.run(contained(command), output, limit, cwd=self.build / program.folder)
+            output.seek(0)
+            return code, re.findall(r"^\[  FAILED  \] (\w[\w/.]*)(?:,| \()", output.read(), re.MULTILINE)
+
+    def _measure(self, program):
+        """Runs a program without a change. What fails then is left out from now on; what cannot be run is not used."""
+        program.seconds = float("inf")
+        if not self._builds(program):
+            raise SystemExit(f"{program.name} is not built, see {self.log}")
+        for _ in range(4):
+            started = time.monotonic()
+            code, failed = self._run(program, "*", 300)
+            if code == 0:
+                program.seconds = max(time.monotonic() - started, 0.01)
+                return
+            if not failed:
+                break
+            program.left_out += failed
+        print(f"{program.name} does not pass without a change and is not used", flush=True)
+
+    def _kills(self, program):
+        """Which test fails, now that there is a change; a test that fails once only is not believed."""
+        limit = 15 + 5 * program.seconds
+        kept = list(program.left_out)
+        try:
+            for _ in range(3):
+                code, failed = self._run(program, "*", limit, "--gtest_fail_fast")
+                if code is None:
+                    return "time-out"
+                if code == 0:
+                    return None
+                if not failed:
+                    return f"exit code {code}"
+                if self._run(program, ":".join(failed), limit)[0] != 0:
+                    return failed[0]
+                program.left_out += failed
+            return None
+        finally:
+            program.left_out = kept
+
+    def _programs_of(self, file):
+        """Those that it is linked to, and those that only reach it."""
+        sources = self.includers(file) if file.endswith(".h") else {file}
+        linked = [program for program in self.programs if program.linked & sources]
+        return linked, [program for program in self.programs if program.reached & sources and program not in linked]
+
+    def _in_order(self, file, programs):
+        """What noticed most changes of this file, what is named like it, what is quick or small."""
+        stem = pathlib.Path(file).stem
+
+        def words(*names):
+            return {word for name in names for word in re.findall("[A-Z]?[a-z0-9]+", name)}
+
+        def place(program):
+            alike = len(words(file) & words(program.folder, program.name))
+            return -self.kills[file][program.name], not program.name.startswith(stem), -alike, program.seconds or 0, len(program.linked)
+
+        return sorted(programs, key=place)
+
+    def _judge(self, mutant, programs, limit):
+        target = self.source / mutant.file
+        target.write_text(mutant.apply(self.texts[mutant.file]), encoding="utf-8")
+        for program in self._in_order(mutant.file, programs):
+            if program.seconds > limit:
+                continue
+            limit -= program.seconds
+            if not self._builds(program, CCACHE_DISABLE="1"):
+                return "not built", ""
+            noticed = self._kills(program)
+            if noticed:
+                self.kills[mutant.file][program.name] += 1
+                return "killed", f"{program.name}: {noticed}"
+        return "survived", ""
+
+    def judge_near(self, file, slots, keep):
+        """Judges of each slot the first mutant that is built, by the nearest tests; keep(mutant, result, by) is called for each."""
+        near = self._in_order(file, self._programs_of(file)[0])[:NEAR]
+        self._prepare(near)
+        try:
+            for slot in slots:
+                for mutant in slot:
+                    result, by = self._judge(mutant, near, LINKED_SECONDS)
+                    keep(mutant, "unnoticed" if result == "survived" else result, by)
+                    if result != "not built":
+                        break
+        finally:
+            self._restore(file)
+
+    def judge_by_all(self, file, mutants, keep):
+        """Judges what the nearest tests have not noticed."""
+        linked, reached = self._programs_of(file)
+        for programs, limit in (linked, LINKED_SECONDS), (reached, REACHED_SECONDS):
+            self._prepare(programs)
+            try:
+                outcomes = [(mutant, *self._judge(mutant, programs, limit)) for mutant in mutants]
+            finally:
+                self._restore(file)
+            for mutant, result, by in outcomes:
+                if result != "survived":
+                    keep(mutant, result, by)
+            mutants = [mutant for mutant, result, _ in outcomes if result == "survived"]
+            if not mutants:
+                return
+        for mutant in mutants:
+            keep(mutant, "survived", "")
+
+    def _restore(self, file):
+        (self.source / file).write_text(self.texts[file], encoding="utf-8")
+
+    def _prepare(self, programs):
+        for program in programs:
+            if program.seconds is None:
+                self._measure(program)
