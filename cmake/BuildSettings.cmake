@@ -45,6 +45,7 @@ endif()
 if(WFOAL_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic)
     add_link_options(--coverage)
+    include(Counters)
 endif()
 
 # The libraries are loaded into every agent, so they are built to be small: the linker sees all of a library's code at

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// libcounters.so, which everything in a coverage build loads: writes the coverage counters where a process ends or is
+// replaced without running its exit handlers. gcc keeps counters of each library apart, so each registers its own.
+//
+// A forked child starts with counters of zero, or what its parent has counted would count twice.
+//
+// kill(PID, SIGKILL) asks the other process to write its counters and to kill itself; it dies of the same signal, a few
+// milliseconds later. One that does not is killed. What a debugger, the kernel or a shell kills is not counted.
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+enum { mostObjects = 64, millisecondsToWrite = 3000 };
+
+typedef void (*Function)(void);
+struct Object {
+    Function write;
+    Function reset;
+};
+static struct Object sObjects[mostObjects];
+
+void countersRegister(Function write, Function reset);
+void countersUnregister(Function write);
+
+void countersRegister(Function write, Function reset)
+{
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write != NULL) continue;
+        sObjects[i].reset = reset;
+        sObjects[i].write = write;
+        return;
+    }
+}
+
+void countersUnregister(Function write)
+{
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write == write) sObjects[i].write = NULL;
+    }
+}
+
+static void resetAll(void)
+{
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write != NULL) sObjects[i].reset();
+    }
+}
+
+static void writeAll(void)
+{
+    const int before = errno;
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write == NULL) continue;
+        sObjects[i].write();
+        sObjects[i].reset();
+    }
+    errno = before;
+}
+
+static int askingSignal(void)
+{
+    return SIGRTMAX - 2;
+}
+
+static void writeAndDie(int number)
+{
+    (void)number;
+    writeAll();
+    syscall(SYS_kill, getpid(), SIGKILL);
+}
+
+__attribute__((constructor)) static void prepare(void)
+{
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = &writeAndDie;
+    sigaction(askingSignal(), &action, NULL);
+    pthread_atfork(NULL, NULL, &resetAll);
+}
+
+// Whether the process has the handler above.
+static int canBeAsked(pid_t process)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/status", (int)process);
+    FILE* const status = fopen(path, "re");
+    if (status == NULL) return 0;
+    unsigned long long caught = 0;
+    char line[256];
+    while (fgets(line, sizeof line, status) != NULL && sscanf(line, "SigCgt: %llx", &caught) != 1) {
+    }
+    fclose(status);
+    return (int)(caught >> (askingSignal() - 1) & 1);
+}
+
+static int askToDie(pid_t process)
+{
+    const int before = errno;
+    const int end = (int)syscall(SYS_pidfd_open, process, 0);
+    if (end < 0) {
+        errno = before;
+        return 0;
+    }
+    struct pollfd ended = {end, POLLIN, 0};
+    const int died = canBeAsked(process) && syscall(SYS_kill, process, askingSignal()) == 0 &&
+                     poll(&ended, 1, millisecondsToWrite) == 1;
+    close(end);
+    errno = before;
+    return died;
+}
+
+int kill(pid_t process, int number)
+{
+    if (number == SIGKILL && process == getpid()) writeAll();
+    if (number == SIGKILL && process > 1 && process != getpid() && askToDie(process)) return 0;
+    return (int)syscall(SYS_kill, process, number);
+}
+
+static Function next(const char* name)
+{
+    Function found;
+    *(void**)&found = dlsym(RTLD_NEXT, name);
+    return found;
+}
+
+void _exit(int code)
+{
+    writeAll();
+    for (;;) {
+        syscall(SYS_exit_group, code);
+    }
+}
+
+void _Exit(int code)
+{
+    _exit(code);
+}
+
+void abort(void)
+{
+    writeAll();
+    ((void (*)(void))next("abort"))();
+    for (;;) {
+    }
+}
+
+int execve(const char* path, char* const arguments[], char* const environment[])
+{
+    writeAll();
+    return ((int (*)(const char*, char* const[], char* const[]))next("execve"))(path, arguments, environment);
+}
+
+int execv(const char* path, char* const arguments[])
+{
+    writeAll();
+    return ((int (*)(const char*, char* const[]))next("execv"))(path, arguments);
+}
+
+int execvp(const char* file, char* const arguments[])
+{
+    writeAll();
+    return ((int (*)(const char*, char* const[]))next("execvp"))(file, arguments);
+}
