@@ -6,13 +6,20 @@ import os
 import re
 
 
-class Program:
-    """A test program; what is learned of it when it is run without a change is kept here, too."""
+# Scripts that show what no program shows: what they need of the build, and their command.
+SCRIPTS = {
+    "tests/api/other-openssl.sh": (["lib/libVpnWfOal.so", "bin/isolate"], ["tests/api/other-openssl.sh", "{build}"]),
+}
 
-    def __init__(self, path, folder, linked, reached):
-        self.path = path  # as ninja names it
-        self.name = os.path.basename(path)
-        self.folder = folder  # its tests run there
+
+class Program:
+    """A test program or script; what is learned of it when it is run without a change is kept here, too."""
+
+    def __init__(self, name, targets, command, folder, linked, reached):
+        self.name = name
+        self.targets = targets  # as ninja names them
+        self.command = command  # without the choice of tests
+        self.folder = folder  # its tests run there, below the build
         self.linked = linked  # sources that are linked into it
         self.reached = reached  # those, and the sources of libraries and programs that it loads or starts
         self.seconds = None  # without a change; None: not measured yet
@@ -21,7 +28,7 @@ class Program:
 
 class Graph:
     def __init__(self, build, source):
-        self.source = source
+        self.build, self.source = build, source
         self.edges = {}
         for line in (build / "build.ninja").read_text(encoding="utf-8").splitlines():
             if line.startswith("build "):
@@ -61,9 +68,13 @@ class Graph:
     def programs(self):
         for name, (rule, inputs, _) in sorted(self.edges.items()):
             if re.match(r"CX?X?_EXECUTABLE_LINKER", rule) and name.endswith("Test"):
-                folder = inputs[0].partition("CMakeFiles/")[0].rstrip("/")
-                yield Program(name, folder, self._sources(name, self._link_inputs, self._linked),
-                              self._sources(name, self._all_inputs, self._reached))
+                yield Program(os.path.basename(name), [name], [self.build / name], inputs[0].partition("CMakeFiles/")[0],
+                              self._sources(name, self._link_inputs, self._linked), self._sources(name, self._all_inputs, self._reached))
+        for name, (targets, command) in SCRIPTS.items():
+            if (self.source / name).exists():
+                reached = set().union(*(self._sources(target, self._all_inputs, self._reached) for target in targets))
+                yield Program(name, targets, [self.source / command[0], *(word.format(build=self.build) for word in command[1:])], "",
+                              set(), reached)
 
 
 def includers(texts):

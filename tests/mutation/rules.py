@@ -53,7 +53,7 @@ def negate_conditions(code):
 
 
 STATEMENT = re.compile(
-    r"^( +)(?!(?:return|else|throw|delete|using|case|if|for|while)\b)"
+    r"^( +)(?!(?:return|else|throw|delete|using|case|if|for|while|static_assert)\b)"
     r"([\w:>.\-\[\]*]+(?:\(.*\)|(?: [+\-|&]?=) .*)|(?:\+\+|--)[\w.\->]+);(?= *$)",
     re.MULTILINE,
 )

@@ -64,7 +64,7 @@ class Worker:
         self.log = folder / "log"
         self.output = folder / "output"
         self.texts = {}
-        self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source
+        self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source and each folder
         self._copy(top, files)
         self._configure()
         self.programs = list(graph.Graph(self.build, self.source).programs())
@@ -94,13 +94,13 @@ class Worker:
             raise SystemExit(f"the copy cannot be configured, see {self.log}")
 
     def _builds(self, program, **variables):
-        return self._logged("ninja", "-C", str(self.build), program.path, **variables)
+        return self._logged("ninja", "-C", str(self.build), *program.targets, **variables)
 
     def _run(self, program, tests, limit, *flags):
         """The exit code, and the tests that failed."""
         choice = f"--gtest_filter={tests}-{':'.join(program.left_out)}"
         with open(self.output, "w+", encoding="utf-8", errors="replace") as output:
-            command = [str(self.build / program.path), "--gtest_brief=1", choice, *flags]
+            command = [*map(str, program.command), *(["--gtest_brief=1", choice, *flags] if program.linked else [])]
             code = CHILDREN.run(contained(command), output, limit, cwd=self.build / program.folder)
             output.seek(0)
             return code, re.findall(r"^\[  FAILED  \] (\w[\w/.]*)(?:,| \()", output.read(), re.MULTILINE)
@@ -148,15 +148,16 @@ class Worker:
         return linked, [program for program in self.programs if program.reached & sources and program not in linked]
 
     def _in_order(self, file, programs):
-        """What noticed most changes of this file, what is named like it, what is quick or small."""
-        stem = pathlib.Path(file).stem
+        """What noticed most changes of this file and of its folder, what is named like it, what is quick or small."""
+        stem, folder = pathlib.Path(file).stem, os.path.dirname(file)
 
         def words(*names):
-            return {word for name in names for word in re.findall("[A-Z]?[a-z0-9]+", name)}
+            return {word.rstrip("s") for name in names for word in re.findall("[A-Z]?[a-z0-9]+", name)}
 
         def place(program):
             alike = len(words(file) & words(program.folder, program.name))
-            return -self.kills[file][program.name], not program.name.startswith(stem), -alike, program.seconds or 0, len(program.linked)
+            return (-self.kills[file][program.name], not program.name.startswith(stem), -self.kills[folder][program.name], -alike,
+                    program.seconds or 0, len(program.linked))
 
         return sorted(programs, key=place)
 
@@ -171,7 +172,8 @@ class Worker:
                 return "not built", ""
             noticed = self._kills(program)
             if noticed:
-                self.kills[mutant.file][program.name] += 1
+                for place in mutant.file, os.path.dirname(mutant.file):
+                    self.kills[place][program.name] += 1
                 return "killed", f"{program.name}: {noticed}"
         return "survived", ""
 

@@ -291,4 +291,14 @@ TEST_F(SocketInterfaceTest, AddressQueryOnDescriptorZeroCountsAsAFailure)
     EXPECT_EQ((fakes::LogLine{3, "BindToInterface: Failed to get interface ip address"}), fakes::logLines().back());
 }
 
+TEST_F(SocketInterfaceTest, AddressQueryOnDescriptorOneIsAnyOther)
+{
+    add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+    const UniqueFd saved(dup(STDOUT_FILENO));
+    close(STDOUT_FILENO);
+    const PluginResult result = bind(mSocket.get());
+    dup2(saved.get(), STDOUT_FILENO);
+    EXPECT_EQ(PLUGIN_SUCCESS, result);
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -37,6 +38,20 @@ extern "C" int __wrap_fchmod(int file, mode_t mode)
 {
     if (!sFileModeFails) return __real_fchmod(file, mode);
     errno = EPERM;
+    return -1;
+}
+
+// The most that one write takes; before the first one there is an interruption.
+static std::size_t sLargestWrite = 0;
+static bool sIsInterrupted = false;
+
+extern "C" ssize_t __real_write(int file, const void* data, std::size_t length);
+extern "C" ssize_t __wrap_write(int file, const void* data, std::size_t length)
+{
+    if (sLargestWrite == 0) return __real_write(file, data, length);
+    sIsInterrupted = !sIsInterrupted;
+    if (!sIsInterrupted) return __real_write(file, data, std::min(length, sLargestWrite));
+    errno = EINTR;
     return -1;
 }
 
@@ -75,6 +90,7 @@ protected:
     {
         umask(mUmask);
         sFolderModeFails = sFileModeFails = false;
+        sLargestWrite = 0;
     }
 
     /// Runs a command as another user.
@@ -149,6 +165,22 @@ TEST_F(StagingFolderTest, FolderThatStaysWritableForOthersIsRefused)
     sFolderModeFails = true;
     expectFolderRefused("others may write there, which cannot be changed: Operation not permitted");
     EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(StagingFolderTest, FolderThatIsClosedToOthersNeedsNoChange)
+{
+    ASSERT_TRUE(fs::create_directory(folder));
+    ASSERT_EQ(0, chmod(folder, 0755));
+    sFolderModeFails = true;
+    EXPECT_TRUE(save());
+    EXPECT_EQ("key", contentOf(file));
+}
+
+TEST_F(StagingFolderTest, RestOfAnInterruptedWriteFollows)
+{
+    sLargestWrite = 2;
+    EXPECT_TRUE(save());
+    EXPECT_EQ("key", contentOf(file));
 }
 
 TEST_F(StagingFolderTest, LinkInPlaceOfTheFileIsNotFollowed)

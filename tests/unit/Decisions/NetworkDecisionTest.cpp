@@ -80,6 +80,16 @@ void expectAll(const std::vector<Case>& cases)
     }
 }
 
+TEST(NetworkDecisionTest, DecisionsAreEqualWhenEventAndReasonAre)
+{
+    const std::string sameText = "wan connected";
+    EXPECT_TRUE(wanConnected == (NetworkDecision{true, sameText.c_str()}));
+    EXPECT_FALSE(wanConnected == wifiConnected);
+    EXPECT_FALSE(wanConnected == (NetworkDecision{false, "wan connected"}));
+    EXPECT_FALSE(nothing == (NetworkDecision{true, nullptr}));
+    EXPECT_FALSE(nothing == (NetworkDecision{false, ""}));
+}
+
 TEST(NetworkDecisionTest, ConnectedWiFiWhileOnWanOrUnboundRaisesTheEvent)
 {
     for (const NetworkFlags& wan : {unknown, on, off}) {

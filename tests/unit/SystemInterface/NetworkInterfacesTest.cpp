@@ -323,6 +323,19 @@ TEST_F(NetworkInterfacesTest, DescriptorZeroCountsAsAFailure)
                 Contains(debugLine(listing + "EnumerateNetworkInterfaces- cannot create udp socket")));
 }
 
+TEST_F(NetworkInterfacesTest, DescriptorOneIsAnyOther)
+{
+    add("eth0", "10.1.0.2/16");
+    const UniqueFd saved(dup(STDOUT_FILENO));
+    close(STDOUT_FILENO);
+    unsigned number = 7;
+    const PluginResult result = count(number);
+    EXPECT_EQ(-1, fcntl(STDOUT_FILENO, F_GETFD));
+    dup2(saved.get(), STDOUT_FILENO);
+    EXPECT_EQ(PLUGIN_SUCCESS, result);
+    EXPECT_EQ(1u, number);
+}
+
 TEST_F(NetworkInterfacesTest, FailedListFails)
 {
     add("eth0", "10.1.0.2/16");
