@@ -6,8 +6,10 @@
 
 #include <filesystem>
 
+#include "CertElement.h"
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
+#include "FailingNew.h"
 #include "FakeVkLog.h"
 #include "handles/Stdio.h"
 
@@ -45,6 +47,16 @@ protected:
         return count;
     }
 
+    void expectNoHandle()
+    {
+        ClientCertHandle* handle = nullptr;
+        unsigned count = 1;
+        EXPECT_EQ(PLUGIN_SUCCESS, mInterface.EnumerateClientCerts(count, &handle));
+        EXPECT_EQ(0u, count);
+        EXPECT_EQ(0u, testsupport::failingNew) << "was to fail, and was not asked for";
+        EXPECT_EQ(nullptr, handle);
+    }
+
     static std::vector<unsigned char> derOf(ClientCertHandle* handle)
     {
         unsigned length = 0;
@@ -60,9 +72,9 @@ protected:
 TEST_F(ClientCertificatesTest, EmptyStoreIsNoFailure)
 {
     EXPECT_EQ(0u, counted());
-    EXPECT_THAT(fakes::logLines(6), ElementsAre(fakes::LogLine{6,
-                                                               "EnumerateClientCerts: no certificates found in "
-                                                               "/var/ssl/certs/"}));
+    EXPECT_THAT(fakes::logLines(),
+                ElementsAre(fakes::LogLine{7, "CertificateInterface::EnumerateClientCerts: Called!"},
+                            fakes::LogLine{6, "EnumerateClientCerts: no certificates found in /var/ssl/certs/"}));
 }
 
 TEST_F(ClientCertificatesTest, CertificateWithItsKeyYieldsOneHandle)
@@ -110,6 +122,48 @@ TEST_F(ClientCertificatesTest, CertificateThatCannotBeOpenedIsSkipped)
     EXPECT_THAT(fakes::logLines(3), ElementsAre(fakes::LogLine{3,
                                                                "EnumerateClientCerts: could not read client cert: "
                                                                "/var/ssl/certs/client.pem"}));
+}
+
+TEST_F(ClientCertificatesTest, CertificateWithoutMemoryForItsBytesIsSkippedWithTheReason)
+{
+    install("client.pem");
+    const std::string reason = "error: Construction from X509 failed";
+    testsupport::failingNew = mIdentity.der().size();
+    expectNoHandle();
+    EXPECT_THAT(fakes::logLines(3), ElementsAre(fakes::LogLine{3, "X509ToDER: error: out of memory"},
+                                                fakes::LogLine{3, "CertElement: " + reason},
+                                                fakes::LogLine{3,
+                                                               "EnumerateClientCerts: skipping the certificate of key "
+                                                               "/var/ssl/private/rsaclient.pem: " +
+                                                                   reason}));
+}
+
+TEST_F(ClientCertificatesTest, CertificateWithoutMemoryForItsHandleIsSkipped)
+{
+    install("client.pem");
+    testsupport::failingNew = sizeof(CertElement);
+    expectNoHandle();
+    EXPECT_THAT(fakes::logLines(3), ElementsAre(fakes::LogLine{3, "EnumerateClientCerts: error: out of memory"}));
+}
+
+// How much memory a string of a length takes is the library's affair. Log lines with a path are longer.
+TEST_F(ClientCertificatesTest, CertificateWithoutMemoryForItsPathsIsSkipped)
+{
+    const std::string name = std::string(176, 'c') + ".pem";
+    install(name);
+    const std::vector<fakes::LogLine> outOfMemory = {{3, "EnumerateClientCerts: error: out of memory"}};
+    int failures = 0;
+    for (std::size_t size = certificates.size() + name.size(); size < keys.size() + name.size() + 32; ++size) {
+        fakes::clearLog();
+        testsupport::failingNew = size;
+        const unsigned count = counted();
+        testsupport::failingNew = 0;
+        if (count == 1) continue;
+        EXPECT_EQ(outOfMemory, fakes::logLines(3)) << size;
+        ++failures;
+    }
+    EXPECT_GT(failures, 0);
+    EXPECT_EQ(1u, counted());
 }
 
 TEST_F(ClientCertificatesTest, FillingGivesHandlesInDirectoryOrder)
