@@ -87,14 +87,14 @@ def main():
         check(rows == [{"what": "mutants of Src/ killed", "figure": "4 of 5, 80.0 %", "limit": "95 %", "ok": False}], f"figures: {rows}")
         entries = [json.loads(line) for line in (top / "build/mutation/results.jsonl").read_text().splitlines()]
         judged = [(entry["result"], entry["mutant"].split(": ", 1)[1]) for entry in entries]
-        expected = [("killed", name) for name in KILLED] + [("unnoticed", SURVIVES), ("survived", SURVIVES)]
+        expected = [("killed", name) for name in KILLED] + 3 * [("survived", SURVIVES)]  # in each stage
         check(sorted(judged) == sorted(expected), f"judged, each once: {judged}")
         check(f"Src/Small.cpp:3: {SURVIVES}" in told, "the survivor is named")
 
         accept(top, SURVIVES)
         code, told, rows = run(top)
         check((code, rows[0]["figure"]) == (0, "4 of 4, 100.0 %"), f"with the survivor accepted: {code}, {rows}")
-        check("0 of 5 mutants are to be judged" in told, f"nothing is judged again: {told}")
+        check(told.count(" 0 of 5 mutants are to be judged") == 3, f"nothing is judged again: {told}")
 
         accept(top, sorted(KILLED)[0])
         check("is listed as a survivor, but SmallTest: exit code 1 notices it" in run(top)[1], "an accepted mutant that is noticed")

@@ -15,9 +15,12 @@ import graph
 
 CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "-DCMAKE_C_FLAGS_DEBUG=-O0 -w", "-DWFOAL_WERROR=OFF",
                  "-DWFOAL_QUICK_TESTS=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
-NEAR = 4  # test programs that are tried first
-LINKED_SECONDS = 120  # so much of the tests that a source is linked to
-REACHED_SECONDS = 60  # so much of those that only load or start what it is linked to
+# Stages, each of which judges what the one before has not noticed: the few programs that are nearest to the source, those
+# of the same part that it is linked to, and what is left of those it is linked to or that load or start it.
+NEAR, LINKED, REACHED = STAGES = 1, 2, 3
+NEAREST = 4  # programs
+SECONDS = {NEAR: 120, LINKED: 120, REACHED: 60}  # that the programs of a stage may take without a change
+WHOLE_PROGRAMS = ("tests/tools", "tests/examples", "tests/integration")  # what tests more than one part
 
 
 class Children:
@@ -64,6 +67,7 @@ class Worker:
         self.log = folder / "log"
         self.output = folder / "output"
         self.texts = {}
+        self.tried = collections.defaultdict(set)  # programs that have not noticed a mutant
         self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source and each folder
         self._copy(top, files)
         self._configure()
@@ -141,11 +145,12 @@ class Worker:
         finally:
             program.left_out = kept
 
-    def _programs_of(self, file):
-        """Those that it is linked to, and those that only reach it."""
+    def _programs_of(self, file, stage):
         sources = self.includers(file) if file.endswith(".h") else {file}
-        linked = [program for program in self.programs if program.linked & sources]
-        return linked, [program for program in self.programs if program.reached & sources and program not in linked]
+        linked = [program for program in self.programs if program.linked & sources and not program.folder.startswith(WHOLE_PROGRAMS)]
+        if stage == REACHED:
+            return [program for program in self.programs if program.reached & sources and program not in linked]
+        return self._in_order(file, linked)[:NEAREST] if stage == NEAR else linked
 
     def _in_order(self, file, programs):
         """What noticed most changes of this file and of its folder, what is named like it, what is quick or small."""
@@ -165,7 +170,7 @@ class Worker:
         target = self.source / mutant.file
         target.write_text(mutant.apply(self.texts[mutant.file]), encoding="utf-8")
         for program in self._in_order(mutant.file, programs):
-            if program.seconds > limit:
+            if program.seconds > limit or program.name in self.tried[mutant]:
                 continue
             limit -= program.seconds
             if not self._builds(program, CCACHE_DISABLE="1"):
@@ -175,39 +180,22 @@ class Worker:
                 for place in mutant.file, os.path.dirname(mutant.file):
                     self.kills[place][program.name] += 1
                 return "killed", f"{program.name}: {noticed}"
+            self.tried[mutant].add(program.name)
         return "survived", ""
 
-    def judge_near(self, file, slots, keep):
-        """Judges of each slot the first mutant that is built, by the nearest tests; keep(mutant, result, by) is called for each."""
-        near = self._in_order(file, self._programs_of(file)[0])[:NEAR]
-        self._prepare(near)
+    def judge(self, file, slots, stage, keep):
+        """Judges of each slot the first mutant that is built; keep(mutant, result, by) is called for each."""
+        programs = self._programs_of(file, stage)
+        self._prepare(programs)
         try:
             for slot in slots:
                 for mutant in slot:
-                    result, by = self._judge(mutant, near, LINKED_SECONDS)
-                    keep(mutant, "unnoticed" if result == "survived" else result, by)
+                    result, by = self._judge(mutant, programs, SECONDS[stage])
+                    keep(mutant, result, by)
                     if result != "not built":
                         break
         finally:
             self._restore(file)
-
-    def judge_by_all(self, file, mutants, keep):
-        """Judges what the nearest tests have not noticed."""
-        linked, reached = self._programs_of(file)
-        for programs, limit in (linked, LINKED_SECONDS), (reached, REACHED_SECONDS):
-            self._prepare(programs)
-            try:
-                outcomes = [(mutant, *self._judge(mutant, programs, limit)) for mutant in mutants]
-            finally:
-                self._restore(file)
-            for mutant, result, by in outcomes:
-                if result != "survived":
-                    keep(mutant, result, by)
-            mutants = [mutant for mutant, result, _ in outcomes if result == "survived"]
-            if not mutants:
-                return
-        for mutant in mutants:
-            keep(mutant, "survived", "")
 
     def _restore(self, file):
         (self.source / file).write_text(self.texts[file], encoding="utf-8")
