@@ -68,8 +68,9 @@ class Graph:
     def programs(self):
         for name, (rule, inputs, _) in sorted(self.edges.items()):
             if re.match(r"CX?X?_EXECUTABLE_LINKER", rule) and name.endswith("Test"):
-                yield Program(os.path.basename(name), [name], [self.build / name], inputs[0].partition("CMakeFiles/")[0],
-                              self._sources(name, self._link_inputs, self._linked), self._sources(name, self._all_inputs, self._reached))
+                folder = next(part for part in inputs if f"{os.path.basename(name)}.dir/" in part).partition("CMakeFiles/")[0]
+                yield Program(os.path.basename(name), [name], [self.build / name], folder, self._sources(name, self._link_inputs, self._linked),
+                              self._sources(name, self._all_inputs, self._reached))
         for name, (targets, command) in SCRIPTS.items():
             if (self.source / name).exists():
                 reached = set().union(*(self._sources(target, self._all_inputs, self._reached) for target in targets))

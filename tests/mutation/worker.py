@@ -167,10 +167,15 @@ class Worker:
         return sorted(programs, key=place)
 
     def _judge(self, mutant, programs, limit):
-        target = self.source / mutant.file
-        target.write_text(mutant.apply(self.texts[mutant.file]), encoding="utf-8")
+        self._change(mutant)
         for program in self._in_order(mutant.file, programs):
-            if program.seconds > limit or program.name in self.tried[mutant]:
+            if program.name in self.tried[mutant]:
+                continue
+            if program.seconds is None:
+                self._restore(mutant.file)
+                self._measure(program)
+                self._change(mutant)
+            if program.seconds > limit:
                 continue
             limit -= program.seconds
             if not self._builds(program, CCACHE_DISABLE="1"):
@@ -186,7 +191,6 @@ class Worker:
     def judge(self, file, slots, stage, keep):
         """Judges of each slot the first mutant that is built; keep(mutant, result, by) is called for each."""
         programs = self._programs_of(file, stage)
-        self._prepare(programs)
         try:
             for slot in slots:
                 for mutant in slot:
@@ -197,10 +201,8 @@ class Worker:
         finally:
             self._restore(file)
 
+    def _change(self, mutant):
+        (self.source / mutant.file).write_text(mutant.apply(self.texts[mutant.file]), encoding="utf-8")
+
     def _restore(self, file):
         (self.source / file).write_text(self.texts[file], encoding="utf-8")
-
-    def _prepare(self, programs):
-        for program in programs:
-            if program.seconds is None:
-                self._measure(program)

@@ -230,36 +230,63 @@ TEST_F(Pkcs12ImportTest, PasswordThatTheBusCannotCarryIsNamed)
     EXPECT_THAT(fakes::bus().calls[0].payload, testing::HasSubstr("\"passphrase\": \"p\xe4ssword\""));
 }
 
+// An import that waits for its reply, in a thread of its own.
+class WaitingImport {
+public:
+    explicit WaitingImport(const std::vector<unsigned char>& bundle)
+    {
+        std::promise<void> waits;
+        sImportWaits = &waits;
+        mThread = std::thread([this, &bundle] {
+            ClientCertHandle* handle = nullptr;
+            bool first = false;
+            bool second = true;
+            CertificateInterface other;
+            const PluginResult result = other.ImportPKCS12(static_cast<unsigned>(bundle.size()), bundle.data(),
+                                                           "secret", "store", first, second, handle);
+            EXPECT_EQ(nullptr, handle);
+            mResult.set_value(result);
+        });
+        waits.get_future().wait();
+    }
+    ~WaitingImport() { mThread.join(); }
+    WaitingImport(const WaitingImport&) = delete;
+    WaitingImport& operator=(const WaitingImport&) = delete;
+
+    bool endsWithin(std::chrono::milliseconds time) { return mEnd.wait_for(time) == std::future_status::ready; }
+    PluginResult result() { return mEnd.get(); }
+
+private:
+    std::promise<PluginResult> mResult;
+    std::future<PluginResult> mEnd = mResult.get_future();
+    std::thread mThread;
+};
+
 TEST_F(Pkcs12ImportTest, NewerImportEndsTheWaitOfTheOlderAtOnce)
 {
-    PluginResult older = PLUGIN_SUCCESS;
-    std::promise<void> waits;
-    std::promise<void> ended;
-    std::future<void> end = ended.get_future();
-    sImportWaits = &waits;
-    std::thread waiting([&] {
-        ClientCertHandle* handle = nullptr;
-        bool first = false;
-        bool second = true;
-        CertificateInterface other;
-        older = other.ImportPKCS12(static_cast<unsigned>(mBundle.size()), mBundle.data(), "secret", "store", first,
-                                   second, handle);
-        EXPECT_EQ(nullptr, handle);
-        ended.set_value();
-    });
-    const JoinAtEnd joined{waiting};
-    waits.get_future().wait();
+    WaitingImport older(mBundle);
     fakes::bus().onCall = [&](const fakes::BusCall& made) {
-        mEventThread = std::thread([&end, made] {
-            EXPECT_EQ(std::future_status::ready, end.wait_for(std::chrono::seconds(30)));
+        mEventThread = std::thread([&older, made] {
+            EXPECT_TRUE(older.endsWithin(std::chrono::seconds(30)));
             QSMessage message{"{\"returnValue\": true}", 1};
             made.callback(made.handle, &message, made.userData);
         });
     };
     const JoinAtEnd answered{mEventThread};
     EXPECT_EQ(PLUGIN_SUCCESS, call("secret"));
-    EXPECT_EQ(PLUGIN_FAILURE, older);
+    EXPECT_EQ(PLUGIN_FAILURE, older.result());
     EXPECT_EQ(mIdentity.der(), derOf(mHandle));
+}
+
+TEST_F(Pkcs12ImportTest, OlderImportWaitsWhileTheNewerOneHasTheStagedFile)
+{
+    WaitingImport older(mBundle);
+    fakes::bus().onCall = [&](const fakes::BusCall&) {
+        EXPECT_FALSE(older.endsWithin(std::chrono::milliseconds(300)));
+        wfoal::importReplyTimeout = std::chrono::milliseconds(20);
+    };
+    EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
+    EXPECT_EQ(PLUGIN_FAILURE, older.result());
 }
 
 // Every import that succeeds has its own certificate; the last one to begin succeeds.
