@@ -56,6 +56,8 @@ constexpr char counters[] = R"(table inet probe {
         type filter hook prerouting priority raw;
         iifname != { "wifi", "cellular" } accept
         ip daddr 198.51.100.2 udp dport 51820 counter name encrypted accept
+        # The kernel's answer to the server while wireguard-go opens its socket anew.
+        ip daddr 198.51.100.2 icmp type destination-unreachable icmp code port-unreachable accept
         ip6 daddr { fe80::/10, ff02::/16 } accept
         icmpv6 type { 133-137, 143 } accept
         counter name beside
