@@ -14,6 +14,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 struct Session {
@@ -59,6 +60,16 @@ Session run(const std::string& environment, const std::string& arguments)
     return result;
 }
 
+const std::string stopping = "7 netlink=0 context=yes stopQuorIpcHandling: Called!";
+
+/// The event thread may begin late, even while the process ends.
+void expectOnlyTheEventThreadLogs(const Session& result, std::size_t from, std::size_t end)
+{
+    ASSERT_LT(end, result.lines.size()) << result.all();
+    for (std::size_t line = from; line < end; ++line)
+        EXPECT_THAT(result.lines[line], MatchesRegex("7 netlink=[01] context=yes eventProcessingThread: .*"));
+}
+
 const std::string fakes = "LD_LIBRARY_PATH='" FAKES "'";
 
 TEST(LoadOrderTest, StaticObjectsAreThereBeforeTheLoadHookAndGoneBeforeTheUnloadHook)
@@ -71,11 +82,7 @@ TEST(LoadOrderTest, StaticObjectsAreThereBeforeTheLoadHookAndGoneBeforeTheUnload
     EXPECT_EQ(2u, result.find("-- loaded")) << result.all();
     const std::size_t leaving = result.find("-- leaving");
     EXPECT_THAT(result.lines.at(leaving - 1), StartsWith("7 netlink=1 ")) << result.all();
-    const std::size_t stopping = result.find("7 netlink=0 context=yes stopQuorIpcHandling: Called!");
-    ASSERT_LT(stopping, result.lines.size()) << result.all();
-    // Only the event thread, which may begin late, still logs before.
-    for (std::size_t line = leaving + 1; line < stopping; ++line)
-        EXPECT_THAT(result.lines[line], StartsWith("7 netlink=1 context=yes eventProcessingThread: ")) << result.all();
+    expectOnlyTheEventThreadLogs(result, leaving + 1, result.find(stopping));
     EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Finished!", result.lines.at(result.lines.size() - 2));
     EXPECT_EQ("-- left", result.lines.back());
 }
@@ -135,7 +142,7 @@ TEST(LoadOrderTest, OrderIsTheSameWhenTheProcessEndsWithTheLibraryLoaded)
     ASSERT_EQ(0, result.status) << result.all();
     const std::size_t left = result.find("-- left");
     ASSERT_LT(left + 1, result.lines.size()) << result.all();
-    EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Called!", result.lines[left + 1]) << result.all();
+    expectOnlyTheEventThreadLogs(result, left + 1, result.find(stopping));
     EXPECT_EQ("7 netlink=0 context=yes stopQuorIpcHandling: Finished!", result.lines.back());
 }
 
