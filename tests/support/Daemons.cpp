@@ -136,12 +136,15 @@ std::string mountResolvconf()
     namespace fs = std::filesystem;
     const std::string unpacked = WFOAL_DAEMONS_DIR "/resolvconf";
     if (fs::exists("/etc/resolvconf/update.d/libc")) return {};
-    if (access((unpacked + "/sbin/resolvconf").c_str(), X_OK) != 0) {
+    // Newer releases have its program and scripts below usr/ alone.
+    const bool isBelowUsr = access((unpacked + "/usr/sbin/resolvconf").c_str(), X_OK) == 0;
+    if (!isBelowUsr && access((unpacked + "/sbin/resolvconf").c_str(), X_OK) != 0) {
         return "resolvconf is not there: run tests/support/fetch-daemons.sh build/daemons";
     }
     for (const char* folder : {"sbin", "lib"}) {
         const std::string target = std::string("/usr/") + folder;
-        const std::string lower = "lowerdir=" + unpacked + "/" + folder + ":" + target;
+        const std::string lower =
+            "lowerdir=" + unpacked + (isBelowUsr ? target : std::string("/") + folder) + ":" + target;
         if (mount("private", target.c_str(), "overlay", MS_RDONLY, lower.c_str()) != 0) {
             return "no overlay can be mounted on " + target + ": " + std::strerror(errno);
         }
