@@ -171,7 +171,10 @@ configure() {
     case ${kind[$name]} in
     quick) in_root "$name" cmake "${options[@]}" "${all_quick[@]}" ;;
     native) in_root "$name" cmake "${options[@]}" "${lean[@]}" ;;
-    cross) in_root "$name" packaging/cross-cmake.sh "${architecture[$name]}" "${options[@]}" "${lean[@]}" ;;
+    cross)  # qemu-user is slow
+        in_root "$name" packaging/cross-cmake.sh "${architecture[$name]}" "${options[@]}" "${lean[@]}" \
+            -DWFOAL_TEST_TIMEOUT=1500
+        ;;
     musl)
         in_root "$name" tests/devices/musl.sh -G Ninja -S examples/platform -B build/platform &&
             in_root "$name" ninja -C build/platform &&
