@@ -11,7 +11,7 @@ columns='1-'
 present() {
     readelf --dynamic --wide "$1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/soname \1/p'
     readelf --dyn-syms --wide "$1" |
-        awk '$1 ~ /^[0-9]+:$/ && $7 != "UND" && $8 != "" { print $8, $4, $5, $4 == "OBJECT" ? $3 : "" }'
+        awk '$1 ~ /^[0-9]+:$/ && $5 != "LOCAL" && $7 != "UND" && $8 != "" { print $8, $4, $5, $4 == "OBJECT" ? $3 : "" }'
 }
 tidy() {
     sed 's/ *$//' | cut -d ' ' -f "$columns" | sort
