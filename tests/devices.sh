@@ -140,6 +140,7 @@ select_tests() {
     clang)
         targets=("${unit_targets[@]}" services/all tests/tools/all tests/platform/all tests/services/all)
         selection=(-L '^(unit|platform)$')
+        excluded=(-E "_NOT_BUILT\$|$(left_out clang)")
         ;;
     musl)
         targets=(Src/all tests/base/all tests/fakes/all tests/unit/all isolate)

@@ -117,7 +117,10 @@ TEST(LoadOrderTest, NoStaticObjectIsConstructedAfterTheLoadHook)
 {
     const std::vector<std::string> functions = loadFunctions();
     ASSERT_GE(functions.size(), 2u) << "the reader's constructor and the load hook at least";
-    EXPECT_THAT(functions, testing::Contains(HasSubstr("NetLinkHelper.cpp")).Times(1));
+    // The reader is made with priority 200, which clang names in place of the file.
+    EXPECT_THAT(functions,
+                testing::Contains(testing::AnyOf(HasSubstr("NetLinkHelper.cpp"), "global constructors keyed to 000200"))
+                    .Times(1));
     // Newer compilers call all functions without a priority, which these are, from one; the test above sees their
     // order.
     EXPECT_THAT(functions.back(), testing::AnyOf("(anonymous namespace)::InitLib()", StartsWith("_sub_I_65535_")))

@@ -91,6 +91,8 @@ NoFault::~NoFault()
 
 }  // namespace faults
 
+// For all libraries; not every C++ library's headers say so.
+#pragma GCC visibility push(default)
 extern "C" {
 
 void* malloc(std::size_t size)
@@ -109,3 +111,4 @@ void* realloc(void* block, std::size_t size)
 }
 
 }  // extern "C"
+#pragma GCC visibility pop

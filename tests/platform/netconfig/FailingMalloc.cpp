@@ -34,6 +34,8 @@ void testsupport::failMalloc(long number)
     sCallsLeft = number;
 }
 
+// For all libraries; not every C++ library's headers say so.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // The C library's own names of its functions.
@@ -57,5 +59,6 @@ void* realloc(void* block, std::size_t size)
 }
 
 }  // extern "C"
+#pragma GCC visibility pop
 
 #endif

@@ -190,8 +190,11 @@ TEST_F(ResolvconfTest, TheAgentsOpenFilesAreNotTheTools)
 
 TEST_F(ResolvconfTest, SignalsThatTheAgentBlocksOrIgnoresReachTheTool)
 {
-    // The C library keeps the two real-time signals that it uses itself, 32 and 33.
-    install("grep -E 'Sig(Blk|Ign)' /proc/$$/status | sed s/180000000$/000000000/ >/tmp/signals");
+    // The C library keeps the two real-time signals that it uses itself, 32 and 33. A shell may block signals while it
+    // starts a program, so the first program tells its own.
+    install(
+        "it=$(exec grep -E 'Sig(Blk|Ign)' /proc/self/status); echo \"$it\" | sed s/180000000$/000000000/ "
+        ">/tmp/signals");
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
