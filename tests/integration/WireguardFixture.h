@@ -97,12 +97,11 @@ protected:
         return awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null");
     }
 
-    // All of the network's state that a tunnel can touch. An address that the kernel makes is tentative at first.
+    // All of the network's state that a tunnel can touch.
     static std::string state()
     {
         return shell(
-            "ip -d link; ip address | sed 's/ tentative//'; ip route show table all; ip -6 route show table all; ip "
-            "rule; ip -6 rule; "
+            "ip -d link; ip address; ip route show table all; ip -6 route show table all; ip rule; ip -6 rule; "
             "nft list ruleset");
     }
 

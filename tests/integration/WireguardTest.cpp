@@ -113,6 +113,8 @@ TEST_F(WireguardTest, ASecondTunnelIsRefusedWithTheOwnersName)
     mNetwork->writeConfig("home", "10.20.0.0/16");
     mNetwork->writeConfig("office", "10.30.0.0/16");
     bringUp();
+    // The kernel installs the tunnel's link-local address a moment later.
+    ASSERT_TRUE(awaitSuccess("ip -6 route show table local dev norvatun0 | grep -q ^local"));
     const std::string before = state();
     const std::string owner = "by process " + std::to_string(agent()) + " with /etc/wireguard/home.conf";
     for (const char* command : {"up", "run"}) {
