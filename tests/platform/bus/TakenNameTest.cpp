@@ -4,11 +4,12 @@
 #include <gmock/gmock.h>
 #include <stdlib.h>
 
-#include <algorithm>
-#include <chrono>
 #include <memory>
+#include <sstream>
+#include <vector>
 
 #include "Attacker.h"
+#include "LineProcess.h"
 #include "QuorServiceFixture.h"
 
 namespace {
@@ -16,6 +17,7 @@ namespace {
 using namespace testsupport;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 /// Standard error of this process, where the log goes, as lines.
 class CapturedLog {
@@ -37,35 +39,61 @@ private:
     bool mTaken = false;
 };
 
-// The bus numbers its connections.
-int newestConnection()
-{
-    int newest = 0;
-    for (const std::string& name : namesOnBus()) {
-        if (name.rfind(":1.", 0) == 0) newest = std::max(newest, std::stoi(name.substr(3)));
+/// Who asks the bus for which name from here on.
+class NameRequests {
+public:
+    NameRequests()
+    {
+        // It loses its own name when it begins to see what others send.
+        EXPECT_TRUE(mMonitor.await("member=NameLost") && mMonitor.await("string \"")) << mMonitor.output;
+        mMonitor.output.clear();
     }
-    return newest;
-}
+    /// Waits until the name has been asked for once more.
+    bool await(const std::string& name) { return mMonitor.await("string \"" + name + '"'); }
+    /// The names in the order of the requests, up to the last one that was waited for.
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> found;
+        for (const std::string& line : lines()) {
+            const auto begin = line.find("string \"");
+            if (begin != std::string::npos) found.push_back(line.substr(begin + 8, line.rfind('"') - begin - 8));
+        }
+        return found;
+    }
+    /// When the bus had each of these requests, in seconds.
+    std::vector<double> times() const
+    {
+        std::vector<double> found;
+        for (const std::string& line : lines()) {
+            const auto begin = line.find("time=");
+            if (begin != std::string::npos) found.push_back(std::stod(line.substr(begin + 5)));
+        }
+        return found;
+    }
 
-void waitForConnections(std::ptrdiff_t count)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    std::ptrdiff_t found = 0;
-    while (found < count && std::chrono::steady_clock::now() < end) {
-        const std::vector<std::string> names = namesOnBus();
-        found = std::count_if(names.begin(), names.end(), [](const auto& name) { return name.front() == ':'; });
+private:
+    std::vector<std::string> lines() const
+    {
+        std::istringstream text(mMonitor.output);
+        std::vector<std::string> found;
+        for (std::string line; std::getline(text, line);)
+            found.push_back(line);
+        return found;
     }
-    ASSERT_LE(count, found);
-}
+
+    LineProcess mMonitor{{"dbus-monitor", "--system", "type='method_call',member='RequestName'"}};
+};
 
 class TakenNameTest : public QuorServiceTest {
 protected:
-    /// Restarts the bus, on which `rival` gets the service's name first.
-    void restartBusFor(Service& service, std::unique_ptr<Party>& rival)
+    /// Restarts the bus, on which `rival` gets the service's name first. Returns what is asked for after that.
+    std::unique_ptr<NameRequests> restartBusFor(Service& service, std::unique_ptr<Party>& rival)
     {
         const Stall stall(service.thread());
         restartBus();
         rival = std::make_unique<Party>(serviceName);
+        rival->thread().call([] {});
+        return std::make_unique<NameRequests>();
     }
     static std::string answerOf(const Party& client, const std::string& method)
     {
@@ -81,14 +109,9 @@ TEST_F(TakenNameTest, ServiceWaitsUntilTheNameIsFree)
     CapturedLog log;
     Service service;
     std::unique_ptr<Party> rival;
-    restartBusFor(service, rival);
+    const std::unique_ptr<NameRequests> requests = restartBusFor(service, rival);
+    ASSERT_TRUE(requests->await(serviceName));
     Party client;
-    service.thread().call([] {});
-    // Each look is a connection of its own; ten a second would be the service's.
-    const int before = newestConnection();
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    EXPECT_LE(newestConnection() - before, 3);
-
     Mailbox statuses;
     ASSERT_TRUE(QSRegisterServerStatus(client.handle(), serviceName, onStatus, &statuses, nullptr));
     statuses.wait(1);
@@ -96,6 +119,9 @@ TEST_F(TakenNameTest, ServiceWaitsUntilTheNameIsFree)
     EXPECT_THAT(statuses.wait(3), ElementsAre("com.example.service connected", "com.example.service gone",
                                               "com.example.service connected"));
     EXPECT_EQ(R"({"a":1})", answerOf(client, "echo"));
+    const Party last("com.example.last");
+    ASSERT_TRUE(requests->await("com.example.last"));
+    EXPECT_THAT(requests->names(), ElementsAre(serviceName, serviceName, "com.example.last"));
     EXPECT_EQ(
         "quorservice[4]: the name com.example.service is owned by another program since the bus restarted; waiting for "
         "it\n"
@@ -129,11 +155,11 @@ TEST_F(TakenNameTest, RefusedNameIsAskedForWithPauses)
     mBus.sendSignal(SIGKILL);
     mBus.wait();
     mBus = startSystemBus();
-    waitForConnections(2);  // the service and the program that asks
-    const int before = newestConnection();
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    EXPECT_LE(newestConnection() - before, 3);
+    NameRequests requests;
+    ASSERT_TRUE(requests.await("com.example.unknown") && requests.await("com.example.unknown"));
     EXPECT_TRUE(QSUnregister(handle, nullptr));
+    ASSERT_THAT(requests.times(), SizeIs(2));
+    EXPECT_GE(requests.times()[1] - requests.times()[0], 0.9);
     EXPECT_EQ(
         "quorservice[4]: the name com.example.unknown is refused since the bus restarted: Permission denied; "
         "retrying\n",
