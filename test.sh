@@ -4,7 +4,7 @@
 # test.sh [--preset NAME] [--filter REGEX] [--lint] [--devices] [--full ...]: installs what is missing, builds, and runs
 # all tests. The last lines are ctest's own summary, and the exit code is ctest's.
 #
-#   --preset NAME    release (default), debug, asan-ubsan, tsan, clang or coverage
+#   --preset NAME    release (default), debug, asan-ubsan, asan-clang, tsan, clang or coverage
 #   --filter REGEX   only tests whose names match
 #   --lint           formatting, shell scripts, a clang build without warnings and clang-tidy instead of the tests
 #   --devices        all tests in root file systems of other machines instead, through sudo (tests/devices.sh --help)
@@ -68,7 +68,7 @@ if [ $full = yes ]; then
 fi
 
 case $preset in
-clang) packaging/install-packages.sh build package test lint ;;
+clang | asan-clang) packaging/install-packages.sh build package test lint ;;
 release | debug | asan-ubsan | tsan | coverage) packaging/install-packages.sh build package test ;;
 *) die "no preset '$preset' runs tests (see --help)" ;;
 esac

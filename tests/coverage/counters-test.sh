@@ -13,7 +13,7 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 gcc -std=gnu11 -O2 -fPIC -shared -Wl,-soname,libcounters.so -o libcounters.so "$here/counters.c"
 gcc -std=gnu11 -O2 -fPIC -c -o object.o "$here/object.c"
-hooks=(object.o -Wl,--no-as-needed "$work/libcounters.so" "-Wl,-rpath,$work")
+hooks=(object.o '-Wl,--no-as-needed' "$work/libcounters.so" "-Wl,-rpath,$work")
 
 cat >library.c <<'END'
 int called(int way);

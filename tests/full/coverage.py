@@ -1,0 +1,125 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""coverage.py [--counted]: runs all tests of the coverage build, and measures each folder. A part of tests/full.sh.
+
+--counted runs none, and measures what the last run has counted. Branches are those that the source has: gcc's own, for
+exceptions and where it can prove that a way is never taken, are left out.
+
+build/coverage/uncovered.txt lists each line and branch that no test reaches, "FILE:LINE: TEXT". Those that need no test
+stand in tests/full/uncovered.txt, with their reason.
+"""
+import collections
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+import figures
+import suite
+
+BUILD = pathlib.Path("build/coverage")
+ACCEPTED = pathlib.Path("tests/full/uncovered.txt")
+FOLDERS = {"Src": (99, 92), "platform": (95, 85), "services": (95, 85), "base": (90, 75), "tools": (90, 75)}
+CERTIFICATES = "Src/CertificateInterface/"
+EACH_BRANCH = {
+    "verifier": [CERTIFICATES + name for name in ("ServerVerification", "ChainCheck", "ChainVerdict", "CheckedLookup", "OpenSslBinding")],
+    "signing": [CERTIFICATES + "CertElement"],
+    "import": [CERTIFICATES + name for name in ("Pkcs12Import", "ImportReply", "StagingFolder", "PemPassword")],
+    "storage": ["Src/Storage" + name for name in ("Interface", "Listing", "Locations", "Mapping")],
+}
+
+
+def runTests():
+    """Returns rows and notes on the tests, with the number of messages of processes that could not write their counters."""
+    errors = (BUILD / "counter-errors.log").resolve()
+    subprocess.run(["cmake", "--preset", "coverage"], check=True)
+    for path in [errors, *BUILD.rglob("*.gcda")]:
+        path.unlink(missing_ok=True)
+    errors.touch()
+    errors.chmod(0o666)
+    for folder, _, _ in os.walk(BUILD):
+        os.chmod(folder, 0o777)  # some processes are other users
+    os.environ["GCOV_ERROR_FILE"] = str(errors)
+    os.umask(0)
+    counts, notes = suite.runTests("coverage", [])
+    lines = len(errors.read_text(encoding="utf-8", errors="replace").splitlines())
+    return [*suite.rowsOf("coverage", counts), figures.row("errors in writing counters", lines, lines == 0, "0")], notes
+
+
+def count():
+    """Each file's lines, {number: (text, count, [count of each branch])}."""
+    report = BUILD / "coverage.json"
+    filters = [word for folder in FOLDERS for word in ("--filter", folder + "/")]
+    subprocess.run(["gcovr", "--root", ".", "--object-directory", BUILD, "-j2", "--exclude-throw-branches",
+                    "--exclude-unreachable-branches", *filters, "--json", report, BUILD], check=True)
+    files = {}
+    for entry in json.loads(report.read_text(encoding="utf-8"))["files"]:
+        texts = pathlib.Path(entry["file"]).read_text(encoding="utf-8").splitlines()
+        lines = files.setdefault(entry["file"], {})
+        for line in entry["lines"]:
+            if not line.get("gcovr/noncode"):
+                number = line["line_number"]
+                lines[number] = (texts[number - 1].strip(), line["count"], [branch["count"] for branch in line["branches"]])
+    return files
+
+
+def shareOf(lines):
+    """Covered and all lines, covered and all branches."""
+    branches = [count for _, _, counts in lines for count in counts]
+    return sum(count > 0 for _, count, _ in lines), len(lines), sum(count > 0 for count in branches), len(branches)
+
+
+def percent(covered, total):
+    return 100 * covered / total if total else 100
+
+
+def folderRow(folder, files):
+    lines = [line for name, held in files.items() if name.startswith(folder + "/") for line in held.values()]
+    coveredLines, allLines, coveredBranches, allBranches = shareOf(lines)
+    byLine, byBranch = percent(coveredLines, allLines), percent(coveredBranches, allBranches)
+    limits = FOLDERS[folder]
+    return figures.row(folder, "%.1f %% of %d lines, %.1f %% of %d branches" % (byLine, allLines, byBranch, allBranches),
+                       allLines and byLine >= limits[0] and byBranch >= limits[1], "%d %% and %d %%" % limits)
+
+
+def branchRow(name, stems, files):
+    lines = [line for path, held in files.items() if os.path.splitext(path)[0] in stems for line in held.values()]
+    _, _, covered, total = shareOf(lines)
+    return figures.row("branches of " + name, "%d of %d" % (covered, total), covered == total > 0, "all")
+
+
+def accepted():
+    """The reason of each "FILE: TEXT"."""
+    text = ACCEPTED.read_text(encoding="utf-8") if ACCEPTED.exists() else ""
+    return dict(line.split(" -- ", 1) for line in text.splitlines() if " -- " in line and not line.startswith("#"))
+
+
+def uncovered(files):
+    reasons, used, rest = accepted(), collections.Counter(), []
+    for name, lines in sorted(files.items()):
+        for number, (text, count, branches) in sorted(lines.items()):
+            if count > 0 and all(branches):
+                continue
+            place = "%s: %s" % (name, text)
+            used[place] += place in reasons
+            if place not in reasons:
+                ways = "" if count == 0 else " (%d of %d ways)" % (sum(way > 0 for way in branches), len(branches))
+                rest.append("%s:%d: %s%s" % (name, number, text, ways))
+    (BUILD / "uncovered.txt").write_text("".join(line + "\n" for line in rest), encoding="utf-8")
+    notes = ["%s has a place that is covered or gone: %s." % (ACCEPTED, place) for place in reasons if not used[place]]
+    row = figures.row("places without a test", "%d without a reason, %d with one" % (len(rest), sum(used.values())),
+                      not rest and not notes, "0 without a reason")
+    return row, notes
+
+
+def main():
+    rows, notes = ([], []) if "--counted" in sys.argv else runTests()
+    files = count()
+    rows += [folderRow(folder, files) for folder in FOLDERS]
+    rows += [branchRow(name, stems, files) for name, stems in EACH_BRANCH.items()]
+    row, more = uncovered(files)
+    return figures.report([*rows, row], notes + more)
+
+
+sys.exit(main())
