@@ -330,6 +330,24 @@ TEST_F(NetLinkHelperTest, FailedFirstReceiveFindsAZeroedBuffer)
     expectBadPacket("No buffer space available");
 }
 
+TEST_F(NetLinkHelperTest, ReceiveThatWouldBlockBeforeADoneIsAFailure)
+{
+    mKernel.sends({someRoute(1), doneMessage()});
+    const Fault fault(Call::Receive, 1, EAGAIN);
+    const RouteListPtr routes(sNlHelper.getRoutingTableList());
+    EXPECT_EQ(0u, routes->len);
+    expectBadPacket("Resource temporarily unavailable");
+}
+
+TEST_F(NetLinkHelperTest, ErrnoFromBeforeDoesNotEndTheDump)
+{
+    mKernel.sends({someRoute(1), someRoute(2), doneMessage()});
+    errno = EAGAIN;
+    const RouteListPtr routes(sNlHelper.getRoutingTableList());
+    EXPECT_EQ(2u, routes->len);
+    EXPECT_EQ(finishedLine, fakes::logLines().back());
+}
+
 TEST_F(NetLinkHelperTest, InterruptedReceiveIsRetried)
 {
     mKernel.sends({someRoute(1), doneMessage()});
