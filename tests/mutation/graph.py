@@ -6,10 +6,10 @@ import os
 import re
 
 
-# Scripts that show what no program shows: what they need of the build, and their command.
-SCRIPTS = {
-    "tests/api/other-openssl.sh": (["lib/libVpnWfOal.so", "bin/isolate"], ["tests/api/other-openssl.sh", "{build}"]),
-}
+# Scripts that show what no program shows: the source, what they need of the build, and their command.
+SCRIPTS = [
+    ("Src/CertificateInterface/OpenSslBinding.cpp", ["lib/libVpnWfOal.so", "bin/isolate"], ["tests/api/other-openssl.sh", "{build}"]),
+]
 
 
 class Program:
@@ -24,6 +24,9 @@ class Program:
         self.reached = reached  # those, and the sources of libraries and programs that it loads or starts
         self.seconds = None  # without a change; None: not measured yet
         self.left_out = []  # tests that fail without a change
+
+    def is_script(self):
+        return not self.targets[0].endswith("Test")
 
 
 class Graph:
@@ -71,11 +74,11 @@ class Graph:
                 folder = next(part for part in inputs if f"{os.path.basename(name)}.dir/" in part).partition("CMakeFiles/")[0]
                 yield Program(os.path.basename(name), [name], [self.build / name], folder, self._sources(name, self._link_inputs, self._linked),
                               self._sources(name, self._all_inputs, self._reached))
-        for name, (targets, command) in SCRIPTS.items():
-            if (self.source / name).exists():
-                reached = set().union(*(self._sources(target, self._all_inputs, self._reached) for target in targets))
-                yield Program(name, targets, [self.source / command[0], *(word.format(build=self.build) for word in command[1:])], "",
-                              set(), reached)
+        for source, targets, command in SCRIPTS:
+            if (self.source / source).exists():
+                name = f"{os.path.basename(source)[:-4]}, by {command[0]}"
+                words = [self.source / command[0], *(word.format(build=self.build) for word in command[1:])]
+                yield Program(name, targets, words, "", {source}, {source})
 
 
 def includers(texts):
