@@ -18,6 +18,7 @@ CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "
                  "-DWFOAL_QUICK_TESTS=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
 # Stages, each of which judges what the one before has not noticed: the few programs that are nearest to the source, those
 # of the same part that it is linked to, and what is left of those it is linked to or that load or start it.
+WORD = re.compile(r"[A-Za-z_]\w{4,}")
 NEAR, LINKED, REACHED = STAGES = 1, 2, 3
 NEAREST = 4  # programs
 SECONDS = {NEAR: 300, LINKED: 300, REACHED: 120}  # that the programs of a stage may take without a change
@@ -100,10 +101,12 @@ class Worker:
         self.output = folder / "output"
         self.texts = {}
         self.tried = collections.defaultdict(set)  # programs that have not noticed a mutant
-        self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source and each folder
+        self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source
+        self.words, self.uses = {}, collections.Counter()
         self._copy(top, files)
         self._configure()
         self.programs = list(graph.Graph(self.build, self.source).programs())
+        self._learn_words()
         self.includers = graph.includers(self.texts)
         self.valid_for = valid_for
         self.measured = folder / "measured.json"
@@ -186,25 +189,32 @@ class Worker:
         linked = [program for program in self.programs if program.linked & sources and not program.folder.startswith(WHOLE_PROGRAMS)]
         if stage == REACHED:
             return [program for program in self.programs if program.reached & sources and program not in linked]
-        return self._in_order(file, linked)[:NEAREST] if stage == NEAR else linked
+        return linked
 
-    def _in_order(self, file, programs):
-        """What noticed most changes of this file and of its folder, what is named like it, what is quick or small."""
-        stem, folder = pathlib.Path(file).stem, os.path.dirname(file)
-
-        def words(*names):
-            return {word.rstrip("s") for name in names for word in re.findall("[A-Z]?[a-z0-9]+", name)}
+    def _in_order(self, mutant, programs):
+        """First what is named like the source; then what names most of the rare words of the changed function, and noticed
+        most other changes of the source."""
+        stem, text = pathlib.Path(mutant.file).stem, self.texts[mutant.file]
+        begin, end = text.rfind("\n}\n", 0, mutant.start) + 1, text.find("\n}\n", mutant.end)
+        words = WORD.findall(text[begin : end if end >= 0 else len(text)])
 
         def place(program):
-            alike = len(words(file) & words(program.folder, program.name))
-            return (-self.kills[file][program.name], not program.name.startswith(stem), -self.kills[folder][program.name], -alike,
-                    program.seconds or 0, len(program.linked))
+            known = sum(1 / self.uses[word] for word in set(words) & self.words[program.name])
+            return not program.name.startswith(stem), -known * (1 + self.kills[mutant.file][program.name]), program.seconds or 0
 
         return sorted(programs, key=place)
 
-    def _judge(self, mutant, programs, limit):
+    def _learn_words(self):
+        """Which words the sources of each program have, without those of test kits; and how many programs have a word."""
+        for program in self.programs:
+            own = [file for file in program.linked if file.startswith("tests/") and not file.startswith(("tests/support", "tests/fakes"))]
+            self.words[program.name] = {word for file in own for word in WORD.findall(self.texts[file])}
+            self.uses.update(self.words[program.name])
+
+    def _judge(self, mutant, programs, stage):
         self._change(mutant)
-        for program in self._in_order(mutant.file, programs):
+        limit = SECONDS[stage]
+        for program in self._in_order(mutant, programs)[: NEAREST if stage == NEAR else None]:
             if program.name in self.tried[mutant]:
                 continue
             if program.seconds is None:
@@ -218,8 +228,7 @@ class Worker:
                 return "not built", ""
             noticed = self._kills(program)
             if noticed:
-                for place in mutant.file, os.path.dirname(mutant.file):
-                    self.kills[place][program.name] += 1
+                self.kills[mutant.file][program.name] += 1
                 return "killed", f"{program.name}: {noticed}"
             self.tried[mutant].add(program.name)
         return "survived", ""
@@ -230,7 +239,7 @@ class Worker:
         try:
             for slot in slots:
                 for mutant in slot:
-                    result, by = self._judge(mutant, programs, SECONDS[stage])
+                    result, by = self._judge(mutant, programs, stage)
                     keep(mutant, result, by)
                     if result != "not built":
                         break
