@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -58,7 +60,23 @@ int __wrap_VkFirewallFullCtrl(const char* json)
     return __real_VkFirewallFullCtrl(json);
 }
 
-void __wrap_VkLogPrint(VkLogContext*, int, const char*, ...) {}
+namespace {
+
+std::set<std::string> sErrors;  // lines
+
+}  // namespace
+
+void __wrap_VkLogPrint(VkLogContext*, int level, const char* format, ...)
+{
+    if (level != 3) return;
+    const NoFault noFault;
+    char line[256];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    sErrors.insert(line);
+}
 
 namespace {
 
@@ -83,7 +101,11 @@ struct Operation {
 
 class AllocationFaultTest : public KernelReaderTest {
 protected:
-    AllocationFaultTest() { add("eth0", "10.1.0.2/16", "default via 10.1.0.1"); }
+    AllocationFaultTest()
+    {
+        add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
+        sErrors.clear();
+    }
 
     /// Runs `operation` with each allocation failing; `check` judges each result with the fault taken away.
     static int failEach(const std::function<PluginResult()>& operation, const std::function<void(PluginResult)>& check,
@@ -192,6 +214,24 @@ TEST_F(ConfigurationFaultTest, ConfigurationIsAppliedWholeOrNotAtAll)
                                 });
     EXPECT_GT(struck, 100);
     EXPECT_GT(failures, 50);
+    EXPECT_THAT(sErrors, testing::ElementsAre(
+                             "SystemInterface::AddRoute: Out of memory, the pending configuration is incomplete",
+                             "SystemInterface::ApplyConfiguration: Failed to Add Interface",
+                             "SystemInterface::ApplyConfiguration: Out of memory, the configuration is incomplete and "
+                             "not applied",
+                             "SystemInterface::SetDNSDomain: Out of memory, the pending configuration is incomplete",
+                             "SystemInterface::SetDNSServers: Out of memory, the pending configuration is incomplete",
+                             "SystemInterface::SetPacketFilterRule: Out of memory, the pending configuration is "
+                             "incomplete",
+                             "SystemInterface::SetSplitDNSDomains: Out of memory, the pending configuration is "
+                             "incomplete",
+                             "SystemInterface::addAddressToJson: Error Allocation DNS Address String",
+                             "SystemInterface::resetJsonFirewallObject: Out of memory, the pending configuration is "
+                             "incomplete",
+                             "SystemInterface::resetJsonObjects: Out of memory, the pending configuration is "
+                             "incomplete",
+                             "saveDataForRecovery: Couldn't create json object",
+                             "saveDataForRecovery: Failed to save the data to the recovery file"));
 }
 
 TEST_F(ConfigurationFaultTest, IncompleteSettingsAreDiscardedByARestoreOnly)
@@ -206,6 +246,20 @@ TEST_F(ConfigurationFaultTest, IncompleteSettingsAreDiscardedByARestoreOnly)
     EXPECT_THAT(fakes::calls(), testing::IsEmpty());
     mSystem.RestoreSystemConfiguration();
     EXPECT_EQ(PLUGIN_SUCCESS, mSystem.ApplyConfiguration());
+}
+
+TEST_F(ConfigurationFaultTest, RuleForAFilterThatCouldNotBeMadeIsLogged)
+{
+    const AllocationFault fault(1, true);
+    mSystem.SetDNSDomain("corp.example");
+    mSystem.RestoreSystemConfiguration();  // begins anew after what was incomplete, and cannot
+    sErrors.clear();
+    EXPECT_EQ(PLUGIN_SUCCESS, mSystem.SetPacketFilterRule(nullptr, nullptr, 0, nullptr, nullptr, 0, FILTER_PROTOCOL_ANY,
+                                                          FILTER_DIRECTION_BOTH, nullptr, FILTER_ACTION_DROP));
+    const NoFault noFault;
+    EXPECT_THAT(sErrors,
+                testing::ElementsAre("SystemInterface::SetPacketFilterRule: Firewall JSON Object not defined"));
+    EXPECT_EQ(PLUGIN_FAILURE, mSystem.ApplyConfiguration());
 }
 
 TEST_F(ConfigurationFaultTest, RestoreReachesThePlatformWithoutMemory)
@@ -243,6 +297,9 @@ TEST_F(AllocationFaultTest, RoutesAndInterfaces)
     RouteToAdd gone("10.77.0.0", "255.255.0.0", "10.1.0.99");
     KEST_SystemPluginRoute* pointer = &gone;
     survives({"DeleteRoute", [&] { return system.DeleteRoute(1, &pointer); }, {PLUGIN_SUCCESS}});
+    EXPECT_THAT(sErrors, testing::IsSupersetOf({"SystemInterface::DeleteRoute:Failed to allocate memory",
+                                                "SystemInterface::DeleteRoute:Failed to run command: /sbin/ip route "
+                                                "del 10.77.0.0/16 via 10.1.0.99"}));
     survives({"GetPreferredInterface",
               [&] {
                   char name[16];

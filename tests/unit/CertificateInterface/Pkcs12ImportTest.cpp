@@ -146,7 +146,10 @@ TEST_F(Pkcs12ImportTest, InstalledBundleYieldsAHandleWithItsCertificate)
     EXPECT_TRUE(mFirstFlag);
     EXPECT_FALSE(mSecondFlag);
     EXPECT_EQ(std::string(mBundle.begin(), mBundle.end()), contentOf(stagingFile));
-    EXPECT_THAT(fakes::logLines(), Contains(fakes::LogLine{7, "ImportPKCS12: importPass: secret storePass: store"}));
+    const auto lines = fakes::logLinesOfThisThread();
+    EXPECT_EQ((fakes::LogLine{7, "ImportPKCS12: importPass: secret storePass: store"}), lines.front());
+    EXPECT_THAT(lines, Contains(fakes::LogLine{7, "ImportPKCS12: Sending Cert Install Request"}));
+    EXPECT_THAT(lines, Contains(fakes::LogLine{7, "ImportPKCS12: Done Waiting For Response"}));
 }
 
 TEST_F(Pkcs12ImportTest, AlreadyInstalledCountsAsInstalled)
