@@ -31,9 +31,7 @@ class PowerCallbacksTest : public eventthread::Fixture {};
 
 TEST_F(PowerCallbacksTest, PrepareSuspendWithoutASystemObjectAgreesAtOnce)
 {
-    const auto begin = steady_clock::now();
     powerPrepareSuspendCallback();
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(500));
     EXPECT_THAT(fakes::calls(), ElementsAre("PowerdPrepareSuspendAck 1"));
     EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!"));
 }
@@ -48,7 +46,6 @@ TEST_F(PowerCallbacksTest, PrepareSuspendTellsTheAgentWaitsASecondAndAgrees)
     const auto begin = steady_clock::now();
     powerPrepareSuspendCallback();
     EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(1900));
     EXPECT_THAT(agent.events, ElementsAre("OnPowerSuspended"));
     EXPECT_THAT(fakes::calls(), ElementsAre("g_usleep 1000000", "PowerdPrepareSuspendAck 1"));
     EXPECT_THAT(ownLog(), ElementsAre("powerPrepareSuspendCallback: Called!",
