@@ -143,7 +143,7 @@ select_tests() {
         excluded=(-E "_NOT_BUILT\$|$(left_out clang)")
         ;;
     musl)
-        targets=(Src/all tests/base/all tests/fakes/all tests/unit/all isolate)
+        targets=(Src/all tests/base/all tests/fakes/all tests/fuzz/all tests/unit/all isolate)
         selection=(-L '^unit$')
         excluded=(-E "_NOT_BUILT\$|$(left_out musl)")
         ;;
