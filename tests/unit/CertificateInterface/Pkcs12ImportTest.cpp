@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -443,16 +444,27 @@ TEST_F(Pkcs12ImportTest, StagedFileIsTheOwnersOnly)
 
 using Pkcs12ImportDeathTest = Pkcs12ImportTest;
 
+/// 'S' for a thread that waits for something.
+char stateOf(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const auto end = line.rfind(") ");
+    return end == std::string::npos ? '?' : line[end + 2];
+}
+
 TEST_F(Pkcs12ImportDeathTest, ProcessExitsWhileAnImportWaits)
 {
     EXPECT_EXIT(
         {
             alarm(20);
-            std::promise<void> sent;
-            fakes::bus().onCall = [&](const fakes::BusCall&) { sent.set_value(); };
+            std::promise<pid_t> sent;
+            fakes::bus().onCall = [&](const fakes::BusCall&) { sent.set_value(gettid()); };
             std::thread([this] { call("secret"); }).detach();
-            sent.get_future().wait();
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // it shall wait by now
+            const pid_t importing = sent.get_future().get();
+            while (stateOf(importing) != 'S')
+                std::this_thread::yield();
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
