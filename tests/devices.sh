@@ -125,7 +125,7 @@ prepare() {
 
 # Of the folders with tests, those that hold tests with the label "unit", and what these tests look at.
 unit_targets=(Src/all platform/all tools/vpnoalctl/all tests/api/all tests/base/all tests/docs/all tests/examples/all
-    tests/fakes/all tests/fuzz/all tests/unit/all tools/conformance/all isolate)
+    tests/fakes/all tests/fuzz/all tests/outside/all tests/unit/all tools/conformance/all isolate)
 
 # Sets `targets`, what is built, and what ctest is told: `selection`, the labels of the tests, and `excluded`, the names
 # of those that are not run.
