@@ -31,7 +31,10 @@ struct RouteRequest {
 ssize_t receive(int socket, void* buffer, std::size_t size, int flags)
 {
     iovec part{buffer, size};
+    sockaddr_nl sender{};  // of no interest: the kernel answers
     msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     ssize_t received;

@@ -34,6 +34,7 @@ struct Noted {
     std::string boundAddress;
     std::string destination;
     std::vector<int> receiveFlags;
+    ReceiveRoom receiveRoom;
 };
 
 Noted& noted()
@@ -86,6 +87,11 @@ const std::string& lastDestination()
 int lastSocketType()
 {
     return sLastSocketType;
+}
+
+const ReceiveRoom& lastReceiveRoom()
+{
+    return noted().receiveRoom;
 }
 
 const std::vector<int>& receiveFlags()
@@ -146,6 +152,10 @@ ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags)
 {
     testsupport::noted().receiveFlags.push_back(flags);
+    auto& room = testsupport::noted().receiveRoom;
+    room = {message->msg_name != nullptr ? message->msg_namelen : 0, {}};
+    for (const iovec* part = message->msg_iov; part != message->msg_iov + message->msg_iovlen; ++part)
+        room.parts.push_back(part->iov_len);
     return strikes(Call::Receive) ? -1 : __real_recvmsg(socket, message, flags);
 }
 

@@ -5,6 +5,7 @@
 #ifndef WFOAL_TEST_FAULTS_H
 #define WFOAL_TEST_FAULTS_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,13 @@ const std::string& lastOptionValue();
 const std::string& lastBoundAddress();
 const std::string& lastDestination();
 int lastSocketType();
+
+/// What recvmsg() was given last.
+struct ReceiveRoom {
+    unsigned sender = 0;  ///< bytes for the address of the sender
+    std::vector<std::size_t> parts;
+};
+const ReceiveRoom& lastReceiveRoom();
 
 /// The flags of each recvmsg() since the last clear, failed ones included.
 const std::vector<int>& receiveFlags();

@@ -175,6 +175,13 @@ TEST_F(NetLinkHelperTest, ReceivesBlockUntilADoneIsBehindARoute)
     EXPECT_THAT(receiveFlags(), ElementsAre(0, MSG_DONTWAIT, MSG_DONTWAIT));
 }
 
+TEST_F(NetLinkHelperTest, ReceivesHaveOneBufferAndRoomForTheSender)
+{
+    dump({someRoute(1), doneMessage()});
+    EXPECT_THAT(testsupport::lastReceiveRoom().parts, ElementsAre(16384));
+    EXPECT_EQ(12u, testsupport::lastReceiveRoom().sender);
+}
+
 TEST_F(NetLinkHelperTest, NothingIsWaitedForAfterADatagramBehindADone)
 {
     clearReceiveFlags();
