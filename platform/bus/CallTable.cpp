@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Message.h"
+#include "OutOfMemory.h"
 #include "Payload.h"
 
 namespace quor {
@@ -34,26 +35,35 @@ void CallTable::start(const CallRequest& request)
 {
     sd_bus* bus = mConnection.bus();
     if (bus == nullptr) return failLater(request.recipient, "not connected to the service bus");
+    // Memory that runs out must do so before the call is sent.
+    Calls made;
+    Call* const call =
+        made.emplace(0, std::make_unique<Call>(Call{this, request.recipient, request.subscribes, 0, {}, {}}))
+            .first->second.get();
+    mCalls.reserve(mCalls.size() + 1);
     SdBusMessagePtr message;
     int result = newCall(bus, request, message);
-    auto call = std::make_unique<Call>(Call{this, request.recipient, request.subscribes, 0, {}, {}});
     if (result >= 0) {
         result = obtain(call->slot, [&](sd_bus_slot** slot) {
-            return sd_bus_call_async(bus, slot, message.get(), onReply, call.get(), sCallLimit);
+            return sd_bus_call_async(bus, slot, message.get(), onReply, call, sCallLimit);
         });
     }
     if (result < 0) return failLater(request.recipient, std::strerror(-result));
     std::uint64_t serial = 0;
     sd_bus_message_get_cookie(message.get(), &serial);
     call->serial = static_cast<std::uint32_t>(serial);
-    mCalls[call->serial] = std::move(call);
+    Calls::node_type entry = made.extract(0);
+    entry.key() = call->serial;
+    mCalls.insert(std::move(entry));
 }
 
 int CallTable::onReply(sd_bus_message* reply, void* call, sd_bus_error*)
 {
     auto& completed = *static_cast<Call*>(call);
-    completed.table->complete(completed, reply);
-    return 0;
+    return systembus::guarded([&] {
+        completed.table->complete(completed, reply);
+        return 0;
+    });
 }
 
 void CallTable::complete(Call& call, sd_bus_message* reply)
@@ -67,6 +77,7 @@ void CallTable::complete(Call& call, sd_bus_message* reply)
     } else if (isTooLarge(payload)) {
         failure = tooLarge("reply");
     }
+    const std::string failurePayload = failure.empty() ? std::string() : errorPayload(failure);
     // The table is up to date before the callback runs, which may unregister the handle.
     const Recipient recipient = call.recipient;
     const char* sender = sd_bus_message_get_sender(reply);
@@ -75,18 +86,19 @@ void CallTable::complete(Call& call, sd_bus_message* reply)
     } else {
         mCalls.erase(call.serial);
     }
-    deliver(recipient, failure.empty() ? payload : errorPayload(failure).c_str());
+    deliver(recipient, failure.empty() ? payload : failurePayload.c_str());
 }
 
 void CallTable::keepSubscription(Call& call, const std::string& owner)
 {
-    call.owner = owner;
+    if (mOwners.count(owner) == 0) {
+        mOwners.emplace(owner, std::make_unique<systembus::NameWatch>(mConnection.bus(), owner,
+                                                                      [this, owner](const std::string& now) {
+                                                                          if (now.empty()) dropOwner(owner);
+                                                                      }));
+    }
+    call.owner = owner;  // last: a call without one is answered when memory runs out
     call.slot.reset();
-    if (mOwners.count(owner) != 0) return;
-    mOwners[owner] =
-        std::make_unique<systembus::NameWatch>(mConnection.bus(), owner, [this, owner](const std::string& now) {
-            if (now.empty()) dropOwner(owner);
-        });
 }
 
 void CallTable::dropOwner(const std::string& owner)
@@ -119,10 +131,11 @@ bool CallTable::handlePush(sd_bus_message* message)
 void CallTable::onBusLost()
 {
     mOwners.clear();
-    Calls calls;
-    calls.swap(mCalls);
-    for (const auto& [serial, call] : calls) {
-        if (call->owner.empty()) failLater(call->recipient, "the connection to the service bus was lost");
+    // One after the other: when memory runs out, the rest is answered at the next attempt.
+    while (!mCalls.empty()) {
+        const Call& call = *mCalls.begin()->second;
+        if (call.owner.empty()) failLater(call.recipient, "the connection to the service bus was lost");
+        mCalls.erase(mCalls.begin());
     }
 }
 

@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "OutOfMemory.h"
+
 namespace {
 
 using Handles = std::unordered_map<QSHandle*, std::shared_ptr<QSHandle>>;
@@ -58,8 +60,8 @@ quor::Failure QSHandle::open(const char* name, QSHandle*& handle)
     }
     std::shared_ptr<QSHandle> made(new QSHandle(name));
     if (quor::Failure failure = made->connect()) return failure;
+    addToList(made);
     handle = made.get();
-    addToList(std::move(made));
     return {};
 }
 
@@ -116,9 +118,10 @@ quor::Failure QSHandle::attach(GMainLoop* loop)
 void QSHandle::onBusConnected(sd_bus* bus)
 {
     const auto onMessage = [](sd_bus_message* message, void* self, sd_bus_error*) -> int {
-        return static_cast<QSHandle*>(self)->mCalls.handlePush(message);
+        return systembus::guarded([&] { return static_cast<QSHandle*>(self)->mCalls.handlePush(message) ? 1 : 0; });
     };
-    obtain(mFilter, [&](sd_bus_slot** slot) { return sd_bus_add_filter(bus, slot, onMessage, this); });
+    systembus::orBadAlloc(
+        obtain(mFilter, [&](sd_bus_slot** slot) { return sd_bus_add_filter(bus, slot, onMessage, this); }));
     mService.onBusConnected(bus);
     mWatches.onBusConnected(bus);
     // Last, so that callers who see the name find the methods.

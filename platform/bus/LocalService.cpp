@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "OutOfMemory.h"
 #include "Payload.h"
 
 namespace quor {
@@ -58,7 +59,8 @@ QSMethodCallback findMethod(const QSMethod* methods, const char* name)
 
 void LocalService::addCategory(const std::string& path, const QSMethod* methods)
 {
-    Category& category = mCategories.emplace_back();
+    std::list<Category> added(1);
+    Category& category = added.front();
     category.service = this;
     category.path = path;
     category.methods = methods;
@@ -69,14 +71,15 @@ void LocalService::addCategory(const std::string& path, const QSMethod* methods)
     category.table.push_back(tablePush());
     category.table.push_back(tableEnd());
     if (mConnection.bus() != nullptr) offer(category, mConnection.bus());
+    mCategories.splice(mCategories.end(), added);
 }
 
 void LocalService::offer(Category& category, sd_bus* bus)
 {
-    obtain(category.slot, [&](sd_bus_slot** slot) {
+    systembus::orBadAlloc(obtain(category.slot, [&](sd_bus_slot** slot) {
         return sd_bus_add_object_vtable(bus, slot, category.path.c_str(), jsonInterface, category.table.data(),
                                         &category);
-    });
+    }));
 }
 
 void LocalService::onBusConnected(sd_bus* bus)
@@ -95,7 +98,7 @@ void LocalService::onBusLost()
 int LocalService::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
 {
     const auto& target = *static_cast<const Category*>(category);
-    return target.service->answer(target, message, error);
+    return systembus::guarded([&] { return target.service->answer(target, message, error); });
 }
 
 int LocalService::answer(const Category& category, sd_bus_message* message, sd_bus_error* error)

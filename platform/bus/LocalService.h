@@ -5,7 +5,7 @@
 #define QUOR_LOCALSERVICE_H
 
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -49,7 +49,7 @@ private:
 
     QSHandle* const mHandle;
     systembus::BusConnection& mConnection;
-    std::deque<Category> mCategories;  // elements do not move
+    std::list<Category> mCategories;  // elements do not move
     Subscribers mSubscribers;
 };
 

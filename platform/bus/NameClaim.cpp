@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Log.h"
+#include "OutOfMemory.h"
 
 namespace quor {
 
@@ -44,8 +45,10 @@ void NameClaim::onBusLost()
 void NameClaim::request()
 {
     const auto onReply = [](sd_bus_message* reply, void* self, sd_bus_error*) -> int {
-        static_cast<NameClaim*>(self)->onAnswer(reply);
-        return 0;
+        return systembus::guarded([&] {
+            static_cast<NameClaim*>(self)->onAnswer(reply);
+            return 0;
+        });
     };
     const int result = obtain(mRequest, [&](sd_bus_slot** slot) {
         return sd_bus_request_name_async(mConnection.bus(), slot, mName.c_str(), 0, onReply, this);

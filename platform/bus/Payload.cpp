@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "handles/JsonParser.h"
+#include "handles/NewJson.h"
 
 namespace quor {
 
@@ -36,11 +37,11 @@ bool isValidUtf8(const char* text)
 
 std::string errorPayload(const std::string& errorText)
 {
-    const JsonPtr payload(json_object_new_object());
-    json_object_object_add(payload.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(payload.get(), "errorCode", json_object_new_int(-1));
-    json_object_object_add(payload.get(), "errorText", json_object_new_string(errorText.c_str()));
-    return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
+    const JsonPtr payload = newJsonObject();
+    addJson(payload, "returnValue", false);
+    addJson(payload, "errorCode", -1);
+    addJson(payload, "errorText", errorText);
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 }  // namespace quor

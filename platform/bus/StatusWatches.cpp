@@ -1,19 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StatusWatches.h"
 
+#include <new>
+
 namespace quor {
 
 void StatusWatches::add(sd_bus* bus, const std::string& service, QSServerStatusCallback callback, void* userData)
 {
     Watch& watch = mWatches.emplace_back();
-    watch.service = service;
     watch.callback = callback;
     watch.userData = userData;
-    if (bus != nullptr) {
-        watchName(watch, bus);
-    } else {
-        notify(watch, false);
+    try {
+        watch.service = service;
+        if (bus != nullptr) watchName(watch, bus);
+    } catch (const std::bad_alloc&) {
+        mWatches.pop_back();
+        throw;
     }
+    if (bus == nullptr) notify(watch, false);
 }
 
 void StatusWatches::onBusConnected(sd_bus* bus)

@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 
+#include "OutOfMemory.h"
+
 namespace powerd {
 
 namespace {
@@ -10,6 +12,8 @@ namespace {
 constexpr char logindName[] = "org.freedesktop.login1";
 constexpr char logindPath[] = "/org/freedesktop/login1";
 constexpr char managerInterface[] = "org.freedesktop.login1.Manager";
+
+using systembus::orBadAlloc;
 
 void call(const std::atomic<PowerdCallback>& callback)
 {
@@ -79,6 +83,7 @@ void PowerClient::onLogindOwner(const std::string& owner)
         int preparing = 0;
         if (sd_bus_message_read_basic(signal, 'b', &preparing) > 0) onPreparingForSleep(preparing != 0);
     });
+    orBadAlloc(mSleepMatch->result());
     requestInhibitor();
     queryPreparingForSleep();
 }
@@ -93,14 +98,16 @@ void PowerClient::queryPreparingForSleep()
         if (sd_bus_message_enter_container(reply, 'v', "b") <= 0) return 0;
         if (sd_bus_message_read_basic(reply, 'b', &preparing) <= 0) return 0;
         const bool missedTheEnd = preparing == 0 && client->mState != State::Awake;
-        if (preparing != 0 || missedTheEnd) client->onPreparingForSleep(preparing != 0);
-        return 0;
+        return systembus::guarded([&] {
+            if (preparing != 0 || missedTheEnd) client->onPreparingForSleep(preparing != 0);
+            return 0;
+        });
     };
-    obtain(mPreparingQuery, [&](sd_bus_slot** slot) {
+    orBadAlloc(obtain(mPreparingQuery, [&](sd_bus_slot** slot) {
         return sd_bus_call_method_async(mConnection.bus(), slot, logindName, logindPath,
                                         "org.freedesktop.DBus.Properties", "Get", onAnswer, this, "ss",
                                         managerInterface, "PreparingForSleep");
-    });
+    }));
 }
 
 void PowerClient::onPreparingForSleep(bool preparing)
@@ -118,11 +125,11 @@ void PowerClient::requestInhibitor()
         static_cast<PowerClient*>(self)->keepInhibitor(reply);
         return 0;
     };
-    obtain(mInhibitorRequest, [&](sd_bus_slot** slot) {
+    orBadAlloc(obtain(mInhibitorRequest, [&](sd_bus_slot** slot) {
         return sd_bus_call_method_async(mConnection.bus(), slot, logindName, logindPath, managerInterface, "Inhibit",
                                         onGranted, this, "ssss", "sleep", mName.c_str(),
                                         "Tells the tunnel's peer before the device sleeps", "delay");
-    });
+    }));
 }
 
 void PowerClient::keepInhibitor(sd_bus_message* reply)
@@ -155,7 +162,13 @@ void PowerClient::allowSleep()
 void PowerClient::handleResume()
 {
     mState = State::Awake;
-    requestInhibitor();
+    // The inhibitor is asked for in any case: without it the connection is made anew, and with it the request.
+    try {
+        requestInhibitor();
+    } catch (const std::bad_alloc&) {
+        call(mCallbacks.resume);
+        throw;
+    }
     call(mCallbacks.resume);
 }
 

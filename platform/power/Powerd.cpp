@@ -33,6 +33,17 @@ std::shared_ptr<PowerClient> extractClient()
     return taken;
 }
 
+// No exception leaves the library.
+template <typename Operation>
+bool perform(Operation operation)
+{
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 bool setCallback(std::atomic<PowerdCallback> Callbacks::*which, PowerdCallback callback)
 {
     const auto present = client();
@@ -53,16 +64,18 @@ __attribute__((destructor)) void releaseClient()
 extern "C" bool PowerdGmainAttach(_GMainLoop* loop)
 {
     if (loop == nullptr) return false;
-    const std::lock_guard<std::mutex> lock(sClientLock);
-    if (sClient != nullptr) return false;
-    sClient = new std::shared_ptr<PowerClient>(std::make_shared<PowerClient>(loop));
-    return true;
+    return perform([loop] {
+        const std::lock_guard<std::mutex> lock(sClientLock);
+        if (sClient != nullptr) return false;
+        sClient = new std::shared_ptr<PowerClient>(std::make_shared<PowerClient>(loop));
+        return true;
+    });
 }
 
 extern "C" bool PowerdClientInit(const char* name)
 {
     const auto present = client();
-    return present != nullptr && name != nullptr && present->start(name);
+    return present != nullptr && name != nullptr && perform([&] { return present->start(name); });
 }
 
 extern "C" bool PowerdClientDeinit()
@@ -84,8 +97,10 @@ extern "C" bool PowerdSuspendedRegister(PowerdCallback callback)
 extern "C" bool PowerdPrepareSuspendRegister(PowerdCallback callback)
 {
     if (!setCallback(&Callbacks::prepareSuspend, callback)) return false;
-    if (const auto present = client()) present->offerPendingSuspend();
-    return true;
+    return perform([] {
+        if (const auto present = client()) present->offerPendingSuspend();
+        return true;
+    });
 }
 
 extern "C" bool PowerdPrepareSuspendAck(bool agreed)

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "OutOfMemory.h"
 #include "TsanAnnotations.h"
 
 namespace systembus {
@@ -109,10 +110,7 @@ void BusConnection::run(const Task& task)
 {
     if (mContext == nullptr || !g_main_context_is_owner(mContext.get())) return post(task);
     const CallScope scope(*this);
-    if (scope.isOutermost()) {
-        notifyConnected();
-        runTasks();
-    }
+    if (scope.isOutermost() && !mIsShort) guard(&BusConnection::notifyAndRunTasks);
     if (!mClosed) task();
 }
 
@@ -137,7 +135,7 @@ bool BusConnection::tryClose()
 
 void BusConnection::tearDown()
 {
-    std::vector<Task> dropped;
+    std::list<Task> dropped;
     {
         const std::lock_guard<std::mutex> lock(mTasksLock);
         dropped.swap(mTasks);
@@ -152,8 +150,8 @@ bool BusConnection::prepare(int& timeout)
     const CallScope scope(*this);
     timeout = -1;
     if (mClosed) return false;
-    if (mBus != nullptr) watchDescriptor();
-    if (hasTasks() || (mBus != nullptr && !mIsListenerNotified)) return true;
+    if (mBus != nullptr && !mIsShort) watchDescriptor();
+    if (!mIsShort && (hasTasks() || (mBus != nullptr && !mIsListenerNotified))) return true;
     timeout = untilMilliseconds(nextDispatch());
     return timeout == 0;
 }
@@ -163,24 +161,52 @@ bool BusConnection::check()
     const CallScope scope(*this);
     if (mClosed) return false;
     if (mTag != nullptr && g_source_query_unix_fd(mSource.get(), mTag) != 0) return true;
-    return hasTasks() || untilMilliseconds(nextDispatch()) == 0;
+    return (!mIsShort && hasTasks()) || untilMilliseconds(nextDispatch()) == 0;
 }
 
 void BusConnection::dispatch()
 {
     const CallScope scope(*this);
-    if (mClosed) return;
+    if (!mClosed && (!mIsShort || g_get_monotonic_time() >= mRetryAt)) guard(&BusConnection::work);
+}
+
+void BusConnection::work()
+{
+    if (mIsShort) {
+        handleDisconnect();
+        mIsShort = false;
+        return;
+    }
     if (mBus == nullptr) reconnect();
-    notifyConnected();
-    runTasks();
+    notifyAndRunTasks();
     runDelayed();
     processBus();
+}
+
+// An exception must not reach GLib. What was cut short is made anew after a pause: matches, objects and the name; each
+// pending call is answered.
+void BusConnection::guard(void (BusConnection::*step)())
+{
+    try {
+        (this->*step)();
+    } catch (const std::bad_alloc&) {
+        pauseAfterShortage();
+    }
+}
+
+void BusConnection::pauseAfterShortage()
+{
+    if (mTag != nullptr) g_source_remove_unix_fd(mSource.get(), mTag);
+    mTag = nullptr;
+    mWatchedFd = -1;
+    mIsShort = true;
+    pauseBeforeRetry();
 }
 
 // When dispatch() is due even if nothing arrives.
 std::int64_t BusConnection::nextDispatch() const
 {
-    if (mBus == nullptr) return mRetryAt;
+    if (mBus == nullptr || mIsShort) return mRetryAt;
     std::uint64_t time = 0;
     if (sd_bus_get_timeout(mBus.get(), &time) < 0) return 0;
     return std::min(mDelayedUntil, time > static_cast<std::uint64_t>(never) ? never : static_cast<std::int64_t>(time));
@@ -192,6 +218,12 @@ bool BusConnection::hasTasks()
     return !mTasks.empty();
 }
 
+void BusConnection::notifyAndRunTasks()
+{
+    notifyConnected();
+    runTasks();
+}
+
 void BusConnection::notifyConnected()
 {
     if (mBus == nullptr || mIsListenerNotified) return;
@@ -201,14 +233,18 @@ void BusConnection::notifyConnected()
 
 void BusConnection::runTasks()
 {
-    std::vector<Task> tasks;
+    std::list<Task> tasks;
     {
         const std::lock_guard<std::mutex> lock(mTasksLock);
         tasks.swap(mTasks);
     }
-    for (const Task& task : tasks) {
-        if (mClosed) return;
-        task();
+    try {
+        for (; !tasks.empty() && !mClosed; tasks.pop_front())
+            tasks.front()();
+    } catch (const std::bad_alloc&) {
+        const std::lock_guard<std::mutex> lock(mTasksLock);
+        mTasks.splice(mTasks.begin(), tasks);
+        throw;
     }
 }
 
@@ -222,7 +258,9 @@ void BusConnection::runDelayed()
 void BusConnection::processBus()
 {
     for (int count = 0; count < messagesPerDispatch && mBus != nullptr && !mClosed; ++count) {
+        const unsigned shortages = sShortages;
         const int result = sd_bus_process(mBus.get(), nullptr);
+        if (sShortages != shortages) throw std::bad_alloc();
         if (result == 0) return;
         if (result < 0) handleDisconnect();
     }
@@ -255,7 +293,8 @@ void BusConnection::handleDisconnect()
     // The delay keeps growing with a bus that accepts connections but ends them at once.
     if (g_get_monotonic_time() - mConnectedAt >= longestRetryDelay) mRetryDelay = 0;
     pauseBeforeRetry();
-    if (std::exchange(mIsListenerNotified, false)) mListener.onBusLost();
+    if (mIsListenerNotified) mListener.onBusLost();
+    mIsListenerNotified = false;
 }
 
 void BusConnection::watchDescriptor()

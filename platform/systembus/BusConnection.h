@@ -11,9 +11,9 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <list>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "handles/Glib.h"
 #include "handles/SdBus.h"
@@ -52,6 +52,7 @@ public:
     bool isAttached() const { return mContext != nullptr; }
 
     /// Runs a task later on the loop's thread, in the order of the calls. From any thread. close() drops pending tasks.
+    /// A task that throws std::bad_alloc is run again later, so it must have changed nothing then.
     void post(Task task);
     /// Runs a task at once when called on the loop's thread, else posts it.
     void run(const Task& task);
@@ -74,9 +75,13 @@ private:
     bool prepare(int& timeout);
     bool check();
     void dispatch();
+    void work();
+    void guard(void (BusConnection::*step)());
+    void pauseAfterShortage();
 
     std::int64_t nextDispatch() const;
     bool hasTasks();
+    void notifyAndRunTasks();
     void notifyConnected();
     void runTasks();
     void runDelayed();
@@ -93,6 +98,7 @@ private:
     std::int64_t mRetryAt = 0;
     std::int64_t mRetryDelay = 0;
     std::int64_t mConnectedAt = 0;
+    bool mIsShort = false;  // memory ran out: everything is made anew at mRetryAt
 
     std::int64_t mDelayedUntil = std::numeric_limits<std::int64_t>::max();
     Task mDelayed;
@@ -110,7 +116,7 @@ private:
     bool mClosed = false;
 
     std::mutex mTasksLock;
-    std::vector<Task> mTasks;
+    std::list<Task> mTasks;
 };
 
 }  // namespace systembus

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "OutOfMemory.h"
+
 namespace systembus {
 
 // The daemon handles the match before the query, so no change is missed.
@@ -15,13 +17,16 @@ NameWatch::NameWatch(sd_bus* bus, const std::string& name, Changed changed)
         const char* owner = nullptr;
         const bool owned =
             !sd_bus_message_is_method_error(reply, nullptr) && sd_bus_message_read(reply, "s", &owner) > 0;
-        static_cast<NameWatch*>(self)->setOwner(owned ? owner : "");
-        return 0;
+        return guarded([&] {
+            static_cast<NameWatch*>(self)->setOwner(owned ? owner : "");
+            return 0;
+        });
     };
-    obtain(mOwnerQuery, [&](sd_bus_slot** slot) {
+    orBadAlloc(mMatch.result());
+    orBadAlloc(obtain(mOwnerQuery, [&](sd_bus_slot** slot) {
         return sd_bus_call_method_async(bus, slot, daemonName, daemonPath, daemonName, "GetNameOwner", onOwner, this,
                                         "s", name.c_str());
-    });
+    }));
 }
 
 void NameWatch::setOwner(const std::string& owner)

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "OutOfMemory.h"
+
 namespace systembus {
 
 namespace {
@@ -66,9 +68,11 @@ int SignalMatch::onSignal(sd_bus_message* signal, void* self, sd_bus_error*)
     const auto* match = static_cast<const SignalMatch*>(self);
     const char* sender = sd_bus_message_get_sender(signal);
     if (sender == nullptr || match->mSender != sender) return 0;
-    const Handler handler = match->mHandler;  // the call may destroy the match
-    handler(signal);
-    return 0;
+    return guarded([&] {
+        const Handler handler = match->mHandler;  // the call may destroy the match
+        handler(signal);
+        return 0;
+    });
 }
 
 }  // namespace systembus

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AddCertificate.h"
 
-#include "handles/Json.h"
+#include "handles/NewJson.h"
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
 
@@ -47,13 +47,13 @@ std::string addCertificate(const CertificateStore& store, const char* request)
 std::string replyText(const InstallResult& result)
 {
     const bool isDone = result.error == InstallError::None;
-    const JsonPtr reply(json_object_new_object());
-    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(isDone));
+    const JsonPtr reply = newJsonObject();
+    addJson(reply, "returnValue", isDone);
     if (!isDone) {
-        json_object_object_add(reply.get(), "errorCode", json_object_new_int(static_cast<int>(result.error)));
-        json_object_object_add(reply.get(), "errorText", json_object_new_string(result.text.c_str()));
+        addJson(reply, "errorCode", static_cast<int>(result.error));
+        addJson(reply, "errorText", result.text);
     }
-    return json_object_to_json_string(reply.get());
+    return textOfJson(reply, JSON_C_TO_STRING_SPACED);
 }
 
 }  // namespace certificatemanager

@@ -91,7 +91,7 @@ void CertificateStore::installOrThrow(const std::string& path, const std::string
     store(mKeyFolder, keyName, bundle.keyPem);
     try {
         store(mCertificateFolder, name, bundle.certificatePem);
-    } catch (const InstallFailure&) {
+    } catch (...) {  // also when memory runs out
         unlink((mKeyFolder + keyName).c_str());
         throw;
     }

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "ServiceLog.h"
@@ -127,11 +128,23 @@ void ConnectionManager::setTimer(GMainContext* context)
         nullptr, nullptr, nullptr};
     mTimer.reset(g_source_new(&functions, sizeof(GSource)));
     const GSourceFunc onTimer = [](gpointer self) -> gboolean {
-        static_cast<ConnectionManager*>(self)->refresh(Hold::Allowed);
+        static_cast<ConnectionManager*>(self)->refreshOnTime();
         return G_SOURCE_CONTINUE;
     };
     g_source_set_callback(mTimer.get(), onTimer, this, nullptr);
     g_source_attach(mTimer.get(), context);
+}
+
+// No exception may reach GLib.
+void ConnectionManager::refreshOnTime()
+{
+    try {
+        refresh(Hold::Allowed);
+    } catch (const std::bad_alloc&) {
+        SERVICE_ERROR("cannot read the kernel's network tables: %s", std::strerror(ENOMEM));
+        mDebounce.done(Outcome::Same);
+        noteChange();
+    }
 }
 
 void ConnectionManager::refresh(Hold hold)

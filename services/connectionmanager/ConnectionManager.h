@@ -38,6 +38,7 @@ private:
     void noteChange();
     void schedule();
     void setTimer(GMainContext* context);
+    void refreshOnTime();
     void refresh(Hold hold);
     Outcome take(const Status& status, Hold hold);
 

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "OutOfMemory.h"
+
 namespace connectionmanager {
 
 namespace {
@@ -51,10 +53,10 @@ void NetworkManagerWatch::onOwner(const std::string& owner)
 // Called on each change of any property, because the signal may lack the value.
 void NetworkManagerWatch::queryConnectivity()
 {
-    obtain(mQuery, [&](sd_bus_slot** slot) {
+    systembus::orBadAlloc(obtain(mQuery, [&](sd_bus_slot** slot) {
         return sd_bus_call_method_async(mConnection.bus(), slot, managerName, managerPath, propertiesInterface, "Get",
                                         onAnswer, this, "ss", managerName, "Connectivity");
-    });
+    }));
 }
 
 int NetworkManagerWatch::onAnswer(sd_bus_message* reply, void* self, sd_bus_error*)

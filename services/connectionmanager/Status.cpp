@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "Decisions/InterfaceNames.h"
-#include "handles/Json.h"
+#include "handles/NewJson.h"
 
 namespace connectionmanager {
 
@@ -57,17 +57,14 @@ Section judgeClass(const Snapshot& snapshot, Connectivity connectivity, bool (*i
     return section;
 }
 
-json_object* newSection(const Section& section)
+JsonPtr newSection(const Section& section)
 {
-    json_object* object = json_object_new_object();
-    const auto add = [object](const char* key, const std::string& value) {
-        json_object_object_add(object, key, json_object_new_string(value.c_str()));
-    };
-    add("state", section.connected ? "connected" : "disconnected");
-    add("onInternet", section.onInternet ? "yes" : "no");
+    JsonPtr object = newJsonObject();
+    addJson(object, "state", section.connected ? "connected" : "disconnected");
+    addJson(object, "onInternet", section.onInternet ? "yes" : "no");
     if (section.connected) {
-        add("interfaceName", section.interfaceName);
-        add("ipAddress", section.ipAddress);
+        addJson(object, "interfaceName", section.interfaceName);
+        addJson(object, "ipAddress", section.ipAddress);
     }
     return object;
 }
@@ -93,21 +90,21 @@ bool isArriving(const Status& before, const Status& now)
 
 std::string toJson(const Status& status)
 {
-    const JsonPtr payload(json_object_new_object());
-    json_object_object_add(payload.get(), "returnValue", json_object_new_boolean(true));
-    json_object_object_add(payload.get(), "wifi", newSection(status.wifi));
-    json_object_object_add(payload.get(), "wan", newSection(status.wan));
-    return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
+    const JsonPtr payload = newJsonObject();
+    addJson(payload, "returnValue", true);
+    addJson(payload, "wifi", newSection(status.wifi));
+    addJson(payload, "wan", newSection(status.wan));
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 std::string refusalToJson(const std::string& reason)
 {
     constexpr int badRequest = 1;
-    const JsonPtr payload(json_object_new_object());
-    json_object_object_add(payload.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(payload.get(), "errorCode", json_object_new_int(badRequest));
-    json_object_object_add(payload.get(), "errorText", json_object_new_string(reason.c_str()));
-    return json_object_to_json_string_ext(payload.get(), JSON_C_TO_STRING_PLAIN);
+    const JsonPtr payload = newJsonObject();
+    addJson(payload, "returnValue", false);
+    addJson(payload, "errorCode", badRequest);
+    addJson(payload, "errorText", reason);
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 }  // namespace connectionmanager

@@ -11,6 +11,9 @@
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
 
 #include "handles/Glib.h"
 
@@ -61,6 +64,22 @@ private:
     GMainContextPtr mContext;
     GMainLoopPtr mLoop;
 };
+
+/// The whole life of a service, and its exit code.
+template <typename Service>
+int runService()
+{
+    try {
+        ServiceLoop loop;
+        Service service;
+        if (!service.start(loop.get())) return EXIT_FAILURE;
+        loop.run();
+        return EXIT_SUCCESS;
+    } catch (const std::bad_alloc&) {
+        std::fputs("out of memory\n", stderr);
+        return EXIT_FAILURE;
+    }
+}
 
 }  // namespace services
 
