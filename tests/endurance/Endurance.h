@@ -49,6 +49,7 @@ Result killDaemons(const Settings& settings);
 Result applyManyRoutes(const Settings& settings);
 Result fillRun(const Settings& settings);
 Result jumpClocks(const Settings& settings);
+Result soak(const Settings& settings);
 
 }  // namespace endurance
 

@@ -30,6 +30,7 @@ constexpr Part parts[] = {
     {"many-routes", applyManyRoutes},
     {"full-run", fillRun},
     {"clocks", jumpClocks},
+    {"soak", soak},
 };
 
 int run(const Part& part, const Settings& settings)

@@ -1,0 +1,316 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SoakAgent.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <malloc.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "AgentObjects.h"
+#include "CertificateAuthority.h"
+#include "LoadedPlugin.h"
+#include "handles/UniqueFd.h"
+#include "kest/StoragePlugin.h"
+
+namespace {
+
+std::atomic<long> sKeptBytes{0};
+constexpr long blockHeader = 8;
+
+}  // namespace
+
+// The plug-in allocates route records by this function, and keeps them on purpose. It finds the program's first.
+extern "C" gpointer g_try_malloc0(gsize size)
+{
+    void* const block = std::calloc(1, size);
+    if (block != nullptr) sKeptBytes += static_cast<long>(malloc_usable_size(block)) + blockHeader;
+    return block;
+}
+
+namespace endurance {
+
+namespace {
+
+using namespace testsupport;
+
+constexpr unsigned routesAtMost = 40;
+
+class CountingCallback : public KEST_SystemPluginCB {
+public:
+    explicit CountingCallback(std::atomic<long>& events) : mEvents(events) {}
+    void OnPowerSuspended() override { ++mEvents; }
+    void OnPowerResume() override { ++mEvents; }
+    void OnConnectionChange(std::uint32_t) override { ++mEvents; }
+    void OnConfigurationChange() override {}
+
+private:
+    std::atomic<long>& mEvents;
+};
+
+class RouteToAdd : public ListedRoute {
+public:
+    explicit RouteToAdd(const std::string& destination)
+    {
+        SetDestination(strdup(destination.c_str()));
+        SetNetmask(strdup("255.255.0.0"));
+        SetGateway(strdup("10.8.0.1"));
+        SetInterface(strdup("norvatun0"));
+    }
+};
+
+class SoakAgent {
+public:
+    SoakAgent(int number, unsigned seed, SoakShared& shared)
+        : mShared(shared),
+          mReport(shared.reports[number]),
+          mFile("file-" + std::to_string(number)),
+          mRandom(seed + static_cast<unsigned>(number)),
+          mCallback(mReport.events)
+    {
+        mpSystem->SetSystemPluginCB(&mCallback);
+    }
+
+    void run()
+    {
+        while (!mShared.ends) {
+            if (mShared.pauses) pause();
+            if (mShared.left.fetch_sub(1) <= 0) {
+                usleep(1000);
+                continue;
+            }
+            ++mReport.operations;
+            operate(number(0, 9999));
+        }
+        mpSystem->RestoreSystemConfiguration();
+        mPlugin.dispose(mpCertificates);
+        mPlugin.dispose(mpStorage);
+        mPlugin.dispose(mpSocket);
+        mPlugin.dispose(mpSystem);
+    }
+
+private:
+    int number(int least, int most) { return std::uniform_int_distribution<int>(least, most)(mRandom); }
+
+    void expect(bool isTrue, const char* what)
+    {
+        if (isTrue) return;
+        if (++mReport.failures == 1) std::snprintf(mReport.firstFailure, sizeof mReport.firstFailure, "%s", what);
+    }
+
+    // In parts of ten thousand.
+    void operate(int lot)
+    {
+        if (lot < 60) return apply();
+        if (lot < 120) return restore();
+        if (lot < 125) return import();
+        if (lot < 225) return verify();
+        if (lot < 300) return sign();
+        if (lot < 340) return makeAndDispose();
+        if (lot < 1000) return listRoutes();
+        if (lot < 1700) return choose();
+        if (lot < 2200) return listInterfaces();
+        if (lot < 4000) return collectAndForget();
+        if (lot < 6000) return save();
+        if (lot < 9900) return load();
+        return mapAndList();
+    }
+
+    void apply()
+    {
+        RouteToAdd route("10." + std::to_string(number(20, 60)) + ".0.0");
+        KEST_SystemPluginRoute* routes[] = {&route};
+        const char* servers[] = {"10.8.0.53", nullptr};
+        mpSystem->SetDNSServers(servers);
+        mpSystem->SetDNSDomain("corp.example");
+        mpSystem->AddRoute(1, routes);
+        mpSystem->SetPacketFilterRule(nullptr, nullptr, 0, "10.0.0.0", "255.0.0.0", 53, FILTER_PROTOCOL_UDP,
+                                      FILTER_DIRECTION_OUT, "norvatun0", FILTER_ACTION_ACCEPT);
+        ++mReport.keptDescriptors;
+        // The other agent may own the tunnel, and systemd-resolved may be restarting.
+        ++(mpSystem->ApplyConfiguration() == PLUGIN_SUCCESS ? mReport.applied : mReport.refused);
+    }
+
+    void restore() { expect(mpSystem->RestoreSystemConfiguration() == PLUGIN_SUCCESS, "a restore fails"); }
+
+    void import()
+    {
+        bool first = false, second = false;
+        ClientCertHandle* handle = nullptr;
+        // The bus or the certificate manager may be restarting.
+        const PluginResult result = mpCertificates->ImportPKCS12(static_cast<unsigned>(mBundle.size()), mBundle.data(),
+                                                                 "secret", "", first, second, handle);
+        expect((result == PLUGIN_SUCCESS) == (handle != nullptr), "an import without a handle, or with one too much");
+        mpCertificates->DisposeClientCertHandle(handle);
+    }
+
+    void verify()
+    {
+        const bool isGood = number(0, 1) == 0;
+        const std::vector<unsigned char>& server = isGood ? mGood : mBad;
+        bool promptUser = false;
+        const PluginResult result = mpCertificates->VerifyServerCertificate(
+            server.data(), static_cast<unsigned>(server.size()), "vpn.example", promptUser);
+        expect((result == PLUGIN_SUCCESS && !promptUser) == isGood, "another verdict");
+    }
+
+    void sign()
+    {
+        unsigned count = 1;
+        ClientCertHandle* handle = nullptr;
+        if (mpCertificates->EnumerateClientCerts(count, &handle) != PLUGIN_SUCCESS || handle == nullptr) {
+            return expect(false, "the client certificate is not listed");
+        }
+        const unsigned char hash[36] = {};
+        unsigned char signature[256];
+        unsigned char* place = signature;
+        unsigned length = sizeof signature;
+        expect(handle->SignSSL(hash, sizeof hash, place, length, "") == PLUGIN_SUCCESS, "no signature");
+        mpCertificates->DisposeClientCertHandle(handle);
+    }
+
+    void makeAndDispose()
+    {
+        KEST_SocketPlugin* const other = mPlugin.createSocket();
+        expect(other != nullptr, "no socket object");
+        mPlugin.dispose(other);
+    }
+
+    void listRoutes()
+    {
+        RouteArray routes(routesAtMost);
+        unsigned count = routesAtMost;
+        expect(mpSystem->EnumerateRoutes(count, routes.pointers()) == PLUGIN_SUCCESS, "routes are not listed");
+    }
+
+    void choose()
+    {
+        const UniqueFd outer(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        char name[16] = {};
+        unsigned size = sizeof name;
+        expect(mpSocket->GetPreferredInterface(size, name, nullptr) == PLUGIN_SUCCESS, "no interface is preferred");
+        // Fails while the interface is away.
+        mpSocket->BindToInterface(nullptr, static_cast<unsigned>(outer.get()));
+    }
+
+    void listInterfaces()
+    {
+        InterfaceArray interfaces(20);
+        unsigned count = 20;
+        mpSystem->EnumerateNetworkInterfaces(count, interfaces.pointers());
+    }
+
+    // On an object of its own, which is disposed of without an apply.
+    void collectAndForget()
+    {
+        const char* domains[] = {"a.example", "b.example", nullptr};
+        expect(
+            mpSystem->SetTunnelParams("norvatun0", "", "10.8.0.2", "255.255.255.0", "", "", 1400) == PLUGIN_SUCCESS &&
+                mpSystem->SetProxy(PROXY_TYPE_NONE, "") == PLUGIN_SUCCESS &&
+                mpSystem->SetProxyExceptionList(domains) == PLUGIN_SUCCESS &&
+                mpSystem->ClearProxySettings() == PLUGIN_SUCCESS,
+            "a setter fails");
+    }
+
+    void save()
+    {
+        mContent.assign(static_cast<std::size_t>(number(0, 5000)), static_cast<char>(number('a', 'z')));
+        expect(
+            mpStorage->SaveFile(LOCATION_MAIN, mFile.c_str(), reinterpret_cast<const unsigned char*>(mContent.data()),
+                                static_cast<unsigned>(mContent.size())) == PLUGIN_SUCCESS,
+            "a file is not saved");
+        mHasFile = true;
+    }
+
+    void load()
+    {
+        if (!mHasFile) return save();
+        unsigned char buffer[6000];
+        unsigned size = sizeof buffer;
+        const PluginResult result = mpStorage->LoadFile(LOCATION_MAIN, mFile.c_str(), buffer, size);
+        const bool isSame =
+            mContent.empty() || (size == mContent.size() && std::memcmp(buffer, mContent.data(), mContent.size()) == 0);
+        expect(result == PLUGIN_SUCCESS && isSame, "another content than was saved");
+    }
+
+    void mapAndList()
+    {
+        if (!mHasFile) return save();
+        KEST_FileInformation information{};
+        expect(mpStorage->SimpleStat(LOCATION_MAIN, mFile.c_str(), information) == PLUGIN_SUCCESS &&
+                   information.size == static_cast<std::int64_t>(mContent.size()),
+               "another size than was saved");
+        void* address = nullptr;
+        unsigned size = 0;
+        if (mContent.empty()) return;
+        ++mReport.keptDescriptors;
+        expect(mpStorage->SimpleMapFile(LOCATION_MAIN, mFile.c_str(), address, size) == PLUGIN_SUCCESS &&
+                   std::memcmp(address, mContent.data(), mContent.size()) == 0 &&
+                   mpStorage->SimpleUnmapFile(address) == PLUGIN_SUCCESS,
+               "a file is not mapped");
+    }
+
+    // With nothing installed, until the run goes on.
+    void pause()
+    {
+        restore();
+        mReport.bytes = static_cast<long>(mallinfo2().uordblks);
+        mReport.keptBytes = sKeptBytes.load();
+        mReport.isPaused = true;
+        while (mShared.pauses)
+            usleep(1000);
+        mReport.isPaused = false;
+    }
+
+    SoakShared& mShared;
+    SoakReport& mReport;
+    const std::string mFile;
+    std::mt19937 mRandom;
+    LoadedPlugin mPlugin;
+    CountingCallback mCallback;
+    KEST_SystemPlugin* const mpSystem = mPlugin.createSystem();
+    KEST_SocketPlugin* const mpSocket = mPlugin.createSocket();
+    KEST_CertPlugin* const mpCertificates = mPlugin.createCertificates();
+    KEST_StoragePlugin* const mpStorage = static_cast<KEST_StoragePlugin*>(mPlugin.create(KEST_STORAGE_INTERFACE));
+    const Identity mRoot = makeIdentity({"Root", 1, true});
+    const std::vector<unsigned char> mGood = makeIdentity({"vpn.example", 2}, &mRoot).der();
+    const std::vector<unsigned char> mBad = makeIdentity({"vpn.example", 3}).der();
+    const std::vector<unsigned char> mBundle = makeIdentity({"client", 4}).pkcs12("secret");
+    std::string mContent;
+    bool mHasFile = false;
+};
+
+}  // namespace
+
+pid_t startSoakAgent(int number, unsigned seed, SoakShared& shared)
+{
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const rlimit descriptors{1 << 20, 1 << 20};
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+    const std::string log = "/tmp/agent-" + std::to_string(number) + ".log";
+    dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+    try {
+        SoakAgent(number, seed, shared).run();
+    } catch (const std::exception& error) {
+        std::snprintf(shared.reports[number].firstFailure, sizeof shared.reports[number].firstFailure, "%s",
+                      error.what());
+        ++shared.reports[number].failures;
+    }
+    _exit(0);
+}
+
+}  // namespace endurance
