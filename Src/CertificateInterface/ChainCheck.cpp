@@ -3,6 +3,8 @@
 
 #include <openssl/x509v3.h>
 
+#include <new>
+
 #include "CheckedLookup.h"
 
 namespace wfoal {
@@ -37,7 +39,7 @@ bool isInStore(X509_STORE_CTX* context, const X509_NAME* subject)
 
 bool isConfirmed(const ChainFindings& findings, X509* server, const STACK_OF(X509) * untrusted,
                  const char* trustedDirectory)
-{
+try {  // the judgement may not leave by an exception
     const X509Ptr copy(X509_dup(server));
     const X509StackPtr untrustedCopies = copyOf(untrusted);
     CheckedLookup lookup(trustedDirectory);
@@ -51,6 +53,8 @@ bool isConfirmed(const ChainFindings& findings, X509* server, const STACK_OF(X50
     const int error = X509_STORE_CTX_get_error(context.get());
     const ChainFindings second{error, isInStore(context.get(), X509_get_subject_name(copy.get()))};
     return second == findings && !lookup.hasFault();
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 }  // namespace wfoal
