@@ -88,8 +88,10 @@ int Sweep::cycle(const Disturbance& disturbance, const Place* place)
     try {
         result = mOperation.act();
     } catch (const std::exception& error) {
+        control.function = static_cast<int>(Function::None);
         what = std::string(", an exception: ") + error.what();
     } catch (...) {
+        control.function = static_cast<int>(Function::None);
         what = ", an exception";
     }
     control.function = static_cast<int>(Function::None);
