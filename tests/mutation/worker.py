@@ -178,11 +178,11 @@ class Worker:
             return "time-out"
         if code == 0:
             return None
-        if not failed:
-            return f"exit code {code}"
         # By itself the test is quicker, but it may need those before it to fail.
-        fails_again = self._run(program, ":".join(failed), limit)[0] != 0 or self._run(program, "*", limit, "--gtest_fail_fast")[0] != 0
-        return failed[0] if fails_again else None
+        fails_again = failed and self._run(program, ":".join(failed), limit)[0] != 0
+        if fails_again or self._run(program, "*", limit, "--gtest_fail_fast")[0] != 0:
+            return failed[0] if failed else f"exit code {code}"
+        return None
 
     def _programs_of(self, file, stage):
         sources = self.includers(file) if file.endswith(".h") else {file}

@@ -62,7 +62,12 @@ int __wrap_VkFirewallFullCtrl(const char* json)
 
 namespace {
 
-std::set<std::string> sErrors;  // lines
+// The lines that were logged as errors. There may be one before the objects of this file are constructed.
+std::set<std::string>& errors()
+{
+    static auto& lines = *new std::set<std::string>;
+    return lines;
+}
 
 }  // namespace
 
@@ -75,7 +80,7 @@ void __wrap_VkLogPrint(VkLogContext*, int level, const char* format, ...)
     va_start(arguments, format);
     std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    sErrors.insert(line);
+    errors().insert(line);
 }
 
 namespace {
@@ -104,7 +109,7 @@ protected:
     AllocationFaultTest()
     {
         add("eth0", "10.1.0.2/16", "default via 10.1.0.1");
-        sErrors.clear();
+        errors().clear();
     }
 
     /// Runs `operation` with each allocation failing; `check` judges each result with the fault taken away.
@@ -214,24 +219,24 @@ TEST_F(ConfigurationFaultTest, ConfigurationIsAppliedWholeOrNotAtAll)
                                 });
     EXPECT_GT(struck, 100);
     EXPECT_GT(failures, 50);
-    EXPECT_THAT(sErrors, testing::ElementsAre(
-                             "SystemInterface::AddRoute: Out of memory, the pending configuration is incomplete",
-                             "SystemInterface::ApplyConfiguration: Failed to Add Interface",
-                             "SystemInterface::ApplyConfiguration: Out of memory, the configuration is incomplete and "
-                             "not applied",
-                             "SystemInterface::SetDNSDomain: Out of memory, the pending configuration is incomplete",
-                             "SystemInterface::SetDNSServers: Out of memory, the pending configuration is incomplete",
-                             "SystemInterface::SetPacketFilterRule: Out of memory, the pending configuration is "
-                             "incomplete",
-                             "SystemInterface::SetSplitDNSDomains: Out of memory, the pending configuration is "
-                             "incomplete",
-                             "SystemInterface::addAddressToJson: Error Allocation DNS Address String",
-                             "SystemInterface::resetJsonFirewallObject: Out of memory, the pending configuration is "
-                             "incomplete",
-                             "SystemInterface::resetJsonObjects: Out of memory, the pending configuration is "
-                             "incomplete",
-                             "saveDataForRecovery: Couldn't create json object",
-                             "saveDataForRecovery: Failed to save the data to the recovery file"));
+    EXPECT_THAT(errors(), testing::ElementsAre(
+                              "SystemInterface::AddRoute: Out of memory, the pending configuration is incomplete",
+                              "SystemInterface::ApplyConfiguration: Failed to Add Interface",
+                              "SystemInterface::ApplyConfiguration: Out of memory, the configuration is incomplete and "
+                              "not applied",
+                              "SystemInterface::SetDNSDomain: Out of memory, the pending configuration is incomplete",
+                              "SystemInterface::SetDNSServers: Out of memory, the pending configuration is incomplete",
+                              "SystemInterface::SetPacketFilterRule: Out of memory, the pending configuration is "
+                              "incomplete",
+                              "SystemInterface::SetSplitDNSDomains: Out of memory, the pending configuration is "
+                              "incomplete",
+                              "SystemInterface::addAddressToJson: Error Allocation DNS Address String",
+                              "SystemInterface::resetJsonFirewallObject: Out of memory, the pending configuration is "
+                              "incomplete",
+                              "SystemInterface::resetJsonObjects: Out of memory, the pending configuration is "
+                              "incomplete",
+                              "saveDataForRecovery: Couldn't create json object",
+                              "saveDataForRecovery: Failed to save the data to the recovery file"));
 }
 
 TEST_F(ConfigurationFaultTest, IncompleteSettingsAreDiscardedByARestoreOnly)
@@ -253,11 +258,11 @@ TEST_F(ConfigurationFaultTest, RuleForAFilterThatCouldNotBeMadeIsLogged)
     const AllocationFault fault(1, true);
     mSystem.SetDNSDomain("corp.example");
     mSystem.RestoreSystemConfiguration();  // begins anew after what was incomplete, and cannot
-    sErrors.clear();
+    errors().clear();
     EXPECT_EQ(PLUGIN_SUCCESS, mSystem.SetPacketFilterRule(nullptr, nullptr, 0, nullptr, nullptr, 0, FILTER_PROTOCOL_ANY,
                                                           FILTER_DIRECTION_BOTH, nullptr, FILTER_ACTION_DROP));
     const NoFault noFault;
-    EXPECT_THAT(sErrors,
+    EXPECT_THAT(errors(),
                 testing::ElementsAre("SystemInterface::SetPacketFilterRule: Firewall JSON Object not defined"));
     EXPECT_EQ(PLUGIN_FAILURE, mSystem.ApplyConfiguration());
 }
@@ -297,9 +302,9 @@ TEST_F(AllocationFaultTest, RoutesAndInterfaces)
     RouteToAdd gone("10.77.0.0", "255.255.0.0", "10.1.0.99");
     KEST_SystemPluginRoute* pointer = &gone;
     survives({"DeleteRoute", [&] { return system.DeleteRoute(1, &pointer); }, {PLUGIN_SUCCESS}});
-    EXPECT_THAT(sErrors, testing::IsSupersetOf({"SystemInterface::DeleteRoute:Failed to allocate memory",
-                                                "SystemInterface::DeleteRoute:Failed to run command: /sbin/ip route "
-                                                "del 10.77.0.0/16 via 10.1.0.99"}));
+    EXPECT_THAT(errors(), testing::IsSupersetOf({"SystemInterface::DeleteRoute:Failed to allocate memory",
+                                                 "SystemInterface::DeleteRoute:Failed to run command: /sbin/ip route "
+                                                 "del 10.77.0.0/16 via 10.1.0.99"}));
     survives({"GetPreferredInterface",
               [&] {
                   char name[16];

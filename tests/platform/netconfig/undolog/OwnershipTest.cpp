@@ -214,3 +214,25 @@ TEST_F(OwnershipTest, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemoved
     run(driver("firewall /tmp/no-filter.json"));
     expectAllGone();
 }
+
+TEST_F(OwnershipTest, WhatIsInstalledAndRemovedIsLogged)
+{
+    EXPECT_EQ(outputOf(driver("add /tmp/first.json delete vpn0")),
+              "vknetconfig[6]: vpn0: 2 routes installed, 2 of them new\n"
+              "vknetconfig[6]: vpn0: configuration removed\n");
+    EXPECT_EQ(outputOf(driver("delete vpn0")), "") << "nothing is installed";
+    run(driver("add /tmp/first.json"));
+    EXPECT_EQ(outputOf(driver("delete nothing0")),
+              "vknetconfig[6]: interface-vpn0: removed the stale configuration of an ended process\n");
+    expectAllGone();
+}
+
+TEST_F(OwnershipTest, AnOwnerWhoseFilesWereRemovedIsTold)
+{
+    RunningDriver owner({"add", "/tmp/first.json"}, {"delete", "nothing0"});
+    run("rm /run/vknetconfig/interface-vpn0*");
+    EXPECT_EQ(owner.finish(), 0);
+    EXPECT_THAT(owner.output(), HasSubstr("vknetconfig[3]: interface-vpn0: the files of the undo log were removed\n"));
+    run("ip route flush dev vpn0 proto 119");
+    EXPECT_EQ(networkSnapshot(), mBefore);
+}
