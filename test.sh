@@ -77,6 +77,7 @@ fetch tests/support/fetch-vectors.sh build/vectors
 cmake --preset "$preset"
 cmake --build --preset "$preset"
 
-tests=(ctest --test-dir "build/$preset" -j2 --output-on-failure --no-tests=error)
+# Many tests wait for something.
+tests=(ctest --test-dir "build/$preset" -j "$(($(nproc) + 1))" --output-on-failure --no-tests=error)
 [ -z "$filter" ] || tests+=(-R "$filter")
 "${tests[@]}" | tests/support/retell-failures.py
