@@ -27,7 +27,7 @@ int guarded(Callback callback)
     }
 }
 
-/// The same result, unless sd-bus tells with it that memory runs out.
+/// The same result, unless it is the one by which sd-bus reports that memory has run out.
 inline int orBadAlloc(int result)
 {
     if (result == -ENOMEM) throw std::bad_alloc();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the fault injector (Injector.cpp) is told, and what it tells. Both sides map one file, whose name is in the
+// What the fault injector (Injector.cpp) is to do, and what it has done. Both sides map one file, whose name is in the
 // environment variable FAULT_CONTROL: so a driver arms a fault in its own process or in one that it started.
 #ifndef WFOAL_FAULTS_FAULTCONTROL_H
 #define WFOAL_FAULTS_FAULTCONTROL_H
