@@ -240,7 +240,7 @@ pid_t fork() noexcept
 }
 
 int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-                const posix_spawnattr_t* attributes, char* const arguments[], char* const environment[]) noexcept
+                const posix_spawnattr_t* attributes, char* const arguments[], char* const environment[])
 {
     REAL(posix_spawn);
     return faults::strikes(Function::Spawn, CALLER) ? EAGAIN
