@@ -37,6 +37,18 @@ void recordLogInCalls(bool wanted);
 
 /// The context that VkLogGetContext() hands out; its level is 7 at first.
 VkLogContext& logContext();
+/// While it lives, nothing is logged.
+class ClosedLog {
+public:
+    ClosedLog() : mLevel(logContext().level) { logContext().level = -1; }
+    ~ClosedLog() { logContext().level = mLevel; }
+    ClosedLog(const ClosedLog&) = delete;
+    ClosedLog& operator=(const ClosedLog&) = delete;
+
+private:
+    int mLevel;
+};
+
 /// The context that the last message was printed with.
 const VkLogContext* lastContext();
 /// What VkLogGetContext() returns; 0 at first.

@@ -116,25 +116,35 @@ protected:
     static int failEach(const std::function<PluginResult()>& operation, const std::function<void(PluginResult)>& check,
                         int step = 1)
     {
+        const int struck = failEach(operation, check, step, false) + failEach(operation, check, step, true);
+        // What is not logged changes nothing.
+        const std::set<std::string> logged = errors();
+        const fakes::ClosedLog closed;
+        failEach(operation, check, step, false);
+        EXPECT_EQ(logged, errors());
+        return struck;
+    }
+
+    static int failEach(const std::function<PluginResult()>& operation, const std::function<void(PluginResult)>& check,
+                        int step, bool forEver)
+    {
         int struck = 0;
-        for (const bool forEver : {false, true}) {
-            for (int nth = 1; nth < 5000; nth += nth < 40 ? 1 : step) {
-                PluginResult result = 77;
-                bool hasStruck = false;
-                {
-                    const AllocationFault fault(nth, forEver);
-                    try {
-                        result = operation();
-                    } catch (...) {
-                        const NoFault noFault;
-                        ADD_FAILURE() << "allocation " << nth << " that fails throws";
-                    }
-                    hasStruck = fault.hasStruck();
+        for (int nth = 1; nth < 5000; nth += nth < 40 ? 1 : step) {
+            PluginResult result = 77;
+            bool hasStruck = false;
+            {
+                const AllocationFault fault(nth, forEver);
+                try {
+                    result = operation();
+                } catch (...) {
+                    const NoFault noFault;
+                    ADD_FAILURE() << "allocation " << nth << " that fails throws";
                 }
-                check(result);
-                if (!hasStruck) break;
-                ++struck;
+                hasStruck = fault.hasStruck();
             }
+            check(result);
+            if (!hasStruck) break;
+            ++struck;
         }
         return struck;
     }

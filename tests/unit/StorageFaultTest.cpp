@@ -175,6 +175,7 @@ protected:
                 const std::size_t at = text.find(mark);
                 if (at != std::string::npos) text.replace(at, mark.size(), value);
             }
+            if (fakes::logContext().level < text[0] - '0') continue;
             lines.push_back({text[0] - '0', text.substr(1)});
         }
         return lines;
@@ -220,6 +221,34 @@ protected:
     unsigned int mSize = 0;
 };
 
+unsigned int failuresInTable()
+{
+    unsigned int failures = 0;
+    for (const Row& row : table())
+        failures += (row.last - row.first + 1) * (row.mode == Either ? 2 : 1);
+    return failures;
+}
+
+TEST_F(StorageFaultTest, WhatIsNotLoggedChangesNothing)
+{
+    const fakes::ClosedLog closed;
+    unsigned int failures = 0;
+    for (const Operation operation : allOperations) {
+        for (const Call call : faults::allCalls) {
+            for (const Mode mode : {Once, ForEver}) {
+                unsigned int occurrence = 1;
+                while (failAndCheck(operation, call, occurrence, mode, EIO))
+                    ++occurrence;
+                failures += occurrence - 1;
+            }
+        }
+    }
+    EXPECT_EQ(failuresInTable(), failures);
+    void* const unmapped = mBuffer;
+    EXPECT_EQ(PLUGIN_FAILURE, mStorage.SimpleUnmapFile(unmapped));
+    EXPECT_TRUE(fakes::logLines().empty());
+}
+
 TEST_F(StorageFaultTest, EachCallFailingAtEachOccurrence)
 {
     unsigned int failures = 0;
@@ -244,10 +273,7 @@ TEST_F(StorageFaultTest, EachCallFailingAtEachOccurrence)
             }
         }
     }
-    unsigned int inTable = 0;
-    for (const Row& row : table())
-        inTable += (row.last - row.first + 1) * (row.mode == Either ? 2 : 1);
-    EXPECT_EQ(4 * inTable, failures);
+    EXPECT_EQ(4 * failuresInTable(), failures);
 }
 
 TEST_F(StorageFaultTest, ShortReadsAndWritesAreContinued)

@@ -16,6 +16,8 @@ static int sFailedEncoding = 0;  // what the failing call returns
 static bool sDecodingFails = false;
 static bool sNewKeyFails = false;
 static bool sAssigningFails = false;
+static bool sCheckingFails = false;
+static bool sBufferFails = false;
 
 extern "C" int __real_i2d_X509(const X509* certificate, unsigned char** out);
 extern "C" int __wrap_i2d_X509(const X509* certificate, unsigned char** out)
@@ -39,6 +41,18 @@ extern "C" int __real_EVP_PKEY_assign(EVP_PKEY* holder, int type, void* key);
 extern "C" int __wrap_EVP_PKEY_assign(EVP_PKEY* holder, int type, void* key)
 {
     return sAssigningFails ? 0 : __real_EVP_PKEY_assign(holder, type, key);
+}
+
+extern "C" int __real_X509_check_private_key(const X509* certificate, const EVP_PKEY* key);
+extern "C" int __wrap_X509_check_private_key(const X509* certificate, const EVP_PKEY* key)
+{
+    return sCheckingFails ? 0 : __real_X509_check_private_key(certificate, key);
+}
+
+extern "C" BIO* __real_BIO_new_mem_buf(const void* bytes, int length);
+extern "C" BIO* __wrap_BIO_new_mem_buf(const void* bytes, int length)
+{
+    return sBufferFails ? nullptr : __real_BIO_new_mem_buf(bytes, length);
 }
 
 namespace {
@@ -67,7 +81,10 @@ protected:
         sEncodings = sFailingEncoding = sFailedEncoding = 0;
         fakes::clearLog();
     }
-    void TearDown() override { sDecodingFails = sNewKeyFails = sAssigningFails = false; }
+    void TearDown() override
+    {
+        sDecodingFails = sNewKeyFails = sAssigningFails = sCheckingFails = sBufferFails = false;
+    }
 
     static PluginResult sign(CertElement& element, unsigned hashLength = 36)
     {
@@ -81,11 +98,20 @@ protected:
     void expectUnsigned(const Lines& lines)
     {
         CertElement element(mIdentity.certificate.get(), keyPath);
-        fakes::clearLog();
-        EXPECT_EQ(PLUGIN_FAILURE, sign(element));
-        EXPECT_EQ(lines, fakes::logLines(3));
+        expectUnsigned(element, lines);
     }
-    void expectNotConstructed(const std::string& reason)
+    /// Without a log it fails as well.
+    static void expectUnsigned(CertElement& element, const Lines& lines, unsigned hashLength = 36)
+    {
+        fakes::clearLog();
+        EXPECT_EQ(PLUGIN_FAILURE, sign(element, hashLength));
+        EXPECT_EQ(lines, fakes::logLines(3));
+        fakes::clearLog();
+        const fakes::ClosedLog closed;
+        EXPECT_EQ(PLUGIN_FAILURE, sign(element, hashLength));
+        EXPECT_EQ(Lines(), fakes::logLines());
+    }
+    void expectThrown() const
     {
         try {
             const CertElement element(mIdentity.certificate.get(), keyPath);
@@ -93,8 +119,19 @@ protected:
         } catch (const char* thrown) {
             EXPECT_STREQ("error: Construction from X509 failed", thrown);
         }
+    }
+    void expectNotConstructed(const std::string& reason)
+    {
+        const std::size_t bytes = testsupport::failingNew;
+        expectThrown();
         EXPECT_EQ(Lines({{3, "X509ToDER: " + reason}, {3, "CertElement: error: Construction from X509 failed"}}),
                   fakes::logLines(3));
+        sEncodings = 0;
+        testsupport::failingNew = bytes;
+        fakes::clearLog();
+        const fakes::ClosedLog closed;
+        expectThrown();
+        EXPECT_EQ(Lines(), fakes::logLines());
     }
 
     Identity mIdentity = makeIdentity({"client", 10});
@@ -129,11 +166,42 @@ TEST_F(CertElementFaultTest, BytesThatDecodeNoMore)
 TEST_F(CertElementFaultTest, NoKeyObject)
 {
     sNewKeyFails = true;
-    CertElement element(mIdentity.certificate.get(), keyPath);
+    expectUnsigned({{3, "SignSSL: Failed to create EVP_PKEY object."},
+                    {3, "SignSSL:  EVP_PKEY_assign_RSA- Could not copy rKey to pKey"}});
+}
+
+TEST_F(CertElementFaultTest, NoBufferToDecodeFrom)
+{
+    sBufferFails = true;
+    expectUnsigned({{3, "SignSSL: error: cannot convert client cert DER to X509 object"}});
+}
+
+TEST_F(CertElementFaultTest, KeyFileThatIsNotThereOrNoKeyOrAnothers)
+{
+    const std::string path = keyPath;
+    std::remove(keyPath);
+    expectUnsigned({{3, "SignSSL: Could not read private key file: " + path + ". Please check file permissions."}});
+    writeFile(keyPath, std::string("no key"));
+    expectUnsigned({{3, "SignSSL: error: PEM_read_RSAPrivateKey cannot RSA private key from file: " + path}});
+    writeFile(keyPath, makeIdentity({"other", 11}).keyPem());
+    expectUnsigned({{3, "SignSSL: X509_check_private_key"}});
+}
+
+TEST_F(CertElementFaultTest, KeyOfABundleThatCannotBeChecked)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    CertElement element(bundlePath, "secret");
+    sCheckingFails = true;
+    expectUnsigned(element, {{3, "SignSSL: X509_check_private_key"}});
+}
+
+TEST_F(CertElementFaultTest, BundleThatDoesNotOpenWithoutALog)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
     fakes::clearLog();
-    EXPECT_EQ(PLUGIN_FAILURE, sign(element));
-    ASSERT_FALSE(fakes::logLines(3).empty());
-    EXPECT_EQ((LogLine{3, "SignSSL: Failed to create EVP_PKEY object."}), fakes::logLines(3)[0]);
+    const fakes::ClosedLog closed;
+    EXPECT_THROW(CertElement(bundlePath, "wrong"), const char*);
+    EXPECT_EQ(Lines(), fakes::logLines());
 }
 
 TEST_F(CertElementFaultTest, KeyThatCannotBeAssigned)
@@ -152,18 +220,14 @@ TEST_F(CertElementFaultTest, BundleWithAKeyThatIsNotRsa)
     identity.key.reset(curve.get());
     writeFile(bundlePath, identity.pkcs12("secret"));
     CertElement element(bundlePath, "secret");
-    fakes::clearLog();
-    EXPECT_EQ(PLUGIN_FAILURE, sign(element));
-    EXPECT_EQ(Lines({{3, "SignSSL: error: EVP_PKEY_get1_RSA cannot EVP to RSA private key"}}), fakes::logLines(3));
+    expectUnsigned(element, {{3, "SignSSL: error: EVP_PKEY_get1_RSA cannot EVP to RSA private key"}});
 }
 
 TEST_F(CertElementFaultTest, BundleWithAHashOfAnotherLength)
 {
     writeFile(bundlePath, mIdentity.pkcs12("secret"));
     CertElement element(bundlePath, "secret");
-    fakes::clearLog();
-    EXPECT_EQ(PLUGIN_FAILURE, sign(element, 20));
-    EXPECT_EQ(Lines({{3, "SignSSL: error: RSA_sign failed to sign hash"}}), fakes::logLines(3));
+    expectUnsigned(element, {{3, "SignSSL: error: RSA_sign failed to sign hash"}}, 20);
 }
 
 TEST_F(CertElementFaultTest, LifeOfAnElementIsTraced)

@@ -95,6 +95,21 @@ TEST_F(ClientCertificatesTest, CertificateWithoutKeyIsSkippedWithAWarningThatNam
                                            "for cert file /var/ssl/certs/client.pem"}));
 }
 
+// Nobody is asked for its password.
+TEST_F(ClientCertificatesTest, EncryptedCertificateIsSkipped)
+{
+    install("client.pem");
+    std::string pem = mIdentity.pem();
+    const std::size_t end = pem.find('\n') + 1;
+    pem.insert(end, "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,000102030405060708090A0B0C0D0E0F\n\n");
+    writeFile(certificates + "client.pem", pem);
+    EXPECT_EQ(0u, counted());
+    EXPECT_THAT(fakes::logLines(3),
+                ElementsAre(fakes::LogLine{3,
+                                           "EnumerateClientCerts: could not convert /var/ssl/certs/client.pem to "
+                                           "X509 Certificate"}));
+}
+
 TEST_F(ClientCertificatesTest, NameCountsWhenItContainsPemAnywhere)
 {
     install("backup.pem.old");

@@ -220,6 +220,15 @@ TEST_F(Pkcs12ImportTest, SendThatFailsEndsTheImportAtOnce)
     EXPECT_THAT(fakes::logLines(3), Contains(error("Error getting response for certificate install")));
 }
 
+TEST_F(Pkcs12ImportTest, RequestWithoutAPasswordThatFailsNamesNone)
+{
+    fakes::bus().failing = "QSCall";
+    EXPECT_EQ(PLUGIN_FAILURE, call(nullptr));
+    for (const fakes::LogLine& line : fakes::logLines(3))
+        EXPECT_THAT(line.text, testing::Not(testing::HasSubstr("password")));
+    EXPECT_EQ(error("Error getting response for certificate install"), fakes::logLines(3).back());
+}
+
 TEST_F(Pkcs12ImportTest, PasswordThatTheBusCannotCarryIsNamed)
 {
     fakes::bus().failing = "QSCall";
@@ -434,6 +443,20 @@ TEST_F(Pkcs12ImportTest, NullBlobWithALengthIsNotSaved)
 {
     EXPECT_EQ(PLUGIN_FAILURE, mInterface.ImportPKCS12(10, nullptr, "", "", mFirstFlag, mSecondFlag, mHandle));
     EXPECT_THAT(fakes::bus().calls, IsEmpty());
+}
+
+TEST_F(Pkcs12ImportTest, NullBlobWithoutALengthIsAnEmptyOne)
+{
+    fakes::bus().failing = "QSCall";
+    EXPECT_EQ(PLUGIN_FAILURE, mInterface.ImportPKCS12(0, nullptr, "", "", mFirstFlag, mSecondFlag, mHandle));
+    EXPECT_EQ("", contentOf(stagingFile));
+    EXPECT_EQ(error("Error getting response for certificate install"), fakes::logLines(3).back());
+}
+
+TEST_F(Pkcs12ImportTest, NameWithoutAFolderIsStagedTheSame)
+{
+    EXPECT_TRUE(saveCertFile(3, reinterpret_cast<const unsigned char*>("key"), "plain.pfx"));
+    EXPECT_EQ("key", contentOf("/tmp/vpncerts/plain.pfx"));
 }
 
 TEST_F(Pkcs12ImportTest, StagedFileIsTheOwnersOnly)

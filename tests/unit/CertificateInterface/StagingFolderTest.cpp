@@ -15,6 +15,7 @@
 #include "CertificateInterface.h"
 #include "CertificateInterface/ImportReply.h"
 #include "CertificateInterface/Pkcs12Import.h"
+#include "CertificateInterface/StagingFolder.h"
 #include "ChildProcess.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
@@ -38,6 +39,28 @@ extern "C" int __wrap_fchmod(int file, mode_t mode)
 {
     if (!sFileModeFails) return __real_fchmod(file, mode);
     errno = EPERM;
+    return -1;
+}
+
+// While set, a file has no status, or cannot be emptied.
+static bool sStatusFails = false;
+static bool sEmptyingFails = false;
+
+extern "C" int __real_fstat64(int file, struct stat* status);
+extern "C" int __wrap_fstat64(int file, struct stat* status);
+extern "C" int __wrap_fstat64(int file, struct stat* status)
+{
+    if (!sStatusFails) return __real_fstat64(file, status);
+    errno = EIO;
+    return -1;
+}
+
+extern "C" int __real_ftruncate64(int file, off_t length);
+extern "C" int __wrap_ftruncate64(int file, off_t length);
+extern "C" int __wrap_ftruncate64(int file, off_t length)
+{
+    if (!sEmptyingFails) return __real_ftruncate64(file, length);
+    errno = EIO;
     return -1;
 }
 
@@ -89,7 +112,7 @@ protected:
     void TearDown() override
     {
         umask(mUmask);
-        sFolderModeFails = sFileModeFails = false;
+        sFolderModeFails = sFileModeFails = sStatusFails = sEmptyingFails = false;
         sLargestWrite = 0;
     }
 
@@ -240,6 +263,38 @@ TEST_F(StagingFolderTest, FileThatStaysReadableIsNotWritten)
     sFileModeFails = true;
     expectFileRefused("Operation not permitted");
     EXPECT_EQ("", contentOf(file));
+}
+
+TEST_F(StagingFolderTest, FileThatCannotBeEmptiedIsNotWritten)
+{
+    sEmptyingFails = true;
+    expectFileRefused("Input/output error");
+}
+
+TEST_F(StagingFolderTest, WhatHasNoStatusIsRefused)
+{
+    const auto opened = wfoal::openStagingFolder("/tmp");
+    ASSERT_TRUE(opened);
+    sStatusFails = true;
+    const auto opensNoFile = wfoal::openStagingFile(*opened, "some.pfx");
+    ASSERT_FALSE(opensNoFile);
+    EXPECT_EQ("Input/output error", opensNoFile.reason());
+    expectFolderRefused("Input/output error");
+}
+
+// What another process puts there when the folder has just been made.
+TEST_F(StagingFolderTest, FileInPlaceOfTheFolderIsNotOpened)
+{
+    std::ofstream(folder) << "in the way";
+    const auto opened = wfoal::openStagingFolder(folder);
+    ASSERT_FALSE(opened);
+    EXPECT_EQ("is no directory", opened.reason());
+}
+
+TEST_F(StagingFolderTest, LinkToNothingIsNoFolder)
+{
+    fs::create_symlink("nowhere", folder);
+    expectRefused({{3, "saveCertFile: Error Making the directory path"}});
 }
 
 TEST_F(StagingFolderTest, OrdinaryUserStagesInItsOwnFolderAndNotInAnothers)
