@@ -259,8 +259,8 @@ TEST_F(EventScenarioTest, ManagerThatIsSilentHoldsNobodyUp)
     awaitAgentOnBus();
     const auto begin = steady_clock::now();
     disposeAgent();
-    mPlugin.reset();  // with the subscription still unanswered
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(1000));
+    mPlugin.reset();                                      // with the subscription still unanswered
+    EXPECT_LT(steady_clock::now() - begin, seconds(30));  // an answer is waited for two minutes
     startAgent();
     wanUp();
     mManager.sendSignal(SIGCONT);
@@ -277,6 +277,10 @@ protected:
         if (const std::string reason = testsupport::daemonUnavailable(Daemon::elogind); !reason.empty()) {
             GTEST_SKIP() << reason;
         }
+        // So that it is not the end of the delay that lets the device sleep.
+        shell(
+            "mkdir -p /run/elogind/logind.conf.d; "
+            "printf '[Login]\\nInhibitDelayMaxSec=60\\n' >/run/elogind/logind.conf.d/test.conf");
     }
     static bool isInhibited()
     {
@@ -295,16 +299,18 @@ protected:
     }
     void suspendAndResume()
     {
+        constexpr char state[] = "cat /sys/power/state";
+        const std::string awake = shell(state);
+        EXPECT_EQ("t 60000000\n", shell("busctl --system get-property org.freedesktop.login1 /org/freedesktop/login1 "
+                                        "org.freedesktop.login1.Manager InhibitDelayMaxUSec"));
+        mAgent.onSuspended = [&] { EXPECT_EQ(awake, shell(state)) << "told too late"; };
         const auto begin = steady_clock::now();
         shell(
             "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager "
             "Suspend b false");
-        EXPECT_THAT(mAgent.mailbox.wait(1), ElementsAre("suspended"));
-        EXPECT_LT(steady_clock::now() - begin, milliseconds(500));  // well before the device sleeps
         EXPECT_THAT(mAgent.mailbox.wait(2), ElementsAre("suspended", "resumed"));
         EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));  // the agent had its second
-        EXPECT_LT(steady_clock::now() - begin, milliseconds(2500));
-        EXPECT_NE("", shell("cat /sys/power/state"));
+        EXPECT_NE(awake, shell(state));
         EXPECT_TRUE(waitUntilInhibited());
     }
 };

@@ -7,6 +7,7 @@
 
 #include <dlfcn.h>
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -21,12 +22,17 @@ namespace testsupport {
 
 class NotingCallback : public KEST_SystemPluginCB {
 public:
-    void OnPowerSuspended() override { mailbox.put("suspended"); }
+    void OnPowerSuspended() override
+    {
+        if (onSuspended) onSuspended();
+        mailbox.put("suspended");
+    }
     void OnPowerResume() override { mailbox.put("resumed"); }
     void OnConnectionChange(std::uint32_t) override { mailbox.put("changed"); }
     void OnConfigurationChange() override { mailbox.put("configured"); }
 
     Mailbox mailbox;
+    std::function<void()> onSuspended;
 };
 
 class LoadedPlugin {
