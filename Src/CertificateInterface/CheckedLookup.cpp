@@ -50,7 +50,7 @@ void CheckedLookup::loadAll(X509_STORE* store, const X509_NAME* name)
     std::array<char, PATH_MAX> path{};
     for (int number = 0;; ++number) {
         const int length = std::snprintf(path.data(), path.size(), "%s%08lx.%d", mDirectory.c_str(), hash, number);
-        if (length < 0 || static_cast<std::size_t>(length) >= path.size()) {
+        if (static_cast<std::size_t>(length) >= path.size()) {
             mHasFault = true;
             return;
         }

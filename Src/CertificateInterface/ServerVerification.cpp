@@ -84,14 +84,23 @@ bool isWithinValidity(X509* certificate)
     return true;
 }
 
-// A common name with an embedded NUL never matches.
+using NameLine = std::array<char, 1024>;
+
+NameLine oneLine(const X509_NAME* name)
+{
+    NameLine line{};
+    X509_NAME_oneline(name, line.data(), static_cast<int>(line.size()));
+    return line;
+}
+
+// A common name, which the subject must have, with an embedded NUL never matches.
 bool hasNulInCommonName(const X509_NAME* subject)
 {
     const X509_NAME_ENTRY* entry =
         X509_NAME_get_entry(subject, X509_NAME_get_index_by_NID(subject, NID_commonName, -1));
     const ASN1_STRING* text = X509_NAME_ENTRY_get_data(entry);
-    return text == nullptr || std::memchr(ASN1_STRING_get0_data(text), '\0',
-                                          static_cast<std::size_t>(ASN1_STRING_length(text))) != nullptr;
+    return std::memchr(ASN1_STRING_get0_data(text), '\0', static_cast<std::size_t>(ASN1_STRING_length(text))) !=
+           nullptr;
 }
 
 // The checks of store and name for a chain that did not verify. `result` is the outcome of the chain.
@@ -100,18 +109,13 @@ PluginResult resultOfName(X509* certificate, bool isInstalled, const char* serve
 {
     NameBuffer commonName{};
     X509_NAME* subject = X509_get_subject_name(certificate);
-    const int length = subject == nullptr ? 0
-                                          : X509_NAME_get_text_by_NID(subject, NID_commonName, commonName.data(),
-                                                                      static_cast<int>(commonName.size()));
+    const int length =
+        X509_NAME_get_text_by_NID(subject, NID_commonName, commonName.data(), static_cast<int>(commonName.size()));
     if (length <= 0) {
         WFOAL_ERROR("%s: unable to retrieve server name from certificate", verifyFunction);
         return PLUGIN_FAILURE;
     }
-    if (wfoal::isLogged(wfoal::LogDebug)) {
-        std::array<char, 1024> line{};
-        X509_NAME_oneline(subject, line.data(), static_cast<int>(line.size()));
-        WFOAL_DEBUG("%s verifying server name: %s", verifyFunction, line.data());
-    }
+    WFOAL_DEBUG("%s verifying server name: %s", verifyFunction, oneLine(subject).data());
     if (!isInstalled) {
         WFOAL_DEBUG("%s: Matching Certificate not found in store", verifyFunction);
         promptUser = true;

@@ -98,7 +98,8 @@ Result<UniqueFd> openStagingFile(const UniqueFd& folder, const std::string& name
 {
     constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     UniqueFd file(openat(folder.get(), name.c_str(), flags, ownerOnly));
-    if (!file.valid()) return errno == ELOOP ? Fault{"is a symbolic link"} : systemFault();
+    if (!file.valid() && errno == ELOOP) return Fault{"is a symbolic link"};
+    if (!file.valid()) return systemFault();
     if (const Check check = prepareFile(file.get()); !check) return Fault{check.reason()};
     return file;
 }

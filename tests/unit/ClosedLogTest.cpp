@@ -198,8 +198,10 @@ TEST_F(ClosedLogTest, ServerCertificates)
     const auto root = makeIdentity({"Root", 1, true});
     testsupport::CertificateOptions expired{"vpn.example", 6};
     expired.notAfter = -60;
+    testsupport::CertificateOptions clientOnly{"other.example", 5};
+    clientOnly.extendedKeyUsage = "clientAuth";
     const std::pair<const char*, testsupport::Identity> servers[] = {
-        {"another name, installed", makeIdentity({"other.example", 6})},
+        {"wrong purpose and another name, installed", makeIdentity(clientOnly)},
         {"not installed", makeIdentity({"vpn.example", 7})},
         {"expired", makeIdentity(expired, &root)},
         {"unknown issuer", makeIdentity({"vpn.example", 8}, &root)},

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <functional>
 
@@ -183,6 +184,30 @@ TEST_F(CheckedLookupTest, LinksAndFolders)
         expectTheSame(what);
         fs::remove(path);
     }
+}
+
+TEST_F(CheckedLookupTest, PathThatIsTooLongIsAFault)
+{
+    wfoal::CheckedLookup lookup("/" + std::string(PATH_MAX - 11, 'x'));  // with a name it takes one byte too many
+    const X509StorePtr store(X509_STORE_new());
+    ASSERT_TRUE(lookup.attachTo(store.get()));
+    EXPECT_EQ((std::vector<std::string>{"found: 0", "found: 0", "found: 0", "found: 0"}), lookUp(store.get()));
+    EXPECT_TRUE(lookup.hasFault());
+}
+
+TEST_F(CheckedLookupTest, RevocationListsAreNotLookedFor)
+{
+    testsupport::installTrusted(mFirst);
+    wfoal::CheckedLookup lookup(directory);
+    const X509StorePtr store(X509_STORE_new());
+    ASSERT_TRUE(lookup.attachTo(store.get()));
+    const X509StoreCtxPtr context(X509_STORE_CTX_new());
+    X509_STORE_CTX_init(context.get(), store.get(), nullptr, nullptr);
+    const X509ObjectPtr found(X509_OBJECT_new());
+    const X509_NAME* const name = X509_get_subject_name(mFirst.certificate.get());
+    EXPECT_EQ(0, X509_STORE_CTX_get_by_subject(context.get(), X509_LU_CRL, name, found.get()));
+    EXPECT_EQ(std::vector<std::string>(), namesIn(store.get()));
+    EXPECT_FALSE(lookup.hasFault());
 }
 
 // Opens, and is a regular file, but cannot be read.

@@ -211,6 +211,7 @@ TEST_F(Pkcs12ImportTest, NullPasswordSendsNoPassphraseAndOpensWithAnEmptyOne)
 TEST_F(Pkcs12ImportTest, BundleThatDoesNotOpenLeavesByException)
 {
     EXPECT_THROW(import({"{\"returnValue\": true}"}, "wrong"), const char*);
+    EXPECT_THROW(import({"{\"returnValue\": true}"}, nullptr), const char*);
 }
 
 TEST_F(Pkcs12ImportTest, SendThatFailsEndsTheImportAtOnce)
@@ -502,6 +503,12 @@ TEST_F(Pkcs12ImportTest, FailedAllocationOfTheElementIsAFailure)
     EXPECT_EQ(nullptr, mHandle);
     EXPECT_FALSE(mSecondFlag);
     EXPECT_TRUE(mFirstFlag);
+    fakes::clearLog();
+    const fakes::ClosedLog closed;
+    testsupport::failingNew = sizeof(CertElement);
+    EXPECT_EQ(PLUGIN_FAILURE, import({"{\"returnValue\": true}"}, nullptr));
+    EXPECT_EQ(0u, testsupport::failingNew) << "nothing of that size was allocated";
+    EXPECT_THAT(fakes::logLines(), IsEmpty());
 }
 
 TEST_F(Pkcs12ImportDeathTest, ReplyWithoutPayloadStopsTheProcess)

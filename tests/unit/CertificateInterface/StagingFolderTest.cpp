@@ -291,6 +291,14 @@ TEST_F(StagingFolderTest, FileInPlaceOfTheFolderIsNotOpened)
     EXPECT_EQ("is no directory", opened.reason());
 }
 
+TEST_F(StagingFolderTest, FolderThatIsGoneOrCannotBeMade)
+{
+    const auto opened = wfoal::openStagingFolder("/tmp/nowhere");
+    ASSERT_FALSE(opened);
+    EXPECT_EQ("No such file or directory", opened.reason());
+    EXPECT_FALSE(wfoal::makeStagingFolder("/proc/none/"));
+}
+
 TEST_F(StagingFolderTest, LinkToNothingIsNoFolder)
 {
     fs::create_symlink("nowhere", folder);

@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 #include <openssl/ssl.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <map>
 
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
+#include "FailingNew.h"
 #include "FakeVkLog.h"
 
 namespace {
@@ -20,11 +22,13 @@ using testsupport::installTrusted;
 using testsupport::makeIdentity;
 
 std::map<std::string, int> sCallsLeft;  // until the one that fails
+constexpr int always = -1;              // from now on
 
 bool failsNow(const char* call)
 {
     const auto found = sCallsLeft.find(call);
-    return found != sCallsLeft.end() && --found->second == 0;
+    if (found == sCallsLeft.end() || found->second == 0) return false;
+    return found->second == always || --found->second == 0;
 }
 
 }  // namespace
@@ -40,6 +44,12 @@ int __real_X509_STORE_CTX_set_purpose(X509_STORE_CTX* context, int purpose);
 int __real_X509_STORE_load_locations(X509_STORE* store, const char* file, const char* directory);
 OPENSSL_STACK* __real_OPENSSL_sk_new_null();
 int __real_OPENSSL_sk_push(OPENSSL_STACK* stack, const void* element);
+int __real_X509_LOOKUP_meth_set_get_by_subject(X509_LOOKUP_METHOD* method, X509_LOOKUP_get_by_subject_fn function);
+int __real_X509_LOOKUP_set_method_data(X509_LOOKUP* lookup, void* data);
+int __real_X509_STORE_lock(X509_STORE* store);
+int __real_X509_OBJECT_set1_X509(X509_OBJECT* object, X509* certificate);
+int __real_X509_STORE_add_cert(X509_STORE* store, X509* certificate);
+BIO* __real_BIO_new_fp(std::FILE* file, int closes);
 
 int __wrap_OPENSSL_init_ssl(uint64_t options, const OPENSSL_INIT_SETTINGS* settings);
 X509_STORE* __wrap_X509_STORE_new();
@@ -49,6 +59,12 @@ int __wrap_X509_STORE_CTX_set_purpose(X509_STORE_CTX* context, int purpose);
 int __wrap_X509_STORE_load_locations(X509_STORE* store, const char* file, const char* directory);
 OPENSSL_STACK* __wrap_OPENSSL_sk_new_null();
 int __wrap_OPENSSL_sk_push(OPENSSL_STACK* stack, const void* element);
+int __wrap_X509_LOOKUP_meth_set_get_by_subject(X509_LOOKUP_METHOD* method, X509_LOOKUP_get_by_subject_fn function);
+int __wrap_X509_LOOKUP_set_method_data(X509_LOOKUP* lookup, void* data);
+int __wrap_X509_STORE_lock(X509_STORE* store);
+int __wrap_X509_OBJECT_set1_X509(X509_OBJECT* object, X509* certificate);
+int __wrap_X509_STORE_add_cert(X509_STORE* store, X509* certificate);
+BIO* __wrap_BIO_new_fp(std::FILE* file, int closes);
 
 int __wrap_OPENSSL_init_ssl(uint64_t options, const OPENSSL_INIT_SETTINGS* settings)
 {
@@ -88,6 +104,38 @@ OPENSSL_STACK* __wrap_OPENSSL_sk_new_null()
 int __wrap_OPENSSL_sk_push(OPENSSL_STACK* stack, const void* element)
 {
     return failsNow("OPENSSL_sk_push") ? 0 : __real_OPENSSL_sk_push(stack, element);
+}
+
+int __wrap_X509_LOOKUP_meth_set_get_by_subject(X509_LOOKUP_METHOD* method, X509_LOOKUP_get_by_subject_fn function)
+{
+    return failsNow("X509_LOOKUP_meth_set_get_by_subject")
+               ? 0
+               : __real_X509_LOOKUP_meth_set_get_by_subject(method, function);
+}
+
+int __wrap_X509_LOOKUP_set_method_data(X509_LOOKUP* lookup, void* data)
+{
+    return failsNow("X509_LOOKUP_set_method_data") ? 0 : __real_X509_LOOKUP_set_method_data(lookup, data);
+}
+
+int __wrap_X509_STORE_lock(X509_STORE* store)
+{
+    return failsNow("X509_STORE_lock") ? 0 : __real_X509_STORE_lock(store);
+}
+
+int __wrap_X509_OBJECT_set1_X509(X509_OBJECT* object, X509* certificate)
+{
+    return failsNow("X509_OBJECT_set1_X509") ? 0 : __real_X509_OBJECT_set1_X509(object, certificate);
+}
+
+int __wrap_X509_STORE_add_cert(X509_STORE* store, X509* certificate)
+{
+    return failsNow("X509_STORE_add_cert") ? 0 : __real_X509_STORE_add_cert(store, certificate);
+}
+
+BIO* __wrap_BIO_new_fp(std::FILE* file, int closes)
+{
+    return failsNow("BIO_new_fp") ? nullptr : __real_BIO_new_fp(file, closes);
 }
 
 }  // extern "C"
@@ -210,6 +258,84 @@ TEST_F(VerifierErrorsTest, SecondVerificationThatFailsRefuses)
             fakes::logLines(3),
             ElementsAre(fakes::LogLine{3, "VerifyServerCertificate: Server Certificate verification is not reliable"}));
         fakes::clearLog();
+    }
+}
+
+// The user decides about an installed certificate that is for clients only, unless a step of finding it fails.
+TEST_F(VerifierErrorsTest, SecondVerificationThatCannotLookUpRefuses)
+{
+    testsupport::CertificateOptions options{"vpn.example", 6};
+    options.extendedKeyUsage = "clientAuth";
+    const Identity server = makeIdentity(options);
+    installTrusted(server);
+    const auto verdict = [&] {
+        bool promptUser = false;
+        const PluginResult result = verify(server, promptUser);
+        return std::pair<PluginResult, bool>(result, promptUser);
+    };
+    const std::pair<PluginResult, bool> asked(PLUGIN_SUCCESS, true);
+    const std::pair<PluginResult, bool> refused(PLUGIN_FAILURE, false);
+    for (const auto& [call, times] :
+         {std::pair{"X509_LOOKUP_meth_set_get_by_subject", 1}, std::pair{"X509_LOOKUP_set_method_data", 1},
+          std::pair{"X509_STORE_lock", always}, std::pair{"BIO_new_fp", 1}, std::pair{"X509_STORE_add_cert", always}}) {
+        EXPECT_EQ(asked, verdict()) << call;
+        sCallsLeft[call] = times;
+        EXPECT_EQ(refused, verdict()) << call;
+        EXPECT_GE(0, sCallsLeft[call]) << call << " was not called";
+        EXPECT_EQ((fakes::LogLine{3, "VerifyServerCertificate: Server Certificate verification is not reliable"}),
+                  fakes::logLines(3).back())
+            << call;
+        sCallsLeft.clear();
+    }
+    // What was read, and could not be handed over, is found the next time.
+    sCallsLeft["X509_OBJECT_set1_X509"] = 1;
+    EXPECT_EQ(asked, verdict());
+    EXPECT_EQ(0, sCallsLeft["X509_OBJECT_set1_X509"]) << "was not called";
+}
+
+TEST_F(VerifierErrorsTest, SecondVerificationWithoutMemoryRefuses)
+{
+    const Identity server = makeIdentity({"other.example", 6});
+    bool promptUser = false;
+    testsupport::failingNew = sizeof "/var/ssl/trustedcerts/";  // its copy
+    EXPECT_EQ(PLUGIN_FAILURE, verify(server, promptUser));
+    EXPECT_EQ(0u, testsupport::failingNew) << "nothing of that size was allocated";
+    EXPECT_FALSE(promptUser);
+    EXPECT_THAT(
+        fakes::logLines(3),
+        ElementsAre(fakes::LogLine{3, "VerifyServerCertificate: Server Certificate verification is not reliable"}));
+}
+
+TEST_F(VerifierErrorsTest, IntermediateThatCannotBeCopiedRefuses)
+{
+    const Identity server = makeIdentity({"other.example", 6});
+    add(mRoot);
+    sCallsLeft["OPENSSL_sk_push"] = 1;
+    bool promptUser = false;
+    EXPECT_EQ(PLUGIN_FAILURE, verify(server, promptUser));
+    EXPECT_EQ(0, sCallsLeft["OPENSSL_sk_push"]) << "was not called";
+    EXPECT_FALSE(promptUser);
+}
+
+TEST_F(VerifierErrorsTest, FileInPlaceOfTheDirectoryIsLogged)
+{
+    std::filesystem::remove_all("/var/ssl/trustedcerts");
+    testsupport::writeFile("/var/ssl/trustedcerts", std::string("in the way"));
+    bool promptUser = false;
+    EXPECT_EQ(PLUGIN_SUCCESS, verify(makeIdentity({"vpn.example", 6}), promptUser));
+    EXPECT_TRUE(promptUser);
+    EXPECT_THAT(fakes::logLines(3),
+                ElementsAre(fakes::LogLine{3, "VerifyServerCertificate: Failed to load trusted certs"}));
+}
+
+TEST_F(VerifierErrorsTest, CertificateOfAFileThatCannotBeKeptIsLeftOut)
+{
+    testsupport::writeFile("/tmp/chain.pem", mRoot.pem() + mRoot.keyPem() + makeIdentity({"Second", 2, true}).pem());
+    for (const int kept : {2, 1}) {
+        const X509StackPtr stack(sk_X509_new_null());
+        EXPECT_TRUE(CertificateInterface::x509StackFromPEMFile("/tmp/chain.pem", stack.get()));
+        EXPECT_EQ(kept, sk_X509_num(stack.get()));
+        sCallsLeft["OPENSSL_sk_push"] = 1;
     }
 }
 
