@@ -42,10 +42,12 @@ DnsWatcher::~DnsWatcher()
     stop();
 }
 
-void DnsWatcher::watch(std::string owner, const Link& link, const LinkDns& dns, IsWanted isWanted)
+void DnsWatcher::setAndWatch(const Write& write, const Link& link, const LinkDns& dns, IsWanted isWanted)
 {
+    std::string owner;
     {
         const std::lock_guard<std::mutex> lock(mLock);
+        owner = write();
         mWatched[link.index] = {link.name, dns, std::move(isWanted)};
         mPending.erase(link.index);
     }

@@ -40,9 +40,13 @@ public:
     /// Whether the settings are still to be maintained; called on the watcher's thread.
     using IsWanted = std::function<bool()>;
 
-    /// Maintains `dns`, which `owner` has taken, on the link until `isWanted` (empty: always) returns false. Throws
+    /// Sets `dns` on the link, and returns who has taken it.
+    using Write = std::function<std::string()>;
+
+    /// Calls `write`, and maintains `dns` on the link from then on until `isWanted` (empty: always) returns false.
+    /// While it writes, what was maintained on the link before is not set again. Throws what `write` throws, and
     /// std::system_error when no thread can be started.
-    void watch(std::string owner, const Link& link, const LinkDns& dns, IsWanted isWanted = {});
+    void setAndWatch(const Write& write, const Link& link, const LinkDns& dns, IsWanted isWanted = {});
 
     /// Undoes the change when systemd-resolved answers again. Without memory or a thread it does nothing.
     void undoLater(const LinkChange& change) noexcept;

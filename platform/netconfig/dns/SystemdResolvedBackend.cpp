@@ -93,9 +93,9 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
     ResolvedManager manager = takeManager();
     const LinkDns before = mBefore && mBefore->link == link ? std::move(mBefore->dns) : readPresent(manager, link);
     mBefore.reset();
-    std::string owner;
     try {
-        owner = manager.write(link.index, wanted);
+        const auto write = [&] { return manager.write(link.index, wanted); };
+        mWatcher.setAndWatch(write, link, wanted, std::move(isWanted));
     } catch (const RequestError&) {
         try {
             manager.restore(link.index, before, readPresent(manager, link));
@@ -104,7 +104,6 @@ void SystemdResolvedBackend::set(const Link& link, const DnsSettings& settings, 
         }
         throw;
     }
-    mWatcher.watch(std::move(owner), link, wanted, std::move(isWanted));
 }
 
 void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWanted)
@@ -112,7 +111,8 @@ void SystemdResolvedBackend::setAgain(std::string_view prepared, IsWanted isWant
     const LinkChange change = LinkChange::decode(prepared);
     if (!wfoal::isPresent(change.link)) return;
     ResolvedManager manager;
-    mWatcher.watch(manager.write(change.link.index, change.set), change.link, change.set, std::move(isWanted));
+    const auto write = [&] { return manager.write(change.link.index, change.set); };
+    mWatcher.setAndWatch(write, change.link, change.set, std::move(isWanted));
 }
 
 bool SystemdResolvedBackend::undo(std::string_view prepared)

@@ -40,9 +40,9 @@ inline DnsSettings settings(const std::vector<const char*>& servers, const std::
 
 inline const DnsSettings tunnel = settings({"10.8.0.1", "10.8.0.2"}, {"corp.test", "lab.test"}, false);
 
-inline bool comesTrue(const std::function<bool()>& condition)
+inline bool comesTrue(const std::function<bool()>& condition, std::chrono::seconds limit = 10s)
 {
-    const auto end = std::chrono::steady_clock::now() + 10s;
+    const auto end = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < end) {
         if (condition()) return true;
         std::this_thread::sleep_for(20ms);

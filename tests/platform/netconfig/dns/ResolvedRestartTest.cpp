@@ -9,6 +9,9 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <future>
+#include <mutex>
+#include <thread>
 
 #include "ResolvedFixture.h"
 #include "handles/UniqueFd.h"
@@ -83,6 +86,36 @@ TEST_F(ResolvedRestartTest, ARestartOfTheServiceSetsTheServersAgain)
     EXPECT_EQ(shown("dns"), "10.8.0.1 10.8.0.2");
     dns.undo(prepared);
     EXPECT_EQ(shown("dns"), "");
+}
+
+// The watcher is about to set the first ones again while the second ones are set.
+TEST_F(ResolvedRestartTest, SettingsAreNotReplacedByThoseThatTheyReplace)
+{
+    const DnsSettings other = settings({"10.8.0.7"}, {"other.test"}, false);
+    const std::string before = status();
+    std::promise<void> begun;
+    std::promise<void> over;
+    std::once_flag once;
+    const std::string first = dns.prepare(link(), tunnel);
+    dns.set(link(), tunnel, first, [&] {
+        std::call_once(once, [&] {
+            begun.set_value();
+            over.get_future().wait();
+        });
+        return true;
+    });
+    resolved.stop();
+    resolved = testsupport::startDaemon(Daemon::resolved);
+    ASSERT_EQ(std::future_status::ready, begun.get_future().wait_for(10s)) << "the watcher does not look";
+    const std::string second = dns.prepare(link(), other, {first});
+    std::thread setter([&] { dns.set(link(), other, second); });
+    comesTrue([] { return shown("domain") == "other.test"; }, 1s);  // not while the watcher is at work
+    over.set_value();
+    setter.join();
+    EXPECT_TRUE(comesTrue([] { return shown("domain") == "other.test"; })) << status();
+    EXPECT_EQ("10.8.0.7", shown("dns"));
+    dns.undo(second);
+    EXPECT_EQ(before, status());
 }
 
 TEST_F(ResolvedRestartTest, WithoutTheWatcherARestartForgets)
