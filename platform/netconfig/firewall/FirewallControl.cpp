@@ -54,7 +54,7 @@ void FirewallControl::remove(const std::string& label)
     const std::string subject = subjectOf(label);
     const NewOwnership ownership(mUndoLog, subject);
     mUndoLog.ownForRemoval(subject);
-    if (found.state == TableState::Ours) removeTable(mSocket, found);
+    if (found.state == TableState::Ours) removeTable(mSocket, label, found);
     mUndoLog.erase(subject);
 }
 
@@ -74,7 +74,7 @@ void FirewallControl::removeStale(const std::string& subject)
     // Another program's table of this name may have replaced ours.
     mSocket.followNamespace(mUndoLog.networkNamespace());
     const TableFound found = findTable(mSocket, label);
-    if (found.state == TableState::Ours) removeTable(mSocket, found);
+    if (found.state == TableState::Ours) removeTable(mSocket, label, found);
     mUndoLog.erase(subject);
 }
 

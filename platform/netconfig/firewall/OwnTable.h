@@ -19,8 +19,13 @@ namespace vknetconfig {
 /// The table of this name; throws when it is another program's.
 TableFound findOwnTable(NetlinkSocket& socket, const std::string& label);
 
+/// Commits a transaction that replaces or removes the table found before. When the answer is lost, the table itself
+/// tells whether the kernel has taken the transaction.
+std::optional<NetlinkFailure> commitChange(NftTransaction& transaction, NetlinkSocket& socket, const std::string& label,
+                                           const TableFound& before);
+
 /// Removes the table that was found. One that is gone already is fine.
-void removeTable(NetlinkSocket& socket, const TableFound& table);
+void removeTable(NetlinkSocket& socket, const std::string& label, const TableFound& table);
 
 /// Installs a table in place of the one found before, in one transaction. `Messages` adds the table when it is made
 /// from a transaction and `content`. The kernel takes the transaction only while the tables are as they were seen:
@@ -33,7 +38,7 @@ void replaceTable(NetlinkSocket& socket, const std::string& label, TableFound be
         NftTransaction transaction(socket);
         if (before.state == TableState::Ours) addTableRemoval(transaction, before.handle);
         const Messages messages(transaction, content);
-        const std::optional<NetlinkFailure> failure = transaction.commit();
+        const std::optional<NetlinkFailure> failure = commitChange(transaction, socket, label, before);
         if (!failure) return;
         const bool isOutdated =
             messages.isAboutTables(failure->index) && (failure->error == ENOENT || failure->error == EEXIST);

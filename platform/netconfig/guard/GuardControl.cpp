@@ -86,8 +86,9 @@ void GuardControl::remove(const std::string& ifName)
 
 void GuardControl::removeTableOf(const std::string& ifName)
 {
-    const TableFound found = findTable(mSocket, wfoal::guardTable(ifName));
-    if (found.state == TableState::Ours) removeTable(mSocket, found);
+    const std::string label = wfoal::guardTable(ifName);
+    const TableFound found = findTable(mSocket, label);
+    if (found.state == TableState::Ours) removeTable(mSocket, label, found);
 }
 
 void GuardControl::removeStale(const std::string& subject)

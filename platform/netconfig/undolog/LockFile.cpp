@@ -58,6 +58,12 @@ bool isLinked(int file, int folder, const std::string& name)
            held.st_ino == found.st_ino && held.st_dev == found.st_dev;
 }
 
+bool isEmpty(int file)
+{
+    struct stat status {};
+    return fstat(file, &status) == 0 && status.st_size == 0;
+}
+
 std::string holderText(pid_t holder)
 {
     return holder > 0 ? "process " + std::to_string(holder) : std::string("another process");

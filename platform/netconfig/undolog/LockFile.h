@@ -24,6 +24,9 @@ void nameHolder(int file);
 /// Whether the open file is the one of this name in the folder.
 bool isLinked(int file, int folder, const std::string& name);
 
+/// Whether nobody has written an id into the open lock file.
+bool isEmpty(int file);
+
 /// "process 4711"; without a number "another process".
 std::string holderText(pid_t holder);
 

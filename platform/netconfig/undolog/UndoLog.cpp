@@ -136,9 +136,14 @@ UniqueFd UndoLog::lockOf(const std::string& stem, pid_t& holder) const
     while (true) {
         UniqueFd lock(openat(mFolder.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!lock.valid()) fail("open " + name);
-        if (!lockNow(lock.get())) {
-            holder = holderIn(lock.get());
-            return UniqueFd();
+        try {
+            if (!lockNow(lock.get())) {
+                holder = holderIn(lock.get());
+                return UniqueFd();
+            }
+        } catch (...) {
+            if (isEmpty(lock.get())) unlinkat(mFolder.get(), name.c_str(), 0);  // made here: it names nobody
+            throw;
         }
         if (isLinked(lock.get(), mFolder.get(), name)) return lock;
     }

@@ -54,6 +54,65 @@ TEST(FirewallFaultTest, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
     EXPECT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n");
 }
 
+// The kernel has taken the second request when its answer is lost.
+TEST(FirewallFaultTest, ARequestWhoseAnswerIsLostSaysWhatTheKernelHas)
+{
+    NEEDS_STRACE();
+    std::ofstream("/tmp/first.json")
+        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    std::ofstream("/tmp/second.json")
+        << R"({"label":"fault","chainNew":"SECOND","rules":[{"operation":"append","jumpTo":"ACCEPT"}]})";
+    std::ofstream("/tmp/none.json") << R"({"label":"fault","chainDelete":"IN"})";
+    const std::string trace = " -e trace=recvmsg";
+    outputOf(driverUnderStrace("-o /tmp/trace" + trace, "firewall /tmp/first.json"));
+    const int ofTheFirst = std::stoi(outputOf("grep -c recvmsg /tmp/trace"));
+    run(driver("delete nothing0"));
+    for (const std::string request : {"second", "none"}) {
+        int refused = 0;
+        int taken = 0;
+        for (int number = 1; number <= 4; ++number) {
+            const std::string inject =
+                trace + " -e inject=recvmsg:error=ENOMEM:when=" + std::to_string(ofTheFirst + number);
+            const std::string output =
+                outputOf(driverUnderStrace("-o /dev/null" + inject,
+                                           "firewall /tmp/first.json firewall /tmp/" + request + ".json") +
+                         " || echo REFUSED");
+            const bool isRefused = output.find("REFUSED") != std::string::npos;
+            const std::string ruleset = outputOf("nft list ruleset");
+            const bool isTheFirst = ruleset.find("chain IN") != std::string::npos;
+            EXPECT_EQ(isRefused, isTheFirst) << request << " " << number << ": " << output;
+            refused += isRefused ? 1 : 0;
+            taken += isTheFirst ? 0 : 1;
+            run(driver("delete nothing0"));
+            ASSERT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n") << request << " " << number;
+        }
+        EXPECT_GT(refused, 0) << request;
+        EXPECT_GT(taken, 0) << request;
+    }
+}
+
+TEST(FirewallFaultTest, ALockThatCannotBeHadLeavesNoFile)
+{
+    NEEDS_STRACE();
+    std::ofstream("/tmp/filter.json")
+        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    int refused = 0;
+    for (int number = 1; number <= 8; ++number) {
+        const std::string output = outputOf(
+            driverUnderStrace("-o /dev/null -e trace=fcntl -e inject=fcntl:error=ENOLCK:when=" + std::to_string(number),
+                              "firewall /tmp/filter.json") +
+            " || echo REFUSED");
+        if (output.find("undo log: lock: No locks available") != std::string::npos) {
+            ++refused;
+            EXPECT_THAT(output, HasSubstr("REFUSED"));
+            EXPECT_EQ(outputOf("nft list ruleset; ls -A /run/vknetconfig"), "turn\n") << number << ": " << output;
+        }
+        run(driver("delete nothing0"));
+        ASSERT_EQ(outputOf("nft list ruleset; ls -A /run/vknetconfig"), "turn\n") << number << ": " << output;
+    }
+    EXPECT_GE(refused, 2);
+}
+
 TEST(FirewallFaultTest, LostAnswersAreNoSuccessAndLeaveNothing)
 {
     NEEDS_STRACE();
