@@ -45,12 +45,4 @@ inline void addJson(const JsonPtr& object, const char* key, const char* value)
     addJson(object, key, JsonPtr(json_object_new_string(value)));
 }
 
-/// With the given flags of json-c.
-inline std::string textOfJson(const JsonPtr& object, int flags)
-{
-    const char* const text = json_object_to_json_string_ext(object.get(), flags);
-    if (text == nullptr) throw std::bad_alloc();
-    return text;
-}
-
 #endif

@@ -7,6 +7,7 @@
 
 #include "handles/JsonParser.h"
 #include "handles/NewJson.h"
+#include "handles/ReplyText.h"
 
 namespace quor {
 
@@ -41,7 +42,7 @@ std::string errorPayload(const std::string& errorText)
     addJson(payload, "returnValue", false);
     addJson(payload, "errorCode", -1);
     addJson(payload, "errorText", errorText);
-    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
+    return textOfJson(payload, JsonBlanks::None);
 }
 
 }  // namespace quor

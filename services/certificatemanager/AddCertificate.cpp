@@ -2,6 +2,7 @@
 #include "AddCertificate.h"
 
 #include "handles/NewJson.h"
+#include "handles/ReplyText.h"
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
 
@@ -53,7 +54,7 @@ std::string replyText(const InstallResult& result)
         addJson(reply, "errorCode", static_cast<int>(result.error));
         addJson(reply, "errorText", result.text);
     }
-    return textOfJson(reply, JSON_C_TO_STRING_SPACED);
+    return textOfJson(reply, JsonBlanks::BetweenWords);
 }
 
 }  // namespace certificatemanager

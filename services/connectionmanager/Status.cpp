@@ -5,6 +5,7 @@
 
 #include "Decisions/InterfaceNames.h"
 #include "handles/NewJson.h"
+#include "handles/ReplyText.h"
 
 namespace connectionmanager {
 
@@ -94,7 +95,7 @@ std::string toJson(const Status& status)
     addJson(payload, "returnValue", true);
     addJson(payload, "wifi", newSection(status.wifi));
     addJson(payload, "wan", newSection(status.wan));
-    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
+    return textOfJson(payload, JsonBlanks::None);
 }
 
 std::string refusalToJson(const std::string& reason)
@@ -104,7 +105,7 @@ std::string refusalToJson(const std::string& reason)
     addJson(payload, "returnValue", false);
     addJson(payload, "errorCode", badRequest);
     addJson(payload, "errorText", reason);
-    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
+    return textOfJson(payload, JsonBlanks::None);
 }
 
 }  // namespace connectionmanager
