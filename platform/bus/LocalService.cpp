@@ -95,13 +95,16 @@ void LocalService::onBusLost()
     mSubscribers.clear();
 }
 
-int LocalService::onRequest(sd_bus_message* message, void* category, sd_bus_error* error)
+int LocalService::onRequest(sd_bus_message* message, void* category, sd_bus_error*)
 {
     const auto& target = *static_cast<const Category*>(category);
-    return systembus::guarded([&] { return target.service->answer(target, message, error); });
+    return systembus::guarded([&] {
+        target.service->answer(target, message);
+        return 1;
+    });
 }
 
-int LocalService::answer(const Category& category, sd_bus_message* message, sd_bus_error* error)
+void LocalService::answer(const Category& category, sd_bus_message* message)
 {
     QSMessage request;
     std::uint64_t serial = 0;
@@ -110,16 +113,21 @@ int LocalService::answer(const Category& category, sd_bus_message* message, sd_b
     request.token = static_cast<QSMessageToken>(serial);
     request.request = message;
     const int result = sd_bus_message_read_basic(message, 's', &request.payload);
-    if (result < 0) return result;
-    if (isTooLarge(request.payload)) {
-        return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, tooLarge("payload").c_str());
-    }
+    if (result < 0) return refuse(message, SD_BUS_ERROR_INVALID_ARGS, std::strerror(-result));
+    if (isTooLarge(request.payload)) return refuse(message, SD_BUS_ERROR_LIMITS_EXCEEDED, tooLarge("payload"));
     const QSMethodCallback method = findMethod(category.methods, sd_bus_message_get_member(message));
     const bool accepted = method(mHandle, &request, nullptr);
-    if (request.answered) return 1;
+    if (request.answered) return;
     std::string reason = accepted ? "the service gave no answer" : "the service refused the request";
     if (!accepted && !request.refusal.empty()) reason += ": " + request.refusal;
-    return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, reason.c_str());
+    refuse(message, SD_BUS_ERROR_FAILED, reason);
+}
+
+// sd-bus itself passes over an answer that it cannot send. Without a connection the caller gets an error at once, and
+// need not wait for two minutes.
+void LocalService::refuse(sd_bus_message* message, const char* error, const std::string& reason)
+{
+    if (sd_bus_reply_method_errorf(message, error, "%s", reason.c_str()) < 0) systembus::remakeConnection();
 }
 
 int LocalService::reply(QSMessage& request, const char* payload)

@@ -43,7 +43,8 @@ private:
     };
 
     static int onRequest(sd_bus_message* message, void* category, sd_bus_error* error);
-    int answer(const Category& category, sd_bus_message* message, sd_bus_error* error);
+    void answer(const Category& category, sd_bus_message* message);
+    static void refuse(sd_bus_message* message, const char* error, const std::string& reason);
     void offer(Category& category, sd_bus* bus);
     void pushTo(const Subscriber& subscriber, const std::string& payload);
 

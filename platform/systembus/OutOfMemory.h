@@ -15,6 +15,12 @@ namespace systembus {
 /// How often memory ran out in a callback.
 inline std::atomic<unsigned> sShortages{0};
 
+/// From a callback: its connection is made anew, as after a shortage.
+inline void remakeConnection()
+{
+    ++sShortages;
+}
+
 /// The result of a callback of sd-bus.
 template <typename Callback>
 int guarded(Callback callback)
