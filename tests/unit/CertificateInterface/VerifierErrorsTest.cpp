@@ -341,6 +341,34 @@ TEST_F(VerifierErrorsTest, CertificateOfAFileThatCannotBeKeptIsLeftOut)
     }
 }
 
+// The second verification alone copies the path of the trusted directory.
+TEST_F(VerifierErrorsTest, AfterASecondVerificationWithoutMemoryTheIntermediatesAreDropped)
+{
+    installTrusted(makeIdentity({"vpn.example", 5}));
+    const Identity server = makeIdentity({"vpn.example", 6}, &mRoot);
+    bool promptUser = true;
+    add(mRoot);
+    EXPECT_EQ(PLUGIN_SUCCESS, verify(server, promptUser));
+    EXPECT_FALSE(promptUser);
+    EXPECT_THAT(fakes::logLines(3), IsEmpty());
+    add(mRoot);
+    testsupport::failingNew = std::string("/var/ssl/trustedcerts/").capacity() + 1;
+    PluginResult result = PLUGIN_SUCCESS;
+    EXPECT_NO_THROW(result = verify(server, promptUser));
+    EXPECT_EQ(0u, testsupport::failingNew) << "no such allocation";
+    EXPECT_EQ(PLUGIN_FAILURE, result);
+    EXPECT_FALSE(promptUser);
+    EXPECT_THAT(
+        fakes::logLines(3),
+        ElementsAre(fakes::LogLine{3, "VerifyServerCertificate: Server Certificate verification is not reliable"}));
+    fakes::clearLog();
+    EXPECT_EQ(PLUGIN_FAILURE, verify(server, promptUser)) << "the intermediates are still there";
+    EXPECT_THAT(fakes::logLines(3),
+                ElementsAre(fakes::LogLine{3,
+                                           "VerifyServerCertificate: Server Certificate verification failed: unable to "
+                                           "get local issuer certificate"}));
+}
+
 // A regular file that opens, and whose first byte nobody can read.
 TEST_F(VerifierErrorsTest, InstalledFileThatCannotBeReadRefuses)
 {
