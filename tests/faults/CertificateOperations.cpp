@@ -199,6 +199,7 @@ public:
     }
 
 private:
+    bool comesBack() const override { return true; }
     void begin() override { std::filesystem::remove_all("/var/ssl"); }
     int act() override
     {

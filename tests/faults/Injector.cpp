@@ -9,6 +9,12 @@
 
 #include "Strike.h"
 
+// The linker's names for begin and end of the section.
+extern "C" {
+extern faults::Behind __start_behind[];
+extern faults::Behind __stop_behind[];
+}
+
 namespace faults {
 
 namespace {
@@ -48,6 +54,8 @@ int noteObject(dl_phdr_info* info, std::size_t, void*)
 __attribute__((constructor)) void connectToDriver()
 {
     dl_iterate_phdr(noteObject, nullptr);
+    for (Behind* behind = __start_behind; behind != __stop_behind; ++behind)
+        functionOf(*behind);
     const char* path = std::getenv(controlVariable);
     if (path == nullptr) return;
     Control* const control = mapControl(path);

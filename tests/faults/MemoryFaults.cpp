@@ -2,9 +2,12 @@
 //
 // Memory of the whole process: allocations fail, and blocks that are not released show.
 #include <glib.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 #include "Strike.h"
 
@@ -90,6 +93,17 @@ void free(void* block)
     if (block == nullptr) return;
     faults::control().blocks.fetch_sub(1, std::memory_order_relaxed);
     __libc_free(block);
+}
+
+// An assertion of the plug-in ends the process, as its interface says. GLib's report of it takes memory.
+void g_assertion_message_expr(const char* domain, const char* file, int line, const char* function,
+                              const char* expression)
+{
+    REAL(g_assertion_message_expr);
+    faults::control().function = static_cast<int>(Function::None);
+    dprintf(STDOUT_FILENO, "asserted %s %d %s\n", file, line, expression);
+    real(domain, file, line, function, expression);
+    std::abort();
 }
 
 gpointer g_try_malloc0(gsize size)

@@ -55,6 +55,9 @@ public:
     /// After a fault of that function it may keep more each time.
     virtual bool keepsAfter(Function /*function*/) const { return false; }
 
+    /// The next call may fail until a connection to the bus has been made anew.
+    virtual bool comesBack() const { return false; }
+
     /// Where the fault is armed, and whose descriptors, threads and memory are watched.
     virtual Control& control() const;
     virtual pid_t process() const { return getpid(); }

@@ -25,16 +25,25 @@ inline bool fails(Function function, const void* caller, int error)
     return true;
 }
 
-template <typename Type>
-Type* nextOf(Type*, const char* name)
+/// A function of a library behind ours. It is looked up when the injector is loaded, and not at the first call: that
+/// may come on a thread for whose end somebody waits under the dynamic loader's lock.
+struct Behind {
+    const char* name;
+    void* function;
+};
+
+inline void* functionOf(Behind& behind)
 {
-    return reinterpret_cast<Type*>(dlsym(RTLD_NEXT, name));
+    if (behind.function == nullptr) behind.function = dlsym(RTLD_NEXT, behind.name);
+    return behind.function;
 }
 
 }  // namespace faults
 
-// The library's own function of this name.
-#define REAL(name) static auto* const real = faults::nextOf(&name, #name)
+// The library's own function of this name. The injector finds all of them in the section (Injector.cpp).
+#define REAL(name)                                                                            \
+    static faults::Behind behind __attribute__((section("behind"), used)) = {#name, nullptr}; \
+    const auto real = reinterpret_cast<decltype(&name)>(faults::functionOf(behind))
 #define CALLER __builtin_return_address(0)
 
 #endif

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sweep.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +14,7 @@ namespace faults {
 
 namespace {
 
+constexpr auto longestReturn = std::chrono::seconds(20);
 constexpr int repeats = 4;  // of a fault after which more is held, and of the undisturbed operation
 
 long entriesOf(const std::string& folder)
@@ -150,6 +154,21 @@ void Sweep::expectNoLeak(const Place& place, const Holdings& before)
     if (!(now - last).isWithin(allowed)) throw Finding("keeps each time: " + first.text());
 }
 
+void Sweep::expectNextCallToWork()
+{
+    const auto end = std::chrono::steady_clock::now() + longestReturn;
+    while (true) {
+        try {
+            cycle({}, nullptr);
+            return;
+        } catch (const Finding& finding) {
+            if (!mOperation.comesBack() || std::chrono::steady_clock::now() > end)
+                throw Finding(std::string("the next call: ") + finding.what());
+        }
+        usleep(20'000);
+    }
+}
+
 bool Sweep::attempt(const Place& place)
 {
     std::printf("at %d %d %ld\n", place.function, place.isForEver ? 1 : 0, place.number);
@@ -161,16 +180,12 @@ bool Sweep::attempt(const Place& place)
         if (!isStruck) return false;
         ++mStruck;
         if (result != mEntry.undisturbed) ++mRefused;
-        try {
-            cycle({}, nullptr);
-        } catch (const Finding& finding) {
-            throw Finding(std::string("the next call: ") + finding.what());
-        }
+        expectNextCallToWork();
         expectNoLeak(place, before);
         return true;
     } catch (const Finding& finding) {
         report(place, finding.what());
-        return place.number < 100'000;
+        throw;
     }
 }
 
@@ -178,12 +193,19 @@ void Sweep::runFunction(Place place)
 {
     mStruck = 0;
     mRefused = 0;
-    const long first = place.number;
-    while (attempt(place))
-        place.number += std::max(1L, place.number / mDense);
-    std::printf("end %s %s %ld %ld %ld %ld\n", functionNames[place.function], modeOf(place.isForEver), first,
-                place.number - 1, mStruck, mRefused);
-    std::fflush(stdout);
+    const auto end = [&](long last) {
+        std::printf("end %s %s %ld %ld %ld\n", functionNames[place.function], modeOf(place.isForEver), last, mStruck,
+                    mRefused);
+        std::fflush(stdout);
+    };
+    try {
+        while (attempt(place))
+            place.number += std::max(1L, place.number / mDense);
+    } catch (const Finding&) {
+        end(place.number);
+        throw;
+    }
+    end(place.number - 1);
 }
 
 void Sweep::run(Place place, bool isAlone)

@@ -40,12 +40,14 @@ public:
     /// The calls of the operation without a fault, and what it keeps each time. Throws a Finding when it does not work.
     void warmUp();
     /// Prints a line for each thing that happens. Begins at `place`; up to the end of that function when `isAlone`.
+    /// Throws a Finding when it has printed one: what follows would only show what that left.
     void run(Place place, bool isAlone);
 
 private:
     void runFunction(Place place);
     bool attempt(const Place& place);
     int cycle(const Disturbance& disturbance, const Place* place);
+    void expectNextCallToWork();
     void expectNoLeak(const Place& place, const Holdings& before);
     void report(const Place& place, const std::string& finding);
 

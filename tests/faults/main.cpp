@@ -16,6 +16,7 @@ namespace faults {
 namespace {
 
 constexpr char controlFile[] = "/tmp/fault-control";
+constexpr int endedByFinding = 3;  // exit code: the next process goes on behind it
 
 Entries operations()
 {
@@ -35,10 +36,14 @@ int run(const Entry& entry, long dense, Place place, bool isAlone)
     Sweep sweep(entry, *operation, dense);
     try {
         sweep.warmUp();
-        sweep.run(place, isAlone);
     } catch (const Finding& finding) {
         std::printf("finding none once 0 without a fault: %s\n", finding.what());
         return 1;
+    }
+    try {
+        sweep.run(place, isAlone);
+    } catch (const Finding&) {
+        return endedByFinding;
     }
     return 0;
 }
