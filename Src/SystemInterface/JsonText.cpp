@@ -47,8 +47,8 @@ private:
 bool Writer::isWriting(std::size_t room)
 {
     if (mHasFailed) return false;
-    const std::size_t used = mSize == 0 ? 0 : static_cast<std::size_t>(mEnd - mText.get());
-    if (mSize - used >= room + separators) return true;
+    const auto used = static_cast<std::size_t>(mEnd - mText.get());
+    if (mText && mSize - used >= room + separators) return true;
     mSize = 2 * mSize + firstRoom + room;
     auto* const grown = static_cast<char*>(std::realloc(mText.get(), mSize));
     mHasFailed = grown == nullptr;
