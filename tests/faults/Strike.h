@@ -43,7 +43,7 @@ inline void* functionOf(Behind& behind)
 // The library's own function of this name. The injector finds all of them in the section (Injector.cpp).
 #define REAL(name)                                                                            \
     static faults::Behind behind __attribute__((section("behind"), used)) = {#name, nullptr}; \
-    const auto real = reinterpret_cast<decltype(&name)>(faults::functionOf(behind))
+    const auto real = reinterpret_cast<decltype(&(name))>(faults::functionOf(behind))
 #define CALLER __builtin_return_address(0)
 
 #endif
