@@ -7,7 +7,6 @@
 
 #include "handles/JsonParser.h"
 #include "handles/NewJson.h"
-#include "handles/ReplyText.h"
 
 namespace quor {
 
@@ -42,7 +41,7 @@ std::string errorPayload(const std::string& errorText)
     addJson(payload, "returnValue", false);
     addJson(payload, "errorCode", -1);
     addJson(payload, "errorText", errorText);
-    return textOfJson(payload, JsonBlanks::None);
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 }  // namespace quor

@@ -2,7 +2,6 @@
 #include "AddCertificate.h"
 
 #include "handles/NewJson.h"
-#include "handles/ReplyText.h"
 #include "json/JsonError.h"
 #include "json/StrictJson.h"
 
@@ -54,7 +53,7 @@ std::string replyText(const InstallResult& result)
         addJson(reply, "errorCode", static_cast<int>(result.error));
         addJson(reply, "errorText", result.text);
     }
-    return textOfJson(reply, JsonBlanks::BetweenWords);
+    return textOfJson(reply, JSON_C_TO_STRING_SPACED);
 }
 
 }  // namespace certificatemanager

@@ -5,7 +5,6 @@
 
 #include "Decisions/InterfaceNames.h"
 #include "handles/NewJson.h"
-#include "handles/ReplyText.h"
 
 namespace connectionmanager {
 
@@ -95,7 +94,7 @@ std::string toJson(const Status& status)
     addJson(payload, "returnValue", true);
     addJson(payload, "wifi", newSection(status.wifi));
     addJson(payload, "wan", newSection(status.wan));
-    return textOfJson(payload, JsonBlanks::None);
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 std::string refusalToJson(const std::string& reason)
@@ -105,7 +104,7 @@ std::string refusalToJson(const std::string& reason)
     addJson(payload, "returnValue", false);
     addJson(payload, "errorCode", badRequest);
     addJson(payload, "errorText", reason);
-    return textOfJson(payload, JsonBlanks::None);
+    return textOfJson(payload, JSON_C_TO_STRING_PLAIN);
 }
 
 }  // namespace connectionmanager
