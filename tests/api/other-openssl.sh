@@ -41,6 +41,7 @@ for name in X509_verify_cert X509_check_trust; do
     one_function $name
     program exports-$name "$work/$name.o" -rdynamic
     expect "$refused" "$(replaced $name 'the program')" exports-$name
+    VKLOG_LEVEL=2 expect "$refused" '' exports-$name
     expect "$right" '' exports-$name deep
     program hides-$name "$work/$name.o"
     # The linker exports what a library of the program refers to, and here there is none.
@@ -64,6 +65,10 @@ fi
 program shared -DWITH_OPENSSL -lcrypto
 expect "$right" '' shared
 program fixed -DWITH_OPENSSL -no-pie -fno-pie -lcrypto
+if [ "$(uname -m)" = x86_64 ]; then
+    readelf -W --dyn-syms "$work/fixed" | awk '$8 ~ /^X509_free/ && $2 !~ /^0+$/ { found = 1 } END { exit !found }' ||
+        { echo 'fixed has no entry for X509_free'; failed=1; }
+fi
 expect "$right" '' fixed
 
 # A library of the program: without versions its names come first, with those of an older OpenSSL they do not.

@@ -170,17 +170,26 @@ TEST_F(ServerVerificationTest, CertificateNotYetValidIsRefused)
 TEST_F(ServerVerificationTest, UnreadableValidityTimesAreRefused)
 {
     installTrusted(mRoot);
-    const Identity server = makeIdentity({"vpn.example"}, &mRoot);
-    ASN1_STRING_set(X509_getm_notBefore(server.certificate.get()), "20250101000Z", 12);
-    testsupport::signAgain(server.certificate.get(), mRoot.key.get());
-    EXPECT_EQ(refuse, judge(server));
-    // Newer versions of OpenSSL do not even read such a certificate.
-    const std::vector<unsigned char> bytes = server.der();
-    const unsigned char* at = bytes.data();
-    const X509Ptr read(d2i_X509(nullptr, &at, static_cast<long>(bytes.size())));
-    EXPECT_THAT(fakes::logLines(),
-                Contains(error(read ? "Error while comparing ceritifcate validity times. notBefore(0), notAfter(1)"
-                                    : "error: invalid server cert")));
+    for (const bool isBegin : {true, false}) {
+        const Identity server = makeIdentity({"vpn.example"}, &mRoot);
+        X509* const certificate = server.certificate.get();
+        ASN1_STRING_set(isBegin ? X509_getm_notBefore(certificate) : X509_getm_notAfter(certificate), "20250101000Z",
+                        12);
+        testsupport::signAgain(certificate, mRoot.key.get());
+        EXPECT_EQ(refuse, judge(server));
+        // Newer versions of OpenSSL do not even read such a certificate.
+        const std::vector<unsigned char> bytes = server.der();
+        const unsigned char* at = bytes.data();
+        const X509Ptr read(d2i_X509(nullptr, &at, static_cast<long>(bytes.size())));
+        const std::string times = isBegin ? "notBefore(0), notAfter(1)" : "notBefore(-1), notAfter(0)";
+        EXPECT_THAT(fakes::logLines(),
+                    Contains(error(read ? "Error while comparing ceritifcate validity times. " + times
+                                        : "error: invalid server cert")));
+        fakes::clearLog();
+        const fakes::ClosedLog closed;
+        EXPECT_EQ(refuse, judge(server));
+        EXPECT_EQ(std::vector<fakes::LogLine>(), fakes::logLines());
+    }
 }
 
 TEST_F(ServerVerificationTest, MissingIssuerOfAnInstalledIntermediateAsks)
