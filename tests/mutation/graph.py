@@ -24,6 +24,8 @@ class Program:
         self.reached = reached  # those, and the sources of libraries and programs that it loads or starts
         self.seconds = None  # without a change; None: not measured yet
         self.left_out = []  # tests that fail without a change
+        self.alone = False  # whether each test needs a process of its own
+        self.passing = {}  # tests that were run by themselves without a change, and in how many seconds
 
     def is_script(self):
         return not self.targets[0].endswith("Test")

@@ -21,6 +21,7 @@ CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "
 WORD = re.compile(r"[A-Za-z_]\w{4,}")
 NEAR, LINKED, REACHED = STAGES = 1, 2, 3
 NEAREST = 4  # programs
+BRIEFLY = 2, 20  # programs and seconds for a survivor that is accepted
 SECONDS = {NEAR: 300, LINKED: 300, REACHED: 120}  # that the programs of a stage may take without a change
 WHOLE_PROGRAMS = ("tests/tools", "tests/examples", "tests/integration")  # what tests more than one part
 
@@ -93,8 +94,9 @@ def contained(command):
 
 
 class Worker:
-    def __init__(self, top, folder, files, jobs, valid_for):
+    def __init__(self, top, folder, files, jobs, valid_for, killers):
         self.jobs = jobs
+        self.killers = killers
         self.source = folder / "source"
         self.build = self.source / "build" / "mutants"
         self.log = folder / "log"
@@ -112,7 +114,7 @@ class Worker:
         self.measured = folder / "measured.json"
         kept = json.loads(self.measured.read_text()) if self.measured.exists() else {}
         for program in self.programs if kept.get("for") == valid_for else ():
-            program.seconds, program.left_out = kept["programs"].get(program.name, (None, []))
+            program.seconds, program.left_out, program.alone, program.passing = kept["programs"].get(program.name, (None, [], False, {}))
 
     def _copy(self, top, files):
         """Only what differs, so that ninja builds only that. This also undoes a change that a killed run has left."""
@@ -137,52 +139,125 @@ class Worker:
         if not self._logged("cmake", "-G", "Ninja", "-S", ".", "-B", str(self.build), *CONFIGURATION, *linker):
             raise SystemExit(f"the copy cannot be configured, see {self.log}")
 
-    def _builds(self, program, **variables):
-        return self._logged("ninja", "-j", str(self.jobs), "-C", str(self.build), *program.targets, **variables)
+    def _builds(self, *programs, **variables):
+        targets = [target for program in programs for target in program.targets]
+        return self._logged("ninja", "-j", str(self.jobs), "-C", str(self.build), *targets, **variables)
 
     def _run(self, program, tests, limit, *flags):
-        """The exit code, and the tests that failed."""
-        choice = f"--gtest_filter={tests}-{':'.join(program.left_out)}"
+        """The exit code, and the tests that failed; of those that did not end the last one."""
+        if not program.alone:
+            return self._run_once(program, ":".join(tests), limit, *flags)
+        code, failed = 0, []
+        for test in self._all_tests(program) if tests == ["*"] else tests:
+            one, _ = self._run_once(program, test, limit)
+            if one != 0:
+                code, failed = one, [*failed, test]
+                if "--gtest_fail_fast" in flags:
+                    break
+        return code, failed
+
+    def _run_once(self, program, tests, limit, *flags):
+        choice = [f"--gtest_filter={tests}-{':'.join(program.left_out)}", *flags]
+        code, text = self._output_of(program, limit, *([] if program.is_script() else choice))
+        failed = re.findall(r"^\[  FAILED  \] (\w[\w/.]*)(?:,| \()", text, re.MULTILINE)
+        begun = re.findall(r"^\[ RUN      \] (\w[\w/.]*)$", text, re.MULTILINE)
+        if code != 0 and begun and not re.search(r"^\[ +(?:OK|FAILED|SKIPPED) +\] " + re.escape(begun[-1]) + r"\b", text, re.MULTILINE):
+            failed.append(begun[-1])
+        return code, list(dict.fromkeys(failed))
+
+    def _output_of(self, program, limit, *arguments):
         with open(self.output, "w+", encoding="utf-8", errors="replace") as output:
-            command = [*map(str, program.command), *(["--gtest_brief=1", choice, *flags] if not program.is_script() else [])]
-            code = CHILDREN.run(contained(command), output, limit, cwd=self.build / program.folder)
+            code = CHILDREN.run(contained([*map(str, program.command), *arguments]), output, limit, cwd=self.build / program.folder)
             output.seek(0)
-            return code, re.findall(r"^\[  FAILED  \] (\w[\w/.]*)(?:,| \()", output.read(), re.MULTILINE)
+            return code, output.read()
+
+    def _all_tests(self, program):
+        """Without those that are left out."""
+        tests, suite = [], ""
+        for line in self._output_of(program, 60, "--gtest_list_tests")[1].splitlines():
+            name = line.split("#")[0].strip()
+            if line.startswith("  "):
+                tests.append(suite + name)
+            elif name.endswith("."):
+                suite = name
+        return [test for test in tests if test not in program.left_out and ".DISABLED_" not in test]
 
     def _measure(self, program):
         self._try_without_change(program)
-        known = {one.name: (one.seconds, one.left_out) for one in self.programs if one.seconds is not None}
+        self._keep_measured()
+
+    def _keep_measured(self):
+        known = {one.name: (one.seconds, one.left_out, one.alone, one.passing) for one in self.programs if one.seconds is not None or one.passing}
         self.measured.write_text(json.dumps({"for": self.valid_for, "programs": known}))
 
     def _try_without_change(self, program):
-        """What fails without a change is left out from now on; what cannot be run is not used."""
+        """What fails without a change is left out from now on, unless it passes in a process of its own; what cannot be
+        run is not used."""
         program.seconds = float("inf")
         if not self._builds(program):
             raise SystemExit(f"{program.name} is not built, see {self.log}")
         for _ in range(4):
             started = time.monotonic()
-            code, failed = self._run(program, "*", 300)
+            code, failed = self._run(program, ["*"], 300)
             if code == 0:
                 program.seconds = max(time.monotonic() - started, 0.01)
                 return
             if not failed:
                 break
-            program.left_out += failed
+            alone = [test for test in failed if self._run_once(program, test, 60)[0] == 0]
+            program.alone = program.alone or bool(alone)
+            program.left_out += [test for test in failed if test not in alone]
         print(f"{program.name} does not pass without a change and is not used", flush=True)
 
     def _kills(self, program):
         """Which test fails, now that there is a change; a program that fails once only is not believed."""
         limit = 15 + 5 * program.seconds
-        code, failed = self._run(program, "*", limit, "--gtest_fail_fast")
+        code, failed = self._run(program, ["*"], limit, "--gtest_fail_fast")
         if code is None:
-            return "time-out"
+            return failed[-1] if failed else "time-out"
         if code == 0:
             return None
         # By itself the test is quicker, but it may need those before it to fail.
-        fails_again = failed and self._run(program, ":".join(failed), limit)[0] != 0
-        if fails_again or self._run(program, "*", limit, "--gtest_fail_fast")[0] != 0:
+        fails_again = failed and self._run(program, failed, limit)[0] != 0
+        if fails_again or self._run(program, ["*"], limit, "--gtest_fail_fast")[0] != 0:
             return failed[0] if failed else f"exit code {code}"
         return None
+
+    def _remembered(self, mutant):
+        """The program and the test that have noticed this mutant before; no test: all of them."""
+        name, test = self.killers.of(mutant)
+        program = next((one for one in self.programs if one.name == name), None)
+        return program, test if program and "." in test else None
+
+    def _check_remembered(self, mutants):
+        """What is remembered only counts when it passes without a change."""
+        wanted = collections.defaultdict(set)
+        for program, test in map(self._remembered, mutants):
+            if test and test not in program.passing:
+                wanted[program].add(test)
+            elif program and not test and program.seconds is None:
+                self._measure(program)
+        if wanted and not self._builds(*wanted):
+            raise SystemExit(f"{', '.join(program.name for program in wanted)}: not built, see {self.log}")
+        for program, tests in wanted.items():
+            started = time.monotonic()
+            code, _ = self._run(program, sorted(tests), 120)
+            if code == 0:
+                program.passing.update(dict.fromkeys(tests, time.monotonic() - started))
+            for test in tests if code != 0 else ():
+                started = time.monotonic()
+                if self._run_once(program, test, 60)[0] == 0:
+                    program.passing[test] = time.monotonic() - started
+        self._keep_measured()
+
+    def _remembered_kills(self, mutant):
+        """What noticed it before, if that notices it again."""
+        program, test = self._remembered(mutant)
+        if program is None or (test not in program.passing if test else program.seconds == float("inf")) or not self._builds(program, CCACHE_DISABLE="1"):
+            return None
+        if test is None:
+            return self._kills(program)
+        return test if self._run_once(program, test, 10 + 5 * program.passing[test])[0] != 0 else None
 
     def _programs_of(self, file, stage):
         sources = self.includers(file) if file.endswith(".h") else {file}
@@ -211,10 +286,14 @@ class Worker:
             self.words[program.name] = {word for file in own for word in WORD.findall(self.texts[file])}
             self.uses.update(self.words[program.name])
 
-    def _judge(self, mutant, programs, stage):
+    def _judge(self, mutant, programs, stage, briefly):
         self._change(mutant)
-        limit = SECONDS[stage]
-        for program in self._in_order(mutant, programs)[: NEAREST if stage == NEAR else None]:
+        if stage == NEAR:
+            noticed = self._remembered_kills(mutant)
+            if noticed:
+                return "killed", f"{self._remembered(mutant)[0].name}: {noticed}"
+        count, limit = (BRIEFLY if briefly else (NEAREST if stage == NEAR else None, SECONDS[stage]))
+        for program in self._in_order(mutant, programs)[:count]:
             if program.name in self.tried[mutant]:
                 continue
             if program.seconds is None:
@@ -233,13 +312,16 @@ class Worker:
             self.tried[mutant].add(program.name)
         return "survived", ""
 
-    def judge(self, file, slots, stage, keep):
+    def judge(self, file, slots, stage, accepted, keep):
         """Judges of each slot the first mutant that is built; keep(mutant, result, by) is called for each."""
         programs = self._programs_of(file, stage)
         try:
+            if stage == NEAR:
+                self._restore(file)
+                self._check_remembered([mutant for slot in slots for mutant in slot])
             for slot in slots:
                 for mutant in slot:
-                    result, by = self._judge(mutant, programs, stage)
+                    result, by = self._judge(mutant, programs, stage, accepted(mutant))
                     keep(mutant, result, by)
                     if result != "not built":
                         break
