@@ -22,7 +22,7 @@ WORD = re.compile(r"[A-Za-z_]\w{4,}")
 NEAR, LINKED, REACHED = STAGES = 1, 2, 3
 NEAREST = 4  # programs
 BRIEFLY = 2, 20  # programs and seconds for a survivor that is accepted
-SECONDS = {NEAR: 300, LINKED: 300, REACHED: 120}  # that the programs of a stage may take without a change
+SECONDS = {NEAR: 60, LINKED: 120, REACHED: 60}  # that the programs of a stage may take without a change
 WHOLE_PROGRAMS = ("tests/tools", "tests/examples", "tests/integration")  # what tests more than one part
 
 
@@ -198,16 +198,17 @@ class Worker:
             raise SystemExit(f"{program.name} is not built, see {self.log}")
         for _ in range(4):
             started = time.monotonic()
-            code, failed = self._run(program, ["*"], 300)
+            code, failed = self._run(program, ["*"], max(SECONDS.values()))
             if code == 0:
                 program.seconds = max(time.monotonic() - started, 0.01)
                 return
-            if not failed:
+            if code is None or not failed:
                 break
             alone = [test for test in failed if self._run_once(program, test, 60)[0] == 0]
             program.alone = program.alone or bool(alone)
             program.left_out += [test for test in failed if test not in alone]
-        print(f"{program.name} does not pass without a change and is not used", flush=True)
+        how = "takes too long" if code is None else "does not pass"
+        print(f"{program.name} {how} without a change, only tests of it that are remembered are used", flush=True)
 
     def _kills(self, program):
         """Which test fails, now that there is a change; a program that fails once only is not believed."""

@@ -5,13 +5,16 @@
 #include "CertificateInterface/CheckedLookup.h"
 
 #include <gmock/gmock.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 
 #include "CertificateAuthority.h"
+#include "handles/Stdio.h"
 
 namespace {
 
@@ -186,12 +189,15 @@ TEST_F(CheckedLookupTest, LinksAndFolders)
     }
 }
 
+// What is looked up with each of these finds nothing, and the store is left empty.
+const std::vector<std::string> nothing = {"found: 0", "found: 0", "found: 0", "found: 0"};
+
 TEST_F(CheckedLookupTest, PathThatIsTooLongIsAFault)
 {
     wfoal::CheckedLookup lookup("/" + std::string(PATH_MAX - 11, 'x'));  // with a name it takes one byte too many
     const X509StorePtr store(X509_STORE_new());
     ASSERT_TRUE(lookup.attachTo(store.get()));
-    EXPECT_EQ((std::vector<std::string>{"found: 0", "found: 0", "found: 0", "found: 0"}), lookUp(store.get()));
+    EXPECT_EQ(nothing, lookUp(store.get()));
     EXPECT_TRUE(lookup.hasFault());
 }
 
@@ -217,7 +223,36 @@ TEST_F(CheckedLookupTest, FileThatCannotBeReadIsAFault)
     wfoal::CheckedLookup lookup(directory);
     const X509StorePtr store(X509_STORE_new());
     ASSERT_TRUE(lookup.attachTo(store.get()));
-    EXPECT_EQ((std::vector<std::string>{"found: 0", "found: 0", "found: 0", "found: 0"}), lookUp(store.get()));
+    EXPECT_EQ(nothing, lookUp(store.get()));
+    EXPECT_TRUE(lookup.hasFault());
+}
+
+// Is a regular file, but nobody may read it; the next file is not looked for.
+TEST_F(CheckedLookupTest, FileThatCannotBeOpenedIsAFaultAndEndsTheFiles)
+{
+    const char* const writeOnly = "/proc/sys/net/ipv4/route/flush";
+    ASSERT_TRUE(fs::is_regular_file(writeOnly));
+    ASSERT_EQ(nullptr, FilePtr(std::fopen(writeOnly, "re")));
+    fs::create_symlink(writeOnly, pathOf(mFirst, 0));
+    writeFile(pathOf(mSecond, 1), mSecond.pem());
+    wfoal::CheckedLookup lookup(directory);
+    const X509StorePtr store(X509_STORE_new());
+    ASSERT_TRUE(lookup.attachTo(store.get()));
+    EXPECT_EQ(nothing, lookUp(store.get()));
+    EXPECT_TRUE(lookup.hasFault());
+}
+
+// The name of the files comes from a hash, for which OpenSSL fetches an algorithm.
+TEST_F(CheckedLookupTest, NameThatCannotBeHashedIsAFault)
+{
+    writeFile(pathOf(mFirst, 0), mFirst.pem());
+    wfoal::CheckedLookup lookup(directory);
+    const X509StorePtr store(X509_STORE_new());
+    ASSERT_TRUE(lookup.attachTo(store.get()));
+    ASSERT_EQ(1, EVP_set_default_properties(nullptr, "provider=none"));
+    const std::vector<std::string> answers = lookUp(store.get());
+    ASSERT_EQ(1, EVP_set_default_properties(nullptr, ""));
+    EXPECT_EQ(nothing, answers);
     EXPECT_TRUE(lookup.hasFault());
 }
 
