@@ -19,6 +19,7 @@ CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "
 # Stages, each of which judges what the one before has not noticed: the few programs that are nearest to the source, those
 # of the same part that it is linked to, and what is left of those it is linked to or that load or start it.
 WORD = re.compile(r"[A-Za-z_]\w{4,}")
+INCLUDE = re.compile(r'^#include "(?:[^"]*/)?([^"/]+)"', re.MULTILINE)
 NEAR, LINKED, REACHED = STAGES = 1, 2, 3
 NEAREST = 4  # programs
 BRIEFLY = 2, 20  # programs and seconds for a survivor that is accepted
@@ -104,7 +105,7 @@ class Worker:
         self.texts = {}
         self.tried = collections.defaultdict(set)  # programs that have not noticed a mutant
         self.kills = collections.defaultdict(collections.Counter)  # of each program, for each source
-        self.words, self.uses = {}, collections.Counter()
+        self.words, self.includes, self.uses = {}, {}, collections.Counter()
         self._copy(top, files)
         self._configure()
         self.programs = list(graph.Graph(self.build, self.source).programs())
@@ -210,8 +211,8 @@ class Worker:
         how = "takes too long" if code is None else "does not pass"
         print(f"{program.name} {how} without a change, only tests of it that are remembered are used", flush=True)
 
-    def _kills(self, program):
-        """Which test fails, now that there is a change; a program that fails once only is not believed."""
+    def _kills(self, program, again=True):
+        """Which test fails, now that there is a change. With `again` a program that fails once only is not believed."""
         limit = 15 + 5 * program.seconds
         code, failed = self._run(program, ["*"], limit, "--gtest_fail_fast")
         if code is None:
@@ -219,8 +220,7 @@ class Worker:
         if code == 0:
             return None
         # By itself the test is quicker, but it may need those before it to fail.
-        fails_again = failed and self._run(program, failed, limit)[0] != 0
-        if fails_again or self._run(program, ["*"], limit, "--gtest_fail_fast")[0] != 0:
+        if not again or (failed and self._run(program, failed, limit)[0] != 0) or self._run(program, ["*"], limit, "--gtest_fail_fast")[0] != 0:
             return failed[0] if failed else f"exit code {code}"
         return None
 
@@ -257,7 +257,7 @@ class Worker:
         if program is None or (test not in program.passing if test else program.seconds == float("inf")) or not self._builds(program, CCACHE_DISABLE="1"):
             return None
         if test is None:
-            return self._kills(program)
+            return self._kills(program, again=False)
         return test if self._run_once(program, test, 10 + 5 * program.passing[test])[0] != 0 else None
 
     def _programs_of(self, file, stage):
@@ -268,15 +268,16 @@ class Worker:
         return linked
 
     def _in_order(self, mutant, programs):
-        """First what is named like the source; then what names most of the rare words of the changed function, and noticed
-        most other changes of the source."""
+        """First what is named like the source; then what includes its header; then what names most of the rare words of the
+        changed function, and noticed most other changes of the source."""
         stem, text = pathlib.Path(mutant.file).stem, self.texts[mutant.file]
         begin, end = text.rfind("\n}\n", 0, mutant.start) + 1, text.find("\n}\n", mutant.end)
         words = WORD.findall(text[begin : end if end >= 0 else len(text)])
 
         def place(program):
             known = sum(1 / self.uses[word] for word in set(words) & self.words[program.name])
-            return not program.name.startswith(stem), -known * (1 + self.kills[mutant.file][program.name]), program.seconds or 0
+            nearness = not program.name.startswith(stem), f"{stem}.h" not in self.includes[program.name]
+            return *nearness, -known * (1 + self.kills[mutant.file][program.name]), program.seconds or 0
 
         return sorted(programs, key=place)
 
@@ -285,6 +286,7 @@ class Worker:
         for program in self.programs:
             own = [file for file in program.linked if file.startswith("tests/") and not file.startswith(("tests/support", "tests/fakes"))]
             self.words[program.name] = {word for file in own for word in WORD.findall(self.texts[file])}
+            self.includes[program.name] = {name for file in own for name in INCLUDE.findall(self.texts[file])}
             self.uses.update(self.words[program.name])
 
     def _judge(self, mutant, programs, stage, briefly):

@@ -118,6 +118,19 @@ TEST_P(DurableFileTest, WhatAKilledProcessLeftIsNoObstacle)
     EXPECT_EQ(filesThere(), (Files{{"name", "second"}}));
 }
 
+TEST_P(DurableFileTest, ALinkInTheWayIsNotFollowed)
+{
+    const std::string elsewhere = "/tmp/durable-elsewhere";
+    std::ofstream(elsewhere) << "of another";
+    fs::create_symlink(elsewhere, std::string(folder) + "/name.new");
+    const wfoal::Check written = write("first");
+    EXPECT_EQ(static_cast<bool>(written), GetParam());
+    if (!written) {
+        EXPECT_EQ(written.reason(), std::string("open name.new: ") + std::strerror(ELOOP));
+    }
+    EXPECT_EQ(*wfoal::readWhole(elsewhere), "of another");
+}
+
 TEST_P(DurableFileTest, AFullDiskLeavesTheEarlierFile)
 {
     ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);

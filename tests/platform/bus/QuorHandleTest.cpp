@@ -15,6 +15,7 @@ using namespace testsupport;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 class QuorHandleTest : public QuorServiceTest {};
 
@@ -102,6 +103,7 @@ TEST_F(QuorHandleTest, NameThatIsTakenIsRefused)
     Error error;
     EXPECT_FALSE(QSRegister(serviceName, &handle, &error));
     EXPECT_EQ(-EEXIST, error.error_code);
+    EXPECT_EQ("the name com.example.service is taken", error.text());
     EXPECT_EQ(nullptr, handle);
     EXPECT_STREQ("QSRegister", error.func);
 }
@@ -184,6 +186,25 @@ TEST_F(QuorHandleTest, UnusableArgumentsAreErrors)
         EXPECT_STREQ("QSGmainAttach", e.func);
         EXPECT_NE(nullptr, e.file);
     }
+}
+
+TEST_F(QuorHandleTest, AnswerIsNoRequest)
+{
+    Service service;
+    Party client;
+    Mailbox errors;
+    const auto onAnswer = [](QSHandle* handle, QSMessage* answer, void* seen) {
+        Error ofReply;
+        EXPECT_FALSE(QSMessageReply(handle, answer, "{}", &ofReply));
+        Error ofSubscription;
+        EXPECT_FALSE(QSSubscriptionAdd(handle, "key", answer, &ofSubscription));
+        for (const Error* error : {&ofReply, &ofSubscription})
+            static_cast<Mailbox*>(seen)->put(std::to_string(error->error_code) + " " + error->text());
+        return true;
+    };
+    ASSERT_TRUE(QSCall(client.handle(), "vesk://com.example.service/echo", "{}", onAnswer, &errors, nullptr, nullptr));
+    const std::string invalid = std::to_string(-EINVAL);
+    EXPECT_THAT(errors.wait(2), ElementsAre(StartsWith(invalid + " "), invalid + " the message is no request"));
 }
 
 TEST_F(QuorHandleTest, CallbackIsNeverCalledFromInsideTheCall)

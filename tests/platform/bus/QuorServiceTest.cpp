@@ -15,6 +15,7 @@
 namespace {
 
 using namespace testsupport;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::SizeIs;
 
@@ -64,7 +65,8 @@ TEST_F(QuorServiceTest, OtherProgramsCanCallAServiceAndSeeWhatItOffers)
         {"busctl", "--system", "call", serviceName, "/", "com.vesk.JsonService1", "echo", "s", "{\"a\":1}"});
     EXPECT_EQ("s \"{\\\"a\\\":1}\"\n", answer.output);
     const auto offered = testsupport::runCommand({"busctl", "--system", "introspect", serviceName, "/one/two"});
-    EXPECT_NE(std::string::npos, offered.output.find("where")) << offered.output;
+    EXPECT_THAT(offered.output, ContainsRegex("\\.where +method +s +s"));
+    EXPECT_THAT(offered.output, ContainsRegex("\\.Push +signal +us"));
 }
 
 TEST_F(QuorServiceTest, RepliesCarryTheCallsToken)
