@@ -31,7 +31,7 @@ public:
     bool assign(const void* bytes, std::size_t size);
 
     /// The next message; null after the last complete one. Aligned, and valid until the next datagram. The bytes up to
-    /// its length rounded up to a multiple of four are readable.
+    /// its length rounded up to a multiple of four are readable; those behind the datagram are zero.
     const nlmsghdr* next();
 
 private:

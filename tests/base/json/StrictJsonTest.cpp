@@ -77,6 +77,10 @@ TEST(StrictJsonTest, ErrorsNameTheKeyByItsPath)
         {R"({"points":[{"x":1,"x":1}]})", "points[0].x: given twice"},
         {R"({"points":[{"x":1,"y":1}]})", "points[0].y: unknown key"},
         {"{\"points\":[{\"x\":1,\"a\\nb\":1}]}", "points[0].\"a?b\": unknown key"},
+        // Up to 40 characters stand as they are.
+        {R"({"kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk":1})", "kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk: unknown key"},
+        {R"({"kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk":1})",
+         "\"kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk...\": unknown key"},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(errorOf(text), expected) << text;
@@ -113,6 +117,16 @@ TEST(StrictJsonTest, EveryGoodTextIsAcceptedByItselfAndAsAValue)
         for (const std::string& whole : {text, "[" + text + "]", "{\"a\":" + text + "}"})
             EXPECT_NO_THROW(JsonDocument(whole.c_str())) << name << ": " << whole;
     }
+}
+
+TEST(StrictJsonTest, SurrogatesComeInPairsOnly)
+{
+    for (const char* text :
+         {R"("\ud800\udc00")", R"("\udbff\udfff")", R"("\ud83d\ude00\ud83d\ude00")", R"("\ue000\ud7ff")"})
+        EXPECT_NO_THROW(JsonDocument{text}) << text;
+    for (const char* text : {R"("\udc00")", R"("\u0041\udc00")", R"("\u0041\udfff")", R"("\n\udc00")",
+                             R"("\ud800\udc00\udc00")", R"("\ud800 \udc00")", R"("\ud800\ud800\udc00")"})
+        EXPECT_THROW(JsonDocument{text}, JsonError) << text;
 }
 
 TEST(StrictJsonTest, DeepNestingCostsNoStack)

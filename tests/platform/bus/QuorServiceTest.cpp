@@ -2,6 +2,7 @@
 //
 // Calls, subscriptions and the watch on a service, over a real bus daemon.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -238,6 +239,42 @@ TEST_F(QuorServiceTest, StatusIsToldOnceAtFirstAndThenOnChange)
     Service service;
     ASSERT_TRUE(QSRegisterServerStatus(client.handle(), serviceName, onStatus, &second, nullptr));
     EXPECT_THAT(second.wait(1), ElementsAre("com.example.service connected"));
+}
+
+TEST_F(QuorServiceTest, ServiceThatIsReplacedWasGoneInBetween)
+{
+    SdBusPtr first;
+    SdBusPtr second;
+    ASSERT_LE(0, obtain(first, [](sd_bus** bus) { return sd_bus_open_system(bus); }));
+    ASSERT_LE(0, obtain(second, [](sd_bus** bus) { return sd_bus_open_system(bus); }));
+    ASSERT_LE(0, sd_bus_request_name(first.get(), serviceName, SD_BUS_NAME_ALLOW_REPLACEMENT));
+    Mailbox statuses;
+    Party client;
+    ASSERT_TRUE(QSRegisterServerStatus(client.handle(), serviceName, onStatus, &statuses, nullptr));
+    EXPECT_THAT(statuses.wait(1), ElementsAre("com.example.service connected"));
+    ASSERT_LE(0, sd_bus_request_name(second.get(), serviceName, SD_BUS_NAME_REPLACE_EXISTING));
+    EXPECT_THAT(statuses.wait(3), ElementsAre("com.example.service connected", "com.example.service gone",
+                                              "com.example.service connected"));
+}
+
+TEST_F(QuorServiceTest, RequestTellsTheUserWhoSentIt)
+{
+    Service service;
+    Party client;
+    Mailbox replies;
+    static QSMethod methods[] = {{"who",
+                                  [](QSHandle* handle, QSMessage* request, void*) {
+                                      unsigned int user = ~0U;
+                                      EXPECT_TRUE(QSMessageGetSenderUid(request, &user));
+                                      EXPECT_FALSE(QSMessageGetSenderUid(request, nullptr));
+                                      EXPECT_FALSE(QSMessageGetSenderUid(nullptr, &user));
+                                      EXPECT_EQ(geteuid(), user);
+                                      return QSMessageReply(handle, request, "{}", nullptr);
+                                  }},
+                                 {nullptr, nullptr}};
+    ASSERT_TRUE(QSRegisterCategory(service.handle(), "/sender", methods, nullptr, nullptr, nullptr));
+    call(client, "sender/who", "{}", replies);
+    EXPECT_THAT(replies.wait(1), ElementsAre("{}"));
 }
 
 TEST_F(QuorServiceTest, BusRestartIsSurvivedByBothSides)

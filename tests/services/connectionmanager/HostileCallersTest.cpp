@@ -88,6 +88,16 @@ protected:
         file >> kibibytes;
         return kibibytes;
     }
+    /// What becomes of a user's subscriptions once the service knows who has left. The bus tells it, which is not to be
+    /// waited for with one call.
+    static void expectInTheEnd(const std::string& expected, int connections, int each)
+    {
+        std::string result;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (result != expected && std::chrono::steady_clock::now() < end)
+            result = Subscribers(65534, connections, each).result();
+        EXPECT_EQ(expected, result);
+    }
 
     ChildProcess mBus;
     ChildProcess mService;
@@ -118,14 +128,29 @@ TEST_F(HostileCallersTest, WhoeverLeavesGivesHisQuotaBack)
         const Subscribers more(65534, 1, 1);
         EXPECT_THAT(more.result(), HasSubstr("0 accepted, the service refused the request: user 65534 has 128"));
     }
-    // The bus tells the service of it, which is not to be waited for with one call.
-    std::string result;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (result != "128 accepted, none refused" && std::chrono::steady_clock::now() < end) {
-        const Subscribers again(65534, 2, 64);
-        result = again.result();
-    }
-    EXPECT_EQ("128 accepted, none refused", result);
+    expectInTheEnd("128 accepted, none refused", 2, 64);
+}
+
+TEST_F(HostileCallersTest, WhoeverLeavesTakesNothingFromTheCountOfTheOthers)
+{
+    const Subscribers staying(65534, 1, 1);
+    EXPECT_EQ("1 accepted, none refused", staying.result());
+    EXPECT_EQ("1 accepted, none refused", Subscribers(65534, 1, 1).result());
+    expectInTheEnd(
+        "127 accepted, the service refused the request: user 65534 has 128 subscriptions already, the most for one "
+        "user",
+        2, 64);
+}
+
+TEST_F(HostileCallersTest, WhoeverLeavesAfterARestartOfTheBusGivesHisQuotaBack)
+{
+    EXPECT_EQ("1 accepted, none refused", Subscribers(65534, 1, 1).result());
+    mBus.sendSignal(SIGKILL);
+    mBus.wait();
+    mBus = testsupport::startSystemBus();
+    testsupport::waitForBusName(serviceName, mService);
+    EXPECT_EQ("128 accepted, none refused", Subscribers(65534, 2, 64).result());
+    expectInTheEnd("128 accepted, none refused", 2, 64);
 }
 
 TEST_F(HostileCallersTest, OneConnectionHasAQuotaOfItsOwn)

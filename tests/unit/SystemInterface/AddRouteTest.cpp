@@ -70,6 +70,17 @@ TEST_F(AddRouteTest, ListEndsAtANullPointerAndCallsAddUp)
     EXPECT_EQ(request(""), appliedRequest());
 }
 
+TEST_F(AddRouteTest, RoutesThatFollowAnApplyAreInTheNextRequestOnly)
+{
+    add({"10.1.0.0", "255.255.0.0", "10.8.0.1", 1});
+    const std::string before = appliedRequest();
+    add({"10.2.0.0", "255.255.0.0", "10.8.0.1", 2});
+    EXPECT_EQ(request(R"( "additionalIfRoutes": [ { "ip": "10.2.0.0", "netmask": "255.255.0.0", )"
+                      R"("gateway": "10.8.0.1", "metric": 2 } ])"),
+              appliedRequest());
+    EXPECT_THAT(before, testing::HasSubstr("10.1.0.0"));
+}
+
 TEST_F(AddRouteTest, DestinationAllZeroesSetsTheDefaultGatewayFlag)
 {
     add({"0.0.0.0", "0.0.0.0", "10.8.0.1", 0});

@@ -119,6 +119,18 @@ TEST(NetlinkDatagramTest, ALastMessageOfOddLengthIsReadWithoutLeavingTheDatagram
     }
 }
 
+TEST(NetlinkDatagramTest, BehindALastMessageOfOddLengthNothingIsLeftOfAnEarlierDatagram)
+{
+    NetlinkDatagram datagram;
+    const std::string longer = messageBytes(16, "abcdefgh");
+    ASSERT_TRUE(datagram.assign(longer.data(), longer.size()));
+    const std::string shorter = headerBytes(17, 17) + "A";
+    ASSERT_TRUE(datagram.assign(shorter.data(), shorter.size()));
+    const nlmsghdr* const message = datagram.next();
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(message + 1), 4), std::string("A\0\0\0", 4));
+}
+
 TEST(NetlinkDatagramTest, MessagesOfOddLengthAreAligned)
 {
     NetlinkDatagram datagram;
