@@ -16,14 +16,14 @@ import graph
 
 CONFIGURATION = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -w", "-DCMAKE_C_FLAGS_DEBUG=-O0 -w", "-DWFOAL_WERROR=OFF",
                  "-DWFOAL_QUICK_TESTS=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
-# Stages, each of which judges what the one before has not noticed: the few programs that are nearest to the source, those
-# of the same part that it is linked to, and what is left of those it is linked to or that load or start it.
+# Stages, each of which judges what the one before has not noticed: of the programs that the source is linked to, or that
+# load or start what it is linked to, the few that are nearest; the others; and those that test more than one part.
 WORD = re.compile(r"[A-Za-z_]\w{4,}")
 INCLUDE = re.compile(r'^#include "(?:[^"]*/)?([^"/]+)"', re.MULTILINE)
-NEAR, LINKED, REACHED = STAGES = 1, 2, 3
+NEAR, PART, WHOLE = STAGES = 1, 2, 3
 NEAREST = 4  # programs
 BRIEFLY = 2, 20  # programs and seconds for a survivor that is accepted
-SECONDS = {NEAR: 60, LINKED: 120, REACHED: 60}  # that the programs of a stage may take without a change
+SECONDS = {NEAR: 60, PART: 120, WHOLE: 60}  # that the programs of a stage may take without a change
 WHOLE_PROGRAMS = ("tests/tools", "tests/examples", "tests/integration")  # what tests more than one part
 
 
@@ -262,10 +262,7 @@ class Worker:
 
     def _programs_of(self, file, stage):
         sources = self.includers(file) if file.endswith(".h") else {file}
-        linked = [program for program in self.programs if program.linked & sources and not program.folder.startswith(WHOLE_PROGRAMS)]
-        if stage == REACHED:
-            return [program for program in self.programs if program.reached & sources and program not in linked]
-        return linked
+        return [program for program in self.programs if program.reached & sources and program.folder.startswith(WHOLE_PROGRAMS) == (stage == WHOLE)]
 
     def _in_order(self, mutant, programs):
         """First what is named like the source; then what includes its header; then what names most of the rare words of the
