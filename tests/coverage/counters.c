@@ -6,7 +6,8 @@
 // A forked child starts with counters of zero, or what its parent has counted would count twice.
 //
 // kill(PID, SIGKILL) asks the other process to write its counters and to kill itself; it dies of the same signal, a few
-// milliseconds later. One that does not is killed. What a debugger, the kernel or a shell kills is not counted.
+// milliseconds later. One that does not is killed. What a debugger traces, and what the kernel or a shell kills, is not
+// counted.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -88,7 +89,8 @@ __attribute__((constructor)) static void prepare(void)
     pthread_atfork(NULL, NULL, &resetAll);
 }
 
-// Whether the process has the handler above.
+// Whether the process has the handler above, and can run it: one that is traced stops for its tracer, who is about to
+// kill it.
 static int canBeAsked(pid_t process)
 {
     char path[64];
@@ -96,11 +98,13 @@ static int canBeAsked(pid_t process)
     FILE* const status = fopen(path, "re");
     if (status == NULL) return 0;
     unsigned long long caught = 0;
+    int tracer = 0;
     char line[256];
     while (fgets(line, sizeof line, status) != NULL && sscanf(line, "SigCgt: %llx", &caught) != 1) {
+        sscanf(line, "TracerPid: %d", &tracer);
     }
     fclose(status);
-    return (int)(caught >> (askingSignal() - 1) & 1);
+    return tracer == 0 && (caught >> (askingSignal() - 1) & 1) != 0;
 }
 
 static int askToDie(pid_t process)
