@@ -8,6 +8,9 @@ exceptions and where it can prove that a way is never taken, are left out.
 build/coverage/uncovered.txt lists each line and branch that no test reaches, "FILE:LINE: TEXT". Those that need no test
 stand in tests/full/uncovered.txt, with their reason: "FILE: TEXT -- REASON", where a * stands for anything.
 
+After the tests the fault sweep runs, with few calls of each kind and a log that lets nothing through: it reaches what
+is done about calls that fail. What it finds is the part "faults" to say.
+
 Left out are the tests that only read or compile sources, or build trees of their own: nothing that is counted runs in
 them. The rows of tests/devices.sh and the packages are no tests of this build at all.
 """
@@ -49,6 +52,8 @@ def runTests():
     os.environ["GCOV_ERROR_FILE"] = str(errors)
     os.umask(0)
     counts, notes = suite.runTests("coverage", ["-E", UNCOUNTED])
+    environment = {**os.environ, "VKLOG_LEVEL": "0", "FIGURES": os.devnull}
+    subprocess.run(["tests/faults/run", BUILD, "--dense", "3", "--no-glib"], env=environment, check=False)
     lines = len(errors.read_text(encoding="utf-8", errors="replace").splitlines())
     return [*suite.rowsOf("coverage", counts), figures.row("errors in writing counters", lines, lines == 0, "0")], notes
 

@@ -42,6 +42,7 @@ std::map<std::string, int> callsOf(const std::string& steps)
     std::map<std::string, int> counts;
     std::ifstream trace("/tmp/calls");
     for (std::string line; std::getline(trace, line);) {
+        if (line.find(".gcda\"") != std::string::npos) break;  // a build with counters writes them when all is done
         std::istringstream words(line);
         std::string process, call;
         words >> process >> call;

@@ -166,6 +166,38 @@ TEST_F(CertificateStoreTest, FileMustBeRegularAndReadableAndNotTooLarge)
     expectNothingInstalled();
 }
 
+// Nobody is asked for a password.
+TEST_F(CertificateStoreTest, EncryptedCertificateAndWhatIsNoFileAreNotTheInstalledOne)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    fs::create_directories(certificates + "folder.pem");
+    fs::create_directories(keys);
+    std::string pem = mIdentity.pem();
+    pem.insert(pem.find('\n') + 1,
+               "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,000102030405060708090A0B0C0D0E0F\n\n");
+    writeFile(certificates + "encrypted.pem", pem);
+    writeFile(keys + "rsaencrypted.pem", mIdentity.keyPem());
+    EXPECT_EQ(InstallError::None, install());
+    EXPECT_EQ(InstallError::AlreadyInstalled, install());
+}
+
+TEST_F(CertificateStoreTest, FolderThatCannotBeMadeOrOpenedIsNamed)
+{
+    writeFile(bundlePath, mIdentity.pkcs12("secret"));
+    writeFile("/var/ssl", std::string("in the way"));
+    auto outcome = mStore.install(bundlePath, "secret");
+    EXPECT_EQ(InstallError::NotStored, outcome.error);
+    EXPECT_THAT(outcome.text, HasSubstr("/var/ssl/"));
+    EXPECT_THAT(outcome.text, HasSubstr("Not a directory"));
+    fs::remove("/var/ssl");
+    fs::create_directories("/var/ssl/certs");
+    writeFile("/var/ssl/private", std::string("in the way"));
+    outcome = mStore.install(bundlePath, "secret");
+    EXPECT_EQ(InstallError::NotStored, outcome.error);
+    EXPECT_THAT(outcome.text, HasSubstr("/var/ssl/private"));
+    EXPECT_THAT(filesIn(certificates), IsEmpty());
+}
+
 TEST_F(CertificateStoreTest, FullDiskLeavesNothingBehind)
 {
     for (const std::string& folder : {keys, certificates}) {

@@ -55,6 +55,7 @@ public:
     }
     std::size_t size() const { return reinterpret_cast<const nlmsghdr*>(mBuffer)->nlmsg_len; }
     Snapshot snapshot() const { return snapshotOf(size()); }
+    bool mayChange() const { return mayChangeSnapshot(*reinterpret_cast<const nlmsghdr*>(mBuffer)); }
     /// Of the first `length` bytes, in memory of just that size.
     Snapshot snapshotOf(std::size_t length) const
     {
@@ -108,6 +109,54 @@ TEST(SnapshotTest, LinkIsReadWithItsFlags)
     EXPECT_THAT(linkMessage(IFF_UP | IFF_RUNNING).snapshot().links, ElementsAre(Link{7, "eth0", true, true}));
     EXPECT_THAT(linkMessage(IFF_UP).snapshot().links, ElementsAre(Link{7, "eth0", true, false}));
     EXPECT_THAT(linkMessage(0).snapshot().links, ElementsAre(Link{7, "eth0", false, false}));
+}
+
+TEST(SnapshotTest, LinkWithoutANameThatEndsIsNotRead)
+{
+    ifinfomsg header{};
+    header.ifi_index = 7;
+    EXPECT_THAT(Message(RTM_NEWLINK, &header, sizeof header).snapshot().links, IsEmpty());
+    EXPECT_THAT(Message(RTM_NEWLINK, &header, sizeof header).bytes(IFLA_IFNAME, "eth0", 4).snapshot().links, IsEmpty());
+}
+
+TEST(SnapshotTest, AddressOfAnotherFamilyIsNotRead)
+{
+    ifaddrmsg header{};
+    header.ifa_family = AF_INET6;
+    header.ifa_index = 7;
+    const Message message = Message(RTM_NEWADDR, &header, sizeof header).number(IFA_LOCAL, htonl(0x0a000002));
+    EXPECT_THAT(message.snapshot().addresses, IsEmpty());
+}
+
+TEST(SnapshotTest, RoutesOfAnotherFamilyOrKindAreNotRead)
+{
+    rtmsg header{};
+    header.rtm_table = RT_TABLE_MAIN;
+    for (const auto& [family, type] : {std::pair{AF_INET6, RTN_UNICAST}, std::pair{AF_INET, RTN_BLACKHOLE}}) {
+        header.rtm_family = static_cast<unsigned char>(family);
+        header.rtm_type = static_cast<unsigned char>(type);
+        const Message message = Message(RTM_NEWROUTE, &header, sizeof header).number(RTA_OIF, 7);
+        EXPECT_THAT(message.snapshot().defaultRoutes, IsEmpty());
+        EXPECT_FALSE(message.mayChange());
+    }
+}
+
+TEST(SnapshotTest, MessageOfAnotherKindChangesNothing)
+{
+    const rtmsg header{};
+    for (const std::uint16_t type : {RTM_NEWRULE, RTM_NEWNEIGH}) {
+        const Message message(type, &header, sizeof header);
+        const Snapshot snapshot = message.snapshot();
+        EXPECT_THAT(snapshot.links, IsEmpty());
+        EXPECT_THAT(snapshot.addresses, IsEmpty());
+        EXPECT_THAT(snapshot.defaultRoutes, IsEmpty());
+        EXPECT_FALSE(message.mayChange());
+    }
+    EXPECT_TRUE(linkMessage(0).mayChange());
+    EXPECT_TRUE(addressMessage(RT_SCOPE_UNIVERSE).mayChange());
+    EXPECT_TRUE(routeMessage().mayChange());
+    EXPECT_FALSE(routeMessage(24).mayChange());
+    EXPECT_FALSE(Message(RTM_DELROUTE, &header, 4).mayChange());
 }
 
 TEST(SnapshotTest, AddressIsReadUnlessOnlyTheLinkOrTheHostKnowsIt)
