@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // PKCS#12 import from end to end: vpnoalctl, the plug-in, a real bus and the real certificate manager.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -10,6 +11,7 @@
 #include "CertificateAuthority.h"
 #include "ChildProcess.h"
 #include "Daemons.h"
+#include "Files.h"
 #include "Isolation.h"
 
 namespace {
@@ -140,12 +142,16 @@ TEST_F(CertificateImportTest, BundleWithTooManyIterationsLeavesTheServiceUsable)
 TEST_F(CertificateImportTest, OnlyRootMayInstall)
 {
     if (testsupport::isInUserNamespace()) GTEST_SKIP() << "a plain user namespace has no second user";
-    startService();
+    const UniqueFd log(open("/tmp/certificatemanager.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    mService = ChildProcess({"env", "VKLOG_TARGET=stderr", WFOAL_BUILD_DIR "/bin/vesk-certificatemanager"}, log.get());
+    testsupport::waitForBusName(serviceName, mService);
     const CommandResult result =
         runCommand({"setpriv", "--reuid", "65534", "--clear-groups", "busctl", "--system", "call", serviceName, "/",
                     "com.vesk.JsonService1", "addcertificate", "s",
                     "{\"certificateFilename\":\"/tmp/client.pfx\",\"passphrase\":\"secret\"}"});
     EXPECT_THAT(result.output, HasSubstr("only root may install certificates"));
+    EXPECT_EQ("certificatemanager[3]: addcertificate: refused, the caller is not root\n",
+              testsupport::contentOf("/tmp/certificatemanager.log"));
     EXPECT_FALSE(fs::exists("/var/ssl/certs"));
 }
 

@@ -79,6 +79,8 @@ TEST_F(CertificateStoreTest, InstallsCertificateAndKeyUnderNamesThatBelongTogeth
     EXPECT_EQ(mIdentity.keyPem(), contentOf(keyFiles[0]));
     EXPECT_EQ(fs::perms(0600), fs::status(keyFiles[0]).permissions());
     EXPECT_EQ(fs::perms(0700), fs::status(keys).permissions());
+    EXPECT_EQ(fs::perms(0755), fs::status(certificates).permissions());
+    EXPECT_EQ(fs::perms(0755), fs::status("/var/ssl").permissions());
 }
 
 TEST_F(CertificateStoreTest, SecondInstallationOfTheSameCertificateIsADuplicate)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The connection manager as its users meet it: the program on a real bus, over a real kernel.
+#include <fcntl.h>
 #include <glib.h>
 #include <gmock/gmock.h>
 #include <json-c/json.h>
@@ -14,6 +15,7 @@
 
 #include "ChildProcess.h"
 #include "Daemons.h"
+#include "Files.h"
 #include "JsonTexts.h"
 #include "LoopThread.h"
 #include "quorservice.h"
@@ -154,6 +156,20 @@ TEST_F(ConnectionManagerTest, ReplyIsNotStaleRightAfterAChange)
     subscribe();
     EXPECT_THAT(section(mStatuses.wait(1).at(0), "wifi"), HasSubstr(R"("state":"connected","onInternet":"yes")"));
     EXPECT_THAT(settled(), SizeIs(1));  // and is not pushed once more
+}
+
+TEST_F(ConnectionManagerTest, EachNewStatusIsLogged)
+{
+    mService.stop();
+    const UniqueFd log(open("/tmp/connectionmanager.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    mService = ChildProcess({"env", "VKLOG_TARGET=stderr", WFOAL_BUILD_DIR "/bin/vesk-connectionmanager"}, log.get());
+    testsupport::waitForBusName(serviceName, mService);
+    subscribe();
+    mStatuses.wait(1);
+    wifiUp();
+    ASSERT_TRUE(wifiBecomes(R"("onInternet":"yes")"));
+    EXPECT_THAT(testsupport::contentOf("/tmp/connectionmanager.log"),
+                HasSubstr("connectionmanager[6]: " + mStatuses.all().back() + "\n"));
 }
 
 TEST_F(ConnectionManagerTest, ChangesArePushedWithAddressAndName)

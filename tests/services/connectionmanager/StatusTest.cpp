@@ -110,6 +110,11 @@ TEST(StatusTest, JsonHoldsNamesOnlyOfWhatIsConnected)
               toJson({{true, true, "eth0", "10.0.0.2"}, nothing}));
 }
 
+TEST(StatusTest, JsonOfARefusalHoldsCodeAndReason)
+{
+    EXPECT_EQ(R"({"returnValue":false,"errorCode":1,"errorText":"no \"thing\""})", refusalToJson("no \"thing\""));
+}
+
 }  // namespace
 
 }  // namespace connectionmanager
