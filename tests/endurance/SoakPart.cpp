@@ -80,6 +80,8 @@ public:
         testsupport::writeFile("/var/ssl/private/rsauser.pem", user.keyPem());
         makeInterface("norvatun0");
         addVethPair("eth0", "peer-eth0", "192.0.2.10/24");
+        // Addresses that come by themselves would come after the first look.
+        shell("for d in eth0 peer-eth0; do ip link set $d addrgenmode none; ip -6 address flush dev $d; done");
         shell("ip link set peer-eth0 up; ip route add default via 192.0.2.1 dev eth0 metric 100");
         startAll();
         mInitial = networkSnapshot() + "turn\n";
@@ -121,10 +123,18 @@ private:
     void startAll()
     {
         mBus = startBus();
-        mResolved = startDaemon(Daemon::resolved);
-        if (daemonUnavailable(Daemon::elogind).empty()) mLogind = startDaemon(Daemon::elogind);
+        startResolvedAndLogind();
         startService(mConnectionManager, "connectionmanager");
         startService(mCertificateManager, "certificatemanager");
+    }
+
+    void startResolvedAndLogind()
+    {
+        std::vector<Daemon> daemons{Daemon::resolved};
+        if (daemonUnavailable(Daemon::elogind).empty()) daemons.push_back(Daemon::elogind);
+        std::vector<ChildProcess> started = startDaemons(daemons);
+        mResolved = std::move(started.front());
+        if (started.size() > 1) mLogind = std::move(started.back());
     }
 
     static void startService(ChildProcess& service, const std::string& name)
@@ -160,8 +170,7 @@ private:
             killNow(mResolved);  // it would come back to the bus only after seconds
             if (mLogind.pid() > 0) mLogind.stop();
             mBus = startBus();
-            mResolved = startDaemon(Daemon::resolved);
-            if (daemonUnavailable(Daemon::elogind).empty()) mLogind = startDaemon(Daemon::elogind);
+            startResolvedAndLogind();
             break;
         case Victim::resolved:
             killNow(mResolved);

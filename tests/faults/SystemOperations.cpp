@@ -198,10 +198,14 @@ class DisposeApplied : public WithTunnel {
     }
 };
 
-/// Loads the plug-in, starts and stops the event side.
+/// Loads the plug-in, starts and stops the event side. It keeps its registration on the bus and its loop on purpose:
+/// here, where the bus library stays loaded, a socket and an eventfd each time.
 class Load : public Operation {
-    // Without an event thread the registration on the bus stays on purpose.
-    bool keepsAfter(Function function) const override { return function == Function::PthreadCreate; }
+    // Without an event thread more of it stays, and a loop whose eventfd GLib could not get has two ends of a pipe.
+    bool keepsAfter(Function function) const override
+    {
+        return function == Function::PthreadCreate || function == Function::GlibMemory;
+    }
     int act() override
     {
         void* library = dlopen(WFOAL_BUILD_DIR "/lib/libVpnWfOal.so", RTLD_NOW | RTLD_LOCAL);

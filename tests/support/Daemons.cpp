@@ -161,15 +161,26 @@ std::string mountResolvconf()
 
 ChildProcess startDaemon(Daemon daemon)
 {
-    const DaemonRow& row = rowOf(daemon);
-    const UniqueFd log = createLog(row.name);
-    ChildProcess process({script, "run", row.name}, log.get());
-    try {
-        waitForBusName(row.busName, process);
-    } catch (const std::runtime_error& error) {
-        throw std::runtime_error(std::string(error.what()) + "\n" + logOf(row.name));
+    return std::move(startDaemons({daemon}).front());
+}
+
+std::vector<ChildProcess> startDaemons(const std::vector<Daemon>& daemons)
+{
+    std::vector<ChildProcess> processes;
+    for (const Daemon daemon : daemons) {
+        const DaemonRow& row = rowOf(daemon);
+        const UniqueFd log = createLog(row.name);
+        processes.push_back(ChildProcess({script, "run", row.name}, log.get()));
     }
-    return process;
+    for (std::size_t i = 0; i < daemons.size(); ++i) {
+        const DaemonRow& row = rowOf(daemons[i]);
+        try {
+            waitForBusName(row.busName, processes[i]);
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error(std::string(error.what()) + "\n" + logOf(row.name));
+        }
+    }
+    return processes;
 }
 
 }  // namespace testsupport
