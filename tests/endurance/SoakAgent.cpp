@@ -21,26 +21,10 @@
 
 #include "AgentObjects.h"
 #include "CertificateAuthority.h"
+#include "KeptRecords.h"
 #include "LoadedPlugin.h"
 #include "handles/UniqueFd.h"
 #include "kest/StoragePlugin.h"
-
-namespace {
-
-std::atomic<long> sKeptBytes{0};
-constexpr long blockHeader = 8;
-
-}  // namespace
-
-// The plug-in allocates route records by this function, and keeps them on purpose. It finds the program's first.
-#pragma GCC visibility push(default)
-extern "C" gpointer g_try_malloc0(gsize size)
-{
-    void* const block = std::calloc(1, size);
-    if (block != nullptr) sKeptBytes += static_cast<long>(malloc_usable_size(block)) + blockHeader;
-    return block;
-}
-#pragma GCC visibility pop
 
 namespace endurance {
 
@@ -272,7 +256,7 @@ private:
     {
         restore();
         mReport.bytes = static_cast<long>(mallinfo2().uordblks);
-        mReport.keptBytes = sKeptBytes.load();
+        mReport.keptBytes = keptRecordBytes();
         mReport.isPaused = true;
         while (mShared.pauses)
             usleep(1000);
@@ -291,7 +275,8 @@ private:
     KEST_StoragePlugin* const mpStorage = static_cast<KEST_StoragePlugin*>(mPlugin.create(KEST_STORAGE_INTERFACE));
     const Identity mRoot = makeIdentity({"Root", 1, true});
     const std::vector<unsigned char> mGood = makeIdentity({"vpn.example", 2}, &mRoot).der();
-    const std::vector<unsigned char> mBad = makeIdentity({"vpn.example", 3}).der();
+    const Identity mStranger = makeIdentity({"Stranger", 6, true});
+    const std::vector<unsigned char> mBad = makeIdentity({"vpn.example", 3}, &mStranger).der();
     const std::vector<unsigned char> mBundle = makeIdentity({"client", 4}).pkcs12("secret");
     std::string mContent;
     bool mHasFile = false;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -61,7 +62,7 @@ struct Holdings {
     long inhibitors = 0;  // of all, where there is logind
     std::array<long, soakAgents> threads{};
     std::array<long, soakAgents> descriptors{};  // without those that are kept on purpose
-    std::array<long, soakAgents> unexplained{};  // bytes
+    std::array<long, soakAgents> bytes{};        // of memory, without the records that are kept on purpose
     std::string state;                           // network, filter, undo log
 };
 
@@ -104,7 +105,6 @@ public:
         for (long stage = 0; stage < stages; ++stage) {
             mpShared->left += mOperations * (stage + 1) / stages - mOperations * stage / stages;
             if (stage < static_cast<long>(mVictims.size())) restart(mVictims.at(static_cast<std::size_t>(stage)));
-            if (stage % 10 == 0) changeAccessNetwork();
             waitForOperations();
             if ((stage + 1) * pauses / stages == stage * pauses / stages) continue;
             const Holdings now = holdings();
@@ -114,6 +114,7 @@ public:
                 compare(first, now, "after " + std::to_string(operations()) + " operations");
             }
             mLast = now;
+            changeAccessNetwork();
         }
         report(first);
         return mResult;
@@ -190,7 +191,14 @@ private:
     // The agents hear of it by the connection manager.
     void changeAccessNetwork()
     {
-        shell("ip link set eth0 down; ip link set eth0 up; ip route replace default via 192.0.2.1 dev eth0 metric 100");
+        const auto isConnected = [] {
+            return outputOf("busctl --system call com.vesk.connectionmanager / com.vesk.JsonService1 getStatus s {}")
+                       .find("eth0") != std::string::npos;
+        };
+        shell("ip link set eth0 down");
+        mResult.expect(comesTrue([&] { return !isConnected(); }), "the access network stays up");
+        shell("ip link set eth0 up; ip route replace default via 192.0.2.1 dev eth0 metric 100");
+        mResult.expect(comesTrue(isConnected), "the access network stays down");
     }
 
     long operations() const
@@ -266,9 +274,11 @@ private:
             const std::string process = "/proc/" + std::to_string(mAgents.at(number));
             now.threads.at(number) = countIn(process + "/task");
             now.descriptors.at(number) = countIn(process + "/fd") - report.keptDescriptors;
-            now.unexplained.at(number) = report.bytes - report.keptBytes;
+            now.bytes.at(number) = report.bytes;
         }
         now.state = state();
+        std::fprintf(stderr, "%ld operations: %ld and %ld bytes of memory beside route records\n", operations(),
+                     now.bytes.front(), now.bytes.back());
         mpShared->pauses = false;
         comesTrue([this] {
             return std::none_of(std::begin(mpShared->reports), std::end(mpShared->reports),
@@ -291,9 +301,9 @@ private:
             mResult.expect(now.descriptors.at(number) <= first.descriptors.at(number),
                            when + ": descriptors" + agent + ": " + std::to_string(first.descriptors.at(number)) +
                                ", then " + std::to_string(now.descriptors.at(number)));
-            mResult.expect(now.unexplained.at(number) - first.unexplained.at(number) <= mostUnexplained,
+            mResult.expect(now.bytes.at(number) - first.bytes.at(number) <= mostUnexplained,
                            when + ": bytes" + agent + " that nothing explains: " +
-                               std::to_string(now.unexplained.at(number) - first.unexplained.at(number)));
+                               std::to_string(now.bytes.at(number) - first.bytes.at(number)));
         }
         mResult.expectSame(mInitial, now.state, when);
     }
@@ -307,7 +317,7 @@ private:
             refused += agent.refused;
             events += agent.events;
             kept += agent.keptBytes;
-            unexplained += mLast.unexplained.at(number) - first.unexplained.at(number);
+            unexplained += mLast.bytes.at(number) - first.bytes.at(number);
             for (long failure = 0; failure < agent.failures; ++failure)
                 mResult.fail("agent " + std::to_string(number) + ", its first: " + agent.firstFailure);
         }

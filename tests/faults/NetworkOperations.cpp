@@ -36,8 +36,9 @@ protected:
     };
 
     /// What a request that succeeds may leave in the undo log, to be removed later: DNS settings while systemd-resolved
-    /// does not answer, or a guard that is no longer wanted.
-    enum class Rest { None, Dns, Guard };
+    /// does not answer, or a guard that is no longer wanted. Entry: one that is refused may leave the entry alone,
+    /// which the next request removes.
+    enum class Rest { None, Dns, Guard, Entry };
 
     Request(Step before, Step request, Rest rest = Rest::None) : mBefore(before), mRequest(request), mRest(rest)
     {
@@ -60,7 +61,8 @@ protected:
             expect(state == mDone || isDoneButRest(state), "done, but not all of it: " + state.differenceTo(mDone));
             return;
         }
-        const bool isPending = !state.undoLog.empty() && (disturbance.isForEver || mRest == Rest::Dns);
+        const bool isPending =
+            !state.undoLog.empty() && (disturbance.isForEver || mRest == Rest::Dns || mRest == Rest::Entry);
         expect(isPending || state == mStart, "refused, but changed: " + state.differenceTo(mStart));
     }
     void end() override
@@ -73,7 +75,8 @@ protected:
 private:
     bool isDoneButRest(const NetworkState& state) const
     {
-        if (mRest == Rest::None || state.undoLog.empty() || state.links != mDone.links) return false;
+        if (mRest == Rest::None || mRest == Rest::Entry || state.undoLog.empty() || state.links != mDone.links)
+            return false;
         return mRest == Rest::Dns ? state.filter == mDone.filter : state.dns == mDone.dns;
     }
 
@@ -104,7 +107,7 @@ struct ReplaceFilter : Request {
     ReplaceFilter() : Request({VkFirewallFullCtrl, filter}, {VkFirewallFullCtrl, otherFilter}) {}
 };
 struct RemoveFilter : Request {
-    RemoveFilter() : Request({VkFirewallFullCtrl, filter}, {VkFirewallFullCtrl, noFilter}) {}
+    RemoveFilter() : Request({VkFirewallFullCtrl, filter}, {VkFirewallFullCtrl, noFilter}, Rest::Entry) {}
 };
 
 class GetContext : public Operation {
