@@ -117,7 +117,7 @@ private:
         }
     }
 
-    void apply()
+    bool apply()
     {
         RouteToAdd route("10." + std::to_string(number(20, 60)) + ".0.0");
         KEST_SystemPluginRoute* routes[] = {&route};
@@ -129,8 +129,12 @@ private:
                                       FILTER_DIRECTION_OUT, "norvatun0", FILTER_ACTION_ACCEPT);
         ++mReport.keptDescriptors;
         // The other agent may own the tunnel, and systemd-resolved may be restarting.
-        ++(mpSystem->ApplyConfiguration() == PLUGIN_SUCCESS ? mReport.applied : mReport.refused);
+        const bool isApplied = mpSystem->ApplyConfiguration() == PLUGIN_SUCCESS;
+        ++(isApplied ? mReport.applied : mReport.refused);
+        return isApplied;
     }
+
+    void applySome() { apply(); }
 
     void restore() { expect(mpSystem->RestoreSystemConfiguration() == PLUGIN_SUCCESS, "a restore fails"); }
 
@@ -251,9 +255,12 @@ private:
                "a file is not mapped");
     }
 
-    // With nothing installed, until the run goes on.
+    // With nothing installed, until the run goes on. DNS settings that were removed while systemd-resolved was down
+    // leave a thread, which ends with the next ones. The other agent may own the tunnel for a moment.
     void pause()
     {
+        for (int attempt = 0; attempt < 500 && !apply(); ++attempt)
+            usleep(10'000);
         restore();
         mReport.bytes = static_cast<long>(mallinfo2().uordblks);
         mReport.keptBytes = keptRecordBytes();
@@ -283,7 +290,7 @@ private:
 };
 
 constexpr SoakAgent::Share SoakAgent::shares[] = {
-    {60, &SoakAgent::apply},
+    {60, &SoakAgent::applySome},
     {120, &SoakAgent::restore},
     {125, &SoakAgent::import},
     {225, &SoakAgent::verify},

@@ -272,7 +272,7 @@ private:
         for (std::size_t number = 0; number < soakAgents; ++number) {
             const SoakReport& report = mpShared->reports[number];
             const std::string process = "/proc/" + std::to_string(mAgents.at(number));
-            now.threads.at(number) = countIn(process + "/task");
+            now.threads.at(number) = settled([&] { return countIn(process + "/task"); });
             now.descriptors.at(number) = countIn(process + "/fd") - report.keptDescriptors;
             now.bytes.at(number) = report.bytes;
         }
