@@ -176,9 +176,9 @@ private:
 
     void makeAndDispose()
     {
-        KEST_SocketPlugin* const other = mPlugin.createSocket();
-        expect(other != nullptr, "no socket object");
-        mPlugin.dispose(other);
+        mPlugin.dispose(mpSocket);
+        mpSocket = mPlugin.createSocket();
+        expect(mpSocket != nullptr, "no socket object");
     }
 
     void listRoutes()
@@ -262,6 +262,7 @@ private:
         for (int attempt = 0; attempt < 500 && !apply(); ++attempt)
             usleep(10'000);
         restore();
+        choose();  // an agent that is bound to the access network hears when it goes
         mReport.bytes = static_cast<long>(mallinfo2().uordblks);
         mReport.keptBytes = keptRecordBytes();
         mReport.isPaused = true;
@@ -277,7 +278,7 @@ private:
     LoadedPlugin mPlugin;
     CountingCallback mCallback;
     KEST_SystemPlugin* const mpSystem = mPlugin.createSystem();
-    KEST_SocketPlugin* const mpSocket = mPlugin.createSocket();
+    KEST_SocketPlugin* mpSocket = mPlugin.createSocket();
     KEST_CertPlugin* const mpCertificates = mPlugin.createCertificates();
     KEST_StoragePlugin* const mpStorage = static_cast<KEST_StoragePlugin*>(mPlugin.create(KEST_STORAGE_INTERFACE));
     const Identity mRoot = makeIdentity({"Root", 1, true});

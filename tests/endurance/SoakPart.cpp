@@ -36,7 +36,7 @@ constexpr int allOperations = 1'000'000;
 constexpr int busRestarts = 1000;
 constexpr int otherRestarts = 200;  // of systemd-resolved and of each service
 constexpr int pauses = 20;
-constexpr long mostUnexplained = 64L * 1024;  // bytes of one agent
+constexpr long mostUnexplained = 16L * 1024;  // bytes of one agent
 constexpr auto longestWait = std::chrono::seconds(60);
 
 enum class Victim { bus, resolved, connectionManager, certificateManager };

@@ -32,6 +32,7 @@ inline void expect(bool isTrue, const std::string& what)
 struct Disturbance {
     bool isUndisturbed = true;
     bool isForEver = false;
+    bool isOfGlib = false;  // a call of GLib's own failed
 };
 
 /// The result of an operation that leaves by an exception.

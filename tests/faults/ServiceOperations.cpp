@@ -98,10 +98,11 @@ protected:
         return output;
     }
 
-    /// The exit code. GLib stops at a breakpoint when it gets no memory or no thread; that is told apart.
-    static void expectOrderlyEnd(int status)
+    /// The exit code. GLib stops at a breakpoint when it gets no memory or no thread, and aborts without memory for a
+    /// lock; that is told apart.
+    static void expectOrderlyEnd(int status, const Disturbance& disturbance)
     {
-        if (status == 128 + SIGTRAP) {
+        if (status == 128 + SIGTRAP || (disturbance.isOfGlib && status == 128 + SIGABRT)) {
             std::puts("glib");
             return;
         }
@@ -132,13 +133,14 @@ protected:
     // While each call fails it may go on trying; then it comes up when they succeed.
     void judge(int result, const Disturbance& disturbance) override
     {
-        if (result == ended) return expectOrderlyEnd(mProcess.wait());
+        if (result == ended) return expectOrderlyEnd(mProcess.wait(), disturbance);
         if (result == neither) {
             expect(disturbance.isForEver, "it neither comes up nor ends");
             expect(awaitStart(longestReturn) == up, "it does not come up when calls succeed again");
         }
         const std::string reply = askUntilItAnswers();
-        if (!mProcess.running()) return expectOrderlyEnd(mProcess.wait());  // it had its name, but not the answer
+        if (!mProcess.running())
+            return expectOrderlyEnd(mProcess.wait(), disturbance);  // it had its name, but not the answer
         expect(reply.find("returnValue") != std::string::npos, "it is up, but says " + reply);
     }
     void end() override

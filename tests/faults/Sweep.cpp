@@ -38,6 +38,11 @@ long locksOf(const std::string& process)
     return count;
 }
 
+bool isOfGlib(const Place& place)
+{
+    return place.function == static_cast<int>(Function::GlibMemory);
+}
+
 const char* modeOf(bool isForEver)
 {
     return isForEver ? "from-then-on" : "once";
@@ -103,7 +108,7 @@ int Sweep::cycle(const Disturbance& disturbance, const Place* place)
     const bool isDocumented = isUndisturbed ? result == mEntry.undisturbed : mEntry.documented.count(result) != 0;
     try {
         expect(isDocumented, "the result " + std::to_string(result) + what);
-        mOperation.judge(result, {isUndisturbed, disturbance.isForEver});
+        mOperation.judge(result, {isUndisturbed, disturbance.isForEver, disturbance.isOfGlib});
     } catch (const Finding&) {
         mOperation.end();
         throw;
@@ -147,7 +152,7 @@ void Sweep::expectNoLeak(const Place& place, const Holdings& before)
     for (int repeat = 0; repeat < repeats; ++repeat) {
         if ((now - last).isWithin(allowed)) return;
         last = now;
-        cycle({false, place.isForEver}, &place);
+        cycle({false, place.isForEver, isOfGlib(place)}, &place);
         cycle({}, nullptr);
         now = Holdings::of(mOperation);
     }
@@ -175,7 +180,7 @@ bool Sweep::attempt(const Place& place)
     std::fflush(stdout);
     try {
         const Holdings before = Holdings::of(mOperation);
-        const int result = cycle({false, place.isForEver}, &place);
+        const int result = cycle({false, place.isForEver, isOfGlib(place)}, &place);
         const bool isStruck = mOperation.control().struck != 0;
         if (!isStruck) return false;
         ++mStruck;
