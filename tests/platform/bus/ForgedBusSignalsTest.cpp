@@ -5,6 +5,7 @@
 
 #include "Attacker.h"
 #include "QuorServiceFixture.h"
+#include "SignalMatch.h"
 
 namespace {
 
@@ -50,6 +51,21 @@ TEST_F(ForgedBusSignalsTest, ForgedPushIsIgnored)
     }
     service.push(R"({"state":1})");
     EXPECT_THAT(pushes.wait(2), ElementsAre(R"({"state":0})", R"({"state":1})"));
+}
+
+// Several processes may own such a name in turn, and each of them would be believed.
+TEST_F(ForgedBusSignalsTest, RuleForANameThatIsNotOfOneSenderIsRefused)
+{
+    SdBusPtr bus;
+    ASSERT_LE(0, obtain(bus, [](sd_bus** made) { return sd_bus_open_system(made); }));
+    const auto resultFor = [&bus](const char* sender) {
+        return systembus::SignalMatch(bus.get(), {sender, "/", "com.example", "Changed", {}}, [](sd_bus_message*) {})
+            .result();
+    };
+    EXPECT_EQ(-EINVAL, resultFor("com.example.service"));
+    EXPECT_EQ(-EINVAL, resultFor(""));
+    EXPECT_EQ(0, resultFor(":1.1"));
+    EXPECT_EQ(0, resultFor(systembus::daemonName));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // Handles of the service bus: what they leave, what they refuse, and when their callbacks are over.
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,6 +96,27 @@ TEST_F(QuorHandleTest, DescriptorIsCloseOnExec)
     Party client;
     const auto listed = testsupport::runCommand({"ls", "-l", "/proc/self/fd"});
     EXPECT_EQ(std::string::npos, listed.output.find("socket:")) << listed.output;
+}
+
+// Neither while nothing arrives, nor between the attempts to reach a bus that is gone.
+TEST_F(QuorHandleTest, IdleHandleLeavesTheProcessorAlone)
+{
+    using std::chrono::milliseconds;
+    const auto usedTime = [] {
+        timespec used{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+        return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+    };
+    Mailbox replies;
+    Party client;
+    for (const bool isConnected : {true, false}) {
+        if (!isConnected) mBus.stop();
+        call(client, "echo", "{}", replies);
+        replies.wait(isConnected ? 1 : 2);
+        const auto before = usedTime();
+        std::this_thread::sleep_for(milliseconds(1000));
+        EXPECT_LT(usedTime() - before, milliseconds(100)) << (isConnected ? "with" : "without") << " a bus";
+    }
 }
 
 TEST_F(QuorHandleTest, NameThatIsTakenIsRefused)
