@@ -121,6 +121,23 @@ TEST_F(QuorMemoryTest, ServiceWithoutMemoryComesBackWithItsMethods)
     EXPECT_LT(nth, moreThanThereAre);
 }
 
+// A bus that has restarted gets its objects and its name anew.
+TEST_F(QuorMemoryTest, ServiceComesBackWhenMemoryRunsOutWhileItConnectsAnew)
+{
+    int nth = 1;
+    for (bool hasStruck = true; hasStruck && nth < moreThanThereAre; nth += 3) {
+        Service service;
+        const LoopShortage shortage(service.thread(), nth);
+        restartBus();
+        const Party client;
+        expectCallsToSucceed(client, nth);
+        if (HasFailure()) return;
+        hasStruck = shortage.hasStruck();
+    }
+    EXPECT_GT(nth, 10);
+    EXPECT_LT(nth, moreThanThereAre);
+}
+
 TEST_F(QuorMemoryTest, WatchOnAServiceIsMadeAnew)
 {
     const Service service;
