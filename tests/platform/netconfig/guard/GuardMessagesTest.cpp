@@ -3,12 +3,17 @@
 // The guard's messages next to what nft makes of the same rules in its own language: the kernel must hold the same.
 #include "guard/GuardMessages.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
 #include <fstream>
 #include <regex>
 
 #include "KernelState.h"
+#include "guard/AgentConnections.h"
+#include "handles/UniqueFd.h"
 
 using namespace vknetconfig;
 using namespace testsupport;
@@ -93,4 +98,31 @@ TEST(GuardMessagesTest, NetworksAndConnectionsOfBothFamiliesPass)
                         "meta nfproto ipv6 accept\nip6 daddr 2001:db8::9 accept\n"
                         "ip6 daddr 2001:db8:9::7 tcp dport 443 accept\n") +
             ipv6Link);
+}
+
+TEST(AgentConnectionsTest, FarEndsOfTcpAndUdpSocketsAreFoundOnceEach)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const far = reinterpret_cast<sockaddr*>(&address);
+    const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(listener.get(), far, length), 0);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    ASSERT_EQ(getsockname(listener.get(), far, &length), 0);
+    const UniqueFd tcp(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(tcp.get(), far, length), 0);
+    const UniqueFd udp(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(udp.get(), far, length), 0);
+    const UniqueFd again(fcntl(udp.get(), F_DUPFD_CLOEXEC, 0));
+    const UniqueFd unconnected(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+
+    wfoal::GuardRules rules;
+    rules.ifName = "vpn0";
+    const std::string before = rules.encode();
+    addAgentConnections(rules);
+    const std::string port = std::to_string(ntohs(address.sin_port));
+    EXPECT_EQ(rules.encode(),
+              before + "connection 6 " + port + " 127.0.0.1/32\nconnection 17 " + port + " 127.0.0.1/32\n");
 }

@@ -215,6 +215,14 @@ TEST_F(OwnershipTest, AFilterThatAnEndedProcessLeftIsReplacedWithoutBeingRemoved
     expectAllGone();
 }
 
+TEST_F(OwnershipTest, TheUndoLogNamesWhatIsInstalledAndNothingEarlier)
+{
+    // One of two routes is replaced.
+    const RunningDriver owner({"add", "/tmp/first.json", "add", "/tmp/second.json"});
+    EXPECT_EQ(outputOf("grep -c '^route ' /run/vknetconfig/interface-vpn0*.journal"), "2\n");
+    EXPECT_EQ(outputOf("ip route show dev vpn0 proto 119 | wc -l"), "2\n");
+}
+
 TEST_F(OwnershipTest, WhatIsInstalledAndRemovedIsLogged)
 {
     EXPECT_EQ(outputOf(driver("add /tmp/first.json delete vpn0")),
