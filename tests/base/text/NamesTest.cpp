@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "text/Suggest.h"
+
 using namespace wfoal;
 
 TEST(NamesTest, InterfaceNameIsOneToFifteenPlainCharacters)
@@ -47,4 +49,23 @@ TEST(NamesTest, RefusedDomainNameIsNamedWithItsReason)
         ASSERT_FALSE(check) << name;
         EXPECT_NE(check.reason().find("is no domain name"), std::string::npos) << check.reason();
     }
+}
+
+TEST(NamesTest, NearestNameDiffersInAThirdOfItsLettersAtMost)
+{
+    const struct {
+        const char* word;
+        const char* nearest;
+    } cases[] = {
+        {"abc", "abc"},      {"ABC", "abc"},
+        {"abd", "abc"},      {"abxc", "abc"},
+        {"ac", "abc"},       {"axy", ""},
+        {"abcxy", ""},       {"routes", "routes"},
+        {"route", "routes"}, {"ruotes", "routes"},
+        {"ruotse", ""},      {"interface", "interfaces"},
+        {"a", ""},           {"", ""},
+    };
+    for (const auto& example : cases)
+        EXPECT_EQ(nearest(example.word, {"abc", "routes", "interfaces"}), example.nearest) << example.word;
+    EXPECT_EQ(nearest("abd", {"abce", "abc", "abe"}), "abc") << "the first of the nearest";
 }
