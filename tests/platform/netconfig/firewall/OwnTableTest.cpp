@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Tables that change between the look at them and the transaction that replaces them, and what the kernel refuses.
+#include "firewall/OwnTable.h"
+
+#include <gmock/gmock.h>
+#include <linux/netlink.h>
+
+#include "ErrorOf.h"
+#include "KernelState.h"
+#include "firewall/FirewallMessages.h"
+#include "guard/GuardMessages.h"
+#include "undolog/Subjects.h"
+
+using namespace vknetconfig;
+using testing::HasSubstr;
+using testing::Not;
+using testsupport::errorOf;
+using testsupport::outputOf;
+using testsupport::run;
+
+namespace {
+
+constexpr char label[] = "vpn.vpnoal";
+constexpr std::uint64_t goneHandle = 99999;
+constexpr TableFound none{};
+constexpr TableFound gone{TableState::Ours, goneHandle};
+int sAttempts = 0;
+
+// Adds what the kernel always refuses.
+template <bool isAboutTheTables>
+class RefusedMessages {
+public:
+    RefusedMessages(NftTransaction& transaction, const std::string&)
+    {
+        ++sAttempts;
+        addTableRemoval(transaction, goneHandle);
+    }
+    static std::string subjectOf(std::size_t) { return "it"; }
+    static bool isAboutTables(std::size_t) { return isAboutTheTables; }
+};
+
+class OwnTableTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        run("nft flush ruleset");
+        sAttempts = 0;
+    }
+    void TearDown() override { run("nft flush ruleset"); }
+
+    static FirewallRequest filter(const char* chain)
+    {
+        FirewallRequest request;
+        request.label = label;
+        request.chain = chain;
+        return request;
+    }
+    static std::string tables() { return outputOf("nft list ruleset"); }
+
+    NetlinkSocket mSocket{NETLINK_NETFILTER, "nftables"};
+};
+
+TEST_F(OwnTableTest, TableThatCameMeanwhileIsReplaced)
+{
+    replaceTable<FirewallMessages>(mSocket, label, none, filter("FIRST"));
+    ASSERT_THAT(tables(), HasSubstr("chain FIRST"));
+    replaceTable<FirewallMessages>(mSocket, label, none, filter("SECOND"));
+    EXPECT_THAT(tables(), HasSubstr("chain SECOND"));
+    EXPECT_THAT(tables(), Not(HasSubstr("chain FIRST")));
+}
+
+TEST_F(OwnTableTest, TableThatWentMeanwhileIsMissedByNobody)
+{
+    replaceTable<FirewallMessages>(mSocket, label, gone, filter("FIRST"));
+    EXPECT_THAT(tables(), HasSubstr("chain FIRST"));
+    EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, gone); }), "no error");
+    EXPECT_THAT(tables(), HasSubstr("chain FIRST"));
+}
+
+TEST_F(OwnTableTest, TableOfAnotherProgramThatCameMeanwhileStays)
+{
+    run(std::string("nft add table inet ") + label);
+    const std::string before = tables();
+    for (const TableFound& seen : {none, gone}) {
+        EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<FirewallMessages>(mSocket, label, seen, filter("FIRST")); }),
+                  "label: the table inet vpn.vpnoal is there already and is not ours");
+    }
+    EXPECT_EQ(tables(), before);
+}
+
+TEST_F(OwnTableTest, GuardThatCameOrWentMeanwhileIsReplaced)
+{
+    GuardRules rules;
+    rules.ifName = "vpn0";
+    rules.rejectsIpv6 = true;
+    const std::string guard = wfoal::guardTable(rules.ifName);
+    replaceTable<GuardMessages>(mSocket, guard, gone, rules);
+    const std::string installed = tables();
+    EXPECT_THAT(installed, HasSubstr("table inet " + guard));
+    replaceTable<GuardMessages>(mSocket, guard, none, rules);
+    EXPECT_EQ(tables(), installed);
+    run("nft flush ruleset; nft add table inet " + guard);
+    EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<GuardMessages>(mSocket, guard, none, rules); }),
+              "label: the table inet " + guard + " is there already and is not ours");
+}
+
+TEST_F(OwnTableTest, RefusalThatIsNotAboutTheTablesEndsItAtOnce)
+{
+    EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<RefusedMessages<false>>(mSocket, label, none, ""); }),
+              "nftables: it: No such file or directory");
+    EXPECT_EQ(sAttempts, 1);
+}
+
+TEST_F(OwnTableTest, TablesThatChangeAllTheTimeEndItAfterFiveAttempts)
+{
+    EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<RefusedMessages<true>>(mSocket, label, none, ""); }),
+              "nftables: it: No such file or directory");
+    EXPECT_EQ(sAttempts, 5);
+}
+
+// The parts of a guard, by the number of the message that the kernel refused.
+TEST_F(OwnTableTest, SubjectsAreNamed)
+{
+    NftTransaction transaction(mSocket);
+    GuardRules rules;
+    rules.ifName = "vpn0";
+    const GuardMessages guard(transaction, rules);
+    EXPECT_EQ(guard.subjectOf(0), "guard: the kernel");
+    EXPECT_EQ(guard.subjectOf(1), "guard: the table");
+    EXPECT_EQ(guard.subjectOf(2), "guard: the rules");
+    EXPECT_FALSE(guard.isAboutTables(0));
+    EXPECT_TRUE(guard.isAboutTables(1));
+    EXPECT_FALSE(guard.isAboutTables(2));
+}
+
+}  // namespace
