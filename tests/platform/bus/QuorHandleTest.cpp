@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Message.h"
 #include "QuorServiceFixture.h"
 
 namespace {
@@ -228,6 +230,36 @@ TEST_F(QuorHandleTest, AnswerIsNoRequest)
     ASSERT_TRUE(QSCall(client.handle(), "vesk://com.example.service/echo", "{}", onAnswer, &errors, nullptr, nullptr));
     const std::string invalid = std::to_string(-EINVAL);
     EXPECT_THAT(errors.wait(2), ElementsAre(StartsWith(invalid + " "), invalid + " the message is no request"));
+}
+
+TEST_F(QuorHandleTest, MissingArgumentsAreNamed)
+{
+    Service service;
+    const auto expect = [](const char* text, const std::function<bool(QSError*)>& call) {
+        Error error;
+        EXPECT_FALSE(call(&error)) << text;
+        EXPECT_EQ(QS_ERROR_BAD_ARGUMENT, error.error_code) << text;
+        EXPECT_EQ(text, error.text());
+    };
+    QSHandle* const handle = service.handle();
+    QSMessage notARequest{};
+    expect("no callback",
+           [&](QSError* error) { return QSRegisterServerStatus(handle, serviceName, nullptr, nullptr, error); });
+    expect("the service is no bus name",
+           [&](QSError* error) { return QSRegisterServerStatus(handle, nullptr, onStatus, nullptr, error); });
+    expect("the category is no path",
+           [&](QSError* error) { return QSRegisterCategory(handle, nullptr, nullptr, nullptr, nullptr, error); });
+    expect("no request", [&](QSError* error) { return QSMessageReply(handle, nullptr, "{}", error); });
+    expect("no key or no request", [&](QSError* error) { return QSSubscriptionAdd(handle, nullptr, nullptr, error); });
+    expect("no key or no request", [&](QSError* error) { return QSSubscriptionAdd(handle, "key", nullptr, error); });
+    expect("no key", [&](QSError* error) { return QSSubscriptionReply(handle, nullptr, "{}", error); });
+    unsigned user = 4711;
+    EXPECT_FALSE(QSMessageGetSenderUid(nullptr, &user));
+    EXPECT_FALSE(QSMessageGetSenderUid(&notARequest, &user));
+    EXPECT_EQ(4711u, user);
+    EXPECT_TRUE(QSErrorInit(nullptr));
+    EXPECT_EQ(nullptr, QSMessageGetPayload(nullptr));
+    EXPECT_EQ(0u, QSMessageGetResponseToken(nullptr));
 }
 
 TEST_F(QuorHandleTest, CallbackIsNeverCalledFromInsideTheCall)
