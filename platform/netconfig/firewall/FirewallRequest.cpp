@@ -2,6 +2,7 @@
 #include "firewall/FirewallRequest.h"
 
 #include <string_view>
+#include <tuple>
 
 #include "RequestError.h"
 #include "text/Names.h"
@@ -124,16 +125,19 @@ constexpr JsonField<RawRequest> requestFields[] = {
 
 bool operator==(const FirewallRule& left, const FirewallRule& right)
 {
-    return left.source == right.source && left.destination == right.destination && left.protocol == right.protocol &&
-           left.direction == right.direction && left.interfaceName == right.interfaceName &&
-           left.sourcePort == right.sourcePort && left.destinationPort == right.destinationPort &&
-           left.verdict == right.verdict;
+    const auto values = [](const FirewallRule& rule) {
+        return std::tie(rule.source, rule.destination, rule.protocol, rule.direction, rule.interfaceName,
+                        rule.sourcePort, rule.destinationPort, rule.verdict);
+    };
+    return values(left) == values(right);
 }
 
 bool operator==(const FirewallRequest& left, const FirewallRequest& right)
 {
-    return left.label == right.label && left.chain == right.chain && left.remove == right.remove &&
-           left.rules == right.rules;
+    const auto values = [](const FirewallRequest& request) {
+        return std::tie(request.label, request.chain, request.remove, request.rules);
+    };
+    return values(left) == values(right);
 }
 
 FirewallRequest parseFirewallRequest(const char* json)

@@ -4,7 +4,10 @@
 #include "firewall/OwnTable.h"
 
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 #include <linux/netlink.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "ErrorOf.h"
 #include "KernelState.h"
@@ -117,6 +120,52 @@ TEST_F(OwnTableTest, TablesThatChangeAllTheTimeEndItAfterFiveAttempts)
     EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<RefusedMessages<true>>(mSocket, label, none, ""); }),
               "nftables: it: No such file or directory");
     EXPECT_EQ(sAttempts, 5);
+}
+
+// As a process that is not root's: the kernel asks both who opened the socket and who sends.
+class WithoutPrivilege {
+public:
+    WithoutPrivilege()
+    {
+        change([](std::uint32_t effective) { return effective & ~(1U << CAP_NET_ADMIN); });
+    }
+    ~WithoutPrivilege()
+    {
+        change([](std::uint32_t effective) { return effective | 1U << CAP_NET_ADMIN; });
+    }
+    WithoutPrivilege(const WithoutPrivilege&) = delete;
+    WithoutPrivilege& operator=(const WithoutPrivilege&) = delete;
+
+private:
+    template <class Change>
+    static void change(Change change)
+    {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+        EXPECT_EQ(syscall(SYS_capget, &header, sets), 0);
+        sets[0].effective = change(sets[0].effective);
+        EXPECT_EQ(syscall(SYS_capset, &header, sets), 0);
+    }
+};
+
+TEST_F(OwnTableTest, RefusalOfTheKernelIsToldAndChangesNothing)
+{
+    replaceTable<FirewallMessages>(mSocket, label, none, filter("FIRST"));
+    const TableFound ours = findOwnTable(mSocket, label);
+    const std::string before = tables();
+    GuardRules rules;
+    rules.ifName = "vpn0";
+    {
+        const WithoutPrivilege refused;
+        EXPECT_EQ(
+            errorOf<RequestError>([&] { replaceTable<FirewallMessages>(mSocket, label, ours, filter("SECOND")); }),
+            "nftables: the kernel: Operation not permitted");
+        EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<GuardMessages>(mSocket, "guard", none, rules); }),
+                  "nftables: guard: the kernel: Operation not permitted");
+        EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, ours); }),
+                  "nftables: the kernel: Operation not permitted");
+    }
+    EXPECT_EQ(tables(), before);
 }
 
 // The parts of a guard, by the number of the message that the kernel refused.
