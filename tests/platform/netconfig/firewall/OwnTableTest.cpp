@@ -77,7 +77,7 @@ TEST_F(OwnTableTest, TableThatWentMeanwhileIsMissedByNobody)
 {
     replaceTable<FirewallMessages>(mSocket, label, gone, filter("FIRST"));
     EXPECT_THAT(tables(), HasSubstr("chain FIRST"));
-    EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, gone); }), "no error");
+    EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, label, gone); }), "no error");
     EXPECT_THAT(tables(), HasSubstr("chain FIRST"));
 }
 
@@ -162,7 +162,7 @@ TEST_F(OwnTableTest, RefusalOfTheKernelIsToldAndChangesNothing)
             "nftables: the kernel: Operation not permitted");
         EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<GuardMessages>(mSocket, "guard", none, rules); }),
                   "nftables: guard: the kernel: Operation not permitted");
-        EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, ours); }),
+        EXPECT_EQ(errorOf<RequestError>([&] { removeTable(mSocket, label, ours); }),
                   "nftables: the kernel: Operation not permitted");
     }
     EXPECT_EQ(tables(), before);
