@@ -232,7 +232,7 @@ void Session::setTunnel()
 void Session::chooseInterface()
 {
     std::array<char, 32> name{};
-    unsigned int size = mInput.byte() % (name.size() + 1);
+    auto size = static_cast<unsigned int>(mInput.byte() % (name.size() + 1));
     checkResult(mSocket->GetPreferredInterface(size, name.data(), nullptr));
 }
 
@@ -262,7 +262,7 @@ void Session::loadFile()
 {
     const KEST_FileLocation where = location();
     std::array<unsigned char, 128> buffer{};
-    unsigned int size = mInput.byte() % (buffer.size() + 1);
+    auto size = static_cast<unsigned int>(mInput.byte() % (buffer.size() + 1));
     const unsigned int room = size;
     const PluginResult result = mStorage->LoadFile(where, fileName(), buffer.data(), size);
     checkResult(result);
