@@ -25,8 +25,8 @@ constexpr char verifyFunction[] = "VerifyServerCertificate";
 
 using NameBuffer = std::array<char, 256>;
 
-// Check that the directory exists, because OpenSSL accepts one that does not. A path that ends like this is a
-// directory's.
+// Check that the directory exists, because OpenSSL accepts one that does not. The path ends with a slash, so that
+// stat() finds nothing but a directory.
 bool loadTrustedDirectory(X509_STORE* store)
 {
     struct stat status {};
