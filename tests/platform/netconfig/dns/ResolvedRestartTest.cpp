@@ -163,15 +163,16 @@ TEST_F(ResolvedRestartTest, ARestartOfTheBusBeforeTheWatcherListensIsSurvived)
 
 TEST_F(ResolvedRestartTest, AfterFiveTimesInAMinuteItGivesWay)
 {
+    // The watcher removes what is pending, sets again and counts under one lock, which undo() takes.
+    const Link peer{static_cast<int>(if_nametoindex("veth1")), "veth1"};
+    const DnsSettings others = settings({"10.8.0.3"}, {"other.test"}, false);
+    const std::string prepared = dns.prepare(peer, others);
     dns.set(link(), tunnel, dns.prepare(link(), tunnel));
     for (int count = 0; count < 5; ++count) {
         restartForgetful();
         ASSERT_TRUE(comesTrue([] { return shown("domain") == "corp.test lab.test"; })) << count;
+        dns.undo(prepared);
     }
-    // The watcher removes what is pending before it sets anything again, both under one lock, which undo() takes.
-    const Link peer{static_cast<int>(if_nametoindex("veth1")), "veth1"};
-    const DnsSettings others = settings({"10.8.0.3"}, {"other.test"}, false);
-    const std::string prepared = dns.prepare(peer, others);
     dns.set(peer, others, prepared);
     resolved.stop();
     dns.undo(prepared);
