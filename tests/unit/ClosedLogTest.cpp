@@ -3,10 +3,8 @@
 // What is not logged changes nothing: operations that log, with each kind of fault that a caller, a file or the
 // platform can cause, have the same result when the threshold lets nothing through.
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -16,6 +14,7 @@
 #include "CertificateInterface/ImportReply.h"
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
+#include "ResourceLimits.h"
 
 namespace {
 
@@ -42,28 +41,6 @@ protected:
         EXPECT_EQ(open, operation()) << name;
         EXPECT_THAT(fakes::logLines(), IsEmpty()) << name;
     }
-};
-
-// As on a full disk: files can be made, but nothing written into them.
-class NoFileGrows {
-public:
-    NoFileGrows() : mSignalHandler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        getrlimit(RLIMIT_FSIZE, &mBefore);
-        const rlimit none{0, mBefore.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &none);
-    }
-    ~NoFileGrows()
-    {
-        setrlimit(RLIMIT_FSIZE, &mBefore);
-        std::signal(SIGXFSZ, mSignalHandler);
-    }
-    NoFileGrows(const NoFileGrows&) = delete;
-    NoFileGrows& operator=(const NoFileGrows&) = delete;
-
-private:
-    void (*mSignalHandler)(int);
-    rlimit mBefore{};
 };
 
 // ---- import -------------------------------------------------------------------------------------------------------
@@ -146,7 +123,7 @@ TEST_F(ClosedLogOfImportsTest, Staging)
         compare(name, block, operation);
     }
     compare("a full disk", prepare, [this] {
-        const NoFileGrows limit;
+        const testsupport::NoFileGrows limit;
         return import();
     });
 }

@@ -3,11 +3,9 @@
 // Importing a PKCS#12 bundle, with a certificate manager that answers as each test says.
 #include <gmock/gmock.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +23,7 @@
 #include "FakeQuorService.h"
 #include "FakeVkLog.h"
 #include "Files.h"
+#include "ResourceLimits.h"
 
 // Fulfilled when an import begins to wait. It holds the mutex, which a newer import needs, until it waits.
 static std::atomic<std::promise<void>*> sImportWaits{nullptr};
@@ -54,28 +53,6 @@ struct JoinAtEnd {
     {
         if (thread.joinable()) thread.join();
     }
-};
-
-// As on a full disk: files can be made, but nothing written into them.
-class NoFileGrows {
-public:
-    NoFileGrows() : mSignalHandler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        getrlimit(RLIMIT_FSIZE, &mBefore);
-        const rlimit none{0, mBefore.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &none);
-    }
-    ~NoFileGrows()
-    {
-        setrlimit(RLIMIT_FSIZE, &mBefore);
-        std::signal(SIGXFSZ, mSignalHandler);
-    }
-    NoFileGrows(const NoFileGrows&) = delete;
-    NoFileGrows& operator=(const NoFileGrows&) = delete;
-
-private:
-    void (*mSignalHandler)(int);
-    rlimit mBefore{};
 };
 
 class Pkcs12ImportTest : public testing::Test {
@@ -420,7 +397,7 @@ TEST_F(Pkcs12ImportTest, StagingFileThatCannotBeWritten)
         fakes::clearLog();
         mBundle.assign(size, 'x');
         {
-            const NoFileGrows limit;
+            const testsupport::NoFileGrows limit;
             EXPECT_EQ(PLUGIN_FAILURE, call("secret"));
         }
         EXPECT_EQ(std::vector<fakes::LogLine>(

@@ -2,7 +2,6 @@
 //
 // The configuration cycle: collect, apply, restore, and what is asked of the platform in which order.
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -12,6 +11,7 @@
 
 #include "Faults.h"
 #include "Files.h"
+#include "ResourceLimits.h"
 #include "SystemInterfaceTest.h"
 #include "TunDevice.h"
 
@@ -236,12 +236,11 @@ TEST_F(TunnelConfigurationTest, WithoutASocketTheRequestGoesOutWithoutAddresses)
 {
     if (!makeTunnelDevice("10.8.0.2", "10.8.0.1", "255.255.255.0")) return;
     sDoesHaveADefaultGateway = true;
-    rlimit limit{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    const rlimit none{0, limit.rlim_max};
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    const std::string sent = appliedRequest();
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    std::string sent;
+    {
+        const testsupport::NoNewDescriptors limit;
+        sent = appliedRequest();
+    }
     EXPECT_EQ(request(""), sent);
     ASSERT_FALSE(fakes::logLines(3).empty());
     EXPECT_EQ((fakes::LogLine{3, "SystemInterface::addInterfaceInfoToJson: Error Establishing Socket"}),
@@ -253,12 +252,11 @@ TEST_F(TunnelConfigurationTest, SocketFailureTakesAwayTheAddressesOfAFailedApply
     if (!makeTunnelDevice("10.8.0.2", "10.8.0.1", "255.255.255.0")) return;
     fakes::netConfigResults().add = 1;
     EXPECT_THAT(appliedRequest(), HasSubstr(R"("ip": )"));
-    rlimit limit{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    const rlimit none{0, limit.rlim_max};
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    const std::string sent = appliedRequest();
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    std::string sent;
+    {
+        const testsupport::NoNewDescriptors limit;
+        sent = appliedRequest();
+    }
     EXPECT_EQ(request(""), sent);
 }
 

@@ -5,12 +5,12 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "ErrorOf.h"
 #include "KernelState.h"
 #include "RequestError.h"
+#include "ResourceLimits.h"
 #include "handles/UniqueFd.h"
 
 using namespace vknetconfig;
@@ -113,27 +113,11 @@ TEST_F(AgentConnectionsTest, OtherSocketsAreNoConnections)
     EXPECT_THAT(ipv6(rules), IsEmpty());
 }
 
-// While it lives.
-class NoNewDescriptors {
-public:
-    NoNewDescriptors()
-    {
-        getrlimit(RLIMIT_NOFILE, &mBefore);
-        const rlimit none{0, mBefore.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    NoNewDescriptors(const NoNewDescriptors&) = delete;
-    NoNewDescriptors& operator=(const NoNewDescriptors&) = delete;
-    ~NoNewDescriptors() { setrlimit(RLIMIT_NOFILE, &mBefore); }
-
-private:
-    rlimit mBefore{};
-};
-
 TEST_F(AgentConnectionsTest, WithoutADescriptorTheyCannotBeListed)
 {
     const auto action = [] {
-        const NoNewDescriptors limit;  // over before the exception is caught: sanitizers read types through a pipe
+        const testsupport::NoNewDescriptors
+            limit;  // over before the exception is caught: sanitizers read types through a pipe
         found();
     };
     EXPECT_EQ(testsupport::errorOf<RequestError>(action), "guard: /proc/self/fd: Too many open files");

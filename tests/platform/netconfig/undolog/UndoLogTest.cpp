@@ -6,7 +6,6 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include "FailingAllocation.h"
 #include "Files.h"
 #include "RequestError.h"
+#include "ResourceLimits.h"
 
 using namespace vknetconfig;
 using testing::Contains;
@@ -338,14 +338,12 @@ TEST(UndoLogTest, WhatCannotBeOwnedIsOwnedByNobody)
     other.kill();
     UndoLog undoLog;
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     int refused = 0;
     for (rlim_t files = 3; files < 16; ++files) {
-        const rlimit few{files, limit.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-        const std::exception_ptr failure = failureOf([&] { claimAll(undoLog); });
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        const std::exception_ptr failure = failureOf([&] {
+            const testsupport::ResourceLimit few(RLIMIT_NOFILE, files);
+            claimAll(undoLog);
+        });
         ASSERT_EQ(undoLog.owns("a"), failure == nullptr) << files;
         if (failure == nullptr) break;
         EXPECT_THAT(testsupport::errorOf<RequestError>([&] { std::rethrow_exception(failure); }),
