@@ -36,8 +36,8 @@ protected:
     };
 
     /// What a request that succeeds may leave in the undo log, to be removed later: DNS settings while systemd-resolved
-    /// does not answer, or a guard that is no longer wanted. Entry: one that is refused may leave the entry alone,
-    /// which the next request removes.
+    /// does not answer, or a guard that is no longer wanted. Entry: a request that is refused may leave its entry
+    /// there, which the next request removes.
     enum class Rest { None, Dns, Guard, Entry };
 
     Request(Step before, Step request, Rest rest = Rest::None) : mBefore(before), mRequest(request), mRest(rest)

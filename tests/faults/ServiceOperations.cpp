@@ -99,7 +99,7 @@ protected:
     }
 
     /// The exit code. GLib stops at a breakpoint when it gets no memory or no thread, and aborts without memory for a
-    /// lock; that is told apart.
+    /// lock. These ends are counted apart.
     static void expectOrderlyEnd(int status, const Disturbance& disturbance)
     {
         if (status == 128 + SIGTRAP || (disturbance.isOfGlib && status == 128 + SIGABRT)) {
