@@ -21,13 +21,19 @@ NetworkWatch::NetworkWatch() : mNotices(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEX
     }
 }
 
-bool NetworkWatch::takeChange() const
+bool NetworkWatch::takeChange(Clock::time_point now)
 {
     // Neither the content of a notice nor a lost one matters: the kernel is asked.
     bool changed = false;
     char notice[8192];
     while (recv(mNotices.get(), notice, sizeof notice, 0) >= 0 || errno == ENOBUFS)
         changed = true;
+    if (changed) {
+        mLookAgain = now + settling;
+    } else if (mLookAgain && now >= *mLookAgain) {
+        mLookAgain.reset();
+        changed = true;
+    }
     return changed;
 }
 

@@ -179,7 +179,7 @@ void Runner::handleEvents()
 
 void Runner::handleNetwork()
 {
-    if (!mNetwork.takeChange() || mCommand.isEnding()) return;
+    if (!mNetwork.takeChange(Clock::now()) || mCommand.isEnding()) return;
     choosePhysical();
     followDevice();
 }
@@ -325,14 +325,20 @@ void Runner::wait()
           mChangeCommand.descriptor(), hasOwnership ? mConfiguration->ownershipDescriptor() : -1})
         watched.push_back({descriptor, POLLIN, 0});
     mRequests.addDescriptors(watched);
-    std::optional<Clock::time_point> deadline = mCommand.deadline();
-    if (mDeadline && !mCommand.isEnding()) deadline = std::min(*mDeadline, deadline.value_or(*mDeadline));
-    int milliseconds = -1;
-    if (deadline) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+    poll(watched.data(), watched.size(), millisecondsToWait());
+}
+
+// -1: until a descriptor is readable.
+int Runner::millisecondsToWait() const
+{
+    std::optional<Clock::time_point> first;
+    for (const auto& deadline :
+         {mCommand.deadline(), mNetwork.deadline(), mCommand.isEnding() ? std::nullopt : mDeadline}) {
+        if (deadline) first = std::min(*deadline, first.value_or(*deadline));
     }
-    poll(watched.data(), watched.size(), milliseconds);
+    if (!first) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
 }
 
 }  // namespace vpnoalctl

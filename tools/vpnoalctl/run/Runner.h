@@ -61,6 +61,7 @@ private:
     void handleNetwork();
     void notify(const char* event);
     void wait();
+    int millisecondsToWait() const;
 
     void followDevice();
     void applyTo(const ReadyDevice& device, const Profile& profile);
