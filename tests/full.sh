@@ -8,9 +8,10 @@
 #   --summary    no part: only the table and the page, from the results there are
 #   --list       the parts
 #
-# Each result stays in build/full/PART.json, and what the part printed in build/full/PART.log. A part that has a result
-# for this commit is not run again, so that an interrupted run goes on where it stopped. `./test.sh --full` installs what
-# is needed first. Exits with 1 when one of the parts has failed or has no result.
+# Each result stays in docs/reliability/PART.json, and what the part printed in build/full/PART.log. A part that has a
+# result for this commit is not run again, so that an interrupted run goes on where it stopped, in another clone too when
+# the results are committed. `./test.sh --full` installs what is needed first. Exits with 1 when one of the parts has
+# failed or has no result.
 #
 # A part is a command that runs by itself too. It writes what it measured to the file that FIGURES names:
 #   {"rows": [{"what": "mutants killed", "figure": "412 of 430, 95.8 %", "limit": "95 %", "ok": true}], "notes": ["..."]}
@@ -20,7 +21,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 folder=build/full
 
 usage() {
-    sed -n '4,17s/^# \{0,1\}//p' tests/full.sh
+    sed -n '4,18s/^# \{0,1\}//p' tests/full.sh
 }
 
 die() {
@@ -54,9 +55,9 @@ while [ $# -gt 0 ]; do
 done
 [ ${#wanted[@]} -gt 0 ] || wanted=("${names[@]}")
 
-# The last commit that changed more than the page that this writes, and what has been changed since.
+# The last commit that changed more than what this writes, and what has been changed since.
 state_of_tree() {
-    local paths=(-- . ':!docs/reliability.md') commit changes
+    local paths=(-- . ':!docs/reliability.md' ':!docs/reliability') commit changes
     commit=$(git log -1 --format=%h "${paths[@]}") || die 'results belong to a commit, and this is no clone'
     changes=$(git status --porcelain "${paths[@]}"; git diff HEAD "${paths[@]}")
     [ -z "$changes" ] || commit+=+$(sha256sum <<<"$changes" | cut -c 1-7)

@@ -11,7 +11,8 @@ import json
 import pathlib
 import sys
 
-FOLDER = pathlib.Path("build/full")
+FIGURES = pathlib.Path("build/full")
+RESULTS = pathlib.Path("docs/reliability")  # in the tree, so that another clone goes on with them
 PAGE = pathlib.Path("docs/reliability.md")
 HEAD = """# Reliability
 
@@ -29,7 +30,7 @@ def parts():
 
 
 def load(part):
-    path = FOLDER / (part + ".json")
+    path = RESULTS / (part + ".json")
     return json.loads(path.read_text(encoding="utf-8")) if path.exists() else None
 
 
@@ -41,7 +42,7 @@ def has(part, commit):
 def written(part):
     """What the part wrote, or None and why that cannot be used."""
     try:
-        figures = json.loads((FOLDER / (part + ".figures")).read_text(encoding="utf-8"))
+        figures = json.loads((FIGURES / (part + ".figures")).read_text(encoding="utf-8"))
         rows = [{"what": str(row["what"]), "figure": str(row["figure"]), "limit": str(row.get("limit", "")),
                  "ok": row["ok"] is True} for row in figures["rows"]]
         return (rows, [str(note) for note in figures.get("notes", [])]), "" if rows else "it has no rows"
@@ -60,7 +61,8 @@ def record(part, commit, seconds, status):
         rows.append({"what": "end of the part", "figure": "exit code %d, %s" % (status, fault), "limit": "0", "ok": False})
     result = {"commit": commit, "seconds": seconds, "date": datetime.date.today().isoformat(), "finished": figures is not None,
               "rows": rows, "notes": notes}
-    path = FOLDER / (part + ".json")
+    path = RESULTS / (part + ".json")
+    RESULTS.mkdir(parents=True, exist_ok=True)
     path.with_suffix(".new").write_text(json.dumps(result, indent=1) + "\n", encoding="utf-8")
     path.with_suffix(".new").replace(path)
 
