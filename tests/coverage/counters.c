@@ -6,22 +6,26 @@
 // A forked child starts with counters of zero, or what its parent has counted would count twice.
 //
 // kill(PID, SIGKILL) asks the other process to write its counters and to kill itself; it dies of the same signal, a few
-// milliseconds later. One that does not is killed. What a debugger traces, and what the kernel or a shell kills, is not
-// counted.
+// milliseconds later. One that does not is killed. What the kernel or a shell kills is not counted.
+//
+// A debugger that makes system calls fail would have them fail in libgcov too, and damage the files. So a traced process
+// leaves the writing to a child that is not traced. One that its tracer kills is not counted.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-enum { mostObjects = 64, millisecondsToWrite = 3000 };
+enum { mostObjects = 64, millisecondsToWrite = 3000, secondsOfChild = 30 };
 
 typedef void (*Function)(void);
 struct Object {
@@ -43,13 +47,6 @@ void countersRegister(Function write, Function reset)
     }
 }
 
-void countersUnregister(Function write)
-{
-    for (int i = 0; i < mostObjects; ++i) {
-        if (sObjects[i].write == write) sObjects[i].write = NULL;
-    }
-}
-
 static void resetAll(void)
 {
     for (int i = 0; i < mostObjects; ++i) {
@@ -57,15 +54,83 @@ static void resetAll(void)
     }
 }
 
+static void writeEach(void)
+{
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write != NULL) sObjects[i].write();
+    }
+}
+
+struct Status {
+    unsigned long long caught;  // signals with a handler, a bit each
+    int tracer;
+};
+
+static int readStatus(pid_t process, struct Status* status)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/status", (int)process);
+    FILE* const file = fopen(path, "re");
+    if (file == NULL) return 0;
+    memset(status, 0, sizeof *status);
+    char line[256];
+    while (fgets(line, sizeof line, file) != NULL && sscanf(line, "SigCgt: %llx", &status->caught) != 1) {
+        sscanf(line, "TracerPid: %d", &status->tracer);
+    }
+    fclose(file);
+    return 1;
+}
+
+static int sIsTraced;  // from its start: strace begins before the program does
+
+static void writeInChild(void)
+{
+    const pid_t child = (pid_t)syscall(SYS_clone, CLONE_UNTRACED | SIGCHLD, 0, 0, 0, 0);
+    if (child == 0) {
+        signal(SIGALRM, SIG_DFL);  // another thread may have held a lock when this one was made
+        alarm(secondsOfChild);
+        unsetenv("GCOV_PREFIX");
+        unsetenv("GCOV_PREFIX_STRIP");
+        unsetenv("GCOV_ERROR_FILE");
+        writeEach();
+        syscall(SYS_exit_group, 0);
+    }
+    int status;
+    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
 static void writeAll(void)
 {
     const int before = errno;
-    for (int i = 0; i < mostObjects; ++i) {
-        if (sObjects[i].write == NULL) continue;
-        sObjects[i].write();
-        sObjects[i].reset();
+    if (sIsTraced) {
+        writeInChild();
+    } else {
+        writeEach();
     }
+    resetAll();
     errno = before;
+}
+
+// libgcov writes once more when the process ends. What a traced process writes then goes to files that nobody reads.
+static void leadAstray(void)
+{
+    const char* const folder = getenv("TMPDIR");
+    setenv("GCOV_PREFIX", folder != NULL ? folder : "/tmp", 1);
+    setenv("GCOV_PREFIX_STRIP", "99", 1);  // no folder of the path
+    setenv("GCOV_ERROR_FILE", "/dev/null", 1);
+}
+
+// At the end of the object.
+void countersUnregister(Function write)
+{
+    if (sIsTraced) {
+        writeAll();
+        leadAstray();
+    }
+    for (int i = 0; i < mostObjects; ++i) {
+        if (sObjects[i].write == write) sObjects[i].write = NULL;
+    }
 }
 
 static int askingSignal(void)
@@ -87,24 +152,16 @@ __attribute__((constructor)) static void prepare(void)
     action.sa_handler = &writeAndDie;
     sigaction(askingSignal(), &action, NULL);
     pthread_atfork(NULL, NULL, &resetAll);
+    struct Status status;
+    sIsTraced = readStatus(getpid(), &status) && status.tracer != 0;
 }
 
 // Whether the process has the handler above, and can run it: one that is traced stops for its tracer, who is about to
 // kill it.
 static int canBeAsked(pid_t process)
 {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/status", (int)process);
-    FILE* const status = fopen(path, "re");
-    if (status == NULL) return 0;
-    unsigned long long caught = 0;
-    int tracer = 0;
-    char line[256];
-    while (fgets(line, sizeof line, status) != NULL && sscanf(line, "SigCgt: %llx", &caught) != 1) {
-        sscanf(line, "TracerPid: %d", &tracer);
-    }
-    fclose(status);
-    return tracer == 0 && (caught >> (askingSignal() - 1) & 1) != 0;
+    struct Status status;
+    return readStatus(process, &status) && status.tracer == 0 && (status.caught >> (askingSignal() - 1) & 1) != 0;
 }
 
 static int askToDie(pid_t process)
