@@ -56,6 +56,7 @@ bool __wrap_QSCall(QSHandle* handle, const char*, const char*, QSReplyCallback c
 void __wrap_g_assertion_message_expr(const char*, const char*, int, const char*, const char* expression)
 {
     const bool stands = std::strcmp(expression, "jsonToSend") == 0 || std::strcmp(expression, "szJsonOutMsg") == 0;
+    const faults::NoFault none;  // a coverage build writes its counters now
     _exit(stands ? Asserted : Foreign);
 }
 
