@@ -117,7 +117,7 @@ namespace {
 UniqueFd memoryFile(std::string_view content)
 {
     UniqueFd file(memfd_create("subprocess", MFD_CLOEXEC));
-    // dup2() onto itself would leave close-on-exec in place.
+    // What this process prints must not get into the file when its own standard files are closed.
     if (file.valid() && file.get() <= STDERR_FILENO) {
         file.reset(fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     }

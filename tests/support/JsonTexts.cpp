@@ -257,6 +257,7 @@ const std::vector<JsonText>& goodJsonTexts()
         {"surrogate pair", "\"\\ud83d\\ude00\""},
         {"delete character in a text", "\"\x7f\""},
         {"characters of two to four bytes", "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\""},
+        {"first characters of two to four bytes", "\"\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80\""},
         {"last character", "\"\xf4\x8f\xbf\xbf\""},
         {"character that is none", "\"\xef\xbf\xbf\""},
         {"line separator in a text", "\"\xe2\x80\xa8\""},

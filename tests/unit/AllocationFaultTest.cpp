@@ -379,6 +379,10 @@ TEST_F(AllocationFaultTest, Storage)
                   return result;
               },
               either});
+    EXPECT_THAT(errors(),
+                testing::IsSupersetOf({"SaveFile: error: out of memory", "LoadFile: error: out of memory",
+                                       "SimpleStat: error: out of memory", "SimpleMapFile: error: out of memory",
+                                       "DeleteFile: error: out of memory"}));
 }
 
 // ---- certificates -------------------------------------------------------------------------------------------------

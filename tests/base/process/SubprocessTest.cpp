@@ -51,6 +51,27 @@ TEST(SubprocessTest, NoFileOfThisProcessIsOpenInTheProgram)
     EXPECT_EQ(runSubprocess({"sh", "-c", "[ -e /proc/$$/fd/700 ] || echo closed"}, {}, 5s).output, "closed");
 }
 
+// What this process prints must not get into the program's input.
+TEST(SubprocessTest, InputIsNoStandardFileOfThisProcess)
+{
+    const UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+    close(STDIN_FILENO);
+    const SubprocessResult result =
+        runSubprocess({"sh", "-c", "cat; readlink /proc/$PPID/fd/0 | grep memfd || echo ' elsewhere'"}, "text", 5s);
+    EXPECT_LT(fcntl(STDIN_FILENO, F_GETFD), 0) << "it is closed as before";
+    dup2(kept.get(), STDIN_FILENO);
+    EXPECT_EQ(result.output, "text elsewhere");
+}
+
+TEST(SubprocessTest, ASignalToThisProcessDoesNotEndTheWait)
+{
+    const auto handler = signal(SIGUSR1, [](int) {});
+    const SubprocessResult result =
+        runSubprocess({"sh", "-c", "for i in 1 2 3 4 5; do kill -USR1 $PPID; sleep 0.01; done"}, {}, 5s);
+    signal(SIGUSR1, handler);
+    EXPECT_TRUE(result.succeeded()) << result.reason();
+}
+
 TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
 {
     const auto handler = signal(SIGCHLD, SIG_IGN);

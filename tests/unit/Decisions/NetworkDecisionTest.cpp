@@ -22,7 +22,7 @@ std::ostream& operator<<(std::ostream& stream, const NetworkDecision& decision)
 
 namespace {
 
-constexpr NetworkFlags unknown{false, false};
+constexpr NetworkFlags unknown{};
 constexpr NetworkFlags on{true, false};
 constexpr NetworkFlags off{false, true};
 
