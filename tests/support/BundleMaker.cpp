@@ -71,7 +71,7 @@ BundleMaker& BundleMaker::addKey(EVP_PKEY* key, const std::string& keyId)
 {
     const ProviderPtr legacy = loadLegacyProvider();
     STACK_OF(PKCS12_SAFEBAG)* bags = mKeys.get();
-    PKCS12_SAFEBAG* bag = made(PKCS12_add_key(&bags, key, 0, 1, mOptions.cipher, mPassword.c_str()));
+    PKCS12_SAFEBAG* bag = made(PKCS12_add_key(&bags, key, 0, 1, mOptions.cipher, password()));
     addKeyId(bag, keyId);
     if (mOptions.keyAlgorithm != nullptr) {
         const X509_ALGOR* algorithm = nullptr;
@@ -92,15 +92,15 @@ std::vector<unsigned char> BundleMaker::bytes() const
 {
     const ProviderPtr legacy = loadLegacyProvider();
     STACK_OF(PKCS7)* parts = nullptr;
-    made(PKCS12_add_safe(&parts, mCertificates.get(), mOptions.cipher, 1, mPassword.c_str()));
+    made(PKCS12_add_safe(&parts, mCertificates.get(), mOptions.cipher, 1, password()));
     const Pkcs7StackPtr owner(parts);
     if (mOptions.certificateAlgorithm != nullptr) {
         PKCS7_ENC_CONTENT* content = sk_PKCS7_value(parts, 0)->d.encrypted->enc_data;
         made(X509_ALGOR_copy(content->algorithm, mOptions.certificateAlgorithm));
     }
-    made(PKCS12_add_safe(&parts, mKeys.get(), -1, 0, nullptr));
+    made(PKCS12_add_safe(&parts, mKeys.get(), mOptions.hidesKeys ? mOptions.cipher : -1, 1, password()));
     const Pkcs12Ptr bundle(made(PKCS12_add_safes(parts, 0)));
-    if (mOptions.hasMac) made(PKCS12_set_mac(bundle.get(), mPassword.c_str(), -1, nullptr, 0, 2, nullptr));
+    if (mOptions.hasMac) made(PKCS12_set_mac(bundle.get(), password(), -1, nullptr, 0, 2, nullptr));
     if (mOptions.macIterations != 0) {
         const ASN1_INTEGER* iterations = nullptr;
         PKCS12_get0_mac(nullptr, nullptr, nullptr, &iterations, bundle.get());

@@ -18,6 +18,8 @@ namespace testsupport {
 struct BundleOptions {
     int cipher = NID_aes_256_cbc;  // of key and certificates, or -1 for none
     bool hasMac = true;
+    bool hidesKeys = false;   // in an encrypted part, as the certificates
+    bool hasPassword = true;  // no password is another one than the empty password
     // What the bundle claims instead of the truth; such a bundle does not open.
     std::int64_t macIterations = 0;
     const X509_ALGOR* keyAlgorithm = nullptr;
@@ -35,6 +37,8 @@ public:
     std::vector<unsigned char> bytes() const;
 
 private:
+    const char* password() const { return mOptions.hasPassword ? mPassword.c_str() : nullptr; }
+
     std::string mPassword;
     BundleOptions mOptions;
     SafeBagStackPtr mKeys;

@@ -123,10 +123,16 @@ TEST_F(Pkcs12PartsTest, DsaCertificateIsFoundByItsKeyIdWithoutAPassword)
     const Identity mine = makeDsaIdentity("mine", mMine);
     BundleOptions old;
     old.cipher = NID_pbe_WithSHA1And3_Key_TripleDES_CBC;
-    EXPECT_EQ(
-        mine.der(),
-        certificateOf(
-            BundleMaker("", old).addKey(mine.key.get(), "a").addCertificate(mine.certificate.get(), "a").bytes(), ""));
+    old.hidesKeys = true;
+    for (const bool hasPassword : {true, false}) {
+        old.hasPassword = hasPassword;
+        EXPECT_EQ(
+            mine.der(),
+            certificateOf(
+                BundleMaker("", old).addKey(mine.key.get(), "a").addCertificate(mine.certificate.get(), "a").bytes(),
+                ""))
+            << hasPassword;
+    }
 }
 
 TEST_F(Pkcs12PartsTest, BundleWithoutMacOpensWithItsPassword)
