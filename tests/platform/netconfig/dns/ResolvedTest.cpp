@@ -46,6 +46,7 @@ TEST_F(ResolvedTest, PreparingChangesNothing)
 
 TEST_F(ResolvedTest, UndoLeavesAnUntouchedLinkAsItWas)
 {
+    change({"llmnr", "veth1", "no"});  // what other links have does not count
     const std::string before = status();
     const std::string prepared = dns.prepare(link(), tunnel);
     dns.set(link(), tunnel, prepared);
@@ -54,6 +55,8 @@ TEST_F(ResolvedTest, UndoLeavesAnUntouchedLinkAsItWas)
     EXPECT_EQ(status(), before);
     dns.undo(prepared);
     EXPECT_EQ(status(), before) << "twice";
+    change({"dns", linkName, "192.0.2.1"});
+    EXPECT_EQ(shown("default-route"), "yes") << "it follows from the servers";
 }
 
 TEST_F(ResolvedTest, UndoRestoresWhatWasThereBefore)
