@@ -44,11 +44,6 @@ struct Snapshot {
     std::vector<Link> links;
     std::vector<Address> addresses;           // with a scope beyond the link
     std::vector<DefaultRoute> defaultRoutes;  // of the main table
-
-    bool operator==(const Snapshot& other) const
-    {
-        return links == other.links && addresses == other.addresses && defaultRoutes == other.defaultRoutes;
-    }
 };
 
 }  // namespace connectionmanager
