@@ -13,7 +13,9 @@
 #include <mutex>
 #include <thread>
 
+#include "Files.h"
 #include "ResolvedFixture.h"
+#include "VkLogLib.h"
 #include "handles/UniqueFd.h"
 
 using testing::HasSubstr;
@@ -143,6 +145,20 @@ TEST_F(ResolvedRestartTest, ARestartOfTheBusIsSurvived)
     resolved = testsupport::startDaemon(Daemon::resolved);
     EXPECT_TRUE(comesTrue([] { return shown("domain") == "corp.test lab.test"; }));
     EXPECT_EQ(shown("dns"), "10.8.0.1 10.8.0.2");
+}
+
+TEST_F(ResolvedRestartTest, AMissingBusIsToldToThoseWhoDebug)
+{
+    setenv("VKLOG_TARGET", "stderr", 1);
+    VkLogContext* log = nullptr;
+    VkLogGetContext("vknetconfig", &log);
+    log->level = 7;
+    dns.set(link(), tunnel, dns.prepare(link(), tunnel));
+    testing::internal::CaptureStderr();
+    bus.stop();
+    comesTrue([] { return testsupport::contentOf("/proc/self/fd/2").find("not watching") != std::string::npos; });
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                StartsWith("vknetconfig[7]: not watching systemd-resolved for now: "));
 }
 
 // Its names are given anew, so systemd-resolved often has the one that it had on the bus before.
