@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """suite.py PRESET [OPTION...]: builds a preset and runs its tests; the options go to ctest. A part of tests/full.sh."""
+import os
 import pathlib
 import subprocess
 import sys
@@ -18,7 +19,8 @@ def runTests(preset, options):
     results, notes = (build / "results.xml").resolve(), build / "results.notes"
     results.unlink(missing_ok=True)
     notes.unlink(missing_ok=True)
-    subprocess.run(["ctest", "--test-dir", build, "-j2", "--output-on-failure", "--no-tests=error",
+    jobs = "-j%d" % ((os.cpu_count() or 1) + 1)  # many tests wait for something
+    subprocess.run(["ctest", "--test-dir", build, jobs, "--output-on-failure", "--no-tests=error",
                     "--test-output-size-passed", "100000", "--output-junit", results, *options], check=False)
     counts = subprocess.run([HERE.parent / "devices/count-tests.py", results, preset, notes], check=True,
                             stdout=subprocess.PIPE, text=True).stdout
