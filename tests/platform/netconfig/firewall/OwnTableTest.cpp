@@ -4,7 +4,11 @@
 #include "firewall/OwnTable.h"
 
 #include <gmock/gmock.h>
+#include <netinet/in.h>  // before the kernel's header of the same names
+
 #include <linux/capability.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
 #include <linux/netlink.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +16,7 @@
 #include "ErrorOf.h"
 #include "KernelState.h"
 #include "firewall/FirewallMessages.h"
+#include "firewall/NftAttributes.h"
 #include "guard/GuardMessages.h"
 #include "undolog/Subjects.h"
 
@@ -106,6 +111,20 @@ TEST_F(OwnTableTest, GuardThatCameOrWentMeanwhileIsReplaced)
     run("nft flush ruleset; nft add table inet " + guard);
     EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<GuardMessages>(mSocket, guard, none, rules); }),
               "label: the table inet " + guard + " is there already and is not ours");
+}
+
+// As it is left behind by a request that could not wait for it.
+TEST_F(OwnTableTest, AnswerToAnEarlierRequestIsNotThatToALaterOne)
+{
+    alignas(nlmsghdr) char request[512] = {};
+    nlmsghdr* const question = putNftHeader(request, NFT_MSG_GETTABLE, NFPROTO_INET);
+    wfoal::putText(question, NFTA_TABLE_NAME, "absent");
+    question->nlmsg_flags = NLM_F_REQUEST;
+    question->nlmsg_seq = mSocket.nextSequence();
+    mSocket.send(request, question->nlmsg_len);
+    EXPECT_EQ(errorOf<RequestError>([&] { replaceTable<FirewallMessages>(mSocket, label, none, filter("FIRST")); }),
+              "no error");
+    EXPECT_THAT(tables(), HasSubstr("chain FIRST"));
 }
 
 TEST_F(OwnTableTest, RefusalThatIsNotAboutTheTablesEndsItAtOnce)
