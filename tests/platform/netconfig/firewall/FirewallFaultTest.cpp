@@ -12,11 +12,23 @@
 using namespace testsupport;
 using testing::HasSubstr;
 
+namespace {
+
+void writeFilter(int rules)
+{
+    std::ofstream file("/tmp/filter.json");
+    file << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"})";
+    for (int count = 1; count < rules; ++count)
+        file << R"(,{"operation":"append","jumpTo":"DROP"})";
+    file << "]}";
+}
+
+}  // namespace
+
 TEST(FirewallFaultTest, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
 {
     NEEDS_STRACE();
-    std::ofstream("/tmp/filter.json")
-        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    writeFilter(1);
     int installed = 0;
     for (const char* call : {"sendto", "sendmsg", "recvfrom", "recvmsg", "select", "pselect6", "poll", "ppoll"}) {
         for (int number = 1; number <= 12; ++number) {
@@ -43,15 +55,24 @@ TEST(FirewallFaultTest, AnInterruptedSystemCallLeavesNoFilterWithoutItsEntry)
 TEST(FirewallFaultTest, MoreRulesThanTheSocketTakesAreRefusedAndChangeNothing)
 {
     NEEDS_STRACE();
-    std::ofstream file("/tmp/filter.json");
-    file << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"})";
-    for (int count = 1; count < 10000; ++count)
-        file << R"(,{"operation":"append","jumpTo":"DROP"})";
-    file << "]}" << std::flush;
+    writeFilter(10000);
     const std::string output = outputOf(driverUnderStrace(
         "-o /dev/null -e trace=setsockopt -e inject=setsockopt:error=EPERM:when=5+", "firewall /tmp/filter.json"));
     EXPECT_EQ(output, "vknetconfig[3]: VkFirewallFullCtrl: nftables: send: Message too long\n");
     EXPECT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n");
+}
+
+// More than the socket takes at first, and less than the usual limit of those who may not exceed it.
+TEST(FirewallFaultTest, WithoutTheRightToExceedTheLimitTheSocketTakesWhatTheLimitAllows)
+{
+    NEEDS_STRACE();
+    writeFilter(3000);
+    const std::string output = outputOf(driverUnderStrace(
+        "-o /tmp/trace -e trace=setsockopt -e inject=setsockopt:error=EPERM:when=5", "firewall /tmp/filter.json"));
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(outputOf("grep -c 'SO_SNDBUFFORCE.*INJECTED' /tmp/trace"), "1\n");
+    EXPECT_EQ(outputOf("nft list chain inet fault IN | grep -c drop"), "3000\n");
+    run(driver("delete nothing0"));
 }
 
 // The kernel has taken the second request when its answer is lost.
@@ -94,8 +115,7 @@ TEST(FirewallFaultTest, ARequestWhoseAnswerIsLostSaysWhatTheKernelHas)
 TEST(FirewallFaultTest, ALockThatCannotBeHadLeavesNoFile)
 {
     NEEDS_STRACE();
-    std::ofstream("/tmp/filter.json")
-        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    writeFilter(1);
     int refused = 0;
     for (int number = 1; number <= 8; ++number) {
         const std::string output = outputOf(
@@ -116,8 +136,7 @@ TEST(FirewallFaultTest, ALockThatCannotBeHadLeavesNoFile)
 TEST(FirewallFaultTest, LostAnswersAreNoSuccessAndLeaveNothing)
 {
     NEEDS_STRACE();
-    std::ofstream("/tmp/filter.json")
-        << R"({"label":"fault","chainNew":"IN","rules":[{"operation":"append","jumpTo":"DROP"}]})";
+    writeFilter(1);
     for (int number = 1; number <= 6; ++number) {
         for (const char* error : {"ENOBUFS", "ENOMEM"}) {
             const std::string output = outputOf(
