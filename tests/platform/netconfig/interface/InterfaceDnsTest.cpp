@@ -33,14 +33,15 @@ protected:
         mBefore = state();
     }
 
-    // Keeps one file an interface in /tmp/dns; refuses what has "refused." in it.
+    // Keeps one file an interface in /tmp/dns; refuses what has "refused." in it, and keeps what has "kept." in it but
+    // fails.
     static void install()
     {
         const std::string path = std::string(folder) + "/resolvconf";
         std::ofstream(path) << "#!/bin/sh\n"
                                "case \"$1\" in\n"
                                "-a) cat >/tmp/dns/new; grep -q refused /tmp/dns/new && { rm /tmp/dns/new; exit 1; };\n"
-                               "    mv /tmp/dns/new \"/tmp/dns/$2\" ;;\n"
+                               "    mv /tmp/dns/new \"/tmp/dns/$2\"; ! grep -q kept \"/tmp/dns/$2\" ;;\n"
                                "-d) rm -f \"/tmp/dns/$2\" ;;\n"
                                "--version) exit 0 ;;\n"
                                "esac\n";
@@ -85,6 +86,12 @@ TEST_F(InterfaceDnsTest, AResolverThatRefusesLeavesNothing)
     testing::internal::CaptureStderr();
     EXPECT_NE(add("refused.example"), 0);
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("CmAddInterfaceCfg2: ipv4.dns: "));
+    expectAllGone();
+}
+
+TEST_F(InterfaceDnsTest, AResolverThatFailsAfterItHasKeptTheSettingsLeavesNothing)
+{
+    EXPECT_NE(add("kept.example"), 0);
     expectAllGone();
 }
 
