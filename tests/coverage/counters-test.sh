@@ -43,6 +43,7 @@ static int endOf(pid_t child)
 }
 int main(int count, char** arguments)
 {
+    if (count > 2) return kill(atoi(arguments[2]), SIGKILL);
     if (count > 1) return called(0) - 10;
     called(0);
     pid_t child = fork();
@@ -75,14 +76,38 @@ int main(int count, char** arguments)
     return 6;
 }
 END
+cat >stranger.c <<'END'
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+static void note(int number)
+{
+    (void)number;
+    close(creat("asked", 0600));
+}
+int main(void)
+{
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
+        signal(number, note);
+    close(creat("ready", 0600));
+    for (;;)
+        pause();
+}
+END
 # As the product is compiled: where extensions are on, gcc itself takes care of fork and exec.
 gcc --coverage -std=c11 -fPIC -c library.c
 gcc --coverage -shared -o libcounted.so library.o "${hooks[@]}"
 gcc --coverage -std=c11 -c program.c
 gcc --coverage -o program program.o "$work/libcounted.so" "${hooks[@]}"
+gcc -o stranger stranger.c
 ulimit -c 0
 ./program || { echo "the program ended with $?"; exit 1; }
-traced=0
+./stranger &
+until [ -e ready ]; do sleep 0.01; done
+./program kill $! || { echo "the killing program ended with $?"; exit 1; }
+wait $! 2>/dev/null || true
+killings=1 traced=0
 if strace -o /dev/null true 2>/dev/null; then
     mkdir astray
     for traced in 1 2 3; do
@@ -103,6 +128,8 @@ expect 1 'return 13;'
 expect 1 'return 14;'
 expect $((2 + traced)) 'return 10;'
 expect 1 'called\(4\);'
+expect $((2 + killings + traced)) 'if \(count > 2\)'
 expect $((2 + traced)) 'if \(count > 1\)'
+[ ! -e asked ] || { echo 'a program without counters was asked to write them'; failed=1; }
 [ $failed = 0 ] || cat counts
 exit $failed

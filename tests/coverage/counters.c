@@ -156,12 +156,28 @@ __attribute__((constructor)) static void prepare(void)
     sIsTraced = readStatus(getpid(), &status) && status.tracer != 0;
 }
 
-// Whether the process has the handler above, and can run it: one that is traced stops for its tracer, who is about to
-// kill it.
+// Other programs may have a handler of their own for the signal.
+static int hasOurHandler(pid_t process)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/maps", (int)process);
+    FILE* const file = fopen(path, "re");
+    if (file == NULL) return 0;
+    int found = 0;
+    char line[512];
+    while (!found && fgets(line, sizeof line, file) != NULL) {
+        found = strstr(line, "/libcounters.so") != NULL;
+    }
+    fclose(file);
+    return found;
+}
+
+// One that is traced stops for its tracer, who is about to kill it.
 static int canBeAsked(pid_t process)
 {
     struct Status status;
-    return readStatus(process, &status) && status.tracer == 0 && (status.caught >> (askingSignal() - 1) & 1) != 0;
+    return readStatus(process, &status) && status.tracer == 0 && (status.caught >> (askingSignal() - 1) & 1) != 0 &&
+           hasOurHandler(process);
 }
 
 static int askToDie(pid_t process)
