@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Interface configurations on the real kernel, through the exported functions.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <filesystem>
 
 #include "KernelState.h"
+#include "TunDevice.h"
 #include "VkNetConfigLib.h"
+#include "handles/UniqueFd.h"
 
 using namespace testsupport;
 using testing::ElementsAre;
@@ -92,6 +95,30 @@ TEST_F(InterfaceControlTest, ALinkThatIsDownIsBroughtUpAndTakenDownAgain)
     EXPECT_EQ(routesOf("vpn0").size(), 2U);
     ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
     expectAllGone();
+}
+
+TEST_F(InterfaceControlTest, TheQueueingDisciplineOfAnotherProgramStays)
+{
+    run("ip link del vpn0");
+    makeInterface("vpn0", "");
+    ASSERT_EQ(add(twoRoutes), 0);
+    run("tc qdisc add dev vpn0 root pfifo limit 7");
+    const std::string theirs = outputOf("tc qdisc show dev vpn0");
+    ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
+    EXPECT_EQ(outputOf("tc qdisc show dev vpn0"), theirs);
+}
+
+// A device without a hardware address; the kernel changes the way when it comes up.
+TEST_F(InterfaceControlTest, TheWayToMakeIpv6AddressesIsRestored)
+{
+    if (!UniqueFd(open("/dev/net/tun", O_RDWR | O_CLOEXEC)).valid()) GTEST_SKIP() << "/dev/net/tun cannot be opened";
+    const TunDevice device("tun7");
+    const std::string before = outputOf("ip -d link show tun7");
+    ASSERT_THAT(before, HasSubstr("addrgenmode eui64"));
+    ASSERT_EQ(add(R"({"ifName":"tun7"})"), 0);
+    ASSERT_THAT(outputOf("ip -d link show tun7"), HasSubstr("addrgenmode random"));
+    ASSERT_EQ(CmDelInterfaceCfg("tun7"), 0);
+    EXPECT_EQ(outputOf("ip -d link show tun7"), before);
 }
 
 TEST_F(InterfaceControlTest, AnAddressTheDeviceHasIsNotOurs)
