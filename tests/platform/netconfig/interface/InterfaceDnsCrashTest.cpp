@@ -15,6 +15,7 @@
 #include "Daemons.h"
 #include "Driver.h"
 #include "KernelState.h"
+#include "RunningDriver.h"
 #include "handles/Stdio.h"
 
 using namespace testsupport;
@@ -110,6 +111,16 @@ TEST_F(InterfaceDnsCrashTest, ARequestWithoutDnsWhileResolvedIsDownKeepsWhatIsPe
     run(driver("delete nothing0"));
     EXPECT_THAT(servers(), HasSubstr("10.9.0.1"));
     EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
+}
+
+TEST_F(InterfaceDnsCrashTest, WhatIsPendingBelongsToNoProcess)
+{
+    std::ofstream("/tmp/routes.json") << requestWithRoutes(2);
+    run(driver("add /tmp/dns.json"));
+    mResolved.stop();
+    const RunningDriver remover({"delete", "vpn0"});
+    run(driver("add /tmp/routes.json"));
+    EXPECT_EQ(routesOf("vpn0").size(), 2U);
 }
 
 TEST_F(InterfaceDnsCrashTest, WhatAnotherProcessRemovedIsNotSetAgain)
