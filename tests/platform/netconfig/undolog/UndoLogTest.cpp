@@ -21,6 +21,7 @@
 #include "ErrorOf.h"
 #include "FailingAllocation.h"
 #include "Files.h"
+#include "KernelState.h"
 #include "RequestError.h"
 #include "ResourceLimits.h"
 
@@ -32,6 +33,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 using testsupport::contentOf;
+using testsupport::run;
 
 namespace {
 
@@ -166,6 +168,16 @@ TEST(UndoLogTest, ASubjectOfALivingProcessIsRefusedNamingIt)
                 HasSubstr("process " + std::to_string(other.pid())));
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     EXPECT_EQ(undoLog.read("a"), "theirs");
+}
+
+TEST(UndoLogTest, ALivingProcessThatTheLockDoesNotNameIsAnotherProcess)
+{
+    OtherProcess other("a", "theirs");
+    run(std::string("truncate -s 0 ") + folder + "/a@*.lock");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.own("a"); }),
+              "undo log: the configuration of a belongs to another process, which is running");
 }
 
 TEST(UndoLogTest, WhatADeadProcessLeftIsFoundAndOwned)
@@ -408,6 +420,18 @@ TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
     UndoLog undoLog;
     EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
                 HasSubstr("undo log: open /run/vknetconfig"));
+}
+
+TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheLockIsRefused)
+{
+    std::filesystem::create_directory(folder);
+    std::ofstream("/tmp/lock") << "";
+    std::filesystem::create_symlink("/tmp/lock", std::string(folder) + "/turn");
+    UndoLog undoLog;
+    for (const UndoLog::Create create : {UndoLog::Create::Yes, UndoLog::Create::No}) {
+        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(create); }),
+                  "undo log: open /run/vknetconfig/turn: Too many levels of symbolic links");
+    }
 }
 
 TEST(UndoLogTest, DescriptorsAreCloseOnExec)
