@@ -281,6 +281,8 @@ protected:
         shell(
             "mkdir -p /run/elogind/logind.conf.d; "
             "printf '[Login]\\nInhibitDelayMaxSec=60\\n' >/run/elogind/logind.conf.d/test.conf");
+        // Before the thread is there that calls it.
+        mAgent.onSuspended = [this] { mStateWhenTold = shell(state); };
     }
     static bool isInhibited()
     {
@@ -299,20 +301,22 @@ protected:
     }
     void suspendAndResume()
     {
-        constexpr char state[] = "cat /sys/power/state";
         const std::string awake = shell(state);
         EXPECT_EQ("t 60000000\n", shell("busctl --system get-property org.freedesktop.login1 /org/freedesktop/login1 "
                                         "org.freedesktop.login1.Manager InhibitDelayMaxUSec"));
-        mAgent.onSuspended = [&] { EXPECT_EQ(awake, shell(state)) << "told too late"; };
         const auto begin = steady_clock::now();
         shell(
             "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager "
             "Suspend b false");
         EXPECT_THAT(mAgent.mailbox.wait(2), ElementsAre("suspended", "resumed"));
         EXPECT_GE(steady_clock::now() - begin, milliseconds(1000));  // the agent had its second
+        EXPECT_EQ(awake, mStateWhenTold);
         EXPECT_NE(awake, shell(state));
         EXPECT_TRUE(waitUntilInhibited());
     }
+
+    static constexpr char state[] = "cat /sys/power/state";
+    std::string mStateWhenTold;
 };
 
 TEST_F(SleepScenarioTest, AgentIsToldBeforeSleepAndAfter)
