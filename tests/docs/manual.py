@@ -1,13 +1,26 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""manual.py VPNOALCTL MANUAL.gz: the manual page and --help tell of the same commands, arguments and options.
+"""manual.py VPNOALCTL VPNOALCTL-MANUAL TEXT: the manual page and --help tell of the same commands, arguments and options.
 
-The page is read as man shows it, or else as it is written; the help is asked for command by command.
+The page is made of TEXT and read as it is written; the help is asked for command by command.
 """
-import gzip
+import pathlib
 import re
 import subprocess
 import sys
+
+
+def pageOf(maker, text):
+    return subprocess.run([maker], input=text, capture_output=True, text=True, check=False)
+
+
+def markFaults(maker, text):
+    """A mark for nothing, and a command without a mark, end the making of the page."""
+    for wrong, message in ((text + '.\\" @nothing@\n', "'nothing' is marked, and there is no such thing"),
+                           (text.replace('.\\" @command info@\n', ""), "the manual page has no mark for 'command info'")):
+        made = pageOf(maker, wrong)
+        if made.returncode != 1 or message not in made.stderr:
+            yield "instead of \"%s\": exit code %d, %s" % (message, made.returncode, made.stderr)
 
 
 def helpOf(program, command):
@@ -73,9 +86,10 @@ def differences(where, inHelp, inPage):
 
 
 def main():
-    program, manual = sys.argv[1:]
-    roff = gzip.open(manual, "rt", encoding="utf-8").read()
-    sections = pageSections(roff)
+    program, maker, source = sys.argv[1:]
+    text = pathlib.Path(source).read_text(encoding="utf-8")
+    made = pageOf(maker, text)
+    sections = pageSections(made.stdout)
     commands = dict(commandsOf(program))
     faults = list(differences("commands", set(commands), set(sections) - {""}))
     for name, help in commands.items():
@@ -86,6 +100,9 @@ def main():
             faults.append("%s: --help has other arguments than %s" % (name, sorted(arguments)))
     common = pageOptions(sections[""]) - {"-h", "--help", "--help-all"}
     faults += differences("common options", optionsOf(helpOf(program, ())), common)
+    faults += markFaults(maker, text)
+    if made.returncode != 0:
+        faults.append(made.stderr)
     if len(commands) < 23:
         faults.append("only %d commands were found" % len(commands))
     print("\n".join(faults))

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -52,11 +53,18 @@ protected:
     /// True when such a line comes within ten seconds.
     static bool comes(const std::string& part)
     {
+        return comesTrue([&part] {
+            const auto all = lines();
+            return std::any_of(all.begin(), all.end(),
+                               [&part](const std::string& line) { return line.find(part) != std::string::npos; });
+        });
+    }
+    template <class Condition>
+    static bool comesTrue(Condition condition)
+    {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (std::chrono::steady_clock::now() < deadline) {
-            for (const std::string& line : lines()) {
-                if (line.find(part) != std::string::npos) return true;
-            }
+            if (condition()) return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return false;
@@ -126,6 +134,29 @@ TEST_F(BusCommandsTest, MonitorShowsEventDecisionReasonAndWhatTheAgentIsTold)
         const JsonPtr json(json_tokener_parse(line.c_str()));
         EXPECT_TRUE(json_object_object_get(json.get(), "time") != nullptr) << line;
     }
+}
+
+TEST_F(BusCommandsTest, MonitorForPeopleHasALineForEachEventAlsoForSleep)
+{
+    using testsupport::Daemon;
+    if (const std::string reason = testsupport::daemonUnavailable(Daemon::elogind); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const std::string manager =
+        "busctl --system call org.freedesktop.login1 /org/freedesktop/login1 org.freedesktop.login1.Manager ";
+    const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
+    const FilePtr file(std::fopen(output, "we"));
+    ChildProcess monitor({program, "monitor"}, fileno(file.get()));
+    EXPECT_TRUE(
+        comes("  network   Wi-Fi on the internet, WAN off, bound to eth0  ->  do not notify the agent (Wi-Fi "));
+    EXPECT_TRUE(comesTrue([&manager] {
+        return shell(manager + "ListInhibitors").find("norva-vpnagentd") != std::string::npos;
+    })) << "the plug-in holds no inhibitor";
+    shell(manager + "Suspend b false");
+    EXPECT_TRUE(comes("  agent     notified: the device is about to sleep"));
+    EXPECT_TRUE(comes("  agent     notified: the device is awake again"));
+    monitor.sendSignal(SIGINT);
+    EXPECT_EQ(0, monitor.wait());
 }
 
 TEST_F(BusCommandsTest, MonitorRunsACommandAtEachNotification)

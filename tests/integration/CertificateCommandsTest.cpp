@@ -8,6 +8,7 @@
 
 #include "CertificateAuthority.h"
 #include "ChildProcess.h"
+#include "Shell.h"
 
 namespace {
 
@@ -117,6 +118,22 @@ TEST_F(CertificateCommandsTest, ListShowsNumberSubjectAndFingerprint)
                    "ffffffffffffffffff: no certificate has this name, number or");
 }
 
+TEST_F(CertificateCommandsTest, FingerprintThatIsOfferedNamesTheCertificate)
+{
+    const auto complete = [](const std::string& words) {  // as the shells' scripts do it
+        return testsupport::shell(WFOAL_BUILD_DIR "/bin/vpnoalctl __complete " + words + " 2>/dev/null");
+    };
+    EXPECT_EQ("", complete("certs show ''"));
+    installClient();
+    std::string offered = complete("certs show ''");
+    ASSERT_THAT(offered, testing::MatchesRegex("[0-9a-f]{16}\n"));
+    offered.pop_back();
+    EXPECT_THAT(ctl({"--json", "certs", "show", offered}).output,
+                AllOf(HasSubstr(R"({"subject":"CN=client,O=Test","issuer":)"), HasSubstr(R"("notAfter":)"),
+                      HasSubstr("\"fingerprint\":\"" + offered), HasSubstr(R"("pem":"-----BEGIN CERTIFICATE-----\n)")));
+    EXPECT_EQ("", complete("--plugin /nowhere.so certs show ''"));
+}
+
 TEST_F(CertificateCommandsTest, SignatureIsThatOfTheKey)
 {
     installClient();
@@ -200,6 +217,11 @@ TEST_F(CertificateCommandsTest, BadInputIsNamed)
     expectBadInput({"verify", "/tmp/huge"}, "/tmp/huge: the file is larger");
     expectBadInput({"certs", "import", "/tmp/huge"}, "/tmp/huge: the file is larger");
     expectBadInput({"certs", "import", "/tmp"}, "/tmp: Is a directory");
+    std::string encrypted = mServer.pem();
+    encrypted.insert(encrypted.find('\n') + 1,
+                     "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-256-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+    writeFile("/tmp/encrypted", encrypted);
+    expectBadInput({"verify", "/tmp/encrypted"}, "/tmp/encrypted: is no certificate");
 }
 
 }  // namespace

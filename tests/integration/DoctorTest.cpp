@@ -201,6 +201,44 @@ TEST_F(DoctorInterfaceTest, NameThatIsTakenIsNotProposed)
     EXPECT_THAT(doctor().output, HasSubstr("\n    Name=eth11\n"));
 }
 
+// Another file in the place of one, until the end of the test.
+class MountedOver {
+public:
+    MountedOver(const char* file, const char* other) : mFile(file)
+    {
+        EXPECT_EQ("", shell(std::string("mount --bind ") + other + " " + file));
+    }
+    MountedOver(const MountedOver&) = delete;
+    MountedOver& operator=(const MountedOver&) = delete;
+    ~MountedOver() { shell(std::string("umount ") + mFile); }
+
+private:
+    const char* mFile;
+};
+
+TEST(DoctorSystemTest, TunnelDeviceThatIsNoneIsMissing)
+{
+    const MountedOver device("/dev/net/tun", "/dev/null");
+    EXPECT_EQ("missing: /dev/net/tun is not the kernel's tunnel device; load the module: modprobe tun",
+              lineOf("tunnel device"));
+}
+
+TEST(DoctorSystemTest, IpThatCannotBeRunIsNamed)
+{
+    const MountedOver ip("/sbin/ip", "/dev/null");
+    EXPECT_EQ("limited: /sbin/ip: Permission denied; install iproute2; without it routes cannot be deleted",
+              lineOf("ip tool"));
+}
+
+TEST(DoctorSystemTest, TemporaryFolderThatCannotBeWrittenIsNamed)
+{
+    shell("mount -o remount,ro /tmp");
+    EXPECT_EQ(
+        "limited: /tmp: Read-only file system; make it writable: the agent's files and the recovery file live there",
+        lineOf("temporary files"));
+    shell("mount -o remount,rw /tmp");
+}
+
 // The file exists in the test's own /etc.
 class DoctorGuardTest : public testing::Test {
 protected:

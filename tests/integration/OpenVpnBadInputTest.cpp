@@ -133,4 +133,15 @@ TEST_F(OpenVpnBadInputTest, TenThousandRoutesAreRefusedAndAsManyAsAreAllowedAreI
     EXPECT_EQ("4096\n", shell("ip route show dev norvatun0 proto 119 | wc -l"));
 }
 
+TEST(OpenVpnHookTest, WrongOptionsAndHelp)
+{
+    constexpr char hook[] = WFOAL_BUILD_DIR "/bin/openvpn-hook";
+    const CommandResult help = runCommand({hook, "--help"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_THAT(help.output, HasSubstr("--traffic"));
+    const CommandResult wrong = runCommand({hook, "--traffic", "none"});
+    EXPECT_EQ(2, wrong.status);
+    EXPECT_THAT(wrong.output, testing::MatchesRegex("openvpn-hook: usage: --traffic: .*; see 'openvpn-hook --help'\n"));
+}
+
 }  // namespace

@@ -52,5 +52,15 @@ TEST(RunProgramTest, VariablesThatChangeLaterExistBeforeTheCommandRuns)
     EXPECT_EQ(40, runProgram(app, settings, command, 1, words));
 }
 
+TEST(RunProgramTest, AnExceptionOfTheCommandIsTold)
+{
+    CLI::App app("", "vpnoalctl");
+    Settings settings;
+    const Action command = [](Context&) -> int { throw std::bad_alloc(); };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ExitFailed, runProgram(app, settings, command, 1, words));
+    EXPECT_EQ("vpnoalctl: vpnoalctl: std::bad_alloc\n", testing::internal::GetCapturedStderr());
+}
+
 }  // namespace
 }  // namespace vpnoalctl

@@ -28,6 +28,9 @@ TEST_F(CommandTest, WrongUsageIsExitCode2)
         {{"conect"},
          "vpnoalctl: usage: there is no command 'conect', perhaps 'connect' is meant; see 'vpnoalctl --help'\n"},
         {{"zzz"}, "vpnoalctl: usage: there is no command 'zzz'; see 'vpnoalctl --help'\n"},
+        {{"-v", "--", "run"}, "vpnoalctl: usage: there is no option '--'; see 'vpnoalctl --help'\n"},
+        {{"--plugin", "apply", "run", "--"},
+         "vpnoalctl: run: there is no command; write it after \"--\": vpnoalctl run [PROFILE] -- COMMAND ...\n"},
     };
     for (const auto& [arguments, text] : cases) {
         const CommandResult result = run(arguments);

@@ -69,6 +69,8 @@ TEST(CompletionTest, ValuesByTheNameOfTheArgument)
     EXPECT_THAT(offered({"certs", "show", ""}).words, ElementsAre("0123456789abcdef"));
     EXPECT_EQ(offered({"verify", ""}).files, "*");
     EXPECT_EQ(offered({"verify", "--intermediate", ""}).files, "*");
+    EXPECT_THAT(offered({"--plugin", "apply", "storage", "ls", "t"}).words, ElementsAre("temp"));
+    EXPECT_THAT(offered({"storage", "--nonsense", "ls", "t"}).words, ElementsAre("temp"));
 }
 
 TEST(CompletionTest, NothingFitsWhereNamesAreTheUsersOwnOrAllArgumentsAreGiven)

@@ -52,6 +52,16 @@ TEST(OutputTest, ColourDoesNotDisturbTheColumns)
         printedTable(false, true));
 }
 
+TEST(OutputTest, EachStyleHasItsColour)
+{
+    const auto all = [](Output& output) {
+        for (const Style style : {Style::Plain, Style::Title, Style::Good, Style::Bad, Style::Warning, Style::Faint})
+            output.line("x", style);
+    };
+    EXPECT_EQ("x\n\x1b[1mx\x1b[0m\n\x1b[32mx\x1b[0m\n\x1b[31mx\x1b[0m\n\x1b[33mx\x1b[0m\n\x1b[2mx\x1b[0m\n",
+              printed(false, true, all));
+}
+
 TEST(OutputTest, TableWithoutTitlesHasNoHeading)
 {
     const Table table{{{"what", ""}, {"value", ""}}, {{"soname", "x"}}};

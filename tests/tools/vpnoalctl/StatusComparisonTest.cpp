@@ -6,6 +6,7 @@
 #include "Json.h"
 #include "status/Comparison.h"
 #include "status/Report.h"
+#include "status/ResolverState.h"
 
 namespace vpnoalctl {
 namespace {
@@ -278,6 +279,23 @@ TEST_F(StatusComparisonTest, MachinesGetObjects)
                         R"({"dst":"172.16.5.4","gateway":"10.8.0.7","dev":"norvatun0","metric":20,"present":false}])"));
     EXPECT_THAT(text, HasSubstr(R"("rules":3,"counted":{"packets":5,"bytes":500})"));
     EXPECT_THAT(text, HasSubstr(R"("rejects":["ipv6"],"bypass":[],"connections":[])"));
+}
+
+TEST_F(StatusComparisonTest, MachinesGetWhatTheGuardLetsThrough)
+{
+    installed.guards.front().rules = wfoal::GuardRules::decode(
+        "interface norvatun0\nreject ipv4\nreject ipv6\n"
+        "bypass 192.0.2.0/24\nbypass 2001:db8::/32\n"
+        "connection 6 443 198.51.100.2/32\nconnection 17 51820 2001:db8::2/128\n");
+    EXPECT_THAT(toText(statusToJson(compared())),
+                HasSubstr(R"("rejects":["ipv4","ipv6"],"bypass":["192.0.2.0/24","2001:db8::/32"],)"
+                          R"("connections":["tcp 198.51.100.2 port 443","udp 2001:db8::2 port 51820"])"));
+}
+
+TEST_F(StatusComparisonTest, ResolverOfAnEntryThatMakesNoSenseIsNotAsked)
+{
+    EXPECT_THAT(readDnsState("resolved nonsense").fault, HasSubstr("undo log: "));
+    EXPECT_EQ("the entry names no resolver that is known", readDnsState("other 7 norvatun0").fault);
 }
 
 TEST_F(StatusComparisonTest, PeopleSeeMissingRoutesFirstAndTenLinesAtMost)
