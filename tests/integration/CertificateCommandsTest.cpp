@@ -121,7 +121,7 @@ TEST_F(CertificateCommandsTest, ListShowsNumberSubjectAndFingerprint)
 TEST_F(CertificateCommandsTest, FingerprintThatIsOfferedNamesTheCertificate)
 {
     const auto complete = [](const std::string& words) {  // as the shells' scripts do it
-        return testsupport::shell(WFOAL_BUILD_DIR "/bin/vpnoalctl __complete " + words + " 2>/dev/null");
+        return testsupport::shell("(" WFOAL_BUILD_DIR "/bin/vpnoalctl __complete " + words + " 2>/dev/null)");
     };
     EXPECT_EQ("", complete("certs show ''"));
     installClient();

@@ -136,6 +136,20 @@ TEST_F(RouteCommandsTest, RouteIsDeletedOnce)
     EXPECT_EQ(1, exitCodeOf("route del 10.9.0.0/16 10.1.0.1"));
 }
 
+TEST_F(RouteCommandsTest, RouteThatIsStillThereIsAFailure)
+{
+    shell("mount --bind /dev/null /sbin/ip");  // what deletes it
+    EXPECT_EQ(1, exitCodeOf("route del 10.9.0.0/16 10.1.0.1"));
+    shell("umount /sbin/ip");
+    EXPECT_NE("", shell("ip route show 10.9.0.0/16"));
+}
+
+TEST_F(RouteCommandsTest, TableWithoutRoutesIsEmpty)
+{
+    shell("ip route flush table main; ip route flush table 7");
+    EXPECT_EQ("[]\n", vpnoalctl("routes --json"));
+}
+
 TEST_F(RouteCommandsTest, RouteThatCannotBeNamedChangesNothing)
 {
     // IPv4 alone: IPv6 addresses become usable by themselves meanwhile, each with a route of its own.

@@ -57,6 +57,9 @@ TEST_F(RunRequestsTest, ProfileComesOverTheSocketAndAnotherReplacesIt)
     EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + std::string(splitTunnel) + "}\n"));
     EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
     EXPECT_THAT(routes(), Not(HasSubstr("0.0.0.0/1 dev norvatun0")));
+    EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":{"routes":[{"destination":"10.20.0.0/16"}]}})"
+                                           "\n"));
+    EXPECT_THAT(routes(), Not(HasSubstr("198.51.100.2")));
     EXPECT_EQ("{\"ok\":true}\n", ask(path, "{\"op\":\"restore\"}\n"));
     EXPECT_THAT(routes(), Not(HasSubstr("10.20.0.0/16")));
     EXPECT_EQ(128 + SIGTERM, mRun->end());
@@ -263,6 +266,15 @@ TEST_F(RunRequestsTest, OnlyItsUserReachesTheSocket)
     EXPECT_EQ("700\n", shell("stat -c %a /run/vpnoalctl"));
     mRun->end();
     EXPECT_EQ("refused", ask(path, "{\"op\":\"restore\"}\n"));
+}
+
+TEST_F(RunRequestsTest, FolderThatOthersReachIsRefused)
+{
+    shell("mkdir -m 755 /run/vpnoalctl");
+    const CommandResult result = runToEnd({profile}, guest());
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: /run/vpnoalctl: is no folder of this user alone; remove it\n"));
+    shell("rmdir /run/vpnoalctl");
 }
 
 TEST_F(RunRequestsTest, NoProfileAtAllEndsTheCommand)

@@ -69,6 +69,7 @@ TEST_F(RunTest, BypassStaysOutside)
 {
     writeProfile(R"({"server":"198.51.100.2","bypass":["198.51.100.64/26","192.0.2.0/24","2001:db8::/32"],
                      "routes":[{"destination":"default"}]})");
+    shell("ip route add default via 192.0.2.99 dev eth0 metric 200");  // one that is not used
     LineProcess run = start();
     ASSERT_TRUE(isApplied(run)) << run.output;
     EXPECT_THAT(shell("ip route get 198.51.100.77"), HasSubstr("via 192.0.2.1 dev eth0"));
@@ -76,6 +77,7 @@ TEST_F(RunTest, BypassStaysOutside)
     EXPECT_THAT(shell("ip route get 198.51.100.1"), HasSubstr("dev norvatun0"));
     EXPECT_THAT(shell("nft list ruleset"), HasSubstr("2001:db8::/32"));
     run.end();
+    shell("ip route del default via 192.0.2.99 dev eth0 metric 200");
 }
 
 TEST_F(RunTest, HostRouteFollowsThePreferredInterface)
@@ -103,6 +105,41 @@ TEST_F(RunTest, HostRouteFollowsThePreferredInterface)
     run.end();
 }
 
+TEST_F(RunTest, LossOfTheOtherInterfaceChangesNothing)
+{
+    LineProcess run = start({profile, "--on-change", "SIGUSR1"});
+    ASSERT_TRUE(isApplied(run)) << run.output;
+    const std::string before = routes();
+    shell("ip link set wwan0 down");
+    EXPECT_EQ(0, runCommand({"ping", "-n", "-q", "-i", "0.01", "-c", "100", "10.8.0.1"}).status);
+    shell(
+        "ip link set wwan0 up; ip -6 address flush dev wwan0; ip route add default via 203.0.113.1 dev wwan0 metric "
+        "700");
+    EXPECT_EQ(before, routes());
+    run.end();
+    EXPECT_THAT(run.output, Not(HasSubstr("notified")));
+}
+
+// Names as most machines have them.
+TEST_F(RunTest, InterfaceOfTheDefaultRouteIsTakenWhereNoneIsPreferred)
+{
+    shell("ip link set eth0 down; ip link set eth0 name enp3s0; ip link set wwan0 down; ip link set wwan0 name wlp2s0");
+    shell(
+        "ip link set enp3s0 up; ip link set wlp2s0 up; ip route add default via 203.0.113.1 dev wlp2s0 metric 700; "
+        "ip route add default via 192.0.2.1 dev enp3s0 metric 100");
+    LineProcess run = start();
+    EXPECT_TRUE(isApplied(run)) << run.output;
+    EXPECT_THAT(routes(), HasSubstr("198.51.100.2 via 192.0.2.1 dev enp3s0 proto 119"));
+    run.end();
+    shell(
+        "ip link set enp3s0 down; ip link set enp3s0 name eth0; ip link set wlp2s0 down; ip link set wlp2s0 name "
+        "wwan0");
+    shell(
+        "ip link set wwan0 up; ip -6 address flush dev wwan0; ip route add default via 203.0.113.1 dev wwan0 metric "
+        "700");
+    ethernetOn();
+}
+
 TEST_F(RunTest, CommandForChangesFindsTheEventAndTheInterface)
 {
     LineProcess run = start({profile, "--on-change-exec", "echo $WFOAL_EVENT $WFOAL_INTERFACE $WFOAL_ADDRESS"});
@@ -121,6 +158,16 @@ TEST_F(RunTest, CommandFindsTheInterfaceInArgumentsAndEnvironment)
     EXPECT_EQ(7, result.status);
     EXPECT_THAT(result.output, HasSubstr("on-eth0 eth0 192.0.2.10\n"));
     EXPECT_THAT(result.output, HasSubstr("vpnoalctl: the command ended before the tunnel was up\n"));
+}
+
+TEST_F(RunTest, CommandThatNeedsAnInterfaceIsNotStartedWithoutANetwork)
+{
+    shell("ip route del default dev eth0; ip route del default dev wwan0");
+    const CommandResult result = runToEnd({profile}, {"echo", "on-{interface}"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.output, HasSubstr("vpnoalctl: on-{interface}: there is no network to reach the VPN server "));
+    ethernetRoute();
+    shell("ip route add default via 203.0.113.1 dev wwan0 metric 700");
 }
 
 TEST_F(RunTest, KilledCommandIsRestored)

@@ -8,12 +8,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include "ChildProcess.h"
 #include "CommandError.h"
+#include "Isolation.h"
 
 namespace {
 
@@ -22,16 +24,22 @@ using vpnoalctl::CommandError;
 
 constexpr char path[] = "/tmp/agent.socket";
 
+UniqueFd boundSocket()
+{
+    UniqueFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path, sizeof path);
+    unlink(path);
+    EXPECT_EQ(0, bind(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+    return made;
+}
+
 // Takes one connection, reads one line, answers and closes.
 class Agent {
 public:
-    explicit Agent(std::string answer) : mListener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit Agent(std::string answer) : mListener(boundSocket())
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path, sizeof path);
-        unlink(path);
-        EXPECT_EQ(0, bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
         EXPECT_EQ(0, listen(mListener.get(), 1));
         mThread = std::thread([this, answer] { serve(answer); });
     }
@@ -142,6 +150,22 @@ TEST(AgentClientTest, ASocketThatIsNotThereIsNamed)
     EXPECT_THROW(AgentClient(std::string(200, 'x')), CommandError);
 }
 
+TEST(AgentClientTest, ASocketOfAnotherUserIsRefused)
+{
+    if (testsupport::isInUserNamespace()) GTEST_SKIP() << "there is no other user in this namespace";
+    const UniqueFd listener = boundSocket();
+    ASSERT_EQ(0, seteuid(65534));
+    EXPECT_EQ(0, listen(listener.get(), 1));
+    ASSERT_EQ(0, seteuid(0));
+    try {
+        AgentClient client(path);
+        FAIL();
+    } catch (const CommandError& error) {
+        EXPECT_STREQ("/tmp/agent.socket: belongs to another user; it must be the socket of 'vpnoalctl run'",
+                     error.what());
+    }
+}
+
 // OpenVPN clears the environment of its scripts, but not its own.
 TEST(AgentClientTest, AVariableIsInheritedAlsoWhenTheParentClearedIt)
 {
@@ -154,6 +178,19 @@ TEST(AgentClientTest, AVariableIsInheritedAlsoWhenTheParentClearedIt)
          "env -i script_type=down signal=sigterm " WFOAL_BUILD_DIR "/bin/openvpn-hook; exit $?"});
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("openvpn-hook: /tmp/none: No such file or directory; is 'vpnoalctl run' still running?\n", result.output);
+}
+
+// The shell is in OpenVPN's place.
+TEST(AgentClientTest, OpenVpnIsEndedAlsoWhenTheAgentCannotBeTold)
+{
+    const testsupport::CommandResult result = testsupport::runCommand(
+        {"env", "VPNOALCTL_SOCKET=/tmp/none", "sh", "-c",
+         "env -i script_type=route-up daemon_pid=$$ " WFOAL_BUILD_DIR "/bin/openvpn-hook; echo still here"});
+    EXPECT_EQ(128 + SIGTERM, result.status);
+    EXPECT_THAT(result.output,
+                testing::EndsWith("openvpn-hook: ends OpenVPN: the tunnel is not configured\n"
+                                  "openvpn-hook: /tmp/none: No such file or directory; is 'vpnoalctl run' still "
+                                  "running?\n"));
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tunnel/StderrCallbacks.h"
+
 namespace vpnoalctl {
 namespace {
 
@@ -82,6 +84,26 @@ TEST(AgentEventsTest, NothingIsLostBetweenThreads)
     other.join();
     EXPECT_TRUE(events.isEmpty());
     EXPECT_FALSE(isReadable(events));
+}
+
+std::string toldBy(bool enabled)
+{
+    StderrCallbacks callbacks(enabled);
+    testing::internal::CaptureStderr();
+    callbacks.OnPowerSuspended();
+    callbacks.OnPowerResume();
+    callbacks.OnConnectionChange(1);
+    callbacks.OnConfigurationChange();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST(StderrCallbacksTest, EachCallIsALineWhereThatIsWanted)
+{
+    EXPECT_EQ(
+        "the device is about to sleep\nthe device is awake again\nthe physical network changed\n"
+        "the tunnel's configuration changed\n",
+        toldBy(true));
+    EXPECT_EQ("", toldBy(false));
 }
 
 }  // namespace
