@@ -66,6 +66,15 @@ inline const Words& guest()
     return words;
 }
 
+/// The platform refuses each request meanwhile: it changes nothing that it cannot write down.
+class ReadOnlyUndoLog {
+public:
+    ReadOnlyUndoLog() { shell("cd /run/vknetconfig; mount --bind . .; mount -o remount,bind,ro /run/vknetconfig"); }
+    ReadOnlyUndoLog(const ReadOnlyUndoLog&) = delete;
+    ReadOnlyUndoLog& operator=(const ReadOnlyUndoLog&) = delete;
+    ~ReadOnlyUndoLog() { runCommand({"umount", "/run/vknetconfig"}); }
+};
+
 class RunFixture : public testing::Test {
 protected:
     void SetUp() override

@@ -134,6 +134,18 @@ TEST_F(RunRequestsTest, RefusedProfileLeavesTheEarlierOne)
     mRun->end();
 }
 
+TEST_F(RunRequestsTest, ProfileThatIsRefusedWithTheEarlierOneIsTold)
+{
+    const std::string path = startAndFindSocket({profile});
+    ASSERT_TRUE(isApplied(*mRun)) << mRun->output;
+    {
+        const ReadOnlyUndoLog refusal;
+        EXPECT_THAT(ask(path, R"({"op":"apply","profile":)" + std::string(fullTunnel) + "}\n"),
+                    HasSubstr("the platform refused the configuration, and the earlier one too"));
+    }
+    EXPECT_EQ(128 + SIGTERM, mRun->end());
+}
+
 TEST_F(RunRequestsTest, RefusedProfilesKeepNoObjectOfThePlugIn)
 {
     setenv("VKLOG_LEVEL", "7", 1);

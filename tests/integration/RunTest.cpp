@@ -180,6 +180,21 @@ TEST_F(RunTest, KilledCommandIsRestored)
     EXPECT_EQ(128 + SIGKILL, run.wait());
 }
 
+TEST_F(RunTest, WhatThePlatformRefusesMeanwhileIsTold)
+{
+    LineProcess run = start();
+    ASSERT_TRUE(isApplied(run)) << run.output;
+    auto refusal = std::make_unique<ReadOnlyUndoLog>();
+    shell("ip link set eth0 down");
+    EXPECT_TRUE(run.await("vpnoalctl: server: the platform refused the routes beside the tunnel, through wwan0; "))
+        << run.output;
+    EXPECT_EQ(128 + SIGTERM, run.end());
+    EXPECT_THAT(run.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: "));
+    refusal.reset();
+    EXPECT_EQ(0, runCommand({program, "restore"}).status);
+    ethernetOn();
+}
+
 TEST_F(RunTest, KilledRunIsCleanedUpByTheNextRequest)
 {
     writeProfile(fullTunnel);

@@ -110,24 +110,42 @@ TEST_F(StatusSourcesTest, EntriesOfOthersAreLeftOut)
         result.output);
 }
 
+// As a request that is being carried out; until it is closed.
+UniqueFd takeTurn()
+{
+    UniqueFd turn(open("/run/vknetconfig/turn", O_RDWR | O_CLOEXEC));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    EXPECT_EQ(0, fcntl(turn.get(), F_SETLK, &lock));
+    return turn;
+}
+
 // Anything else would be compared with a configuration that is half installed.
 TEST_F(StatusSourcesTest, RequestThatIsBeingCarriedOutIsWaitedFor)
 {
     writeProfile(fullTunnel);
     ChildProcess connecting = connect();
-    const UniqueFd turn(open("/run/vknetconfig/turn", O_RDWR | O_CLOEXEC));
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    ASSERT_EQ(0, fcntl(turn.get(), F_SETLK, &lock));
+    UniqueFd turn = takeTurn();
     const UniqueFd target(open("/tmp/status", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     ChildProcess asking({program, "status"}, target.get());
     pollfd end{asking.endDescriptor(), POLLIN, 0};
     EXPECT_EQ(0, poll(&end, 1, 500)) << "it has not waited: " << contentOf("/tmp/status");
-    lock.l_type = F_UNLCK;
-    ASSERT_EQ(0, fcntl(turn.get(), F_SETLK, &lock));
+    turn.reset();
     EXPECT_EQ(0, asking.wait());
     EXPECT_THAT(contentOf("/tmp/status"), HasSubstr("state      applied\n"));
+}
+
+TEST_F(StatusSourcesTest, RequestThatTakesTooLongIsTold)
+{
+    applyToOwnDevice(R"({"routes":[{"destination":"10.20.0.0/16"}]})");
+    const UniqueFd turn = takeTurn();
+    const CommandResult result = status();
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(
+        "vpnoalctl: status: a request has been changing the configuration for 10 seconds; run it again when that has "
+        "ended\n",
+        result.output);
 }
 
 TEST_F(StatusSourcesTest, RequestsDoNotWaitForAReader)
