@@ -272,8 +272,9 @@ TEST_F(CtlTunnelTest, RestoreThatRemovesNothingSaysSo)
     writeProfile(goodProfile);
     ASSERT_EQ(0, run({"apply", profile}).status);
     const std::string applied = state();
-    const CommandResult withoutRight =
-        runCommand({"setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", program, "restore"});
+    const std::vector<std::string> restoreWithoutRight{"setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin",
+                                                       program, "restore"};
+    const CommandResult withoutRight = runCommand(restoreWithoutRight);
     EXPECT_EQ(1, withoutRight.status);
     EXPECT_THAT(withoutRight.output, HasSubstr("vpnoalctl: restore: the configuration is not removed: "));
     EXPECT_THAT(withoutRight.output, Not(HasSubstr("The tunnel's configuration is removed.")));
@@ -288,6 +289,7 @@ TEST_F(CtlTunnelTest, RestoreThatRemovesNothingSaysSo)
     }
     EXPECT_EQ(0, run({"restore"}).status);
     EXPECT_EQ(before, state());
+    EXPECT_EQ(0, runCommand(restoreWithoutRight).status) << "nothing is left to remove";
 }
 
 TEST_F(CtlTunnelTest, DeviceThatIsRemovedMeanwhileLeavesNothing)

@@ -72,7 +72,7 @@ public:
     ReadOnlyUndoLog() { shell("cd /run/vknetconfig; mount --bind . .; mount -o remount,bind,ro /run/vknetconfig"); }
     ReadOnlyUndoLog(const ReadOnlyUndoLog&) = delete;
     ReadOnlyUndoLog& operator=(const ReadOnlyUndoLog&) = delete;
-    ~ReadOnlyUndoLog() { runCommand({"umount", "/run/vknetconfig"}); }
+    ~ReadOnlyUndoLog() { runCommand({"umount", "--lazy", "/run/vknetconfig"}); }  // a process may be reading there
 };
 
 class RunFixture : public testing::Test {
