@@ -232,11 +232,11 @@ TEST(DoctorSystemTest, IpThatCannotBeRunIsNamed)
 
 TEST(DoctorSystemTest, TemporaryFolderThatCannotBeWrittenIsNamed)
 {
-    shell("mount -o remount,ro /tmp");
+    shell("mount -t tmpfs -o ro none /tmp");
     EXPECT_EQ(
         "limited: /tmp: Read-only file system; make it writable: the agent's files and the recovery file live there",
         lineOf("temporary files"));
-    shell("mount -o remount,rw /tmp");
+    shell("umount /tmp");
 }
 
 // The file exists in the test's own /etc.
