@@ -130,6 +130,35 @@ TEST_F(WireguardFaultTest, TheTunnelOfAKilledAgentGoesOnUntilDown)
     EXPECT_EQ(1, vpnoalWg({"down", "home"}).status);
 }
 
+TEST_F(WireguardFaultTest, TheTunnelOfAKilledAgentGoesAlsoWhenItsFileIsDamaged)
+{
+    bringUpFor("10.20.0.0/16", "PostDown = touch /tmp/ended");
+    const pid_t running = agent();
+    kill(running, SIGKILL);
+    EXPECT_TRUE(awaitEnd(running));
+    std::ofstream("/etc/wireguard/home.conf", std::ios::app) << "Damaged\n";
+    const CommandResult down = vpnoalWg({"down", "home"});
+    EXPECT_EQ(0, down.status) << down.output;
+    EXPECT_THAT(down.output, HasSubstr("; its PreDown and PostDown do not run"));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/ended"));
+    expectStateAsBefore();
+}
+
+TEST_F(WireguardFaultTest, AnInterruptedUpEndsItsAgent)
+{
+    mNetwork->writeConfig("home", "0.0.0.0/0", "PreUp = touch /tmp/begun; until [ -e /tmp/go ]; do sleep 0.01; done");
+    ChildProcess up({program, "up", "home"});
+    ASSERT_TRUE(awaitSuccess("test -e /tmp/begun"));
+    up.sendSignal(SIGINT);
+    const std::string status = "/proc/" + std::to_string(agent()) + "/status";
+    EXPECT_TRUE(awaitSuccess("test $((0x$(awk '/^ShdPnd/ { print $2 }' " + status + ") & 0x4000)) -ne 0"));
+    std::ofstream("/tmp/go") << "";
+    up.wait();
+    EXPECT_THAT(shell("cat /run/vpnoal-wg/*.log"), HasSubstr("the command ended before the tunnel was up"));
+    expectStateAsBefore();
+    EXPECT_EQ(1, vpnoalWg({"down", "home"}).status) << "nothing is up";
+}
+
 TEST_F(WireguardFaultTest, TheNextAgentTakesTheTunnelOfAKilledOne)
 {
     bringUpFor("0.0.0.0/0");

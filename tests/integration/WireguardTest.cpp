@@ -232,6 +232,15 @@ TEST_F(WireguardTest, Ipv6IsLeftOutWithOneWarning)
                            "are left out; the guard rejects IPv6 beside the tunnel\n"));
 }
 
+TEST_F(WireguardTest, AFileThatOthersMayReadIsWarnedOf)
+{
+    mNetwork->writeConfig("home", "10.20.0.0/16");
+    std::filesystem::permissions("/etc/wireguard/home.conf", std::filesystem::perms(0644));
+    const CommandResult up = vpnoalWg({"up", "home"});
+    EXPECT_EQ(0, up.status);
+    EXPECT_THAT(up.output, StartsWith("vpnoal-wg: warning: /etc/wireguard/home.conf: others may read the keys"));
+}
+
 TEST_F(WireguardTest, TheCommandsOfThePageDoWhatItSays)
 {
     mNetwork->writeConfig("home", "0.0.0.0/0");

@@ -153,6 +153,17 @@ TEST_F(ObjectRegistryTest, OtherObjectsAreDisposedOfAtOnce)
     mGate.open();
 }
 
+TEST_F(ObjectRegistryTest, UsesEndInAnyOrder)
+{
+    auto first = std::make_unique<UseGuard>();
+    auto second = std::make_unique<UseGuard>();
+    const UseGuard third;
+    first.reset();
+    second.reset();
+    EXPECT_EQ(mSocket, third.socketIf());
+    EXPECT_EQ(mSocket, UseGuard().socketIf());
+}
+
 /// All threads share one processor, which a thread of a real-time priority leaves to the others only while it sleeps.
 class RealTimeDisposalTest : public ObjectRegistryTest {
 protected:

@@ -3,12 +3,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
+#include "ResourceLimits.h"
 #include "handles/UniqueFd.h"
 #include "io/WholeFile.h"
 
@@ -78,6 +81,21 @@ TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
     const SubprocessResult result = runSubprocess({"true"}, {}, 5s);
     signal(SIGCHLD, handler);
     EXPECT_EQ(result.outcome, SubprocessResult::Outcome::Unknown);
+    EXPECT_EQ(result.reason(), "its result is lost, as the program ignores SIGCHLD");
+}
+
+TEST(SubprocessTest, WithoutADescriptorNothingIsStarted)
+{
+    const std::string program = "/bin/true";
+    SubprocessResult result;
+    {
+        const testsupport::NoNewDescriptors none;
+        result = runSubprocess({program}, {}, 5s);
+        EXPECT_THROW(Subprocess({program}, Subprocess::Sharing::All, {}), std::system_error);
+    }
+    EXPECT_EQ(result.reason(), "it cannot be started: Too many open files");
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(SubprocessTest, AProgramThatCannotBeStartedIsReportedAtOnce)

@@ -190,6 +190,7 @@ TEST_F(PowerdTest, RemovingACallbackInASleepTellsNothing)
     FakeLogind logind;
     EXPECT_TRUE(PowerdGmainAttach(mThread.loop()));
     EXPECT_TRUE(PowerdClientInit("norva-vpnagentd"));
+    EXPECT_FALSE(PowerdClientInit("norva-vpnagentd")) << "it is started already";
     EXPECT_TRUE(PowerdSuspendedRegister(onSuspended));
     logind.waitForInhibitors(1);
     logind.prepareForSleep(true);

@@ -152,6 +152,17 @@ TEST_F(GuardTest, AllTrafficInTheTunnelKeepsIpv6FromLeavingBesideIt)
     expectAllGone();
 }
 
+TEST_F(GuardTest, ADamagedEntryDoesNotBlockTheNextRequest)
+{
+    ASSERT_EQ(add(full), 0);
+    ASSERT_TRUE(hasGuard());
+    run("sed -i 's/^reject/refuse/' /run/vknetconfig/guard-vpn0@*.journal");
+    ASSERT_EQ(add(full), 0);
+    EXPECT_TRUE(hasGuard());
+    ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
+    expectAllGone();
+}
+
 // A program that tries IPv6 first goes on with IPv4 at once. The kernel would try again after one second.
 TEST_F(GuardTest, ConnectionIsRefusedAtOnce)
 {

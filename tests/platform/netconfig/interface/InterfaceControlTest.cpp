@@ -130,6 +130,16 @@ TEST_F(InterfaceControlTest, AnAddressTheDeviceHasIsNotOurs)
     expectAllGone();
 }
 
+TEST_F(InterfaceControlTest, ADamagedEntryDoesNotBlockTheNextRequest)
+{
+    ASSERT_EQ(add(twoRoutes), 0);
+    run("sed -i 's/^route/path/' /run/vknetconfig/interface-vpn0@*.journal");
+    EXPECT_EQ(add(R"({"ifName":"vpn0","ipv4":{"ip":"0x0200090a","netmask":"0x00ffffff"}})"), 0);
+    EXPECT_THAT(outputOf("ip address show vpn0"), HasSubstr("inet 10.9.0.2/24"));
+    ASSERT_EQ(CmDelInterfaceCfg("vpn0"), 0);
+    EXPECT_EQ(outputOf("ls /run/vknetconfig"), "turn\n");
+}
+
 TEST_F(InterfaceControlTest, AnEqualRouteOfAnotherIsOvertakenAndComesBack)
 {
     run("ip route add 192.168.0.0/16 via 10.8.0.77 dev vpn0");

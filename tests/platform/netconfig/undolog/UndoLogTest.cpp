@@ -92,6 +92,13 @@ std::vector<std::string> claimAll(UndoLog& undoLog)
     return undoLog.claimStaleEntries([](const std::string&) { return true; });
 }
 
+// A file of a subject; the name ends so.
+void replaceByLink(const std::string& file)
+{
+    std::ofstream("/tmp/elsewhere") << "theirs\n";
+    run("for file in " + std::string(folder) + "/" + file + "; do ln -sf /tmp/elsewhere $file; done");
+}
+
 std::vector<std::string> filesLeft()
 {
     std::vector<std::string> names;
@@ -432,6 +439,76 @@ TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheLockIsRefused)
         EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(create); }),
                   "undo log: open /run/vknetconfig/turn: Too many levels of symbolic links");
     }
+}
+
+TEST(UndoLogTest, ASymbolicLinkInPlaceOfAnEntryIsNotRead)
+{
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    undoLog.own("a");
+    undoLog.write("a", "theirs\n");
+    const auto hasLine = undoLog.lineCheck("a", "theirs");
+    replaceByLink("a@*.journal");
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { hasLine(); }), HasSubstr("Too many levels of symbolic links"));
+}
+
+TEST(UndoLogTest, ASymbolicLinkInPlaceOfOneLockLeavesTheOtherEntriesUnclaimed)
+{
+    OtherProcess first("a", "theirs");
+    OtherProcess second("b", "theirs");
+    first.kill();
+    second.kill();
+    replaceByLink("b@*.lock");
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { claimAll(undoLog); }),
+                HasSubstr(".lock: Too many levels of symbolic links"));
+    EXPECT_FALSE(undoLog.owns("a"));
+    EXPECT_EQ(undoLog.read("a"), "theirs");
+    setenv("VKNETCONFIG_TAKE_OVER", "1", 1);
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval("b"); }),
+                HasSubstr(".lock: Too many levels of symbolic links"));
+    unsetenv("VKNETCONFIG_TAKE_OVER");
+    EXPECT_EQ(contentOf("/tmp/elsewhere"), "theirs\n");
+}
+
+TEST(UndoLogTest, ASubjectThatIsTooLongForAFileNameIsRefused)
+{
+    UndoLog undoLog;
+    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval(std::string(246, 'x')); }),
+                HasSubstr("File name too long"));
+}
+
+TEST(UndoLogTest, WithoutADescriptorTheNetworkNamespaceIsUnknown)
+{
+    UndoLog undoLog;
+    undoLog.lock(UndoLog::Create::Yes);
+    const std::exception_ptr failure = failureOf([&] {
+        const testsupport::NoNewDescriptors none;
+        undoLog.lock(UndoLog::Create::Yes);
+    });
+    ASSERT_NE(failure, nullptr);
+    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { std::rethrow_exception(failure); }),
+                HasSubstr("network namespace: Too many open files"));
+}
+
+TEST(UndoLogTest, ALockThatIsHeldTooLongIsReportedNamingItsHolder)
+{
+    const pid_t holder = fork();
+    if (holder == 0) {
+        UndoLog undoLog;
+        const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
+        pause();
+        _exit(1);
+    }
+    const std::string name = std::to_string(holder);
+    run("for i in $(seq 500); do grep -qx " + name + " /run/vknetconfig/turn && break; sleep 0.01; done 2>/dev/null");
+    UndoLog undoLog;
+    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
+              "undo log: process " + name + " has held the lock for 10 seconds");
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
 }
 
 TEST(UndoLogTest, DescriptorsAreCloseOnExec)
