@@ -219,6 +219,68 @@ TEST_F(WireguardFaultTest, CarrierKilledAtAnyTimeWhileComingUp)
     }
 }
 
+// Programs of the test in place of the tools.
+class WireguardToolTest : public WireguardFixture {
+protected:
+    WireguardToolTest() { setenv("PATH", ("/tmp/tools:" + mPath).c_str(), 1); }
+    ~WireguardToolTest() override
+    {
+        setenv("PATH", mPath.c_str(), 1);
+        std::filesystem::remove_all("/tmp/tools");
+    }
+
+    static void replaceTool(const std::string& name, const std::string& command)
+    {
+        std::filesystem::create_directories("/tmp/tools");
+        std::ofstream("/tmp/tools/" + name) << "#!/bin/sh\n" << command << "\n";
+        std::filesystem::permissions("/tmp/tools/" + name, std::filesystem::perms(0755));
+    }
+    static std::string log() { return shell("cat /run/vpnoal-wg/*.log"); }
+
+    const std::string mPath = getenv("PATH");
+};
+
+TEST_F(WireguardToolTest, OneThatFailsEndsTheTunnel)
+{
+    mNetwork->writeConfig("home", "0.0.0.0/0");
+    const auto expectFailure = [this](const std::string& reason) {
+        const CommandResult up = vpnoalWg({"up", "home"});
+        EXPECT_EQ(1, up.status);
+        EXPECT_THAT(up.output, HasSubstr(reason));
+        expectStateAsBefore();
+    };
+    replaceTool("wg", "echo wrong; exit 4");
+    expectFailure("wg setconf norvatun0 /dev/stdin: exit code 4: \"wrong\"; correct the configuration, or try again");
+    replaceTool("wireguard-go", "exit 3");
+    expectFailure("wireguard-go: exit code 3; its own line above says more");
+    replaceTool("wireguard-go", "exec sleep 3600");
+    expectFailure("wireguard-go: has made no device within 10 seconds; try again");
+}
+
+TEST_F(WireguardToolTest, WireguardGoThatCannotBeStartedAgainEndsTheTunnel)
+{
+    bringUpFor("0.0.0.0/0");
+    const pid_t running = agent();
+    ASSERT_TRUE(awaitSuccess("test $(ps -o etimes= -p " + std::to_string(running) + ") -ge 2")) << "it has to last";
+    replaceTool("wireguard-go", "exit 3");
+    kill(wireguardGo(running), SIGKILL);
+    EXPECT_TRUE(awaitEnd(running));
+    EXPECT_THAT(log(), HasSubstr("vpnoal-wg: wireguard-go: exit code 3"));
+    expectStateAsBefore();
+}
+
+TEST_F(WireguardToolTest, AnEndpointThatCannotBeToldAgainAndAFailedLastCommandAreLogged)
+{
+    bringUpFor("0.0.0.0/0", "PostDown = exit 5");
+    const pid_t running = agent();
+    replaceTool("wg", "exit 4");
+    kill(running, SIGUSR1);
+    EXPECT_TRUE(awaitSuccess("grep -q 'wg set norvatun0 .*: exit code 4' /run/vpnoal-wg/*.log"));
+    EXPECT_EQ(0, vpnoalWg({"down", "home"}).status);
+    EXPECT_THAT(log(), HasSubstr("vpnoal-wg: PostDown, command 1: exit code 5"));
+    expectStateAsBefore();
+}
+
 TEST_F(WireguardFaultTest, DnsOfTheTunnelIsAskedThroughIt)
 {
     if (const std::string reason = daemonUnavailable(Daemon::resolved); !reason.empty()) GTEST_SKIP() << reason;
