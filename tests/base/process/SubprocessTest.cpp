@@ -84,16 +84,19 @@ TEST(SubprocessTest, AnAgentThatIgnoresItsChildrenIsToldSo)
     EXPECT_EQ(result.reason(), "its result is lost, as the program ignores SIGCHLD");
 }
 
-TEST(SubprocessTest, WithoutADescriptorNothingIsStarted)
+TEST(SubprocessTest, WithoutRoomForTheInputNothingIsStarted)
 {
-    const std::string program = "/bin/true";
-    SubprocessResult result;
+    const testsupport::NoFileGrows full;
+    EXPECT_EQ(runSubprocess({"true"}, "text", 5s).reason(), "it cannot be started: File too large");
+}
+
+TEST(SubprocessTest, AProgramThatCannotBeWatchedIsEnded)
+{
+    const std::vector<std::string> command{"/bin/sleep", "3600"};
     {
         const testsupport::NoNewDescriptors none;
-        result = runSubprocess({program}, {}, 5s);
-        EXPECT_THROW(Subprocess({program}, Subprocess::Sharing::All, {}), std::system_error);
+        EXPECT_THROW(Subprocess(command, Subprocess::Sharing::All, {}), std::system_error);
     }
-    EXPECT_EQ(result.reason(), "it cannot be started: Too many open files");
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
     EXPECT_EQ(errno, ECHILD);
 }
