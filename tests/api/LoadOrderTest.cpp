@@ -115,6 +115,10 @@ std::vector<std::string> loadFunctions()
 
 TEST(LoadOrderTest, NoStaticObjectIsConstructedAfterTheLoadHook)
 {
+#if defined(__clang__) && defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP()
+        << "clang's address sanitizer adds functions to each file, and constructs at run time what is constant";
+#endif
     const std::vector<std::string> functions = loadFunctions();
     ASSERT_GE(functions.size(), 2u) << "the reader's constructor and the load hook at least";
     // The reader is made with priority 200, which clang names in place of the file.
