@@ -38,7 +38,7 @@ std::vector<std::string> promisesIn(const std::string& output, const std::string
     std::istringstream lines(output);
     std::string reason;
     for (std::string line; std::getline(lines, line);) {
-        const bool isBelowReason = !reason.empty() && line.front() == ' ';
+        const bool isBelowReason = !reason.empty() && line.rfind(' ', 0) == 0;
         if (!isBelowReason) reason = line.rfind("not testable here: ", 0) == 0 ? line : "";
         const bool isWanted =
             result == "not testable here" ? isBelowReason : reason.empty() && line.rfind(result + " ", 0) == 0;
@@ -162,7 +162,7 @@ TEST_F(ConformanceTest, PagesThatExplainAreThere)
     std::ifstream page(WFOAL_SOURCE_DIR "/docs/porting.md");
     std::set<std::string> sections;
     for (std::string line; std::getline(page, line);) {
-        if (line.front() != '#') continue;
+        if (line.rfind('#', 0) != 0) continue;
         std::string section = line.substr(line.find(' ') + 1);
         std::replace(section.begin(), section.end(), ' ', '-');
         for (char& letter : section)
