@@ -153,10 +153,10 @@ TEST_F(WireguardFaultTest, AnInterruptedUpEndsItsAgent)
     const std::string status = "/proc/" + std::to_string(agent()) + "/status";
     EXPECT_TRUE(awaitSuccess("test $((0x$(awk '/^ShdPnd/ { print $2 }' " + status + ") & 0x4000)) -ne 0"));
     std::ofstream("/tmp/go") << "";
-    up.wait();
+    EXPECT_EQ(1, up.wait()) << "nothing is up";
     EXPECT_THAT(shell("cat /run/vpnoal-wg/*.log"), HasSubstr("the command ended before the tunnel was up"));
     expectStateAsBefore();
-    EXPECT_EQ(1, vpnoalWg({"down", "home"}).status) << "nothing is up";
+    EXPECT_EQ(1, vpnoalWg({"down", "home"}).status);
 }
 
 TEST_F(WireguardFaultTest, TheNextAgentTakesTheTunnelOfAKilledOne)

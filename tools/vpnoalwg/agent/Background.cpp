@@ -144,7 +144,10 @@ int startInBackground(std::vector<std::string> arguments, const std::string& log
         const bool hasEnded = watched[1].revents != 0;
         if (!isReady && !hasEnded) continue;
         show(log);
-        return hasEnded ? statusOf(process) : 0;
+        if (!hasEnded) return 0;
+        const int status = statusOf(process);
+        // An interrupted agent has not failed itself.
+        return status != 0 ? status : static_cast<int>(vpnoalctl::ExitFailed);
     }
 }
 

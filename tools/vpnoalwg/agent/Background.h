@@ -10,8 +10,8 @@
 namespace vpnoalwg {
 
 /// Starts this program with these arguments and waits until it reports to be ready, or ends. What it prints goes to the
-/// file `log`, and what it has printed until then to standard error. Returns 0 when it is ready, else its exit status.
-/// An interruption ends it. Throws CommandError.
+/// file `log`, and what it has printed until then to standard error. Returns 0 when it is ready, else its exit status,
+/// which is ExitFailed when it was interrupted. Throws CommandError.
 int startInBackground(std::vector<std::string> arguments, const std::string& log);
 
 }  // namespace vpnoalwg
