@@ -109,9 +109,9 @@ until [ -e ready ]; do sleep 0.01; done
 wait $! 2>/dev/null || true
 killings=1 traced=0
 if strace -o /dev/null true 2>/dev/null; then
-    mkdir astray
+    mkdir unread
     for traced in 1 2 3; do
-        TMPDIR=$work/astray strace -f -qq -o /dev/null -e trace=write -e inject=write:error=ENOSPC:when=$traced ./program again ||
+        TMPDIR=$work/unread strace -f -qq -o /dev/null -e trace=write -e inject=write:error=ENOSPC:when=$traced ./program again ||
             { echo "the traced program ended with $?"; exit 1; }
     done
 fi

@@ -113,7 +113,7 @@ static void writeAll(void)
 }
 
 // libgcov writes once more when the process ends. What a traced process writes then goes to files that nobody reads.
-static void leadAstray(void)
+static void divertLastWrite(void)
 {
     const char* const folder = getenv("TMPDIR");
     setenv("GCOV_PREFIX", folder != NULL ? folder : "/tmp", 1);
@@ -126,7 +126,7 @@ void countersUnregister(Function write)
 {
     if (sIsTraced) {
         writeAll();
-        leadAstray();
+        divertLastWrite();
     }
     for (int i = 0; i < mostObjects; ++i) {
         if (sObjects[i].write == write) sObjects[i].write = NULL;
