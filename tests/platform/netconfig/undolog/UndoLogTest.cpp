@@ -5,17 +5,11 @@
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iterator>
 #include <new>
 
 #include "ErrorOf.h"
@@ -24,88 +18,20 @@
 #include "KernelState.h"
 #include "RequestError.h"
 #include "ResourceLimits.h"
+#include "UndoLogProcesses.h"
 
 using namespace vknetconfig;
+using namespace testsupport;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
-using testsupport::contentOf;
-using testsupport::run;
 
 namespace {
 
-constexpr char folder[] = "/run/vknetconfig";
-
-// The error as it was thrown, to be looked at later: looking at it takes the sanitizer a descriptor.
-std::exception_ptr failureOf(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
-// A process that owns a subject until it is killed.
-class OtherProcess {
-public:
-    OtherProcess(const std::string& subject, const std::string& content)
-    {
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        mPid = fork();
-        if (mPid == 0) {
-            UndoLog undoLog;
-            {
-                const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-                undoLog.own(subject);
-                if (!content.empty()) undoLog.write(subject, content);
-            }
-            if (::write(ready[1], "x", 1) == 1) pause();
-            _exit(1);
-        }
-        close(ready[1]);
-        char byte = 0;
-        EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-        close(ready[0]);
-    }
-    ~OtherProcess() { kill(); }
-    pid_t pid() const { return mPid; }
-    void kill()
-    {
-        if (mPid <= 0) return;
-        ::kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mPid = 0;
-    }
-
-private:
-    pid_t mPid = 0;
-};
-
-std::vector<std::string> claimAll(UndoLog& undoLog)
-{
-    return undoLog.claimStaleEntries([](const std::string&) { return true; });
-}
-
-// A file of a subject; the name ends so.
-void replaceByLink(const std::string& file)
-{
-    std::ofstream("/tmp/elsewhere") << "theirs\n";
-    run("for file in " + std::string(folder) + "/" + file + "; do ln -sf /tmp/elsewhere $file; done");
-}
-
-std::vector<std::string> filesLeft()
-{
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        names.push_back(entry.path().filename());
-    return names;
-}
+constexpr const char* folder = undoLogFolder;
 
 }  // namespace
 
@@ -144,7 +70,7 @@ TEST(UndoLogTest, AnyThreadCanAskWhetherAnEntryStillHasALine)
         ASSERT_EQ(unlink(path.c_str()), 0);
         ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     }
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { hasLine(); }), "undo log: read: Is a directory");
+    EXPECT_EQ(errorOf<RequestError>([&] { hasLine(); }), "undo log: read: Is a directory");
 }
 
 TEST(UndoLogTest, WithoutAFolderThereIsNothingAndNothingIsMade)
@@ -157,22 +83,12 @@ TEST(UndoLogTest, WithoutAFolderThereIsNothingAndNothingIsMade)
     EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
-TEST(UndoLogTest, TheFolderIsForItsOwnerOnly)
-{
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    struct stat status {};
-    ASSERT_EQ(stat(folder, &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0700U);
-}
-
 TEST(UndoLogTest, ASubjectOfALivingProcessIsRefusedNamingIt)
 {
     OtherProcess other("a", "theirs");
     UndoLog undoLog;
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.own("a"); }),
-                HasSubstr("process " + std::to_string(other.pid())));
+    EXPECT_THAT(errorOf<RequestError>([&] { undoLog.own("a"); }), HasSubstr("process " + std::to_string(other.pid())));
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     EXPECT_EQ(undoLog.read("a"), "theirs");
 }
@@ -183,7 +99,7 @@ TEST(UndoLogTest, ALivingProcessThatTheLockDoesNotNameIsAnotherProcess)
     run(std::string("truncate -s 0 ") + folder + "/a@*.lock");
     UndoLog undoLog;
     const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.own("a"); }),
+    EXPECT_EQ(errorOf<RequestError>([&] { undoLog.own("a"); }),
               "undo log: the configuration of a belongs to another process, which is running");
 }
 
@@ -320,8 +236,8 @@ TEST(UndoLogTest, AnEntryOfTheVersionBeforeWhoseOwnerLivesIsRefusedNamingIt)
     EXPECT_THAT(claimAll(undoLog), IsEmpty());
     const std::string refusal =
         "undo log: the configuration of interface-vpn0 belongs to process 4711, which is running";
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.own("interface-vpn0"); }), refusal);
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
+    EXPECT_EQ(errorOf<RequestError>([&] { undoLog.own("interface-vpn0"); }), refusal);
+    EXPECT_EQ(errorOf<RequestError>([&] { undoLog.ownForRemoval("interface-vpn0"); }), refusal);
     EXPECT_THAT(filesLeft(), UnorderedElementsAre("turn", "interface-vpn0.journal", "interface-vpn0.lock"));
 }
 
@@ -344,8 +260,8 @@ TEST(UndoLogTest, AnEntryOfAnUnknownVersionIsKeptAndRefusesItsSubject)
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "vknetconfig[4]: the entry " + name + " is kept: it has an unknown version\n");
         const std::string refusal = "undo log: the entry " + name + " has an unknown version";
-        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { other.own("a"); }), refusal);
-        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { other.ownForRemoval("a"); }), refusal);
+        EXPECT_EQ(errorOf<RequestError>([&] { other.own("a"); }), refusal);
+        EXPECT_EQ(errorOf<RequestError>([&] { other.ownForRemoval("a"); }), refusal);
         EXPECT_FALSE(other.owns("a"));
         EXPECT_EQ(contentOf(name), text);
     }
@@ -360,13 +276,12 @@ TEST(UndoLogTest, WhatCannotBeOwnedIsOwnedByNobody)
     int refused = 0;
     for (rlim_t files = 3; files < 16; ++files) {
         const std::exception_ptr failure = failureOf([&] {
-            const testsupport::ResourceLimit few(RLIMIT_NOFILE, files);
+            const ResourceLimit few(RLIMIT_NOFILE, files);
             claimAll(undoLog);
         });
         ASSERT_EQ(undoLog.owns("a"), failure == nullptr) << files;
         if (failure == nullptr) break;
-        EXPECT_THAT(testsupport::errorOf<RequestError>([&] { std::rethrow_exception(failure); }),
-                    HasSubstr("Too many open files"));
+        EXPECT_THAT(errorOf<RequestError>([&] { std::rethrow_exception(failure); }), HasSubstr("Too many open files"));
         ++refused;
     }
     EXPECT_GT(refused, 1);
@@ -382,149 +297,16 @@ TEST(UndoLogTest, AnEraseThatFindsNoMemoryChangesNothing)
         const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
         undoLog.own(subject);
         undoLog.write(subject, "ours");
-        testsupport::failAllocation(failures + 1);
+        failAllocation(failures + 1);
         try {
             undoLog.erase(subject);
             isErased = true;
         } catch (const std::bad_alloc&) {
         }
-        testsupport::failAllocation(0);
+        failAllocation(0);
         ASSERT_EQ(undoLog.owns(subject), !isErased) << failures;
         ASSERT_EQ(undoLog.read(subject), isErased ? "" : "ours") << failures;
     }
     EXPECT_GT(failures, 2);
     EXPECT_THAT(filesLeft(), ElementsAre("turn"));
-}
-
-TEST(UndoLogTest, AFullDiskIsReportedAndTheEarlierEntryStays)
-{
-    std::filesystem::create_directory(folder);
-    ASSERT_EQ(mount("small", folder, "tmpfs", 0, "size=16k"), 0);
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    undoLog.own("a");
-    undoLog.write("a", "small");
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.write("a", std::string(100000, 'x')); }),
-                HasSubstr("No space left on device"));
-    EXPECT_EQ(undoLog.read("a"), "small");
-    EXPECT_FALSE(std::filesystem::exists(std::string(folder) + "/a.journal.new"));
-}
-
-TEST(UndoLogTest, AFolderThatCannotBeWrittenIsReported)
-{
-    std::filesystem::create_directory(folder);
-    ASSERT_EQ(mount("fixed", folder, "tmpfs", MS_RDONLY, nullptr), 0);
-    UndoLog undoLog;
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
-                HasSubstr("Read-only file system"));
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::No); }), "no error");
-}
-
-TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheFolderIsRefused)
-{
-    std::filesystem::create_directory("/tmp/elsewhere");
-    std::filesystem::create_symlink("/tmp/elsewhere", folder);
-    UndoLog undoLog;
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
-                HasSubstr("undo log: open /run/vknetconfig"));
-}
-
-TEST(UndoLogTest, ASymbolicLinkInPlaceOfTheLockIsRefused)
-{
-    std::filesystem::create_directory(folder);
-    std::ofstream("/tmp/lock") << "";
-    std::filesystem::create_symlink("/tmp/lock", std::string(folder) + "/turn");
-    UndoLog undoLog;
-    for (const UndoLog::Create create : {UndoLog::Create::Yes, UndoLog::Create::No}) {
-        EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(create); }),
-                  "undo log: open /run/vknetconfig/turn: Too many levels of symbolic links");
-    }
-}
-
-TEST(UndoLogTest, ASymbolicLinkInPlaceOfAnEntryIsNotRead)
-{
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    undoLog.own("a");
-    undoLog.write("a", "theirs\n");
-    const auto hasLine = undoLog.lineCheck("a", "theirs");
-    replaceByLink("a@*.journal");
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { hasLine(); }), HasSubstr("Too many levels of symbolic links"));
-}
-
-TEST(UndoLogTest, ASymbolicLinkInPlaceOfOneLockLeavesTheOtherEntriesUnclaimed)
-{
-    OtherProcess first("a", "theirs");
-    OtherProcess second("b", "theirs");
-    first.kill();
-    second.kill();
-    replaceByLink("b@*.lock");
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { claimAll(undoLog); }),
-                HasSubstr(".lock: Too many levels of symbolic links"));
-    EXPECT_FALSE(undoLog.owns("a"));
-    EXPECT_EQ(undoLog.read("a"), "theirs");
-    setenv("VKNETCONFIG_TAKE_OVER", "1", 1);
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval("b"); }),
-                HasSubstr(".lock: Too many levels of symbolic links"));
-    unsetenv("VKNETCONFIG_TAKE_OVER");
-    EXPECT_EQ(contentOf("/tmp/elsewhere"), "theirs\n");
-}
-
-TEST(UndoLogTest, ASubjectThatIsTooLongForAFileNameIsRefused)
-{
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { undoLog.ownForRemoval(std::string(246, 'x')); }),
-                HasSubstr("File name too long"));
-}
-
-TEST(UndoLogTest, WithoutADescriptorTheNetworkNamespaceIsUnknown)
-{
-    UndoLog undoLog;
-    undoLog.lock(UndoLog::Create::Yes);
-    const std::exception_ptr failure = failureOf([&] {
-        const testsupport::NoNewDescriptors none;
-        undoLog.lock(UndoLog::Create::Yes);
-    });
-    ASSERT_NE(failure, nullptr);
-    EXPECT_THAT(testsupport::errorOf<RequestError>([&] { std::rethrow_exception(failure); }),
-                HasSubstr("network namespace: Too many open files"));
-}
-
-TEST(UndoLogTest, ALockThatIsHeldTooLongIsReportedNamingItsHolder)
-{
-    const pid_t holder = fork();
-    if (holder == 0) {
-        UndoLog undoLog;
-        const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-        pause();
-        _exit(1);
-    }
-    const std::string name = std::to_string(holder);
-    run("for i in $(seq 500); do grep -qx " + name + " /run/vknetconfig/turn && break; sleep 0.01; done 2>/dev/null");
-    UndoLog undoLog;
-    EXPECT_EQ(testsupport::errorOf<RequestError>([&] { undoLog.lock(UndoLog::Create::Yes); }),
-              "undo log: process " + name + " has held the lock for 10 seconds");
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-}
-
-TEST(UndoLogTest, DescriptorsAreCloseOnExec)
-{
-    UndoLog undoLog;
-    const UndoLog::Lock lock = undoLog.lock(UndoLog::Create::Yes);
-    undoLog.own("a");
-    int kept = 0;
-    for (int fd = 3; fd < 64; ++fd) {
-        const int flags = fcntl(fd, F_GETFD);
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        char target[256] = {};
-        if (flags < 0 || readlink(link.c_str(), target, sizeof target - 1) < 0) continue;
-        if (std::string(target).rfind(folder, 0) != 0) continue;
-        ++kept;
-        EXPECT_NE(flags & FD_CLOEXEC, 0) << target;
-    }
-    EXPECT_EQ(kept, 3);  // folder, turn, lock of the subject
 }
