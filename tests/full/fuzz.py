@@ -30,7 +30,7 @@ def fuzz(seconds, stem):
 def main():
     seconds = sys.argv[1] if len(sys.argv) > 1 else "300"
     stems = sys.argv[2:] or sorted(path.stem for path in pathlib.Path("tests/fuzz").glob("*Fuzz.cpp"))
-    subprocess.run(["tests/fuzz/run.sh", "--build"], check=True)
+    subprocess.run(["tests/fuzz/run.sh", "--build", seconds, *stems], check=True)
     with concurrent.futures.ThreadPoolExecutor(2) as workers:
         rows = list(workers.map(lambda stem: fuzz(seconds, stem), stems))
     return figures.report(rows, ["Edges and features are libFuzzer's: what the seeds and the corpus of build/fuzz/corpus reach."])

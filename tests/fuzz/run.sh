@@ -10,17 +10,17 @@ mode=${1:-}
 if [[ $mode == --buil[dt] ]]; then shift; fi
 seconds=${1:-60}
 shift || true
+stems=("$@")
+[ ${#stems[@]} -gt 0 ] || mapfile -t stems < <(basename -s .cpp tests/fuzz/*Fuzz.cpp)
 if [ "$mode" != --built ]; then
     cmake --preset fuzz >/dev/null
-    ninja -C build/fuzz
+    ninja -C build/fuzz "${stems[@]}"
     [ "$mode" != --build ] || exit 0
 fi
 root=$PWD
 mkdir -p build/fuzz/found
 status=0
-for source in tests/fuzz/*Fuzz.cpp; do
-    stem=$(basename "$source" .cpp)
-    [ $# -eq 0 ] || [[ " $* " == *" $stem "* ]] || continue
+for stem in "${stems[@]}"; do
     mkdir -p "build/fuzz/corpus/$stem" "tests/fuzz/seeds/$stem"
     echo "== $stem"
     "build/fuzz/bin/$stem" -max_total_time="$seconds" -rss_limit_mb=4096 -print_final_stats=1 \
