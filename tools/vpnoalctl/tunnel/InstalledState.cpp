@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -30,9 +31,10 @@ std::array<std::string, 2> undoLogFiles()
 
 namespace {
 
-bool isRunning(pid_t process)
+// This process owns nothing any more: its number in a lock file is what a failed removal left there.
+bool isRunningElsewhere(pid_t process)
 {
-    return process > 0 && (kill(process, 0) == 0 || errno == EPERM);
+    return process > 0 && process != getpid() && (kill(process, 0) == 0 || errno == EPERM);
 }
 
 InstalledState stateOf(const std::string& file)
@@ -44,7 +46,7 @@ InstalledState stateOf(const std::string& file)
     }
     const UniqueFd lock(open((file + std::string(wfoal::lockSuffix)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const pid_t holder = lock.valid() ? wfoal::holderIn(lock.get()) : 0;
-    if (isRunning(holder)) return {fmt::format("it belongs to process {}, which is running", holder), holder};
+    if (isRunningElsewhere(holder)) return {fmt::format("it belongs to process {}, which is running", holder), holder};
     return {"it is still installed", 0};
 }
 
