@@ -24,7 +24,7 @@ cmake --preset release
 cmake --build --preset release
 folder=build/flakes
 mkdir -p "$folder"
-series="$(git rev-parse HEAD 2>/dev/null || echo unknown) $*"
+series="$(tests/full.sh --commit) $*"
 if [ "$(cat "$folder/series" 2>/dev/null)" != "$series" ]; then
     rm -f "$folder"/*.xml "$folder"/*.log "$folder"/*.counts
     echo "$series" >"$folder/series"

@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # full.sh [--again] [PART...]: runs everything that is too long for each change, prints one table of what it measured, and
-# writes docs/reliability.md. All parts of tests/full/parts.txt are run when none is named.
+# writes docs/reliability.md. All parts of tests/full/parts.txt are run when none is named, but those with a "+".
 #
 #   --again      also the parts that have a result for this commit
 #   --summary    no part: only the table and the page, from the results there are
 #   --list       the parts
+#   --commit     the commit that results belong to: the last one that changed more than them
 #
 # Each result stays in docs/reliability/PART.json, and what the part printed in build/full/PART.log. A part that has a
 # result for this commit is not run again, so that an interrupted run goes on where it stopped, in another clone too when
@@ -21,7 +22,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 folder=build/full
 
 usage() {
-    sed -n '4,18s/^# \{0,1\}//p' tests/full.sh
+    sed -n '4,19s/^# \{0,1\}//p' tests/full.sh
 }
 
 die() {
@@ -29,11 +30,22 @@ die() {
     exit 2
 }
 
-names=()
+# The last commit that changed more than what this writes, and what has been changed since.
+state_of_tree() {
+    local paths=(-- . ':!docs/reliability.md' ':!docs/reliability') commit changes
+    commit=$(git log -1 --format=%h "${paths[@]}") || die 'results belong to a commit, and this is no clone'
+    changes=$(git status --porcelain "${paths[@]}"; git diff HEAD "${paths[@]}")
+    [ -z "$changes" ] || commit+=+$(sha256sum <<<"$changes" | cut -c 1-7)
+    echo "$commit"
+}
+
+names=() default=()
 declare -A command
 while IFS='|' read -r name _ line; do
     [[ $name != '' && $name != \#* ]] || continue
     read -r name <<<"$name"
+    [[ $name == +* ]] || default+=("$name")
+    name=${name#+}
     read -r "command[$name]" <<<"$line"
     names+=("$name")
 done <tests/full/parts.txt
@@ -43,6 +55,7 @@ while [ $# -gt 0 ]; do
     case $1 in
     --again) again=yes ;;
     --summary) summary=yes ;;
+    --commit) state_of_tree; exit 0 ;;
     --list) grep -v '^#' tests/full/parts.txt; exit 0 ;;
     -h | --help) usage; exit 0 ;;
     -*) die "unknown option '$1' (see --help)" ;;
@@ -53,16 +66,7 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-[ ${#wanted[@]} -gt 0 ] || wanted=("${names[@]}")
-
-# The last commit that changed more than what this writes, and what has been changed since.
-state_of_tree() {
-    local paths=(-- . ':!docs/reliability.md' ':!docs/reliability') commit changes
-    commit=$(git log -1 --format=%h "${paths[@]}") || die 'results belong to a commit, and this is no clone'
-    changes=$(git status --porcelain "${paths[@]}"; git diff HEAD "${paths[@]}")
-    [ -z "$changes" ] || commit+=+$(sha256sum <<<"$changes" | cut -c 1-7)
-    echo "$commit"
-}
+[ ${#wanted[@]} -gt 0 ] || wanted=("${default[@]}")
 
 run_part() {
     local name=$1 started=$SECONDS status=0

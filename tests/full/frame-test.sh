@@ -20,6 +20,7 @@ cat >tests/full/parts.txt <<'END'
 good | what is right | tests/full/good.py
 bad  | what is wrong | tests/full/bad.py 7
 dead | what ends early | echo run >>runs.dead; exit 3
++rare | what takes a day | echo run >>runs.rare; exit 4
 END
 cat >tests/full/good.py <<'END'
 #!/usr/bin/env python3
@@ -73,7 +74,7 @@ runs() {
     printf '%s: the log is build/full/%s.log\n' "$1" "$1"
 }
 
-expect 'an unknown part' 2 "full.sh: no part is called 'nonsense'; there are: good bad dead" good nonsense
+expect 'an unknown part' 2 "full.sh: no part is called 'nonsense'; there are: good bad dead rare" good nonsense
 expect_runs good 0
 expect 'all parts' 1 "$(runs good; runs bad; runs dead)
 $table
@@ -85,6 +86,7 @@ cat >expected <<END
 | \`good\` | what is right | SECONDS | $first | DATE |
 | \`bad\` | what is wrong | SECONDS | $first | DATE |
 | \`dead\` | what ends early | SECONDS | $first | DATE |
+| \`rare\` | what takes a day | not run |  |  |
 
 | part | measured | figure | limit |  |
 |---|---|---|---|---|
@@ -107,6 +109,12 @@ $table
 3 parts, SECONDS, commit $first: FAILED"
 expect_runs good 1
 expect_runs dead 2
+expect_runs rare 0
+expect 'a part that is run only when it is named' 1 "$(runs rare)
+part  what             figure                             limit  result
+rare  end of the part  exit code 4, there are no figures  0      FAILED
+1 parts, SECONDS, commit $first: FAILED" rare
+expect 'the commit that results belong to' 0 "$first" --commit
 expect 'a part alone' 0 "part  what    figure  limit  result
 good  apples  3 of 3  all    ok
 1 parts, SECONDS, commit $first: ok" good

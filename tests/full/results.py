@@ -26,7 +26,7 @@ def parts():
     for line in pathlib.Path("tests/full/parts.txt").read_text(encoding="utf-8").splitlines():
         if line.strip() and not line.startswith("#"):
             name, what, _ = line.split("|", 2)
-            yield name.strip(), what.strip()
+            yield name.strip().lstrip("+"), what.strip()
 
 
 def load(part):
