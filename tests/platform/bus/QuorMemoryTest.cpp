@@ -13,7 +13,6 @@
 namespace {
 
 using namespace testsupport;
-using testing::ElementsAre;
 using testing::SizeIs;
 
 // The test's own allocations do not fail.
