@@ -13,6 +13,8 @@ namespace wfoal {
 
 namespace {
 
+constexpr int highestError = 4095;  // the kernel has none above
+
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t align(std::size_t length)
@@ -100,7 +102,7 @@ int errorOf(const nlmsghdr& message)
     int error = 0;
     if (message.nlmsg_len < sizeof message + sizeof error) return EBADMSG;
     std::memcpy(&error, &message + 1, sizeof error);
-    return -error;
+    return error <= 0 && error >= -highestError ? -error : EBADMSG;
 }
 
 }  // namespace wfoal

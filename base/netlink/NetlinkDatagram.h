@@ -42,7 +42,8 @@ private:
     std::size_t mOffset = 0;  // of the next message
 };
 
-/// The errno value that an NLMSG_ERROR message carries; 0: an acknowledgement.
+/// The errno value that an NLMSG_ERROR message carries; 0: an acknowledgement. EBADMSG when it carries none that the
+/// kernel has.
 int errorOf(const nlmsghdr& message);
 
 }  // namespace wfoal

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "ForeignNetlink.h"
@@ -199,6 +200,11 @@ TEST(NetlinkDatagramTest, AnErrorIsTheKernelsNumber)
     EXPECT_EQ(errorIn(errorBytes(ENOENT, 1)), ENOENT);
     EXPECT_EQ(errorIn(errorBytes(0, 1)), 0);
     EXPECT_EQ(errorIn(messageBytes(NLMSG_ERROR, "")), EBADMSG) << "without room for one";
+    EXPECT_EQ(errorIn(errorBytes(4095, 1)), 4095);
+    for (const int number : {4096, std::numeric_limits<int>::max(), -1, -std::numeric_limits<int>::max()})
+        EXPECT_EQ(errorIn(errorBytes(number, 1)), EBADMSG) << number;
+    const int smallest = std::numeric_limits<int>::min();  // has no positive counterpart
+    EXPECT_EQ(errorIn(messageBytes(NLMSG_ERROR, {reinterpret_cast<const char*>(&smallest), sizeof smallest})), EBADMSG);
 }
 
 TEST(NetlinkAnswerTest, IsOfTheRequestThatWasMade)
