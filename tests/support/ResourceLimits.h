@@ -6,7 +6,9 @@
 
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
+#include <system_error>
 
 namespace testsupport {
 
@@ -32,6 +34,8 @@ private:
 
 /// What opens a file or a socket fails.
 class NoNewDescriptors {
+    // clang's sanitizer looks at a type for the first time through a pipe.
+    std::system_error mSeenBefore{EMFILE, std::generic_category()};
     ResourceLimit mLimit{RLIMIT_NOFILE, 0};
 };
 

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <functional>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "FirewallFixture.h"
@@ -85,13 +86,16 @@ protected:
     }
 };
 
-// When the rules change while nft reads, it begins again and at times keeps what it had: the listing has two dumps, one
-// after the other. In the kernel a table never has a chain twice.
+// When the rules change while nft reads, it begins again and at times keeps what it had: the listing has parts of two
+// dumps. In the kernel a table never has a chain twice.
 bool hasTwoDumps(const std::string& listing)
 {
-    constexpr char chain[] = "chain _input {";
-    const std::size_t first = listing.find(chain);
-    return first != std::string::npos && listing.find(chain, first + 1) != std::string::npos;
+    std::istringstream lines(listing);
+    std::set<std::string> chains;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("\tchain ", 0) == 0 && !chains.insert(line).second) return true;
+    }
+    return false;
 }
 
 }  // namespace

@@ -28,6 +28,12 @@ namespace {
 
 constexpr char folder[] = "/run/vknetconfig";
 
+#if defined(__clang__) && defined(__SANITIZE_ADDRESS__)
+constexpr bool mayWriteFail = false;  // that sanitizer looks at types through a pipe, at any time
+#else
+constexpr bool mayWriteFail = true;
+#endif
+
 class InterfaceFaultTest : public testing::Test {
 protected:
     void SetUp() override
@@ -144,6 +150,7 @@ TEST_F(InterfaceFaultTest, AnySystemCallThatFailsLeavesAllOrNothing)
         {"recvmsg", "ENOBUFS"}, {"recvmsg", "EINTR"},          {"poll", "ENOMEM"},
     };
     for (const auto& [call, error] : faults) {
+        if (!mayWriteFail && std::string(call) == "write") continue;
         for (int number = 1; number < 60; number += sweepStep) {
             const std::string output = withFault(
                 call, "error=" + std::string(error) + ":when=" + std::to_string(number), "add /tmp/request.json");
