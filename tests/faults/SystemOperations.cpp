@@ -206,6 +206,8 @@ class Load : public Operation {
     {
         return function == Function::PthreadCreate || function == Function::GlibMemory;
     }
+    // The connections to the bus stay. Each holds the more the further it has come when the library goes.
+    long keptAfterFault() const override { return 100; }
     int act() override
     {
         void* library = dlopen(WFOAL_BUILD_DIR "/lib/libVpnWfOal.so", RTLD_NOW | RTLD_LOCAL);
