@@ -74,12 +74,16 @@ void LocalService::addCategory(const std::string& path, const QSMethod* methods)
     mCategories.splice(mCategories.end(), added);
 }
 
+// Without memory sd-bus may keep a part of the path, and asserts that there is none when it frees the connection. So
+// this one is closed in the end, but never freed.
 void LocalService::offer(Category& category, sd_bus* bus)
 {
-    systembus::orBadAlloc(obtain(category.slot, [&](sd_bus_slot** slot) {
+    const int result = obtain(category.slot, [&](sd_bus_slot** slot) {
         return sd_bus_add_object_vtable(bus, slot, category.path.c_str(), jsonInterface, category.table.data(),
                                         &category);
-    }));
+    });
+    if (result == -ENOMEM) sd_bus_ref(bus);
+    systembus::orBadAlloc(result);
 }
 
 void LocalService::onBusConnected(sd_bus* bus)

@@ -101,6 +101,9 @@ class ClientLife : public Operation {
 
 /// A service from its registration to its end.
 class ServiceLife : public Operation {
+    // A connection with a part of a path, which sd-bus could not free.
+    long keptAfterFault() const override { return 12; }
+
     int act() override
     {
         QSHandle* handle = nullptr;

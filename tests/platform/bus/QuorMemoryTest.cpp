@@ -90,6 +90,32 @@ TEST_F(QuorMemoryTest, RegistrationThatRunsOutOfMemoryGivesNoHandle)
     EXPECT_GT(refused, 10);
 }
 
+// sd-bus may keep a part of the category's path then, and ends a process that frees such a connection.
+TEST_F(QuorMemoryTest, CategoryIsOfferedAnewAndTheProcessLives)
+{
+    static QSMethod methods[] = {{"echo", [](QSHandle*, QSMessage*, void*) { return false; }}, {nullptr, nullptr}};
+    constexpr int rounds = 20;  // the tables of sd-bus are in another order each time
+    LoopThread thread;
+    for (int round = 0; round < rounds; ++round) {
+        bool hasStruck = true;
+        int nth = 1;
+        for (; hasStruck && nth < moreThanThereAre; ++nth) {
+            QSHandle* handle = nullptr;
+            ASSERT_TRUE(QSRegister(nullptr, &handle, nullptr));
+            ASSERT_TRUE(QSRegisterCategory(handle, "/one/two", methods, nullptr, nullptr, nullptr));
+            {
+                const LoopShortage shortage(thread, nth);
+                ASSERT_TRUE(QSGmainAttach(handle, thread.loop(), nullptr));
+                thread.call([] {});
+                hasStruck = shortage.hasStruck();
+            }
+            EXPECT_TRUE(QSUnregister(handle, nullptr));
+        }
+        EXPECT_GT(nth, 5);
+        EXPECT_FALSE(hasStruck) << "allocations without end";
+    }
+}
+
 TEST_F(QuorMemoryTest, ClientWithoutMemoryGetsAnAnswerToEachCall)
 {
     const Service service;
