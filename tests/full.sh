@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # full.sh [--again] [PART...]: runs everything that is too long for each change, prints one table of what it measured, and
-# writes docs/reliability.md. All parts of tests/full/parts.txt are run when none is named, but those with a "+".
+# writes docs/reliability.md. All parts of tests/full/parts.txt are run when none is named, but those with a "+". Parts of
+# different lanes run side by side.
 #
 #   --again      also the parts that have a result for this commit
 #   --summary    no part: only the table and the page, from the results there are
@@ -22,7 +23,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 folder=build/full
 
 usage() {
-    sed -n '4,19s/^# \{0,1\}//p' tests/full.sh
+    sed -n '4,20s/^# \{0,1\}//p' tests/full.sh
 }
 
 die() {
@@ -40,12 +41,13 @@ state_of_tree() {
 }
 
 names=() default=()
-declare -A command
-while IFS='|' read -r name _ line; do
+declare -A command lane
+while IFS='|' read -r name lane_of_it _ line; do
     [[ $name != '' && $name != \#* ]] || continue
     read -r name <<<"$name"
     [[ $name == +* ]] || default+=("$name")
     name=${name#+}
+    read -r "lane[$name]" <<<"$lane_of_it"
     read -r "command[$name]" <<<"$line"
     names+=("$name")
 done <tests/full/parts.txt
@@ -69,22 +71,41 @@ done
 [ ${#wanted[@]} -gt 0 ] || wanted=("${default[@]}")
 
 run_part() {
-    local name=$1 started=$SECONDS status=0
+    local name=$1 began status=0
     rm -f "$folder/$name.figures"
     echo "$name: the log is $folder/$name.log"
+    began=$(date +%s)
     # 9 is the lock, which no daemon that a test leaves behind is to hold.
     FIGURES=$PWD/$folder/$name.figures bash -c "${command[$name]}" >"$folder/$name.log" 2>&1 </dev/null 9>&- || status=$?
-    tests/full/results.py record "$name" "$commit" $((SECONDS - started)) $status
+    tests/full/results.py record "$name" "$commit" "$began" $status
+}
+
+run_lane() {
+    local name
+    for name in "${wanted[@]}"; do
+        [ "${lane[$name]}" = "$1" ] || continue
+        if [ $again = yes ] || ! tests/full/results.py has "$name" "$commit"; then run_part "$name"; fi
+    done
+}
+
+# Each lane is a process group, so that it ends with all that it has started.
+run_lanes() {
+    local name
+    local -A lanes=()
+    trap 'kill -- "${lanes[@]/#/-}" 2>/dev/null; exit 130' INT TERM
+    set -m
+    for name in "${wanted[@]}"; do
+        [ -z "${lanes[${lane[$name]}]:-}" ] || continue
+        run_lane "${lane[$name]}" &
+        lanes[${lane[$name]}]=$!
+    done
+    set +m
+    wait
 }
 
 mkdir -p "$folder"
 exec 9>"$folder/lock"
 flock -n 9 || die 'another run is going on here'
-trap 'exit 130' INT TERM
 commit=$(state_of_tree)
-if [ $summary = no ]; then
-    for name in "${wanted[@]}"; do
-        if [ $again = yes ] || ! tests/full/results.py has "$name" "$commit"; then run_part "$name"; fi
-    done
-fi
+[ $summary = yes ] || run_lanes
 tests/full/results.py report "$commit" "${wanted[@]}"

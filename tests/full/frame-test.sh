@@ -17,10 +17,13 @@ cp "$source/tests/full/results.py" "$source/tests/full/figures.py" "$tree/tests/
 cd "$tree"
 cat >tests/full/parts.txt <<'END'
 # a comment
-good | what is right | tests/full/good.py
-bad  | what is wrong | tests/full/bad.py 7
-dead | what ends early | echo run >>runs.dead; exit 3
-+rare | what takes a day | echo run >>runs.rare; exit 4
+good | a | what is right | tests/full/good.py
+bad  | a | what is wrong | tests/full/bad.py 7
+dead | a | what ends early | echo run >>runs.dead; exit 3
++rare | b | what takes a day | echo run >>runs.rare; exit 4
++ping | a | what waits for another | touch build/ping; tests/full/await.sh pong
++pong | b | what waits for another | touch build/pong; tests/full/await.sh ping
++slow | b | what lasts | echo $$ >build/slow.pid; exec sleep 300
 END
 cat >tests/full/good.py <<'END'
 #!/usr/bin/env python3
@@ -36,7 +39,13 @@ import figures
 open("runs.bad", "a").write("run\n")
 sys.exit(figures.report([figures.row("pears", sys.argv[1], False, 8), figures.row("a|b", 1, True)]))
 END
-chmod +x tests/full/*.py
+cat >tests/full/await.sh <<'END'
+for _ in $(seq 200); do
+    [ ! -e "build/$1" ] || exec tests/full/good.py
+    sleep 0.05
+done
+END
+chmod +x tests/full/*.py tests/full/*.sh
 printf 'build/\n__pycache__/\nruns.*\n' >.gitignore
 
 commit_all() {
@@ -74,7 +83,7 @@ runs() {
     printf '%s: the log is build/full/%s.log\n' "$1" "$1"
 }
 
-expect 'an unknown part' 2 "full.sh: no part is called 'nonsense'; there are: good bad dead rare" good nonsense
+expect 'an unknown part' 2 "full.sh: no part is called 'nonsense'; there are: good bad dead rare ping pong slow" good nonsense
 expect_runs good 0
 expect 'all parts' 1 "$(runs good; runs bad; runs dead)
 $table
@@ -87,6 +96,9 @@ cat >expected <<END
 | \`bad\` | what is wrong | SECONDS | $first | DATE |
 | \`dead\` | what ends early | SECONDS | $first | DATE |
 | \`rare\` | what takes a day | not run |  |  |
+| \`ping\` | what waits for another | not run |  |  |
+| \`pong\` | what waits for another | not run |  |  |
+| \`slow\` | what lasts | not run |  |  |
 
 | part | measured | figure | limit |  |
 |---|---|---|---|---|
@@ -141,4 +153,28 @@ expect 'a tree with changes' 0 "$(runs good)
 part  what    figure  limit  result
 good  apples  3 of 3  all    ok
 1 parts, SECONDS, commit $second+CHANGES: ok" good
+tests/full.sh ping pong >/dev/null || true
+expect 'lanes ran side by side' 0 "part  what    figure  limit  result
+ping  apples  3 of 3  all    ok
+pong  apples  3 of 3  all    ok
+2 parts, SECONDS, commit $second+CHANGES: ok" --summary ping pong
+
+tests/full.sh slow >/dev/null &
+run=$!
+for _ in $(seq 200); do
+    [ ! -s build/slow.pid ] || break
+    sleep 0.05
+done
+kill "$run"
+status=0
+wait "$run" || status=$?
+[ $status = 130 ] || { echo "an interrupted run ended with $status"; failed=1; }
+for _ in $(seq 200); do
+    kill -0 "$(cat build/slow.pid)" 2>/dev/null || break
+    sleep 0.05
+done
+if kill -0 "$(cat build/slow.pid)" 2>/dev/null; then
+    echo 'a part went on after the run was interrupted'
+    failed=1
+fi
 exit $failed

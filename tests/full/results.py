@@ -3,13 +3,14 @@
 """Keeps and shows the results of tests/full.sh, which calls it in the source folder.
 
     results.py has PART COMMIT                       exits with 0 when the part has a result for this commit
-    results.py record PART COMMIT SECONDS STATUS     keeps what the part has written, with how it ended
+    results.py record PART COMMIT BEGAN STATUS       keeps what the part has written, with how it ended; BEGAN is the time
     results.py report COMMIT PART...                 prints the table of these parts, and writes the page of all
 """
 import datetime
 import json
 import pathlib
 import sys
+import time
 
 FIGURES = pathlib.Path("build/full")
 RESULTS = pathlib.Path("docs/reliability")  # in the tree, so that another clone goes on with them
@@ -25,7 +26,7 @@ def parts():
     """Name and description of each part, in their order."""
     for line in pathlib.Path("tests/full/parts.txt").read_text(encoding="utf-8").splitlines():
         if line.strip() and not line.startswith("#"):
-            name, what, _ = line.split("|", 2)
+            name, _, what, _ = line.split("|", 3)
             yield name.strip().lstrip("+"), what.strip()
 
 
@@ -52,14 +53,14 @@ def written(part):
         return None, "its figures cannot be read (%s)" % error
 
 
-def record(part, commit, seconds, status):
+def record(part, commit, began, status):
     figures, fault = written(part)
     rows, notes = figures or ([], [])
     if not fault and status != 0 and all(row["ok"] for row in rows):
         fault = "it did not succeed"
     if fault:
         rows.append({"what": "end of the part", "figure": "exit code %d, %s" % (status, fault), "limit": "0", "ok": False})
-    result = {"commit": commit, "seconds": seconds, "date": datetime.date.today().isoformat(), "finished": figures is not None,
+    result = {"commit": commit, "began": began, "seconds": round(time.time()) - began, "date": datetime.date.today().isoformat(), "finished": figures is not None,
               "rows": rows, "notes": notes}
     path = RESULTS / (part + ".json")
     RESULTS.mkdir(parents=True, exist_ok=True)
@@ -69,6 +70,15 @@ def record(part, commit, seconds, status):
 
 def duration(seconds):
     return "%d s" % seconds if seconds < 120 else "%d min" % round(seconds / 60)
+
+
+def elapsed(results):
+    """Seconds in which at least one of them was measured."""
+    total = end = 0
+    for began, seconds in sorted((result["began"], result["seconds"]) for result in results):
+        total += max(0, began + seconds - max(began, end))
+        end = max(end, began + seconds)
+    return total
 
 
 def verdict(row, result, commit):
@@ -114,7 +124,7 @@ def report(commit, names):
     printTable(commit, names)
     PAGE.write_text(page(), encoding="utf-8")
     results = [load(name) for name in names]
-    took = sum(result["seconds"] for result in results if result)
+    took = elapsed(result for result in results if result)
     good = all(result and result["finished"] and all(row["ok"] for row in result["rows"]) for result in results)
     print("%d parts, %s, commit %s: %s" % (len(names), duration(took), commit, "ok" if good else "FAILED"))
     return 0 if good else 1
@@ -124,8 +134,8 @@ def main(command, *arguments):
     if command == "has":
         return has(*arguments)
     if command == "record":
-        part, commit, seconds, status = arguments
-        return record(part, commit, int(seconds), int(status))
+        part, commit, began, status = arguments
+        return record(part, commit, int(began), int(status))
     return report(arguments[0], arguments[1:])
 
 
