@@ -23,6 +23,13 @@ using testing::StartsWith;
 
 class QuorHandleTest : public QuorServiceTest {};
 
+TEST(QuorErrorTest, NumbersArePartOfTheInterface)
+{
+    EXPECT_EQ(QS_ERROR_NOT_AVAILABLE, -10001);
+    EXPECT_EQ(QS_ERROR_BAD_HANDLE, -10002);
+    EXPECT_EQ(QS_ERROR_BAD_ARGUMENT, -10003);
+}
+
 TEST_F(QuorHandleTest, HandleMayBeGivenBackInItsOwnCallback)
 {
     Mailbox done;

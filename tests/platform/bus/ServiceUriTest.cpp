@@ -19,6 +19,14 @@ TEST(ServiceUriTest, CategoriesAreThePath)
     EXPECT_EQ((ServiceUri{"a.b", "/one/two", "m"}), parseServiceUri("vesk://a.b/one/two/m"));
 }
 
+TEST(ServiceUriTest, EachPartCounts)
+{
+    const ServiceUri one{"a.b", "/one", "m"};
+    EXPECT_FALSE((one == ServiceUri{"a.c", "/one", "m"}));
+    EXPECT_FALSE((one == ServiceUri{"a.b", "/two", "m"}));
+    EXPECT_FALSE((one == ServiceUri{"a.b", "/one", "n"}));
+}
+
 TEST(ServiceUriTest, UniqueNamesAreServicesToo)
 {
     EXPECT_EQ((ServiceUri{":1.7", "/", "m"}), parseServiceUri("vesk://:1.7/m"));
