@@ -15,6 +15,7 @@
 
 #include "Daemons.h"
 #include "KernelState.h"
+#include "SignalsBlocked.h"
 #include "VkNetConfigLib.h"
 
 using namespace testsupport;
@@ -133,4 +134,23 @@ TEST_F(SignalTest, TheMaskOfTheThreadIsAsBefore)
     pthread_sigmask(SIG_SETMASK, nullptr, &after);
     for (int signal = 1; signal < SIGRTMIN; ++signal)
         EXPECT_EQ(sigismember(&after, signal), signal == SIGUSR2 ? 1 : 0) << signal;
+}
+
+TEST(SignalsBlockedTest, AllButThoseOfFaultsAreBlocked)
+{
+    sigset_t before;
+    sigset_t during;
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    {
+        const vknetconfig::SignalsBlocked blocked;
+        pthread_sigmask(SIG_SETMASK, nullptr, &during);
+    }
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (const int number : {SIGHUP, SIGINT, SIGALRM, SIGTERM, SIGCHLD, SIGUSR1, SIGRTMIN, SIGRTMAX})
+        EXPECT_EQ(sigismember(&during, number), 1) << number;
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        EXPECT_EQ(sigismember(&during, number), 0) << number;
+    for (int number = 1; number <= SIGRTMAX; ++number)
+        EXPECT_EQ(sigismember(&after, number), sigismember(&before, number)) << number;
 }

@@ -187,6 +187,15 @@ TEST_F(ConnectionManagerTest, ChangesArePushedWithAddressAndName)
     EXPECT_THAT(settled(), SizeIs(4));
 }
 
+// It waits for its default route a moment only.
+TEST_F(ConnectionManagerTest, NetworkWithoutInternetIsPushedToo)
+{
+    subscribe();
+    mStatuses.wait(1);
+    sh("ip link set eth0 up");
+    EXPECT_TRUE(wifiBecomes(R"("state":"connected","onInternet":"no")"));
+}
+
 TEST_F(ConnectionManagerTest, LostDefaultRouteIsLostInternet)
 {
     wifiUp();

@@ -169,6 +169,7 @@ TEST_F(ResolvconfTest, UndoAfterTheToolIsGoneSucceeds)
     const std::string prepared = dns.prepare(link0, tunnel());
     std::filesystem::remove_all(folder);
     EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
+    EXPECT_FALSE(dns.isPending(prepared));
 }
 
 TEST_F(ResolvconfTest, ALineThatNobodyWroteIsRefused)

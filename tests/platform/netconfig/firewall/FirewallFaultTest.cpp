@@ -152,3 +152,24 @@ TEST(FirewallFaultTest, LostAnswersAreNoSuccessAndLeaveNothing)
         }
     }
 }
+
+// Neither the answer nor what the kernel has instead is to be had.
+TEST(FirewallFaultTest, WhatCannotBeToldIsNoSuccess)
+{
+    NEEDS_STRACE();
+    writeFilter(1);
+    int refused = 0;
+    for (int number = 1; number <= 20; ++number) {
+        const std::string output = outputOf(
+            driverUnderStrace(
+                "-o /dev/null -e trace=recvmsg -e inject=recvmsg:error=ENOMEM:when=" + std::to_string(number) + "+",
+                "firewall /tmp/filter.json") +
+            " || echo REFUSED");
+        const bool isRefused = output.find("REFUSED") != std::string::npos;
+        run(driver("delete nothing0"));
+        ASSERT_EQ(outputOf("nft list ruleset; ls /run/vknetconfig"), "turn\n") << number;
+        if (!isRefused) break;
+        ++refused;
+    }
+    EXPECT_GE(refused, 2);
+}
