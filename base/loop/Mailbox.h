@@ -37,7 +37,7 @@ public:
         mMessages.clear();
     }
     /// Waits until there are `count` messages, for `atMost`, and returns all there are.
-    std::vector<Message> wait(std::size_t count, std::chrono::milliseconds atMost = std::chrono::seconds(10)) const
+    std::vector<Message> wait(std::size_t count, std::chrono::milliseconds atMost = std::chrono::minutes(1)) const
     {
         std::unique_lock<std::mutex> lock(mLock);
         mChanged.wait_for(lock, atMost, [&] { return mMessages.size() >= count; });

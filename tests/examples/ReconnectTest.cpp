@@ -4,6 +4,7 @@
 // connected.
 #include <chrono>
 
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "SampleConnection.h"
 
@@ -156,10 +157,9 @@ TEST_F(ReconnectEventsTest, SleepClosesTheConnectionAndWakingUpMakesItAgain)
     const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
     LineProcess agent(command());
     ASSERT_TRUE(agent.awaitEvent("connected")) << agent.output;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (shell(manager + "ListInhibitors").find("norva-vpnagentd") == std::string::npos) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the plug-in holds no inhibitor";
-    }
+    ASSERT_TRUE(testsupport::comesTrue([&manager] {
+        return shell(manager + "ListInhibitors").find("norva-vpnagentd") != std::string::npos;
+    })) << "the plug-in holds no inhibitor";
     shell(manager + "Suspend b false");
     ASSERT_TRUE(agent.awaitEvent("suspended")) << agent.output;
     EXPECT_EQ("", outerConnection());

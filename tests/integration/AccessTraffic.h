@@ -8,13 +8,12 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ComesTrue.h"
 #include "Shell.h"
 #include "SteadySender.h"
 
@@ -92,12 +91,7 @@ true)");
     {
         for (const std::string& counter : counters) {
             const unsigned long before = count(counter);
-            bool isSeen = false;
-            for (int tries = 0; tries < 500 && !isSeen; ++tries) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                isSeen = count(counter) > before + 10;
-            }
-            EXPECT_TRUE(isSeen) << counter;
+            EXPECT_TRUE(comesTrue([&] { return count(counter) > before + 10; })) << counter;
         }
     }
 
@@ -106,9 +100,7 @@ true)");
     {
         for (const auto& sender : mSenders) {
             const int before = sender->sent();
-            for (int tries = 0; tries < 500 && sender->sent() < before + 50; ++tries)
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            EXPECT_GE(sender->sent(), before + 50);
+            EXPECT_TRUE(comesTrue([&] { return sender->sent() >= before + 50; }));
         }
     }
 

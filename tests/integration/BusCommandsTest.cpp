@@ -9,10 +9,10 @@
 #include <csignal>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "Shell.h"
 #include "handles/Json.h"
@@ -22,6 +22,7 @@ namespace {
 
 using testing::HasSubstr;
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::runCommand;
 using testsupport::shell;
 
@@ -59,17 +60,6 @@ protected:
                                [&part](const std::string& line) { return line.find(part) != std::string::npos; });
         });
     }
-    template <class Condition>
-    static bool comesTrue(Condition condition)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (condition()) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-
     ChildProcess mBus;
     ChildProcess mManager;
 };

@@ -6,14 +6,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
@@ -24,6 +23,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::CommandResult;
 using testsupport::contentOf;
 using testsupport::runCommand;
@@ -113,10 +113,9 @@ protected:
     {
         const UniqueFd target(open(output, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         ChildProcess connecting({program, "connect", profile}, target.get());
-        for (int tries = 0; tries < 500 && connecting.running(); ++tries) {
-            if (contentOf(output).find("connected") != std::string::npos) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        comesTrue([&connecting] {
+            return !connecting.running() || contentOf(output).find("connected") != std::string::npos;
+        });
         EXPECT_THAT(contentOf(output), HasSubstr("connected"));
         return connecting;
     }

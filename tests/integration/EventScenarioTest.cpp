@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "LoadedPlugin.h"
 #include "Shell.h"
@@ -100,12 +101,13 @@ protected:
     }
     static std::vector<std::string> awaitAgentOnBus()
     {
-        const auto deadline = steady_clock::now() + seconds(10);
-        for (;;) {
-            std::vector<std::string> names = namesOfAgent();
-            if (names.size() >= connectionsOfAnAgent) return names;
-            if (steady_clock::now() > deadline) throw std::runtime_error("the agent is not on the bus");
-        }
+        std::vector<std::string> names;
+        const bool isThere = testsupport::comesTrue([&names] {
+            names = namesOfAgent();
+            return names.size() >= connectionsOfAnAgent;
+        });
+        if (!isThere) throw std::runtime_error("the agent is not on the bus");
+        return names;
     }
     /// Returns when all that has happened so far was told. Whoever asks the connection manager makes it look at once,
     /// and push what has changed; a connection answers a ping after all that came before it. What the agent does about
@@ -291,14 +293,7 @@ protected:
                    "org.freedesktop.login1.Manager ListInhibitors")
                    .find("norva-vpnagentd") != std::string::npos;
     }
-    static bool waitUntilInhibited()
-    {
-        const auto deadline = steady_clock::now() + seconds(10);
-        while (!isInhibited()) {
-            if (steady_clock::now() > deadline) return false;
-        }
-        return true;
-    }
+    static bool waitUntilInhibited() { return testsupport::comesTrue(isInhibited); }
     void suspendAndResume()
     {
         const std::string awake = shell(state);
@@ -335,10 +330,7 @@ TEST_F(SleepScenarioTest, LogindThatComesLaterIsPickedUpAndLetGoAtUnload)
     suspendAndResume();
     disposeAgent();
     mPlugin.reset();
-    const auto deadline = steady_clock::now() + seconds(10);
-    while (isInhibited() && steady_clock::now() < deadline) {
-    }
-    EXPECT_FALSE(isInhibited());
+    EXPECT_TRUE(testsupport::comesTrue([] { return !isInhibited(); }));
 }
 
 class FloodScenarioTest : public EventScenarioTest {

@@ -17,10 +17,10 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Files.h"
 #include "Isolation.h"
 #include "Shell.h"
@@ -30,6 +30,7 @@
 namespace openvpntest {
 
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::contentOf;
 using testsupport::runCommand;
 using testsupport::shell;
@@ -48,16 +49,6 @@ inline std::size_t countIn(const std::string& text, const std::string& part)
     for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
         ++count;
     return count;
-}
-
-inline bool waitUntil(const std::function<bool()>& isSo, std::chrono::seconds longest = std::chrono::seconds(20))
-{
-    const auto deadline = std::chrono::steady_clock::now() + longest;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (isSo()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
 }
 
 class OpenVpnFixture : public testing::Test {
@@ -174,7 +165,7 @@ true)");
         words.insert(words.end(), mServerOptions.begin(), mServerOptions.end());
         unlink(serverLog);
         mServer = ChildProcess(words);
-        ASSERT_TRUE(waitUntil([] { return contentOf(serverLog).find("Initialization Sequence") != std::string::npos; }))
+        ASSERT_TRUE(comesTrue([] { return contentOf(serverLog).find("Initialization Sequence") != std::string::npos; }))
             << contentOf(serverLog);
     }
 
@@ -224,8 +215,8 @@ true)");
         mHasHook = false;  // the unit brings it
         clientWords();
         mClient = ChildProcess(unitsCommand(more, options));
-        ASSERT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
-        ASSERT_TRUE(waitUntil([] { return isReached("10.20.0.80"); })) << contentOf(clientLog);
+        ASSERT_TRUE(comesTrue([this] { return timesConnected() != 0 || !mClient.running(); }));
+        ASSERT_TRUE(comesTrue([] { return isReached("10.20.0.80"); })) << contentOf(clientLog);
     }
 
     pid_t openVpn() const { return std::stoi(shell("pgrep -x -P " + std::to_string(mClient.pid()) + " openvpn")); }
@@ -238,13 +229,13 @@ true)");
         unlink(clientLog);
         const auto begin = std::chrono::steady_clock::now();
         mClient = ChildProcess(clientWords(more));
-        EXPECT_TRUE(waitUntil([this] { return timesConnected() != 0 || !mClient.running(); }));
+        EXPECT_TRUE(comesTrue([this] { return timesConnected() != 0 || !mClient.running(); }));
         EXPECT_EQ(1u, timesConnected()) << contentOf(clientLog);
         return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
     }
     void awaitConnections(std::size_t count)
     {
-        EXPECT_TRUE(waitUntil([count] { return timesConnected() >= count; })) << contentOf(clientLog);
+        EXPECT_TRUE(comesTrue([count] { return timesConnected() >= count; })) << contentOf(clientLog);
     }
     void disconnect()
     {
@@ -262,7 +253,7 @@ true)");
         const int before = arrived("beside");
         {
             const SteadySender sender(behindServer);
-            EXPECT_TRUE(waitUntil([before] { return arrived("beside") > before + 10; }));
+            EXPECT_TRUE(comesTrue([before] { return arrived("beside") > before + 10; }));
         }
     }
 

@@ -62,7 +62,7 @@ protected:
     static bool outerRouteIsBy(const char* device)
     {
         const std::string expected = std::string("dev ") + device;
-        return waitUntil([&] { return shell("ip route get 198.51.100.2").find(expected) != std::string::npos; });
+        return comesTrue([&] { return shell("ip route get 198.51.100.2").find(expected) != std::string::npos; });
     }
 
     std::unique_ptr<AccessTraffic> mTraffic;
@@ -214,11 +214,11 @@ TEST_F(OpenVpnGuardTest, SuspendAndResume)
                                        "test $WFOAL_EVENT = suspended && ip link set eth0 down\ntrue\n";
     unlink("/tmp/events");
     connectInAgent({}, {"--on-change-exec", "sh /tmp/on-change"});
-    ASSERT_TRUE(waitUntil(
+    ASSERT_TRUE(comesTrue(
         [&manager] { return shell(manager + "ListInhibitors").find("norva-vpnagentd") != std::string::npos; }));
     const Beside beside(*mTraffic, bothFamilies);
     const auto hasHappened = [](const char* event) {
-        return waitUntil([event] { return contentOf("/tmp/events").find(event) != std::string::npos; });
+        return comesTrue([event] { return contentOf("/tmp/events").find(event) != std::string::npos; });
     };
     shell(manager + "Suspend b false");
     EXPECT_TRUE(hasHappened("suspended"));

@@ -18,7 +18,7 @@ protected:
         const int earlier = arrived("through");
         {
             const SteadySender sender(behindServer);
-            EXPECT_TRUE(waitUntil([earlier] { return arrived("through") > earlier + 50; }));
+            EXPECT_TRUE(comesTrue([earlier] { return arrived("through") > earlier + 50; }));
         }
         EXPECT_EQ(before, arrived("beside"));
     }
@@ -35,7 +35,7 @@ protected:
         shell(
             "nsenter --net=/run/netns/vpn ip address add 2001:db8:1::1/64 dev eth0 nodad;"
             "ip address add 2001:db8:1::10/64 dev eth0 nodad; ip -6 route add default via 2001:db8:1::1 dev eth0");
-        ASSERT_TRUE(waitUntil([] { return isReached("2001:db8:1::1"); }));
+        ASSERT_TRUE(comesTrue([] { return isReached("2001:db8:1::1"); }));
         mBefore = state();
     }
 };
@@ -178,14 +178,14 @@ TEST_F(OpenVpnRedirectTest, AllFlagsAtOnceInTheAgent)
     words.insert(words.end(), client.begin(), client.end());
     unlink(clientLog);
     mClient = ChildProcess(words);
-    ASSERT_TRUE(waitUntil([] { return timesConnected() != 0; })) << contentOf(clientLog);
+    ASSERT_TRUE(comesTrue([] { return timesConnected() != 0; })) << contentOf(clientLog);
     expectAllTrafficInTheTunnel();
     EXPECT_THAT(shell("ip route get 192.0.2.77"), HasSubstr("dev norvatun0"));
     shell("ip link set eth0 down");
-    EXPECT_TRUE(waitUntil([] { return isReached("10.20.0.80"); }));
+    EXPECT_TRUE(comesTrue([] { return isReached("10.20.0.80"); }));
     EXPECT_THAT(shell("ip route get 198.51.100.2"), HasSubstr("dev wwan0"));
     shell("ip link set eth0 up; ip -6 address flush dev eth0; ip route add default via 192.0.2.1 dev eth0 metric 100");
-    EXPECT_TRUE(waitUntil([] { return shell("ip route get 198.51.100.2").find("dev eth0") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([] { return shell("ip route get 198.51.100.2").find("dev eth0") != std::string::npos; }));
     expectAllTrafficInTheTunnel();
     disconnect();
 }

@@ -40,7 +40,7 @@ END
 true)");
         mTunnelDns = startDns("10.20.0.80", "/intranet.corp.example/10.20.0.99");
         mAccessDns = startDns("192.0.2.1", "/public.example/203.0.113.80", {"--address=/vpn.example/198.51.100.2"});
-        ASSERT_TRUE(waitUntil([] { return lookUp("public.example") == "203.0.113.80"; })) << resolvConf();
+        ASSERT_TRUE(comesTrue([] { return lookUp("public.example") == "203.0.113.80"; })) << resolvConf();
     }
     void TearDown() override
     {
@@ -200,7 +200,7 @@ TEST_F(OpenVpnResolvconfTest, AKilledOpenVpnLeavesNothingToTheAgent)
     words.insert(words.end(), {"--config", "/tmp/openvpn.conf"});
     unlink(clientLog);
     mClient = ChildProcess(words);
-    ASSERT_TRUE(waitUntil([] { return timesConnected() != 0; })) << contentOf(clientLog);
+    ASSERT_TRUE(comesTrue([] { return timesConnected() != 0; })) << contentOf(clientLog);
     EXPECT_THAT(resolvConf(), testing::StartsWith("nameserver 10.20.0.80\n"));
     kill(std::stoi(shell("pgrep -x -P " + std::to_string(mClient.pid()) + " openvpn")), SIGKILL);
     EXPECT_EQ(128 + SIGKILL, mClient.wait());
@@ -271,7 +271,7 @@ TEST_F(OpenVpnResolvconfTest, TheScriptTakesWhatIsNoDomainAndOpenVpnGoesOnWithou
                            "dhcp-option DNS 10.20.0.80", "dhcp-option DOMAIN $(reboot)"});
     unlink(clientLog);
     mClient = ChildProcess(clientWords(withScript()));
-    EXPECT_TRUE(waitUntil([] { return contentOf(clientLog).find("Initialization Sequence") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([] { return contentOf(clientLog).find("Initialization Sequence") != std::string::npos; }));
     EXPECT_EQ("nameserver 10.20.0.80\nnameserver 192.0.2.1\nsearch $(reboot)\n", resolvConf());
     EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16"));
     EXPECT_THAT(routes(), Not(HasSubstr("10.22.0.0/16 via 198.51.100.77")));
@@ -291,7 +291,7 @@ TEST_F(OpenVpnResolvconfTest, WithoutResolvconfTheScriptSaysNothingAndTheHookEnd
     mHasHook = true;
     unlink(clientLog);
     mClient = ChildProcess(clientWords());
-    EXPECT_TRUE(waitUntil([this] { return !mClient.running(); }));
+    EXPECT_TRUE(comesTrue([this] { return !mClient.running(); }));
     mClient.stop();
     EXPECT_THAT(contentOf(clientLog), HasSubstr("ipv4.dns: no resolver takes it"));
     shell("rm -rf /etc/resolvconf; umount -l /usr/lib");

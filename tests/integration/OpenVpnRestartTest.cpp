@@ -21,10 +21,10 @@ protected:
         EXPECT_TRUE(isReached("10.20.0.80"));
         const int before = arrived("beside");
         const SteadySender sender(behindServer);
-        EXPECT_TRUE(waitUntil([] { return arrived("through") > 20; }));
+        EXPECT_TRUE(comesTrue([] { return arrived("through") > 20; }));
         disturb();
         const int through = arrived("through");
-        EXPECT_TRUE(waitUntil([through] { return arrived("through") > through + 20; })) << contentOf(clientLog);
+        EXPECT_TRUE(comesTrue([through] { return arrived("through") > through + 20; })) << contentOf(clientLog);
         const int beside = arrived("beside") - before;
         std::printf("packets beside the tunnel: %d of %d; the control saw %d\n", beside, sender.sent(), control);
         return beside;
@@ -73,7 +73,7 @@ TEST_F(OpenVpnRestartTest, SighupIsNoGapInStrictMode)
         const auto connections = [] { return countIn(contentOf(serverLog), "Peer Connection Initiated with"); };
         const std::size_t earlier = connections();
         mClient.sendSignal(SIGHUP);
-        EXPECT_TRUE(waitUntil([&] { return connections() > earlier; }));
+        EXPECT_TRUE(comesTrue([&] { return connections() > earlier; }));
     });
     disconnect();
 }

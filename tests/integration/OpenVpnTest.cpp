@@ -25,7 +25,7 @@ protected:
     }
     void expectRefused(const std::string& text)
     {
-        EXPECT_TRUE(waitUntil([this] { return !mClient.running(); }));
+        EXPECT_TRUE(comesTrue([this] { return !mClient.running(); }));
         mClient.stop();
         EXPECT_THAT(contentOf(clientLog), HasSubstr(text));
         EXPECT_EQ(mBefore, state());
@@ -74,7 +74,7 @@ TEST_F(OpenVpnTest, AllTrafficGoesIntoTheTunnel)
     const int before = arrived("beside");
     {
         const SteadySender sender(behindServer);
-        EXPECT_TRUE(waitUntil([] { return arrived("through") > 100; }));
+        EXPECT_TRUE(comesTrue([] { return arrived("through") > 100; }));
     }
     EXPECT_EQ(before, arrived("beside"));
     EXPECT_THAT(shell("ip route get 198.51.100.80"), HasSubstr("dev norvatun0"));

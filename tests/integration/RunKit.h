@@ -10,15 +10,14 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Files.h"
 #include "Isolation.h"
 #include "LineProcess.h"
@@ -30,6 +29,7 @@ namespace runkit {
 using testing::HasSubstr;
 using testing::Not;
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::CommandResult;
 using testsupport::contentOf;
 using testsupport::LineProcess;
@@ -43,16 +43,6 @@ constexpr char splitTunnel[] = R"({"server":"198.51.100.2","routes":[{"destinati
 constexpr char fullTunnel[] = R"({"server":"198.51.100.2","routes":[{"destination":"default"}]})";
 
 using Words = std::vector<std::string>;
-
-template <class Condition>
-bool eventually(Condition condition)
-{
-    for (int tries = 0; tries < 500; ++tries) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
 
 inline Words joined(Words words, const Words& more)
 {

@@ -16,7 +16,7 @@ protected:
         mRun = std::make_unique<LineProcess>(
             runWords(options, joined({"sh", "-c", "echo socket $VPNOALCTL_SOCKET; exec \"$@\"", "sh"}, guest())));
         EXPECT_TRUE(mRun->await("socket ")) << mRun->output;
-        EXPECT_TRUE(eventually([] {
+        EXPECT_TRUE(comesTrue([] {
             return runCommand({"ip", "address", "show", "up", "norvatun0"}).output.find("10.8.0.2/24") !=
                    std::string::npos;
         }));
@@ -73,7 +73,7 @@ TEST_F(RunRequestsTest, TheTunnelIsReadyWithTheLastProfileThatWasAnnounced)
     EXPECT_THAT(routes(), HasSubstr("10.20.0.0/16 dev norvatun0"));
     // The configuration follows a new address. That is not reported either.
     shell("ip address del 10.8.0.2/24 dev norvatun0; ip address add 10.8.0.3/24 dev norvatun0");
-    EXPECT_TRUE(eventually([] { return routes().find("10.20.0.0/16 dev norvatun0") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([] { return routes().find("10.20.0.0/16 dev norvatun0") != std::string::npos; }));
     EXPECT_THAT(ask(path, "{\"op\":\"apply\",\"profile\":{\"tunnel\":{\"address\":\"10.9.0.2/24\"}}}\n"),
                 HasSubstr("\"error\""));
     EXPECT_EQ("{\"ok\":true}\n", ask(path, R"({"op":"apply","profile":)" + std::string(fullTunnel) + "}\n"));
@@ -101,7 +101,7 @@ TEST_F(RunRequestsTest, ReplacedProfileLeavesWhatBothHave)
     const ChildProcess monitor({"stdbuf", "-oL", "ip", "monitor", "route"}, output.get());
     const auto hasSeen = [](const char* text) { return contentOf("/tmp/monitor").find(text) != std::string::npos; };
     int mtu = 1000;  // the kernel reports a replaced route when it is another one
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(comesTrue([&] {
         shell("ip route replace 192.0.2.99 dev eth0 mtu " + std::to_string(++mtu));
         return hasSeen("192.0.2.99");
     }));
@@ -109,7 +109,7 @@ TEST_F(RunRequestsTest, ReplacedProfileLeavesWhatBothHave)
               ask(path, R"({"op":"apply","profile":{"server":"198.51.100.2",)"
                         R"("routes":[{"destination":"10.20.0.0/16"},{"destination":"10.30.0.0/16"}]}})"
                         "\n"));
-    EXPECT_TRUE(eventually([&hasSeen] { return hasSeen("10.30.0.0/16 dev norvatun0"); }));
+    EXPECT_TRUE(comesTrue([&hasSeen] { return hasSeen("10.30.0.0/16 dev norvatun0"); }));
     EXPECT_FALSE(hasSeen("Deleted")) << contentOf("/tmp/monitor");
     shell("ip route del 192.0.2.99 dev eth0");
     mRun->end();

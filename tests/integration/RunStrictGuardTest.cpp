@@ -183,7 +183,7 @@ TEST_F(RunStrictGuardTest, ARunThatIsStoppedTogetherWithItsCommandRestores)
     run.sendSignal(SIGSTOP);
     run.sendSignal(SIGINT);
     shell("kill -INT " + command);
-    EXPECT_TRUE(eventually([&] { return contentOf("/proc/" + command + "/stat").find(") Z ") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([&] { return contentOf("/proc/" + command + "/stat").find(") Z ") != std::string::npos; }));
     run.sendSignal(SIGCONT);
     EXPECT_EQ(128 + SIGINT, run.wait());
     EXPECT_THAT(run.output, Not(HasSubstr("strict guard")));

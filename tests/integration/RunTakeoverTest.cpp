@@ -88,8 +88,7 @@ TEST_F(RunTakeoverTest, AMoveBeforeTheTunnelIsUpIsNoGap)
     LineProcess next = start({profile}, guestAfter("sleep 2"));
     ASSERT_TRUE(next.await("pid ")) << next.output;
     shell("ip link set eth0 down");
-    EXPECT_TRUE(
-        eventually([] { return routes().find("198.51.100.2 via 203.0.113.1 dev wwan0") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([] { return routes().find("198.51.100.2 via 203.0.113.1 dev wwan0") != std::string::npos; }));
     ethernetOn();
     AccessTraffic::addIpv6("eth0");
     ASSERT_TRUE(isApplied(next)) << next.output;

@@ -202,7 +202,7 @@ TEST_F(RunTest, KilledRunIsCleanedUpByTheNextRequest)
         LineProcess run = start();
         ASSERT_TRUE(isApplied(run)) << run.output;
         run.sendSignal(SIGKILL);
-        ASSERT_TRUE(eventually([] { return runCommand({program, "restore"}).status == 0; }));
+        ASSERT_TRUE(comesTrue([] { return runCommand({program, "restore"}).status == 0; }));
         EXPECT_THAT(routes(), Not(HasSubstr("proto 119")));
         EXPECT_EQ("", shell("nft list ruleset"));
         shell("ip link del norvatun0");  // the command lives on
@@ -292,7 +292,7 @@ TEST_F(RunTest, ConfigurationStaysWhileTheDeviceIsMadeAnew)
     EXPECT_THAT(shell("nft list ruleset"), HasSubstr("vknetconfig-guard-norvatun0"));
     EXPECT_THAT(routes(), HasSubstr("198.51.100.2 via 192.0.2.1 dev eth0 proto 119"));
     EXPECT_TRUE(run.await("ready")) << run.output;
-    EXPECT_TRUE(eventually([] { return routes().find("0.0.0.0/1 dev norvatun0") != std::string::npos; }));
+    EXPECT_TRUE(comesTrue([] { return routes().find("0.0.0.0/1 dev norvatun0") != std::string::npos; }));
     EXPECT_THAT(shell("nft list ruleset"), HasSubstr("vknetconfig-guard-norvatun0"));
     EXPECT_TRUE(isReached("198.51.100.77"));
     run.sendSignal(SIGTERM);
@@ -361,7 +361,7 @@ TEST_F(RunTest, SleepIsPassedOn)
     const ChildProcess elogind = testsupport::startDaemon(Daemon::elogind);
     LineProcess run = start({profile, "--on-change", "USR1", "--on-change-exec", "echo told $WFOAL_EVENT"});
     ASSERT_TRUE(isApplied(run)) << run.output;
-    ASSERT_TRUE(eventually([&manager] {
+    ASSERT_TRUE(comesTrue([&manager] {
         return shell(manager + "ListInhibitors").find("norva-vpnagentd") != std::string::npos;
     })) << "the plug-in holds no inhibitor";
     shell(manager + "Suspend b false");

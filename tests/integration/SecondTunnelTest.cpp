@@ -152,7 +152,7 @@ TEST_F(SecondTunnelTest, KilledWireguardWhileOpenVpnRunsByItself)
     const pid_t carrier = std::stoi(shell("pgrep -x -P " + std::to_string(agent) + " wireguard-go"));
     kill(agent, SIGKILL);
     kill(carrier, SIGKILL);
-    ASSERT_TRUE(waitUntil([] { return shell("ip -br link show type tun").empty(); }));
+    ASSERT_TRUE(comesTrue([] { return shell("ip -br link show type tun").empty(); }));
     connect();
     const std::string connected = state();
     for (const char* command : {"up", "down"}) {

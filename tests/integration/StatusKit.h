@@ -8,22 +8,22 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
 
 using testing::HasSubstr;
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::CommandResult;
 using testsupport::contentOf;
 using testsupport::runCommand;
@@ -50,16 +50,6 @@ inline constexpr char splitTunnel[] = R"({
 inline void writeProfile(const std::string& text)
 {
     std::ofstream(profile) << text;
-}
-
-inline bool comesTrue(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return condition();
 }
 
 class StatusKit : public testing::Test {

@@ -10,14 +10,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include "CertElement.h"
 #include "CertificateAuthority.h"
 #include "CertificateInterface.h"
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "CommandError.h"
 #include "certificates/ServerVerdict.h"
 #include "client/ClientTls.h"
@@ -54,10 +53,7 @@ public:
                    "-CAfile", "/tmp/clientca.pem", "-Verify", "2", "-verify_return_error", "-rev"},
                   mLog.get())
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!connectToServer().valid() && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        testsupport::comesTrue([] { return connectToServer().valid(); });
     }
 
 private:

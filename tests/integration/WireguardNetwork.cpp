@@ -4,12 +4,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
+#include "ComesTrue.h"
 #include "Isolation.h"
 #include "Shell.h"
 #include "handles/UniqueFd.h"
@@ -91,11 +90,7 @@ bool wireguardStaysOnAddresses()
 
 bool awaitSuccess(const std::string& command)
 {
-    for (int tries = 0; tries < 1000; ++tries) {
-        if (runCommand({"sh", "-c", command}).status == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return comesTrue([&command] { return runCommand({"sh", "-c", command}).status == 0; });
 }
 
 std::string WireguardNetwork::unavailable()

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LineProcess.h"
+#include "ComesTrue.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,7 +25,7 @@ LineProcess::LineProcess(const std::vector<std::string>& command)
 
 bool LineProcess::await(const std::string& text)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + longestWait;
     while (std::chrono::steady_clock::now() < deadline) {
         pollfd watched{mReader.get(), POLLIN, 0};
         if (poll(&watched, 1, 1000) != 1) continue;

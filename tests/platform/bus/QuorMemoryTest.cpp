@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "AllocationFaults.h"
+#include "ComesTrue.h"
 #include "LoopShortage.h"
 #include "Payload.h"
 #include "QuorServiceFixture.h"
@@ -44,17 +45,15 @@ protected:
     /// A call that is answered with its payload, after some errors perhaps.
     static void expectCallsToSucceed(const Party& client, int nth)
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         std::string last;
-        do {
+        const auto isAnswered = [&] {
             Mailbox replies;
             call(client, replies);
-            ASSERT_THAT(replies.wait(1), SizeIs(1)) << "no answer after allocation " << nth;
-            last = replies.all().front();
-            if (last == answer) return;
-            usleep(5000);
-        } while (std::chrono::steady_clock::now() < end);
-        ADD_FAILURE() << "after allocation " << nth << " each call is answered with " << last;
+            last = replies.wait(1).empty() ? "nothing" : replies.all().front();
+            return last == answer;
+        };
+        EXPECT_TRUE(testsupport::comesTrue(isAnswered))
+            << "after allocation " << nth << " each call is answered with " << last;
     }
 
     /// A call while the nth allocation of that loop's thread fails. False when there are fewer.
@@ -174,11 +173,8 @@ TEST_F(QuorMemoryTest, WatchOnAServiceIsMadeAnew)
         const LoopShortage shortage(client.thread(), nth);
         EXPECT_TRUE(QSRegisterServerStatus(client.handle(), serviceName, keepStatus, &statuses, nullptr));
         const std::string connected = std::string(serviceName) + " connected";
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while ((statuses.size() == 0 || statuses.all().back() != connected) && std::chrono::steady_clock::now() < end)
-            usleep(5000);
-        ASSERT_FALSE(statuses.all().empty()) << nth;
-        EXPECT_EQ(connected, statuses.all().back()) << nth;
+        EXPECT_TRUE(testsupport::comesTrue([&] { return statuses.size() > 0 && statuses.all().back() == connected; }))
+            << nth;
         hasStruck = shortage.hasStruck();
     }
     EXPECT_GT(nth, 10);

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RunningDriver.h"
+#include "ComesTrue.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <thread>
 
 namespace testsupport {
 
@@ -39,13 +38,9 @@ RunningDriver::RunningDriver(const std::vector<std::string>& before, const std::
     append(after);
     const UniqueFd target(open((mName + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     mProcess = ChildProcess(command, target.get());
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (output().find("waiting\n") == std::string::npos) {
-        if (!mProcess.running() || std::chrono::steady_clock::now() > end) {
-            throw std::runtime_error("the driver does not wait: " + output());
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    const auto waits = [this] { return output().find("waiting\n") != std::string::npos; };
+    testsupport::comesTrue([&] { return waits() || !mProcess.running(); });
+    if (!waits()) throw std::runtime_error("the driver does not wait: " + output());
 }
 
 std::string RunningDriver::output() const

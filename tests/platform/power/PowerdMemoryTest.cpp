@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "AllocationFaults.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "FakeLogind.h"
 #include "LoopShortage.h"
@@ -48,17 +49,6 @@ protected:
         EXPECT_TRUE(PowerdResumeRegister(onResume));
         EXPECT_TRUE(PowerdSuspendedRegister(onSuspended));
         EXPECT_TRUE(PowerdPrepareSuspendRegister(onPrepare));
-    }
-
-    template <typename Condition>
-    static bool comesTrue(const Condition& condition)
-    {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            usleep(5000);
-        }
-        return true;
     }
 
     ChildProcess mBus = startBus();

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "FakeLogind.h"
 #include "LoopThread.h"
@@ -277,9 +277,7 @@ TEST_F(PowerdTest, ElogindSuspendsWithinTwoSecondsOfTheAgreement)
                                      "org.freedesktop.login1.Manager", "ListInhibitors"});
         return list.output.find("norva-vpnagentd") != std::string::npos;
     };
-    const auto deadline = steady_clock::now() + seconds(10);
-    while (!holds() && steady_clock::now() < deadline)
-        std::this_thread::yield();
+    ASSERT_TRUE(testsupport::comesTrue(holds));
     const auto begin = steady_clock::now();
     testsupport::runCommand({"busctl", "--system", "call", "org.freedesktop.login1", "/org/freedesktop/login1",
                              "org.freedesktop.login1.Manager", "Suspend", "b", "false"});
@@ -289,9 +287,7 @@ TEST_F(PowerdTest, ElogindSuspendsWithinTwoSecondsOfTheAgreement)
     std::string word;
     state >> word;
     EXPECT_TRUE(word == "freeze" || word == "mem") << word;  // the kernel was asked to
-    while (!holds() && steady_clock::now() < deadline + seconds(10))
-        std::this_thread::yield();
-    EXPECT_TRUE(holds());
+    EXPECT_TRUE(testsupport::comesTrue(holds));
 }
 
 }  // namespace

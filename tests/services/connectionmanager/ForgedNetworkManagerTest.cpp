@@ -5,12 +5,11 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
-#include <thread>
 
 #include "Attacker.h"
 #include "BusConnection.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "LoopThread.h"
 
@@ -100,17 +99,12 @@ protected:
 
     void waitForQuestions(int count) const
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (mManager->questions() < count && std::chrono::steady_clock::now() < end)
-            std::this_thread::yield();
+        testsupport::comesTrue([this, count] { return mManager->questions() >= count; });
         ASSERT_EQ(count, mManager->questions());
     }
     static void waitForPortal()
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (status().find(portal) == std::string::npos && std::chrono::steady_clock::now() < end) {
-        }
-        ASSERT_THAT(status(), HasSubstr(portal));
+        ASSERT_TRUE(testsupport::comesTrue([] { return status().find(portal) != std::string::npos; }));
     }
     /// Each question is asked as an ordinary user. What came before it on the bus has been dealt with.
     static std::string status()

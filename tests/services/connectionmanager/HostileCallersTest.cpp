@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <fstream>
 #include <stdexcept>
 
 #include "Attacker.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "handles/SdBus.h"
 
@@ -93,9 +93,10 @@ protected:
     static void expectInTheEnd(const std::string& expected, int connections, int each)
     {
         std::string result;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (result != expected && std::chrono::steady_clock::now() < end)
+        testsupport::comesTrue([&] {
             result = Subscribers(65534, connections, each).result();
+            return result == expected;
+        });
         EXPECT_EQ(expected, result);
     }
 

@@ -123,7 +123,7 @@ TEST_F(ApplyCommandTest, InterruptionDuringApplyRestores)
     setenv("NETCONFIG_DELAY", "500", 1);
     const UniqueFd target(open("/tmp/output", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     ChildProcess applying({program, "apply", profile}, target.get());
-    ASSERT_TRUE(eventually([] { return recordedCalls().size() == 3; }));
+    ASSERT_TRUE(comesTrue([] { return recordedCalls().size() == 3; }));
     applying.sendSignal(SIGINT);
     EXPECT_EQ(1, applying.wait());
     EXPECT_THAT(contentOf("/tmp/output"), HasSubstr("vpnoalctl: apply: interrupted, everything is restored; "));

@@ -9,14 +9,13 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ComesTrue.h"
 #include "Files.h"
 #include "Isolation.h"
 #include "handles/UniqueFd.h"
@@ -24,6 +23,7 @@
 namespace vpnoalctltest {
 
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::CommandResult;
 using testsupport::contentOf;
 using testsupport::runCommand;
@@ -46,16 +46,6 @@ inline std::vector<std::string> recordedCalls()
 inline void writeFile(const std::string& name, const std::string& text)
 {
     std::ofstream(name) << text;
-}
-
-template <class Condition>
-bool eventually(Condition condition)
-{
-    for (int tries = 0; tries < 500; ++tries) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
 }
 
 inline std::string links()
@@ -105,7 +95,7 @@ protected:
 
     static bool isConnected()
     {
-        return eventually([] { return contentOf("/tmp/output").find("connected") != std::string::npos; });
+        return comesTrue([] { return contentOf("/tmp/output").find("connected") != std::string::npos; });
     }
 
     static void expectRestored()

@@ -46,7 +46,7 @@ TEST_F(TunnelCommandTest, InterruptionDuringConnectRestores)
 {
     setenv("NETCONFIG_DELAY", "500", 1);
     ChildProcess connecting = startConnecting();
-    ASSERT_TRUE(eventually([] { return recordedCalls().size() == 3; }));
+    ASSERT_TRUE(comesTrue([] { return recordedCalls().size() == 3; }));
     connecting.sendSignal(SIGINT);
     EXPECT_EQ(0, connecting.wait());
     expectRestored();
@@ -58,7 +58,7 @@ TEST_F(TunnelCommandTest, ReaderOfTheOutputMayLeave)
         {"sh", "-c",
          std::string(program) + " connect " + profile + " --exec 'sleep 0.2; exit 5' | head -c 1 >/dev/null"});
     EXPECT_EQ(0, result.status);
-    EXPECT_TRUE(eventually([] { return recordedCalls().size() == 5; }));
+    EXPECT_TRUE(comesTrue([] { return recordedCalls().size() == 5; }));
     expectRestored();
 }
 
@@ -127,7 +127,7 @@ TEST_F(TunnelCommandTest, InterruptedCommandIsEndedFirst)
 {
     const UniqueFd target(open("/tmp/output", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     ChildProcess connecting({program, "connect", profile, "--exec", "echo started; exec sleep 100"}, target.get());
-    ASSERT_TRUE(eventually([] { return contentOf("/tmp/output").find("started") != std::string::npos; }));
+    ASSERT_TRUE(comesTrue([] { return contentOf("/tmp/output").find("started") != std::string::npos; }));
     connecting.sendSignal(SIGTERM);
     EXPECT_EQ(128 + SIGTERM, connecting.wait());
     expectRestored();

@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 
 #include "Attacker.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "dns/Dns.h"
 
@@ -29,25 +29,20 @@ std::string shown()
     return runCommand({daemonTool("resolvectl"), "dns", linkName}).output;
 }
 
-bool shows(const char* server, std::chrono::milliseconds limit)
+bool shows(const char* server, std::chrono::milliseconds limit = testsupport::longestWait)
 {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (shown().find(server) == std::string::npos) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return testsupport::comesTrue([server] { return shown().find(server) != std::string::npos; }, limit);
 }
 
 // On the bus are systemd-resolved, the watcher and the program that asks.
 void waitForWatcher()
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     std::ptrdiff_t connections = 0;
-    while (connections < 3 && std::chrono::steady_clock::now() < end) {
+    testsupport::comesTrue([&connections] {
         const std::vector<std::string> names = testsupport::namesOnBus();
         connections = std::count_if(names.begin(), names.end(), [](const auto& name) { return name.front() == ':'; });
-    }
+        return connections >= 3;
+    });
     ASSERT_EQ(3, connections);
 }
 
@@ -64,7 +59,7 @@ protected:
                                  "ip link add veth0 type veth peer name veth1; ip addr add 10.8.0.9/24 dev veth0;"
                                  "ip link set veth1 up; ip link set veth0 up"})
                          .status);
-        ASSERT_TRUE(shows(linkName, std::chrono::seconds(10)));
+        ASSERT_TRUE(shows(linkName));
     }
     void TearDown() override { runCommand({"ip", "link", "del", linkName}); }
 
@@ -80,7 +75,7 @@ TEST_F(ForgedResolvedTest, ForgedRestartSetsNothingAgain)
     const DnsSettings tunnel{{wfoal::Ipv4Address{inet_addr("10.8.0.1")}}, {"corp.test"}, false};
     dns.set(link, tunnel, dns.prepare(link, tunnel));
     waitForWatcher();
-    ASSERT_TRUE(shows("10.8.0.1", std::chrono::seconds(10)));
+    ASSERT_TRUE(shows("10.8.0.1"));
     ASSERT_EQ(0, runCommand({daemonTool("resolvectl"), "dns", linkName, "10.9.9.9"}).status);
     testsupport::forgeNameOwnerChanges(":1.4711");
     EXPECT_FALSE(shows("10.8.0.1", std::chrono::milliseconds(500)));

@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "ErrorOf.h"
 #include "RequestError.h"
@@ -23,6 +23,7 @@
 using namespace vknetconfig;
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
+using testsupport::comesTrue;
 using testsupport::Daemon;
 using testsupport::daemonTool;
 using testsupport::runCommand;
@@ -39,16 +40,6 @@ inline DnsSettings settings(const std::vector<const char*>& servers, const std::
 }
 
 inline const DnsSettings tunnel = settings({"10.8.0.1", "10.8.0.2"}, {"corp.test", "lab.test"}, false);
-
-inline bool comesTrue(const std::function<bool()>& condition, std::chrono::seconds limit = 10s)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return condition();
-}
 
 class ResolvedFixture : public testing::Test {
 protected:

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ComesTrue.h"
 #include "Driver.h"
 #include "KernelState.h"
 #include "RunningDriver.h"
@@ -189,8 +190,7 @@ TEST_F(GuardTest, ForwardedIpv6IsRejectedToo)
                                           "socket.socket(socket.AF_INET6, socket.SOCK_DGRAM).sendto(b'x', ('") +
                                       ipv6Far + "', 9))\"";
     run(sendFromGuest);
-    for (int tries = 0; tries < 200 && count("ipv6") == 0; ++tries)
-        run("sleep 0.02");
+    testsupport::comesTrue([] { return count("ipv6") > 0; });
     ASSERT_EQ(count("ipv6"), 1);
     ASSERT_EQ(add(full), 0);
     run(sendFromGuest);

@@ -4,14 +4,13 @@
 // it.
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <thread>
 
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "Driver.h"
 #include "KernelState.h"
@@ -46,15 +45,6 @@ protected:
     }
 
     static std::string servers() { return outputOf(daemonTool("resolvectl") + " dns vpn0"); }
-
-    static bool comesTrue(const std::function<bool()>& condition)
-    {
-        for (int attempt = 0; attempt < 500; ++attempt) {
-            if (condition()) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
 
     ChildProcess mBus;
     ChildProcess mResolved;

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <thread>
 
+#include "ComesTrue.h"
 #include "Driver.h"
 #include "KernelState.h"
 #include "handles/UniqueFd.h"
@@ -85,9 +86,7 @@ protected:
 
     static void waitUntilMoreThan(const std::string& interface, long count)
     {
-        for (int tries = 0; tries < 500 && countOf(interface) <= count; ++tries)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        ASSERT_GT(countOf(interface), count);
+        ASSERT_TRUE(testsupport::comesTrue([&] { return countOf(interface) > count; }));
     }
 
     // One process after the other makes the requests of an apply, each with the next of the files.
