@@ -128,7 +128,10 @@ WireguardNetwork::WireguardNetwork()
     mServerPublic = withoutEnd(shell("echo " + serverPrivate + " | wg pubkey"));
     mServer = ChildProcess(
         {"ip", "netns", "exec", "server", "env", "WG_PROCESS_FOREGROUND=1", "wireguard-go", "-f", "wgserver"});
-    if (!awaitSuccess("ip netns exec server wg show wgserver")) throw std::runtime_error("the server does not start");
+    // Not by wg, which removes a socket that does not listen yet.
+    if (!awaitSuccess("ip netns exec server ss -Hx state listening | grep -q /wgserver.sock")) {
+        throw std::runtime_error("the server does not start");
+    }
     std::ofstream("/tmp/server.conf") << "[Interface]\nPrivateKey = " << serverPrivate
                                       << "\nListenPort = 51820\n[Peer]\nPublicKey = "
                                       << withoutEnd(shell("echo " + mClientPrivate + " | wg pubkey"))
