@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "CertificateAuthority.h"
+#include "ComesTrue.h"
 #include "Daemons.h"
 #include "Endurance.h"
 #include "KernelState.h"
@@ -37,19 +38,8 @@ constexpr int busRestarts = 1000;
 constexpr int otherRestarts = 200;  // of systemd-resolved and of each service
 constexpr int pauses = 20;
 constexpr long mostUnexplained = 16L * 1024;  // bytes of one agent
-constexpr auto longestWait = std::chrono::seconds(60);
 
 enum class Victim { bus, resolved, connectionManager, certificateManager };
-
-bool comesTrue(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + longestWait;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 long countIn(const std::string& folder)
 {

@@ -49,7 +49,9 @@ protected:
         const auto isAnswered = [&] {
             Mailbox replies;
             call(client, replies);
-            last = replies.wait(1).empty() ? "nothing" : replies.all().front();
+            const auto received = replies.wait(1);
+            EXPECT_THAT(received, SizeIs(1)) << "no answer after allocation " << nth;
+            last = received.empty() ? "" : received.front();
             return last == answer;
         };
         EXPECT_TRUE(testsupport::comesTrue(isAnswered))
