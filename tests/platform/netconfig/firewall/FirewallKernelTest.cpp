@@ -6,11 +6,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/capability.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -18,11 +22,13 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <system_error>
 #include <thread>
 
 #include "FirewallFixture.h"
 #include "Isolation.h"
 #include "SystemCallKiller.h"
+#include "handles/Mnl.h"
 #include "handles/Stdio.h"
 
 using testing::HasSubstr;
@@ -86,16 +92,27 @@ protected:
     }
 };
 
-// When the rules change while nft reads, it begins again and at times keeps what it had: the listing has parts of two
-// dumps. In the kernel a table never has a chain twice.
-bool hasTwoDumps(const std::string& listing)
+// The kernel's number of the packet filter as it is now. Each transaction adds one.
+std::uint32_t generation()
 {
-    std::istringstream lines(listing);
-    std::set<std::string> chains;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("\tchain ", 0) == 0 && !chains.insert(line).second) return true;
-    }
-    return false;
+    const MnlSocketPtr socket(mnl_socket_open(NETLINK_NETFILTER));
+    std::array<char, 8192> buffer{};
+    nlmsghdr* const question = mnl_nlmsg_put_header(buffer.data());
+    question->nlmsg_type = NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETGEN;
+    question->nlmsg_flags = NLM_F_REQUEST;
+    mnl_nlmsg_put_extra_header(question, sizeof(nfgenmsg));
+    if (!socket || mnl_socket_sendto(socket.get(), question, question->nlmsg_len) < 0 ||
+        mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size()) < 0)
+        throw std::system_error(errno, std::generic_category(), "nftables' generation");
+    std::uint32_t number = 0;
+    const auto take = [](const nlattr* attribute, void* place) {
+        if (mnl_attr_get_type(attribute) == NFTA_GEN_ID)
+            *static_cast<std::uint32_t*>(place) = ntohl(mnl_attr_get_u32(attribute));
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(question, sizeof(nfgenmsg), take, &number);
+    if (number == 0) throw std::runtime_error("nftables tells no generation");
+    return number;
 }
 
 }  // namespace
@@ -308,12 +325,14 @@ TEST_F(FirewallKernelTest, AReaderNeverSeesTheFilterAbsentOrPartial)
     std::string other;
     std::thread reader([&] {
         while (!done && other.empty()) {
+            const std::uint32_t before = generation();
             const std::string seen = outputOf("nft list table inet vpn.vpnoal");
             if (seen == few) {
                 ++seenFew;
             } else if (seen == many) {
                 ++seenMany;
-            } else if (!hasTwoDumps(seen)) {
+            } else if (generation() == before) {
+                // Else nft has begun again. It keeps parts of what it had read at times.
                 other = seen;
             }
         }
@@ -321,7 +340,9 @@ TEST_F(FirewallKernelTest, AReaderNeverSeesTheFilterAbsentOrPartial)
     int replacements = 0;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while ((seenFew < 20 || seenMany < 20 || replacements < 200) && std::chrono::steady_clock::now() < end) {
+        const std::uint32_t before = generation();
         EXPECT_EQ(control(request(++replacements % 2 == 0 ? fewRules : manyRules)), 0);
+        EXPECT_EQ(generation(), before + 1) << "one transaction, which a reader sees whole or not at all";
     }
     done = true;
     reader.join();
