@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <csignal>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -91,6 +92,13 @@ protected:
         return -1;
     }
 
+    // False when there is none, or none yet.
+    static bool killWireguardGo(pid_t agent)
+    {
+        const pid_t carrier = wireguardGo(agent);
+        return carrier > 0 && kill(carrier, SIGKILL) == 0;
+    }
+
     static bool awaitEnd(pid_t process)
     {
         return awaitSuccess("! kill -0 " + std::to_string(process) + " 2>/dev/null");
@@ -105,6 +113,9 @@ protected:
     }
 
     void expectStateAsBefore() const { EXPECT_EQ(mBefore, state()); }
+
+    // Milliseconds without an answer. After 15 seconds WireGuard notices by itself that its path is gone.
+    static constexpr int beforeWireguardNotices = 10000;
 
     // Packets to a place that only the tunnel leads to, at a steady pace, and the time of each answer.
     class Pulse {
@@ -123,25 +134,41 @@ protected:
             return comesTrue([&] { return answers().size() >= before + count; });
         }
 
-        // Between two answers.
+        // Between two answers, in milliseconds.
         int longestGap() const
         {
-            const std::vector<double> times = answers();
+            const std::vector<Answer> all = answers();
             double longest = 0;
-            for (std::size_t i = 1; i < times.size(); ++i)
-                longest = std::max(longest, times[i] - times[i - 1]);
+            for (std::size_t i = 1; i < all.size(); ++i)
+                longest = std::max(longest, all[i].time - all[i - 1].time);
             return static_cast<int>(longest * 1000);
         }
 
+        // Packets before the last answer that have none.
+        int unanswered() const
+        {
+            std::set<int> numbers;
+            for (const Answer& answer : answers())
+                numbers.insert(answer.number);
+            return numbers.empty() ? 0 : *numbers.rbegin() - *numbers.begin() + 1 - static_cast<int>(numbers.size());
+        }
+
     private:
-        static std::vector<double> answers()
+        struct Answer {
+            double time;  // in seconds
+            int number;   // of the packet
+        };
+
+        static std::vector<Answer> answers()
         {
             std::istringstream lines(contentOf("/tmp/pulse"));
-            std::vector<double> times;
+            std::vector<Answer> all;
             for (std::string line; std::getline(lines, line);) {
-                if (line.find("bytes from") != std::string::npos) times.push_back(std::stod(line.substr(1)));
+                const auto number = line.find("icmp_seq=");
+                if (line.find("bytes from") == std::string::npos || number == std::string::npos) continue;
+                all.push_back({std::stod(line.substr(1)), std::stoi(line.substr(number + 9))});
             }
-            return times;
+            return all;
         }
 
         UniqueFd mOutput;
