@@ -124,22 +124,20 @@ TEST_F(OpenVpnRunTest, WithoutRoutesOfItsOwnAKilledOpenVpnLeavesNothing)
     EXPECT_EQ(mBefore, state());
 }
 
-// A connection of TCP is bound to an address, which is gone. OpenVPN would notice after eight seconds, as the server's
+// A connection of TCP is bound to an address, which is gone. OpenVPN would notice after ten minutes, as the server's
 // "keepalive" says.
 TEST_F(OpenVpnRunTest, OverTcpTheSignalHasItConnectAgain)
 {
-    mServerOptions = {"--proto", "tcp-server"};
+    mServerOptions = {"--proto", "tcp-server", "--keepalive", "1", "600"};
     startServer("subnet", {"redirect-gateway def1"});
     expectTheControlToSeePackets();
     connectInAgent({"--proto", "tcp-client"}, {"--on-change", "SIGUSR1"});
     const int before = arrived("beside");
     const SteadySender sender(behindServer);
-    const auto begin = std::chrono::steady_clock::now();
     shell("ip link set eth0 down");
     awaitConnections(2);
     const int through = arrived("through");
     EXPECT_TRUE(comesTrue([through] { return arrived("through") > through + 20; })) << contentOf(clientLog);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
     EXPECT_EQ(before, arrived("beside"));
     disconnect();
     shell("ip link set eth0 up; ip -6 address flush dev eth0; ip route add default via 192.0.2.1 dev eth0 metric 100");
