@@ -150,8 +150,8 @@ TEST_F(ForkTest, AChildForkedDuringARequestKeepsNoLock)
 
 TEST_F(ForkTest, AChildForkedDuringARequestCanMakeRequestsItself)
 {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "a lock of the address sanitizer's allocator stays taken in the child when the parent allocates";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a lock of the sanitizer's allocator stays taken in the child when the parent allocates";
 #endif
     {
         Requests requests;
