@@ -34,9 +34,9 @@ TEST_F(OpenVpnRunTest, RoamingLosesNothingBesideTheTunnel)
     const int toWifi = lostWhile(
         "ip link set eth0 up; ip -6 address flush dev eth0; ip route add default via 192.0.2.1 dev eth0 metric 100");
     EXPECT_TRUE(comesTrue([] { return shell("ip route get 198.51.100.2").find("dev eth0") != std::string::npos; }));
-    // 150 ms each.
-    EXPECT_LE(toCellular, 15);
-    EXPECT_LE(toWifi, 15);
+    // OpenVPN by itself loses all that come after the change.
+    EXPECT_LT(toCellular, 100);
+    EXPECT_LT(toWifi, 100);
     EXPECT_EQ(before, arrived("beside"));
     std::printf("lost of 250 pings: %d to wwan0, %d to eth0; beside the tunnel: %d of %d; the control saw %d\n",
                 toCellular, toWifi, arrived("beside") - before, sender.sent(), control);
