@@ -231,7 +231,7 @@ TEST_F(ResolvedRestartTest, ASilentBusHoldsNobodyUpForLong)
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.prepare(link(), tunnel); }),
                 StartsWith("ipv4.dns: no resolver takes it"));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);  // sd-bus would wait 25 seconds
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", real.c_str(), 1);
 }
 
@@ -243,7 +243,7 @@ TEST_F(ResolvedRestartTest, AStoppedServiceHoldsNobodyUpForLong)
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_THAT(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }),
                 HasSubstr("ipv4.dns: systemd-resolved: "));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);  // sd-bus would wait 25 seconds
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 12s);
     resolved.sendSignal(SIGCONT);
     EXPECT_EQ(testsupport::errorOf<RequestError>([&] { dns.undo(prepared); }), "no error");
     EXPECT_EQ(shown("dns"), "");
